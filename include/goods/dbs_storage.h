@@ -1,0 +1,192 @@
+// What the bytes of a database must be able to do.
+//
+// A storage keeps object states by number: an object number, the number of the class layout that
+// the state was written under, and packed bytes that it never interprets. Everything above (object
+// caches, transactions, classes) works against this contract, so every backend is tested by the
+// same suite.
+//
+// Versions: every commit gets the next commit version; version order is commit order. A state that
+// load() hands out is the one as of some version that it names.
+// Notices: each subscription receives every commit's changed numbers, in version order, without gaps.
+// Threads: every function may be called from any thread at any time, unless it says otherwise.
+// Errors: throw_error() with the codes of errors.h; messages name the storage's directory or
+// address and, where one is concerned, the object number.
+#pragma once
+
+#include <chrono>
+#include <cstddef>
+#include <cstdint>
+#include <functional>
+#include <memory>
+#include <span>
+#include <string>
+#include <vector>
+
+#include <goods/errors.h>
+
+namespace goods {
+
+using storage_number = std::uint16_t;  // place in the configuration file, 0 upwards
+using object_number = std::uint32_t;   // below first_object_number: class layouts
+using class_number = std::uint16_t;    // number of a class layout; 0 is never used
+using commit_version = std::uint64_t;  // 0: before the first commit
+
+inline constexpr object_number first_object_number = 0x10000;
+inline constexpr object_number root_object_number = 0x10000;
+inline constexpr std::size_t max_state_size = std::size_t{1} << 30;  // bytes of one packed object
+
+// One stored object as load() hands it over. `body` stays valid only during the call that passes it.
+struct object_state {
+  object_number number;
+  class_number layout;
+  std::span<const std::byte> body;
+};
+
+// Receives what load() finds, in no particular order.
+class state_sink {
+ public:
+  virtual ~state_sink() = default;
+  virtual void found(const object_state& state) = 0;
+  virtual void missing(object_number number) = 0;
+};
+
+// One object's part in a commit. `body` must stay valid until commit() or prepare() returns.
+struct object_change {
+  object_number number;
+  class_number layout;              // ignored when removed
+  std::span<const std::byte> body;  // ignored when removed
+  bool removed = false;
+  bool is_new = false;              // did not exist before; left out of notices
+};
+
+// Identifies the transaction that a notice tells of. The committer's session compares `origin` with
+// its own address and finds in `attachment` what it handed to commit().
+struct notice {
+  commit_version version = 0;
+  std::vector<object_number> changed;  // written and removed, not newly allocated ones
+  const void* origin = nullptr;
+  std::shared_ptr<void> attachment;
+};
+
+struct commit_request {
+  std::span<const object_change> changes;
+  const void* origin = nullptr;
+  std::shared_ptr<void> attachment;
+};
+
+// A commit that takes part in several storages, unique in the world (random).
+struct global_transaction {
+  std::uint64_t high = 0, low = 0;
+  friend auto operator<=>(const global_transaction&, const global_transaction&) = default;
+};
+
+// One session's view of a storage's notices. Destroying it unsubscribes.
+// Threads: one caller at a time.
+class notice_subscription {
+ public:
+  virtual ~notice_subscription() = default;
+
+  // The newest version whose notice is queued. Cheap: one atomic load; safe from any thread.
+  virtual commit_version newest() const = 0;
+
+  // Takes all queued notices, oldest first; returns only after `through` has been queued (a commit
+  // that is visible to load() is queued at most moments later).
+  virtual std::vector<std::shared_ptr<const notice>> take(commit_version through) = 0;
+};
+
+enum class lock_mode : std::uint8_t { shared, exclusive };
+
+// A transaction as the lock tables see it. One owner may hold locks in several storages; waiting
+// owners of all storages of the process form one graph, so that a cycle through two storages is
+// found as well.
+// Threads: the thread that runs the transaction. Ownership: the transaction's.
+class lock_owner;
+
+// Holds the locks of one storage.
+class lock_table {
+ public:
+  virtual ~lock_table() = default;
+
+  // Waits until `owner` holds `number` in `mode` (shared may grow to exclusive). Already holding it
+  // costs one look-up. Throws deadlock at once when waiting would close a cycle, lock_timeout after
+  // `limit`; both leave the owner's other locks alone.
+  // Returns the newest commit version at the time of the grant: a cached state older than a commit
+  // up to it may be stale.
+  virtual commit_version lock(lock_owner& owner, object_number number, lock_mode mode,
+                              std::chrono::milliseconds limit) = 0;
+
+  // Releases all that `owner` holds here.
+  virtual void unlock_all(lock_owner& owner) noexcept = 0;
+};
+
+struct layout_record {
+  class_number number;
+  std::vector<std::byte> layout;
+};
+
+struct storage_statistics {
+  std::uint64_t file_bytes = 0;      // all files of the storage
+  std::uint64_t used_bytes = 0;      // without free room inside them
+  std::uint64_t commits = 0;         // since opening
+  std::uint64_t commit_groups = 0;   // flushes that carried them
+};
+
+class dbs_storage {
+ public:
+  virtual ~dbs_storage() = default;
+
+  // For messages: the directory or address.
+  virtual const std::string& name() const = 0;
+
+  // Hands every asked-for object to `into` and returns the version that the states are as of, which
+  // is at least `at_least`. A number that no object has is reported missing.
+  virtual commit_version load(std::span<const object_number> numbers, commit_version at_least,
+                              state_sink& into) = 0;
+
+  // `count` consecutive numbers nobody else gets, all >= first_object_number; never the root's.
+  // They are not durable: numbers that no commit uses are handed out again after reopening.
+  virtual object_number allocate(std::uint32_t count) = 0;
+
+  // Makes all changes durable and visible, or none. Commits that arrive together share one flush.
+  // Returns the commit's version; by then every subscription has its notice. Throws input_output or
+  // storage_full when nothing was committed, outcome_unknown when that cannot be told.
+  virtual commit_version commit(const commit_request& request) = 0;
+
+  // The number of a class layout, which becomes durable (at once, in a commit of its own) when this
+  // storage has not seen it before. Equal bytes get equal numbers.
+  virtual class_number intern_layout(std::span<const std::byte> layout) = 0;
+  virtual std::vector<layout_record> layouts() = 0;
+
+  virtual std::unique_ptr<notice_subscription> subscribe() = 0;
+  virtual commit_version newest_version() const = 0;
+  virtual lock_table& locks() = 0;
+
+  // Several storages: see multi_commit.h, which is the only caller of these.
+  // prepare() makes the changes durable but invisible. commit_prepared() makes them visible; the
+  // version returned has its notice queued only by publish_prepared(). Between the two calls load()
+  // keeps to older versions.
+  virtual void prepare(const global_transaction& id, const commit_request& request) = 0;
+  // `decide`: record durably, in the same flush, that the transaction as a whole is committed.
+  virtual commit_version commit_prepared(const global_transaction& id, bool decide) = 0;
+  virtual void publish_prepared(const global_transaction& id) = 0;
+  virtual void discard_prepared(const global_transaction& id) = 0;
+  virtual std::vector<global_transaction> prepared() = 0;    // found when opening
+  virtual bool was_decided(const global_transaction& id) = 0;
+  virtual void forget_decision(const global_transaction& id) = 0;
+
+  // Calls `visit` for every object in number order, all as of one version, while commits go on.
+  // `visit` returns false to stop.
+  virtual void for_each(const std::function<bool(const object_state&)>& visit) = 0;
+
+  virtual storage_statistics statistics() = 0;
+};
+
+// Opens the storage that `address` names (for example "file:./data"), creating it when missing. A
+// relative path is taken from `base_directory`. All sessions of a process that open the same storage
+// share one object. Options follow a '?': "file:./data?durability=relaxed&mmap=off".
+// Throws usage for an address that no backend knows, database_in_use when another process holds it,
+// and input_output naming the directory when that cannot be read or written.
+std::shared_ptr<dbs_storage> open_storage(const std::string& address,
+                                          const std::string& base_directory);
+
+}  // namespace goods
