@@ -1,0 +1,37 @@
+# Language level, warnings and the tools around the compiler.
+
+set(CMAKE_CXX_STANDARD 20)
+set(CMAKE_CXX_STANDARD_REQUIRED ON)
+set(CMAKE_CXX_EXTENSIONS OFF)
+set(CMAKE_POSITION_INDEPENDENT_CODE ON)
+set(CMAKE_CXX_VISIBILITY_PRESET hidden)
+set(CMAKE_VISIBILITY_INLINES_HIDDEN ON)
+set(CMAKE_EXPORT_COMPILE_COMMANDS ON)
+
+find_package(Threads REQUIRED)
+
+if(PROJECT_IS_TOP_LEVEL)
+  find_program(TARNS_CCACHE ccache)
+  if(TARNS_CCACHE AND NOT CMAKE_CXX_COMPILER_LAUNCHER)
+    set(CMAKE_CXX_COMPILER_LAUNCHER "${TARNS_CCACHE}")
+  endif()
+  # One place for all programs, so that each finds libtarns.so and each other.
+  set(CMAKE_RUNTIME_OUTPUT_DIRECTORY "${PROJECT_BINARY_DIR}/bin")
+  set(CMAKE_LIBRARY_OUTPUT_DIRECTORY "${PROJECT_BINARY_DIR}/lib")
+endif()
+
+# What every target of this project is compiled with; nothing of it reaches a consumer.
+add_library(tarns_build INTERFACE)
+target_include_directories(tarns_build INTERFACE "${PROJECT_SOURCE_DIR}/include"
+                                                 "${PROJECT_SOURCE_DIR}/src")
+target_link_libraries(tarns_build INTERFACE Threads::Threads)
+target_compile_options(tarns_build INTERFACE -fno-omit-frame-pointer)
+
+if(TARNS_DEVELOPER)
+  target_compile_options(tarns_build INTERFACE -Wall -Wextra -Wpedantic -Wshadow
+                                               -Wnon-virtual-dtor -Wundef -Werror)
+  find_program(TARNS_LLD ld.lld)
+  if(TARNS_LLD)
+    target_link_options(tarns_build INTERFACE -fuse-ld=lld)
+  endif()
+endif()

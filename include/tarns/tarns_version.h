@@ -1,0 +1,13 @@
+#ifndef TARNS_TARNS_VERSION_H_
+#define TARNS_TARNS_VERSION_H_
+
+#include <tarns/tarns_api.h>
+
+namespace tarns {
+
+// The version of the library that the process runs with, such as "0.1.0"; static text.
+TARNS_API const char* GetLibraryVersion();
+
+}  // namespace tarns
+
+#endif  // TARNS_TARNS_VERSION_H_

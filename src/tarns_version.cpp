@@ -1,0 +1,7 @@
+#include <tarns/tarns_version.h>
+
+namespace tarns {
+
+const char* GetLibraryVersion() { return TARNS_VERSION; }
+
+}  // namespace tarns

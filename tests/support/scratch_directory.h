@@ -1,0 +1,50 @@
+#ifndef TESTS_SUPPORT_SCRATCH_DIRECTORY_H_
+#define TESTS_SUPPORT_SCRATCH_DIRECTORY_H_
+
+#include <stdlib.h>
+
+#include <cerrno>
+#include <cstdlib>
+#include <filesystem>
+#include <iostream>
+#include <string>
+#include <string_view>
+#include <system_error>
+
+// A new directory of one test, removed with everything in it when the test is over.
+//
+// It lies under TMPDIR (or /tmp), has the mode 0700 and a name that no other process uses. With
+// TARNS_KEEP_SCRATCH set in the environment it stays and its path is printed.
+// Errors: std::system_error when the directory cannot be made.
+class scratch_directory {
+ public:
+  scratch_directory() {
+    std::string pattern = (std::filesystem::temp_directory_path() / "tarns-test-XXXXXX").string();
+    if (::mkdtemp(pattern.data()) == nullptr)
+      throw std::system_error(errno, std::generic_category(), pattern);
+    path_ = pattern;
+  }
+
+  scratch_directory(const scratch_directory&) = delete;
+  scratch_directory& operator=(const scratch_directory&) = delete;
+
+  ~scratch_directory() {
+    if (std::getenv("TARNS_KEEP_SCRATCH") != nullptr) {
+      std::cerr << "kept: " << path_ << '\n';
+      return;
+    }
+    std::error_code failure;
+    std::filesystem::remove_all(path_, failure);
+    if (failure) std::cerr << "left over: " << path_ << ": " << failure.message() << '\n';
+  }
+
+  const std::filesystem::path& path() const { return path_; }
+
+  // The path of `name` within; nothing is created.
+  std::string file(std::string_view name) const { return (path_ / name).string(); }
+
+ private:
+  std::filesystem::path path_;
+};
+
+#endif  // TESTS_SUPPORT_SCRATCH_DIRECTORY_H_
