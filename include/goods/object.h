@@ -1,0 +1,87 @@
+// The base of all persistent classes.
+#pragma once
+
+#include <atomic>
+#include <cstddef>
+#include <cstdint>
+#include <utility>
+
+#include <goods/object_ref.h>
+
+namespace goods {
+
+class class_descriptor;
+class field_descriptor;
+class object_handle;
+class byte_reader;
+class byte_writer;
+
+// Is shown every reference of an object, in the order of the stored form.
+class ref_visitor {
+ public:
+  virtual ~ref_visitor() = default;
+  virtual void visit(ref_word& word, ref_kind kind) = 0;
+};
+
+// One version of a persistent object: a C++ object whose persistent members its class descriptor
+// knows. Reach it through ref<T>; see ref.h for reading and writing.
+//
+// Which members are persistent is declared by field descriptors (name, type, size, count, offset).
+// A class whose stored state has a part of varying length (a text, the entries of an index page)
+// also overrides the functions named ..._varying(), which must agree with the fields of count 0 that
+// its descriptor declares.
+//
+// Ownership: bodies are counted by pins: one for the handle, one for each access in progress.
+// Threads: a committed body is never changed; a transient or private one belongs to one thread.
+class GOODS_API object {
+ public:
+  // Makes the body of a new transient object, and its handle. Give it to a ref at once.
+  explicit object(class_descriptor& cls);
+  // Makes one more version of the object behind `handle` (what a class descriptor's constructor
+  // function is called for); null for a prototype that is never stored.
+  object(object_handle* handle, class_descriptor& cls);
+  virtual ~object();
+  object(const object&) = delete;
+  object& operator=(const object&) = delete;
+
+  object_handle* handle() const { return handle_; }
+  class_descriptor& cls() const { return *cls_; }
+
+  // The persistent members of this class and its bases, as a circular list; null for none.
+  virtual field_descriptor* describe_components() { return nullptr; }
+
+  // The varying part. `self` is the object's own identifier, which references are stored relative to.
+  virtual void pack_varying(byte_writer& out, object_id self) const;
+  // `in` holds what pack_varying() of the stored layout wrote; throws corrupt_data when it does not.
+  virtual void unpack_varying(byte_reader& in, object_id self);
+  virtual void copy_varying(const object& from);
+  virtual void visit_varying(ref_visitor& visitor);
+  virtual std::size_t varying_bytes() const { return 0; }  // heap memory beyond the instance
+
+  // Places this transient object in a certain storage of the database that it will be stored in.
+  void attach_to_storage(database* db, std::uint32_t storage);
+  // Places this transient object beside `other`: in the same storage and, where they are stored by
+  // the same commit, with a number near it. No effect on a stored object.
+  void cluster_with(const object_ref& other);
+
+  // Takes over the identity of `other`: every reference to `other` sees this object's content from
+  // now on. This object must be transient and of the same class; it is empty afterwards. Part of the
+  // calling thread's transaction.
+  void become(const object_ref& other);
+
+  void pin() const { pins_.fetch_add(1, std::memory_order_relaxed); }
+  void unpin() const;  // destroys the body when it was the last
+
+  // Set by a change after which a path that led to some object may lead elsewhere (an entry removed,
+  // an index exchanged); remembered paths are dropped when the change is published.
+  void note_relinked() { relinked_ = true; }
+  bool take_relinked() { return std::exchange(relinked_, false); }
+
+ private:
+  object_handle* handle_;
+  class_descriptor* cls_;
+  mutable std::atomic<std::uint32_t> pins_{1};
+  bool relinked_ = false;
+};
+
+}  // namespace goods
