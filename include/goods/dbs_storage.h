@@ -59,8 +59,8 @@ struct object_change {
   bool is_new = false;              // did not exist before; left out of notices
 };
 
-// Identifies the transaction that a notice tells of. The committer's session compares `origin` with
-// its own address and finds in `attachment` what it handed to commit().
+// Tells which objects a commit changed. The committer's session compares `origin` with its own
+// address and finds in `attachment` what it handed to commit().
 struct notice {
   commit_version version = 0;
   std::vector<object_number> changed;  // written and removed, not newly allocated ones
@@ -80,6 +80,25 @@ struct global_transaction {
   friend auto operator<=>(const global_transaction&, const global_transaction&) = default;
 };
 
+// A storage, wherever its directory is moved; unique in the world (random, made with the storage).
+struct storage_identity {
+  std::uint64_t high = 0, low = 0;
+  friend auto operator<=>(const storage_identity&, const storage_identity&) = default;
+};
+
+// A storage's part in a commit over several: durable, but neither visible nor given up.
+struct prepared_commit {
+  global_transaction id;
+  storage_identity coordinator;  // where the decision is recorded
+  std::string coordinator_name;  // as it was when prepared; for messages
+};
+
+// That a commit over several storages is to be finished in all of them.
+struct commit_decision {
+  global_transaction id;
+  std::vector<storage_identity> participants;  // without the coordinator
+};
+
 // One session's view of a storage's notices. Destroying it unsubscribes.
 // Threads: one caller at a time.
 class notice_subscription {
@@ -90,7 +109,8 @@ class notice_subscription {
   virtual commit_version newest() const = 0;
 
   // Takes all queued notices, oldest first; returns only after `through` has been queued (a commit
-  // that is visible to load() is queued at most moments later).
+  // that is visible to load() is queued at most moments later). `through` is a version that load(),
+  // lock(), commit() or newest() has named.
   virtual std::vector<std::shared_ptr<const notice>> take(commit_version through) = 0;
 };
 
@@ -157,25 +177,46 @@ class dbs_storage {
   virtual class_number intern_layout(std::span<const std::byte> layout) = 0;
   virtual std::vector<layout_record> layouts() = 0;
 
-  virtual std::unique_ptr<notice_subscription> subscribe() = 0;
+  // Notices of the commits after newest_version(). With an `origin`, attachments come with the
+  // notices of that origin only, and when notices pile up untaken, neighbouring ones of other origins
+  // become one: version of the last, origin null, changed numbers of all (sorted, each once). With
+  // null every notice comes as it is.
+  virtual std::unique_ptr<notice_subscription> subscribe(const void* origin) = 0;
+
+  // The newest version that is visible and whose notice is queued.
   virtual commit_version newest_version() const = 0;
   virtual lock_table& locks() = 0;
 
-  // Several storages: see multi_commit.h, which is the only caller of these.
-  // prepare() makes the changes durable but invisible. commit_prepared() makes them visible; the
-  // version returned has its notice queued only by publish_prepared(). Between the two calls load()
-  // keeps to older versions.
-  virtual void prepare(const global_transaction& id, const commit_request& request) = 0;
-  // `decide`: record durably, in the same flush, that the transaction as a whole is committed.
-  virtual commit_version commit_prepared(const global_transaction& id, bool decide) = 0;
-  virtual void publish_prepared(const global_transaction& id) = 0;
+  // Several storages: storage/multi_commit.h is the only caller of these and says how they follow
+  // each other. All make what they change durable before they return, under any durability option,
+  // except forget_decision(). A failed one leaves everything as it was, unless outcome_unknown is
+  // thrown.
+  virtual storage_identity identity() const = 0;
+
+  // Makes the changes durable, but not visible.
+  virtual void prepare(const global_transaction& id, const storage_identity& coordinator,
+                       const std::string& coordinator_name, const commit_request& request) = 0;
+  // At the coordinator: makes the changes and the decision durable at once.
+  virtual commit_version commit_and_decide(const commit_decision& decision,
+                                           const commit_request& request) = 0;
+  // At the others, once it is decided.
+  virtual commit_version commit_prepared(const global_transaction& id) = 0;
+  // From commit_and_decide() or commit_prepared() to publish(), load() keeps to older versions and
+  // other commits wait. publish() queues the notice and shows the version; it cannot fail.
+  virtual void publish(const global_transaction& id) noexcept = 0;
+  // In place of publish() when another participant failed after the decision: load() keeps to older
+  // versions and commits throw outcome_unknown until the storage is opened again and recovered.
+  virtual void abandon(const global_transaction& id) noexcept = 0;
   virtual void discard_prepared(const global_transaction& id) = 0;
-  virtual std::vector<global_transaction> prepared() = 0;    // found when opening
-  virtual bool was_decided(const global_transaction& id) = 0;
+  // Lazily, with a later commit: losing this in a crash does no harm.
   virtual void forget_decision(const global_transaction& id) = 0;
 
+  // What opening the storage found and recovery has not settled yet; nothing that is in progress.
+  virtual std::vector<prepared_commit> prepared() = 0;
+  virtual std::vector<commit_decision> decisions() = 0;
+
   // Calls `visit` for every object in number order, all as of one version, while commits go on.
-  // `visit` returns false to stop.
+  // `visit` returns false to stop. Long visits keep the storage's write-ahead log from shrinking.
   virtual void for_each(const std::function<bool(const object_state&)>& visit) = 0;
 
   virtual storage_statistics statistics() = 0;
@@ -183,9 +224,12 @@ class dbs_storage {
 
 // Opens the storage that `address` names (for example "file:./data"), creating it when missing. A
 // relative path is taken from `base_directory`. All sessions of a process that open the same storage
-// share one object. Options follow a '?': "file:./data?durability=relaxed&mmap=off".
-// Throws usage for an address that no backend knows, database_in_use when another process holds it,
-// and input_output naming the directory when that cannot be read or written.
+// share one object; the last one to let go of it closes it. Options follow a '?' (see
+// storage/storage_address.h): "file:./data?durability=relaxed&mmap=off&cache=64M".
+// Throws usage for an address that no backend knows and for options that differ from those of the
+// sessions that have it open, database_in_use when another process holds it, and input_output naming
+// the directory when that cannot be read or written.
+// After fork() the child's calls throw usage: what its parent opened is its parent's.
 std::shared_ptr<dbs_storage> open_storage(const std::string& address,
                                           const std::string& base_directory);
 
