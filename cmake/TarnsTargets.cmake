@@ -5,13 +5,6 @@
 # tarns_test(<name> ...)     one test program
 # tarns_program(<name> ...)  a program that tests start, an example, a benchmark
 
-# Keeps `keyword` lists of a family in global properties, where the order of folders does not matter.
-function(_tarns_remember family)
-  cmake_parse_arguments(arg "" "" "DEPENDS" ${ARGN})
-  set_property(GLOBAL PROPERTY "TARNS_FAMILY_${family}_DEPENDS" "${arg_DEPENDS}")
-  set_property(GLOBAL APPEND PROPERTY TARNS_FAMILIES "${family}")
-endfunction()
-
 # `result`: the families and everything below them, each once. Families may need each other.
 function(_tarns_families_below result)
   set(open ${ARGN})
@@ -52,7 +45,11 @@ function(tarns_family name)
   if(arg_UNPARSED_ARGUMENTS)
     message(FATAL_ERROR "tarns_family(${name}): unknown: ${arg_UNPARSED_ARGUMENTS}")
   endif()
-  _tarns_remember("${name}" DEPENDS ${arg_DEPENDS})
+  # Kept in global properties, so that the order of the folders does not matter.
+  set_property(GLOBAL APPEND PROPERTY TARNS_FAMILIES "${name}")
+  set_property(GLOBAL PROPERTY "TARNS_FAMILY_${name}_DEPENDS" "${arg_DEPENDS}")
+  set_property(GLOBAL PROPERTY "TARNS_FAMILY_${name}_FOLDER" "${CMAKE_CURRENT_SOURCE_DIR}")
+  set_property(GLOBAL PROPERTY "TARNS_FAMILY_${name}_HEADERS" "${arg_PUBLIC_HEADERS}")
 
   list(TRANSFORM arg_PUBLIC_HEADERS PREPEND "${PROJECT_SOURCE_DIR}/include/")
   if(arg_PUBLIC_HEADERS)
@@ -150,4 +147,22 @@ function(tarns_command)
     set_target_properties(tarns_command PROPERTIES OUTPUT_NAME tarns INSTALL_RPATH
                                                    "$ORIGIN/../${CMAKE_INSTALL_LIBDIR}")
   endif()
+endfunction()
+
+# A test that no family includes a header of one that does not stand below it.
+function(tarns_add_layers_test)
+  get_property(families GLOBAL PROPERTY TARNS_FAMILIES)
+  set(text "set(families ${families})\n")
+  foreach(family IN LISTS families)
+    get_property(folder GLOBAL PROPERTY "TARNS_FAMILY_${family}_FOLDER")
+    get_property(headers GLOBAL PROPERTY "TARNS_FAMILY_${family}_HEADERS")
+    _tarns_families_below(below ${family})
+    string(APPEND text "set(${family}_folder \"${folder}\")\n" "set(${family}_below ${below})\n"
+                       "set(${family}_headers ${headers})\n")
+  endforeach()
+  set(layers "${PROJECT_BINARY_DIR}/layers.cmake")
+  file(WRITE "${layers}" "${text}")
+  add_test(NAME house.no_family_includes_one_above_it
+           COMMAND "${CMAKE_COMMAND}" "-DLAYERS=${layers}" "-DROOT=${PROJECT_SOURCE_DIR}" -P
+                   "${PROJECT_SOURCE_DIR}/cmake/check_layers.cmake")
 endfunction()
