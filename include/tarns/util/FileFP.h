@@ -1,0 +1,27 @@
+#pragma once
+
+#include <tarns/tarns_api.h>
+#include <tarns/util/XString.h>
+
+#include <string>
+#include <string_view>
+
+namespace tarns {
+
+// Whole files. Errors are XException and name the file and what the system said.
+class TARNS_API FileFP {
+ public:
+  // Reads the file into `text`, which a NUL byte in the file cuts. When it cannot be read and
+  // `mustExist` is 1, throws; with 0 it returns false and leaves `text` alone.
+  static bool ReadFromFile(const char* path, XString& text, int mustExist = 1);
+
+  // Reads the file with all its bytes.
+  static std::string ReadBytes(const char* path);
+
+  // Replaces the file by one with `content`, so that at any moment, also after a loss of power,
+  // either the old file or the whole new one is there. `permissions` are taken literally, whatever
+  // the umask. A symbolic link at `path` is replaced itself; what it points to is not touched.
+  static void WriteToFile(const char* path, std::string_view content, unsigned permissions = 0600);
+};
+
+}  // namespace tarns
