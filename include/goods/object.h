@@ -4,6 +4,8 @@
 #include <atomic>
 #include <cstddef>
 #include <cstdint>
+#include <cstring>
+#include <new>
 #include <utility>
 
 #include <goods/object_ref.h>
@@ -11,6 +13,7 @@
 namespace goods {
 
 class class_descriptor;
+class database;
 class field_descriptor;
 class object_handle;
 class byte_reader;
@@ -21,6 +24,11 @@ class ref_visitor {
  public:
   virtual ~ref_visitor() = default;
   virtual void visit(ref_word& word, ref_kind kind) = 0;
+};
+
+// Bytes that a body gets beyond its C++ class, zeroed; see class_descriptor.h.
+struct extra_room {
+  std::size_t bytes;
 };
 
 // One version of a persistent object: a C++ object whose persistent members its class descriptor
@@ -43,6 +51,19 @@ class GOODS_API object {
   virtual ~object();
   object(const object&) = delete;
   object& operator=(const object&) = delete;
+
+  static class_descriptor self_class;  // the base of all; has no members
+
+  static void* operator new(std::size_t size) { return ::operator new(size); }
+  static void* operator new(std::size_t size, extra_room extra) {
+    void* room = ::operator new(size + extra.bytes);
+    std::memset(static_cast<char*>(room) + size, 0, extra.bytes);
+    return room;
+  }
+  static void* operator new(std::size_t, void* room) { return room; }
+  static void operator delete(void* room) { ::operator delete(room); }
+  static void operator delete(void* room, extra_room) { ::operator delete(room); }
+  static void operator delete(void*, void*) {}
 
   object_handle* handle() const { return handle_; }
   class_descriptor& cls() const { return *cls_; }

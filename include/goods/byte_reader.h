@@ -1,0 +1,52 @@
+// How packed states are read.
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+#include <span>
+#include <string_view>
+
+#include <goods/goods_api.h>
+#include <goods/object_ref.h>
+
+namespace goods {
+
+// Reads what byte_writer wrote, front to back, and trusts nothing: whatever cannot have been
+// written throws corrupt_data naming the object. Threads: one at a time. The bytes are not owned.
+class GOODS_API byte_reader {
+ public:
+  // `self`: the object whose state is read; references are stored relative to it.
+  byte_reader(std::span<const std::byte> bytes, object_id self)
+      : next_(bytes.data()), end_(bytes.data() + bytes.size()), self_(self) {}
+
+  object_id self() const { return self_; }
+  std::size_t left() const { return static_cast<std::size_t>(end_ - next_); }
+  bool at_end() const { return next_ == end_; }
+  const std::byte* position() const { return next_; }
+
+  std::uint8_t get_byte() {
+    if (next_ == end_) fail("ends too early");
+    return static_cast<std::uint8_t>(*next_++);
+  }
+  std::span<const std::byte> get_bytes(std::size_t count);
+  std::uint64_t get_unsigned();
+  std::int64_t get_signed();
+  double get_double();
+  float get_float();
+  std::string_view get_text();  // points into the bytes
+  object_id get_reference();    // 0 for none
+
+  // A number of elements that each take at least one byte: never more than there are bytes left, so
+  // that it may be used to reserve memory.
+  std::size_t get_count();
+
+  // Throws corrupt_data: "The stored object S:N WHAT."
+  [[noreturn]] void fail(const char* what) const;
+
+ private:
+  const std::byte* next_;
+  const std::byte* end_;
+  object_id self_;
+};
+
+}  // namespace goods

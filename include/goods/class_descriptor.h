@@ -1,0 +1,159 @@
+// What the client knows about a persistent class.
+#pragma once
+
+#include <atomic>
+#include <cstddef>
+#include <cstdint>
+#include <memory>
+#include <string>
+#include <string_view>
+#include <utility>
+#include <vector>
+
+#include <goods/field_descriptor.h>
+#include <goods/goods_api.h>
+#include <goods/object.h>
+
+namespace goods {
+
+class byte_reader;
+class byte_writer;
+class metaobject;
+class pack_program;
+struct class_layout;
+
+// Name, base, locking scheme and persistent members of a class, and what follows from the members:
+// packing, unpacking, copying and visiting references run a program compiled from them once.
+//
+// A class's descriptor is usually a static object. Descriptors may be made in any order, a derived
+// class's before its base's too; the base is looked at when the descriptor is first used, which
+// must be after static initialisation. Names: of several live descriptors of one name the newest is
+// the one that find() answers. A name that ends in "_t" belongs to a helper that only serves to
+// make a prototype; find() does not know it. Ownership: owns its field list. Nobody owns
+// descriptors: they outlive every object of their class and every open storage. Threads: any, once
+// made.
+class GOODS_API class_descriptor {
+ public:
+  // Makes a body of the class. The body gets `extra` bytes beyond its C++ class, zeroed; use
+  // construct_object<T>() below. `handle` is null for prototypes.
+  using constructor_function = object* (*)(object_handle* handle, class_descriptor& cls,
+                                           unsigned extra);
+
+  // Takes over `fields` (null for none): the class's own persistent members. Members of the base
+  // may be among them; those that the base has under the same name and offset are dropped.
+  class_descriptor(const char* name, unsigned instance_size, metaobject* scheme,
+                   constructor_function constructor, field_descriptor* fields,
+                   class_descriptor* base = nullptr, int flags = 0);
+  virtual ~class_descriptor();
+  class_descriptor(const class_descriptor&) = delete;
+  class_descriptor& operator=(const class_descriptor&) = delete;
+
+  const char* name() const { return name_.c_str(); }
+  unsigned instance_size() const { return instance_size_; }  // bytes of the C++ class
+  class_descriptor* base() const { return base_; }           // null for none
+  metaobject* scheme() const { return scheme_; }
+  int flags() const { return flags_; }
+  // Different for every descriptor of the process, small, never used again.
+  std::uint32_t index() const { return index_; }
+
+  // The class's own members, without those of its bases; null for none.
+  field_descriptor* fields() const { return resolved().own_fields_; }
+
+  // A new body; `varying` is how many bytes its varying part may take (a hint, see String).
+  object* create(object_handle* handle, unsigned varying = 0) {
+    return constructor_(handle, *this, extra_room_ + varying);
+  }
+
+  // Whether an object of class `other` is one of this class: the same or derived from it.
+  bool is_superclass_for(const class_descriptor& other) const {
+    if (&other == this) return true;
+    const auto& ancestors = other.resolved().ancestors_;
+    return depth() < ancestors.size() && ancestors[depth()] == this;
+  }
+
+  // The class of this name in the process, or null; see above. Resolves class aliases.
+  static class_descriptor* find(std::string_view name);
+
+  // --- The bodies of the class
+  // ---------------------------------------------------------------------
+
+  // Appends the packed state. `self`: the object's identifier. Every handle met must have one.
+  void pack(const object& body, byte_writer& out, object_id self) const;
+  // Fills a fresh body from a state packed by the same layout; throws corrupt_data.
+  void unpack(object& body, byte_reader& in) const;
+  // Makes `to`, of the same class, a copy of `from`: words are copied as they are, counted handles
+  // among them are counted.
+  void copy_state(const object& from, object& to) const;
+  // In the order of the stored form, the varying part last.
+  void visit_references(object& body, ref_visitor& visitor) const;
+  // Memory of the body: instance and heap.
+  std::size_t body_bytes(const object& body) const {
+    return sizeof(void*) * 2 + instance_size_ + body.varying_bytes() + extra_bytes(body);
+  }
+
+  // --- Evolution
+  // -----------------------------------------------------------------------------------
+
+  // States stored when a member was still called `old_name` fill the member now called `new_name`.
+  // Before the first object is loaded.
+  class_descriptor& add_alias(const char* old_name, const char* new_name);
+  std::string_view current_name_of(std::string_view stored_name) const;
+  // Objects stored as class `old_name` are ones of class `new_name` now.
+  static void register_class_alias(const char* old_name, const char* new_name);
+
+  // The layout under which bodies of this class are stored.
+  const class_layout& layout() const;
+
+  // --- Classes that the process does not know
+  // ------------------------------------------------------
+
+  // Makes this the class of the objects stored under `layout`: bodies are ones of `base` followed
+  // by the room for members that only the layout has. Called by whoever made the descriptor with
+  // make_unknown_fields(); see class_layout.h.
+  void adopt_layout(std::shared_ptr<const class_layout> layout, unsigned extra_room);
+  bool is_unknown_class() const { return stored_layout_ != nullptr; }
+
+  // Releases the references in the room beyond the C++ class; ~object() calls it.
+  void release_extra(object& body) const noexcept {
+    if (extra_room_ != 0) release_extra_room(body);
+  }
+
+ private:
+  std::size_t depth() const { return resolved().ancestors_.size() - 1; }
+  // Completes what needs the base: ancestors, own members, program.
+  const class_descriptor& resolved() const {
+    if (!is_resolved_.load(std::memory_order_acquire)) resolve();
+    return *this;
+  }
+  void resolve() const;
+  void drop_inherited_fields() const;
+  const pack_program& program() const { return *resolved().program_; }
+  std::size_t extra_bytes(const object& body) const;
+  void release_extra_room(object& body) const noexcept;
+
+  // Fixed after construction.
+  std::string name_;
+  unsigned instance_size_;
+  unsigned extra_room_ = 0;
+  metaobject* scheme_;
+  constructor_function constructor_;
+  class_descriptor* base_;
+  int flags_;
+  std::uint32_t index_;
+  std::shared_ptr<const class_layout> stored_layout_;
+  std::vector<std::pair<std::string, std::string>> aliases_;
+  // Completed by resolve().
+  mutable field_descriptor* own_fields_;
+  mutable std::vector<const class_descriptor*> ancestors_;  // outermost base first, itself last
+  mutable std::shared_ptr<const class_layout> layout_;
+  mutable std::unique_ptr<const pack_program> program_;
+  mutable std::atomic<bool> is_resolved_{false};
+};
+
+// The constructor function of a class T with a constructor T(object_handle*, class_descriptor&).
+template <class T>
+object* construct_object(object_handle* handle, class_descriptor& cls, unsigned extra) {
+  return new (extra_room{extra}) T(handle, cls);
+}
+
+}  // namespace goods
