@@ -4,10 +4,13 @@
 # usage: setup_debian.sh TASK...     tasks: build test check
 set -euo pipefail
 
+# shellcheck disable=SC2034  # the lists are used by their names
 build=(g++ cmake ninja-build pkgconf
   libsqlite3-dev libxxhash-dev liblz4-dev libfmt-dev libspdlog-dev
   libcli11-dev nlohmann-json3-dev libedit-dev libutf8proc-dev)
-test=(libgtest-dev libgmock-dev librapidcheck-dev liblmdb-dev)
+# shellcheck disable=SC2034
+test=(libgtest-dev libgmock-dev librapidcheck-dev liblmdb-dev locales)
+# shellcheck disable=SC2034
 check=(git clang-14 clang-format-14 clang-tidy-14 libclang-rt-14-dev)
 
 if ! command -v dpkg-query >/dev/null; then
