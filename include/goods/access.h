@@ -9,12 +9,14 @@
 
 namespace goods {
 
+class metaobject;
+
 // Reads one object: the version current when the access began stays unchanged and in memory until
 // the access ends. Usually a temporary made by ref<T>::operator->.
 // Threads: made and destroyed by the same thread.
 class GOODS_API read_access_base {
  public:
-  explicit read_access_base(object_handle* handle);  // requires a non-null handle
+  explicit read_access_base(object_ref reference);  // not null
   // Outside an explicit transaction the end of the outermost access may have to commit (a read of
   // one object during which another was written) and throws when that fails.
   ~read_access_base() noexcept(false);
@@ -27,13 +29,14 @@ class GOODS_API read_access_base {
  private:
   object_ref reference_;
   int exceptions_ = std::uncaught_exceptions();
+  metaobject* scheme_;  // null for an access to a transient object
   const object* body_;
 };
 
 // Writes one object: locks it exclusively and hands out the transaction's private copy.
 class GOODS_API write_access_base {
  public:
-  explicit write_access_base(object_handle* handle);
+  explicit write_access_base(object_ref reference);  // not null
   ~write_access_base() noexcept(false);
   write_access_base(const write_access_base&) = delete;
   write_access_base& operator=(const write_access_base&) = delete;
@@ -44,6 +47,7 @@ class GOODS_API write_access_base {
  private:
   object_ref reference_;
   int exceptions_ = std::uncaught_exceptions();
+  metaobject* scheme_;  // null for an access to a transient object
   object* body_;
 };
 
@@ -63,7 +67,10 @@ class write_access : public write_access_base {
   T& operator*() const { return *static_cast<T*>(body()); }
 };
 
-// Throws bad_typecast unless the object behind `handle` (loaded for it when need be) is a `target`.
-GOODS_API void check_class(object_handle* handle, const class_descriptor& target);
+// The class of the object (loaded for it when need be), which must not be null.
+GOODS_API class_descriptor& class_of(const object_ref& reference);
+
+// Throws bad_typecast unless the object is a `target`; null is one of every class.
+GOODS_API void check_class(const object_ref& reference, const class_descriptor& target);
 
 }  // namespace goods

@@ -19,8 +19,10 @@
 namespace goods {
 
 class database;
-class transaction;
+class object_cache;
+class read_round;
 class thread_attachment;
+class transaction;
 
 // The cache of one session: finds objects by identifier, loads them, drops what was least recently
 // used beyond the byte limit, applies other sessions' commits, and keeps each attached thread's
@@ -65,7 +67,7 @@ class GOODS_API cache_manager {
 
   // The cache's size in bytes of memory, handles and table included. Default 256 MiB; at least 1 MiB.
   void set_cache_limit(std::size_t bytes);
-  std::size_t cache_limit() const { return cache_limit_.load(std::memory_order_relaxed); }
+  std::size_t cache_limit() const;
   std::size_t cached_bytes() const;
 
   // How long a lock is waited for. Default 10 s; 0: not at all.
@@ -73,7 +75,7 @@ class GOODS_API cache_manager {
   std::chrono::milliseconds lock_timeout() const { return lock_timeout_; }
 
   // Grows with every published change after which a path may lead to another object than before.
-  std::uint64_t relink_count() const { return relinks_.load(std::memory_order_acquire); }
+  std::uint64_t relink_count() const;
 
   // A counted handle for `id`, without loading the object.
   object_ref find(object_id id);
@@ -81,27 +83,11 @@ class GOODS_API cache_manager {
   // Kept for applications that set it: tasks are always preemptive threads here.
   static bool cooperative_mode;
 
-  struct implementation;
-  implementation& internals() const { return *implementation_; }
+  object_cache& cache() const { return *cache_; }
+  thread_attachment* attachment() const;  // the calling thread's; null when attached elsewhere
 
  private:
-  // One round of read(): enters and leaves the section in which bodies stay in memory.
-  class GOODS_API read_round {
-   public:
-    explicit read_round(cache_manager& session);
-    ~read_round();
-    reader& get() { return reader_; }
-    // Whether all that was read belongs to one state; otherwise the work must be repeated.
-    bool is_consistent() const;
-    void prepare_retry();
-
-   private:
-    reader reader_;
-    bool outermost_;
-    bool holds_publishing_ = false;
-    int tries_ = 0;
-    std::uint64_t started_at_ = 0;
-  };
+  friend class read_round;
 
   class GOODS_API call_transaction {
    public:
@@ -109,19 +95,51 @@ class GOODS_API cache_manager {
     ~call_transaction();
     void commit();
     // In a handler: rolls back and tells whether repeating the work may help.
-    bool roll_back_and_retry(int attempt) noexcept;
+    bool roll_back_and_retry(int attempt);
 
    private:
     cache_manager& session_;
-    bool own_;
+    const bool joined_;
+    bool own_;  // neither joined nor committed nor rolled back yet
   };
 
   database& db_;
-  std::atomic<std::size_t> cache_limit_{std::size_t{256} << 20};
   std::chrono::milliseconds lock_timeout_{10'000};  // set before threads share the session
-  std::atomic<std::uint64_t> relinks_{0};
-  std::unique_ptr<implementation> implementation_;
+  [[noreturn]] void require_attached() const;
+
+  std::unique_ptr<object_cache> cache_;
+  std::mutex attachments_lock_;
+  std::vector<std::shared_ptr<thread_attachment>> attachments_;  // under attachments_lock_
 };
+
+// One round after the other of cache_manager::read(): holds the section in which bodies stay in
+// memory, and tells whether what was read in a round belongs to one state of the database.
+// Without a session only transient objects can be read, and one round is enough.
+class GOODS_API read_round {
+ public:
+  explicit read_round(cache_manager* session);
+  ~read_round();
+  read_round(const read_round&) = delete;
+  read_round& operator=(const read_round&) = delete;
+
+  reader& get() { return reader_; }
+  bool is_consistent() const;
+  void prepare_retry();
+
+ private:
+  bool checks_consistency() const;
+
+  reader reader_;
+  thread_attachment* attachment_ = nullptr;
+  bool holds_publishing_ = false;  // after a few rounds: commits wait until the work is done
+  int rounds_ = 1;
+  std::uint64_t started_at_ = 0;
+};
+
+// cache_manager::read() in the session that the calling thread is attached to. On a thread without
+// one it reads transient objects; an identifier then throws thread_not_attached.
+template <std::invocable<reader&> Work>
+std::invoke_result_t<Work&, reader&> read_here(Work&& work);
 
 }  // namespace goods
 

@@ -1,15 +1,17 @@
 // Templates of cache_manager.h.
 #pragma once
 
-#include <optional>
+#include <type_traits>
 
 #include <goods/cache_manager.h>
 
 namespace goods {
 
-template <std::invocable<reader&> Work>
-std::invoke_result_t<Work&, reader&> cache_manager::read(Work&& work) {
-  read_round round(*this);
+namespace internal {
+
+template <class Work>
+std::invoke_result_t<Work&, reader&> read_until_consistent(cache_manager* session, Work& work) {
+  read_round round(session);
   while (true) {
     try {
       if constexpr (std::is_void_v<std::invoke_result_t<Work&, reader&>>) {
@@ -20,10 +22,23 @@ std::invoke_result_t<Work&, reader&> cache_manager::read(Work&& work) {
         if (round.is_consistent()) return result;
       }
     } catch (const error_info&) {
+      // What looks damaged or missing may be two states mixed.
       if (round.is_consistent()) throw;
     }
     round.prepare_retry();
   }
+}
+
+}  // namespace internal
+
+template <std::invocable<reader&> Work>
+std::invoke_result_t<Work&, reader&> cache_manager::read(Work&& work) {
+  return internal::read_until_consistent(this, work);
+}
+
+template <std::invocable<reader&> Work>
+std::invoke_result_t<Work&, reader&> read_here(Work&& work) {
+  return internal::read_until_consistent(cache_manager::current(), work);
 }
 
 template <std::invocable Work>

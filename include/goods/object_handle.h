@@ -28,19 +28,22 @@ class GOODS_API object_handle {
   object_handle(const object_handle&) = delete;
   object_handle& operator=(const object_handle&) = delete;
 
-  object_id id() const { return id_.load(std::memory_order_acquire); }
+  object_id id() const { return id_.load(std::memory_order_acquire); }  // 0 while transient
   bool is_transient() const { return id() == 0; }
   database* owner() const { return database_.load(std::memory_order_acquire); }
 
-  object* body() const { return body_.load(std::memory_order_acquire); }
-  void set_body(object* body) { body_.store(body, std::memory_order_release); }
-  object* exchange_body(object* body) { return body_.exchange(body, std::memory_order_acq_rel); }
+  // Sequentially consistent: what is exchanged here is freed when no reader can have seen it (see
+  // reader_section).
+  object* body() const { return body_.load(); }
+  void set_body(object* body) { body_.store(body); }
+  object* exchange_body(object* body) { return body_.exchange(body); }
 
   void add_reference() { references_.fetch_add(1, std::memory_order_relaxed); }
   // Counts unless the session is just dropping the handle; then the caller looks it up again.
   bool try_add_reference();
   void remove_reference();
   bool is_referenced() const { return references_.load(std::memory_order_acquire) > 0; }
+  bool is_retired() const { return references_.load(std::memory_order_acquire) < 0; }
   // Succeeds when nobody counts the handle; from then on try_add_reference() fails.
   bool try_retire();
 

@@ -75,9 +75,9 @@ class GOODS_API object_ref {
   void clear() { object_ref().swap(*this); }
   void swap(object_ref& other) noexcept { std::swap(word_, other.word_); }
 
-  // The handle, found or made for an identifier; null for the null reference. Not counted for the
-  // caller unless this reference holds it already: keep an object_ref while using it.
-  object_handle* handle() const;
+  // The handle; null for the null reference. Only for references outside of committed objects, which
+  // hold identifiers: copy such a member first.
+  object_handle* handle() const { return word_.is_handle() ? word_.handle() : nullptr; }
 
   // The identifier; 0 for the null reference and for an object that is not stored yet.
   object_id id() const;

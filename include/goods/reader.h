@@ -8,6 +8,7 @@
 namespace goods {
 
 class cache_manager;
+class transaction;
 
 // What a function that reads several objects works through; see cache_manager::read().
 //
@@ -30,12 +31,16 @@ class GOODS_API reader {
   // corrupt_data for another class, object_deleted for an identifier that nothing is stored under.
   const object* look(ref_word word, const class_descriptor& cls);
 
-  cache_manager& session() const { return session_; }
+  // Whether the reading happens inside a transaction.
+  bool in_transaction() const { return transaction_ != nullptr; }
 
  private:
   friend class cache_manager;
-  explicit reader(cache_manager& session) : session_(session) {}
-  cache_manager& session_;
+  friend class read_round;
+  const object* look_persistent(ref_word word);
+
+  cache_manager* session_ = nullptr;    // null: only transient objects can be looked at
+  transaction* transaction_ = nullptr;  // the calling thread's, while one is open
 };
 
 }  // namespace goods

@@ -42,14 +42,14 @@ class ref : public object_ref {
     return result;
   }
 
-  read_access<T> operator->() const { return read_access<T>(checked_handle()); }
-  read_access<T> operator*() const { return read_access<T>(checked_handle()); }
-  write_access<T> modify() const { return write_access<T>(checked_handle()); }
+  read_access<T> operator->() const { return read_access<T>(checked()); }
+  read_access<T> operator*() const { return read_access<T>(checked()); }
+  write_access<T> modify() const { return write_access<T>(checked()); }
 
  private:
-  object_handle* checked_handle() const {
+  object_ref checked() const {
     if (is_null()) throw_error(error_code::null_reference, "A null reference was dereferenced.");
-    return handle();
+    return *this;
   }
 };
 
@@ -61,7 +61,7 @@ write_access<T> modify(const ref<T>& reference) {
 // Loads the object and checks its class; throws bad_typecast.
 template <class T>
 ref<T> checked_cast(object_ref reference) {
-  if (reference) check_class(reference.handle(), T::self_class);
+  check_class(reference, T::self_class);
   return ref<T>::trusted(std::move(reference));
 }
 

@@ -1,0 +1,114 @@
+#include <goods/access.h>
+
+#include <string>
+
+#include <goods/cache_manager.h>
+#include <goods/class_descriptor.h>
+#include <goods/metaobject.h>
+#include <goods/object_handle.h>
+
+#include "goods/epoch.h"
+#include "goods/object_cache.h"
+#include "goods/thread_attachment.h"
+
+namespace goods {
+
+namespace {
+
+[[noreturn]] void throw_no_object() {
+  throw_error(error_code::object_deleted,
+              "The object of this reference no longer exists: its session was closed, or another "
+              "object took its place.");
+}
+
+cache_manager& session_of(const object_handle& handle) {
+  cache_manager* session = cache_manager::current();
+  if (session == nullptr || &session->db() != handle.owner()) {
+    throw_error(error_code::thread_not_attached,
+                "The calling thread is not attached to the session of the object that it uses.");
+  }
+  return *session;
+}
+
+// The scheme of the object's class, and its body for a transient object.
+struct looked_up {
+  metaobject* scheme = nullptr;
+  object* transient_body = nullptr;
+};
+
+looked_up look_up(object_handle& handle) {
+  if (handle.is_transient()) {
+    object* body = handle.body();
+    if (body == nullptr) throw_no_object();
+    return {nullptr, body};
+  }
+  cache_manager& session = session_of(handle);
+  const reader_section section;
+  return {session.cache().loaded(handle)->cls().scheme(), nullptr};
+}
+
+bool has_failed(int exceptions_before) { return std::uncaught_exceptions() > exceptions_before; }
+
+}  // namespace
+
+// An access to a transient object pins its body and is none of the session's business, even when the
+// object is stored meanwhile: the scheme is remembered by whether the thread's accesses were counted.
+read_access_base::read_access_base(object_ref reference) : reference_(std::move(reference)) {
+  const looked_up found = look_up(*reference_.handle());
+  scheme_ = found.scheme;
+  if (scheme_ == nullptr) {
+    found.transient_body->pin();
+    body_ = found.transient_body;
+  } else {
+    body_ = scheme_->begin_read_access(*reference_.handle());
+  }
+}
+
+read_access_base::~read_access_base() noexcept(false) {
+  if (scheme_ == nullptr) {
+    body_->unpin();
+  } else {
+    scheme_->end_read_access(*reference_.handle(), body_, has_failed(exceptions_));
+  }
+}
+
+write_access_base::write_access_base(object_ref reference) : reference_(std::move(reference)) {
+  const looked_up found = look_up(*reference_.handle());
+  scheme_ = found.scheme;
+  if (scheme_ == nullptr) {
+    found.transient_body->pin();
+    body_ = found.transient_body;
+  } else {
+    body_ = scheme_->begin_write_access(*reference_.handle());
+  }
+}
+
+write_access_base::~write_access_base() noexcept(false) {
+  if (scheme_ == nullptr) {
+    body_->unpin();
+  } else {
+    scheme_->end_write_access(*reference_.handle(), body_, has_failed(exceptions_));
+  }
+}
+
+class_descriptor& class_of(const object_ref& reference) {
+  const object_ref counted(reference);
+  object_handle& handle = *counted.handle();
+  if (handle.is_transient()) {
+    if (handle.body() == nullptr) throw_no_object();
+    return handle.body()->cls();
+  }
+  cache_manager& session = session_of(handle);
+  const reader_section section;
+  return session.cache().loaded(handle)->cls();
+}
+
+void check_class(const object_ref& reference, const class_descriptor& target) {
+  if (reference.is_null()) return;
+  const class_descriptor& actual = class_of(reference);
+  if (target.is_superclass_for(actual)) return;
+  throw_error(error_code::bad_typecast, std::string("A \"") + actual.name() +
+                                            "\" cannot be used as a \"" + target.name() + "\".");
+}
+
+}  // namespace goods

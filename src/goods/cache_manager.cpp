@@ -1,0 +1,151 @@
+#include <goods/cache_manager.h>
+
+#include <algorithm>
+#include <random>
+#include <thread>
+
+#include <goods/database.h>
+
+#include "goods/object_cache.h"
+#include "goods/thread_attachment.h"
+
+namespace goods {
+
+namespace {
+
+constexpr int most_attempts = 100;
+constexpr int longest_pause = 2000;  // microseconds
+
+// The slot of a thread. Ending the thread leaves the session as detach() does.
+struct thread_slot {
+  std::shared_ptr<thread_attachment> attachment;
+  ~thread_slot() { cache_manager::detach(); }
+};
+
+thread_slot& slot() {
+  thread_local thread_slot mine;
+  return mine;
+}
+
+// The same without the check for construction that each use of a thread_local object costs.
+thread_local thread_attachment* fast_slot = nullptr;
+
+// Two that met in a deadlock should not meet again.
+void pause_before_repeating(int attempt) {
+  thread_local std::minstd_rand random{std::random_device{}()};
+  const int longest = std::min(longest_pause, 20 << std::min(attempt, 10));
+  std::this_thread::sleep_for(
+      std::chrono::microseconds(std::uniform_int_distribution(0, longest)(random)));
+}
+
+}  // namespace
+
+bool cache_manager::cooperative_mode = false;
+
+cache_manager::cache_manager(database& db)
+    : db_(db), cache_(std::make_unique<object_cache>(db, *this)) {}
+
+cache_manager::~cache_manager() {
+  const std::lock_guard guard(attachments_lock_);
+  for (const auto& attachment : attachments_) attachment->leave_session();
+}
+
+cache_manager* cache_manager::current() {
+  return fast_slot == nullptr ? nullptr : fast_slot->session();
+}
+
+cache_manager& cache_manager::require() {
+  if (cache_manager* session = current()) return *session;
+  throw_error(error_code::thread_not_attached,
+              "The calling thread is not attached to a session; call attach() first.");
+}
+
+thread_attachment* cache_manager::attachment() const {
+  return current() == this ? fast_slot : nullptr;
+}
+
+void cache_manager::attach() {
+  if (current() == this) return;
+  detach();
+  auto attachment = std::make_shared<thread_attachment>(*this);
+  {
+    const std::lock_guard guard(attachments_lock_);
+    attachments_.push_back(attachment);
+  }
+  fast_slot = attachment.get();
+  slot().attachment = std::move(attachment);
+}
+
+void cache_manager::detach() {
+  if (fast_slot == nullptr) return;
+  const std::shared_ptr<thread_attachment> mine = std::exchange(slot().attachment, nullptr);
+  fast_slot = nullptr;
+  cache_manager* session = mine->session();
+  if (session == nullptr) return;
+  mine->leave_session();
+  const std::lock_guard guard(session->attachments_lock_);
+  std::erase(session->attachments_, mine);
+}
+
+void cache_manager::begin_transaction() {
+  thread_attachment* mine = attachment();
+  if (mine == nullptr) require_attached();
+  mine->open_or_join(true);
+}
+
+isolation_level cache_manager::end_transaction() {
+  thread_attachment* mine = attachment();
+  if (mine == nullptr) require_attached();
+  if (mine->open() == nullptr || !mine->open()->is_explicit()) {
+    throw_error(error_code::usage, "A transaction was ended that had not been begun.");
+  }
+  if (!mine->open()->leave()) return serializable;
+  // The transaction is over whether its commit succeeds or throws.
+  const std::unique_ptr<transaction> ending = mine->close();
+  ending->commit();
+  return serializable;
+}
+
+void cache_manager::abort_transaction() {
+  if (thread_attachment* mine = attachment()) mine->close();
+}
+
+bool cache_manager::in_transaction() const {
+  const thread_attachment* mine = attachment();
+  return mine != nullptr && mine->open() != nullptr;
+}
+
+void cache_manager::require_attached() const {
+  throw_error(error_code::thread_not_attached,
+              "The calling thread is not attached to this session; call attach() first.");
+}
+
+void cache_manager::set_cache_limit(std::size_t bytes) { cache_->set_limit(bytes); }
+std::size_t cache_manager::cache_limit() const { return cache_->limit(); }
+std::size_t cache_manager::cached_bytes() const { return cache_->bytes(); }
+std::uint64_t cache_manager::relink_count() const { return cache_->relinks(); }
+
+object_ref cache_manager::find(object_id id) { return cache_->counted(id); }
+
+cache_manager::call_transaction::call_transaction(cache_manager& session)
+    : session_(session), joined_(session.in_transaction()), own_(!joined_) {
+  if (own_) session_.begin_transaction();
+}
+
+cache_manager::call_transaction::~call_transaction() {
+  if (own_) session_.abort_transaction();
+}
+
+void cache_manager::call_transaction::commit() {
+  if (std::exchange(own_, false)) session_.end_transaction();
+}
+
+bool cache_manager::call_transaction::roll_back_and_retry(int attempt) {
+  if (joined_) return false;
+  if (std::exchange(own_, false)) session_.abort_transaction();
+  if (attempt >= most_attempts) return false;
+  pause_before_repeating(attempt);
+  return true;
+}
+
+}  // namespace goods

@@ -1,0 +1,68 @@
+// From private copies to what the storages are asked to commit.
+#pragma once
+
+#include <cstddef>
+#include <map>
+#include <memory>
+#include <vector>
+
+#include <goods/dbs_storage.h>
+#include <goods/object_ref.h>
+
+#include <goods/byte_writer.h>
+#include "goods/number_pool.h"
+#include "storage/multi_commit.h"
+
+namespace goods {
+
+class database;
+class object;
+class object_handle;
+class publication;
+
+// Finds the transient objects that a transaction's copies refer to, directly or through each other,
+// makes them persistent and packs everything.
+//
+// New objects get neighbouring numbers in the order of a depth-first walk: what is read together ends
+// up side by side. The walk keeps its own stack, so chains of any length are fine.
+// Threads: the committing one.
+class commit_builder {
+ public:
+  commit_builder(database& db, publication& changes) : db_(db), changes_(changes) {}
+
+  // `root` becomes the root object of `storage`.
+  void add_root(const object_ref& root, storage_number storage);
+
+  // Numbers and packs. What it made persistent is in publication::created, also when it throws.
+  void build();
+
+  // One part for each storage that anything changes in; they refer to this builder's memory.
+  std::vector<commit_part> parts(const void* origin, const std::shared_ptr<publication>& attachment);
+  storage_number storage_of_part(std::size_t index) const { return part_storages_[index]; }
+
+ private:
+  struct share {
+    explicit share(number_pool& numbers) : numbers(numbers) {}
+    number_run numbers;
+    byte_writer bytes;
+    std::vector<object_change> changes;
+    std::vector<std::size_t> ends;  // where each change's state ends in `bytes`
+  };
+  struct found_object {
+    object_handle* handle;
+    storage_number storage;  // of the object that refers to it
+  };
+
+  share& share_of(storage_number storage);
+  void push_referenced(object& body, storage_number storage);
+  void make_persistent(object_handle& handle, storage_number storage);
+  void pack(object& body, object_id id, bool is_new);
+
+  database& db_;
+  publication& changes_;
+  std::map<storage_number, share> shares_;
+  std::vector<found_object> open_;  // the walk's stack
+  std::vector<storage_number> part_storages_;
+};
+
+}  // namespace goods

@@ -1,0 +1,29 @@
+// When memory that readers look at without locks may be freed.
+#pragma once
+
+#include <cstdint>
+
+namespace goods {
+
+// While one lives, nothing that was reachable when it was made is freed by retire(). Nests. Costs one
+// ordered store to memory of the calling thread; keep it short, memory waits for it.
+class reader_section {
+ public:
+  reader_section() { enter(); }
+  ~reader_section() { leave(); }
+  reader_section(const reader_section&) = delete;
+  reader_section& operator=(const reader_section&) = delete;
+
+  static void enter();
+  static void leave();
+};
+
+// Calls `release(what)` once no reader section is left that began before this call. `what` must no
+// longer be reachable for new readers. The call may happen on any thread, now or later, but never
+// inside of a reader section of its thread's caller that could still look at `what`.
+void retire(void* what, void (*release)(void*));
+
+// Frees what has become free; retire() does so now and then by itself.
+void collect_retired();
+
+}  // namespace goods

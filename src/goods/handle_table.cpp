@@ -1,0 +1,103 @@
+#include "goods/handle_table.h"
+
+#include <goods/object.h>
+
+#include "goods/epoch.h"
+
+namespace goods {
+
+namespace {
+
+constexpr std::size_t smallest_array = 64;
+
+void release_handle(void* handle) { delete static_cast<object_handle*>(handle); }
+
+void release_body(void* body) { static_cast<object*>(body)->unpin(); }
+
+}  // namespace
+
+handle_table::slot_array::slot_array(std::size_t size)
+    : mask(size - 1), slots(std::make_unique<std::atomic<object_handle*>[]>(size)) {}
+
+handle_table::handle_table() {
+  for (shard& s : shards_) s.slots.store(new slot_array(smallest_array));
+  memory_ = shard_count * smallest_array * sizeof(object_handle*);
+}
+
+handle_table::~handle_table() {
+  for (shard& s : shards_) {
+    slot_array* array = s.slots.load();
+    for (std::size_t i = 0; i <= array->mask; ++i) {
+      object_handle* handle = array->slots[i].load();
+      if (handle == nullptr || handle == erased_mark()) continue;
+      if (object* body = handle->exchange_body(nullptr)) retire(body, release_body);
+      if (handle->try_retire()) {
+        retire(handle, release_handle);
+      } else {
+        handle->become_transient();  // goes with the last reference that an application holds
+      }
+    }
+    delete array;
+  }
+  collect_retired();
+}
+
+std::size_t handle_table::hash(object_id id) {
+  std::uint64_t mixed = id * 0x9E3779B97F4A7C15u;
+  return mixed ^ (mixed >> 32);
+}
+
+object_handle* handle_table::erased_mark() {
+  static object_handle mark(nullptr);
+  return &mark;
+}
+
+object_handle* handle_table::find(object_id id) const {
+  const std::size_t hashed = hash(id);
+  const slot_array& array = *shards_[hashed % shard_count].slots.load();
+  for (std::size_t i = hashed / shard_count;; ++i) {
+    object_handle* handle = array.slots[i & array.mask].load();
+    if (handle == nullptr) return nullptr;
+    if (handle->id() == id) return handle;
+  }
+}
+
+void handle_table::place(slot_array& array, object_handle* handle) {
+  std::size_t i = (hash(handle->id()) / shard_count) & array.mask;
+  while (array.slots[i].load(std::memory_order_relaxed) != nullptr) i = (i + 1) & array.mask;
+  array.slots[i].store(handle);
+}
+
+void handle_table::rebuild(shard& in) {
+  slot_array* old = in.slots.load();
+  std::size_t size = smallest_array;
+  while (size < in.handles * 2 + 2) size *= 2;
+  auto grown = std::make_unique<slot_array>(size);
+  for (std::size_t i = 0; i <= old->mask; ++i) {
+    object_handle* handle = old->slots[i].load(std::memory_order_relaxed);
+    if (handle != nullptr && handle != erased_mark()) place(*grown, handle);
+  }
+  in.occupied = in.handles;
+  memory_ += (grown->mask - old->mask) * sizeof(object_handle*);
+  in.slots.store(grown.release());
+  retire(old, [](void* array) { delete static_cast<slot_array*>(array); });
+}
+
+void handle_table::insert(object_handle* handle) {
+  shard& in = shard_of(handle->id());
+  if ((in.occupied + 1) * 8 > (in.slots.load()->mask + 1) * 5) rebuild(in);
+  place(*in.slots.load(), handle);
+  ++in.occupied;
+  ++in.handles;
+}
+
+void handle_table::erase(object_handle* handle) {
+  shard& in = shard_of(handle->id());
+  slot_array& array = *in.slots.load();
+  std::size_t i = (hash(handle->id()) / shard_count) & array.mask;
+  while (array.slots[i].load(std::memory_order_relaxed) != handle) i = (i + 1) & array.mask;
+  array.slots[i].store(erased_mark());
+  --in.handles;
+}
+
+}  // namespace goods

@@ -1,0 +1,259 @@
+#include "goods/object_cache.h"
+
+#include <algorithm>
+#include <memory>
+#include <string>
+#include <thread>
+#include <utility>
+
+#include <goods/cache_manager.h>
+#include <goods/class_descriptor.h>
+#include <goods/database.h>
+#include <goods/obj_storage.h>
+#include <goods/object.h>
+
+#include "goods/epoch.h"
+#include "goods/layout_catalog.h"
+#include "goods/publication.h"
+#include "storage/multi_commit.h"
+
+namespace goods {
+
+namespace {
+
+constexpr std::size_t smallest_limit = std::size_t{1} << 20;
+constexpr std::size_t handle_bytes = 64;  // a handle, its slot and what the allocator adds
+constexpr std::size_t slots_per_step = 128;
+
+void release_body(void* body) { static_cast<object*>(body)->unpin(); }
+void release_handle(void* handle) { delete static_cast<object_handle*>(handle); }
+
+publication& own(const notice& news) { return *static_cast<publication*>(news.attachment.get()); }
+
+// Turns the one state that is asked for into a body.
+class body_sink : public state_sink {
+ public:
+  body_sink(obj_storage& storage, object_handle& handle) : storage_(storage), handle_(handle) {}
+  ~body_sink() override {
+    if (body_ != nullptr) body_->unpin();
+  }
+
+  void found(const object_state& state) override {
+    if (state.number != number_of(handle_.id())) return;
+    storage_.count_read(state.body.size());
+    if (body_ == nullptr) body_ = storage_.catalog().instantiate(&handle_, state);
+  }
+  void missing(object_number) override {}
+
+  object* take() { return std::exchange(body_, nullptr); }
+
+ private:
+  obj_storage& storage_;
+  object_handle& handle_;
+  object* body_ = nullptr;
+};
+
+}  // namespace
+
+object_cache::object_cache(database& db, const cache_manager& session)
+    : db_(db), session_(session), applied_(db.get_number_of_storages()) {
+  for (std::size_t i = 0; i < applied_.size(); ++i) {
+    applied_[i] = db.storage(static_cast<storage_number>(i)).notices().newest();
+  }
+}
+
+object_handle& object_cache::find_or_make(object_id id) {
+  if (object_handle* known = table_.find(id)) return *known;
+  db_.storage(storage_of(id));  // throws for a storage that the database does not have
+  auto made = std::make_unique<object_handle>(db_, id);
+  {
+    const std::lock_guard guard(table_.lock_of(id));
+    if (object_handle* known = table_.find_locked(id)) return *known;
+    table_.insert(made.get());
+  }
+  bytes_ += handle_bytes;
+  object_handle& handle = *made.release();
+  handle.mark_used();
+  return handle;
+}
+
+object_ref object_cache::counted(object_id id) {
+  const reader_section section;
+  while (true) {
+    object_handle& handle = find_or_make(id);
+    if (!handle.try_add_reference()) continue;  // just being dropped; the next look makes a new one
+    object_ref result(&handle);
+    handle.remove_reference();
+    return result;
+  }
+}
+
+object* object_cache::load(object_handle& handle) {
+  const object_id id = handle.id();
+  obj_storage& from = db_.storage(storage_of(id));
+  const object_number number = number_of(id);
+  while (true) {
+    body_sink sink(from, handle);
+    const commit_version as_of =
+        from.dbs().load({&number, 1}, applied_[storage_of(id)].load(), sink);
+    apply_notices(storage_of(id), as_of);
+    object* body = nullptr;
+    const outcome result = keep_loaded(handle, sink.take(), as_of, body);
+    if (result == outcome::stale) continue;
+    if (result == outcome::handle_dropped) return nullptr;
+    if (body == nullptr) {
+      throw_error(error_code::object_deleted,
+                  "No object is stored under the identifier " + std::to_string(storage_of(id)) +
+                      ":" + std::to_string(number) + " in \"" + from.dbs().name() + "\".");
+    }
+    shrink_if_full();
+    return body;
+  }
+}
+
+// Installs `fresh` (null: nothing is stored) unless another thread was first; `body` is what counts.
+object_cache::outcome object_cache::keep_loaded(object_handle& handle, object* fresh,
+                                                commit_version as_of, object*& body) {
+  const object_id id = handle.id();
+  outcome result = outcome::kept;
+  {
+    const std::lock_guard guard(table_.lock_of(id));
+    body = handle.body();
+    if (handle.is_retired()) {
+      result = outcome::handle_dropped;
+    } else if (body == nullptr && applied_[storage_of(id)].load() > as_of) {
+      result = outcome::stale;  // a newer commit has been applied since
+    } else if (body == nullptr && fresh != nullptr) {
+      handle.set_body(fresh);
+      count_body(*fresh);
+      body = std::exchange(fresh, nullptr);
+    }
+  }
+  if (fresh != nullptr) fresh->unpin();
+  return result;
+}
+
+void object_cache::apply_notices(storage_number storage, commit_version through) {
+  if (applied_[storage].load() >= through) return;
+  const std::lock_guard guard(publishing_);
+  if (applied_[storage].load() >= through) return;
+  const news_list news = take_news(storage, through);
+  for (const auto& [from, n] : news) {
+    if (n->origin == &session_) own(*n).install_created(*this);
+  }
+  ++publish_count_;
+  for (const auto& [from, n] : news) apply(*n, from);
+  ++publish_count_;
+  shrink_if_full();
+}
+
+// Commits over several storages are taken in whole.
+object_cache::news_list object_cache::take_news(storage_number storage, commit_version through) {
+  news_list news;
+  const auto take = [&](storage_number from, commit_version to) {
+    for (auto& n : db_.storage(from).notices().take(to)) news.emplace_back(from, std::move(n));
+  };
+  take(storage, through);
+  if (applied_.size() == 1) return news;
+  while (true) {
+    const std::uint64_t before = several_published();
+    for (storage_number s = 0; s < applied_.size(); ++s) take(s, db_.storage(s).notices().newest());
+    if (before % 2 == 0 && several_published() == before) return news;
+    std::this_thread::yield();
+  }
+}
+
+void object_cache::apply(const notice& news, storage_number storage) {
+  if (news.version <= applied_[storage].load()) return;
+  // First the version: whoever is about to install an older state sees it, or is seen below.
+  applied_[storage].store(news.version);
+  if (news.origin == &session_) {
+    own(news).publish_copies(*this);
+  } else {
+    for (const object_number number : news.changed) invalidate(make_object_id(storage, number));
+    ++relinks_;
+  }
+}
+
+void object_cache::invalidate(object_id id) {
+  const std::lock_guard guard(table_.lock_of(id));
+  object_handle* handle = table_.find_locked(id);
+  if (handle == nullptr) return;
+  if (object* body = handle->exchange_body(nullptr)) discard_body(body);
+}
+
+void object_cache::install(object_handle& created) {
+  const std::lock_guard guard(table_.lock_of(created.id()));
+  // Somebody may have asked for the number before there was an object behind it.
+  object_handle* guessed = table_.find_locked(created.id());
+  if (guessed == &created) return;
+  if (guessed != nullptr) {
+    if (object* body = guessed->exchange_body(nullptr)) discard_body(body);
+    forget(*guessed);
+  }
+  table_.insert(&created);
+  bytes_ += handle_bytes;
+  count_body(*created.body());
+}
+
+void object_cache::publish(object_handle& handle, object& body) {
+  const std::lock_guard guard(table_.lock_of(handle.id()));
+  if (body.take_relinked()) ++relinks_;
+  handle.set_being_written(false);
+  count_body(body);
+  if (object* before = handle.exchange_body(&body)) discard_body(before);
+}
+
+std::uint64_t object_cache::stable_publish_count() const {
+  while (true) {
+    const std::uint64_t count = publish_count_.load();
+    if (count % 2 == 0) return count;
+    std::this_thread::yield();
+  }
+}
+
+void object_cache::count_body(const object& body) { bytes_ += body.cls().body_bytes(body); }
+
+void object_cache::discard_body(object* body) {
+  bytes_ -= body->cls().body_bytes(*body);
+  retire(body, release_body);
+}
+
+void object_cache::set_limit(std::size_t bytes) {
+  limit_ = std::max(bytes, smallest_limit);
+  shrink_if_full();
+}
+
+void object_cache::evict(object_handle& handle) {
+  if (handle.is_being_written() || handle.take_used()) return;
+  if (object* body = handle.exchange_body(nullptr)) discard_body(body);
+  if (!handle.is_referenced()) forget(handle);  // otherwise the identity stays
+}
+
+// Takes the handle, which has no body, out of the table. One that is still referenced becomes a
+// reference to nothing.
+void object_cache::forget(object_handle& handle) {
+  table_.erase(&handle);
+  bytes_ -= handle_bytes;
+  if (handle.try_retire()) {
+    retire(&handle, release_handle);
+  } else {
+    handle.become_transient();
+  }
+}
+
+void object_cache::shrink() {
+  const std::unique_lock guard(evicting_, std::try_to_lock);
+  if (!guard.owns_lock()) return;  // another thread is at it
+  const std::size_t goal = limit() - limit() / 16;
+  // Two rounds of the clock: the first may only find marks to clear.
+  for (std::size_t shards = 0; shards <= 2 * handle_table::shard_count && bytes() > goal;) {
+    clock_position_ = table_.sweep(clock_shard_, clock_position_, slots_per_step,
+                                   [this](object_handle& handle) { evict(handle); });
+    if (clock_position_ != 0) continue;
+    clock_shard_ = (clock_shard_ + 1) % handle_table::shard_count;
+    ++shards;
+  }
+}
+
+}  // namespace goods

@@ -1,0 +1,103 @@
+// The objects that a session has in memory.
+#pragma once
+
+#include <atomic>
+#include <cstddef>
+#include <cstdint>
+#include <memory>
+#include <mutex>
+#include <utility>
+#include <vector>
+
+#include <goods/dbs_storage.h>
+#include <goods/object_ref.h>
+
+#include "goods/handle_table.h"
+
+namespace goods {
+
+class cache_manager;
+class database;
+class object;
+
+// Loads, keeps and drops committed bodies, and takes in commits in version order.
+//
+// A state that was loaded as of version v becomes a body only after the notices up to v have been
+// applied and while none newer has: so every body in the cache is the one as of the version that the
+// session has applied, and readers who saw the publish counter unchanged saw one state.
+//
+// Locks, in this order: publishing_, evicting_, a shard of the table. No storage call is made while
+// holding a shard; while holding publishing_ only notices are taken.
+// Threads: any. Functions that return bodies or uncounted handles need a reader_section.
+class object_cache {
+ public:
+  object_cache(database& db, const cache_manager& session);
+
+  object_handle* find(object_id id) const { return table_.find(id); }
+  object_handle& find_or_make(object_id id);
+  object_ref counted(object_id id);
+
+  // The committed body. Throws object_deleted when nothing is stored under the identifier. Null when
+  // the cache has dropped the handle, which can only happen to one that is not counted: find it anew.
+  object* loaded(object_handle& handle) {
+    object* body = handle.body();
+    if (body == nullptr) body = load(handle);
+    handle.mark_used();
+    return body;
+  }
+
+  // Takes in all commits to a storage up to `through`; quick when that has happened already.
+  void apply_notices(storage_number storage, commit_version through);
+
+  // For publication, while notices are applied.
+  void install(object_handle& created);
+  void publish(object_handle& handle, object& body);
+
+  // Even while no commit is being published, one more with each that has been.
+  std::uint64_t publish_count() const { return publish_count_.load(); }
+  // Waits until none is being published.
+  std::uint64_t stable_publish_count() const;
+  void hold_publishing() { publishing_.lock(); }
+  void release_publishing() { publishing_.unlock(); }
+
+  std::uint64_t relinks() const { return relinks_.load(std::memory_order_acquire); }
+
+  void set_limit(std::size_t bytes);
+  std::size_t limit() const { return limit_.load(std::memory_order_relaxed); }
+  std::size_t bytes() const { return bytes_.load(std::memory_order_relaxed) + table_.memory(); }
+  // Drops unused objects until the cache is below its limit, as far as there are any.
+  void shrink();
+  void shrink_if_full() {
+    if (bytes() > limit()) shrink();
+  }
+
+ private:
+  object* load(object_handle& handle);
+  enum class outcome { kept, stale, handle_dropped };
+  outcome keep_loaded(object_handle& handle, object* fresh, commit_version as_of, object*& body);
+  using news_list = std::vector<std::pair<storage_number, std::shared_ptr<const notice>>>;
+  news_list take_news(storage_number storage, commit_version through);
+  void apply(const notice& news, storage_number storage);
+  void invalidate(object_id id);
+  void count_body(const object& body);
+  void discard_body(object* body);
+  void forget(object_handle& handle);
+  void evict(object_handle& handle);
+
+  database& db_;
+  const cache_manager& session_;  // compared with where notices come from
+  handle_table table_;
+
+  std::recursive_mutex publishing_;
+  std::vector<std::atomic<commit_version>> applied_;  // by storage; written under publishing_
+  std::atomic<std::uint64_t> publish_count_{0};
+  std::atomic<std::uint64_t> relinks_{0};
+
+  std::atomic<std::size_t> limit_{std::size_t{256} << 20};
+  std::atomic<std::size_t> bytes_{0};
+  std::mutex evicting_;
+  std::size_t clock_shard_ = 0;     // under evicting_
+  std::size_t clock_position_ = 0;  // under evicting_
+};
+
+}  // namespace goods

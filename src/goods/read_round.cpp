@@ -1,0 +1,83 @@
+#include <goods/cache_manager.h>
+#include <goods/class_descriptor.h>
+#include <goods/object_handle.h>
+
+#include "goods/epoch.h"
+#include "goods/object_cache.h"
+#include "goods/thread_attachment.h"
+
+namespace goods {
+
+namespace {
+
+// After so many rounds that a commit disturbed, commits wait for the reader.
+constexpr int rounds_without_waiting = 8;
+
+}  // namespace
+
+read_round::read_round(cache_manager* session) {
+  reader_section::enter();
+  if (session == nullptr) return;
+  attachment_ = session->attachment();
+  if (attachment_ != nullptr) {
+    reader_.transaction_ = attachment_->open();
+    ++attachment_->reads;
+  }
+  reader_.session_ = session;
+  if (checks_consistency()) started_at_ = session->cache().stable_publish_count();
+}
+
+read_round::~read_round() {
+  if (holds_publishing_) reader_.session_->cache().release_publishing();
+  if (attachment_ != nullptr) --attachment_->reads;
+  reader_section::leave();
+}
+
+// Locks do it inside a transaction, and the outermost read() for those within.
+bool read_round::checks_consistency() const {
+  return reader_.session_ != nullptr && reader_.transaction_ == nullptr &&
+         (attachment_ == nullptr || attachment_->reads == 1);
+}
+
+bool read_round::is_consistent() const {
+  return !checks_consistency() || reader_.session_->cache().publish_count() == started_at_;
+}
+
+void read_round::prepare_retry() {
+  object_cache& cache = reader_.session_->cache();
+  if (++rounds_ > rounds_without_waiting && !holds_publishing_) {
+    cache.hold_publishing();
+    holds_publishing_ = true;
+  }
+  started_at_ = cache.stable_publish_count();
+}
+
+const object* reader::look(ref_word word, const class_descriptor& cls) {
+  if (word.is_null()) return nullptr;
+  const bool transient = word.is_handle() && word.handle()->is_transient();
+  const object* body = transient ? word.handle()->body() : look_persistent(word);
+  if (body == nullptr) {
+    throw_error(error_code::object_deleted, "A reference leads to an object that is gone.");
+  }
+  const class_descriptor& actual = body->cls();
+  if (&actual != &cls && !cls.is_superclass_for(actual)) {
+    throw_error(error_code::corrupt_data, std::string("A reference to a \"") + cls.name() +
+                                              "\" leads to a \"" + actual.name() + "\".");
+  }
+  return body;
+}
+
+const object* reader::look_persistent(ref_word word) {
+  if (session_ == nullptr) {
+    throw_error(error_code::thread_not_attached,
+                "The calling thread is not attached to a session, but uses a stored object.");
+  }
+  object_cache& cache = session_->cache();
+  while (true) {
+    object_handle& handle = word.is_handle() ? *word.handle() : cache.find_or_make(word.id());
+    if (transaction_ != nullptr) return transaction_->read(handle);
+    if (const object* body = cache.loaded(handle)) return body;
+  }
+}
+
+}  // namespace goods

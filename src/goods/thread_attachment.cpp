@@ -1,0 +1,19 @@
+#include "goods/thread_attachment.h"
+
+namespace goods {
+
+transaction& thread_attachment::open_or_join(bool is_explicit) {
+  if (transaction_ == nullptr) {
+    transaction_ = std::make_unique<transaction>(*session_, locks_, is_explicit);
+  } else if (is_explicit) {
+    transaction_->join();
+  }
+  return *transaction_;
+}
+
+void thread_attachment::leave_session() {
+  transaction_.reset();
+  session_ = nullptr;
+}
+
+}  // namespace goods

@@ -1,0 +1,42 @@
+// What a session keeps for one thread.
+#pragma once
+
+#include <memory>
+#include <utility>
+
+#include "goods/transaction.h"
+
+namespace goods {
+
+class cache_manager;
+
+// A thread's stay in a session: its transaction and how deep it is in accesses and reads.
+//
+// Threads: the attached thread's own; only the session's destructor touches it from outside, when no
+// thread may use the session any more.
+class thread_attachment {
+ public:
+  explicit thread_attachment(cache_manager& session) : session_(&session) {}
+
+  cache_manager* session() const { return session_; }  // null once the session is gone
+  void leave_session();
+
+  // The open transaction, or null.
+  transaction* open() const { return transaction_.get(); }
+  // Opens one when there is none. `is_explicit`: lives until end_transaction() or abort.
+  transaction& open_or_join(bool is_explicit);
+  // Takes it away; it rolls back when destroyed without a commit.
+  std::unique_ptr<transaction> close() { return std::move(transaction_); }
+
+  lock_owner& locks() { return locks_; }
+
+  int accesses = 0;  // wrappers of persistent objects that are open
+  int reads = 0;     // nested cache_manager::read()
+
+ private:
+  cache_manager* session_;
+  lock_owner locks_;
+  std::unique_ptr<transaction> transaction_;
+};
+
+}  // namespace goods

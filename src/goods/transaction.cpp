@@ -1,0 +1,126 @@
+#include "goods/transaction.h"
+
+#include <goods/cache_manager.h>
+#include <goods/class_descriptor.h>
+#include <goods/database.h>
+#include <goods/obj_storage.h>
+#include <goods/object.h>
+#include <goods/object_handle.h>
+
+#include "goods/commit_builder.h"
+#include "goods/epoch.h"
+#include "goods/object_cache.h"
+#include "goods/publication.h"
+#include "goods/thread_attachment.h"
+#include "storage/multi_commit.h"
+
+namespace goods {
+
+transaction::transaction(cache_manager& session, lock_owner& owner, bool is_explicit)
+    : session_(session),
+      is_explicit_(is_explicit),
+      owner_(owner),
+      changes_(std::make_shared<publication>()) {}
+
+transaction::~transaction() { finish(); }
+
+transaction& transaction::running() {
+  return *cache_manager::require().attachment()->open();
+}
+
+void transaction::lock(object_handle& handle, lock_mode mode) {
+  const object_id id = handle.id();
+  obj_storage& storage = session_.db().storage(storage_of(id));
+  try {
+    const commit_version newest =
+        storage.dbs().locks().lock(owner_, number_of(id), mode, session_.lock_timeout());
+    session_.cache().apply_notices(storage_of(id), newest);
+  } catch (const error_info&) {
+    doomed_ = true;
+    throw;
+  }
+}
+
+const object* transaction::read(object_handle& handle) {
+  if (handle.is_being_written()) {
+    const auto own = copies_.find(&handle);
+    if (own != copies_.end()) return own->second;
+  }
+  const object_ref keeps(&handle);
+  lock(handle, lock_mode::shared);
+  return session_.cache().loaded(handle);
+}
+
+object* transaction::write(object_handle& handle) {
+  if (handle.is_being_written()) {
+    const auto own = copies_.find(&handle);
+    if (own != copies_.end()) return own->second;
+  }
+  object_ref keeps(&handle);
+  lock(handle, lock_mode::exclusive);
+  const reader_section section;
+  const object& committed = *session_.cache().loaded(handle);
+  object* copy = committed.cls().create(&handle);
+  changes_->copies.push_back({std::move(keeps), copy});
+  committed.cls().copy_state(committed, *copy);
+  copies_.emplace(&handle, copy);
+  handle.set_being_written(true);
+  return copy;
+}
+
+void transaction::replace(object_handle& handle, object& body) {
+  object* replaced = write(handle);
+  for (publication::copy& c : changes_->copies) {
+    if (c.body == replaced) c.body = &body;
+  }
+  copies_[&handle] = &body;
+  replaced->unpin();
+}
+
+void transaction::add_root(object_ref root, storage_number storage) {
+  roots_.emplace_back(std::move(root), storage);
+}
+
+void transaction::commit() {
+  if (doomed_) {
+    throw_error(error_code::deadlock,
+                "The transaction cannot be committed after it failed to get a lock; it has been "
+                "rolled back.");
+  }
+  if (!changes_->copies.empty() || !roots_.empty()) commit_copies();
+  finish();
+}
+
+void transaction::commit_copies() {
+  commit_builder builder(session_.db(), *changes_);
+  try {
+    for (const auto& [root, storage] : roots_) builder.add_root(root, storage);
+    builder.build();
+    const std::vector<commit_part> parts = builder.parts(&session_, changes_);
+    const std::vector<commit_version> versions = commit_several(parts);
+    for (std::size_t i = 0; i < parts.size(); ++i) {
+      session_.cache().apply_notices(builder.storage_of_part(i), versions[i]);
+    }
+  } catch (...) {
+    changes_->withdraw_created();
+    throw;
+  }
+}
+
+void transaction::finish() noexcept {
+  for (const publication::copy& c : changes_->copies) {
+    if (c.body != nullptr) c.keeps.handle()->set_being_written(false);
+  }
+  copies_.clear();
+  changes_.reset();
+  changes_ = std::make_shared<publication>();
+  roots_.clear();
+  if (owner_.held() == 0) return;
+  for (storage_number s = 0; s < session_.db().get_number_of_storages(); ++s) {
+    session_.db().storage(s).dbs().locks().unlock_all(owner_);
+  }
+}
+
+void transaction::roll_back() noexcept { finish(); }
+
+}  // namespace goods

@@ -1,0 +1,75 @@
+// One thread's transaction.
+#pragma once
+
+#include <memory>
+#include <unordered_map>
+#include <utility>
+#include <vector>
+
+#include <goods/object_ref.h>
+
+#include "storage/lock_owner.h"
+
+namespace goods {
+
+class cache_manager;
+class object;
+class publication;
+
+// Private copies of what was written, locks, and the way to commit or drop them.
+//
+// Locks are held to the end. The first write access to an object copies it; publishing the commit
+// makes the copy the session's body of the object. After an error in taking a lock the transaction
+// is doomed: what was written so far may be half of something, so it can only be rolled back.
+//
+// Threads: the one that opened it; publishing may run on another one while the owner waits.
+class transaction {
+ public:
+  transaction(cache_manager& session, lock_owner& owner, bool is_explicit);
+  ~transaction();  // rolls back
+  transaction(const transaction&) = delete;
+  transaction& operator=(const transaction&) = delete;
+
+  // The calling thread's; one must be open.
+  static transaction& running();
+
+  bool is_explicit() const { return is_explicit_; }
+  // An implicit transaction that an explicit one is begun in becomes explicit.
+  void join() { is_explicit_ = true, ++depth_; }
+  // Whether this was the outermost end.
+  bool leave() { return --depth_ <= 0; }
+
+  // The version to read: locked shared, the transaction's own copy when it has one. Valid to the end
+  // of the caller's reader_section.
+  const object* read(object_handle& handle);
+
+  // The private copy, locked exclusively and made at the first call.
+  object* write(object_handle& handle);
+
+  // Makes `body` the private copy of the object behind `handle`.
+  void replace(object_handle& handle, object& body);
+
+  // Stores `object` (transient) as the root object of `storage` when this commits.
+  void add_root(object_ref root, storage_number storage);
+
+  // Makes everything durable and visible; nothing has been when it throws, unless the code is
+  // outcome_unknown. The transaction is over either way.
+  void commit();
+  void roll_back() noexcept;
+
+ private:
+  void lock(object_handle& handle, lock_mode mode);
+  void commit_copies();
+  void finish() noexcept;  // gives up copies that were not published, and the locks
+
+  cache_manager& session_;
+  bool is_explicit_;
+  int depth_ = 1;
+  bool doomed_ = false;
+  lock_owner& owner_;
+  std::shared_ptr<publication> changes_;                // owns the copies until they are published
+  std::unordered_map<object_handle*, object*> copies_;  // look-up into changes_
+  std::vector<std::pair<object_ref, storage_number>> roots_;
+};
+
+}  // namespace goods
