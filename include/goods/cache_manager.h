@@ -40,14 +40,14 @@ class GOODS_API cache_manager {
   database& db() const { return db_; }
 
   // The session that the calling thread is attached to.
-  static cache_manager* current();      // null when none
-  static cache_manager& require();      // throws thread_not_attached when none
-  void attach();                        // attaches the calling thread, leaving another session
-  static void detach();                 // rolls back an open transaction; no effect when not attached
+  static cache_manager* current();  // null when none
+  static cache_manager& require();  // throws thread_not_attached when none
+  void attach();                    // attaches the calling thread, leaving another session
+  static void detach();             // rolls back an open transaction; no effect when not attached
 
-  // Runs `work(reader&)` and returns its result. Outside a transaction `work` may run several times,
-  // until it has seen one committed state throughout: it must have no effect but its result, and may
-  // not call the application. Inside a transaction, or inside another read(), it runs once.
+  // Runs `work(reader&)` and returns its result. Outside a transaction `work` may run several
+  // times, until it has seen one committed state throughout: it must have no effect but its result,
+  // and may not call the application. Inside a transaction, or inside another read(), it runs once.
   template <std::invocable<reader&> Work>
   std::invoke_result_t<Work&, reader&> read(Work&& work);
 
@@ -65,7 +65,8 @@ class GOODS_API cache_manager {
   // Told of every object that the calling thread's transaction locks for writing, before it is.
   virtual void joins_transaction(object_handle&) {}
 
-  // The cache's size in bytes of memory, handles and table included. Default 256 MiB; at least 1 MiB.
+  // The cache's size in bytes of memory, handles and table included. Default 256 MiB; at least 1
+  // MiB.
   void set_cache_limit(std::size_t bytes);
   std::size_t cache_limit() const;
   std::size_t cached_bytes() const;
@@ -79,7 +80,7 @@ class GOODS_API cache_manager {
 
   // A counted handle for `id`, without loading the object.
   object_ref find(object_id id);
- 
+
   // Kept for applications that set it: tasks are always preemptive threads here.
   static bool cooperative_mode;
 

@@ -28,7 +28,8 @@ class GOODS_API metaobject {
   virtual object* begin_write_access(object_handle& handle) = 0;
 
   // Ends an access. When it was the thread's outermost one, outside an explicit transaction, what
-  // was written is committed (throws what went wrong) or, with `failed`, rolled back (never throws).
+  // was written is committed (throws what went wrong) or, with `failed`, rolled back (never
+  // throws).
   virtual void end_read_access(object_handle& handle, const object* body, bool failed) = 0;
   virtual void end_write_access(object_handle& handle, object* body, bool failed) = 0;
 

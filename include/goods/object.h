@@ -36,8 +36,8 @@ struct extra_room {
 //
 // Which members are persistent is declared by field descriptors (name, type, size, count, offset).
 // A class whose stored state has a part of varying length (a text, the entries of an index page)
-// also overrides the functions named ..._varying(), which must agree with the fields of count 0 that
-// its descriptor declares.
+// also overrides the functions named ..._varying(), which must agree with the fields of count 0
+// that its descriptor declares.
 //
 // Ownership: bodies are counted by pins: one for the handle, one for each access in progress.
 // Threads: a committed body is never changed; a transient or private one belongs to one thread.
@@ -71,9 +71,11 @@ class GOODS_API object {
   // The persistent members of this class and its bases, as a circular list; null for none.
   virtual field_descriptor* describe_components() { return nullptr; }
 
-  // The varying part. `self` is the object's own identifier, which references are stored relative to.
+  // The varying part. `self` is the object's own identifier, which references are stored relative
+  // to.
   virtual void pack_varying(byte_writer& out, object_id self) const;
-  // `in` holds what pack_varying() of the stored layout wrote; throws corrupt_data when it does not.
+  // `in` holds what pack_varying() of the stored layout wrote; throws corrupt_data when it does
+  // not.
   virtual void unpack_varying(byte_reader& in, object_id self);
   virtual void copy_varying(const object& from);
   virtual void visit_varying(ref_visitor& visitor);
@@ -86,15 +88,15 @@ class GOODS_API object {
   void cluster_with(const object_ref& other);
 
   // Takes over the identity of `other`: every reference to `other` sees this object's content from
-  // now on. This object must be transient and of the same class; it is empty afterwards. Part of the
-  // calling thread's transaction.
+  // now on. This object must be transient and of the same class; it is empty afterwards. Part of
+  // the calling thread's transaction.
   void become(const object_ref& other);
 
   void pin() const { pins_.fetch_add(1, std::memory_order_relaxed); }
   void unpin() const;  // destroys the body when it was the last
 
-  // Set by a change after which a path that led to some object may lead elsewhere (an entry removed,
-  // an index exchanged); remembered paths are dropped when the change is published.
+  // Set by a change after which a path that led to some object may lead elsewhere (an entry
+  // removed, an index exchanged); remembered paths are dropped when the change is published.
   void note_relinked() { relinked_ = true; }
   bool take_relinked() { return std::exchange(relinked_, false); }
 

@@ -15,7 +15,8 @@ class object;
 //
 // An object is transient until a commit stores it: identifier 0, no database, its body changed in
 // place by whoever holds it. A persistent object is found by its identifier through the session's
-// handle_table; body() is then its committed version, null while not loaded, never changed in place.
+// handle_table; body() is then its committed version, null while not loaded, never changed in
+// place.
 //
 // Ownership: counted by object_ref; the session's table holds persistent handles without counting
 // and drops those that nobody counts when the cache is full. A handle that no reference counts and
@@ -23,7 +24,7 @@ class object;
 // Threads: any.
 class GOODS_API object_handle {
  public:
-  explicit object_handle(object* body) : body_(body) {}                  // transient
+  explicit object_handle(object* body) : body_(body) {}                         // transient
   object_handle(database& owner, object_id id) : id_(id), database_(&owner) {}  // persistent
   object_handle(const object_handle&) = delete;
   object_handle& operator=(const object_handle&) = delete;

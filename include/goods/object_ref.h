@@ -11,7 +11,8 @@ namespace goods {
 
 class object_handle;
 
-// Identifies an object within a session: bits 0-31 number in its storage, bits 32-47 storage. 0: none.
+// Identifies an object within a session: bits 0-31 number in its storage, bits 32-47 storage. 0:
+// none.
 using object_id = std::uint64_t;
 
 constexpr object_id make_object_id(storage_number storage, object_number number) {
@@ -23,7 +24,8 @@ constexpr storage_number storage_of(object_id id) { return static_cast<storage_n
 // The one machine word that a reference is: nothing, an identifier, or the address of a handle.
 //
 // A plain value that counts nothing; object_ref and back_ref below give it a meaning. Committed
-// bodies hold identifiers only, so that any thread may read them and dropping one frees nothing else.
+// bodies hold identifiers only, so that any thread may read them and dropping one frees nothing
+// else.
 class ref_word {
  public:
   constexpr ref_word() = default;
@@ -35,8 +37,8 @@ class ref_word {
   constexpr bool is_null() const { return bits_ == 0; }
   constexpr bool is_id() const { return (bits_ & 1) != 0; }
   bool is_handle() const { return bits_ != 0 && (bits_ & 1) == 0; }
-  constexpr object_id id() const { return bits_ >> 1; }               // requires is_id()
-  object_handle* handle() const {                                     // requires is_handle()
+  constexpr object_id id() const { return bits_ >> 1; }  // requires is_id()
+  object_handle* handle() const {                        // requires is_handle()
     return reinterpret_cast<object_handle*>(bits_);
   }
   friend constexpr bool operator==(ref_word, ref_word) = default;
@@ -75,8 +77,8 @@ class GOODS_API object_ref {
   void clear() { object_ref().swap(*this); }
   void swap(object_ref& other) noexcept { std::swap(word_, other.word_); }
 
-  // The handle; null for the null reference. Only for references outside of committed objects, which
-  // hold identifiers: copy such a member first.
+  // The handle; null for the null reference. Only for references outside of committed objects,
+  // which hold identifiers: copy such a member first.
   object_handle* handle() const { return word_.is_handle() ? word_.handle() : nullptr; }
 
   // The identifier; 0 for the null reference and for an object that is not stored yet.

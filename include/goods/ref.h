@@ -29,11 +29,9 @@ class ref : public object_ref {
   ref& operator=(const ref&) = default;
   ref& operator=(ref&&) noexcept = default;
   template <class D>
-    requires std::is_base_of_v<T, D>
-  ref(const ref<D>& other) : object_ref(other) {}
+  requires std::is_base_of_v<T, D> ref(const ref<D>& other) : object_ref(other) {}
   template <class D>
-    requires std::is_base_of_v<T, D>
-  ref(ref<D>&& other) : object_ref(std::move(other)) {}
+  requires std::is_base_of_v<T, D> ref(ref<D>&& other) : object_ref(std::move(other)) {}
 
   // The caller vouches for the class (it is checked again at every look through reader).
   static ref trusted(object_ref other) {
@@ -65,10 +63,10 @@ ref<T> checked_cast(object_ref reference) {
   return ref<T>::trusted(std::move(reference));
 }
 
-// A member that points back to what holds its object (the entry that links a node into an index, the
-// index an entry stands in). Stored like any reference, but it keeps nothing alive: a transient tree
-// would otherwise never be freed. When a transient target goes away it clears the back references of
-// what it held.
+// A member that points back to what holds its object (the entry that links a node into an index,
+// the index an entry stands in). Stored like any reference, but it keeps nothing alive: a transient
+// tree would otherwise never be freed. When a transient target goes away it clears the back
+// references of what it held.
 template <class T>
 class back_ref {
  public:

@@ -51,8 +51,9 @@ bool has_failed(int exceptions_before) { return std::uncaught_exceptions() > exc
 
 }  // namespace
 
-// An access to a transient object pins its body and is none of the session's business, even when the
-// object is stored meanwhile: the scheme is remembered by whether the thread's accesses were counted.
+// An access to a transient object pins its body and is none of the session's business, even when
+// the object is stored meanwhile: the scheme is remembered by whether the thread's accesses were
+// counted.
 read_access_base::read_access_base(object_ref reference) : reference_(std::move(reference)) {
   const looked_up found = look_up(*reference_.handle());
   scheme_ = found.scheme;

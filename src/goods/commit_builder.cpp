@@ -108,7 +108,8 @@ std::vector<commit_part> commit_builder::parts(const void* origin,
     }
     obj_storage& to = db_.storage(storage);
     to.count_written(bytes.size());
-    result.push_back({&to.dbs(), {.changes = mine.changes, .origin = origin, .attachment = attachment}});
+    result.push_back(
+        {&to.dbs(), {.changes = mine.changes, .origin = origin, .attachment = attachment}});
     part_storages_.push_back(storage);
   }
   return result;

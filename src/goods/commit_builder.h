@@ -23,9 +23,9 @@ class publication;
 // Finds the transient objects that a transaction's copies refer to, directly or through each other,
 // makes them persistent and packs everything.
 //
-// New objects get neighbouring numbers in the order of a depth-first walk: what is read together ends
-// up side by side. The walk keeps its own stack, so chains of any length are fine.
-// Threads: the committing one.
+// New objects get neighbouring numbers in the order of a depth-first walk: what is read together
+// ends up side by side. The walk keeps its own stack, so chains of any length are fine. Threads:
+// the committing one.
 class commit_builder {
  public:
   commit_builder(database& db, publication& changes) : db_(db), changes_(changes) {}
@@ -37,12 +37,13 @@ class commit_builder {
   void build();
 
   // One part for each storage that anything changes in; they refer to this builder's memory.
-  std::vector<commit_part> parts(const void* origin, const std::shared_ptr<publication>& attachment);
+  std::vector<commit_part> parts(const void* origin,
+                                 const std::shared_ptr<publication>& attachment);
   storage_number storage_of_part(std::size_t index) const { return part_storages_[index]; }
 
  private:
   struct share {
-    explicit share(number_pool& numbers) : numbers(numbers) {}
+    explicit share(number_pool& pool) : numbers(pool) {}
     number_run numbers;
     byte_writer bytes;
     std::vector<object_change> changes;

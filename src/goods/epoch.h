@@ -5,8 +5,8 @@
 
 namespace goods {
 
-// While one lives, nothing that was reachable when it was made is freed by retire(). Nests. Costs one
-// ordered store to memory of the calling thread; keep it short, memory waits for it.
+// While one lives, nothing that was reachable when it was made is freed by retire(). Nests. Costs
+// one ordered store to memory of the calling thread; keep it short, memory waits for it.
 class reader_section {
  public:
   reader_section() { enter(); }

@@ -12,9 +12,9 @@
 
 namespace goods {
 
-// Finding takes no lock: it needs a reader_section, and so do the handles it returns unless they are
-// counted. Changing takes the lock of one of the shards; the same lock orders what loads and commits
-// do to the bodies of a shard's handles.
+// Finding takes no lock: it needs a reader_section, and so do the handles it returns unless they
+// are counted. Changing takes the lock of one of the shards; the same lock orders what loads and
+// commits do to the bodies of a shard's handles.
 class handle_table {
  public:
   static constexpr std::size_t shard_count = 64;

@@ -49,8 +49,8 @@ const object* pessimistic_metaobject::begin_read_access(object_handle& handle) {
   thread_attachment& thread = *session.attachment();
   beginning_access beginning(thread);
   const reader_section section;
-  const object* body = thread.open() != nullptr ? thread.open()->read(handle)
-                                                : session.cache().loaded(handle);
+  const object* body =
+      thread.open() != nullptr ? thread.open()->read(handle) : session.cache().loaded(handle);
   body->pin();
   beginning.begun();
   return body;

@@ -8,9 +8,9 @@
 
 namespace goods {
 
-// A session's stock of unused numbers in one storage, in ranges of neighbours that the storage keeps
-// together. A committing thread works through one range at a time, so that the new objects of two
-// threads do not mix. Threads: any.
+// A session's stock of unused numbers in one storage, in ranges of neighbours that the storage
+// keeps together. A committing thread works through one range at a time, so that the new objects of
+// two threads do not mix. Threads: any.
 class number_pool {
  public:
   struct range {
@@ -28,9 +28,9 @@ class number_pool {
 
   dbs_storage& storage_;
   std::mutex lock_;
-  std::vector<range> begun_;           // under lock_: partly used ranges
-  range fresh_;                        // under lock_
-  std::uint32_t block_ = neighbours;   // under lock_: how many to ask the storage for, growing
+  std::vector<range> begun_;          // under lock_: partly used ranges
+  range fresh_;                       // under lock_
+  std::uint32_t block_ = neighbours;  // under lock_: how many to ask the storage for, growing
 };
 
 // One commit's numbers; what it leaves goes back to the pool.

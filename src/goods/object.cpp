@@ -13,7 +13,7 @@ object::object(class_descriptor& cls) : handle_(new object_handle(this)), cls_(&
 
 object::object(object_handle* handle, class_descriptor& cls) : handle_(handle), cls_(&cls) {}
 
-object::~object() = default;
+object::~object() { cls_->release_extra(*this); }
 
 void object::pack_varying(byte_writer&, object_id) const {}
 void object::unpack_varying(byte_reader&, object_id) {}
@@ -33,8 +33,7 @@ void object::attach_to_storage(database*, std::uint32_t storage) {
 void object::cluster_with(const object_ref& other) {
   if (handle_ == nullptr || !handle_->is_transient() || other.is_null()) return;
   const object_id beside = other.id();
-  handle_->set_wanted_storage(beside != 0 ? storage_of(beside)
-                                          : other.handle()->wanted_storage());
+  handle_->set_wanted_storage(beside != 0 ? storage_of(beside) : other.handle()->wanted_storage());
 }
 
 void object::become(const object_ref& other) {

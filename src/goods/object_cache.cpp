@@ -58,7 +58,9 @@ class body_sink : public state_sink {
 object_cache::object_cache(database& db, const cache_manager& session)
     : db_(db), session_(session), applied_(db.get_number_of_storages()) {
   for (std::size_t i = 0; i < applied_.size(); ++i) {
-    applied_[i] = db.storage(static_cast<storage_number>(i)).notices().newest();
+    dbs_storage& storage = db.storage(static_cast<storage_number>(i)).dbs();
+    notices_.push_back(storage.subscribe(&session));
+    applied_[i] = notices_.back()->newest();
   }
 }
 
@@ -111,7 +113,8 @@ object* object_cache::load(object_handle& handle) {
   }
 }
 
-// Installs `fresh` (null: nothing is stored) unless another thread was first; `body` is what counts.
+// Installs `fresh` (null: nothing is stored) unless another thread was first; `body` is what
+// counts.
 object_cache::outcome object_cache::keep_loaded(object_handle& handle, object* fresh,
                                                 commit_version as_of, object*& body) {
   const object_id id = handle.id();
@@ -151,13 +154,13 @@ void object_cache::apply_notices(storage_number storage, commit_version through)
 object_cache::news_list object_cache::take_news(storage_number storage, commit_version through) {
   news_list news;
   const auto take = [&](storage_number from, commit_version to) {
-    for (auto& n : db_.storage(from).notices().take(to)) news.emplace_back(from, std::move(n));
+    for (auto& n : notices_[from]->take(to)) news.emplace_back(from, std::move(n));
   };
   take(storage, through);
   if (applied_.size() == 1) return news;
   while (true) {
     const std::uint64_t before = several_published();
-    for (storage_number s = 0; s < applied_.size(); ++s) take(s, db_.storage(s).notices().newest());
+    for (storage_number s = 0; s < applied_.size(); ++s) take(s, notices_[s]->newest());
     if (before % 2 == 0 && several_published() == before) return news;
     std::this_thread::yield();
   }

@@ -23,8 +23,8 @@ class object;
 // Loads, keeps and drops committed bodies, and takes in commits in version order.
 //
 // A state that was loaded as of version v becomes a body only after the notices up to v have been
-// applied and while none newer has: so every body in the cache is the one as of the version that the
-// session has applied, and readers who saw the publish counter unchanged saw one state.
+// applied and while none newer has: so every body in the cache is the one as of the version that
+// the session has applied, and readers who saw the publish counter unchanged saw one state.
 //
 // Locks, in this order: publishing_, evicting_, a shard of the table. No storage call is made while
 // holding a shard; while holding publishing_ only notices are taken.
@@ -37,8 +37,9 @@ class object_cache {
   object_handle& find_or_make(object_id id);
   object_ref counted(object_id id);
 
-  // The committed body. Throws object_deleted when nothing is stored under the identifier. Null when
-  // the cache has dropped the handle, which can only happen to one that is not counted: find it anew.
+  // The committed body. Throws object_deleted when nothing is stored under the identifier. Null
+  // when the cache has dropped the handle, which can only happen to one that is not counted: find
+  // it anew.
   object* loaded(object_handle& handle) {
     object* body = handle.body();
     if (body == nullptr) body = load(handle);
@@ -89,7 +90,9 @@ class object_cache {
   handle_table table_;
 
   std::recursive_mutex publishing_;
-  std::vector<std::atomic<commit_version>> applied_;  // by storage; written under publishing_
+  std::vector<std::unique_ptr<notice_subscription>>
+      notices_;                                       // by storage; take() under publishing_
+  std::vector<std::atomic<commit_version>> applied_;  // by storage; set under publishing_
   std::atomic<std::uint64_t> publish_count_{0};
   std::atomic<std::uint64_t> relinks_{0};
 

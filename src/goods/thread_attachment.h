@@ -12,8 +12,8 @@ class cache_manager;
 
 // A thread's stay in a session: its transaction and how deep it is in accesses and reads.
 //
-// Threads: the attached thread's own; only the session's destructor touches it from outside, when no
-// thread may use the session any more.
+// Threads: the attached thread's own; only the session's destructor touches it from outside, when
+// no thread may use the session any more.
 class thread_attachment {
  public:
   explicit thread_attachment(cache_manager& session) : session_(&session) {}

@@ -24,12 +24,13 @@ transaction::transaction(cache_manager& session, lock_owner& owner, bool is_expl
 
 transaction::~transaction() { finish(); }
 
-transaction& transaction::running() {
-  return *cache_manager::require().attachment()->open();
+transaction& transaction::running() { return *cache_manager::require().attachment()->open(); }
+
+void transaction::lock_number(storage_number storage, object_number number) {
+  lock(make_object_id(storage, number), lock_mode::exclusive);
 }
 
-void transaction::lock(object_handle& handle, lock_mode mode) {
-  const object_id id = handle.id();
+void transaction::lock(object_id id, lock_mode mode) {
   obj_storage& storage = session_.db().storage(storage_of(id));
   try {
     const commit_version newest =
@@ -47,7 +48,7 @@ const object* transaction::read(object_handle& handle) {
     if (own != copies_.end()) return own->second;
   }
   const object_ref keeps(&handle);
-  lock(handle, lock_mode::shared);
+  lock(handle.id(), lock_mode::shared);
   return session_.cache().loaded(handle);
 }
 
@@ -57,7 +58,7 @@ object* transaction::write(object_handle& handle) {
     if (own != copies_.end()) return own->second;
   }
   object_ref keeps(&handle);
-  lock(handle, lock_mode::exclusive);
+  lock(handle.id(), lock_mode::exclusive);
   const reader_section section;
   const object& committed = *session_.cache().loaded(handle);
   object* copy = committed.cls().create(&handle);

@@ -39,8 +39,8 @@ class transaction {
   // Whether this was the outermost end.
   bool leave() { return --depth_ <= 0; }
 
-  // The version to read: locked shared, the transaction's own copy when it has one. Valid to the end
-  // of the caller's reader_section.
+  // The version to read: locked shared, the transaction's own copy when it has one. Valid to the
+  // end of the caller's reader_section.
   const object* read(object_handle& handle);
 
   // The private copy, locked exclusively and made at the first call.
@@ -49,7 +49,10 @@ class transaction {
   // Makes `body` the private copy of the object behind `handle`.
   void replace(object_handle& handle, object& body);
 
-  // Stores `object` (transient) as the root object of `storage` when this commits.
+  // Locks a number exclusively, whether there is an object behind it or not.
+  void lock_number(storage_number storage, object_number number);
+
+  // Stores `root` (transient) as the root object of `storage` when this commits.
   void add_root(object_ref root, storage_number storage);
 
   // Makes everything durable and visible; nothing has been when it throws, unless the code is
@@ -58,7 +61,7 @@ class transaction {
   void roll_back() noexcept;
 
  private:
-  void lock(object_handle& handle, lock_mode mode);
+  void lock(object_id id, lock_mode mode);
   void commit_copies();
   void finish() noexcept;  // gives up copies that were not published, and the locks
 

@@ -1,0 +1,84 @@
+// A session's database: one or several storages that a configuration file names.
+#pragma once
+
+#include <cstdint>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include <goods/goods_api.h>
+#include <goods/object_ref.h>
+
+namespace goods {
+
+class cache_manager;
+class obj_storage;
+
+// Opens the storages, finds root objects and objects by identifier, and keeps the byte counters.
+//
+// The configuration file: the number of storages in the first line, then one line for each,
+// "number: address", numbers from 0 upwards without gaps. An embedded storage's address is "file:"
+// and a directory, relative to the configuration file; see open_storage() for its options.
+//
+// Ownership: the application's. Closing the database ends its session; references that are still
+// held refer to nothing from then on.
+// Threads: open() and close() need the database for themselves; everything else is safe from any
+// attached thread.
+class GOODS_API database {
+ public:
+  database();
+  virtual ~database();  // closes
+  database(const database&) = delete;
+  database& operator=(const database&) = delete;
+
+  // Opens all storages, creating embedded ones that are missing, and finishes or drops what a crash
+  // left of commits over several storages. Returns false when a storage is held by another process
+  // or does not answer: trying again later may succeed. Everything else throws: usage for a
+  // configuration file that is missing or cannot be understood (file and line are named),
+  // input_output, corrupt_data, newer_version.
+  virtual bool open(const char* configuration_path);
+  // Why the last open() returned false.
+  const std::string& get_open_problem() const { return open_problem_; }
+  virtual void close();
+  bool is_open() const { return session_ != nullptr; }
+
+  // The session's cache; the database must be open.
+  cache_manager& session() const;
+  // Attaches the calling thread to it, leaving another session; and detaches the thread.
+  virtual void attach();
+  virtual void detach();
+
+  std::uint32_t get_number_of_storages() const;
+  // Throws usage for a storage that the database does not have.
+  obj_storage& storage(storage_number number) const;
+  storage_number get_storage_with_minimal_size() const;
+
+  // The root object of a storage; null until set_root() has been committed. The class is not
+  // checked.
+  void get_root(object_ref& root, storage_number storage = 0) const;
+  // Makes a transient object the root of a storage that has none yet, in the transaction that is
+  // open or one of its own. Returns false, and leaves `root` alone, when there is a root already.
+  bool set_root(const object_ref& root, storage_number storage = 0);
+
+  // A reference by identifier; whether there is such an object shows when it is used.
+  void get_object(object_ref& object, object_number number, storage_number storage) const;
+
+  // Bytes of packed objects loaded from and committed to the storages, since opening or clearing.
+  std::uint64_t get_num_bytes_from_db() const;
+  std::uint64_t get_num_bytes_to_db() const;
+  std::uint64_t get_num_bytes_from_db(storage_number storage) const;
+  std::uint64_t get_num_bytes_to_db(storage_number storage) const;
+  void clear_num_bytes_in_out();
+  void clear_num_bytes_in_out(storage_number storage);
+
+ protected:
+  // Lets a derived class supply its own cache manager.
+  virtual std::unique_ptr<cache_manager> create_session();
+
+ private:
+  std::vector<std::unique_ptr<obj_storage>> storages_;
+  std::unique_ptr<cache_manager> session_;
+  std::string open_problem_;
+};
+
+}  // namespace goods

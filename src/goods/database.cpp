@@ -1,0 +1,157 @@
+#include <goods/database.h>
+
+#include <algorithm>
+
+#include <goods/cache_manager.h>
+#include <goods/errors.h>
+#include <goods/obj_storage.h>
+#include <goods/object.h>
+#include <goods/object_handle.h>
+
+#include "goods/configuration.h"
+#include "goods/object_cache.h"
+#include "goods/thread_attachment.h"
+#include "goods/transaction.h"
+#include "storage/multi_commit.h"
+
+namespace goods {
+
+namespace {
+
+// Only tells whether there is an object.
+class presence_sink : public state_sink {
+ public:
+  void found(const object_state&) override { present = true; }
+  void missing(object_number) override {}
+  bool present = false;
+};
+
+bool is_stored(dbs_storage& storage, object_number number) {
+  presence_sink sink;
+  storage.load({&number, 1}, storage.newest_version(), sink);
+  return sink.present;
+}
+
+}  // namespace
+
+database::database() = default;
+
+database::~database() { close(); }
+
+bool database::open(const char* configuration_path) {
+  close();
+  const configuration config = read_configuration(configuration_path);
+  std::vector<std::unique_ptr<obj_storage>> opened;
+  std::vector<dbs_storage*> contracts;
+  try {
+    for (const std::string& address : config.addresses) {
+      auto storage = open_storage(address, config.directory);
+      contracts.push_back(storage.get());
+      const auto number = static_cast<storage_number>(opened.size());
+      opened.push_back(std::make_unique<obj_storage>(std::move(storage), number));
+    }
+    recover_several(contracts);
+  } catch (const error_info& error) {
+    if (error.code() != error_code::database_in_use) throw;
+    open_problem_ = "A storage of \"" + std::string(configuration_path) + "\" is in use elsewhere.";
+    if (const auto* described = dynamic_cast<const std::exception*>(&error)) {
+      open_problem_ = described->what();
+    }
+    return false;
+  }
+  storages_ = std::move(opened);
+  session_ = create_session();
+  return true;
+}
+
+void database::close() {
+  if (session_ != nullptr && cache_manager::current() == session_.get()) cache_manager::detach();
+  session_.reset();
+  storages_.clear();
+}
+
+std::unique_ptr<cache_manager> database::create_session() {
+  return std::make_unique<cache_manager>(*this);
+}
+
+cache_manager& database::session() const {
+  if (session_ == nullptr) throw_error(error_code::usage, "The database is not open.");
+  return *session_;
+}
+
+void database::attach() { session().attach(); }
+
+void database::detach() { cache_manager::detach(); }
+
+std::uint32_t database::get_number_of_storages() const {
+  return static_cast<std::uint32_t>(storages_.size());
+}
+
+obj_storage& database::storage(storage_number number) const {
+  if (number >= storages_.size()) {
+    throw_error(error_code::usage, "The database has no storage " + std::to_string(number) +
+                                       "; it has " + std::to_string(storages_.size()) +
+                                       ", numbered from 0.");
+  }
+  return *storages_[number];
+}
+
+storage_number database::get_storage_with_minimal_size() const {
+  std::vector<std::uint64_t> sizes;
+  for (const auto& storage : storages_) sizes.push_back(storage->get_used_size());
+  return static_cast<storage_number>(std::min_element(sizes.begin(), sizes.end()) - sizes.begin());
+}
+
+void database::get_root(object_ref& root, storage_number number) const {
+  const object_id id = make_object_id(number, root_object_number);
+  object_ref found = session().find(id);
+  if (found.handle()->body() == nullptr && !is_stored(storage(number).dbs(), root_object_number)) {
+    found.clear();
+  }
+  root.swap(found);
+}
+
+bool database::set_root(const object_ref& root, storage_number number) {
+  if (root.is_null() || !root.handle()->is_transient()) {
+    throw_error(error_code::usage, "Only a new object can become a root object.");
+  }
+  return session().atomically([&] {
+    transaction& running = transaction::running();
+    running.lock_number(number, root_object_number);
+    if (is_stored(storage(number).dbs(), root_object_number)) return false;
+    running.add_root(root, number);
+    return true;
+  });
+}
+
+void database::get_object(object_ref& object, object_number number, storage_number storage) const {
+  object = session().find(make_object_id(storage, number));
+}
+
+std::uint64_t database::get_num_bytes_from_db() const {
+  std::uint64_t sum = 0;
+  for (const auto& storage : storages_) sum += storage->bytes_read();
+  return sum;
+}
+
+std::uint64_t database::get_num_bytes_to_db() const {
+  std::uint64_t sum = 0;
+  for (const auto& storage : storages_) sum += storage->bytes_written();
+  return sum;
+}
+
+std::uint64_t database::get_num_bytes_from_db(storage_number number) const {
+  return storage(number).bytes_read();
+}
+
+std::uint64_t database::get_num_bytes_to_db(storage_number number) const {
+  return storage(number).bytes_written();
+}
+
+void database::clear_num_bytes_in_out() {
+  for (const auto& storage : storages_) storage->clear_counters();
+}
+
+void database::clear_num_bytes_in_out(storage_number number) { storage(number).clear_counters(); }
+
+}  // namespace goods
