@@ -132,6 +132,7 @@ class GOODS_API read_round {
 
   reader reader_;
   thread_attachment* attachment_ = nullptr;
+  bool in_section_ = true;
   bool holds_publishing_ = false;  // after a few rounds: commits wait until the work is done
   int rounds_ = 1;
   std::uint64_t started_at_ = 0;

@@ -1,6 +1,8 @@
 // Looking at many objects at once.
 #pragma once
 
+#include <vector>
+
 #include <goods/class_descriptor.h>
 #include <goods/object.h>
 #include <goods/ref.h>
@@ -38,9 +40,13 @@ class GOODS_API reader {
   friend class cache_manager;
   friend class read_round;
   const object* look_persistent(ref_word word);
+  const object* look_locked(ref_word word);
 
   cache_manager* session_ = nullptr;    // null: only transient objects can be looked at
   transaction* transaction_ = nullptr;  // the calling thread's, while one is open
+  // What was read in a transaction: locks are waited for, and waiting in a section would keep all
+  // threads' memory from being freed.
+  std::vector<const object*> pinned_;
 };
 
 }  // namespace goods

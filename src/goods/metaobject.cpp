@@ -31,6 +31,13 @@ class beginning_access {
   bool begun_ = false;
 };
 
+const object* pinned_committed(object_cache& cache, object_handle& handle) {
+  const reader_section section;
+  const object* body = cache.loaded(handle);
+  body->pin();
+  return body;
+}
+
 // The thread's outermost access ends what it began without being asked to.
 void end_access(bool failed) {
   cache_manager* session = cache_manager::current();
@@ -48,10 +55,8 @@ const object* pessimistic_metaobject::begin_read_access(object_handle& handle) {
   cache_manager& session = cache_manager::require();
   thread_attachment& thread = *session.attachment();
   beginning_access beginning(thread);
-  const reader_section section;
-  const object* body =
-      thread.open() != nullptr ? thread.open()->read(handle) : session.cache().loaded(handle);
-  body->pin();
+  const object* body = thread.open() != nullptr ? thread.open()->read(handle)
+                                                : pinned_committed(session.cache(), handle);
   beginning.begun();
   return body;
 }

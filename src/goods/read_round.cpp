@@ -16,9 +16,10 @@ constexpr int rounds_without_waiting = 8;
 }  // namespace
 
 read_round::read_round(cache_manager* session) {
-  reader_section::enter();
+  if (session != nullptr) attachment_ = session->attachment();
+  in_section_ = attachment_ == nullptr || attachment_->open() == nullptr;
+  if (in_section_) reader_section::enter();
   if (session == nullptr) return;
-  attachment_ = session->attachment();
   if (attachment_ != nullptr) {
     reader_.transaction_ = attachment_->open();
     ++attachment_->reads;
@@ -29,8 +30,9 @@ read_round::read_round(cache_manager* session) {
 
 read_round::~read_round() {
   if (holds_publishing_) reader_.session_->cache().release_publishing();
+  for (const object* body : reader_.pinned_) body->unpin();
   if (attachment_ != nullptr) --attachment_->reads;
-  reader_section::leave();
+  if (in_section_) reader_section::leave();
 }
 
 // Locks do it inside a transaction, and the outermost read() for those within.
@@ -72,12 +74,20 @@ const object* reader::look_persistent(ref_word word) {
     throw_error(error_code::thread_not_attached,
                 "The calling thread is not attached to a session, but uses a stored object.");
   }
+  if (transaction_ != nullptr) return look_locked(word);
   object_cache& cache = session_->cache();
   while (true) {
     object_handle& handle = word.is_handle() ? *word.handle() : cache.find_or_make(word.id());
-    if (transaction_ != nullptr) return transaction_->read(handle);
     if (const object* body = cache.loaded(handle)) return body;
   }
+}
+
+const object* reader::look_locked(ref_word word) {
+  const object_ref counted =
+      word.is_handle() ? object_ref(word.handle()) : session_->cache().counted(word.id());
+  const object* body = transaction_->read(*counted.handle());
+  pinned_.push_back(body);
+  return body;
 }
 
 }  // namespace goods

@@ -42,21 +42,27 @@ void transaction::lock(object_id id, lock_mode mode) {
   }
 }
 
+object* transaction::own_copy(object_handle& handle) const {
+  if (!handle.is_being_written()) return nullptr;
+  const auto own = copies_.find(&handle);
+  return own == copies_.end() ? nullptr : own->second;
+}
+
 const object* transaction::read(object_handle& handle) {
-  if (handle.is_being_written()) {
-    const auto own = copies_.find(&handle);
-    if (own != copies_.end()) return own->second;
+  const object* body = own_copy(handle);
+  if (body != nullptr) {
+    body->pin();
+    return body;
   }
-  const object_ref keeps(&handle);
   lock(handle.id(), lock_mode::shared);
-  return session_.cache().loaded(handle);
+  const reader_section section;
+  body = session_.cache().loaded(handle);
+  body->pin();
+  return body;
 }
 
 object* transaction::write(object_handle& handle) {
-  if (handle.is_being_written()) {
-    const auto own = copies_.find(&handle);
-    if (own != copies_.end()) return own->second;
-  }
+  if (object* own = own_copy(handle)) return own;
   object_ref keeps(&handle);
   lock(handle.id(), lock_mode::exclusive);
   const reader_section section;

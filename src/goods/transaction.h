@@ -43,7 +43,7 @@ class transaction {
   // end of the caller's reader_section.
   const object* read(object_handle& handle);
 
-  // The private copy, locked exclusively and made at the first call.
+  // The private copy, locked exclusively and made at the first call. As read(), but not pinned.
   object* write(object_handle& handle);
 
   // Makes `body` the private copy of the object behind `handle`.
@@ -61,6 +61,7 @@ class transaction {
   void roll_back() noexcept;
 
  private:
+  object* own_copy(object_handle& handle) const;
   void lock(object_id id, lock_mode mode);
   void commit_copies();
   void finish() noexcept;  // gives up copies that were not published, and the locks
