@@ -9,7 +9,6 @@
 #include <limits>
 #include <string>
 
-#include "support/allocation_count.h"
 #include "support/comma_locale.h"
 
 namespace tarns {
@@ -131,30 +130,6 @@ TEST(TarnDataPropertyTest, WritesRealNumbersAsPrintfDoesInTheCLocale) {
   const comma_locale comma;
   EXPECT_STREQ(TarnData(1234.5).getString(), "1234.500000");
   EXPECT_EQ(TarnData("1234.5").getDouble(), 1234.5);
-}
-
-TEST(TarnDataPropertyTest, AllocatesOnceForATextAndNeverForANumber) {
-  const TarnData text("a text that no small string optimisation would hold");
-  TarnData reused("a text that no small string optimisation would hold either");
-  const std::size_t before = allocation_count();
-  {
-    TarnData empty;
-    TarnData number(5);
-    number.set(2.5);
-    empty = number;
-    EXPECT_EQ(empty.getSint32() + static_cast<int>(number.getUint8()), 4);
-    EXPECT_EQ(text.getSint64(), 0);
-    reused = text;
-  }
-  EXPECT_EQ(allocation_count(), before);
-  {
-    TarnData copied = text;
-    copied.add(TarnData());
-    const TarnData number(5);
-    EXPECT_STREQ(number.getString(), "5");
-    EXPECT_STREQ(number.getString(), "5");
-  }
-  EXPECT_EQ(allocation_count(), before + 2);
 }
 
 }  // namespace
