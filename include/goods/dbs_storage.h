@@ -7,10 +7,10 @@
 //
 // Versions: every commit gets the next commit version; version order is commit order. A state that
 // load() hands out is the one as of some version that it names.
-// Notices: each subscription receives every commit's changed numbers, in version order, without gaps.
-// Threads: every function may be called from any thread at any time, unless it says otherwise.
-// Errors: throw_error() with the codes of errors.h; messages name the storage's directory or
-// address and, where one is concerned, the object number.
+// Notices: each subscription receives every commit's changed numbers, in version order, without
+// gaps. Threads: every function may be called from any thread at any time, unless it says
+// otherwise. Errors: throw_error() with the codes of errors.h; messages name the storage's
+// directory or address and, where one is concerned, the object number.
 #pragma once
 
 #include <chrono>
@@ -35,7 +35,8 @@ inline constexpr object_number first_object_number = 0x10000;
 inline constexpr object_number root_object_number = 0x10000;
 inline constexpr std::size_t max_state_size = std::size_t{1} << 30;  // bytes of one packed object
 
-// One stored object as load() hands it over. `body` stays valid only during the call that passes it.
+// One stored object as load() hands it over. `body` stays valid only during the call that passes
+// it.
 struct object_state {
   object_number number;
   class_number layout;
@@ -56,7 +57,7 @@ struct object_change {
   class_number layout;              // ignored when removed
   std::span<const std::byte> body;  // ignored when removed
   bool removed = false;
-  bool is_new = false;              // did not exist before; left out of notices
+  bool is_new = false;  // did not exist before; left out of notices
 };
 
 // Tells which objects a commit changed. The committer's session compares `origin` with its own
@@ -145,10 +146,10 @@ struct layout_record {
 };
 
 struct storage_statistics {
-  std::uint64_t file_bytes = 0;      // all files of the storage
-  std::uint64_t used_bytes = 0;      // without free room inside them
-  std::uint64_t commits = 0;         // since opening
-  std::uint64_t commit_groups = 0;   // flushes that carried them
+  std::uint64_t file_bytes = 0;     // all files of the storage
+  std::uint64_t used_bytes = 0;     // without free room inside them
+  std::uint64_t commits = 0;        // since opening
+  std::uint64_t commit_groups = 0;  // flushes that carried them
 };
 
 class dbs_storage {
@@ -178,9 +179,9 @@ class dbs_storage {
   virtual std::vector<layout_record> layouts() = 0;
 
   // Notices of the commits after newest_version(). With an `origin`, attachments come with the
-  // notices of that origin only, and when notices pile up untaken, neighbouring ones of other origins
-  // become one: version of the last, origin null, changed numbers of all (sorted, each once). With
-  // null every notice comes as it is.
+  // notices of that origin only, and when notices pile up untaken, neighbouring ones of other
+  // origins become one: version of the last, origin null, changed numbers of all (sorted, each
+  // once). With null every notice comes as it is.
   virtual std::unique_ptr<notice_subscription> subscribe(const void* origin) = 0;
 
   // The newest version that is visible and whose notice is queued.
@@ -201,7 +202,8 @@ class dbs_storage {
                                            const commit_request& request) = 0;
   // At the others, once it is decided.
   virtual commit_version commit_prepared(const global_transaction& id) = 0;
-  // From commit_and_decide() or commit_prepared() to publish(), load() keeps to older versions and
+  // From commit_and_decide() or commit_prepared() to publish() (until when the changes of `request`
+  // must stay, without their bodies), load() keeps to older versions and
   // other commits wait. publish() queues the notice and shows the version; it cannot fail.
   virtual void publish(const global_transaction& id) noexcept = 0;
   // In place of publish() when another participant failed after the decision: load() keeps to older
@@ -223,13 +225,13 @@ class dbs_storage {
 };
 
 // Opens the storage that `address` names (for example "file:./data"), creating it when missing. A
-// relative path is taken from `base_directory`. All sessions of a process that open the same storage
-// share one object; the last one to let go of it closes it. Options follow a '?' (see
+// relative path is taken from `base_directory`. All sessions of a process that open the same
+// storage share one object; the last one to let go of it closes it. Options follow a '?' (see
 // storage/storage_address.h): "file:./data?durability=relaxed&mmap=off&cache=64M".
 // Throws usage for an address that no backend knows and for options that differ from those of the
-// sessions that have it open, database_in_use when another process holds it, and input_output naming
-// the directory when that cannot be read or written.
-// After fork() the child's calls throw usage: what its parent opened is its parent's.
+// sessions that have it open, database_in_use when another process holds it, and input_output
+// naming the directory when that cannot be read or written. After fork() the child's calls throw
+// usage: what its parent opened is its parent's.
 std::shared_ptr<dbs_storage> open_storage(const std::string& address,
                                           const std::string& base_directory);
 

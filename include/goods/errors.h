@@ -18,18 +18,18 @@ namespace goods {
 enum class error_code : std::uint32_t {
   null_reference = 0,
   bad_typecast = 12,
-  deadlock = 100,           // the victim's transaction is rolled back; it may be repeated
-  lock_timeout = 101,       // waited for longer than the session's lock time limit
-  input_output = 102,       // the operating system refused a read, write or sync
-  storage_full = 103,       // no room on the device, or a limit of the format is reached
-  corrupt_data = 104,       // stored bytes fail their checks
-  database_in_use = 105,    // another process holds the store
-  outcome_unknown = 106,    // a commit may or may not have become durable
+  deadlock = 100,         // the victim's transaction is rolled back; it may be repeated
+  lock_timeout = 101,     // waited for longer than the session's lock time limit
+  input_output = 102,     // the operating system refused a read, write or sync
+  storage_full = 103,     // no room on the device, or a limit of the format is reached
+  corrupt_data = 104,     // stored bytes fail their checks
+  database_in_use = 105,  // another process holds the store
+  outcome_unknown = 106,  // a commit may or may not have become durable
   read_only = 107,
-  object_deleted = 108,     // an identifier names no stored object
-  newer_version = 109,      // written by a newer version of the library
+  object_deleted = 108,  // an identifier names no stored object
+  newer_version = 109,   // written by a newer version of the library
   thread_not_attached = 110,
-  usage = 111,              // address, configuration file or call that cannot be understood
+  usage = 111,  // address, configuration file or call that cannot be understood
 };
 
 // Mixed into whatever is thrown.

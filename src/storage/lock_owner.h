@@ -2,12 +2,10 @@
 #pragma once
 
 #include <array>
-#include <chrono>
 #include <condition_variable>
 #include <cstdint>
 #include <memory>
 #include <string>
-#include <string_view>
 #include <vector>
 
 #include <goods/dbs_storage.h>
@@ -18,16 +16,16 @@ struct lock_grant;
 
 // What one transaction holds, in all storages, and whom it waits for.
 //
-// A grant stays until the table's unlock_all(): locks are not released singly. Grants come from the
-// owner's own stock, so that an owner that is used for one transaction after the other allocates
-// nothing; a stock far above the usual is given back when everything is unlocked.
-// Threads: the thread that runs the transaction; other threads read the description and the edges of
-// the waits-for graph under the locks named in object_locks.h.
-// Ownership: the transaction's. Destroying it releases what it still holds.
+// A lock stays until the table's unlock_all(): locks are not released singly. The owner's memory is
+// kept for its next transaction, unless it has grown far beyond the usual; so an owner that is used
+// again and again allocates nothing.
+// Threads: the thread that runs the transaction. Other threads read the description and the
+// waits-for edges, under the locks that object_locks.h names. Ownership: the transaction's.
+// Destroying an owner releases what it still holds.
 class lock_owner {
  public:
-  // `description` names the owner in other owners' error messages, "thread 17" for example; when
-  // empty the operating system's number of the calling thread is used.
+  // `description` names the owner in other owners' error messages, "thread 17" for example. When it
+  // is empty, that is made of the operating system's number of the calling thread.
   explicit lock_owner(std::string description = {});
   lock_owner(const lock_owner&) = delete;
   lock_owner& operator=(const lock_owner&) = delete;
@@ -35,48 +33,45 @@ class lock_owner {
 
   const std::string& description() const { return description_; }
 
-  // Whether it holds `number` of `table` in `mode` or a stronger one. Touches nothing that other
-  // threads touch.
+  // Whether it holds `number` of `table` in `mode` or a stronger one. Touches no memory that other
+  // threads write to.
   bool holds(const lock_table& table, object_number number, lock_mode mode) const;
 
   // Locks held, in all storages.
-  std::size_t held() const { return used_; }
+  std::size_t held() const { return held_count_; }
 
-  struct internals;  // the door for lock tables, object_locks.h
+  class door;  // for lock tables
 
  private:
-  friend struct internals;
-
-  // A table of grants by storage and number: open addressing, linear probing, a power of two.
-  // Below a few locks everything is in `few_`.
-  struct entry {
-    const lock_table* table = nullptr;
+  // Grants by number and table: open addressing, at most half full, a power of two in size.
+  struct place {
     lock_grant* grant = nullptr;
     object_number number = 0;
   };
   static constexpr std::size_t few = 32;
 
-  entry* find(const lock_table& table, object_number number) const;
-  void insert(const lock_table& table, lock_grant& grant);
+  lock_grant* find(const lock_table& table, object_number number) const;
+  void insert(lock_grant* grant);
+  void put(lock_grant* grant);
   void grow();
-  void remove_all(const lock_table& table);
+  void forget(const lock_table& table);
+  void give_back_memory();
   lock_grant* new_grant();
-  void recycle(lock_grant* grant);
 
   const std::string description_;
-  std::array<entry, few> few_;
-  std::vector<entry> many_;
-  std::size_t used_ = 0;
+  std::array<place, few> few_places_;
+  std::vector<place> many_places_;
+  place* places_ = few_places_.data();
+  std::size_t mask_ = few - 1;
 
-  // Stock of grants, linked through lock_grant::next.
-  lock_grant* stock_ = nullptr;
-  std::size_t chunk_size_ = 16;
+  lock_grant* held_ = nullptr;  // all grants, linked through next_held
+  std::size_t held_count_ = 0;
+  lock_grant* stock_ = nullptr;  // unused grants, linked likewise
   std::vector<std::unique_ptr<lock_grant[]>> chunks_;
 
-  // Waiting; see object_locks.h.
   std::condition_variable_any wake_;
-  std::vector<lock_owner*> waits_for_;
-  std::uint64_t visited_ = 0;
+  std::vector<lock_owner*> waits_for_;  // empty unless it waits
+  std::uint64_t visited_ = 0;           // by which search for a cycle
 };
 
 }  // namespace goods

@@ -2,9 +2,9 @@
 //
 // The participant with the smallest identity coordinates. The others prepare (one flush each); then
 // the coordinator commits its own part together with the decision (one flush, the point of no
-// return); then the others finish (one flush each), and all show their new versions at once. A crash
-// before the decision leaves prepared parts that recovery discards, one after it leaves parts that
-// recovery finishes.
+// return); then the others finish (one flush each), and all show their new versions at once. A
+// crash before the decision leaves prepared parts that recovery discards, one after it leaves parts
+// that recovery finishes.
 #pragma once
 
 #include <cstdint>
@@ -28,9 +28,10 @@ struct commit_part {
 // the caller's transaction holds its objects' locks.
 std::vector<commit_version> commit_several(std::span<const commit_part> parts);
 
-// Settles what a crash left undecided or unfinished between these storages: call it when all storages
-// of a configuration have been opened, before anything is read from them. Safe to call again.
-// Throws usage naming both storages when the coordinator of a prepared commit is not among them.
+// Settles what a crash left undecided or unfinished between these storages: call it when all
+// storages of a configuration have been opened, before anything is read from them. Safe to call
+// again. Throws usage naming both storages when the coordinator of a prepared commit is not among
+// them.
 void recover_several(std::span<dbs_storage* const> storages);
 
 // Even and unchanged: between two calls no commit over several storages of this process has become

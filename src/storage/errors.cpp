@@ -1,0 +1,19 @@
+#include <goods/errors.h>
+
+#include <atomic>
+
+namespace goods {
+namespace {
+
+std::atomic<error_thrower> installed_thrower{nullptr};
+
+}  // namespace
+
+void set_error_thrower(error_thrower thrower) { installed_thrower.store(thrower); }
+
+void throw_error(error_code code, const std::string& message) {
+  if (error_thrower thrower = installed_thrower.load()) thrower(code, message);
+  throw database_error(code, message);
+}
+
+}  // namespace goods

@@ -1,0 +1,57 @@
+// Gathers commits that arrive together into groups that share one flush.
+#pragma once
+
+#include <condition_variable>
+#include <cstddef>
+#include <exception>
+#include <functional>
+#include <memory>
+#include <span>
+#include <vector>
+
+#include <goods/dbs_storage.h>
+
+#include "storage/guarded_mutex.h"
+#include "storage/local/writer_turn.h"
+
+namespace goods {
+
+// One commit on its way through the queue.
+struct queued_commit {
+  const commit_request* request;
+  commit_version version = 0;  // set when it succeeded
+  std::exception_ptr failure;  // set when it did not
+};
+
+// The first to arrive leads: it takes the writer's turn, writes everything that is queued by then
+// as one group, and hands the lead to the first of those that came meanwhile. The others wait.
+// Threads: any.
+class commit_queue {
+ public:
+  // Commits all of a group and sets version or failure of each; throws nothing.
+  using commit_group = std::span<queued_commit* const>;
+  using writer = std::function<void(commit_group)>;
+
+  commit_queue(writer_turn& turn, writer write) : turn_(turn), write_(std::move(write)) {}
+
+  // Returns the version or throws what went wrong.
+  commit_version commit(const commit_request& request);
+
+ private:
+  struct waiting : queued_commit {
+    bool leads = false;
+    bool done = false;
+    std::condition_variable_any wake;
+  };
+
+  std::vector<waiting*> take_group() REQUIRES(lock_);
+  void lead();
+
+  writer_turn& turn_;
+  const writer write_;
+  guarded_mutex lock_;
+  std::vector<waiting*> queue_ GUARDED_BY(lock_);  // in the order of arrival
+  bool has_leader_ GUARDED_BY(lock_) = false;
+};
+
+}  // namespace goods

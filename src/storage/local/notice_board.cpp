@@ -1,0 +1,148 @@
+#include "storage/local/notice_board.h"
+
+#include <algorithm>
+#include <utility>
+
+namespace goods {
+namespace {
+
+using notice_list = std::vector<std::shared_ptr<const notice>>;
+
+// Untaken notices beyond this many are merged where that is allowed.
+constexpr std::size_t merge_above = 4096;
+
+std::vector<object_number> numbers_to_tell(const commit_request& request) {
+  std::vector<object_number> numbers;
+  numbers.reserve(request.changes.size());
+  for (const object_change& change : request.changes)
+    if (!change.is_new) numbers.push_back(change.number);
+  return numbers;
+}
+
+void finish_merged(notice& merged) {
+  std::ranges::sort(merged.changed);
+  merged.changed.erase(std::unique(merged.changed.begin(), merged.changed.end()),
+                       merged.changed.end());
+}
+
+// Makes one of each run of notices that are not of `origin`.
+notice_list merge_foreign(const notice_list& list, const void* origin) {
+  notice_list result;
+  std::shared_ptr<notice> merged;
+  for (const auto& next : list) {
+    if (next->origin == origin) {
+      if (merged) finish_merged(*merged);
+      merged.reset();
+      result.push_back(next);
+      continue;
+    }
+    if (!merged) {
+      merged = std::make_shared<notice>();
+      result.push_back(merged);
+    }
+    merged->version = next->version;
+    merged->changed.insert(merged->changed.end(), next->changed.begin(), next->changed.end());
+  }
+  if (merged) finish_merged(*merged);
+  return result;
+}
+
+}  // namespace
+
+struct notice_board::shared_part {
+  guarded_mutex lock;
+  std::vector<subscription*> subscriptions GUARDED_BY(lock);
+  commit_version newest GUARDED_BY(lock) = 0;
+};
+
+class notice_board::subscription : public notice_subscription {
+ public:
+  subscription(std::shared_ptr<shared_part> shared, const void* origin)
+      : shared_(std::move(shared)), origin_(origin) {
+    guarded_scope scope(shared_->lock);
+    newest_ = shared_->newest;
+    shared_->subscriptions.push_back(this);
+  }
+
+  ~subscription() override {
+    guarded_scope scope(shared_->lock);
+    std::erase(shared_->subscriptions, this);
+  }
+
+  commit_version newest() const override { return newest_.load(std::memory_order_acquire); }
+
+  notice_list take(commit_version through) override {
+    guarded_scope scope(lock_);
+    while (newest_.load(std::memory_order_relaxed) < through) queued_.wait(lock_);
+    merge_at_ = merge_above;
+    return std::exchange(queue_, {});
+  }
+
+  const void* origin() const { return origin_; }
+
+  void queue(std::span<const std::shared_ptr<const notice>> notices) {
+    guarded_scope scope(lock_);
+    queue_.insert(queue_.end(), notices.begin(), notices.end());
+    newest_.store(notices.back()->version, std::memory_order_release);
+    queued_.notify_all();
+    if (origin_ == nullptr || queue_.size() < merge_at_) return;
+    queue_ = merge_foreign(queue_, origin_);
+    merge_at_ = queue_.size() + merge_above;
+  }
+
+ private:
+  const std::shared_ptr<shared_part> shared_;
+  const void* const origin_;
+  guarded_mutex lock_;
+  std::condition_variable_any queued_;
+  notice_list queue_ GUARDED_BY(lock_);
+  std::size_t merge_at_ GUARDED_BY(lock_) = merge_above;
+  std::atomic<commit_version> newest_{0};  // written under lock_
+};
+
+notice_board::notice_board(commit_version newest) : shared_(std::make_shared<shared_part>()) {
+  guarded_scope scope(shared_->lock);
+  shared_->newest = newest;
+}
+
+notice_board::~notice_board() = default;
+
+std::unique_ptr<notice_subscription> notice_board::subscribe(const void* origin) {
+  return std::make_unique<subscription>(shared_, origin);
+}
+
+void notice_board::publish(std::span<const committed> commits) {
+  guarded_scope scope(shared_->lock);
+  shared_->newest = commits.back().version;
+  if (shared_->subscriptions.empty()) return;
+
+  // Attachments go to the subscriptions of their origin and to those that want all.
+  notice_list plain, complete;
+  for (const committed& commit : commits) {
+    auto bare = std::make_shared<notice>();
+    bare->version = commit.version;
+    bare->changed = numbers_to_tell(*commit.request);
+    bare->origin = commit.request->origin;
+    plain.push_back(bare);
+    if (!commit.request->attachment) {
+      complete.push_back(std::move(bare));
+      continue;
+    }
+    auto attached = std::make_shared<notice>(*bare);
+    attached->attachment = commit.request->attachment;
+    complete.push_back(std::move(attached));
+  }
+  notice_list own;
+  for (subscription* s : shared_->subscriptions) {
+    if (s->origin() == nullptr) {
+      s->queue(complete);
+      continue;
+    }
+    own = plain;
+    for (std::size_t i = 0; i < own.size(); ++i)
+      if (own[i]->origin == s->origin()) own[i] = complete[i];
+    s->queue(own);
+  }
+}
+
+}  // namespace goods

@@ -1,0 +1,44 @@
+// Tells sessions which objects were changed.
+#pragma once
+
+#include <atomic>
+#include <condition_variable>
+#include <memory>
+#include <span>
+#include <vector>
+
+#include <goods/dbs_storage.h>
+
+#include "storage/guarded_mutex.h"
+
+namespace goods {
+
+// One commit as the board is told of it.
+struct committed {
+  commit_version version;
+  const commit_request* request;
+};
+
+// The subscriptions of one storage.
+//
+// Threads: any; publish() is called in version order. Subscriptions may outlive the board.
+class notice_board {
+ public:
+  explicit notice_board(commit_version newest);
+  ~notice_board();
+  notice_board(const notice_board&) = delete;
+  notice_board& operator=(const notice_board&) = delete;
+
+  std::unique_ptr<notice_subscription> subscribe(const void* origin);
+
+  // Queues the notices, oldest first. Makes nothing when nobody listens.
+  void publish(std::span<const committed> commits);
+
+ private:
+  class subscription;
+  struct shared_part;
+
+  std::shared_ptr<shared_part> shared_;  // with the subscriptions
+};
+
+}  // namespace goods

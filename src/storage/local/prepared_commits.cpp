@@ -1,0 +1,217 @@
+#include "storage/local/prepared_commits.h"
+
+#include <algorithm>
+#include <limits>
+
+#include "storage/local/byte_order.h"
+
+namespace goods {
+namespace {
+
+enum : std::uint8_t { removed_flag = 1, new_flag = 2 };
+
+constexpr std::size_t part_size = std::size_t{8} << 20;  // bytes of a prepared commit in one row
+
+template <class Identity>
+void write_pair(byte_writer& writer, const Identity& identity) {
+  writer.number(identity.high).number(identity.low);
+}
+
+template <class Identity>
+Identity read_pair(byte_reader& reader) {
+  Identity identity;
+  identity.high = reader.number<std::uint64_t>();
+  identity.low = reader.number<std::uint64_t>();
+  return identity;
+}
+
+std::vector<std::byte> serialize(const prepared_commit& about, const commit_request& request) {
+  byte_writer writer;
+  write_pair(writer, about.coordinator);
+  writer.varint(about.coordinator_name.size());
+  writer.append(std::as_bytes(std::span(about.coordinator_name)));
+  writer.varint(request.changes.size());
+  for (const object_change& change : request.changes) {
+    writer.number(change.number);
+    writer.number(static_cast<std::uint8_t>((change.removed ? removed_flag : 0) |
+                                            (change.is_new ? new_flag : 0)));
+    if (change.removed) continue;
+    writer.varint(change.layout).varint(change.body.size()).append(change.body);
+  }
+  return writer.release();
+}
+
+object_change parse_change(byte_reader& reader) {
+  object_change change{};
+  change.number = reader.number<std::uint32_t>();
+  const auto flags = reader.number<std::uint8_t>();
+  if (change.number < first_object_number || flags > (removed_flag | new_flag))
+    throw damaged_bytes("a change is out of range");
+  change.removed = (flags & removed_flag) != 0;
+  change.is_new = (flags & new_flag) != 0;
+  if (change.removed) return change;
+  const std::uint64_t layout = reader.varint();
+  const std::uint64_t length = reader.varint();
+  if (layout == 0 || layout > std::numeric_limits<class_number>::max() || length > max_state_size)
+    throw damaged_bytes("a change is out of range");
+  change.layout = static_cast<class_number>(layout);
+  change.body = reader.take(length);
+  return change;
+}
+
+std::unique_ptr<prepared_part> parse(const global_transaction& id, std::vector<std::byte> bytes) {
+  auto part = std::make_unique<prepared_part>();
+  part->bytes = std::move(bytes);
+  part->about.id = id;
+  byte_reader reader(part->bytes);
+  part->about.coordinator = read_pair<storage_identity>(reader);
+  const auto name = reader.take(reader.varint());
+  part->about.coordinator_name.assign(reinterpret_cast<const char*>(name.data()), name.size());
+  for (std::uint64_t count = reader.varint(); count != 0; --count)
+    part->changes.push_back(parse_change(reader));
+  reader.expect_end();
+  return part;
+}
+
+commit_decision parse_decision(std::span<const std::byte> content) {
+  byte_reader reader(content);
+  commit_decision decision;
+  decision.id = read_pair<global_transaction>(reader);
+  for (std::uint64_t count = reader.varint(); count != 0; --count)
+    decision.participants.push_back(read_pair<storage_identity>(reader));
+  reader.expect_end();
+  return decision;
+}
+
+// A prepared commit whose rows are being read.
+struct collected_rows {
+  std::vector<std::byte> bytes;
+  std::vector<std::int64_t> keys;
+  std::uint64_t rows = 0;  // that there must be
+};
+
+}  // namespace
+
+void prepared_commits::load(store_reader& reader, const store_state& state) {
+  std::map<global_transaction, collected_rows> collected;
+  const std::uint64_t rows = reader.for_each_row(
+      "prepared", row_kind::prepared, [&](std::int64_t key, const byte_block& content) {
+        next_key_ = std::max(next_key_, key + 1);
+        byte_reader row(content.view());
+        collected_rows& into = collected[read_pair<global_transaction>(row)];
+        if (row.varint() != into.keys.size()) throw damaged_bytes("a part before it is missing");
+        into.rows = row.varint();
+        into.keys.push_back(key);
+        const auto bytes = row.take(row.left());
+        into.bytes.insert(into.bytes.end(), bytes.begin(), bytes.end());
+      });
+  if (rows != state.prepared_rows)
+    throw_damaged_row(store_, "prepared", 0, "rows of it are missing");
+  for (auto& [id, rows_of_one] : collected) {
+    const std::int64_t key = rows_of_one.keys.front();
+    try {
+      if (rows_of_one.rows != rows_of_one.keys.size())
+        throw damaged_bytes("a part after it is missing");
+      auto part = parse(id, std::move(rows_of_one.bytes));
+      part->keys = std::move(rows_of_one.keys);
+      parts_[id] = {std::move(part), true};
+    } catch (const damaged_bytes& damage) {
+      throw_damaged_row(store_, "prepared", key, damage.what());
+    }
+  }
+  const std::uint64_t decisions = reader.for_each_row(
+      "decisions", row_kind::decision, [&](std::int64_t key, const byte_block& content) {
+        next_key_ = std::max(next_key_, key + 1);
+        const commit_decision decision = parse_decision(content.view());
+        decisions_[decision.id] = {decision, key, true};
+      });
+  if (decisions != state.decisions)
+    throw_damaged_row(store_, "decisions", 0, "rows of it are missing");
+}
+
+std::unique_ptr<prepared_part> prepared_commits::prepare(segment_store::transaction& into,
+                                                         prepared_commit about,
+                                                         const commit_request& request) {
+  std::vector<std::byte> bytes = serialize(about, request);
+  std::vector<std::int64_t> keys;
+  const std::size_t rows = (bytes.size() + part_size - 1) / part_size;
+  for (std::size_t i = 0; i < rows; ++i) {
+    byte_writer row;
+    write_pair(row, about.id);
+    const std::size_t size = std::min(part_size, bytes.size() - i * part_size);
+    row.varint(i).varint(rows).append(std::span(bytes).subspan(i * part_size, size));
+    keys.push_back(next_key_++);
+    into.write_prepared(keys.back(), row.view());
+  }
+  auto part = parse(about.id, std::move(bytes));
+  part->keys = std::move(keys);
+  part->origin = request.origin;
+  part->attachment = request.attachment;
+  return part;
+}
+
+void prepared_commits::erase(segment_store::transaction& from, const prepared_part& part) {
+  for (std::int64_t key : part.keys) from.remove_prepared(key);
+}
+
+std::int64_t prepared_commits::decide(segment_store::transaction& into,
+                                      const commit_decision& decision) {
+  byte_writer row;
+  write_pair(row, decision.id);
+  row.varint(decision.participants.size());
+  for (const storage_identity& participant : decision.participants) write_pair(row, participant);
+  const std::int64_t key = next_key_++;
+  into.write_decision(key, row.view());
+  return key;
+}
+
+void prepared_commits::erase_forgotten(segment_store::transaction& from) {
+  for (std::int64_t key : forgotten_) from.remove_decision(key);
+}
+
+void prepared_commits::remember(std::unique_ptr<prepared_part> part) {
+  const global_transaction id = part->about.id;
+  parts_[id] = {std::move(part), false};
+}
+
+void prepared_commits::remember(const commit_decision& decision, std::int64_t key) {
+  decisions_[decision.id] = {decision, key, false};
+}
+
+void prepared_commits::forget(const global_transaction& id) { parts_.erase(id); }
+
+void prepared_commits::forget_decision(const global_transaction& id) {
+  const auto found = decisions_.find(id);
+  if (found == decisions_.end()) return;
+  forgotten_.push_back(found->second.key);
+  decisions_.erase(found);
+}
+
+prepared_part* prepared_commits::find(const global_transaction& id) {
+  const auto found = parts_.find(id);
+  return found == parts_.end() ? nullptr : found->second.part.get();
+}
+
+std::vector<prepared_commit> prepared_commits::found_prepared() const {
+  std::vector<prepared_commit> result;
+  for (const auto& [id, known] : parts_)
+    if (known.found) result.push_back(known.part->about);
+  return result;
+}
+
+std::vector<commit_decision> prepared_commits::found_decisions() const {
+  std::vector<commit_decision> result;
+  for (const auto& [id, known] : decisions_)
+    if (known.found) result.push_back(known.decision);
+  return result;
+}
+
+std::uint64_t prepared_commits::next_object() const {
+  std::uint64_t next = 0;
+  for (const auto& [id, known] : parts_)
+    for (const object_change& change : known.part->changes)
+      next = std::max(next, std::uint64_t{change.number} + 1);
+  return next;
+}
+
+}  // namespace goods

@@ -1,0 +1,84 @@
+// Commits over several storages that a store has a part in.
+#pragma once
+
+#include <cstdint>
+#include <map>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include <goods/dbs_storage.h>
+
+#include "storage/local/segment_store.h"
+
+namespace goods {
+
+// A prepared commit with its own copy of the changes.
+struct prepared_part {
+  prepared_commit about;
+  std::vector<object_change> changes;  // bodies in `bytes`
+  std::vector<std::byte> bytes;
+  std::vector<std::int64_t> keys;  // of its rows
+  // Not stored: a commit that was interrupted by a crash tells its session nothing.
+  const void* origin = nullptr;
+  std::shared_ptr<void> attachment;
+
+  commit_request request() const { return {changes, origin, attachment}; }
+};
+
+// The tables `prepared` and `decisions`, in memory and in transactions.
+//
+// A prepared commit is one sequence of bytes, cut into as many rows as it needs:
+//   coordinator (16 bytes), length (varint) and text of its name, number of changes (varint);
+//   for each change: object number (4 bytes), flags (1 byte: 1 removed, 2 new) and, unless removed,
+//   layout (varint), length (varint), bytes.
+// Each row: id (16 bytes), number of this part and of all parts (varints), the part.
+// A decision is one row: id, number of participants (varint), their identities (16 bytes each).
+// Threads: the holder of the writer's turn.
+class prepared_commits {
+ public:
+  explicit prepared_commits(const std::string& store) : store_(store) {}
+
+  // Reads both tables. Throws corrupt_data when rows are damaged or missing.
+  void load(store_reader& reader, const store_state& state);
+
+  // Copies and writes a commit.
+  std::unique_ptr<prepared_part> prepare(segment_store::transaction& into, prepared_commit about,
+                                         const commit_request& request);
+  void erase(segment_store::transaction& from, const prepared_part& part);
+  std::int64_t decide(segment_store::transaction& into, const commit_decision& decision);
+  // Within the next transaction that is committed.
+  void erase_forgotten(segment_store::transaction& from);
+  void forgotten_erased() { forgotten_.clear(); }
+
+  void remember(std::unique_ptr<prepared_part> part);
+  void remember(const commit_decision& decision, std::int64_t key);
+  void forget(const global_transaction& id);           // a prepared commit
+  void forget_decision(const global_transaction& id);  // erased lazily
+  prepared_part* find(const global_transaction& id);
+
+  bool has_forgotten() const { return !forgotten_.empty(); }
+  std::vector<prepared_commit> found_prepared() const;
+  std::vector<commit_decision> found_decisions() const;
+  // Above every number in a prepared commit.
+  std::uint64_t next_object() const;
+
+ private:
+  struct known_decision {
+    commit_decision decision;
+    std::int64_t key;
+    bool found;  // when opening
+  };
+  struct known_part {
+    std::unique_ptr<prepared_part> part;
+    bool found;
+  };
+
+  const std::string& store_;
+  std::map<global_transaction, known_part> parts_;
+  std::map<global_transaction, known_decision> decisions_;
+  std::vector<std::int64_t> forgotten_;  // keys of decisions
+  std::int64_t next_key_ = 1;
+};
+
+}  // namespace goods

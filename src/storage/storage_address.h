@@ -1,0 +1,32 @@
+// The address of a storage, taken apart: "file:./data?durability=relaxed&mmap=off&cache=64M".
+#pragma once
+
+#include <cstddef>
+#include <string>
+#include <string_view>
+
+namespace goods {
+
+// How the embedded backend treats a directory.
+struct local_options {
+  // durability=full (default): a commit that has returned survives a loss of power.
+  // durability=relaxed: such a loss may take the last moments' commits, in order and whole.
+  bool relaxed = false;
+  // mmap=on (default): pages are read through a mapping of the file. Faster, but whoever cuts the
+  // file from outside while it is open ends the process.
+  bool mapped = true;
+  // cache=BYTES, also with K, M or G (default 16M): memory for segments that were read or written.
+  std::size_t cache_bytes = std::size_t{16} << 20;
+
+  friend bool operator==(const local_options&, const local_options&) = default;
+};
+
+struct storage_address {
+  std::string directory;  // absolute
+  local_options options;
+};
+
+// Throws usage for an address that no backend knows and for an option or value it does not have.
+storage_address parse_storage_address(std::string_view address, std::string_view base_directory);
+
+}  // namespace goods
