@@ -21,6 +21,7 @@ class byte_writer;
 class metaobject;
 class pack_program;
 struct class_layout;
+struct unknown_class_data;
 
 // Name, base, locking scheme and persistent members of a class, and what follows from the members:
 // packing, unpacking, copying and visiting references run a program compiled from them once.
@@ -42,7 +43,7 @@ class GOODS_API class_descriptor {
   // Takes over `fields` (null for none): the class's own persistent members. Members of the base
   // may be among them; those that the base has under the same name and offset are dropped.
   class_descriptor(const char* name, unsigned instance_size, metaobject* scheme,
-                   constructor_function constructor, field_descriptor* fields,
+                   constructor_function make_body, field_descriptor* fields,
                    class_descriptor* base = nullptr, int flags = 0);
   virtual ~class_descriptor();
   class_descriptor(const class_descriptor&) = delete;
@@ -52,6 +53,9 @@ class GOODS_API class_descriptor {
   unsigned instance_size() const { return instance_size_; }  // bytes of the C++ class
   class_descriptor* base() const { return base_; }           // null for none
   metaobject* scheme() const { return scheme_; }
+  constructor_function constructor() const {
+    return constructor_;
+  }  // null: no bodies of this class
   int flags() const { return flags_; }
   // Different for every descriptor of the process, small, never used again.
   std::uint32_t index() const { return index_; }
@@ -107,11 +111,11 @@ class GOODS_API class_descriptor {
   // --- Classes that the process does not know
   // ------------------------------------------------------
 
-  // Makes this the class of the objects stored under `layout`: bodies are ones of `base` followed
-  // by the room for members that only the layout has. Called by whoever made the descriptor with
-  // make_unknown_fields(); see class_layout.h.
-  void adopt_layout(std::shared_ptr<const class_layout> layout, unsigned extra_room);
-  bool is_unknown_class() const { return stored_layout_ != nullptr; }
+  // Makes this the class of the objects stored under `layout`: its bodies are ones of base(),
+  // followed by the room for members that only the layout has. find() does not answer it any more.
+  // Called once by whoever made the descriptor with make_unknown_fields(); see class_layout.h.
+  void adopt_layout(std::shared_ptr<const class_layout> layout);
+  bool is_unknown_class() const { return unknown_ != nullptr; }
 
   // Releases the references in the room beyond the C++ class; ~object() calls it.
   void release_extra(object& body) const noexcept {
@@ -120,15 +124,23 @@ class GOODS_API class_descriptor {
 
  private:
   std::size_t depth() const { return resolved().ancestors_.size() - 1; }
-  // Completes what needs the base: ancestors, own members, program.
+  // Completes what needs the base: own members and ancestors, then layout and program.
   const class_descriptor& resolved() const {
     if (!is_resolved_.load(std::memory_order_acquire)) resolve();
     return *this;
   }
   void resolve() const;
   void drop_inherited_fields() const;
-  const pack_program& program() const { return *resolved().program_; }
-  std::size_t extra_bytes(const object& body) const;
+  const pack_program& program() const {
+    const pack_program* const program = program_.load(std::memory_order_acquire);
+    return program != nullptr ? *program : complete();
+  }
+  const pack_program& complete() const;
+  std::unique_ptr<pack_program> make_program() const;
+  std::size_t extra_bytes(const object& body) const {
+    return unknown_ == nullptr ? 0 : unknown_bytes(body);
+  }
+  std::size_t unknown_bytes(const object& body) const;
   void release_extra_room(object& body) const noexcept;
 
   // Fixed after construction.
@@ -140,14 +152,16 @@ class GOODS_API class_descriptor {
   class_descriptor* base_;
   int flags_;
   std::uint32_t index_;
-  std::shared_ptr<const class_layout> stored_layout_;
+  std::unique_ptr<unknown_class_data> unknown_;
   std::vector<std::pair<std::string, std::string>> aliases_;
   // Completed by resolve().
   mutable field_descriptor* own_fields_;
   mutable std::vector<const class_descriptor*> ancestors_;  // outermost base first, itself last
-  mutable std::shared_ptr<const class_layout> layout_;
-  mutable std::unique_ptr<const pack_program> program_;
   mutable std::atomic<bool> is_resolved_{false};
+  // Completed by complete().
+  mutable std::shared_ptr<const class_layout> layout_;
+  mutable bool has_varying_ = false;  // whether bodies have ..._varying() functions to be called
+  mutable std::atomic<const pack_program*> program_{nullptr};  // owned
 };
 
 // The constructor function of a class T with a constructor T(object_handle*, class_descriptor&).

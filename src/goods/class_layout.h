@@ -34,8 +34,14 @@ struct class_layout {
   static class_layout parse(std::span<const std::byte> bytes);
 };
 
-// Told of each reference in a packed state.
-using stored_reference_visitor = std::function<void(object_id target, ref_kind kind)>;
+// A reference in a packed state.
+struct stored_reference {
+  object_id target;  // not 0
+  ref_kind kind;
+  const std::byte* begin;  // its stored form
+  const std::byte* end;
+};
+using stored_reference_visitor = std::function<void(const stored_reference&)>;
 
 // Reads one field's stored form and goes past it. Throws corrupt_data.
 void walk_field(const dbs_field_descriptor& field, byte_reader& in,
@@ -65,7 +71,7 @@ using field_maker = field_descriptor* (*)(const field_descriptor* declared,
 struct unknown_fields {
   field_descriptor* fields;  // what the base does not have (in name, type, size and count), placed
                              // behind its instance; without varying parts; the caller's
-  unsigned extra_room;       // bytes to be had behind the instance
+  unsigned extra_room;       // bytes that bodies get behind the instance
 };
 unknown_fields make_unknown_fields(const class_layout& layout, const class_descriptor& base,
                                    field_maker maker);
