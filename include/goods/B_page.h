@@ -3,6 +3,7 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <utility>
 
 #include <goods/class_descriptor.h>
 #include <goods/index_page.h>
@@ -16,13 +17,15 @@ class GOODS_API B_page : public object {
  public:
   static class_descriptor self_class;
 
-  static ref<B_page> create(index_page page);
+  // A new transient page. Give it to a ref at once.
+  static B_page* create_body(index_page page) { return new B_page(std::move(page)); }
   B_page(object_handle* handle, class_descriptor& cls) : object(handle, cls) {}
   ~B_page() override;
 
   const index_page& page() const { return page_; }
   index_page& page() { return page_; }
 
+  field_descriptor* describe_components() override;
   void pack_varying(byte_writer& out, object_id self) const override;
   void unpack_varying(byte_reader& in, object_id self) override;
   void copy_varying(const object& from) override;

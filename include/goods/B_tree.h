@@ -26,7 +26,8 @@ struct index_entry {
 };
 
 // A copy of an entry. Its references hold identifiers where the page does: no handle is made before
-// somebody copies or follows one.
+// somebody copies or follows one. The classes are not checked: look through a reader, or take
+// checked_cast().
 struct held_entry {
   std::string name;
   ref<set_member> member;
@@ -103,7 +104,8 @@ class GOODS_API B_tree : public set_owner {
   static void iterate(const ref<B_tree>& index,
                       const std::function<bool(const held_entry&)>& visit);
 
-  // Adds a member of no set. Throws usage when it is in one, or when its key is too long.
+  // Adds a member of no set. Throws usage when it is in one, and for a stored member when the index
+  // itself is not stored yet.
   void insert(const ref<set_member>& member);
   // Removes a member; false when it is not in this index.
   bool remove(const ref<set_member>& member);
@@ -129,7 +131,7 @@ class GOODS_API B_tree : public set_owner {
 
  private:
   friend class B_tree_walk;
-  class writer;
+  friend class B_tree_writer;
 
   std::uint8_t page_number_ = 2;
   index_page root_;

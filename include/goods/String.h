@@ -32,7 +32,7 @@ class GOODS_API String : public object {
   std::string_view text() const { return {text_, length_}; }
   const char* data() const { return text_; }  // zero-terminated
   std::size_t length() const { return length_; }
-  std::size_t capacity() const { return capacity_; }
+  std::size_t capacity() const { return std::size_t{length_} + 1 + spare_; }
 
   // A text that does not fit makes the capacity the larger of what it needs and twice the old one.
   // `text` may be part of this text.
@@ -41,20 +41,24 @@ class GOODS_API String : public object {
   // Makes the capacity at least `capacity`.
   void reserve(std::size_t capacity);
 
+  field_descriptor* describe_components() override;
   void pack_varying(byte_writer& out, object_id self) const override;
   void unpack_varying(byte_reader& in, object_id self) override;
   void copy_varying(const object& from) override;
   std::size_t varying_bytes() const override { return room_; }
 
  private:
-  bool is_inline() const;
-  void take_room(std::size_t bytes);  // the text is kept
+  explicit String(class_descriptor& cls);
   static object* construct(object_handle* handle, class_descriptor& cls, unsigned extra);
+  bool is_inline() const;
+  void release_room();
+  void put_text(std::size_t kept, std::string_view text);
+  void set_capacity(std::size_t capacity);
 
-  char* text_;          // behind the instance or allocated
-  std::uint32_t room_;  // bytes behind text_
+  char* text_;              // behind the instance, allocated, or an empty text that all share
+  std::uint32_t room_ = 0;  // bytes that may be written at text_
   std::uint32_t length_ = 0;
-  std::uint32_t capacity_;  // may be more than room_: memory is taken when it is needed
+  std::uint32_t spare_ = 0;  // capacity beyond the text; memory for it is taken when it is needed
 };
 
 }  // namespace goods

@@ -1,6 +1,7 @@
 // The entries of one page of an index, in memory.
 #pragma once
 
+#include <bit>
 #include <cstddef>
 #include <cstdint>
 #include <memory>
@@ -63,27 +64,25 @@ class GOODS_API index_page {
   void erase(std::size_t at);
   void clear() { *this = index_page(level_); }
 
-  // Moves the entries from `at` on into a page of their own.
+  // Moves the entries from `at` on (0 < at < size()) into a page of their own.
   index_page split_off(std::size_t at);
   // Puts the entries of `next`, which follow all of this page, behind them.
   // `first_bound`: the bound of the first of them, for pages of a higher level.
   void append(index_page&& next, std::string_view first_bound);
 
+  // The varying parts; the level is a fixed member.
   void pack(byte_writer& out, object_id self) const;
-  // Checks order, names and counts; throws corrupt_data.
-  void unpack(byte_reader& in, unsigned level);
+  // Into an empty page whose level is set. Checks order, names and counts; throws corrupt_data.
+  void unpack(byte_reader& in);
   void visit(ref_visitor& visitor);
+  // Adds the members of a page that is part of `owner` to its description.
+  void describe(field_descriptor*& list, const object& owner) const;
 
-  // The descriptions of the varying parts that pack() writes.
-  static void describe(field_descriptor*& list);
+  // Before the page goes away: its transient members forget the index that they were in.
+  void forget_members() noexcept;
 
  private:
-  static ref_word to_word(std::uint64_t bits) {
-    ref_word word;
-    static_assert(sizeof(word) == sizeof(bits));
-    __builtin_memcpy(&word, &bits, sizeof(bits));
-    return word;
-  }
+  static ref_word to_word(std::uint64_t bits) { return std::bit_cast<ref_word>(bits); }
   const std::uint64_t* prefixes() const { return room_.get(); }
   const std::uint64_t* firsts() const { return room_.get() + capacity_; }
   const std::uint64_t* seconds() const { return room_.get() + 2 * std::size_t{capacity_}; }
@@ -95,19 +94,27 @@ class GOODS_API index_page {
 
   template <bool Upper>
   std::size_t bound(std::string_view name) const;
-  void insert(std::size_t at, std::string_view name, std::uint64_t first, std::uint64_t second);
+  // Adds an entry without counting what it holds, and without keeping prefixes.
+  void place(std::size_t at, std::string_view name, std::uint64_t first, std::uint64_t second);
+  void close_gap(std::size_t at);
   void resize_room(std::size_t capacity);
   void resize_names(std::size_t capacity);  // drops what is unused
   std::uint64_t add_name(std::string_view name);
+  void release_words() noexcept;
+
+  // Prefixes. The first name of a page of a higher level takes no part.
+  std::size_t first_compared() const { return is_leaf() ? 0 : 1; }
+  std::uint64_t prefix_of(std::string_view name) const;
+  void keep_prefixes(std::size_t at);
   void set_skip(std::size_t skip);
-  std::size_t common_prefix() const;
+  void find_skip();
 
   std::unique_ptr<std::uint64_t[]> room_;  // prefixes, firsts, seconds, spans: capacity_ of each
   std::unique_ptr<char[]> names_;
   std::uint32_t capacity_ = 0, size_ = 0;
   std::uint32_t names_capacity_ = 0, names_used_ = 0, names_unused_ = 0;
   std::uint32_t skip_ = 0;  // all names begin with the same skip_ bytes; prefixes follow those
-  std::uint8_t level_;
+  std::uint8_t level_ = 0;
 };
 
 }  // namespace goods

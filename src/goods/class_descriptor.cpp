@@ -6,6 +6,7 @@
 #include <mutex>
 
 #include <goods/errors.h>
+#include <goods/metaobject.h>
 
 #include "goods/class_layout.h"
 #include "goods/pack_program.h"
@@ -61,6 +62,9 @@ struct unknown_class_data {
   }
   const unknown_part* part(const object& body) const { return part(const_cast<object&>(body)); }
 };
+
+class_descriptor object::self_class("object", sizeof(object), &pessimistic_scheme,
+                                    construct_object<object>, nullptr);
 
 class_descriptor::class_descriptor(const char* name, unsigned instance_size, metaobject* scheme,
                                    constructor_function make_body, field_descriptor* fields,

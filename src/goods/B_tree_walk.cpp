@@ -1,0 +1,103 @@
+#include "goods/B_tree_walk.h"
+
+#include <goods/errors.h>
+
+namespace goods {
+namespace {
+
+[[noreturn]] void throw_contradiction() {
+  throw_error(error_code::corrupt_data, "The pages of an index contradict each other.");
+}
+
+}  // namespace
+
+void B_tree_walk::start() {
+  depth_ = 0;
+  places_[0] = {&root_, 0};
+}
+
+void B_tree_walk::enter(std::size_t at) {
+  place& above = places_[depth_];
+  above.at = at;
+  const index_page& page = *above.page;
+  const auto* body = static_cast<const B_page*>(in_.look(page.page(at), B_page::self_class));
+  const index_page& below = body->page();
+  if (below.level() + 1 != page.level() || below.empty() ||
+      (below.is_leaf() && below.size() != page.count(at))) {
+    throw_contradiction();
+  }
+  places_[++depth_] = {&below, 0};
+}
+
+// The page before the first bound that is not less than the name: its equals may begin in there.
+void B_tree_walk::seek_lower(std::string_view name) {
+  start();
+  while (!is_on_leaf()) enter(leaf().page->lower_bound(name) - 1);
+  places_[depth_].at = leaf().page->lower_bound(name);
+  settle();
+}
+
+void B_tree_walk::seek_upper(std::string_view name) {
+  start();
+  while (!is_on_leaf()) enter(leaf().page->upper_bound(name) - 1);
+  places_[depth_].at = leaf().page->upper_bound(name);
+  settle();
+}
+
+void B_tree_walk::seek_index(std::uint64_t index) {
+  start();
+  while (!is_on_leaf()) {
+    const index_page& page = *leaf().page;
+    std::size_t at = 0;
+    while (at + 1 < page.size() && index >= page.count(at)) index -= page.count(at++);
+    enter(at);
+  }
+  places_[depth_].at = std::min<std::uint64_t>(index, leaf().page->size());
+  settle();
+}
+
+void B_tree_walk::seek_end() {
+  start();
+  while (!is_on_leaf()) enter(leaf().page->size() - 1);
+  places_[depth_].at = leaf().page->size();
+}
+
+void B_tree_walk::next() {
+  ++places_[depth_].at;
+  settle();
+}
+
+void B_tree_walk::settle() {
+  if (!at_end()) return;
+  std::size_t up = depth_;
+  while (up > 0 && places_[up - 1].at + 1 == places_[up - 1].page->size()) --up;
+  if (up == 0) return;  // behind the very last entry
+  depth_ = up - 1;
+  enter(places_[depth_].at + 1);
+  while (!is_on_leaf()) enter(0);
+}
+
+bool B_tree_walk::previous() {
+  if (leaf().at > 0) {
+    --places_[depth_].at;
+    return true;
+  }
+  std::size_t up = depth_;
+  while (up > 0 && places_[up - 1].at == 0) --up;
+  if (up == 0) return false;
+  depth_ = up - 1;
+  enter(places_[depth_].at - 1);
+  while (!is_on_leaf()) enter(leaf().page->size() - 1);
+  places_[depth_].at = leaf().page->size() - 1;
+  return true;
+}
+
+std::uint64_t B_tree_walk::index() const {
+  std::uint64_t before = leaf().at;
+  for (std::size_t depth = 0; depth < depth_; ++depth) {
+    for (std::size_t i = 0; i < places_[depth].at; ++i) before += places_[depth].page->count(i);
+  }
+  return before;
+}
+
+}  // namespace goods

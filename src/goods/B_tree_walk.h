@@ -1,0 +1,56 @@
+// A place in an index, to look around from.
+#pragma once
+
+#include <array>
+#include <cstddef>
+#include <cstdint>
+#include <string_view>
+
+#include <goods/B_tree.h>
+#include <goods/index_page.h>
+#include <goods/reader.h>
+
+namespace goods {
+
+// Points at an entry or behind the last one, and knows the pages above. Trusts no stored page:
+// levels must go down one by one, so that a walk ends whatever refers to what. Threads: one. Valid
+// as long as the reader.
+class B_tree_walk {
+ public:
+  B_tree_walk(reader& in, const B_tree& tree) : in_(in), root_(tree.root_) {}
+
+  // At the first entry whose name is not less (greater) than `name`, or at the end.
+  void seek_lower(std::string_view name);
+  void seek_upper(std::string_view name);
+  void seek_index(std::uint64_t index);
+  void seek_end();
+
+  bool at_end() const { return leaf().at >= leaf().page->size(); }
+  index_entry entry() const {
+    const place& here = leaf();
+    return {here.page->name(here.at), here.page->member(here.at), here.page->target(here.at)};
+  }
+  void next();      // requires !at_end()
+  bool previous();  // false, and nothing changed, at the first entry
+
+  // The number of entries before this place.
+  std::uint64_t index() const;
+
+ private:
+  struct place {
+    const index_page* page;
+    std::size_t at;
+  };
+  const place& leaf() const { return places_[depth_]; }
+  void start();
+  bool is_on_leaf() const { return places_[depth_].page->is_leaf(); }
+  void enter(std::size_t at);  // goes down into a page of this one
+  void settle();               // from behind a leaf's last entry to the next leaf's first
+
+  reader& in_;
+  const index_page& root_;
+  std::size_t depth_ = 0;
+  std::array<place, index_page::max_level + 1> places_;
+};
+
+}  // namespace goods
