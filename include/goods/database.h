@@ -1,6 +1,7 @@
 // A session's database: one or several storages that a configuration file names.
 #pragma once
 
+#include <atomic>
 #include <cstdint>
 #include <memory>
 #include <string>
@@ -63,6 +64,15 @@ class GOODS_API database {
   // A reference by identifier; whether there is such an object shows when it is used.
   void get_object(object_ref& object, object_number number, storage_number storage) const;
 
+  // Removes stored objects that neither a root object nor any session's references lead to, while
+  // all sessions go on working; returns when that is done. A storage must not belong to several
+  // databases: what only another one's storages refer to would go. Returns 0 when a collection of
+  // this database is running already. Interrupted at any point it has removed garbage only. Throws
+  // corrupt_data when it meets a damaged object; then nothing has been removed.
+  unsigned start_gc();
+  // Of the last collection that ran to its end.
+  std::uint64_t get_num_collected_objects() const { return collected_; }
+
   // Bytes of packed objects loaded from and committed to the storages, since opening or clearing.
   std::uint64_t get_num_bytes_from_db() const;
   std::uint64_t get_num_bytes_to_db() const;
@@ -79,6 +89,8 @@ class GOODS_API database {
   std::vector<std::unique_ptr<obj_storage>> storages_;
   std::unique_ptr<cache_manager> session_;
   std::string open_problem_;
+  std::atomic<bool> collecting_{false};
+  std::atomic<std::uint64_t> collected_{0};
 };
 
 }  // namespace goods

@@ -6,6 +6,7 @@
 #include <goods/class_descriptor.h>
 #include <goods/metaobject.h>
 #include <goods/object_handle.h>
+#include <goods/ref.h>
 
 #include "goods/epoch.h"
 #include "goods/object_cache.h"
@@ -47,6 +48,11 @@ looked_up look_up(object_handle& handle) {
   return {session.cache().loaded(handle)->cls().scheme(), nullptr};
 }
 
+// A reference moved out of a private copy may still be an identifier.
+object_ref counted(object_ref reference) {
+  return reference.word().is_id() ? to_reference(reference.word()) : reference;
+}
+
 bool has_failed(int exceptions_before) { return std::uncaught_exceptions() > exceptions_before; }
 
 }  // namespace
@@ -54,7 +60,8 @@ bool has_failed(int exceptions_before) { return std::uncaught_exceptions() > exc
 // An access to a transient object pins its body and is none of the session's business, even when
 // the object is stored meanwhile: the scheme is remembered by whether the thread's accesses were
 // counted.
-read_access_base::read_access_base(object_ref reference) : reference_(std::move(reference)) {
+read_access_base::read_access_base(object_ref reference)
+    : reference_(counted(std::move(reference))) {
   const looked_up found = look_up(*reference_.handle());
   scheme_ = found.scheme;
   if (scheme_ == nullptr) {
@@ -73,7 +80,8 @@ read_access_base::~read_access_base() noexcept(false) {
   }
 }
 
-write_access_base::write_access_base(object_ref reference) : reference_(std::move(reference)) {
+write_access_base::write_access_base(object_ref reference)
+    : reference_(counted(std::move(reference))) {
   const looked_up found = look_up(*reference_.handle());
   scheme_ = found.scheme;
   if (scheme_ == nullptr) {
@@ -93,8 +101,8 @@ write_access_base::~write_access_base() noexcept(false) {
 }
 
 class_descriptor& class_of(const object_ref& reference) {
-  const object_ref counted(reference);
-  object_handle& handle = *counted.handle();
+  const object_ref held = counted(reference);
+  object_handle& handle = *held.handle();
   if (handle.is_transient()) {
     if (handle.body() == nullptr) throw_no_object();
     return handle.body()->cls();

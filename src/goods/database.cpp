@@ -8,6 +8,7 @@
 #include <goods/object.h>
 #include <goods/object_handle.h>
 
+#include "goods/collector.h"
 #include "goods/configuration.h"
 #include "goods/object_cache.h"
 #include "goods/thread_attachment.h"
@@ -126,6 +127,16 @@ bool database::set_root(const object_ref& root, storage_number number) {
 
 void database::get_object(object_ref& object, object_number number, storage_number storage) const {
   object = session().find(make_object_id(storage, number));
+}
+
+unsigned database::start_gc() {
+  if (collecting_.exchange(true)) return 0;
+  struct finished {
+    std::atomic<bool>& collecting;
+    ~finished() { collecting = false; }
+  } const at_the_end{collecting_};
+  collected_ = collector(*this).run();
+  return 1;
 }
 
 std::uint64_t database::get_num_bytes_from_db() const {

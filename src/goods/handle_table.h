@@ -37,7 +37,8 @@ class handle_table {
   // lock held; `visit` may erase the handle that it is shown. Returns the position to go on from, 0
   // after the last one.
   template <class Visit>
-  std::size_t sweep(std::size_t shard, std::size_t position, std::size_t count, Visit&& visit);
+  std::size_t sweep(std::size_t shard, std::size_t position, std::size_t count,
+                    Visit&& visit) const;
 
   std::size_t memory() const { return memory_.load(std::memory_order_relaxed); }  // bytes of slots
 
@@ -67,11 +68,11 @@ class handle_table {
 
 template <class Visit>
 std::size_t handle_table::sweep(std::size_t shard_index, std::size_t position, std::size_t count,
-                                Visit&& visit) {
+                                Visit&& visit) const {
   shard& in = shards_[shard_index];
   const std::lock_guard guard(in.lock);
   const slot_array& array = *in.slots.load();
-  const std::size_t end = std::min(position + count, array.mask + 1);
+  const std::size_t end = position + std::min(count, array.mask + 1 - position);
   for (std::size_t i = position; i < end; ++i) {
     object_handle* handle = array.slots[i].load();
     if (handle != nullptr && handle != erased_mark()) visit(*handle);

@@ -1,6 +1,7 @@
 #include "goods/object_cache.h"
 
 #include <algorithm>
+#include <limits>
 #include <memory>
 #include <string>
 #include <thread>
@@ -15,6 +16,7 @@
 #include "goods/epoch.h"
 #include "goods/layout_catalog.h"
 #include "goods/publication.h"
+#include "goods/session_registry.h"
 #include "storage/multi_commit.h"
 
 namespace goods {
@@ -62,7 +64,12 @@ object_cache::object_cache(database& db, const cache_manager& session)
     notices_.push_back(storage.subscribe(&session));
     applied_[i] = notices_.back()->newest();
   }
+  for (std::size_t i = 0; i < applied_.size(); ++i) {
+    session_registry::get().add(db.storage(static_cast<storage_number>(i)).dbs(), *this);
+  }
 }
+
+object_cache::~object_cache() { session_registry::get().remove(*this); }
 
 object_handle& object_cache::find_or_make(object_id id) {
   if (object_handle* known = table_.find(id)) return *known;
@@ -242,6 +249,16 @@ void object_cache::forget(object_handle& handle) {
     retire(&handle, release_handle);
   } else {
     handle.become_transient();
+  }
+}
+
+void object_cache::for_each_held(
+    const std::function<void(const dbs_storage& storage, object_number number)>& visit) const {
+  for (std::size_t shard = 0; shard < handle_table::shard_count; ++shard) {
+    table_.sweep(shard, 0, std::numeric_limits<std::size_t>::max(), [&](object_handle& handle) {
+      if (!handle.is_referenced()) return;
+      visit(db_.storage(storage_of(handle.id())).dbs(), number_of(handle.id()));
+    });
   }
 }
 

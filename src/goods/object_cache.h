@@ -4,6 +4,7 @@
 #include <atomic>
 #include <cstddef>
 #include <cstdint>
+#include <functional>
 #include <memory>
 #include <mutex>
 #include <utility>
@@ -32,6 +33,7 @@ class object;
 class object_cache {
  public:
   object_cache(database& db, const cache_manager& session);
+  ~object_cache();
 
   object_handle* find(object_id id) const { return table_.find(id); }
   object_handle& find_or_make(object_id id);
@@ -66,6 +68,10 @@ class object_cache {
   void set_limit(std::size_t bytes);
   std::size_t limit() const { return limit_.load(std::memory_order_relaxed); }
   std::size_t bytes() const { return bytes_.load(std::memory_order_relaxed) + table_.memory(); }
+  // Shows every stored object that a reference or an open transaction of the session holds.
+  void for_each_held(
+      const std::function<void(const dbs_storage& storage, object_number number)>& visit) const;
+
   // Drops unused objects until the cache is below its limit, as far as there are any.
   void shrink();
   void shrink_if_full() {

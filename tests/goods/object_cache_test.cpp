@@ -1,0 +1,122 @@
+#include <gtest/gtest.h>
+
+#include <atomic>
+#include <thread>
+#include <vector>
+
+#include "support/cell.h"
+#include "support/test_database.h"
+
+namespace goods {
+namespace {
+
+// A chain of cells behind the root, values 1 to `length`.
+void store_chain(test_session& session, int length) {
+  ref<cell> first;
+  for (int i = length; i > 0; --i) first = new_cell(i, first);
+  modify(session.root())->next = first;
+}
+
+std::int64_t sum_of_chain(test_session& session) {
+  std::int64_t sum = 0;
+  for (ref<cell> at(session.root()->next); at; at = ref<cell>(at->next)) sum += at->value;
+  return sum;
+}
+
+TEST(ObjectCacheTest, KeepsToItsLimitAndLosesNothing) {
+  constexpr int length = 100'000;
+  const test_store store;
+  test_session session(store);
+  session.session().set_cache_limit(std::size_t{2} << 20);
+  store_chain(session, length);
+  const ref<cell> held(session.root()->next);
+  for (int round = 0; round < 3; ++round) {
+    EXPECT_EQ(sum_of_chain(session), std::int64_t{length} * (length + 1) / 2);
+    EXPECT_LT(session.session().cached_bytes(), std::size_t{3} << 20);
+  }
+  EXPECT_EQ(held->value, 1);
+  modify(held)->value = 2;
+  EXPECT_EQ(session.root()->next->value, 2) << "a held reference keeps its identity";
+}
+
+TEST(ObjectCacheTest, DropsUncommittedPrivateCopiesNeither) {
+  const test_store store;
+  test_session session(store);
+  session.session().set_cache_limit(std::size_t{1} << 20);
+  store_chain(session, 20'000);
+  session.session().begin_transaction();
+  for (ref<cell> at(session.root()->next); at; at = ref<cell>(at->next)) modify(at)->value = 1;
+  EXPECT_EQ(sum_of_chain(session), 20'000);
+  session.session().end_transaction();
+  EXPECT_EQ(sum_of_chain(session), 20'000);
+}
+
+// Two cells whose values are always equal in every committed state.
+struct twins {
+  ref<cell> a, b;
+  explicit twins(test_session& session) : a(session.root()) {
+    if (a->next.is_null()) modify(a)->next = new_cell(0);
+    b = ref<cell>(a->next);
+  }
+};
+
+// Writers change both of two objects in one transaction, from two sessions; readers of both
+// sessions, with caches that hold next to nothing, must never see them differ.
+TEST(CoherenceTest, ReadersSeeWhatOneCommitLeft) {
+  constexpr int commits = 300;
+  const test_store store;
+  test_session first(store);
+  {
+    const twins made(first);
+    store_chain(first, 0);
+    modify(made.a)->next = made.b;
+  }
+  std::atomic<int> writing{2};
+  std::atomic<int> torn{0};
+  std::atomic<std::int64_t> reads{0};
+
+  const auto in_session = [&](auto&& work) {
+    test_session session(store);
+    session.session().set_cache_limit(1);
+    const twins mine(session);
+    work(session, mine);
+  };
+  const auto write = [&] {
+    in_session([&](test_session& session, const twins& mine) {
+      for (int i = 0; i < commits; ++i) {
+        session.session().atomically([&] {
+          modify(mine.a)->value += 1;
+          modify(mine.b)->value += 1;
+        });
+      }
+      --writing;
+    });
+  };
+  const auto read = [&](bool in_transaction) {
+    in_session([&](test_session& session, const twins& mine) {
+      const auto look = [&] {
+        return session.session().read(
+            [&](reader& r) { return r.get(mine.a)->value == r.get(mine.b)->value; });
+      };
+      while (writing > 0) {
+        const bool equal = in_transaction ? session.session().atomically(look) : look();
+        if (!equal) ++torn;
+        ++reads;
+      }
+    });
+  };
+  std::vector<std::thread> threads;
+  threads.emplace_back(write);
+  threads.emplace_back(write);
+  threads.emplace_back(read, false);
+  threads.emplace_back(read, true);
+  for (std::thread& thread : threads) thread.join();
+  EXPECT_EQ(torn, 0);
+  EXPECT_GT(reads, 0);
+  const twins end(first);
+  EXPECT_EQ(end.a->value, 2 * commits);
+  EXPECT_EQ(end.b->value, 2 * commits);
+}
+
+}  // namespace
+}  // namespace goods

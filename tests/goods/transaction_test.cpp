@@ -1,0 +1,271 @@
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <future>
+#include <stdexcept>
+#include <thread>
+
+#include <goods/errors.h>
+
+#include "support/cell.h"
+#include "support/test_database.h"
+
+namespace goods {
+namespace {
+
+using testing::HasSubstr;
+
+// The code of the error that `work` throws, and its text.
+template <class Work>
+std::pair<error_code, std::string> error_of(Work&& work) {
+  try {
+    work();
+  } catch (const database_error& error) {
+    return {error.code(), error.what()};
+  }
+  return {error_code{0xFFFF}, "nothing was thrown"};
+}
+
+std::int64_t value_seen_by_another_session(const test_store& store) {
+  return std::async(std::launch::async,
+                    [&] {
+                      test_session other(store);
+                      return other.root()->value;
+                    })
+      .get();
+}
+
+TEST(TransactionTest, StoresWhatACommittedObjectReachesAndNothingElse) {
+  const test_store store;
+  object_id reached = 0;
+  {
+    test_session session(store);
+    const ref<cell> kept = new_cell(1, new_cell(2, new_cell(3)));
+    const ref<cell> loose = new_cell(4, kept);
+    modify(session.root())->next = kept;
+    EXPECT_NE(kept.id(), 0u);
+    EXPECT_EQ(loose.id(), 0u);
+    EXPECT_EQ(loose->next->value, 1) << "a transient object may go on referring to a stored one";
+    reached = kept->next->next.id();
+  }
+  test_session session(store);
+  EXPECT_EQ(session.root()->next->next->next.id(), reached);
+  EXPECT_EQ(session.root()->next->next->next->value, 3);
+  EXPECT_TRUE(session.root()->next->next->next->next.is_null());
+}
+
+TEST(TransactionTest, IsInvisibleUntilCommittedAndGoneWhenRolledBack) {
+  const test_store store;
+  test_session session(store);
+  const ref<cell> root = session.root();
+  struct Case {
+    const char* how;
+    bool commits;
+  };
+  for (const Case& c : {Case{"rolled back", false}, Case{"committed", true}}) {
+    SCOPED_TRACE(c.how);
+    const std::int64_t before = root->value;
+    session.session().begin_transaction();
+    modify(root)->value = before + 1;
+    const ref<cell> added = new_cell(before);
+    modify(root)->next = added;
+    EXPECT_EQ(root->value, before + 1);
+    EXPECT_EQ(value_seen_by_another_session(store), before);
+    c.commits ? static_cast<void>(session.session().end_transaction())
+              : session.session().abort_transaction();
+    EXPECT_EQ(root->value, before + (c.commits ? 1 : 0));
+    EXPECT_EQ(value_seen_by_another_session(store), root->value);
+    EXPECT_EQ(added.id() != 0, c.commits);
+    EXPECT_EQ(added->value, before) << "the program's own object stays usable";
+  }
+}
+
+TEST(TransactionTest, NestedBeginsJoinTheOuterOne) {
+  const test_store store;
+  test_session session(store);
+  const ref<cell> root = session.root();
+  session.session().begin_transaction();
+  session.session().begin_transaction();
+  modify(root)->value = 7;
+  session.session().end_transaction();
+  EXPECT_TRUE(session.session().in_transaction());
+  EXPECT_EQ(value_seen_by_another_session(store), 0);
+  session.session().end_transaction();
+  EXPECT_FALSE(session.session().in_transaction());
+  EXPECT_EQ(value_seen_by_another_session(store), 7);
+  EXPECT_EQ(error_of([&] { session.session().end_transaction(); }).first, error_code::usage);
+}
+
+TEST(TransactionTest, OneAccessIsOneTransactionAndAnExceptionUndoesIt) {
+  const test_store store;
+  test_session session(store);
+  const ref<cell> root = session.root();
+  const ref<cell> second = new_cell(0);
+  modify(root)->next = second;
+  {
+    const auto outer = root.modify();
+    outer->value = 1;
+    modify(second)->value = 1;
+    EXPECT_EQ(value_seen_by_another_session(store), 0);
+  }
+  EXPECT_EQ(value_seen_by_another_session(store), 1);
+  EXPECT_THROW(
+      {
+        const auto outer = root.modify();
+        outer->value = 2;
+        modify(second)->value = 2;
+        throw std::runtime_error("halfway");
+      },
+      std::runtime_error);
+  EXPECT_EQ(root->value, 1);
+  EXPECT_EQ(second->value, 1);
+  EXPECT_FALSE(session.session().in_transaction());
+}
+
+TEST(TransactionTest, AnObjectTakesThePlaceOfAnother) {
+  const test_store store;
+  test_session session(store);
+  const ref<cell> root = session.root();
+  const ref<cell> old_next = new_cell(1);
+  modify(root)->next = old_next;
+  const object_id id = old_next.id();
+  ref<cell> successor = new_cell(2);
+  modify(successor)->become(old_next);
+  EXPECT_EQ(old_next.id(), id);
+  EXPECT_EQ(old_next->value, 2);
+  EXPECT_EQ(error_of([&] { return successor->value; }).first, error_code::object_deleted);
+  session.session().begin_transaction();
+  modify(new_cell(3))->become(old_next);
+  EXPECT_EQ(old_next->value, 3);
+  session.session().abort_transaction();
+  EXPECT_EQ(old_next->value, 2);
+}
+
+TEST(TransactionTest, ALongChainIsStoredReadAndDroppedWithoutDeepRecursion) {
+  constexpr int length = 300'000;
+  const test_store store;
+  const auto build = [] {
+    ref<cell> first;
+    for (int i = 0; i < length; ++i) first = new_cell(i, first);
+    return first;
+  };
+  build();  // drops it
+  test_session session(store);
+  modify(session.root())->next = build();
+  int seen = 0;
+  session.session().read([&](reader& r) {
+    seen = 0;
+    for (const cell* at = r.get(session.root())->next.is_null() ? nullptr : r.get(session.root());
+         (at = r.get(at->next)) != nullptr;) {
+      ++seen;
+    }
+  });
+  EXPECT_EQ(seen, length);
+}
+
+TEST(TransactionTest, WritersOfOneObjectTakeTurnsAndADeadlockIsRepeated) {
+  constexpr int rounds = 200;
+  const test_store store;
+  test_session session(store);
+  const ref<cell> a = session.root();
+  modify(a)->next = new_cell(0);
+  const ref<cell> b(a->next);
+  const auto add = [&](const ref<cell>& first, const ref<cell>& second) {
+    session.db().attach();
+    for (int i = 0; i < rounds; ++i) {
+      session.session().atomically([&] {
+        modify(first)->value += 1;
+        modify(second)->value += 1;
+      });
+    }
+    session.db().detach();
+  };
+  std::thread one(add, a, b);
+  std::thread other(add, b, a);
+  one.join();
+  other.join();
+  EXPECT_EQ(a->value, 2 * rounds);
+  EXPECT_EQ(b->value, 2 * rounds);
+}
+
+TEST(TransactionTest, AnEndingOrDetachingThreadRollsBackAndFreesItsLocks) {
+  const test_store store;
+  test_session session(store);
+  session.session().set_lock_timeout(std::chrono::milliseconds(5000));
+  const ref<cell> root = session.root();
+  for (const bool detaches : {true, false}) {
+    std::thread([&] {
+      session.db().attach();
+      session.session().begin_transaction();
+      modify(root)->value = 99;
+      if (detaches) session.db().detach();
+    }).join();
+    EXPECT_EQ(root->value, 0);
+    session.session().atomically([&] { modify(root)->value = 0; });
+  }
+}
+
+TEST(TransactionTest, AForeignThreadAndAClosedSessionAreTold) {
+  const test_store store;
+  ref<cell> root;
+  {
+    test_session session(store);
+    root = session.root();
+    std::thread([&] {
+      EXPECT_EQ(error_of([&] { return root->value; }).first, error_code::thread_not_attached);
+      EXPECT_EQ(error_of([&] { modify(root)->value = 1; }).first, error_code::thread_not_attached);
+    }).join();
+  }
+  EXPECT_EQ(error_of([&] { return root->value; }).first, error_code::object_deleted);
+}
+
+TEST(TransactionTest, SpansSeveralStorages) {
+  const test_store store(2);
+  {
+    test_session session(store);
+    const ref<cell> far = new_cell(5);
+    modify(far)->attach_to_storage(&session.db(), 1);
+    modify(session.root())->next = far;
+    EXPECT_EQ(storage_of(far.id()), 1);
+    session.session().atomically([&] {
+      modify(session.root())->value = 6;
+      modify(far)->value = 6;
+    });
+  }
+  test_session session(store);
+  EXPECT_EQ(session.root()->value, 6);
+  EXPECT_EQ(session.root()->next->value, 6);
+}
+
+TEST(DatabaseTest, RefusesWhatItCannotOpenByName) {
+  struct Case {
+    const char* content;
+    const char* message;
+  };
+  const Case cases[] = {
+      {"", "first line must be the number"},
+      {"x\n", "first line must be the number"},
+      {"0\n", "first line must be the number"},
+      {"2\n0: file:./a\n", "doesn't match the number of listed storages"},
+      {"1\n0 file\n", "no colon"},
+      {"1\n1: file:./a\n", "not below the number of storages"},
+      {"2\n0: file:./a\n0: file:./b\n", "repeats"},
+      {"1\n0:  \n", "no address"},
+      {"1\n0: carrier:pigeon\n", "carrier:pigeon"},
+      {"1\n0: file:/proc/nowhere/x\n", "/proc/nowhere/x"},
+  };
+  const scratch_directory directory;
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.content);
+    const std::string path = directory.file("bad.cfg");
+    std::ofstream(path) << c.content;
+    database db;
+    EXPECT_THAT(error_of([&] { db.open(path.c_str()); }).second, HasSubstr(c.message));
+    EXPECT_FALSE(db.is_open());
+  }
+  database db;
+  EXPECT_THAT(error_of([&] { db.open("missing.cfg"); }).second, HasSubstr("\"missing.cfg\""));
+}
+
+}  // namespace
+}  // namespace goods
