@@ -83,6 +83,13 @@ void handle_table::rebuild(shard& in) {
   retire(old, [](void* array) { delete static_cast<slot_array*>(array); });
 }
 
+void handle_table::tighten(std::size_t shard_index) {
+  shard& in = shards_[shard_index];
+  const std::lock_guard guard(in.lock);
+  const std::size_t size = in.slots.load()->mask + 1;
+  if (size > smallest_array && in.handles * 8 < size) rebuild(in);
+}
+
 void handle_table::insert(object_handle* handle) {
   shard& in = shard_of(handle->id());
   if ((in.occupied + 1) * 8 > (in.slots.load()->mask + 1) * 5) rebuild(in);

@@ -40,6 +40,9 @@ class handle_table {
   std::size_t sweep(std::size_t shard, std::size_t position, std::size_t count,
                     Visit&& visit) const;
 
+  // Gives back slots that a shard no longer needs.
+  void tighten(std::size_t shard);
+
   std::size_t memory() const { return memory_.load(std::memory_order_relaxed); }  // bytes of slots
 
  private:

@@ -32,6 +32,7 @@ class beginning_access {
 };
 
 const object* pinned_committed(object_cache& cache, object_handle& handle) {
+  cache.catch_up();
   const reader_section section;
   const object* body = cache.loaded(handle);
   body->pin();

@@ -231,6 +231,7 @@ void object_cache::discard_body(object* body) {
 
 void object_cache::set_limit(std::size_t bytes) {
   limit_ = std::max(bytes, smallest_limit);
+  shrink_above_ = limit_.load();
   shrink_if_full();
 }
 
@@ -271,9 +272,11 @@ void object_cache::shrink() {
     clock_position_ = table_.sweep(clock_shard_, clock_position_, slots_per_step,
                                    [this](object_handle& handle) { evict(handle); });
     if (clock_position_ != 0) continue;
+    table_.tighten(clock_shard_);
     clock_shard_ = (clock_shard_ + 1) % handle_table::shard_count;
     ++shards;
   }
+  shrink_above_ = std::max(limit(), bytes() + limit() / 16);
 }
 
 }  // namespace goods

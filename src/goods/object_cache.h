@@ -52,6 +52,17 @@ class object_cache {
   // Takes in all commits to a storage up to `through`; quick when that has happened already.
   void apply_notices(storage_number storage, commit_version through);
 
+  // Takes in all commits that have returned to their callers, in this session or another one. Call it
+  // before reading outside a transaction; nearly free when there is nothing new.
+  void catch_up() {
+    for (std::size_t s = 0; s < applied_.size(); ++s) {
+      const commit_version newest = notices_[s]->newest();
+      if (newest > applied_[s].load(std::memory_order_relaxed)) {
+        apply_notices(static_cast<storage_number>(s), newest);
+      }
+    }
+  }
+
   // For publication, while notices are applied.
   void install(object_handle& created);
   void publish(object_handle& handle, object& body);
@@ -75,7 +86,7 @@ class object_cache {
   // Drops unused objects until the cache is below its limit, as far as there are any.
   void shrink();
   void shrink_if_full() {
-    if (bytes() > limit()) shrink();
+    if (bytes() > shrink_above_.load(std::memory_order_relaxed)) shrink();
   }
 
  private:
@@ -103,6 +114,9 @@ class object_cache {
   std::atomic<std::uint64_t> relinks_{0};
 
   std::atomic<std::size_t> limit_{std::size_t{256} << 20};
+  // The limit, or more when the last attempt found too little to drop: trying again costs a walk
+  // through the whole table.
+  std::atomic<std::size_t> shrink_above_{std::size_t{256} << 20};
   std::atomic<std::size_t> bytes_{0};
   std::mutex evicting_;
   std::size_t clock_shard_ = 0;     // under evicting_

@@ -25,7 +25,9 @@ read_round::read_round(cache_manager* session) {
     ++attachment_->reads;
   }
   reader_.session_ = session;
-  if (checks_consistency()) started_at_ = session->cache().stable_publish_count();
+  if (!checks_consistency()) return;
+  session->cache().catch_up();
+  started_at_ = session->cache().stable_publish_count();
 }
 
 read_round::~read_round() {
