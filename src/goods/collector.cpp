@@ -37,7 +37,8 @@ class collector::reference_sink : public state_sink {
  public:
   reference_sink(collector& owner, obj_storage& from) : owner_(owner), from_(from) {}
   void found(const object_state& state) override {
-    from_.catalog().for_each_reference(state, [this](const stored_reference& r) { owner_.push(r.target); });
+    from_.catalog().for_each_reference(
+        state, [this](const stored_reference& r) { owner_.push(r.target); });
   }
   void missing(object_number) override {}
 
