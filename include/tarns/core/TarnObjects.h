@@ -1,0 +1,68 @@
+#pragma once
+
+#include <goods/B_tree.h>
+#include <goods/set_member.h>
+#include <tarns/core/xcptref.h>
+#include <tarns/tarns_api.h>
+
+#include <cstddef>
+#include <string_view>
+#include <vector>
+
+namespace tarns {
+
+class TarnObject;
+
+// The abstract children of a node, in the order of their names (by bytes as unsigned numbers),
+// those of equal names in the order in which they were added.
+//
+// Made by the node when its first child is added; also serves as a list of nodes that are children
+// of others (link()). Whoever changes children goes through the node. Threads: as every persistent
+// object, see xcptref.
+class TARNS_API TarnObjects : public goods::B_tree {
+ public:
+  static goods::class_descriptor self_class;
+
+  // A new index of `parent` (null: a mere list). `pageN`: see TarnObject::getPageN().
+  static xcptref<TarnObjects> Create(const xcptref<TarnObject>& parent, unsigned char pageN);
+  TarnObjects(goods::object_handle* handle, goods::class_descriptor& cls);
+  ~TarnObjects() override;
+
+  // The node whose children these are, or null.
+  xcptref<TarnObject> getParent() const;
+  goods::ref_word getParentWord() const { return parent_.word(); }
+  void setParent(const xcptref<TarnObject>& parent);
+
+  // Adds a child under a name that has been checked. The child takes the entry as the link to its
+  // parent, unless it is that parent or above it.
+  void insert(std::string_view name, const xcptref<TarnObject>& child);
+  // Adds an entry that the child knows nothing of.
+  void link(std::string_view name, const xcptref<TarnObject>& child);
+  // Puts `child` in the place of the entry's child, which loses the parent that it has through it.
+  void replaceChild(const goods::ref<goods::set_member>& entry, const xcptref<TarnObject>& child);
+  // Removes an entry; its child loses the parent that it has through it. False when the entry is
+  // not in this index.
+  bool removeEntry(const goods::ref<goods::set_member>& entry);
+  // Gives the entry another name.
+  void rename(const goods::ref<goods::set_member>& entry, std::string_view name);
+  // Removes all entries in the same way.
+  void deleteChildren();
+  using B_tree::insert;
+
+  // Null, or 0, when there is none. Types are compared exactly.
+  xcptref<TarnObject> getWithName(const char* name) const;
+  xcptref<TarnObject> getOfType(const char* type) const;
+  unsigned long getNumOfType(const char* type) const;
+  unsigned long getNumWithName(const char* name) const;
+
+  goods::field_descriptor* describe_components() override;
+
+ private:
+  TarnObjects(const xcptref<TarnObject>& parent, unsigned char pageN);
+  bool isAtOrAboveParent(const xcptref<TarnObject>& child) const;
+  void adopt(const goods::ref<goods::set_member>& entry, const xcptref<TarnObject>& child);
+
+  goods::back_ref<TarnObject> parent_;  // stored as "mParent"
+};
+
+}  // namespace tarns

@@ -1,0 +1,46 @@
+#pragma once
+
+#include <goods/class_descriptor.h>
+#include <goods/metaobject.h>
+#include <tarns/schema/TarnClassDescriptor.h>
+#include <tarns/schema/TarnClassPrototype.h>
+#include <tarns/schema/TarnFactory.h>
+#include <tarns/tarns_api.h>
+
+#include <vector>
+
+namespace tarns {
+
+// What TARN_REGISTER_WITH may say about a class.
+struct TarnClassOptions {
+  // Sizes the children index: pages start at twice as many entries. 2 suits most nodes, 146 nodes
+  // with very many children.
+  unsigned char pageN = 2;
+  // Names under which objects of the class were stored by earlier versions of the program.
+  std::vector<const char*> formerNames = {};
+  // The members are not reflected: neither are those of its bases through it.
+  bool isTarnsBaseClass = false;
+  goods::metaobject* scheme = &goods::pessimistic_scheme;
+};
+
+// Makes a class known, in five steps: its factory, a helper descriptor without members named with
+// the suffix "_t", a prototype instance made with that, the class's own descriptor with the members
+// that the prototype describes, and the destruction of all these when the shared library is
+// unloaded. Threads: as function-local statics are, see TARN_REGISTER.
+class TARNS_API TarnClassRegistration {
+ public:
+  TarnClassRegistration(TarnFactory::TypeFunction getType, unsigned size,
+                        goods::class_descriptor::constructor_function construct,
+                        TarnFactory::CreateFunction create, goods::class_descriptor& base,
+                        const TarnClassOptions& options);
+
+  TarnClassDescriptor& getDescriptor() { return descriptor_; }
+
+ private:
+  TarnFactory factory_;
+  TarnClassDescriptor helper_;
+  TarnClassPrototype prototype_;
+  TarnClassDescriptor descriptor_;
+};
+
+}  // namespace tarns

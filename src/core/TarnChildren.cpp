@@ -1,0 +1,36 @@
+#include <goods/cache_manager.h>
+#include <tarns/core/TarnChildren.h>
+#include <tarns/core/TarnObject.h>
+
+#include <utility>
+
+namespace tarns {
+
+TarnChildren::Iterator::Iterator(xcptref<TarnObjects> index) : index_(std::move(index)) {
+  if (!index_.is_null()) fetch(nullptr);
+}
+
+TarnChildren::Iterator& TarnChildren::Iterator::operator++() {
+  if (++at_ == batch_.size() && !isLastBatch_) {
+    const goods::index_position position(batch_.back().name, last_);
+    fetch(&position);
+  }
+  return *this;
+}
+
+void TarnChildren::Iterator::fetch(const goods::index_position* position) {
+  auto entries = goods::read_here([&](goods::reader& reader) {
+    return reader.get(index_)->entries_after(reader, position, kBatchSize);
+  });
+  batch_.clear();
+  batch_.reserve(entries.size());
+  for (goods::held_entry& entry : entries) {
+    batch_.push_back(
+        {.name = std::move(entry.name), .child = xcptref<TarnObject>::Trusted(entry.target)});
+  }
+  at_ = 0;
+  isLastBatch_ = entries.size() < kBatchSize;
+  if (!entries.empty()) last_ = entries.back().member;
+}
+
+}  // namespace tarns

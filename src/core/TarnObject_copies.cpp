@@ -1,0 +1,216 @@
+// TarnObject: copying nodes and branches.
+#include <goods/cache_manager.h>
+#include <goods/object_handle.h>
+#include <tarns/core/TarnObject.h>
+#include <tarns/core/TarnObjects.h>
+#include <tarns/schema/TarnClassDescriptor.h>
+#include <tarns/schema/TarnString.h>
+
+#include <string>
+#include <unordered_map>
+#include <utility>
+#include <vector>
+
+#include "core/node_access.h"
+
+namespace tarns {
+
+namespace {
+
+goods::object_ref* ReferenceAt(TarnObject& node, const goods::field_descriptor& field,
+                               unsigned item) {
+  return reinterpret_cast<goods::object_ref*>(reinterpret_cast<char*>(&node) + field.offset() +
+                                              std::size_t{item} * field.size());
+}
+
+// Calls `visit(field, reference)` for every counted reference member of the node's class, items of
+// arrays one by one; those of TarnObject itself are left out.
+template <class Visit>
+void ForEachReference(TarnObject& node, Visit&& visit) {
+  for (const goods::class_descriptor* cls = &node.cls();
+       cls != nullptr && cls != &TarnObject::self_class; cls = cls->base()) {
+    goods::for_each_field(cls->fields(), [&](const goods::field_descriptor& field) {
+      if (field.type() != goods::field_type::reference ||
+          field.kind() != goods::ref_kind::counted) {
+        return;
+      }
+      for (unsigned item = 0; item < field.n_items(); ++item) {
+        visit(field, *ReferenceAt(node, field, item));
+      }
+    });
+  }
+}
+
+// A String of its own with the same text.
+goods::object_ref CopyOfText(const goods::object_ref& text) {
+  const auto original = goods::ref<goods::String>::trusted(text);
+  const std::string copy = goods::read_here(
+      [&](goods::reader& reader) { return std::string(reader.get(original)->text()); });
+  return goods::String::create(copy);
+}
+
+// An index of its own with copies of its texts.
+goods::object_ref CopyOfTexts(const goods::object_ref& list, const TarnRef& owner) {
+  const auto original = goods::ref<goods::B_tree>::trusted(list);
+  const auto copy = goods::B_tree::create(owner, original->page_number());
+  goods::B_tree::iterate(original, [&](const goods::held_entry& entry) {
+    const goods::object_ref text = entry.target ? CopyOfText(entry.target) : entry.target;
+    modify(copy)->insert(goods::set_member::create(text, entry.name));
+    return true;
+  });
+  return copy;
+}
+
+// Gives a copied node texts of its own; its references to nodes stay.
+void SeparateTexts(TarnObject& copy) {
+  ForEachReference(copy, [&](const goods::field_descriptor&, goods::object_ref& reference) {
+    if (reference.is_null()) return;
+    const goods::object_ref original(reference);
+    const goods::class_descriptor& cls = goods::class_of(original);
+    if (&cls == &goods::String::self_class) reference = CopyOfText(original);
+    if (&cls == &goods::B_tree::self_class) reference = CopyOfTexts(original, copy.getSelf());
+  });
+}
+
+// Copies of the nodes of one branch.
+class BranchCopy {
+ public:
+  explicit BranchCopy(const TarnRef& top) { find(top); }
+
+  TarnRef make() {
+    // Grows while it is gone through.
+    for (std::size_t i = 0; i < found_.size(); ++i) copyNode(i);
+    for (const auto& [original, copy] : found_) linkCopy(original, copy);
+    return found_.front().second;
+  }
+
+ private:
+  void find(const TarnRef& original) {
+    if (copies_.try_emplace(original.handle()).second) found_.emplace_back(original, nullptr);
+  }
+
+  // What has no parent belongs to the member that refers to it.
+  static bool IsOwnedByMember(const TarnRef& node) {
+    return goods::number_of(node.id()) != goods::root_object_number && !node->hasParent();
+  }
+
+  static bool IsOwnedByEntry(const TarnRef& child, const goods::ref<goods::set_member>& entry) {
+    return goods::read_here([&](goods::reader& reader) {
+      return goods::to_reference(TarnNodeAccess::ParentLinkOf(*reader.get(child))) == entry;
+    });
+  }
+
+  void copyNode(std::size_t i) {
+    const TarnRef original = found_[i].first;
+    const TarnRef copy = original->clone();
+    found_[i].second = copy;
+    copies_[original.handle()] = copy;
+    auto body = modify(copy);
+    ForEachReference(*body, [&](const goods::field_descriptor&, goods::object_ref& reference) {
+      const goods::object_ref target(reference);
+      if (!TarnObject::IsTarnObject(target)) return;
+      if (const auto node = TarnRef::Trusted(target); IsOwnedByMember(node)) find(node);
+    });
+    ForEachEntry(original->getChildren(),
+                 [&](const goods::held_entry& entry, const TarnRef& child) {
+                   if (IsOwnedByEntry(child, entry.member)) find(child);
+                   return true;
+                 });
+  }
+
+  // The copy of a node of the branch; otherwise null.
+  TarnRef copyOf(const goods::object_ref& original) const {
+    const auto found = copies_.find(original.handle());
+    return found != copies_.end() ? found->second : TarnRef();
+  }
+
+  void linkCopy(const TarnRef& original, const TarnRef& copy) {
+    auto body = modify(copy);
+    ForEachReference(*body, [&](const goods::field_descriptor&, goods::object_ref& reference) {
+      const goods::object_ref target(reference);
+      if (TarnRef inside = copyOf(target); !inside.is_null()) reference = inside;
+    });
+    const xcptref<TarnObjects> children = original->getChildren();
+    if (children.is_null()) return;
+    xcptref<TarnObjects> index;
+    ForEachEntry(children, [&](const goods::held_entry& entry, const TarnRef& child) {
+      if (index.is_null()) index = TarnNodeAccess::MakeIndex(*body);
+      const bool isOwned = IsOwnedByEntry(child, entry.member);
+      const TarnRef inside = copyOf(child);
+      if (isOwned && !inside.is_null()) {
+        modify(index)->insert(entry.name, inside);
+      } else if (!isOwned) {
+        modify(index)->link(entry.name, inside.is_null() ? child : inside);
+      }
+      return true;  // an owned one without a copy was added while this ran
+    });
+  }
+
+  std::vector<std::pair<TarnRef, TarnRef>> found_;  // originals and copies, in the order found
+  std::unordered_map<const goods::object_handle*, TarnRef> copies_;
+};
+
+struct MemberCopy {
+  const TarnObject* from;
+  TarnObject* to;
+};
+
+// Copies one member by name, converted.
+bool CopyMember(const TarnFieldDescriptor& field, const void* arg) {
+  const auto& copy = *static_cast<const MemberCopy*>(arg);
+  for (unsigned long item = 0; item < field.getNumNames(); ++item) {
+    const XString name = field.getNameOfItem(item);
+    const TarnFieldDescriptor* other = copy.from->getClass().findField(name.getText());
+    if (other == nullptr) continue;
+    if (field.isForNodes()) {
+      TarnRef node;
+      other->copyFrom(copy.from, node, name);
+      if (other->isForNodes()) field.copyTo(node, copy.to, name);
+    } else if (TarnData value(TarnData::Uint64);
+               copy.from->getClass().getChildValue(*copy.from, name, value)) {
+      copy.to->setChildValue(name, value);
+    }
+  }
+  return true;
+}
+
+}  // namespace
+
+xcptref<TarnObjects> TarnNodeAccess::MakeIndex(TarnObject& node) {
+  if (node.children_.is_null()) {
+    node.children_ = TarnObjects::Create(node.getSelf(), node.getPageN());
+  }
+  return node.children_;
+}
+
+// Everything that the class keeps is copied as it is; then what may not be shared is replaced.
+void TarnNodeAccess::CopyState(const TarnObject& from, TarnObject& to) {
+  const xcptref<TarnObjects> children = to.children_;
+  const goods::ref<goods::set_member> link = to.parentLink_.get();
+  from.cls().copy_state(from, to);
+  to.children_ = children;
+  to.parentLink_.set(link);
+  SeparateTexts(to);
+}
+
+xcptref<TarnObject> TarnObject::clone() const {
+  xcptref<TarnObject> copy = constructor();
+  TarnNodeAccess::CopyState(*this, *modify(copy));
+  return copy;
+}
+
+void TarnObject::copyFrom(xcptref<TarnObject> other) {
+  if (other == getSelf()) return;
+  const auto from = *other;
+  if (&from->cls() == &cls()) {
+    TarnNodeAccess::CopyState(*from, *this);
+    note_relinked();
+    return;
+  }
+  const MemberCopy copy{.from = &*from, .to = this};
+  getClass().iterateFields(CopyMember, &copy, true);
+}
+
+xcptref<TarnObject> TarnObject::deepClone() const { return BranchCopy(getSelf()).make(); }
+
+}  // namespace tarns

@@ -1,0 +1,41 @@
+#include <goods/cache_manager.h>
+#include <tarns/core/TarnValues.h>
+#include <tarns/schema/TarnClassRegistration.h>
+
+namespace tarns {
+
+TARN_REGISTER_WITH(TarnBooleanValue, TarnValue, .isTarnsBaseClass = true);
+TARN_REGISTER_WITH(TarnDoubleValue, TarnValue, .isTarnsBaseClass = true);
+TARN_REGISTER_WITH(TarnFloatValue, TarnValue, .isTarnsBaseClass = true);
+TARN_REGISTER_WITH(TarnSint8Value, TarnValue, .isTarnsBaseClass = true);
+TARN_REGISTER_WITH(TarnSint16Value, TarnValue, .isTarnsBaseClass = true);
+TARN_REGISTER_WITH(TarnSint32Value, TarnValue, .isTarnsBaseClass = true);
+TARN_REGISTER_WITH(TarnSint64Value, TarnValue, .isTarnsBaseClass = true);
+TARN_REGISTER_WITH(TarnUint8Value, TarnValue, .isTarnsBaseClass = true);
+TARN_REGISTER_WITH(TarnUint16Value, TarnValue, .isTarnsBaseClass = true);
+TARN_REGISTER_WITH(TarnUint32Value, TarnValue, .isTarnsBaseClass = true);
+TARN_REGISTER_WITH(TarnUint64Value, TarnValue, .isTarnsBaseClass = true);
+TARN_REGISTER_WITH(TarnStringValue, TarnValue, .isTarnsBaseClass = true);
+
+TarnStringValue::~TarnStringValue() = default;
+
+bool TarnStringValue::write(const char* name, GOODSinOut& out) {
+  return TarnValue::write(name, out) && out.write("Value", value_);
+}
+
+bool TarnStringValue::readValue(goods::reader& reader, TarnData& out) const {
+  out.set(value_.look(reader));
+  return true;
+}
+
+bool TarnStringValue::getValue(TarnData& out) const {
+  value_.copyTo(out);
+  return true;
+}
+
+bool TarnStringValue::setTarnValue(const TarnData& value) {
+  value_.set(value.getString());
+  return true;
+}
+
+}  // namespace tarns

@@ -1,0 +1,98 @@
+// Looking up and storing by path without splitting paths into strings and without taking write
+// access to nodes that stay as they are. What the functions of TarnObject and of sessions are made
+// of.
+#pragma once
+
+#include <goods/reader.h>
+#include <tarns/core/TarnData.h>
+#include <tarns/core/TarnObject.h>
+#include <tarns/core/TarnObjects.h>
+
+#include <string_view>
+
+namespace tarns {
+
+// --- Reading: within goods::cache_manager::read() or goods::read_here(). Nothing is allocated,
+// unless an object has to be loaded, and nothing is counted.
+
+// The node at a path below `from`, or null. The empty path is `from` itself.
+const TarnObject* FindNode(goods::reader& reader, const TarnObject& from, std::string_view path);
+
+// The value of a node or member at a path below `from`; false, and `out` as before, when there is
+// none. An enumeration gives a number when `out` comes as one.
+bool ReadValue(goods::reader& reader, const TarnObject& from, std::string_view path, TarnData& out);
+
+// The current state of the node behind `body`, which may be one that was current earlier.
+const TarnObject& Current(goods::reader& reader, const TarnObject& body);
+
+// --- Whole operations, each with its own reading and writing.
+
+// The node at a path below `from`, or null.
+TarnRef FindNode(const TarnRef& from, std::string_view path);
+
+// Writes the value at `path`, as TarnObject::setValue() does: an existing one with a lock on
+// nothing but the value, a new one with what is missing on the way attached at once. Atomic.
+void StoreValue(const TarnRef& from, std::string_view path, const TarnData& value);
+
+// As TarnObject::set(): no value node is made. Atomic.
+void StoreExistingValue(const TarnRef& from, std::string_view path, const TarnData& value);
+
+// Puts `node` at `path`, as TarnObject::setNode() does. Atomic unless `from` is not stored.
+void PlaceNode(const TarnRef& from, std::string_view path, const TarnRef& node);
+
+// The node at `path`, made from default children as far as it is missing. Atomic. Throws 9 when one
+// cannot be made; `forPath` is the path that the message names.
+TarnRef MakeBranch(const TarnRef& from, std::string_view path, std::string_view forPath);
+
+// Calls `visit(entry, child)` for the entries of an index (null has none) until it returns false.
+// `visit` may do anything, change the index included.
+template <class Visit>
+void ForEachEntry(const goods::ref<TarnObjects>& index, Visit&& visit);
+
+// What only the library's own walks over the tree may see of a node.
+class TarnNodeAccess {
+ public:
+  static const xcptref<TarnObjects>& ChildrenOf(const TarnObject& node) { return node.children_; }
+  static goods::ref_word ParentLinkOf(const TarnObject& node) { return node.parentLink_.word(); }
+  static const TarnObjects* IndexOf(goods::reader& reader, const TarnObject& node) {
+    return reader.get(node.children_);
+  }
+  static const goods::set_member* LinkOf(goods::reader& reader, const TarnObject& node) {
+    return reader.get(node.parentLink_);
+  }
+  // The index of `node`, made when there is none.
+  static xcptref<TarnObjects> MakeIndex(TarnObject& node);
+  // Makes the members of `to`, of the same class, copies of those of `from`; children and parent of
+  // `to` stay. Texts are copied, not shared.
+  static void CopyState(const TarnObject& from, TarnObject& to);
+  // Takes its parent from `child` where it has that through `entry`; null is no child.
+  static void Orphan(const TarnRef& child, const goods::ref<goods::set_member>& entry);
+  // The node whose child `node` is; null for none.
+  static const TarnObject* ParentOf(goods::reader& reader, const TarnObject& node);
+};
+
+// Walks from a node to its parent, that one's parent and so on. Ends also where, in a damaged
+// database, parents form a circle.
+class ParentWalk {
+ public:
+  ParentWalk(goods::reader& reader, const TarnObject& from) : reader_(reader), node_(&from) {}
+  const TarnObject& node() const { return *node_; }
+  // The next ancestor, or null.
+  const TarnObject* up();
+
+ private:
+  goods::reader& reader_;
+  const TarnObject* node_;
+  const TarnObject* mark_ = nullptr;
+  std::uint64_t steps_ = 0, nextMark_ = 1;
+};
+
+template <class Visit>
+void ForEachEntry(const goods::ref<TarnObjects>& index, Visit&& visit) {
+  if (index.is_null()) return;
+  goods::B_tree::iterate(index, [&](const goods::held_entry& entry) {
+    return visit(entry, TarnRef::Trusted(entry.target));
+  });
+}
+
+}  // namespace tarns

@@ -1,0 +1,324 @@
+#include <goods/String.h>
+#include <goods/byte_writer.h>
+#include <tarns/core/TarnData.h>
+#include <tarns/core/TarnException.h>
+#include <tarns/core/TarnObject.h>
+#include <tarns/schema/TarnClassDescriptor.h>
+#include <tarns/schema/TarnFieldDescriptor.h>
+#include <tarns/schema/TarnMember.h>
+#include <tarns/util/Buffer.h>
+#include <tarns/util/Stringer.h>
+#include <tarns/util/XMap.h>
+#include <tarns/util/XString.h>
+#include <tarns/util/XStringList.h>
+
+#include <cstring>
+#include <string_view>
+
+namespace tarns {
+
+namespace {
+
+constexpr std::size_t kBlobLineLength = 76;
+
+// Members lie in the object as the class has them; memcpy reads any alignment.
+template <class T>
+T Load(const void* at) {
+  T value;
+  std::memcpy(&value, at, sizeof value);
+  return value;
+}
+
+template <class T>
+bool Store(void* at, T value) {
+  std::memcpy(at, &value, sizeof value);
+  return true;
+}
+
+template <class T>
+bool Get(const void* at, TarnData& value) {
+  value.set(Load<T>(at));
+  return true;
+}
+
+bool GetSigned(const void* at, unsigned size, TarnData& value) {
+  switch (size) {
+    case 1:
+      return Get<std::int8_t>(at, value);
+    case 2:
+      return Get<std::int16_t>(at, value);
+    case 4:
+      return Get<std::int32_t>(at, value);
+    case 8:
+      return Get<std::int64_t>(at, value);
+    default:
+      return false;
+  }
+}
+
+bool GetUnsigned(const void* at, unsigned size, TarnData& value) {
+  switch (size) {
+    case 1:
+      return Get<std::uint8_t>(at, value);
+    case 2:
+      return Get<std::uint16_t>(at, value);
+    case 4:
+      return Get<std::uint32_t>(at, value);
+    case 8:
+      return Get<std::uint64_t>(at, value);
+    default:
+      return false;
+  }
+}
+
+bool SetSigned(void* at, unsigned size, const TarnData& value) {
+  switch (size) {
+    case 1:
+      return Store(at, value.getSint8());
+    case 2:
+      return Store(at, value.getSint16());
+    case 4:
+      return Store(at, value.getSint32());
+    case 8:
+      return Store(at, value.getSint64());
+    default:
+      return false;
+  }
+}
+
+bool SetUnsigned(void* at, unsigned size, const TarnData& value) {
+  switch (size) {
+    case 1:
+      return Store(at, value.getUint8());
+    case 2:
+      return Store(at, value.getUint16());
+    case 4:
+      return Store(at, value.getUint32());
+    case 8:
+      return Store(at, value.getUint64());
+    default:
+      return false;
+  }
+}
+
+}  // namespace
+
+TarnFieldDescriptor::TarnFieldDescriptor(const char* name, unsigned size, unsigned numItems,
+                                         unsigned offset, goods::field_descriptor* components,
+                                         goods::class_descriptor* referencedClass,
+                                         bool isNullTerminated)
+    : goods::field_descriptor(name, size, numItems, offset, components),
+      referencedClass_(referencedClass),
+      isNullTerminated_(isNullTerminated) {}
+
+TarnFieldDescriptor::TarnFieldDescriptor(const char* name, unsigned size, unsigned numItems,
+                                         unsigned offset, goods::field_descriptor* components,
+                                         ClassFunction referencedClass, bool isNullTerminated)
+    : goods::field_descriptor(name, size, numItems, offset, components),
+      referencedClassFunction_(referencedClass),
+      isNullTerminated_(isNullTerminated) {}
+
+TarnFieldDescriptor::TarnFieldDescriptor(const goods::field_descriptor* declared,
+                                         const goods::dbs_field_descriptor* stored)
+    : goods::field_descriptor(declared, stored), isStoredOnly_(true) {}
+
+TarnFieldDescriptor::~TarnFieldDescriptor() = default;
+
+void TarnFieldDescriptor::getName(XString& text) const { text = name(); }
+
+const TarnFieldDescriptor* TarnFieldDescriptor::getNext() const {
+  return static_cast<const TarnFieldDescriptor*>(next());
+}
+
+XString TarnFieldDescriptor::getNameOfItem(unsigned long index) const {
+  return getNumNames() > 1 ? TarnMember::GetElementName(name(), index) : XString(name());
+}
+
+std::int32_t TarnFieldDescriptor::getValueOffset(const char* name) const {
+  if (isNullTerminated_ || getNumItems() < 2) return static_cast<std::int32_t>(offset());
+  if (hasName(name)) return -1;  // the array as a whole is no value
+  unsigned long index = 0;
+  TarnMember::FromElementName(name, nullptr, &index);
+  if (index >= getNumItems()) return -1;
+  return static_cast<std::int32_t>(offset() + size() * index);
+}
+
+bool TarnFieldDescriptor::hasName(const char* text) const {
+  return text != nullptr && std::strcmp(name(), text) == 0;
+}
+
+goods::class_descriptor* TarnFieldDescriptor::getReferencedClass() const {
+  return referencedClassFunction_ != nullptr ? referencedClassFunction_() : referencedClass_;
+}
+
+bool TarnFieldDescriptor::isForClass(const goods::class_descriptor* cls) const {
+  return cls != nullptr && getReferencedClass() == cls;
+}
+
+bool TarnFieldDescriptor::isForClass(const char* className) const {
+  const goods::class_descriptor* cls = getReferencedClass();
+  return cls != nullptr && className != nullptr && std::strcmp(cls->name(), className) == 0;
+}
+
+bool TarnFieldDescriptor::isForNodes() const {
+  if (type() != goods::field_type::reference || kind() != goods::ref_kind::counted) return false;
+  const goods::class_descriptor* cls = getReferencedClass();
+  return cls != nullptr ? TarnObject::self_class.is_superclass_for(*cls) : false;
+}
+
+const void* TarnFieldDescriptor::addressIn(const TarnObject& node, const char* name) const {
+  const std::int32_t at = getValueOffset(name);
+  return at < 0 ? nullptr : reinterpret_cast<const char*>(&node) + at;
+}
+
+const goods::object_ref* TarnFieldDescriptor::referenceIn(const TarnObject& node,
+                                                          const char* name) const {
+  const bool isReference =
+      type() == goods::field_type::reference && kind() == goods::ref_kind::counted;
+  return isReference ? static_cast<const goods::object_ref*>(addressIn(node, name)) : nullptr;
+}
+
+bool TarnFieldDescriptor::getValue(const TarnObject& node, const char* name,
+                                   TarnData& value) const {
+  const void* at = addressIn(node, name);
+  if (at == nullptr) return false;
+  switch (type()) {
+    case goods::field_type::signed_integer:
+      if (size() == 1 && isNullTerminated_) {
+        const auto* text = static_cast<const char*>(at);
+        value.copyString(text, static_cast<long>(strnlen(text, getNumItems())));
+        return true;
+      }
+      if (GetSigned(at, size(), value)) return true;
+      break;
+    case goods::field_type::unsigned_integer:
+      if (GetUnsigned(at, size(), value)) return true;
+      break;
+    case goods::field_type::real:
+      if (size() == 4) return Get<float>(at, value);
+      if (size() == 8) return Get<double>(at, value);
+      break;
+    case goods::field_type::reference: {
+      value.empty();
+      const goods::object_ref* reference = referenceIn(node, name);
+      if (reference == nullptr || reference->is_null()) return true;
+      goods::class_descriptor* cls = getReferencedClass();
+      if (isStoredOnly_) cls = &goods::class_of(*reference);
+      const bool isReadable = cls == &goods::String::self_class ||
+                              (cls != nullptr && TarnObject::self_class.is_superclass_for(*cls));
+      const goods::ref<goods::object> target = goods::ref<goods::object>::trusted(*reference);
+      if (isReadable) TarnClassDescriptor::GetValue(&target, value, cls);
+      return true;
+    }
+    default:
+      break;
+  }
+  throwUnsupportedType(name);
+}
+
+bool TarnFieldDescriptor::setValue(TarnObject* node, const char* name,
+                                   const TarnData& value) const {
+  void* at = const_cast<void*>(addressIn(*node, name));
+  if (at == nullptr) return false;
+  switch (type()) {
+    case goods::field_type::signed_integer:
+      if (size() == 1 && isNullTerminated_) {
+        const std::string_view text = value.getText().substr(0, getNumItems() - 1);
+        std::memset(at, 0, getNumItems());
+        std::memcpy(at, text.data(), text.size());
+        return true;
+      }
+      if (SetSigned(at, size(), value)) return true;
+      break;
+    case goods::field_type::unsigned_integer:
+      if (SetUnsigned(at, size(), value)) return true;
+      break;
+    case goods::field_type::real:
+      if (size() == 4) return Store(at, value.getFloat());
+      if (size() == 8) return Store(at, value.getDouble());
+      break;
+    case goods::field_type::reference: {
+      auto* reference = const_cast<goods::object_ref*>(referenceIn(*node, name));
+      goods::class_descriptor* cls = getReferencedClass();
+      if (reference == nullptr || cls == nullptr) break;
+      auto target = goods::ref<goods::object>::trusted(*reference);
+      TarnClassDescriptor::SetValue(&target, value, cls);
+      *reference = target;
+      return true;
+    }
+    default:
+      break;
+  }
+  throwUnsupportedType(name);
+}
+
+void TarnFieldDescriptor::throwUnsupportedType(const char* name) const {
+  TarnException error;
+  error << "Cannot access value \"" << name
+        << "\" because the TARNS library does not support implicit retrieval of fields with the "
+           "type \""
+        << static_cast<int>(type()) << "\".";
+  throw error;
+}
+
+void TarnFieldDescriptor::copyFrom(const TarnObject* node, xcptref<TarnObject>& out,
+                                   const char* name) const {
+  const goods::object_ref* reference = referenceIn(*node, name);
+  const bool isNode = reference != nullptr && TarnObject::IsTarnObject(*reference);
+  out = isNode ? xcptref<TarnObject>::Trusted(*reference) : xcptref<TarnObject>();
+}
+
+void TarnFieldDescriptor::copyTo(xcptref<TarnObject>& in, TarnObject* node,
+                                 const char* name) const {
+  if (!isForNodes()) return;
+  auto* reference = const_cast<goods::object_ref*>(referenceIn(*node, name));
+  if (reference == nullptr || *reference == in) return;
+  VerifyRefClass(in, *getReferencedClass());
+  *reference = in;
+  node->note_relinked();
+}
+
+const TarnObject* TarnFieldDescriptor::look(goods::reader& reader, const TarnObject& node,
+                                            const char* name) const {
+  const goods::object_ref* reference = referenceIn(node, name);
+  if (reference == nullptr || !(isForNodes() || isStoredOnly_)) return nullptr;
+  const goods::object* target = reader.look(reference->word(), goods::object::self_class);
+  if (target == nullptr || !TarnObject::self_class.is_superclass_for(target->cls())) return nullptr;
+  return static_cast<const TarnObject*>(target);
+}
+
+void TarnFieldDescriptor::writeBlobTo(const TarnObject* node, XStringList& lines) const {
+  const goods::object_ref* reference = referenceIn(*node, name());
+  if (reference == nullptr || reference->is_null()) return;
+  const auto target = goods::ref<goods::object>::trusted(*reference);
+  const auto body = *target;
+  goods::byte_writer state;
+  body->cls().pack(*body, state, target.id());
+  const Buffer bytes(std::string_view(reinterpret_cast<const char*>(state.data()), state.size()));
+  Buffer text;
+  bytes.copyToBase64(text);
+  for (std::string_view rest = text.view(); !rest.empty();
+       rest.remove_prefix(std::min(kBlobLineLength, rest.size()))) {
+    lines.addLast(XString(rest.substr(0, kBlobLineLength)));
+  }
+}
+
+bool TarnFieldDescriptor::ShatterMember(const TarnFieldDescriptor& field, const void* arg) {
+  const auto& step = *static_cast<const ShatterStep*>(arg);
+  for (unsigned long item = 0; item < field.getNumNames(); ++item) {
+    xcptref<TarnObject> target;
+    field.copyFrom(step.node, target, field.getNameOfItem(item));
+    if (!target.is_null()) step.targets->push_back(std::move(target));
+  }
+  return true;
+}
+
+int TarnFieldDescriptor::compareName(const TarnFieldDescriptor& other) const {
+  return Stringer::Compare(name(), other.name());
+}
+
+unsigned long TarnFieldDescriptor::getHashForName(unsigned long size) const {
+  return XMapItem::HashOf(std::string_view(name()), size);
+}
+
+}  // namespace tarns
