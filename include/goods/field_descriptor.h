@@ -100,15 +100,14 @@ class GOODS_API field_descriptor {
   field_descriptor* next_;
 };
 
-// Calls `visit(field)` for each field of a list.
+// Calls `visit(field)` for each field of a list, which must not change meanwhile.
 template <class Visit>
 void for_each_field(field_descriptor* list, Visit&& visit) {
   if (list == nullptr) return;
   field_descriptor* field = list;
   do {
-    field_descriptor* next = field->next();  // `visit` may destroy the field
     visit(*field);
-    field = next;
+    field = field->next();
   } while (field != list);
 }
 
