@@ -22,10 +22,10 @@ std::string shortest_bound(std::string_view before, std::string_view after) {
   return std::string(after.substr(0, common + 1));
 }
 
-// The page behind an access, which must stand one level below `above`.
-index_page& page_of(const write_access<B_page>& access, const index_page& above) {
+// The page behind an access to the one that stands at `at` in `above`.
+index_page& page_of(const write_access<B_page>& access, const index_page& above, std::size_t at) {
   index_page& page = access->page();
-  if (page.level() + 1 != above.level() || page.empty()) {
+  if (page.level() + 1 != above.level() || page.empty() || page.total() != above.count(at)) {
     throw_error(error_code::corrupt_data, "The pages of an index contradict each other.");
   }
   return page;
@@ -76,7 +76,7 @@ std::optional<B_tree_writer::new_page> B_tree_writer::insert_below(index_page& p
                                                                    ref_word target) {
   const std::size_t into = page.upper_bound(name) - 1;
   const write_access<B_page> access = modify(page_below(page, into));
-  index_page& below = page_of(access, page);
+  index_page& below = page_of(access, page, into);
   const std::size_t changed_at = below.upper_bound(name);
   if (below.is_leaf()) {
     below.insert_member(changed_at, name, member, target);
@@ -164,7 +164,7 @@ bool B_tree_writer::change_below(index_page& page, std::string_view name, const 
     std::uint64_t removed = 0;
     {
       const write_access<B_page> access = modify(page_below(page, at));
-      index_page& below = page_of(access, page);
+      index_page& below = page_of(access, page, at);
       const std::uint64_t before = below.total();
       if (!change_below(below, name, member, change)) continue;
       size = below.size();
@@ -191,8 +191,8 @@ bool B_tree_writer::merge(index_page& above, std::size_t left) {
   if (are_leaves && above.count(left) + above.count(left + 1) > capacity_ / 2) return false;
   const write_access<B_page> into = modify(page_below(above, left));
   const write_access<B_page> from = modify(page_below(above, left + 1));
-  index_page& page = page_of(into, above);
-  index_page& next = page_of(from, above);
+  index_page& page = page_of(into, above, left);
+  index_page& next = page_of(from, above, left + 1);
   if (page.size() + next.size() > capacity_ / 2 ||
       page.name_bytes() + next.name_bytes() > most_name_bytes / 2) {
     return false;
@@ -209,7 +209,7 @@ void B_tree_writer::collapse_root() {
     index_page only;
     {
       const write_access<B_page> access = modify(page_below(root, 0));
-      only = std::move(page_of(access, root));
+      only = std::move(page_of(access, root, 0));
     }
     root = std::move(only);
   }
