@@ -28,7 +28,7 @@ std::size_t GroupDigits(char* text, std::size_t length) {
 
 template <typename T>
 Buffer& AppendInteger(Buffer& buffer, T number) {
-  char digits[kIntegerRoom];
+  char digits[kIntegerRoom] = {};  // GCC sees GroupDigits() move bytes and cannot tell how many
   std::size_t length = std::to_chars(digits, digits + sizeof digits, number).ptr - digits;
   if (buffer.isFancy()) length = GroupDigits(digits, length);
   return buffer << std::string_view(digits, length);
