@@ -21,4 +21,5 @@ endif()
 
 if(TARNS_BUILD_BENCH)
   pkg_check_modules(lmdb REQUIRED IMPORTED_TARGET lmdb)
+  find_package(nlohmann_json 3.11 REQUIRED)
 endif()

@@ -1,0 +1,165 @@
+#include <fmt/format.h>
+
+#include <barrier>
+#include <chrono>
+
+#include "Bench.h"
+#include "ColdProcess.h"
+#include "Machine.h"
+
+namespace tarns::bench {
+namespace {
+
+using Clock = std::chrono::steady_clock;
+
+// Reads per second of several threads that start together, the median of some rounds. Every thread
+// first reads all values, so that what the peer keeps in memory is there.
+double HotReadsPerSecond(BenchStore& store, const std::string& peer, const Reads& all,
+                         const std::vector<Reads>& parts, int rounds) {
+  const auto threads = static_cast<std::ptrdiff_t>(parts.size());
+  std::barrier ready(threads);
+  std::vector<std::vector<Clock::time_point>> starts(parts.size()), ends(parts.size());
+  RunThreads(parts.size(), [&](std::size_t i) {
+    try {
+      const auto session = store.session();
+      TimeReads(*session, all, peer);
+      for (int round = 0; round < rounds; ++round) {
+        ready.arrive_and_wait();
+        starts[i].push_back(Clock::now());
+        TimeReads(*session, parts[i], peer);
+        ends[i].push_back(Clock::now());
+      }
+    } catch (...) {
+      ready.arrive_and_drop();  // or the others would wait for ever
+      throw;
+    }
+  });
+  std::size_t reads = 0;
+  for (const Reads& part : parts) reads += part.paths.size();
+  std::vector<double> figures;
+  for (std::size_t round = 0; round < static_cast<std::size_t>(rounds); ++round) {
+    Clock::time_point first = Clock::time_point::max(), last = Clock::time_point::min();
+    for (std::size_t i = 0; i < parts.size(); ++i) {
+      first = std::min(first, starts[i][round]);
+      last = std::max(last, ends[i][round]);
+    }
+    figures.push_back(static_cast<double>(reads) /
+                      std::chrono::duration<double>(last - first).count());
+  }
+  return Median(std::move(figures));
+}
+
+}  // namespace
+
+void Bench::hotReads(std::size_t threads) {
+  const std::size_t count = scaled(1'000'000);
+  std::vector<Reads> parts;
+  for (std::size_t i = 0; i < threads; ++i) {
+    parts.push_back(workload_.randomReads(count / threads, 100 + i));
+  }
+  const Reads all = workload_.allReads();
+  Target target = {Target::kAtLeast, 4, "sqlite"};
+  if (threads > 1) {
+    const double single = report_.figure("hot reads, 1 thread", "tarns").value_or(0);
+    target = {Target::kAtLeast, 1.7, "", single, "tarns, 1 thread"};
+  }
+  measure(fmt::format("hot reads, {} thread{}", threads, threads > 1 ? "s" : ""), "reads/s", target,
+          [&](const std::string& peer) {
+            return HotReadsPerSecond(*open(peer), peer, all, parts, options_.rounds);
+          });
+}
+
+void Bench::coldReads() {
+  const Reads reads = workload_.randomReads(scaled(100'000), 200);
+  const auto file = options_.scratch / "paths";
+  reads.paths.save(file);
+  measure("cold reads", "reads/s", Target{Target::kAtLeast, 1.5, "sqlite"},
+          [&](const std::string& peer) {
+            std::vector<double> figures;
+            for (int round = 0; round < options_.rounds; ++round) {
+              options_.dropCaches ? DropPageCache() : WarmPageCache(optionsOf(peer).directory);
+              const auto result = RunColdProcess({ColdTask::kRead, peer, optionsOf(peer), file});
+              Verify(result.reads == reads.paths.size() && result.digests == reads.digests, peer,
+                     "cold reads");
+              figures.push_back(static_cast<double>(result.reads) / result.seconds);
+            }
+            return Median(std::move(figures));
+          });
+}
+
+void Bench::coldWalk() {
+  measure("cold walk", "values/s", Target{Target::kAtLeast, 1, "sqlite"},
+          [&](const std::string& peer) {
+            std::vector<double> figures;
+            for (int round = 0; round < options_.rounds; ++round) {
+              options_.dropCaches ? DropPageCache() : WarmPageCache(optionsOf(peer).directory);
+              const auto result = RunColdProcess({ColdTask::kWalk, peer, optionsOf(peer)});
+              Verify(result.walked == workload_.values() && result.walkSum == workload_.walkSum(),
+                     peer, "cold walk");
+              figures.push_back(static_cast<double>(result.walked) / result.seconds);
+            }
+            return Median(std::move(figures));
+          });
+}
+
+void Bench::memory() {
+  constexpr double kMebibyte = 1 << 20;
+  const Reads reads = workload_.randomReads(scaled(1'000'000), 300);
+  const auto file = options_.scratch / "paths";
+  reads.paths.save(file);
+  // The paths are memory of the benchmark, not of the peer.
+  const double ours = static_cast<double>(std::filesystem::file_size(file)) +
+                      static_cast<double>(reads.paths.size() * 2 * sizeof(std::size_t));
+  measure("peak memory, cache 64 MiB", "MiB", Target{Target::kAtMost, 1, "", 200, "200 MiB"},
+          [&](const std::string& peer) {
+            auto options = optionsOf(peer);
+            options.cacheBytes = std::size_t{64} << 20;
+            const auto result = RunColdProcess({ColdTask::kWalkThenRead, peer, options, file});
+            Verify(result.walkSum == workload_.walkSum() && result.digests == reads.digests, peer,
+                   "walk and reads within a small cache");
+            return (static_cast<double>(result.peakBytes) - ours) / kMebibyte;
+          });
+}
+
+void Bench::lists() {
+  const auto packages = workload_.randomPackages(scaled(100'000), 400);
+  PathList paths;
+  std::uint64_t expected = 0, all = 0;
+  for (const std::size_t i : packages) {
+    const auto& package = workload_.index().packages()[i];
+    paths.add(workload_.pathOf(package));
+    for (const Field& field : workload_.index().fieldsOf(package)) {
+      expected += DigestOf(field.name);
+    }
+  }
+  for (const auto& package : workload_.index().packages()) all += DigestOf(package.name);
+
+  // Lists per second of each of the paths in turn, the names compared as a whole.
+  const auto listAll = [&](const std::string& peer, const PathList& nodes, std::uint64_t digests) {
+    const auto store = open(peer);
+    const auto session = store->session();
+    std::vector<double> figures;
+    for (int round = 0; round < options_.rounds; ++round) {
+      std::uint64_t sum = 0;
+      const auto sink = [&sum](std::string_view name) { sum += DigestOf(name); };
+      session->beginReads();
+      const Stopwatch watch;
+      for (std::size_t i = 0; i < nodes.size(); ++i) {
+        session->list(nodes[i], "", SIZE_MAX / 2, sink);
+      }
+      figures.push_back(static_cast<double>(nodes.size()) / watch.seconds());
+      session->endReads();
+      Verify(sum == digests, peer, "names of children");
+    }
+    return Median(std::move(figures));
+  };
+  measure("list a package's fields", "lists/s", {},
+          [&](const std::string& peer) { return listAll(peer, paths, expected); });
+  PathList top;
+  top.add(kPackages);
+  const auto names = static_cast<double>(workload_.index().packages().size());
+  measure("list all packages", "names/s", {},
+          [&](const std::string& peer) { return names * listAll(peer, top, all); });
+}
+
+}  // namespace tarns::bench
