@@ -206,6 +206,18 @@ void object_lock_table::unlock_all(lock_owner& owner) noexcept {
   door.forget(*this);
 }
 
+std::size_t object_lock_table::waiting(object_number number) {
+  shard& in = shard_of(number);
+  guarded_scope scope(in.lock);
+  if (in.buckets.empty()) return 0;
+  std::size_t count = 0;
+  for (const lock_node* node = in.bucket_of(number); node != nullptr; node = node->next) {
+    if (node->number != number) continue;
+    for (const lock_waiter* waiter = node->queue; waiter != nullptr; waiter = waiter->next) ++count;
+  }
+  return count;
+}
+
 void object_lock_table::release(lock_grant& grant) noexcept {
   shard& in = shard_of(grant.number);
   guarded_scope scope(in.lock);

@@ -66,6 +66,9 @@ class object_lock_table : public lock_table {
                       std::chrono::milliseconds limit) override;
   void unlock_all(lock_owner& owner) noexcept override;
 
+  // How many requests for the object wait at the moment.
+  std::size_t waiting(object_number number);
+
  private:
   static constexpr std::size_t shards = 64;
 

@@ -46,7 +46,11 @@ void checkpointer::run() {
       if (stopping_) return;
     }
     try {
-      if (!connection) connection = connect(settings_);
+      if (!connection) {
+        connection = connect(settings_);
+        // A connection that has read nothing does not know that there is a log.
+        connection->integer("PRAGMA schema_version");
+      }
       checkpoint(*connection);
     } catch (...) {  // NOLINT(bugprone-empty-catch): see the class comment
     }

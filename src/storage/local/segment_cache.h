@@ -5,7 +5,6 @@
 #include <cstddef>
 #include <cstdint>
 #include <memory>
-#include <unordered_map>
 #include <vector>
 
 #include <goods/dbs_storage.h>
@@ -44,16 +43,40 @@ class segment_cache {
     std::shared_ptr<const segment> content;
     bool used;
   };
+
+  // Finds entries by segment: open addressing with linear probing, at most half full.
+  class index {
+   public:
+    static constexpr std::uint32_t none = ~std::uint32_t{0};
+
+    std::uint32_t find(segment_number number) const;
+    void set(segment_number number, std::uint32_t entry);  // adds or changes
+    void erase(segment_number number);
+
+   private:
+    struct place {
+      segment_number number;
+      std::uint32_t entry = none;
+    };
+
+    std::size_t home(segment_number number) const;
+    std::size_t place_of(segment_number number) const;  // where it is, or may be put
+    void grow();
+
+    std::vector<place> places_ = std::vector<place>(64);
+    std::size_t used_ = 0;
+  };
+
   struct alignas(64) shard {
     guarded_mutex lock;
-    std::unordered_map<segment_number, std::uint32_t> places GUARDED_BY(lock);  // in entries
+    index places GUARDED_BY(lock);
     std::vector<entry> entries GUARDED_BY(lock);
     std::size_t hand GUARDED_BY(lock) = 0;
     std::size_t bytes GUARDED_BY(lock) = 0;
     commit_version last_change GUARDED_BY(lock) = 0;  // of any segment of this shard
 
     void insert(std::shared_ptr<const segment> content, std::size_t limit) REQUIRES(lock);
-    void erase(std::size_t place) REQUIRES(lock);
+    std::shared_ptr<const segment> erase(std::uint32_t place) REQUIRES(lock);
     void make_room(std::size_t limit) REQUIRES(lock);
   };
 

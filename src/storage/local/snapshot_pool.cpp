@@ -8,8 +8,7 @@ std::unique_ptr<sqlite_connection> connect(const connection_settings& settings) 
   // Log pages are written back by the checkpointer only. Freed pages need not be overwritten with
   // zeros, which is what Debian's SQLite does unless told otherwise.
   connection->execute(
-      "PRAGMA wal_autocheckpoint=0; PRAGMA secure_delete=OFF; "
-      "PRAGMA cell_size_check=ON; PRAGMA temp_store=MEMORY");
+      "PRAGMA wal_autocheckpoint=0; PRAGMA secure_delete=OFF; PRAGMA temp_store=MEMORY");
   connection->execute(settings.mapped ? "PRAGMA mmap_size=2147418112" : "PRAGMA mmap_size=0");
   return connection;
 }
