@@ -13,6 +13,7 @@
 
 #include <goods/dbs_storage.h>
 
+#include "support/faulty_vfs.h"
 #include "support/scratch_directory.h"
 
 namespace goods {
@@ -122,6 +123,7 @@ class storage_test : public testing::Test {
   }
   std::string path(const std::string& name) const { return scratch_.file(name); }
 
+  faulty_vfs disk_;  // fails only when told to, and syncs nothing
   scratch_directory scratch_;
 };
 

@@ -1,0 +1,288 @@
+// A disk that fails, at every point of a workload.
+
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <csignal>
+#include <functional>
+
+#include "storage/multi_commit.h"
+#include "storage/storage_fixture.h"
+#include "support/faulty_vfs.h"
+
+namespace goods {
+namespace {
+
+using operation = faulty_vfs::operation;
+using fault = faulty_vfs::fault;
+using contents = std::map<object_number, std::string>;
+
+constexpr object_number first = 0x10100;
+
+struct failing_disk {
+  const char* name;
+  unsigned operations;
+  fault what;
+  bool for_good;
+};
+
+void PrintTo(const failing_disk& row, std::ostream* out) { *out << row.name; }
+
+const failing_disk rows[] = {
+    {"write_once", faulty_vfs::bit(operation::write), fault::io_error, false},
+    {"write_for_good", faulty_vfs::bit(operation::write), fault::io_error, true},
+    {"torn_write", faulty_vfs::bit(operation::write), fault::torn, false},
+    {"full_once", faulty_vfs::bit(operation::write), fault::full, false},
+    {"full_for_good", faulty_vfs::bit(operation::write), fault::full, true},
+    {"written_but_failed", faulty_vfs::bit(operation::write), fault::lost_sync, false},
+    {"sync_once", faulty_vfs::bit(operation::sync), fault::io_error, false},
+    {"sync_for_good", faulty_vfs::bit(operation::sync), fault::io_error, true},
+    {"read_once", faulty_vfs::bit(operation::read), fault::io_error, false},
+    {"read_for_good", faulty_vfs::bit(operation::read), fault::io_error, true},
+    {"open_once", faulty_vfs::bit(operation::open), fault::io_error, false},
+    {"truncate_once", faulty_vfs::bit(operation::truncate), fault::io_error, false},
+};
+
+std::optional<error_code> code_of(const std::function<void()>& work) {
+  try {
+    work();
+    return std::nullopt;
+  } catch (const database_error& error) {
+    return error.code();
+  }
+}
+
+// What a store must hold, given what its commits have answered.
+class expectation {
+ public:
+  // Carries out `change` on the expected contents, as far as the answer allows.
+  void note(const std::optional<error_code>& failure,
+            const std::function<void(contents&)>& change) {
+    if (!failure) {
+      EXPECT_EQ(unknown_, std::nullopt) << "a commit succeeded after one of unknown outcome";
+      change(certain_);
+      return;
+    }
+    const bool known = *failure == error_code::input_output || *failure == error_code::storage_full;
+    if (known || unknown_) {
+      EXPECT_TRUE(known || *failure == error_code::outcome_unknown)
+          << static_cast<unsigned>(*failure);
+      return;
+    }
+    EXPECT_EQ(*failure, error_code::outcome_unknown);
+    unknown_ = certain_;
+    change(*unknown_);
+  }
+
+  bool is_known() const { return !unknown_; }
+  const contents& certain() const { return certain_; }
+  void check(const contents& found) const {
+    EXPECT_TRUE(found == certain_ || (unknown_ && found == *unknown_));
+  }
+
+ private:
+  contents certain_;
+  std::optional<contents> unknown_;
+};
+
+class FaultTest : public testing::TestWithParam<failing_disk> {
+ protected:
+  // Runs `workload` with one more operation that succeeds each time, until nothing fails.
+  void at_every_point(const std::function<void(const std::string& directory)>& workload) {
+    for (std::uint64_t after = 0;; ++after) {
+      SCOPED_TRACE(testing::Message() << "after " << after << " operations");
+      const scratch_directory scratch;
+      disk_.arm({GetParam().operations, after, GetParam().what, GetParam().for_good});
+      workload(scratch.path().string());
+      const bool failed = disk_.has_failed();
+      disk_.disarm();
+      if (HasFailure() || !failed) break;
+      ASSERT_LT(after, 2000U) << "the workload never passes";
+    }
+  }
+
+  faulty_vfs disk_;
+};
+
+INSTANTIATE_TEST_SUITE_P(Disks, FaultTest, testing::ValuesIn(rows),
+                         [](const auto& row) { return std::string(row.param.name); });
+
+std::shared_ptr<dbs_storage> open_in(const std::string& directory, const char* name) {
+  return open_storage(std::string("file:") + name + "?mmap=off&cache=0", directory);
+}
+
+TEST_P(FaultTest, ACommitIsKeptOrRefusedAndTheStoreGoesOn) {
+  at_every_point([this](const std::string& directory) {
+    std::shared_ptr<dbs_storage> storage;
+    class_number layout = 0;
+    const auto opening = code_of([&] {
+      storage = open_in(directory, "store");
+      layout = some_layout(*storage);
+    });
+    expectation expected;
+    for (unsigned i = 0; storage && !opening && i < 6; ++i) {
+      // Small and large objects, new segments, removals.
+      const object_number number = first + i * 40;
+      const std::string text = std::string(i % 2 == 0 ? 20 : 30'000, static_cast<char>('a' + i));
+      change_list changes(layout);
+      changes.put(number, text).put(first, "commit " + std::to_string(i));
+      if (i > 2) changes.remove(first + (i - 2) * 40);
+      const auto failure = code_of([&] { storage->commit(changes.request()); });
+      expected.note(failure, [&](contents& all) {
+        all[number] = text;
+        all[first] = "commit " + std::to_string(i);
+        if (i > 2) all.erase(first + (i - 2) * 40);
+      });
+      // Reads go on, or fail and say so.
+      const auto read_failure = code_of([&] {
+        const auto now = load_text(*storage, first);
+        const auto should = expected.certain().find(first);
+        if (expected.is_known() && should != expected.certain().end()) {
+          EXPECT_EQ(now, should->second);
+        }
+      });
+      EXPECT_THAT(read_failure, testing::AnyOf(std::nullopt, error_code::input_output));
+    }
+    if (opening) {
+      EXPECT_THAT(*opening, testing::AnyOf(error_code::input_output, error_code::storage_full,
+                                           error_code::outcome_unknown));
+    }
+    storage.reset();
+    disk_.disarm();
+    expected.check(load_all(*open_in(directory, "store")));
+  });
+}
+
+TEST_P(FaultTest, ACommitOverTwoStoragesIsInBothOrInNeither) {
+  at_every_point([this](const std::string& directory) {
+    std::shared_ptr<dbs_storage> one, two;
+    const auto open_both = [&] {
+      one = open_in(directory, "one");
+      two = open_in(directory, "two");
+      dbs_storage* both[] = {one.get(), two.get()};
+      recover_several(both);
+    };
+    expectation expected;
+    bool opened = !code_of([&] {
+      open_both();
+      some_layout(*one);
+      some_layout(*two);
+    });
+    for (unsigned i = 0; opened && i < 3; ++i) {
+      const std::string text = std::to_string(i) + std::string(i * 1500, '+');
+      change_list changes(1);
+      changes.put(first, text).put(first + 64 + i * 64, "n").remove(first + i * 64 + 1);
+      const commit_part parts[] = {{one.get(), changes.request()}, {two.get(), changes.request()}};
+      const auto failure = code_of([&] { commit_several(parts); });
+      expected.note(failure, [&](contents& all) {
+        all[first + 64 + i * 64] = "n";
+        all[first] = text;
+      });
+      if (!expected.is_known()) opened = false;
+    }
+    one.reset();
+    two.reset();
+    disk_.disarm();
+    open_both();
+    const contents in_one = load_all(*one);
+    EXPECT_EQ(in_one, load_all(*two));
+    expected.check(in_one);
+    EXPECT_TRUE(one->prepared().empty() && two->prepared().empty());
+    EXPECT_TRUE(one->decisions().empty() && two->decisions().empty());
+  });
+}
+
+// ---- processes that end at every point
+
+struct two_storages {
+  explicit two_storages(const std::string& directory)
+      : one(open_in(directory, "one")), two(open_in(directory, "two")) {
+    dbs_storage* both[] = {one.get(), two.get()};
+    recover_several(both);
+  }
+  std::shared_ptr<dbs_storage> one, two;
+};
+
+constexpr unsigned killed_commits = 5;
+
+// The contents that the first `commits` of commit_in_both() leave.
+contents contents_after(unsigned commits) {
+  contents all;
+  for (unsigned i = 0; i < commits; ++i) {
+    all[first] = std::to_string(i) + std::string(i * 1500, '+');
+    all[first + 64 + i * 64] = "n";
+    if (i > 0) all.erase(first + i * 64);
+  }
+  return all;
+}
+
+void commit_in_both(two_storages& storages, unsigned i) {
+  change_list changes(1);
+  changes.put(first, std::to_string(i) + std::string(i * 1500, '+')).put(first + 64 + i * 64, "n");
+  if (i > 0) changes.remove(first + i * 64);
+  const commit_part parts[] = {{storages.one.get(), changes.request()},
+                               {storages.two.get(), changes.request()}};
+  commit_several(parts);
+}
+
+// In the child: makes both storages and commits, one byte for each commit that has returned.
+[[noreturn]] void commit_until_killed(const std::string& directory, int acknowledge) {
+  two_storages storages(directory);
+  some_layout(*storages.one);
+  some_layout(*storages.two);
+  for (unsigned i = 0; i < killed_commits; ++i) {
+    commit_in_both(storages, i);
+    if (::write(acknowledge, "", 1) != 1) break;
+  }
+  ::_exit(0);
+}
+
+class KilledProcessTest : public testing::Test {
+ protected:
+  // Runs a child that is killed after so many operations. Returns how many commits it acknowledged.
+  unsigned run_child(const std::string& directory, std::uint64_t operations, bool& was_killed) {
+    int ends[2];
+    EXPECT_EQ(::pipe(ends), 0);
+    disk_.arm({faulty_vfs::all_operations, operations, fault::kill, true});
+    const pid_t child = ::fork();
+    if (child == 0) commit_until_killed(directory, ends[1]);
+    disk_.disarm();
+    ::close(ends[1]);
+    unsigned acknowledged = 0;
+    for (char c; ::read(ends[0], &c, 1) == 1;) ++acknowledged;
+    ::close(ends[0]);
+    int status = 0;
+    EXPECT_EQ(::waitpid(child, &status, 0), child);
+    was_killed = WIFSIGNALED(status) && WTERMSIG(status) == SIGKILL;
+    EXPECT_TRUE(was_killed || (WIFEXITED(status) && WEXITSTATUS(status) == 0)) << status;
+    return acknowledged;
+  }
+
+  faulty_vfs disk_;
+};
+
+TEST_F(KilledProcessTest, ACommitOverTwoStoragesIsInBothOrInNeither) {
+  bool was_killed = true;
+  std::uint64_t operations = 0;
+  // The first hundreds of operations make the storages; skim those.
+  for (; was_killed; operations += operations < 60 ? 7 : 1) {
+    SCOPED_TRACE(testing::Message() << "killed after " << operations << " operations");
+    const scratch_directory scratch;
+    const unsigned acknowledged = run_child(scratch.path().string(), operations, was_killed);
+    two_storages storages(scratch.path().string());
+    const contents found = load_all(*storages.one);
+    EXPECT_EQ(found, load_all(*storages.two));
+    EXPECT_TRUE(found == contents_after(acknowledged) || found == contents_after(acknowledged + 1))
+        << acknowledged << " were acknowledged";
+    EXPECT_TRUE(storages.one->prepared().empty() && storages.two->prepared().empty());
+    EXPECT_TRUE(storages.one->decisions().empty() && storages.two->decisions().empty());
+    some_layout(*storages.one);
+    some_layout(*storages.two);
+    commit_in_both(storages, 0);
+    if (HasFailure()) break;
+  }
+  EXPECT_GT(operations, 100U);
+}
+
+}  // namespace
+}  // namespace goods

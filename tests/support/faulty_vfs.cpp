@@ -1,0 +1,154 @@
+#include "support/faulty_vfs.h"
+
+#include <signal.h>
+#include <sqlite3.h>
+#include <unistd.h>
+
+#include <cstdlib>
+#include <new>
+
+namespace {
+
+using operation = faulty_vfs::operation;
+using fault = faulty_vfs::fault;
+
+// One disk for all files.
+struct disk {
+  sqlite3_vfs* real = nullptr;
+  std::atomic<bool> armed{false};
+  faulty_vfs::plan plan;  // while not armed
+  std::atomic<std::uint64_t> count{0};
+  std::atomic<bool> failed{false};
+};
+
+disk the_disk;
+
+// Whether this operation is to fail.
+bool fails(operation what) {
+  if (!the_disk.armed || (the_disk.plan.operations & faulty_vfs::bit(what)) == 0) return false;
+  const std::uint64_t number = the_disk.count++;
+  if (number < the_disk.plan.after) return false;
+  if (number > the_disk.plan.after && !the_disk.plan.for_good) return false;
+  the_disk.failed = true;
+  if (the_disk.plan.what == fault::kill) ::kill(::getpid(), SIGKILL);
+  return true;
+}
+
+int error_for(int io_error) { return the_disk.plan.what == fault::full ? SQLITE_FULL : io_error; }
+
+// SQLite reserves memory for this and, behind it, for the real file.
+struct shim_file {
+  sqlite3_file base;
+  sqlite3_file* real() { return reinterpret_cast<sqlite3_file*>(this + 1); }
+};
+
+shim_file* shim(sqlite3_file* file) { return reinterpret_cast<shim_file*>(file); }
+sqlite3_file* real(sqlite3_file* file) { return shim(file)->real(); }
+
+int close_file(sqlite3_file* file) { return real(file)->pMethods->xClose(real(file)); }
+
+int read_file(sqlite3_file* file, void* into, int size, sqlite3_int64 at) {
+  if (fails(operation::read)) return SQLITE_IOERR_READ;
+  return real(file)->pMethods->xRead(real(file), into, size, at);
+}
+
+int write_file(sqlite3_file* file, const void* from, int size, sqlite3_int64 at) {
+  const auto write = [&](int bytes) {
+    return real(file)->pMethods->xWrite(real(file), from, bytes, at);
+  };
+  if (!fails(operation::write)) return write(size);
+  if (the_disk.plan.what == fault::torn) write(size / 2);
+  if (the_disk.plan.what == fault::lost_sync) write(size);
+  return error_for(SQLITE_IOERR_WRITE);
+}
+
+int truncate_file(sqlite3_file* file, sqlite3_int64 size) {
+  if (fails(operation::truncate)) return SQLITE_IOERR_TRUNCATE;
+  return real(file)->pMethods->xTruncate(real(file), size);
+}
+
+int sync_file(sqlite3_file*, int) {
+  return fails(operation::sync) ? error_for(SQLITE_IOERR_FSYNC) : SQLITE_OK;
+}
+
+int file_size(sqlite3_file* file, sqlite3_int64* size) {
+  return real(file)->pMethods->xFileSize(real(file), size);
+}
+int lock_file(sqlite3_file* file, int level) {
+  return real(file)->pMethods->xLock(real(file), level);
+}
+int unlock_file(sqlite3_file* file, int level) {
+  return real(file)->pMethods->xUnlock(real(file), level);
+}
+int check_reserved(sqlite3_file* file, int* result) {
+  return real(file)->pMethods->xCheckReservedLock(real(file), result);
+}
+int control(sqlite3_file* file, int what, void* argument) {
+  return real(file)->pMethods->xFileControl(real(file), what, argument);
+}
+int sector_size(sqlite3_file* file) { return real(file)->pMethods->xSectorSize(real(file)); }
+int characteristics(sqlite3_file* file) {
+  return real(file)->pMethods->xDeviceCharacteristics(real(file));
+}
+int map_shared(sqlite3_file* file, int page, int size, int extend, void volatile** result) {
+  return real(file)->pMethods->xShmMap(real(file), page, size, extend, result);
+}
+int lock_shared(sqlite3_file* file, int offset, int count, int flags) {
+  return real(file)->pMethods->xShmLock(real(file), offset, count, flags);
+}
+void barrier(sqlite3_file* file) { real(file)->pMethods->xShmBarrier(real(file)); }
+int unmap_shared(sqlite3_file* file, int remove) {
+  return real(file)->pMethods->xShmUnmap(real(file), remove);
+}
+int fetch(sqlite3_file* file, sqlite3_int64 at, int size, void** result) {
+  return real(file)->pMethods->xFetch(real(file), at, size, result);
+}
+int unfetch(sqlite3_file* file, sqlite3_int64 at, void* page) {
+  return real(file)->pMethods->xUnfetch(real(file), at, page);
+}
+
+const sqlite3_io_methods shim_methods = {
+    3,         close_file,   read_file,       write_file,  truncate_file,
+    sync_file, file_size,    lock_file,       unlock_file, check_reserved,
+    control,   sector_size,  characteristics, map_shared,  lock_shared,
+    barrier,   unmap_shared, fetch,           unfetch};
+
+int open_file(sqlite3_vfs*, sqlite3_filename name, sqlite3_file* file, int flags, int* out_flags) {
+  file->pMethods = nullptr;
+  if (fails(operation::open)) return SQLITE_CANTOPEN;
+  const int result = the_disk.real->xOpen(the_disk.real, name, real(file), flags, out_flags);
+  if (result == SQLITE_OK) file->pMethods = &shim_methods;
+  return result;
+}
+
+sqlite3_vfs shim_vfs;
+
+}  // namespace
+
+faulty_vfs::faulty_vfs() {
+  the_disk.real = ::sqlite3_vfs_find(nullptr);
+  shim_vfs = *the_disk.real;
+  shim_vfs.pNext = nullptr;
+  shim_vfs.zName = "faulty";
+  shim_vfs.szOsFile = static_cast<int>(sizeof(shim_file)) + the_disk.real->szOsFile;
+  shim_vfs.xOpen = open_file;
+  ::sqlite3_vfs_register(&shim_vfs, 1);
+  disarm();
+}
+
+faulty_vfs::~faulty_vfs() {
+  ::sqlite3_vfs_register(the_disk.real, 1);
+  ::sqlite3_vfs_unregister(&shim_vfs);
+}
+
+void faulty_vfs::arm(const plan& next) {
+  the_disk.armed = false;
+  the_disk.plan = next;
+  the_disk.count = 0;
+  the_disk.failed = false;
+  the_disk.armed = true;
+}
+
+void faulty_vfs::disarm() { the_disk.armed = false; }
+bool faulty_vfs::has_failed() const { return the_disk.failed; }
+std::uint64_t faulty_vfs::count() const { return the_disk.count; }

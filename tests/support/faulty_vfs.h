@@ -1,0 +1,46 @@
+// A failing disk under SQLite.
+#pragma once
+
+#include <atomic>
+#include <cstdint>
+#include <string>
+
+// While one exists, it is SQLite's default file layer: it passes everything on to the usual one
+// until the chosen operation, and then fails or ends the process. Only one at a time.
+//
+// Syncing does nothing but count: processes end here, machines do not.
+// Threads: any, once it exists. Files that are open must be closed before it is destroyed.
+class faulty_vfs {
+ public:
+  enum class operation : std::uint8_t { open, read, write, sync, truncate };
+  enum class fault : std::uint8_t {
+    io_error,   // the operation fails and has no effect
+    full,       // the disk is full
+    torn,       // writes half, then fails
+    lost_sync,  // the operation is done and then said to have failed
+    kill,       // the process ends on the spot, before the operation
+  };
+
+  struct plan {
+    unsigned operations = 0;  // bits of the operations that count: 1 << operation
+    std::uint64_t after = 0;  // how many of them succeed
+    fault what = fault::io_error;
+    bool for_good = false;  // fails from then on, or once
+  };
+
+  static constexpr unsigned bit(operation o) { return 1U << static_cast<unsigned>(o); }
+  static constexpr unsigned all_operations = 0x1f;
+
+  faulty_vfs();
+  ~faulty_vfs();
+  faulty_vfs(const faulty_vfs&) = delete;
+  faulty_vfs& operator=(const faulty_vfs&) = delete;
+
+  // Counting begins anew.
+  void arm(const plan& next);
+  void disarm();
+  // Whether the fault has come.
+  bool has_failed() const;
+  // Operations that counted since arm().
+  std::uint64_t count() const;
+};
