@@ -10,36 +10,30 @@ namespace {
 
 constexpr std::size_t smallest_array = 64;
 
-void release_handle(void* handle) { delete static_cast<object_handle*>(handle); }
-
-void release_body(void* body) { static_cast<object*>(body)->unpin(); }
-
 }  // namespace
 
 handle_table::slot_array::slot_array(std::size_t size)
-    : mask(size - 1), slots(std::make_unique<std::atomic<object_handle*>[]>(size)) {}
+    : mask(size - 1), slots(std::make_unique<slot[]>(size)) {}
 
 handle_table::handle_table() {
   for (shard& s : shards_) s.slots.store(new slot_array(smallest_array));
-  memory_ = shard_count * smallest_array * sizeof(object_handle*);
+  memory_ = shard_count * smallest_array * sizeof(slot);
 }
 
 handle_table::~handle_table() {
   for (shard& s : shards_) {
-    slot_array* array = s.slots.load();
+    const std::unique_ptr<slot_array> array(s.slots.load());
     for (std::size_t i = 0; i <= array->mask; ++i) {
-      object_handle* handle = array->slots[i].load();
-      if (handle == nullptr || handle == erased_mark()) continue;
-      if (object* body = handle->exchange_body(nullptr)) retire(body, release_body);
+      object_handle* handle = array->slots[i].handle.load(std::memory_order_relaxed);
+      if (handle == nullptr) continue;
+      if (object* body = handle->exchange_body(nullptr)) body->unpin();
       if (handle->try_retire()) {
-        retire(handle, release_handle);
+        delete handle;
       } else {
         handle->become_transient();  // goes with the last reference that an application holds
       }
     }
-    delete array;
   }
-  collect_retired();
 }
 
 std::size_t handle_table::hash(object_id id) {
@@ -47,39 +41,40 @@ std::size_t handle_table::hash(object_id id) {
   return mixed ^ (mixed >> 32);
 }
 
-object_handle* handle_table::erased_mark() {
-  static object_handle mark(nullptr);
-  return &mark;
-}
-
 object_handle* handle_table::find(object_id id) const {
   const std::size_t hashed = hash(id);
   const slot_array& array = *shards_[hashed % shard_count].slots.load();
   for (std::size_t i = hashed / shard_count;; ++i) {
-    object_handle* handle = array.slots[i & array.mask].load();
-    if (handle == nullptr) return nullptr;
-    if (handle->id() == id) return handle;
+    const slot& at = array.slots[i & array.mask];
+    const object_id found = at.id.load();
+    if (found == 0) return nullptr;
+    if (found != id) continue;
+    object_handle* handle = at.handle.load();
+    if (handle != nullptr && handle->id() == id) return handle;
   }
 }
 
-void handle_table::place(slot_array& array, object_handle* handle) {
-  std::size_t i = (hash(handle->id()) / shard_count) & array.mask;
-  while (array.slots[i].load(std::memory_order_relaxed) != nullptr) i = (i + 1) & array.mask;
-  array.slots[i].store(handle);
+void handle_table::place(slot_array& array, object_handle* handle, object_id id) {
+  std::size_t i = (hash(id) / shard_count) & array.mask;
+  while (array.slots[i].id.load(std::memory_order_relaxed) != 0) i = (i + 1) & array.mask;
+  array.slots[i].handle.store(handle);
+  array.slots[i].id.store(id);
 }
 
 void handle_table::rebuild(shard& in) {
   slot_array* old = in.slots.load();
   std::size_t size = smallest_array;
   while (size < in.handles * 2 + 2) size *= 2;
-  auto grown = std::make_unique<slot_array>(size);
+  auto rebuilt = std::make_unique<slot_array>(size);
   for (std::size_t i = 0; i <= old->mask; ++i) {
-    object_handle* handle = old->slots[i].load(std::memory_order_relaxed);
-    if (handle != nullptr && handle != erased_mark()) place(*grown, handle);
+    object_handle* handle = old->slots[i].handle.load(std::memory_order_relaxed);
+    if (handle != nullptr)
+      place(*rebuilt, handle, old->slots[i].id.load(std::memory_order_relaxed));
   }
   in.occupied = in.handles;
-  memory_ += (grown->mask - old->mask) * sizeof(object_handle*);
-  in.slots.store(grown.release());
+  memory_ += rebuilt->mask * sizeof(slot);
+  memory_ -= old->mask * sizeof(slot);
+  in.slots.store(rebuilt.release());
   retire(old, [](void* array) { delete static_cast<slot_array*>(array); });
 }
 
@@ -93,7 +88,7 @@ void handle_table::tighten(std::size_t shard_index) {
 void handle_table::insert(object_handle* handle) {
   shard& in = shard_of(handle->id());
   if ((in.occupied + 1) * 8 > (in.slots.load()->mask + 1) * 5) rebuild(in);
-  place(*in.slots.load(), handle);
+  place(*in.slots.load(), handle, handle->id());
   ++in.occupied;
   ++in.handles;
 }
@@ -102,8 +97,8 @@ void handle_table::erase(object_handle* handle) {
   shard& in = shard_of(handle->id());
   slot_array& array = *in.slots.load();
   std::size_t i = (hash(handle->id()) / shard_count) & array.mask;
-  while (array.slots[i].load(std::memory_order_relaxed) != handle) i = (i + 1) & array.mask;
-  array.slots[i].store(erased_mark());
+  while (array.slots[i].handle.load(std::memory_order_relaxed) != handle) i = (i + 1) & array.mask;
+  array.slots[i].handle.store(nullptr);
   --in.handles;
 }
 

@@ -46,11 +46,17 @@ class handle_table {
   std::size_t memory() const { return memory_.load(std::memory_order_relaxed); }  // bytes of slots
 
  private:
+  // The identifier stands beside the handle so that passing over other objects' slots touches no
+  // handle. A reader may meet a slot that is just given to another object: the handle tells.
+  struct slot {
+    std::atomic<object_id> id{0};                 // 0: never used
+    std::atomic<object_handle*> handle{nullptr};  // null: erased
+  };
   // Open addressing with linear probing; never more than five eighths full.
   struct slot_array {
     explicit slot_array(std::size_t size);
     std::size_t mask;
-    std::unique_ptr<std::atomic<object_handle*>[]> slots;
+    std::unique_ptr<slot[]> slots;
   };
   struct alignas(64) shard {
     mutable std::mutex lock;
@@ -60,10 +66,9 @@ class handle_table {
   };
 
   static std::size_t hash(object_id id);
-  static object_handle* erased_mark();
   shard& shard_of(object_id id) const { return shards_[hash(id) % shard_count]; }
   void rebuild(shard& in);
-  static void place(slot_array& slots, object_handle* handle);
+  static void place(slot_array& array, object_handle* handle, object_id id);
 
   mutable std::array<shard, shard_count> shards_;
   std::atomic<std::size_t> memory_{0};
@@ -77,8 +82,7 @@ std::size_t handle_table::sweep(std::size_t shard_index, std::size_t position, s
   const slot_array& array = *in.slots.load();
   const std::size_t end = position + std::min(count, array.mask + 1 - position);
   for (std::size_t i = position; i < end; ++i) {
-    object_handle* handle = array.slots[i].load();
-    if (handle != nullptr && handle != erased_mark()) visit(*handle);
+    if (object_handle* handle = array.slots[i].handle.load()) visit(*handle);
   }
   return end > array.mask ? 0 : end;
 }

@@ -24,7 +24,7 @@ namespace goods {
 namespace {
 
 constexpr std::size_t smallest_limit = std::size_t{1} << 20;
-constexpr std::size_t handle_bytes = 64;  // a handle, its slot and what the allocator adds
+constexpr std::size_t handle_bytes = 48;  // with what the allocator adds
 constexpr std::size_t slots_per_step = 128;
 
 void release_body(void* body) { static_cast<object*>(body)->unpin(); }
