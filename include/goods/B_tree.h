@@ -41,7 +41,7 @@ struct index_position {
   std::string name;
   ref<set_member> member;  // null: before the first (after the last) entry of this name
 
-  index_position(std::string_view text, ref<set_member> at = {})
+  explicit index_position(std::string_view text, ref<set_member> at = {})
       : name(text), member(std::move(at)) {}
   explicit index_position(const held_entry& entry) : name(entry.name), member(entry.member) {}
 };

@@ -191,7 +191,8 @@ void B_tree::insert(const ref<set_member>& member) {
   if (handle()->is_transient() && !member.handle()->is_transient()) {
     throw_error(error_code::usage, "A stored member cannot enter an index that is not stored.");
   }
-  const ref<set_member> entered(member);  // with a handle, which the page counts until it is stored
+  const object_ref entered(
+      member.handle());  // with a handle, which the page counts until it is stored
   B_tree_writer(*this).insert(access->key(), entered.word(), access->target_word());
   access->join(ref<set_owner>(this));
 }
@@ -224,7 +225,7 @@ bool B_tree::replace(const ref<set_member>& member, const ref<set_member>& next)
     insert(next);
     return true;
   }
-  const ref<set_member> entered(next);
+  const object_ref entered(next.handle());
   const bool replaced =
       B_tree_writer(*this).change(old_access->key(), member, [&](index_page& leaf, std::size_t at) {
         leaf.set_member_at(at, entered.word(), access->target_word());

@@ -56,7 +56,7 @@ String::~String() { release_room(); }
 ref<String> String::create(std::string_view text, std::size_t capacity) {
   check_length(text.size());
   auto* const body = new String(self_class);
-  const ref<String> made(body);
+  ref<String> made(body);
   body->put_text(0, text);
   body->reserve(capacity);
   return made;

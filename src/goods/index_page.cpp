@@ -16,6 +16,7 @@ namespace goods {
 namespace {
 
 constexpr std::size_t least_capacity = 4;
+constexpr std::size_t prefetch_distance = 24;
 constexpr std::size_t least_entry_bytes = 3;  // in the stored form
 
 std::uint64_t bits_of(ref_word word) { return std::bit_cast<std::uint64_t>(word); }
@@ -204,6 +205,8 @@ std::size_t index_page::bound(std::string_view name) const {
   }
   const std::uint64_t prefix = prefix_of(name);
   const std::uint64_t* const all = prefixes();
+  // The places that a search looks at first, fetched side by side instead of one after the other.
+  for (std::size_t i = 0; i < size_; i += prefetch_distance) __builtin_prefetch(all + i);
   low = static_cast<std::size_t>(std::lower_bound(all + low, all + size_, prefix) - all);
   if (low == size_ || all[low] != prefix) return low;
   const std::string_view rest = name.substr(skip_);
