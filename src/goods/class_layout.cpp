@@ -114,8 +114,8 @@ class_layout class_layout::make(std::string name, std::vector<std::string> bases
   return layout;
 }
 
-class_layout class_layout::parse(std::span<const std::byte> bytes) {
-  byte_reader in(bytes, 0);
+class_layout class_layout::parse(std::span<const std::byte> bytes, object_id self) {
+  byte_reader in(bytes, self);
   if (in.get_byte() != layout_format) in.fail("is a class layout of an unknown form");
   class_layout layout;
   layout.name = in.get_text();
