@@ -4,8 +4,8 @@
 #include <sqlite3.h>
 #include <unistd.h>
 
-#include <cstdlib>
-#include <new>
+#include <mutex>
+#include <optional>
 
 namespace {
 
@@ -15,26 +15,28 @@ using fault = faulty_vfs::fault;
 // One disk for all files.
 struct disk {
   sqlite3_vfs* real = nullptr;
-  std::atomic<bool> armed{false};
-  faulty_vfs::plan plan;  // while not armed
-  std::atomic<std::uint64_t> count{0};
-  std::atomic<bool> failed{false};
+  std::mutex lock;  // of all that follows
+  bool armed = false;
+  faulty_vfs::plan plan;
+  std::uint64_t count = 0;
+  bool failed = false;
 };
 
 disk the_disk;
 
-// Whether this operation is to fail.
-bool fails(operation what) {
-  if (!the_disk.armed || (the_disk.plan.operations & faulty_vfs::bit(what)) == 0) return false;
+// How this operation is to fail, if at all.
+std::optional<fault> fault_of(operation what) {
+  const std::lock_guard guard(the_disk.lock);
+  if (!the_disk.armed || (the_disk.plan.operations & faulty_vfs::bit(what)) == 0) return {};
   const std::uint64_t number = the_disk.count++;
-  if (number < the_disk.plan.after) return false;
-  if (number > the_disk.plan.after && !the_disk.plan.for_good) return false;
+  if (number < the_disk.plan.after) return {};
+  if (number > the_disk.plan.after && !the_disk.plan.for_good) return {};
   the_disk.failed = true;
   if (the_disk.plan.what == fault::kill) ::kill(::getpid(), SIGKILL);
-  return true;
+  return the_disk.plan.what;
 }
 
-int error_for(int io_error) { return the_disk.plan.what == fault::full ? SQLITE_FULL : io_error; }
+int error_for(fault what, int io_error) { return what == fault::full ? SQLITE_FULL : io_error; }
 
 // SQLite reserves memory for this and, behind it, for the real file.
 struct shim_file {
@@ -48,7 +50,7 @@ sqlite3_file* real(sqlite3_file* file) { return shim(file)->real(); }
 int close_file(sqlite3_file* file) { return real(file)->pMethods->xClose(real(file)); }
 
 int read_file(sqlite3_file* file, void* into, int size, sqlite3_int64 at) {
-  if (fails(operation::read)) return SQLITE_IOERR_READ;
+  if (fault_of(operation::read)) return SQLITE_IOERR_READ;
   return real(file)->pMethods->xRead(real(file), into, size, at);
 }
 
@@ -56,19 +58,21 @@ int write_file(sqlite3_file* file, const void* from, int size, sqlite3_int64 at)
   const auto write = [&](int bytes) {
     return real(file)->pMethods->xWrite(real(file), from, bytes, at);
   };
-  if (!fails(operation::write)) return write(size);
-  if (the_disk.plan.what == fault::torn) write(size / 2);
-  if (the_disk.plan.what == fault::lost_sync) write(size);
-  return error_for(SQLITE_IOERR_WRITE);
+  const auto failure = fault_of(operation::write);
+  if (!failure) return write(size);
+  if (*failure == fault::torn) write(size / 2);
+  if (*failure == fault::lost_sync) write(size);
+  return error_for(*failure, SQLITE_IOERR_WRITE);
 }
 
 int truncate_file(sqlite3_file* file, sqlite3_int64 size) {
-  if (fails(operation::truncate)) return SQLITE_IOERR_TRUNCATE;
+  if (fault_of(operation::truncate)) return SQLITE_IOERR_TRUNCATE;
   return real(file)->pMethods->xTruncate(real(file), size);
 }
 
 int sync_file(sqlite3_file*, int) {
-  return fails(operation::sync) ? error_for(SQLITE_IOERR_FSYNC) : SQLITE_OK;
+  const auto failure = fault_of(operation::sync);
+  return failure ? error_for(*failure, SQLITE_IOERR_FSYNC) : SQLITE_OK;
 }
 
 int file_size(sqlite3_file* file, sqlite3_int64* size) {
@@ -115,7 +119,7 @@ const sqlite3_io_methods shim_methods = {
 
 int open_file(sqlite3_vfs*, sqlite3_filename name, sqlite3_file* file, int flags, int* out_flags) {
   file->pMethods = nullptr;
-  if (fails(operation::open)) return SQLITE_CANTOPEN;
+  if (fault_of(operation::open)) return SQLITE_CANTOPEN;
   const int result = the_disk.real->xOpen(the_disk.real, name, real(file), flags, out_flags);
   if (result == SQLITE_OK) file->pMethods = &shim_methods;
   return result;
@@ -142,13 +146,24 @@ faulty_vfs::~faulty_vfs() {
 }
 
 void faulty_vfs::arm(const plan& next) {
-  the_disk.armed = false;
+  const std::lock_guard guard(the_disk.lock);
   the_disk.plan = next;
   the_disk.count = 0;
   the_disk.failed = false;
   the_disk.armed = true;
 }
 
-void faulty_vfs::disarm() { the_disk.armed = false; }
-bool faulty_vfs::has_failed() const { return the_disk.failed; }
-std::uint64_t faulty_vfs::count() const { return the_disk.count; }
+void faulty_vfs::disarm() {
+  const std::lock_guard guard(the_disk.lock);
+  the_disk.armed = false;
+}
+
+bool faulty_vfs::has_failed() const {
+  const std::lock_guard guard(the_disk.lock);
+  return the_disk.failed;
+}
+
+std::uint64_t faulty_vfs::count() const {
+  const std::lock_guard guard(the_disk.lock);
+  return the_disk.count;
+}

@@ -1,7 +1,6 @@
 // A failing disk under SQLite.
 #pragma once
 
-#include <atomic>
 #include <cstdint>
 #include <string>
 
@@ -17,7 +16,7 @@ class faulty_vfs {
     io_error,   // the operation fails and has no effect
     full,       // the disk is full
     torn,       // writes half, then fails
-    lost_sync,  // the operation is done and then said to have failed
+    lost_sync,  // a write is done and then said to have failed
     kill,       // the process ends on the spot, before the operation
   };
 

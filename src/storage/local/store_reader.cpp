@@ -87,10 +87,12 @@ std::uint64_t store_reader::for_each_segment(
   statement_scope scope(all);
   std::uint64_t count = 0;
   constexpr std::int64_t last_segment = ~object_number{0} / segment_slots;
+  std::int64_t before = -1;
   while (all.step()) {
     const std::int64_t id = all.integer(0);
-    if (id < 0 || id > last_segment)
-      throw_damaged_row(store_, "segments", id, "the number is out of range");
+    if (id <= before || id > last_segment)
+      throw_damaged_row(store_, "segments", id, "the number is out of order or out of range");
+    before = id;
     ++count;
     if (!visit(parse_segment(static_cast<segment_number>(id), all.blob(1)))) break;
   }

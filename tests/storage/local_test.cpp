@@ -1,0 +1,414 @@
+// What the embedded backend promises beyond the contract: about its directory, other processes,
+// crashes and damage.
+
+#include <fcntl.h>
+#include <sqlite3.h>
+#include <sys/stat.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <filesystem>
+#include <fstream>
+#include <random>
+#include <thread>
+
+#include "storage/storage_fixture.h"
+#include "storage/storage_rows.h"
+#include "support/killed_process.h"
+
+namespace goods {
+namespace {
+
+using testing::AllOf;
+using testing::AnyOf;
+using testing::HasSubstr;
+namespace fs = std::filesystem;
+
+class LocalTest : public storage_test {
+ protected:
+  LocalTest() { fs::create_directory(path("plain")); }
+
+  void execute(const std::string& file, const char* sql) {
+    sqlite3* handle = nullptr;
+    ASSERT_EQ(::sqlite3_open(file.c_str(), &handle), SQLITE_OK);
+    char* message = nullptr;
+    EXPECT_EQ(::sqlite3_exec(handle, sql, nullptr, nullptr, &message), SQLITE_OK) << message;
+    ::sqlite3_close(handle);
+  }
+
+  static unsigned mode_of(const fs::path& file) {
+    struct stat status;
+    EXPECT_EQ(::stat(file.c_str(), &status), 0) << file;
+    return status.st_mode & 07777;
+  }
+};
+
+std::string read_file(const std::string& file) {
+  std::ifstream in(file, std::ios::binary);
+  return {std::istreambuf_iterator<char>(in), {}};
+}
+
+void write_file(const std::string& file, const std::string& content) {
+  std::ofstream(file, std::ios::binary | std::ios::trunc) << content;
+}
+
+TEST_F(LocalTest, RefusesAddressesItDoesNotUnderstand) {
+  const struct {
+    const char* address;
+    const char* why;
+  } cases[] = {
+      {"localhost:6100", "of no known kind"},
+      {"", "of no known kind"},
+      {"file:", "names no directory"},
+      {"file:?mmap=off", "names no directory"},
+      {"file:store?durability=none", "durability=none"},
+      {"file:store?mmap", "mmap"},
+      {"file:store?cache=16X", "cache=16X"},
+      {"file:store?cache=99999999999G", "cache"},
+      {"file:store?mmap=off&fast=1", "fast=1"},
+  };
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.address);
+    EXPECT_THAT([&] { open_storage(c.address, path("")); },
+                fails_with(error_code::usage, AllOf(HasSubstr(c.address), HasSubstr(c.why))));
+  }
+  EXPECT_FALSE(fs::exists(path("store")));
+}
+
+TEST_F(LocalTest, NamesADirectoryThatCannotBeUsed) {
+  write_file(path("file"), "");
+  for (const char* name : {"file", "missing/store", "file/store"}) {
+    SCOPED_TRACE(name);
+    EXPECT_THAT([&] { open(name); }, fails_with(error_code::input_output, HasSubstr(path(name))));
+  }
+  // Nobody can write there, not even the superuser.
+  EXPECT_THAT([&] { open_storage("file:/proc/store", "/"); },
+              fails_with(error_code::input_output, HasSubstr("/proc/store")));
+  EXPECT_THAT([&] { open_storage("file:/proc", "/"); },
+              fails_with(error_code::input_output, HasSubstr("/proc/lock")));
+}
+
+TEST_F(LocalTest, KeepsItsFilesPrivateUnderAnyUmask) {
+  for (mode_t mask : {0000, 0027, 0777}) {
+    SCOPED_TRACE(mask);
+    const std::string name = "masked" + std::to_string(mask);
+    const mode_t before = ::umask(mask);
+    const auto storage = open(name);
+    commit_text(*storage, storage->allocate(1), "text");
+    ::umask(before);
+    EXPECT_EQ(mode_of(path(name)), 0700U);
+    unsigned files = 0;
+    for (const auto& entry : fs::directory_iterator(path(name))) {
+      EXPECT_EQ(mode_of(entry.path()), 0600U) << entry.path();
+      ++files;
+    }
+    EXPECT_EQ(files, 4U) << "store.db, its log, the log's index, lock";
+  }
+}
+
+TEST_F(LocalTest, LeavesOneFileWhenClosed) {
+  commit_text(*open(), root_object_number, "text");
+  unsigned files = 0;
+  for (const auto& entry : fs::directory_iterator(path("store"))) {
+    EXPECT_THAT(entry.path().filename().string(), AnyOf("store.db", "lock"));
+    ++files;
+  }
+  EXPECT_EQ(files, 2U);
+}
+
+TEST_F(LocalTest, SessionsOfAProcessShareTheOpenStore) {
+  const auto storage = open();
+  fs::create_directory_symlink(path("store"), path("alias"));
+  EXPECT_EQ(open("alias"), storage);
+  EXPECT_EQ(open("./plain/../store/"), storage);
+  EXPECT_NE(open("another"), storage);
+  EXPECT_THAT([&] { open("store", "?durability=relaxed"); },
+              fails_with(error_code::usage, HasSubstr("durability=relaxed")));
+}
+
+TEST_F(LocalTest, ManyThreadsMayOpenAndCloseIt) {
+  std::vector<std::thread> threads;
+  for (object_number i = 0; i < 4; ++i)
+    threads.emplace_back([this, i] {
+      for (int round = 0; round < 25; ++round)
+        commit_text(*open(), root_object_number + i, std::to_string(round));
+    });
+  for (std::thread& thread : threads) thread.join();
+  for (object_number i = 0; i < 4; ++i) EXPECT_EQ(load_text(*open(), root_object_number + i), "24");
+}
+
+TEST_F(LocalTest, AnotherProcessHasToWait) {
+  killed_process other({PROGRAM_STORAGE_WRITER, scratch_.path().string(), "0"});
+  ASSERT_EQ(other.next_line(std::chrono::seconds(60)), "open");
+  EXPECT_THAT([&] { open(); }, fails_with(error_code::database_in_use, HasSubstr(path("store"))));
+  other.kill_after(std::chrono::microseconds(0));
+  open();
+}
+
+TEST_F(LocalTest, OneOfTwoProcessesThatMakeItWins) {
+  for (int round = 0; round < 10; ++round) {
+    const scratch_directory scratch;
+    const std::vector<std::string> command{PROGRAM_STORAGE_WRITER, scratch.path().string(), "1"};
+    killed_process one(command), two(command);
+    // Whoever is refused has ended; the winner goes on.
+    const std::string first = one.next_line(std::chrono::seconds(60));
+    const std::string second = first.empty() ? two.next_line(std::chrono::seconds(60)) : "";
+    EXPECT_TRUE(first == "0 1" || second == "0 1") << first << ", " << second;
+  }
+}
+
+TEST_F(LocalTest, AChildMadeByForkCannotUseIt) {
+  auto storage = open();
+  commit_text(*storage, root_object_number, "parent");
+  const pid_t child = ::fork();
+  if (child == 0) {
+    const auto is_refused = [](const std::function<void()>& use) {
+      try {
+        use();
+      } catch (const database_error& error) {
+        return error.code() == error_code::usage;
+      }
+      return false;
+    };
+    bool good = is_refused([&] { commit_text(*storage, root_object_number, "child"); });
+    good = good && is_refused([&] { load_text(*storage, root_object_number); });
+    good = good && is_refused([&] { open(); });
+    storage.reset();  // leaves everything to the parent
+    ::_exit(good ? 0 : 1);
+  }
+  int status = 0;
+  ASSERT_EQ(::waitpid(child, &status, 0), child);
+  EXPECT_EQ(status, 0);
+  commit_text(*storage, root_object_number, "parent again");
+  storage.reset();
+  EXPECT_EQ(load_text(*open(), root_object_number), "parent again");
+}
+
+TEST_F(LocalTest, RefusesFilesThatAreNoStore) {
+  commit_text(*open("good"), root_object_number, "text");
+  const std::string good = read_file(path("good/store.db"));
+  const struct {
+    const char* what;
+    std::function<void(const std::string&)> make;
+    error_code code;
+    const char* why;
+  } cases[] = {
+      {"empty", [](auto& file) { write_file(file, ""); }, error_code::corrupt_data, "too short"},
+      {"text", [](auto& file) { write_file(file, std::string(500, 'x')); },
+       error_code::corrupt_data, "no database"},
+      {"foreign", [this](auto& file) { execute(file, "CREATE TABLE t(x)"); },
+       error_code::corrupt_data, "another application"},
+      {"newer",
+       [&, this](auto& file) {
+         write_file(file, good);
+         execute(file, "PRAGMA user_version=2");
+       },
+       error_code::newer_version, "format 2"},
+      {"trigger",
+       [&, this](auto& file) {
+         write_file(file, good);
+         execute(file, "CREATE TRIGGER x AFTER INSERT ON segments BEGIN DELETE FROM about; END");
+       },
+       error_code::corrupt_data, "does not belong"},
+      {"other_table",
+       [&, this](auto& file) {
+         write_file(file, good);
+         execute(file, "DROP TABLE layouts; CREATE TABLE layouts(a, b)");
+       },
+       error_code::corrupt_data, "layouts"},
+      {"no_state",
+       [&, this](auto& file) {
+         write_file(file, good);
+         execute(file, "DELETE FROM about WHERE id=2");
+       },
+       error_code::corrupt_data, "about"},
+      {"log_only", [](auto& file) { write_file(file + "-wal", "x"); }, error_code::corrupt_data,
+       "missing"},
+  };
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.what);
+    fs::create_directory(path(c.what));
+    c.make(path(std::string(c.what) + "/store.db"));
+    EXPECT_THAT([&] { open(c.what); },
+                fails_with(c.code, AllOf(HasSubstr(path(c.what)), HasSubstr(c.why))));
+  }
+}
+
+TEST_F(LocalTest, ClearsAwayAHalfMadeStore) {
+  fs::create_directory(path("store"));
+  for (const char* name : {"store/store.new", "store/store.new-wal", "store/store.new-journal"})
+    write_file(path(name), "half");
+  EXPECT_EQ(load_text(*open(), root_object_number), std::nullopt);
+  EXPECT_FALSE(fs::exists(path("store/store.new")));
+  EXPECT_FALSE(fs::exists(path("store/store.new-wal")));
+}
+
+// ---- crashes
+
+TEST_F(LocalTest, KeepsWhatAKilledProcessHasAcknowledged) {
+  constexpr unsigned threads = 3, cycles = 100;
+  const unsigned seed = std::random_device{}();
+  SCOPED_TRACE(testing::Message() << "seed " << seed);
+  std::minstd_rand random(seed);
+  unsigned commits = 0;
+  for (unsigned cycle = 0; cycle < cycles && !HasFailure(); ++cycle) {
+    killed_process writer(
+        {PROGRAM_STORAGE_WRITER, scratch_.path().string(), std::to_string(threads)});
+    // Some are killed while they open the store.
+    std::vector<std::string> lines;
+    if (cycle % 4 != 0) lines.push_back(writer.next_line(std::chrono::seconds(60)));
+    for (auto& line : writer.kill_after(std::chrono::microseconds(random() % 30'000)))
+      lines.push_back(line);
+    unsigned acknowledged[threads] = {};
+    for (const std::string& line : lines) {
+      ASSERT_FALSE(line.empty()) << "the writer did not start";
+      unsigned thread = 0, number = 0;
+      ASSERT_EQ(std::sscanf(line.c_str(), "%u %u", &thread, &number), 2) << line;
+      acknowledged[thread] = number;
+      ++commits;
+    }
+    const auto storage = open();
+    for (unsigned thread = 0; thread < threads; ++thread) {
+      const unsigned stored = stored_number(*storage, thread);
+      // Acknowledgements tell of this run only.
+      if (acknowledged[thread] == 0) continue;
+      EXPECT_GE(stored, acknowledged[thread]) << "cycle " << cycle;
+      EXPECT_LE(stored, acknowledged[thread] + 1) << "cycle " << cycle;
+    }
+  }
+  EXPECT_GT(commits, cycles);
+}
+
+// ---- damage
+
+// A store with objects in segments, apart, and two layouts; and what it holds.
+std::map<object_number, std::string> populate(dbs_storage& storage) {
+  std::minstd_rand random(11);
+  const class_number layout = some_layout(storage);
+  storage.intern_layout(bytes_of("second"));
+  std::map<object_number, std::string> all;
+  change_list changes(layout);
+  for (object_number i = 0; i < 2000; ++i) {
+    if (i % 11 == 0) continue;
+    std::string text(random() % 100 + (i % 100 == 0 ? 5000 : 0), '\0');
+    for (char& c : text) c = static_cast<char>(random() % 30 + 'A');
+    changes.put(first_object_number + i * 3, all[first_object_number + i * 3] = text);
+  }
+  storage.commit(changes.request());
+  return all;
+}
+
+class DamageTest : public LocalTest {
+ protected:
+  DamageTest() {
+    expected_ = populate(*open());
+    good_ = read_file(file_);
+  }
+
+  // Opens and reads everything: right, or an error that says so.
+  void check(const std::string& content) {
+    write_file(file_, content);
+    try {
+      const auto storage = open("store", "?cache=0");
+      for (object_number i = 0; i < 2000 * 3; ++i) check_object(*storage, first_object_number + i);
+      check_walk(*storage);
+    } catch (const database_error& error) {
+      note(error);
+    }
+  }
+
+  std::string file_ = path("store/store.db");
+  std::string good_;
+  std::map<object_number, std::string> expected_;
+  unsigned errors_ = 0;
+
+ private:
+  void note(const database_error& error) {
+    ++errors_;
+    EXPECT_THAT(error.code(), AnyOf(error_code::corrupt_data, error_code::newer_version))
+        << error.what();
+    EXPECT_THAT(error.what(), HasSubstr(path("store")));
+  }
+
+  void check_object(dbs_storage& storage, object_number number) {
+    try {
+      const auto text = load_text(storage, number);
+      const auto should = expected_.find(number);
+      if (should == expected_.end())
+        EXPECT_EQ(text, std::nullopt) << number;
+      else
+        EXPECT_TRUE(text == should->second) << number << " is wrong";
+    } catch (const database_error& error) {
+      note(error);
+    }
+  }
+
+  void check_walk(dbs_storage& storage) {
+    try {
+      EXPECT_TRUE(load_all(storage) == expected_);
+    } catch (const database_error& error) {
+      note(error);
+    }
+  }
+};
+
+TEST_F(DamageTest, AFlippedBitIsNeverAWrongValue) {
+  const unsigned seed = std::random_device{}();
+  SCOPED_TRACE(testing::Message() << "seed " << seed);
+  std::minstd_rand random(seed);
+  unsigned noticed = 0;
+  for (int flip = 0; flip < 1000 && !HasFailure(); ++flip) {
+    const std::size_t bit = random() % (good_.size() * 8);
+    SCOPED_TRACE(testing::Message() << "bit " << bit);
+    std::string content = good_;
+    content[bit / 8] = static_cast<char>(content[bit / 8] ^ 1 << bit % 8);
+    errors_ = 0;
+    check(content);
+    noticed += errors_ != 0 ? 1 : 0;
+  }
+  EXPECT_GT(noticed, 500U) << "most of the file is checked";
+}
+
+TEST_F(DamageTest, ACutFileIsNeverAWrongValue) {
+  for (std::size_t size :
+       {std::size_t{1}, std::size_t{99}, std::size_t{100}, std::size_t{4095}, std::size_t{4096},
+        good_.size() / 2, good_.size() - 4096, good_.size() - 1}) {
+    SCOPED_TRACE(size);
+    errors_ = 0;
+    check(good_.substr(0, size));
+    EXPECT_GT(errors_, 0U);
+  }
+}
+
+TEST_F(DamageTest, SwappedPagesAreNeverAWrongValue) {
+  constexpr std::size_t page = 4096;
+  std::minstd_rand random(5);
+  for (int swap = 0; swap < 200 && !HasFailure(); ++swap) {
+    const std::size_t one = random() % (good_.size() / page),
+                      two = random() % (good_.size() / page);
+    SCOPED_TRACE(testing::Message() << one << " and " << two);
+    std::string content = good_;
+    std::swap_ranges(content.begin() + static_cast<std::ptrdiff_t>(one * page),
+                     content.begin() + static_cast<std::ptrdiff_t>((one + 1) * page),
+                     content.begin() + static_cast<std::ptrdiff_t>(two * page));
+    check(content);
+  }
+}
+
+TEST_F(DamageTest, ALostRowIsDamageAndNotAnAbsentObject) {
+  for (const char* sql : {"DELETE FROM segments WHERE id=1030", "DELETE FROM pieces",
+                          "UPDATE segments SET id=id+10000 WHERE id>1040", "DELETE FROM presence",
+                          "DELETE FROM layouts WHERE id=2",
+                          "UPDATE segments SET body=(SELECT body FROM segments WHERE id=1025) "
+                          "WHERE id=1026"}) {
+    SCOPED_TRACE(sql);
+    write_file(file_, good_);
+    execute(file_, sql);
+    errors_ = 0;
+    check(read_file(file_));
+    EXPECT_GT(errors_, 0U);
+  }
+}
+
+}  // namespace
+}  // namespace goods
