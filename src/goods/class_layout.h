@@ -30,7 +30,8 @@ struct class_layout {
   // Completes `bytes`.
   static class_layout make(std::string name, std::vector<std::string> bases,
                            std::vector<dbs_field_descriptor> fields);
-  // Checks everything; throws corrupt_data naming `self`, the number under which the layout is kept.
+  // Checks everything; throws corrupt_data naming `self`, the number under which the layout is
+  // kept.
   static class_layout parse(std::span<const std::byte> bytes, object_id self = 0);
 };
 

@@ -72,7 +72,8 @@ const state_loader& layout_catalog::make_loader(class_number number) {
                             "not have.",
                             storage_.name(), number));
   }
-  auto stored = std::make_shared<const class_layout>(class_layout::parse(record->layout, make_object_id(number_, number)));
+  auto stored = std::make_shared<const class_layout>(
+      class_layout::parse(record->layout, make_object_id(number_, number)));
   class_descriptor& cls = class_for(stored);
   const auto* made = new state_loader(std::move(stored), cls);
   entry.store(made, std::memory_order_release);
