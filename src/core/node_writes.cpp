@@ -47,11 +47,12 @@ Place Locate(const TarnRef& from, std::string_view path, Sought sought) {
 // Names end at a NUL as C strings do.
 std::string_view UpToNul(std::string_view path) { return path.substr(0, path.find('\0')); }
 
-// All branches of `path` can be names.
+// All branches of `path` can be names; no branch at all is an empty one behind a separator.
 void VerifyBranches(const TarnRef& node, std::string_view path) {
-  for (const std::string_view branch : TarnBranches(path))
+  for (const std::string_view branch : TarnBranches(path)) {
     TarnObject::VerifyChildName(node, branch);
-  if (path.ends_with(TarnBranches::kSeparator)) TarnObject::VerifyChildName(node, {});
+  }
+  if (path.empty()) TarnObject::VerifyChildName(node, path);
 }
 
 [[noreturn]] void ThrowBadSet(const char* before, std::string_view path, const char* after) {

@@ -136,11 +136,12 @@ XString TarnFieldDescriptor::getNameOfItem(unsigned long index) const {
 
 std::int32_t TarnFieldDescriptor::getValueOffset(const char* name) const {
   if (isNullTerminated_ || getNumItems() < 2) return static_cast<std::int32_t>(offset());
-  if (hasName(name)) return -1;  // the array as a whole is no value
-  unsigned long index = 0;
-  TarnMember::FromElementName(name, nullptr, &index);
-  if (index >= getNumItems()) return -1;
-  return static_cast<std::int32_t>(offset() + size() * index);
+  // The array as a whole is no value, and neither is what only looks like an element.
+  const char* separator = name != nullptr ? std::strrchr(name, '_') : nullptr;
+  if (separator == nullptr || hasName(name) || !Stringer::IsInteger(separator + 1)) return -1;
+  const std::int64_t index = Stringer::Atol(separator + 1);
+  if (index < 0 || static_cast<std::uint64_t>(index) >= getNumItems()) return -1;
+  return static_cast<std::int32_t>(offset() + size() * static_cast<unsigned long>(index));
 }
 
 bool TarnFieldDescriptor::hasName(const char* text) const {

@@ -1,3 +1,4 @@
+#include <goods/cache_manager.h>
 #include <gtest/gtest.h>
 #include <tarns/core/TarnBranches.h>
 #include <tarns/core/TarnData.h>
@@ -5,7 +6,9 @@
 #include <cstddef>
 #include <string_view>
 
+#include "core/node_access.h"
 #include "support/allocation_count.h"
+#include "support/stored_tree.h"
 
 namespace tarns {
 namespace {
@@ -42,6 +45,28 @@ TEST(AllocationTest, WalkingAPathAllocatesNothing) {
   }
   EXPECT_EQ(length, 40U);
   EXPECT_EQ(allocation_count(), before);
+}
+
+TEST(AllocationTest, ReadingByPathAllocatesNothingButTheTextThatItHandsOut) {
+  stored_tree tree;
+  modify(tree.root())->setValue("a branch of more than a few characters~b~number", TarnData(5));
+  modify(tree.root())->setValue("a branch of more than a few characters~b~text", TarnData("text"));
+  const TarnRef root = tree.root();
+  const auto read = [&](const char* name) {
+    TarnData out;
+    const bool found = goods::read_here(
+        [&](goods::reader& reader) { return ReadValue(reader, *reader.get(root), name, out); });
+    EXPECT_TRUE(found);
+  };
+  const char* number = "a branch of more than a few characters~b~number";
+  const char* text = "a branch of more than a few characters~b~text";
+  read(number);
+  read(text);
+  const std::size_t before = allocation_count();
+  for (int i = 0; i < 10; ++i) read(number);
+  EXPECT_EQ(allocation_count(), before);
+  for (int i = 0; i < 10; ++i) read(text);
+  EXPECT_EQ(allocation_count(), before + 10);
 }
 
 }  // namespace

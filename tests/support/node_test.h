@@ -36,6 +36,16 @@ class node_test : public testing::TestWithParam<tree_kind> {
     root_ = stored_->root();
   }
 
+  // Runs `work` as one transaction where the tree is stored.
+  template <class Work>
+  void atomically(Work&& work) {
+    if (is_stored()) {
+      stored_->session().atomically(work);
+    } else {
+      work();
+    }
+  }
+
   // A child of the root, new.
   tarns::TarnRef add(const char* name) {
     tarns::TarnRef child = tarns::TarnObject::Create();

@@ -1,0 +1,164 @@
+// Classes that differ between the program that stored a node and the one that loads it.
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+#include <tarns/schema/GOODSinOut.h>
+#include <tarns/schema/TarnClassRegistration.h>
+#include <tarns/util/XStringList.h>
+
+#include <memory>
+#include <string>
+
+#include "support/node_test.h"
+
+namespace tarns {
+namespace {
+
+// What a program of one version knows of a class: registered from here to the end of the scope.
+template <class T>
+class KnownClass {
+ public:
+  explicit KnownClass(const TarnClassOptions& options = {})
+      : registration_(T::GetType, sizeof(T), goods::construct_object<T>, T::Constructor,
+                      TarnObject::SelfClass(), options) {
+    T::current = &registration_.getDescriptor();
+  }
+
+ private:
+  TarnClassRegistration registration_;
+};
+
+class FirstGadget : public TarnObject {
+  TARN_CLASS_NAMED(FirstGadget, TarnObject, "Gadget")
+ public:
+  static inline TarnClassDescriptor* current = nullptr;
+  bool write(const char* name, GOODSinOut& out) override {
+    TarnObject::write(name, out);
+    out.write("Count", count_);
+    out.write("Gone", gone_);
+    out.write("Marks", marks_);
+    out.write("OldName", label_);
+    return out.write("Friend", friend_);
+  }
+
+ private:
+  std::int16_t count_ = 0;
+  double gone_ = 0;
+  std::uint8_t marks_[2] = {};
+  TarnString label_;
+  xcptref<TarnObject> friend_;
+};
+TarnClassDescriptor& FirstGadget::SelfClass() { return *current; }
+TarnClassDescriptor& FirstGadget::self_class = TarnObject::SelfClass();
+
+// Reordered, widened, renamed, without Gone, with Extra.
+class SecondGadget : public TarnObject {
+  TARN_CLASS_NAMED(SecondGadget, TarnObject, "Gadget")
+ public:
+  static inline TarnClassDescriptor* current = nullptr;
+  bool write(const char* name, GOODSinOut& out) override {
+    TarnObject::write(name, out);
+    out.write("Friend", friend_);
+    out.write("Extra", extra_);
+    out.write("Label", label_);
+    out.addFormerName("Label", "OldName");
+    out.write("Marks", marks_);
+    return out.write("Count", count_);
+  }
+
+ private:
+  xcptref<TarnObject> friend_;
+  float extra_ = 2.5F;
+  TarnString label_;
+  std::uint32_t marks_[4] = {};
+  std::int64_t count_ = 0;
+};
+TarnClassDescriptor& SecondGadget::SelfClass() { return *current; }
+TarnClassDescriptor& SecondGadget::self_class = TarnObject::SelfClass();
+
+class EvolutionTest : public testing::Test {
+ protected:
+  // Stores a gadget at "box~gadget" with everything set, and closes.
+  void storeFirst() {
+    {
+      const KnownClass<FirstGadget> known;
+      const TarnRef root = tree_.root();
+      modify(root)->setValue("box", TarnData());
+      modify(root->getChildWithName("box"))->addChild("gadget", FirstGadget::Create());
+      const TarnRef gadget = root->getChildWithName("box~gadget");
+      modify(gadget)->setValue("Count", TarnData(-7));
+      modify(gadget)->setValue("Gone", TarnData(1.25));
+      modify(gadget)->setValue("Marks_1", TarnData(200));
+      modify(gadget)->setValue("OldName", TarnData("label"));
+      modify(gadget)->setNode("Friend", root->getChildWithName("box"));
+      modify(gadget)->setValue("child", TarnData("below"));
+    }
+    tree_.reopen();
+  }
+  std::string text(const char* path) { return std::string(tree_.root()->getXString(path).view()); }
+
+  stored_tree tree_;
+};
+
+TEST_F(EvolutionTest, LoadsMembersByName) {
+  storeFirst();
+  const KnownClass<SecondGadget> known;
+  EXPECT_EQ(text("box~gadget~Count"), "-7");
+  EXPECT_EQ(text("box~gadget~Marks_1"), "200");
+  EXPECT_EQ(text("box~gadget~Marks_3"), "0");
+  EXPECT_EQ(text("box~gadget~Label"), "label");
+  EXPECT_EQ(text("box~gadget~Extra"), "2.500000") << "what is new has its default";
+  EXPECT_EQ(text("box~gadget~child"), "below");
+  EXPECT_EQ(tree_.root()->getChildWithName("box~gadget~Friend"),
+            tree_.root()->getChildWithName("box"));
+  EXPECT_FALSE(tree_.root()->valueAt("box~gadget~Gone").has_value());
+  modify(tree_.root())->setValue("box~gadget~Count", TarnData(std::int64_t{1} << 40));
+  tree_.reopen();
+  EXPECT_EQ(text("box~gadget~Count"), "1099511627776");
+  EXPECT_EQ(text("box~gadget~Label"), "label");
+  tree_.reopen();
+}
+
+TEST_F(EvolutionTest, ListsAndKeepsWhatAnUnknownClassHas) {
+  storeFirst();
+  const TarnRef gadget = tree_.root()->getChildWithName("box~gadget");
+  EXPECT_STREQ(gadget->getType(), "Gadget");
+  EXPECT_TRUE(gadget->isDerivedFrom("TarnObject"));
+  XStringList names;
+  gadget->getChildNames(names);
+  EXPECT_EQ(names,
+            XStringList({"Count", "Gone", "Marks_0", "Marks_1", "OldName", "Friend", "child"}));
+  EXPECT_EQ(text("box~gadget~Count"), "-7");
+  EXPECT_EQ(text("box~gadget~Gone"), "1.250000");
+  EXPECT_EQ(text("box~gadget~OldName"), "label");
+  EXPECT_EQ(tree_.root()->getChildWithName("box~gadget~Friend"),
+            tree_.root()->getChildWithName("box"));
+  modify(gadget)->setValue("other", TarnData("added"));
+  modify(gadget)->setValue("Count", TarnData(8));
+  const TarnRef copy = gadget->clone();
+  modify(tree_.root())->addChild("copy", copy);
+}
+
+TEST_F(EvolutionTest, LosesNothingWhenAnUnknownClassIsWritten) {
+  storeFirst();
+  {
+    const TarnRef gadget = tree_.root()->getChildWithName("box~gadget");
+    modify(gadget)->setValue("other", TarnData("added"));
+    modify(gadget)->setValue("Count", TarnData(8));
+    modify(tree_.root())->addChild("copy", gadget->clone());
+  }
+  tree_.reopen();
+  const KnownClass<FirstGadget> known;
+  for (const char* path : {"box~gadget", "copy"}) {
+    SCOPED_TRACE(path);
+    const std::string at(path);
+    EXPECT_EQ(text((at + "~Count").c_str()), "8");
+    EXPECT_EQ(text((at + "~Gone").c_str()), "1.250000");
+    EXPECT_EQ(text((at + "~Marks_1").c_str()), "200");
+    EXPECT_EQ(text((at + "~OldName").c_str()), "label");
+  }
+  EXPECT_EQ(text("box~gadget~other"), "added");
+  tree_.reopen();
+}
+
+}  // namespace
+}  // namespace tarns
