@@ -79,12 +79,12 @@ void String::put_text(std::size_t kept, std::string_view text) {
     const std::size_t larger = std::max(needed, std::min(old_capacity, std::size_t{room_} * 2));
     char* const room = new char[larger];
     std::memcpy(room, text_, kept);
-    std::memcpy(room + kept, text.data(), text.size());
+    text.copy(room + kept, text.size());
     release_room();
     text_ = room;
     room_ = static_cast<std::uint32_t>(larger);
   } else {
-    std::memmove(text_ + kept, text.data(), text.size());
+    if (!text.empty()) std::memmove(text_ + kept, text.data(), text.size());
   }
   length_ = static_cast<std::uint32_t>(needed - 1);
   text_[length_] = '\0';

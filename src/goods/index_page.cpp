@@ -168,7 +168,7 @@ void index_page::close_gap(std::size_t at) {
 std::uint64_t index_page::prefix_of(std::string_view name) const {
   const std::string_view rest = name.substr(std::min<std::size_t>(skip_, name.size()));
   std::uint64_t bits = 0;
-  std::memcpy(&bits, rest.data(), std::min(rest.size(), sizeof(bits)));
+  if (!rest.empty()) std::memcpy(&bits, rest.data(), std::min(rest.size(), sizeof(bits)));
   static_assert(std::endian::native == std::endian::little);
   return __builtin_bswap64(bits);
 }

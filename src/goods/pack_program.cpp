@@ -44,7 +44,7 @@ void pack_bytes(const char* at, std::size_t count, byte_writer& out) {
 void unpack_bytes(char* at, std::size_t count, byte_reader& in) {
   const std::string_view bytes = in.get_text();
   if (bytes.size() > count) in.fail("holds a text that does not fit its member");
-  std::memcpy(at, bytes.data(), bytes.size());
+  bytes.copy(at, bytes.size());
   std::memset(at + bytes.size(), 0, count - bytes.size());
 }
 

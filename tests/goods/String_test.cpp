@@ -13,17 +13,17 @@ namespace {
 
 TEST(StringTest, DoublesItsCapacityOrTakesWhatItNeeds) {
   const ref<String> text = String::create("abc");
-  struct Case {
+  struct test_case {
     std::string set;
     std::size_t capacity;
   };
-  const Case cases[] = {{"0123456789", 11},
-                        {"0123456789ab", 22},
-                        {"", 22},
-                        {std::string(21, 'x'), 22},
-                        {std::string(100, 'y'), 101}};
+  const test_case cases[] = {{"0123456789", 11},
+                             {"0123456789ab", 22},
+                             {"", 22},
+                             {std::string(21, 'x'), 22},
+                             {std::string(100, 'y'), 101}};
   EXPECT_EQ(text->capacity(), 4U);
-  for (const Case& c : cases) {
+  for (const test_case& c : cases) {
     SCOPED_TRACE(c.set);
     modify(text)->set(c.set);
     EXPECT_EQ(text->text(), c.set);

@@ -17,11 +17,11 @@ namespace {
 constexpr object_id self = make_object_id(3, 0x12345);
 
 TEST(ByteStreamTest, GivesNumbersBackInTheFewestBytes) {
-  struct Case {
+  struct test_case {
     std::int64_t value;
     std::size_t as_signed, as_unsigned;
   };
-  const Case cases[] = {
+  const test_case cases[] = {
       {0, 1, 1},
       {1, 1, 1},
       {-1, 1, 10},
@@ -36,7 +36,7 @@ TEST(ByteStreamTest, GivesNumbersBackInTheFewestBytes) {
       {std::numeric_limits<std::int64_t>::max(), 10, 9},
       {std::numeric_limits<std::int64_t>::min(), 10, 10},
   };
-  for (const Case& c : cases) {
+  for (const test_case& c : cases) {
     SCOPED_TRACE(c.value);
     byte_writer out;
     out.put_signed(c.value);
@@ -51,14 +51,14 @@ TEST(ByteStreamTest, GivesNumbersBackInTheFewestBytes) {
 }
 
 TEST(ByteStreamTest, GivesRealNumbersBackBitForBit) {
-  struct Case {
+  struct test_case {
     double value;
     std::size_t bytes, as_float;
   };
   const double quiet = std::bit_cast<double>(std::uint64_t{0x7FF8000000001234});
-  const Case cases[] = {{0.0, 1, 1}, {-0.0, 2, 2},  {1.0, 3, 3},      {-2.5, 3, 3},
-                        {0.1, 9, 5}, {1e300, 9, 3}, {INFINITY, 3, 3}, {quiet, 9, 3}};
-  for (const Case& c : cases) {
+  const test_case cases[] = {{0.0, 1, 1}, {-0.0, 2, 2},  {1.0, 3, 3},      {-2.5, 3, 3},
+                             {0.1, 9, 5}, {1e300, 9, 3}, {INFINITY, 3, 3}, {quiet, 9, 3}};
+  for (const test_case& c : cases) {
     SCOPED_TRACE(c.value);
     byte_writer out;
     out.put_double(c.value);
@@ -73,11 +73,11 @@ TEST(ByteStreamTest, GivesRealNumbersBackBitForBit) {
 }
 
 TEST(ByteStreamTest, StoresReferencesRelativeToTheirObject) {
-  struct Case {
+  struct test_case {
     object_id target;
     std::size_t bytes;
   };
-  const Case cases[] = {
+  const test_case cases[] = {
       {0, 1},                                // none
       {self, 1},                             // itself
       {make_object_id(3, 0x12345 + 31), 1},  // neighbours
@@ -88,7 +88,7 @@ TEST(ByteStreamTest, StoresReferencesRelativeToTheirObject) {
       {make_object_id(0, 0x12345), 2},  // another storage
       {make_object_id(0xFFFF, 0xFFFFFFFF), 8},
   };
-  for (const Case& c : cases) {
+  for (const test_case& c : cases) {
     SCOPED_TRACE(c.target);
     byte_writer out;
     out.put_reference(c.target, self);
@@ -108,13 +108,13 @@ std::vector<std::uint8_t> written_reference(object_id target) {
 }
 
 TEST(ByteStreamTest, RefusesWhatNoWriterWrites) {
-  struct Case {
+  struct test_case {
     const char* what;
     std::vector<std::uint8_t> bytes;
     std::function<void(byte_reader&)> read;
   };
   const std::vector<std::uint8_t> endless(11, 0xFF);
-  const Case cases[] = {
+  const test_case cases[] = {
       {"no byte", {}, [](byte_reader& in) { in.get_byte(); }},
       {"number cut short", {0x80}, [](byte_reader& in) { in.get_unsigned(); }},
       {"number over 64 bits", endless, [](byte_reader& in) { in.get_unsigned(); }},
@@ -129,7 +129,7 @@ TEST(ByteStreamTest, RefusesWhatNoWriterWrites) {
        {2, 0x80, 0x80, 4},
        [](byte_reader& in) { in.get_reference(); }},
   };
-  for (const Case& c : cases) {
+  for (const test_case& c : cases) {
     SCOPED_TRACE(c.what);
     byte_reader in(std::as_bytes(std::span(c.bytes)), self);
     EXPECT_EQ(code_of([&] { c.read(in); }), error_code::corrupt_data);

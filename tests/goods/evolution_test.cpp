@@ -36,13 +36,13 @@ owned_body load(std::vector<dbs_field_descriptor> fields, class_descriptor& cls,
 
 TEST(EvolutionTest, NumbersBecomeTheNearestThatTheirMemberCanHold) {
   using enum field_type;
-  struct Case {
+  struct test_case {
     const char* what;
     dbs_field_descriptor field;
     std::function<void(byte_writer&)> write;
     std::function<bool(const sample_object&)> is_right;
   };
-  const Case cases[] = {
+  const test_case cases[] = {
       {"wider", stored("whole", signed_integer, 2), [](byte_writer& o) { o.put_signed(-300); },
        [](const sample_object& s) { return s.whole == -300; }},
       {"narrower, fits", stored("whole", signed_integer, 8),
@@ -107,7 +107,7 @@ TEST(EvolutionTest, NumbersBecomeTheNearestThatTheirMemberCanHold) {
   };
   const auto cls = make_sample_class();
   cls->add_alias("once", "whole");
-  for (const Case& c : cases) {
+  for (const test_case& c : cases) {
     SCOPED_TRACE(c.what);
     // Another member stands behind the one that is tried, to see that it is read from its place.
     const owned_body body = load({c.field, stored("single", real, 4)}, *cls, [&](byte_writer& out) {

@@ -131,7 +131,7 @@ TEST(IndexPageTest, IsTheSameAfterPackingAndUnpacking) {
 }
 
 TEST(IndexPageTest, RefusesWhatNoPageIs) {
-  struct Case {
+  struct test_case {
     const char* what;
     std::function<void(byte_writer&)> write;
   };
@@ -140,7 +140,7 @@ TEST(IndexPageTest, RefusesWhatNoPageIs) {
     out.put_reference(self + 1, self);
     out.put_reference(self + 2, self);
   };
-  const Case cases[] = {
+  const test_case cases[] = {
       {"out of order",
        [&](byte_writer& out) {
          out.put_byte(0), out.put_unsigned(2), entry(out, "b"), entry(out, "a"), out.put_byte(0);
@@ -169,7 +169,7 @@ TEST(IndexPageTest, RefusesWhatNoPageIs) {
              out.put_reference(self + 1, self), out.put_unsigned(std::uint64_t{1} << 60);
        }},
   };
-  for (const Case& c : cases) {
+  for (const test_case& c : cases) {
     SCOPED_TRACE(c.what);
     byte_writer out;
     c.write(out);

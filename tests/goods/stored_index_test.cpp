@@ -25,7 +25,7 @@ namespace {
 ref<B_tree> stored_index(test_session& session) {
   const ref<cell> root = session.root();
   if (!root->next.is_null()) return checked_cast<B_tree>(object_ref(root->next));
-  const ref<B_tree> index = B_tree::create(root, 2);
+  ref<B_tree> index = B_tree::create(root, 2);
   modify(root)->next = ref<cell>::trusted(index);
   return index;
 }
@@ -101,6 +101,7 @@ TEST(StoredIndexTest, ReadersSeeWholeStatesWhileItChanges) {
     return right + (tree->count() == 500 ? 0 : 1000);
   };
   std::vector<std::jthread> readers;
+  readers.reserve(2);
   for (int i = 0; i < 2; ++i) {
     readers.emplace_back([&] {
       session.db().attach();
@@ -126,12 +127,12 @@ TEST(StoredIndexTest, ReadersSeeWholeStatesWhileItChanges) {
 }
 
 TEST(StoredIndexTest, RefusesPagesThatContradictEachOther) {
-  struct Case {
+  struct test_case {
     const char* what;
     class_descriptor* cls;
     std::function<void(byte_writer&, object_id self)> write;
   };
-  const Case cases[] = {
+  const test_case cases[] = {
       {"a page that refers to itself", &B_page::self_class,
        [](byte_writer& out, object_id self) {
          out.put_byte(1), out.put_byte(0), out.put_unsigned(1), out.put_text("");
@@ -147,7 +148,7 @@ TEST(StoredIndexTest, RefusesPagesThatContradictEachOther) {
       {"another class", &set_member::self_class,
        [](byte_writer& out, object_id) { out.put_byte(0), out.put_byte(0), out.put_text("x"); }},
   };
-  for (const Case& c : cases) {
+  for (const test_case& c : cases) {
     SCOPED_TRACE(c.what);
     const test_store store(1, "?durability=relaxed");
     object_id page = 0;

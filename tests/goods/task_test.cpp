@@ -26,14 +26,16 @@ std::size_t own_stack_size() {
   return size;
 }
 
+void enter_and_leave(mutex& guard) { const critical_section section(guard); }
+
 TEST(TaskTest, RunsOnAStackOfTheSizeAskedFor) {
-  struct Case {
+  struct test_case {
     std::size_t asked, least;
   };
-  const Case cases[] = {
+  const test_case cases[] = {
       {256 * 1024, 256 * 1024}, {1, task::min_stack}, {(1 << 20) + 1, (1 << 20) + 1}};
   task::initialize(1 << 20);
-  for (const Case& c : cases) {
+  for (const test_case& c : cases) {
     SCOPED_TRACE(c.asked);
     std::size_t size = 0;
     task running =
@@ -61,8 +63,8 @@ TEST(TaskTest, HandsWorkOverThroughSemaphoresAndEvents) {
       mine.requests.wait();
       if (mine.stop) break;
       {
-        const critical_section outer(mine.guard);
-        const critical_section again(mine.guard);
+        const critical_section section(mine.guard);
+        enter_and_leave(mine.guard);  // by its holder
         ++mine.sum;
       }
       mine.done.signal();
