@@ -80,6 +80,7 @@ std::size_t handle_table::sweep(std::size_t shard_index, std::size_t position, s
   shard& in = shards_[shard_index];
   const std::lock_guard guard(in.lock);
   const slot_array& array = *in.slots.load();
+  position = std::min(position, array.mask + 1);  // the shard may have shrunk since
   const std::size_t end = position + std::min(count, array.mask + 1 - position);
   for (std::size_t i = position; i < end; ++i) {
     if (object_handle* handle = array.slots[i].handle.load()) visit(*handle);

@@ -1,9 +1,12 @@
 #include <gtest/gtest.h>
 
 #include <atomic>
+#include <memory>
+#include <set>
 #include <thread>
 #include <vector>
 
+#include "goods/handle_table.h"
 #include "support/cell.h"
 #include "support/test_database.h"
 
@@ -116,6 +119,40 @@ TEST(CoherenceTest, ReadersSeeWhatOneCommitLeft) {
   const twins end(first);
   EXPECT_EQ(end.a->value, 2 * commits);
   EXPECT_EQ(end.b->value, 2 * commits);
+}
+
+// Between two calls of sweep() insertions may replace a shard by a smaller one.
+TEST(HandleTableTest, SweepsOnInAShardThatHasShrunkMeanwhile) {
+  constexpr object_id first = 100'000, count = 20'000, kept = 100;
+  const test_store store;
+  test_session session(store);
+  handle_table table;
+  const auto insert = [&](object_id id) {
+    auto* handle = new object_handle(session.db(), id);  // the table frees it
+    table.insert(handle);
+    return handle;
+  };
+  const auto erase = [&](object_handle* handle) {
+    table.erase(handle);
+    delete handle;
+  };
+  std::vector<object_handle*> handles;
+  for (object_id id = first; id < first + count; ++id) handles.push_back(insert(id));
+  for (object_id i = kept; i < count; ++i) erase(handles[i]);
+  const std::set<object_handle*> left(handles.begin(), handles.begin() + kept);
+  // Erased slots fill the shards up until each is built anew, for the few handles that are left.
+  for (object_id id = first + count; id < first + 3 * count; ++id) erase(insert(id));
+
+  std::size_t visited = 0;
+  for (std::size_t shard = 0; shard < handle_table::shard_count; ++shard) {
+    const auto visit = [&](object_handle& handle) { visited += left.count(&handle); };
+    EXPECT_EQ(table.sweep(shard, 500, 128, visit), 0u) << "behind the last slot";
+    EXPECT_EQ(visited, 0u);
+  }
+  for (std::size_t shard = 0; shard < handle_table::shard_count; ++shard) {
+    table.sweep(shard, 0, count, [&](object_handle& handle) { visited += left.count(&handle); });
+  }
+  EXPECT_EQ(visited, kept);
 }
 
 }  // namespace
