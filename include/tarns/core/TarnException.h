@@ -7,7 +7,7 @@ namespace tarns {
 
 // What getErrorID() of a TarnException tells apart. Below 100: the caller asked for something that
 // cannot be done. From 100 on: the storage could not do it; the session still works afterwards, or
-// the message says that it must be reopened. 1, 2, 13 and 14 are not in use.
+// the message says that it must be reopened. 1, 2 and 13 are not in use.
 struct ErrorID {
   static constexpr unsigned long Unspecified = 0;        // a null reference, an unknown enumerator
   static constexpr unsigned long MissingDescriptor = 3;  // a class without a class descriptor
@@ -20,6 +20,7 @@ struct ErrorID {
   static constexpr unsigned long BadDataType = 10;       // a TarnData of an unknown type
   static constexpr unsigned long CannotMutate = 11;      // another class, or a node without value
   static constexpr unsigned long BadTypecast = 12;       // a reference to another class
+  static constexpr unsigned long ClassDefinitionDomain = 14;  // the number of a class layout
   static constexpr unsigned long BadExportFile = 15;     // an export file that cannot be read
   static constexpr unsigned long TempFileFailure = 16;   // a temporary file cannot be written
   static constexpr unsigned long FileNotFound = 17;      // there is no such file

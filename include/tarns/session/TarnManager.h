@@ -1,0 +1,257 @@
+#pragma once
+
+#include <goods/cache_manager.h>
+#include <tarns/core/TarnChildren.h>
+#include <tarns/core/TarnData.h>
+#include <tarns/core/TarnObject.h>
+#include <tarns/core/TarnPath.h>
+#include <tarns/session/TarnCacheManager.h>
+#include <tarns/session/TarnDatabase.h>
+#include <tarns/session/TarnPathText.h>
+#include <tarns/session/TarnRoot.h>
+#include <tarns/tarns_api.h>
+#include <tarns/util/Buffer.h>
+#include <tarns/util/XString.h>
+#include <tarns/util/XStringList.h>
+
+#include <atomic>
+#include <chrono>
+#include <concepts>
+#include <cstdint>
+#include <memory>
+#include <optional>
+#include <string_view>
+#include <type_traits>
+#include <utility>
+
+namespace tarns {
+
+// A session with a database, and the tree in it by path from the root.
+//
+//   TarnManager::Initialize();
+//   TarnManager manager;
+//   manager.connect("data/tarns.conf");
+//   const TarnAttachment attachment(manager);
+//   manager.set("machines~press~speed", 40);
+//   const long speed = manager.getSint32("machines~press~speed", 0);
+//
+// Paths are branch names joined by "~", the empty path is the root. A name may be 1 to 65,535
+// bytes, any but "~" and NUL.
+//
+// Atomicity: outside a transaction each call below is a transaction of its own, durable when the
+// call returns, created parents and the value together; a read sees what some commit left, never
+// half of one. Inside a TarnTransaction calls are part of it.
+//
+// Ownership: the session owns its database; references to objects hold nothing once it is closed.
+// Threads: any number, each of which has called attach() (see TarnAttachment). connect(), the
+// destructor and setCacheLimit() need the session for themselves.
+// Errors: TarnException. 4 not connected, 110 calling thread not attached, 7 no such path or object
+// (where absence is no answer), others as said below and by TarnObject, from 100 on what the
+// storage reports; after any of them the session can still be used, or the message says what to do.
+class TARNS_API TarnManager {
+ public:
+  TarnManager();
+
+  // The database; connect() must have been called.
+  virtual TarnDatabase& db() const;
+  // Throws 4 when there is none.
+  virtual void verifyIsInitialized() const;
+  virtual ~TarnManager();  // closes the database; no thread may use the session any more
+  // The path given to the last connect() that succeeded; null when there was none.
+  virtual const char* getDBconfigFilePath() const;
+
+  TarnManager(const TarnManager&) = delete;
+  TarnManager& operator=(const TarnManager&) = delete;
+
+  // --- Connection -------------------------------------------------------------------------------
+
+  // Prepares the process; call it once before the first session. Calling it again does no harm.
+  static void Initialize();
+
+  // Only whether it is 0 counts: with any other number (1 by default) connect() goes on trying for
+  // as long as the database is held by another process, with 0 it tries not even once. Setting it
+  // to 0 from another thread makes a connect() that is waiting give up.
+  static void SetNumConnectAttempts(unsigned long attempts);
+
+  // Opens the database that a configuration file describes (see goods::database), after closing the
+  // one that is open, and waits while it is in use elsewhere, looking again every 5 seconds. Does
+  // not attach the calling thread. There are no extension libraries to load yet: asking for them
+  // throws, before anything is done. Throws 5 when the number of attempts is 0; at once what is
+  // wrong with the file or the storages.
+  void connect(const char* configPath, bool loadDataLibraries = false,
+               const char* libraryPath = nullptr);
+  // The same, but gives up after `limit` (0: after one attempt) with 105, naming the storage that
+  // is in use. Does not look at the number of attempts.
+  void connect(const char* configPath, std::chrono::milliseconds limit);
+
+  // Attaches the calling thread to this session, leaving another one; detaches it from the session
+  // that it is attached to, rolling back its open transaction.
+  void attach();
+  void detach();
+
+  // Handed to the loader of extension libraries.
+  void supportDependencies(bool on) { supportsDependencies_ = on; }
+  bool supportsDependencies() const { return supportsDependencies_; }
+
+  // Bytes of memory that the session's objects may take, 256 MiB by default; before threads share
+  // the session.
+  void setCacheLimit(std::size_t bytes);
+
+  // The root node, made when the database is fresh.
+  xcptref<TarnRoot> getRoot() const;
+
+  // Runs `work` as one transaction, joining the one that is open, and returns its result. Repeats
+  // it after a deadlock, so it should have no effect but on the database. An exception rolls back.
+  template <std::invocable Work>
+  std::invoke_result_t<Work&> transaction(Work&& work) {
+    return getCacheManager().atomically(std::forward<Work>(work));
+  }
+
+  // --- Storages and counters --------------------------------------------------------------------
+
+  unsigned long getNumStorages() const;
+  unsigned long getLeastUsedStorage();
+  // Determines where an object that is not stored yet will be placed.
+  void attachToStorage(xcptref<TarnObject> obj, unsigned long storageId);
+  void attachToLeastUsedStorage(xcptref<TarnObject> obj);
+  // Bytes in use, of the storage whose number is in the low 16 bits of `storageId`.
+  std::uint64_t getStorageUsage(unsigned long storageId);
+  // Bytes of objects loaded and committed since connecting or clearing.
+  std::uint64_t getNumBytesFromDatabase();
+  std::uint64_t getNumBytesToDatabase();
+  std::uint64_t getNumBytesFromStorage(unsigned long id);
+  std::uint64_t getNumBytesToStorage(unsigned long id);
+  void clearNumBytesFromDatabase();
+  void clearNumBytesFromStorage(unsigned long id);
+
+  // --- Reading values: conversions are TarnData's -----------------------------------------------
+
+  // False when there is no value at the path; `out` is then as before.
+  bool get(TarnPathText path, TarnData& out) const;
+  // Whether there is; `out` becomes the default otherwise.
+  bool get(TarnPathText path, TarnData& out, const TarnData& dflt) const;
+  std::optional<TarnData> valueAt(TarnPathText path) const;
+
+  // The first form throws 7 (ThrowNonExistentValue) when there is no value, the second returns the
+  // default and creates nothing.
+  bool getBoolean(TarnPathText path) const;
+  bool getBoolean(TarnPathText path, bool dflt) const;
+  double getDouble(TarnPathText path) const;
+  double getDouble(TarnPathText path, double dflt) const;
+  float getFloat(TarnPathText path) const;
+  float getFloat(TarnPathText path, float dflt) const;
+  std::int8_t getSint8(TarnPathText path) const;
+  std::int8_t getSint8(TarnPathText path, std::int8_t dflt) const;
+  std::int16_t getSint16(TarnPathText path) const;
+  std::int16_t getSint16(TarnPathText path, std::int16_t dflt) const;
+  std::int32_t getSint32(TarnPathText path) const;
+  std::int32_t getSint32(TarnPathText path, std::int32_t dflt) const;
+  std::int64_t getSint64(TarnPathText path) const;
+  std::int64_t getSint64(TarnPathText path, std::int64_t dflt) const;
+  std::uint8_t getUint8(TarnPathText path) const;
+  std::uint8_t getUint8(TarnPathText path, std::uint8_t dflt) const;
+  std::uint16_t getUint16(TarnPathText path) const;
+  std::uint16_t getUint16(TarnPathText path, std::uint16_t dflt) const;
+  std::uint32_t getUint32(TarnPathText path) const;
+  std::uint32_t getUint32(TarnPathText path, std::uint32_t dflt) const;
+  std::uint64_t getUint64(TarnPathText path) const;
+  std::uint64_t getUint64(TarnPathText path, std::uint64_t dflt) const;
+  XString getXString(TarnPathText path) const;
+  XString getXString(TarnPathText path, const char* dflt) const;
+  // Throws 7 (ThrowNonExistentPath) when there is no value.
+  void copyAsStringTo(TarnPathText path, XString& text) const;
+
+  // --- Writing ----------------------------------------------------------------------------------
+
+  // Stores the value: one that exists keeps its type and nothing else is written, otherwise a value
+  // node of the fitting class is added, with plain nodes for missing branches. Takes every type
+  // that a TarnData can be made from. Throws 11 when a node without a value is there.
+  void set(TarnPathText path, const TarnData& value);
+  template <TarnScalar T>
+  void set(TarnPathText path, T value) {
+    set(path, TarnData(value));
+  }
+  // Puts `node` there in place of what is there.
+  void set(TarnPathText path, xcptref<TarnObject> node);
+  // An empty value: a plain node, unless there is something already.
+  void set(TarnPathText path);
+  // Stores the text as a value of the type. Texts of real numbers are verified (VerifyFloat); a
+  // Boolean must begin with "t" or "f" in either case, else throws 10.
+  void set(TarnPathText path, const char* text, TarnData::Type type);
+
+  // --- Nodes ------------------------------------------------------------------------------------
+
+  // Null when there is no such node.
+  xcptref<TarnObject> getObject(TarnPathText path) const;
+  // By the number that getObjectID() gives. Throws 7 for a storage that does not exist, 14 for a
+  // number below 65536, 108 when nothing is stored under it. The class is not checked.
+  xcptref<TarnObject> getObject(std::uint64_t id) const;
+  // 0 when there is no such node, and while it is not stored.
+  std::uint64_t getObjectID(TarnPathText path) const;
+  // The node, or a new one of that class, put there with plain nodes for missing branches. Throws 3
+  // when there is no such class.
+  xcptref<TarnObject> getNoFail(TarnPathText path, const char* typeName);
+
+  // Children of the node at a path; throw 7 (ThrowNonExistentPath) when there is none.
+  XString getChildName(TarnPathText path, unsigned long index) const;
+  void getChildNames(TarnPathText path, XStringList& names) const;
+  unsigned long getNumChildren(TarnPathText path) const;
+  // for (const auto& [name, child] : manager.children("machines")) ...
+  TarnChildren children(TarnPathText path) const;
+
+  // --- Branches ---------------------------------------------------------------------------------
+
+  // Removes what is at the path; whether there was something.
+  bool deleteBranch(TarnPathText path);
+  // Puts a copy of the whole branch at `to`, in place of what is there, which may be within the
+  // branch itself. Throws 7 when there is nothing at `from`.
+  void copyBranch(TarnPathText from, TarnPathText to);
+  // Moves the node, with everything below it and its identifier, to `to`, in place of what is
+  // there. Throws 7 when there is nothing at `from`, 0 when `to` is the root or lies within the
+  // branch.
+  void moveBranch(TarnPathText from, TarnPathText to);
+
+  // Moves a branch into the one at `to`. What `to` does not have is moved there as it is, and the
+  // whole branch when nothing is at `to`. Where both have a child of one name, the two are merged
+  // in the same way, and one of them wins: the branch that comes with `overwrite`, otherwise the
+  // one that is there. The node that wins stays (the one that is there also when both are of the
+  // same class) and so do its own value and members; children that only one of the two has are kept
+  // in either case. Of several children of one name the first is merged; the later ones are merged
+  // into it in turn. The first form then removes what is left at `from`; throws 7 when nothing is
+  // there. The second leaves in `node` what lost. Both throw 0 when `to` lies within the branch or
+  // is the same node.
+  void mergeBranch(TarnPathText from, TarnPathText to, bool overwrite);
+  void mergeBranch(xcptref<TarnObject> node, TarnPathText to, bool overwrite);
+
+  // Adds `node` under the path's last name or, when there is a child of that name, under an element
+  // name made from it (see TarnObject::getUniqueChildName); returns the name. Missing parents are
+  // made.
+  XString addUnique(TarnPathText path, xcptref<TarnObject> node);
+
+ protected:
+  // Closes and destroys the database, if there is one.
+  void freeDB();
+  // The node that holds, or is to hold, the path's last branch, made with plain nodes as far as it
+  // is missing. The path is left with its last branch only.
+  xcptref<TarnObject> createParents(TarnPath& path);
+
+ private:
+  TarnCacheManager& getCacheManager() const;
+  bool readValue(std::string_view path, TarnData& out) const;
+  template <class T>
+  T read(TarnPathText path, T (TarnData::*as)() const noexcept) const;
+  template <class T>
+  T read(TarnPathText path, T (TarnData::*as)() const noexcept, T dflt) const;
+  xcptref<TarnObject> existing(TarnPathText path) const;
+  xcptref<TarnObject> branchFor(std::string_view path);
+  void moveNode(const xcptref<TarnObject>& node, std::string_view to);
+
+  static std::atomic<unsigned long> MnumConnectAttempts;
+  static std::atomic<bool> Minitialized;
+
+  Buffer configPath_;
+  std::unique_ptr<TarnDatabase> database_;  // null while disconnected
+  bool supportsDependencies_ = false;
+};
+
+}  // namespace tarns

@@ -1,0 +1,51 @@
+#pragma once
+
+#include <tarns/tarns_api.h>
+
+namespace goods {
+class cache_manager;
+}
+
+namespace tarns {
+
+class TarnManager;
+
+// A transaction of the calling thread, from the constructor to commit(), rollback() or the end of
+// the scope. Its reads lock shared, its writes exclusively, to the end; what others committed
+// before a lock was taken is seen, what it writes is seen by others once it is committed.
+//
+//   TarnTransaction transaction(manager);
+//   manager.set("accounts~1", manager.getSint64("accounts~1") - 5);
+//   manager.set("accounts~2", manager.getSint64("accounts~2") + 5);
+//   transaction.commit();
+//
+// One inside another joins it: nothing is durable before the outer one commits, and a rollback is
+// of the whole. The end of the scope commits, and throws when that fails; left by an exception it
+// rolls back. Errors: besides the storage's own (100 deadlock, 101 lock time-out, ...) 110 on a
+// thread that is not attached. After an error in a call within it a transaction can only be rolled
+// back. Threads: made and ended by the same one.
+class TARNS_API TarnTransaction {
+ public:
+  TarnTransaction();                               // in the session that the thread is attached to
+  explicit TarnTransaction(TarnManager& manager);  // attaches the thread first
+  virtual ~TarnTransaction() noexcept(false);
+  TarnTransaction(const TarnTransaction&) = delete;
+  TarnTransaction& operator=(const TarnTransaction&) = delete;
+
+  // Makes the changes durable (of an inner transaction: leaves them to the outer one). The
+  // transaction is over afterwards, also when this throws. Throws when it is over already, or
+  // when an inner one has rolled everything back.
+  void commit();
+  // Drops the changes. No effect when the transaction is over.
+  void rollback() noexcept;
+
+ private:
+  void begin();
+
+  goods::cache_manager& session_;
+  int exceptions_ = 0;           // in flight when the transaction began
+  unsigned long rollbacks_ = 0;  // of the thread until then
+  bool isOpen_ = false;
+};
+
+}  // namespace tarns

@@ -1,0 +1,40 @@
+// Merging one branch into another; the rules stand at TarnManager::mergeBranch().
+#pragma once
+
+#include <tarns/core/TarnObject.h>
+
+#include <set>
+#include <string_view>
+#include <utility>
+#include <vector>
+
+namespace tarns {
+
+// One merge. Works through a list of pairs of nodes, not by recursion, and meets each pair once, so
+// that neither depth nor references in circles matter.
+// Threads: one, within a transaction, so that it is of one state and happens as a whole.
+class BranchMerger {
+ public:
+  explicit BranchMerger(bool overwrite) : overwrite_(overwrite) {}
+
+  // Leaves in `source` what lost.
+  void merge(const TarnRef& source, const TarnRef& target);
+
+ private:
+  struct Pair {
+    TarnRef source, target;
+    bool sourceWins;
+  };
+
+  void mergePair(const Pair& pair);
+  // Decides on the nodes themselves. True when the target has left its place to the source.
+  bool replaceNode(const Pair& pair);
+  void mergeChild(std::string_view name, const TarnRef& child, const Pair& of);
+
+  bool overwrite_;
+  std::vector<Pair> open_;
+  std::set<std::pair<const void*, const void*>> met_;  // handles, which open_ and kept_ hold
+  std::vector<Pair> kept_;
+};
+
+}  // namespace tarns

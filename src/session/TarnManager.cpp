@@ -1,0 +1,145 @@
+#include <tarns/session/TarnManager.h>
+
+#include <goods/errors.h>
+#include <goods/obj_storage.h>
+#include <goods/task.h>
+#include <tarns/core/TarnException.h>
+
+#include <algorithm>
+#include <string>
+#include <thread>
+
+namespace tarns {
+
+namespace {
+
+constexpr std::size_t kMainStackSize = 0x100000;  // bytes
+constexpr unsigned kRetryPause = 5;               // seconds
+constexpr std::chrono::milliseconds kShortPause{20};
+
+goods::storage_number StorageNumber(unsigned long id) {
+  return static_cast<goods::storage_number>(id & 0xFFFF);
+}
+
+// Says so instead of opening a database without the classes that its libraries would bring.
+void RefuseDataLibraries(bool wanted) {
+  if (!wanted) return;
+  throw TarnException(
+      "Data libraries cannot be loaded: this version of tarns has no loader for them. Connect "
+      "without asking for data libraries, and link the classes to the program.",
+      ErrorID::Unspecified);
+}
+
+}  // namespace
+
+std::atomic<unsigned long> TarnManager::MnumConnectAttempts{1};
+std::atomic<bool> TarnManager::Minitialized{false};
+
+TarnManager::TarnManager() = default;
+
+TarnManager::~TarnManager() { freeDB(); }
+
+TarnDatabase& TarnManager::db() const { return *database_; }
+
+void TarnManager::verifyIsInitialized() const {
+  if (database_ == nullptr) TarnException::ThrowDBuninitialized();
+}
+
+const char* TarnManager::getDBconfigFilePath() const { return configPath_.getText(); }
+
+TarnCacheManager& TarnManager::getCacheManager() const {
+  verifyIsInitialized();
+  return db().getCacheManager();
+}
+
+void TarnManager::Initialize() {
+  if (!Minitialized) goods::task::initialize(kMainStackSize);
+  Minitialized = true;
+}
+
+void TarnManager::SetNumConnectAttempts(unsigned long attempts) { MnumConnectAttempts = attempts; }
+
+void TarnManager::connect(const char* configPath, bool loadDataLibraries,
+                          [[maybe_unused]] const char* libraryPath) {
+  RefuseDataLibraries(loadDataLibraries);
+  freeDB();
+  database_ = std::make_unique<TarnDatabase>(*this);
+  bool isOpen = false;
+  while (!isOpen && MnumConnectAttempts != 0) {
+    isOpen = database_->open(configPath);
+    if (!isOpen) goods::task::sleep(kRetryPause);
+  }
+  if (!isOpen) {
+    throw TarnException("Unable to connect to database server.", ErrorID::CannotConnect);
+  }
+  configPath_.set(configPath);
+}
+
+void TarnManager::connect(const char* configPath, std::chrono::milliseconds limit) {
+  const auto deadline = std::chrono::steady_clock::now() + limit;
+  freeDB();
+  database_ = std::make_unique<TarnDatabase>(*this);
+  while (!database_->open(configPath)) {
+    const auto left = deadline - std::chrono::steady_clock::now();
+    if (left <= left.zero()) {
+      const std::string problem = database_->get_open_problem();
+      freeDB();
+      throw TarnException(problem.c_str(), ErrorID::DatabaseInUse);
+    }
+    std::this_thread::sleep_for(std::min<std::chrono::nanoseconds>(left, kShortPause));
+  }
+  configPath_.set(configPath);
+}
+
+void TarnManager::freeDB() {
+  if (database_ != nullptr) database_->close();
+  database_.reset();
+}
+
+void TarnManager::attach() { db().attach(); }
+
+void TarnManager::detach() { goods::cache_manager::detach(); }
+
+void TarnManager::setCacheLimit(std::size_t bytes) { getCacheManager().setCacheLimit(bytes); }
+
+xcptref<TarnRoot> TarnManager::getRoot() const {
+  xcptref<TarnRoot> root = getCacheManager().getRoot();
+  root->initialize();
+  return root;
+}
+
+unsigned long TarnManager::getNumStorages() const { return db().get_number_of_storages(); }
+
+unsigned long TarnManager::getLeastUsedStorage() { return db().get_storage_with_minimal_size(); }
+
+void TarnManager::attachToStorage(xcptref<TarnObject> obj, unsigned long storageId) {
+  modify(obj)->attach_to_storage(&db(), static_cast<std::uint32_t>(storageId));
+}
+
+void TarnManager::attachToLeastUsedStorage(xcptref<TarnObject> obj) {
+  attachToStorage(std::move(obj), getLeastUsedStorage());
+}
+
+std::uint64_t TarnManager::getStorageUsage(unsigned long storageId) {
+  return db().storage(StorageNumber(storageId)).get_used_size();
+}
+
+std::uint64_t TarnManager::getNumBytesFromDatabase() { return db().get_num_bytes_from_db(); }
+
+std::uint64_t TarnManager::getNumBytesToDatabase() { return db().get_num_bytes_to_db(); }
+
+std::uint64_t TarnManager::getNumBytesFromStorage(unsigned long id) {
+  return db().get_num_bytes_from_db(StorageNumber(id));
+}
+
+std::uint64_t TarnManager::getNumBytesToStorage(unsigned long id) {
+  return db().get_num_bytes_to_db(StorageNumber(id));
+}
+
+void TarnManager::clearNumBytesFromDatabase() { db().clear_num_bytes_in_out(); }
+
+void TarnManager::clearNumBytesFromStorage(unsigned long id) {
+  db().clear_num_bytes_in_out(StorageNumber(id));
+}
+
+}  // namespace tarns

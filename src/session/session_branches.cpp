@@ -1,0 +1,196 @@
+// Nodes and branches by path: the part of TarnManager that changes the shape of the tree.
+#include <goods/errors.h>
+#include <tarns/core/TarnException.h>
+#include <tarns/session/TarnManager.h>
+
+#include <string>
+
+#include "core/node_access.h"
+#include "session/BranchMerger.h"
+
+namespace tarns {
+
+namespace {
+
+constexpr std::uint32_t kFirstObjectNumber = 65536;  // numbers below are those of class layouts
+
+// Throws unless `node` may come to stand below the node `at`.
+void VerifyOutside(const TarnRef& node, const TarnRef& at, std::string_view from,
+                   std::string_view to) {
+  const bool isWithin = goods::read_here([&](goods::reader& reader) {
+    const TarnObject* moved = reader.get(node);
+    ParentWalk walk(reader, *reader.get(at));
+    if (&walk.node() == moved) return true;
+    while (const TarnObject* ancestor = walk.up()) {
+      if (ancestor == moved) return true;
+    }
+    return false;
+  });
+  if (!isWithin) return;
+  TarnException error;
+  error << "Cannot put the branch \"" << from << "\" at \"" << to
+        << "\", which lies within the branch itself.";
+  throw error;
+}
+
+// The node at `path` or, as far as that is missing, the lowest of those above it that exist.
+TarnRef NearestNode(TarnRef root, std::string_view path) {
+  TarnRef node = std::move(root);
+  for (const std::string_view branch : TarnBranches(path)) {
+    TarnRef child = FindNode(node, branch);
+    if (child.is_null()) break;
+    node = std::move(child);
+  }
+  return node;
+}
+
+[[noreturn]] void ThrowRootIsTarget() {
+  throw TarnException("A branch cannot be put in the place of the root.", ErrorID::Unspecified);
+}
+
+XString NameOf(std::string_view path) { return XString(TarnBranches::LastOf(path)); }
+
+}  // namespace
+
+xcptref<TarnObject> TarnManager::getObject(TarnPathText path) const {
+  return FindNode(getRoot(), path.view());
+}
+
+xcptref<TarnObject> TarnManager::getObject(std::uint64_t id) const {
+  verifyIsInitialized();
+  const auto storage = goods::storage_of(id);
+  const auto number = goods::number_of(id);
+  TarnException error;
+  error << "Object ID " << storage << ":" << number;
+  if (storage >= getNumStorages()) {
+    error << " specifies a non-existent storage.";
+    error.setErrorID(ErrorID::NonExistentPath);
+    throw error;
+  }
+  if (number < kFirstObjectNumber) {
+    error << " is trying to retrieve an object from the class definition domain [0 .. "
+          << kFirstObjectNumber << ").";
+    error.setErrorID(ErrorID::ClassDefinitionDomain);
+    throw error;
+  }
+  getCacheManager().verifyAttached();
+  goods::object_ref object;
+  db().get_object(object, number, storage);
+  goods::class_of(object);  // loads it
+  return xcptref<TarnObject>::Trusted(std::move(object));
+}
+
+std::uint64_t TarnManager::getObjectID(TarnPathText path) const {
+  const TarnRef node = getObject(path);
+  return node.is_null() ? 0 : TarnObject::GetObjectID(node);
+}
+
+xcptref<TarnObject> TarnManager::existing(TarnPathText path) const {
+  TarnRef node = getObject(path);
+  if (node.is_null()) TarnException::ThrowNonExistentPath(path.str().c_str());
+  return node;
+}
+
+XString TarnManager::getChildName(TarnPathText path, unsigned long index) const {
+  return existing(path)->getChildName(index);
+}
+
+void TarnManager::getChildNames(TarnPathText path, XStringList& names) const {
+  existing(path)->getChildNames(names);
+}
+
+unsigned long TarnManager::getNumChildren(TarnPathText path) const {
+  return existing(path)->getNumChildren();
+}
+
+TarnChildren TarnManager::children(TarnPathText path) const { return existing(path)->children(); }
+
+// The node at `path`, with plain nodes for what is missing.
+xcptref<TarnObject> TarnManager::branchFor(std::string_view path) {
+  TarnRef node = getObject(path);
+  if (node.is_null()) {
+    set(path);
+    node = getObject(path);
+  }
+  return node;
+}
+
+xcptref<TarnObject> TarnManager::createParents(TarnPath& path) {
+  TarnRef parent = branchFor(TarnBranches::ParentOf(path.view()));
+  path = NameOf(path.view());
+  return parent;
+}
+
+xcptref<TarnObject> TarnManager::getNoFail(TarnPathText path, const char* typeName) {
+  return transaction([&] {
+    TarnRef node = getObject(path);
+    if (!node.is_null()) return node;
+    node = TarnObject::CreateOfType(typeName);
+    if (node.is_null()) TarnException::ThrowMissingDescriptor(typeName);
+    TarnPath rest(path.view());
+    const TarnRef parent = createParents(rest);
+    modify(parent)->addChild(rest, node);
+    return node;
+  });
+}
+
+XString TarnManager::addUnique(TarnPathText path, xcptref<TarnObject> node) {
+  return transaction([&] {
+    TarnPath rest(path.view());
+    const TarnRef parent = createParents(rest);
+    return modify(parent)->addUniqueChild(rest, node);
+  });
+}
+
+bool TarnManager::deleteBranch(TarnPathText path) {
+  return transaction([&] {
+    const TarnRef parent = getObject(TarnBranches::ParentOf(path.view()));
+    const XString name = NameOf(path.view());
+    if (parent.is_null() || !parent->hasChild(name)) return false;
+    return modify(parent)->deleteChild(name);
+  });
+}
+
+void TarnManager::copyBranch(TarnPathText from, TarnPathText to) {
+  transaction([&] { set(to, existing(from)->deepClone()); });
+}
+
+void TarnManager::moveBranch(TarnPathText from, TarnPathText to) {
+  transaction([&] {
+    const TarnRef node = existing(from);
+    if (to.isEmpty()) ThrowRootIsTarget();
+    if (getObject(to) == node) return;
+    VerifyOutside(node, NearestNode(getRoot(), to.view()), from.view(), to.view());
+    moveNode(node, to.view());
+  });
+}
+
+void TarnManager::moveNode(const TarnRef& node, std::string_view to) {
+  TarnPath rest(to);
+  const TarnRef parent = createParents(rest);
+  modify(parent)->moveChild(rest, node);
+}
+
+void TarnManager::mergeBranch(TarnPathText from, TarnPathText to, bool overwrite) {
+  transaction([&] {
+    const TarnRef node = existing(from);
+    VerifyOutside(node, NearestNode(getRoot(), to.view()), from.view(), to.view());
+    // First, so that a branch can be merged into one that it is in, whatever the names in it.
+    deleteBranch(from);
+    mergeBranch(node, to, overwrite);
+  });
+}
+
+void TarnManager::mergeBranch(xcptref<TarnObject> node, TarnPathText to, bool overwrite) {
+  transaction([&] {
+    const TarnRef target = getObject(to);
+    VerifyOutside(node, NearestNode(getRoot(), to.view()), node->getName().view(), to.view());
+    if (target.is_null()) {
+      moveNode(node, to.view());
+    } else {
+      BranchMerger(overwrite).merge(node, target);
+    }
+  });
+}
+
+}  // namespace tarns

@@ -1,0 +1,105 @@
+// Sessions and threads on the same branches. Worth running under the thread sanitizer.
+#include <gtest/gtest.h>
+
+#include <atomic>
+#include <random>
+#include <thread>
+
+#include "support/session_fixture.h"
+
+namespace tarns {
+namespace {
+
+class ConcurrencyTest : public session_test {
+ protected:
+  ConcurrencyTest() { other_.connect(configuration().c_str()); }
+
+  // Runs work(manager, number) on two threads in each of two sessions.
+  template <class Work>
+  void onFourThreads(Work&& work) {
+    std::vector<std::jthread> threads;
+    for (int number = 0; number < 4; ++number) {
+      threads.emplace_back([this, number, &work] {
+        TarnManager& m = number % 2 == 0 ? manager() : other_;
+        const TarnAttachment attachment(m);
+        work(m, number);
+      });
+    }
+  }
+
+  TarnManager other_;
+};
+
+TEST_F(ConcurrencyTest, IncrementsInTransactionsAreNotLost) {
+  constexpr int kTimes = 50;
+  manager().set("count", 0);
+  onFourThreads([](TarnManager& m, int) {
+    for (int i = 0; i < kTimes; ++i) {
+      m.transaction([&] { m.set("count", m.getSint32("count") + 1); });
+    }
+  });
+  EXPECT_EQ(manager().getSint32("count"), 4 * kTimes);
+}
+
+TEST_F(ConcurrencyTest, AReaderSeesAllOfACallOrNothing) {
+  // Each call makes a branch of three nodes and a value, or removes it.
+  std::atomic<int> writers = 2, wrong = 0;
+  onFourThreads([&](TarnManager& m, int number) {
+    if (number < 2) {
+      for (int i = 0; i < 60; ++i) {
+        m.set("top~middle~leaf", i);
+        m.deleteBranch("top");
+      }
+      --writers;
+      return;
+    }
+    while (writers > 0) {
+      // The parents without the value would be half of a call.
+      const TarnRef middle = m.getObject("top~middle");
+      if (!middle.is_null() && middle->getNumChildren() != 1) ++wrong;
+      const int value = m.getSint32("top~middle~leaf", 0);
+      if (value < 0 || value >= 60) ++wrong;
+    }
+  });
+  EXPECT_EQ(wrong, 0);
+}
+
+TEST_F(ConcurrencyTest, TransfersKeepTheSumThatTransactionsSee) {
+  constexpr int kAccounts = 5, kEach = 100;
+  const auto account = [](unsigned i) { return "accounts~" + std::to_string(i % kAccounts); };
+  for (unsigned i = 0; i < kAccounts; ++i) manager().set(account(i), kEach);
+  std::atomic<int> wrong = 0;
+  onFourThreads([&](TarnManager& m, int number) {
+    std::minstd_rand random(static_cast<unsigned>(number));
+    for (int i = 0; i < 30; ++i) {
+      const std::string from = account(random()), to = account(random());
+      m.transaction([&] {
+        m.set(from, m.getSint32(from) - 1);
+        m.set(to, m.getSint32(to) + 1);
+      });
+      const int sum = m.transaction([&] {
+        int all = 0;
+        for (unsigned k = 0; k < kAccounts; ++k) all += m.getSint32(account(k));
+        return all;
+      });
+      if (sum != kAccounts * kEach) ++wrong;
+    }
+  });
+  EXPECT_EQ(wrong, 0);
+}
+
+TEST_F(ConcurrencyTest, SessionsSeeWhatAnotherHasCommitted) {
+  const TarnAttachment here(manager());
+  manager().set("a", 1);
+  std::thread([&] {
+    const TarnAttachment there(other_);
+    EXPECT_EQ(other_.getSint32("a"), 1);
+    other_.set("a", 2);
+    other_.set("b~c", 3);
+  }).join();
+  EXPECT_EQ(manager().getSint32("a"), 2);
+  EXPECT_EQ(manager().getSint32("b~c"), 3);
+}
+
+}  // namespace
+}  // namespace tarns
