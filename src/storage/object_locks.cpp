@@ -129,9 +129,11 @@ commit_version object_lock_table::lock(lock_owner& owner, object_number number, 
   if (held != nullptr && held->mode >= mode) return storage_.newest_version();
 
   lock_waiter waiter{&owner, held != nullptr ? held : door.new_grant(), mode, held != nullptr};
-  waiter.grant->table = this;
-  waiter.grant->owner = &owner;
-  waiter.grant->number = number;
+  if (!waiter.is_upgrade) {
+    waiter.grant->table = this;
+    waiter.grant->owner = &owner;
+    waiter.grant->number = number;
+  }
   shard& in = shard_of(number);
   try {
     guarded_scope scope(in.lock);
