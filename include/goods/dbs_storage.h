@@ -78,12 +78,14 @@ struct commit_request {
 // A commit that takes part in several storages, unique in the world (random).
 struct global_transaction {
   std::uint64_t high = 0, low = 0;
+  // NOLINTNEXTLINE(modernize-use-nullptr): clang-tidy 14 about any defaulted comparison
   friend auto operator<=>(const global_transaction&, const global_transaction&) = default;
 };
 
 // A storage, wherever its directory is moved; unique in the world (random, made with the storage).
 struct storage_identity {
   std::uint64_t high = 0, low = 0;
+  // NOLINTNEXTLINE(modernize-use-nullptr): clang-tidy 14 about any defaulted comparison
   friend auto operator<=>(const storage_identity&, const storage_identity&) = default;
 };
 

@@ -25,6 +25,7 @@ namespace goods {
 struct directory_identity {
   dev_t device;
   ino_t inode;
+  // NOLINTNEXTLINE(modernize-use-nullptr): clang-tidy 14 about any defaulted comparison
   friend auto operator<=>(const directory_identity&, const directory_identity&) = default;
 };
 

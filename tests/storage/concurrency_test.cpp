@@ -77,6 +77,7 @@ TEST_P(ConcurrencyTest, EveryLoadIsAsOfTheVersionItNames) {
   prepare(*storage, marks);
   std::atomic<int> writers{2};
   std::vector<std::thread> threads;
+  threads.reserve(4);
   for (int w = 0; w < 2; ++w)
     threads.emplace_back([&, w] {
       for (int i = 0; i < commits_each; ++i) {
@@ -105,6 +106,7 @@ TEST_P(ConcurrencyTest, NoticesComeInOrderAndBeforeTheyAreMissed) {
   prepare(*storage, marks);
   std::atomic<int> writers{2};
   std::vector<std::thread> threads;
+  threads.reserve(4);
   for (int w = 0; w < 2; ++w)
     threads.emplace_back([&, w] {
       int self = 0;
@@ -146,6 +148,7 @@ TEST_P(ConcurrencyTest, CommitsOverSeveralBecomeVisibleInAllAtOnce) {
   prepare(*two, marks_two);
   std::atomic<int> writers{2};
   std::vector<std::thread> threads;
+  threads.reserve(4);
   for (int w = 0; w < 2; ++w)
     threads.emplace_back([&, w] {
       for (int i = 0; i < commits_each / 3; ++i) {
@@ -192,6 +195,7 @@ TEST_P(ConcurrencyTest, AMemberThatFailsDoesNotTakeItsGroupWithIt) {
     }
   });
   std::vector<std::thread> threads;
+  threads.reserve(4);
   std::atomic<unsigned> refused{0};
   std::map<object_number, std::string> expected[3];
   for (object_number w = 0; w < 3; ++w)

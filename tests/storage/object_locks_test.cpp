@@ -50,7 +50,7 @@ class locking_thread {
  public:
   locking_thread(
       lock_table& table, lock_owner& owner, object_number number, lock_mode mode,
-      std::function<void()> then = [] {})
+      const std::function<void()>& then = [] {})
       : result_(std::async(std::launch::async, [&table, &owner, number, mode, then] {
           std::string failure;
           try {

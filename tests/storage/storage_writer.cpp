@@ -36,6 +36,7 @@ int main(int count, char** arguments) {
       ::pause();
     }
     std::vector<std::thread> workers;
+    workers.reserve(static_cast<std::size_t>(threads));
     for (int i = 0; i < threads; ++i)
       workers.emplace_back([&, i] { commit_for_good(*storage, static_cast<unsigned>(i)); });
     for (std::thread& worker : workers) worker.join();

@@ -130,7 +130,7 @@ void prepared_commits::load(store_reader& reader, const store_state& state) {
 }
 
 std::unique_ptr<prepared_part> prepared_commits::prepare(segment_store::transaction& into,
-                                                         prepared_commit about,
+                                                         const prepared_commit& about,
                                                          const commit_request& request) {
   std::vector<std::byte> bytes = serialize(about, request);
   std::vector<std::int64_t> keys;

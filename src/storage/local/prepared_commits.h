@@ -43,7 +43,8 @@ class prepared_commits {
   void load(store_reader& reader, const store_state& state);
 
   // Copies and writes a commit.
-  std::unique_ptr<prepared_part> prepare(segment_store::transaction& into, prepared_commit about,
+  std::unique_ptr<prepared_part> prepare(segment_store::transaction& into,
+                                         const prepared_commit& about,
                                          const commit_request& request);
   void erase(segment_store::transaction& from, const prepared_part& part);
   std::int64_t decide(segment_store::transaction& into, const commit_decision& decision);

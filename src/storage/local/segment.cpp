@@ -13,7 +13,7 @@ segment::segment(segment_number number, std::uint64_t version, byte_block conten
   apart_ = reader.number<std::uint64_t>();
   if ((apart_ & ~present_) != 0) throw damaged_bytes("its directory contradicts itself");
   const auto count = static_cast<unsigned>(std::popcount(present_));
-  entries_.reset(new entry[count]);
+  entries_ = std::make_unique_for_overwrite<entry[]>(count);
 
   entry* next = entries_.get();
   for (std::uint64_t rest = present_; rest != 0; rest &= rest - 1) {
