@@ -1,0 +1,140 @@
+#include "TarnsStore.h"
+
+#include <fmt/format.h>
+#include <tarns/core/TarnChildren.h>
+#include <tarns/core/TarnIterator.h>
+#include <tarns/core/TarnValue.h>
+#include <tarns/session/TarnAttachment.h>
+#include <tarns/session/TarnTransaction.h>
+
+#include <chrono>
+#include <fstream>
+#include <optional>
+#include <stdexcept>
+
+namespace tarns::bench {
+namespace {
+
+Value ValueOf(const TarnData& data) {
+  return data.isInteger() ? Value::Integer(data.getSint64()) : Value::Text(data.getText());
+}
+
+TarnData DataOf(const Value& value) {
+  return value.isInteger ? TarnData(value.number) : TarnData(value.text);
+}
+
+class TarnsSession : public StoreSession {
+ public:
+  explicit TarnsSession(TarnManager& manager) : manager_(manager), attachment_(manager) {}
+  ~TarnsSession() noexcept override {
+    if (transaction_) transaction_->rollback();  // after an error; ending it could throw
+  }
+
+  bool read(std::string_view path, std::uint64_t& digest) override {
+    if (!manager_.get(path, data_)) return false;
+    digest = DigestOf(ValueOf(data_));
+    return true;
+  }
+
+  void list(std::string_view path, std::string_view after, std::size_t limit,
+            const NameSink& sink) override {
+    const xcptref<TarnObject> node = existing(path);
+    if (after.empty() && limit >= node->getNumChildren()) {
+      XStringList names;
+      node->getChildNames(names);
+      for (const XString& name : names) sink(name.view());
+      return;
+    }
+    XString name;
+    TarnIterator place =
+        after.empty() ? node->getIterToFirstAbstractChild() : node->getIterToOrAfter(after.data());
+    if (!after.empty() && !place.isNull() && place.getEntryName() == after) place.next(nullptr);
+    for (; limit > 0 && !place.isNull(); --limit) {
+      place.next(&name);
+      sink(name.view());
+    }
+  }
+
+  void walk(WalkSum& sum) override { walkBelow(manager_.getRoot(), sum); }
+
+  void begin() override { transaction_.emplace(manager_); }
+  void commit() override {
+    transaction_->commit();
+    transaction_.reset();
+  }
+
+  void addNode(std::string_view parent, std::string_view name,
+               std::span<const Field> values) override {
+    const xcptref<TarnObject> node = TarnObject::Create();
+    addFields(node, values);
+    path_.assign(parent).append("~").append(name);
+    manager_.set(path_, node);
+  }
+
+  void addValues(std::string_view path, std::span<const Field> values) override {
+    addFields(manager_.getNoFail(path, TarnObject::GetType()), values);
+  }
+
+  void update(std::string_view path, const Value& value) override {
+    manager_.set(path, DataOf(value));
+  }
+  void updateDurably(std::string_view path, const Value& value) override { update(path, value); }
+
+  bool erase(std::string_view path) override { return manager_.deleteBranch(path); }
+  void eraseDurably(std::string_view path) override { erase(path); }
+
+ private:
+  xcptref<TarnObject> existing(std::string_view path) const {
+    xcptref<TarnObject> node = manager_.getObject(path);
+    if (node.isNull()) throw std::runtime_error(fmt::format("tarns: no node \"{}\"", path));
+    return node;
+  }
+
+  void addFields(const xcptref<TarnObject>& node, std::span<const Field> values) {
+    for (const auto& [name, value] : values) {
+      name_ = name;  // a C string
+      modify(node)->addChild(name_.c_str(), TarnValue::CreateValue(DataOf(value)));
+    }
+  }
+
+  // Recursion: as deep as the tree, which WalkSum limits.
+  void walkBelow(const xcptref<TarnObject>& node, WalkSum& sum) {
+    for (const auto& [name, child] : node->children()) {
+      if (child->get("", data_)) {
+        sum.value(name, ValueOf(data_));
+        continue;
+      }
+      sum.enter(name);
+      walkBelow(child, sum);
+      sum.leave();
+    }
+  }
+
+  TarnManager& manager_;
+  const TarnAttachment attachment_;
+  std::optional<TarnTransaction> transaction_;
+  TarnData data_;
+  std::string name_;
+  std::string path_;
+};
+
+}  // namespace
+
+TarnsStore::TarnsStore(const Options& options) {
+  std::filesystem::create_directories(options.directory);
+  const std::string configuration = options.directory / "tarns.conf";
+  if (!std::filesystem::exists(configuration)) {
+    std::ofstream(configuration) << "1\n0: file:./data\n";
+  }
+  TarnManager::Initialize();
+  manager_.connect(configuration.c_str(), std::chrono::milliseconds(0));
+  manager_.setCacheLimit(options.cacheBytes);
+}
+
+std::unique_ptr<StoreSession> TarnsStore::session() {
+  return std::make_unique<TarnsSession>(manager_);
+}
+
+std::size_t TarnsStore::packagesPerCommit() const { return 4000; }
+
+}  // namespace tarns::bench
