@@ -11,6 +11,10 @@ namespace goods {
 
 class metaobject;
 
+// Throws corrupt_data unless `body` is an `expected`: what a stored reference leads to may be of
+// any class.
+GOODS_API void check_body(const object& body, const class_descriptor& expected);
+
 // Reads one object: the version current when the access began stays unchanged and in memory until
 // the access ends. Usually a temporary made by ref<T>::operator->.
 // Threads: made and destroyed by the same thread.
@@ -25,6 +29,7 @@ class GOODS_API read_access_base {
 
  protected:
   const object* body() const { return body_; }
+  void check(const class_descriptor& expected) const { check_body(*body_, expected); }
 
  private:
   object_ref reference_;
@@ -43,6 +48,7 @@ class GOODS_API write_access_base {
 
  protected:
   object* body() const { return body_; }
+  void check(const class_descriptor& expected) const { check_body(*body_, expected); }
 
  private:
   object_ref reference_;
@@ -54,7 +60,10 @@ class GOODS_API write_access_base {
 template <class T>
 class read_access : public read_access_base {
  public:
-  using read_access_base::read_access_base;
+  // Throws corrupt_data when the reference leads to something else than a T.
+  explicit read_access(object_ref reference) : read_access_base(std::move(reference)) {
+    check(T::self_class);
+  }
   const T* operator->() const { return static_cast<const T*>(body()); }
   const T& operator*() const { return *static_cast<const T*>(body()); }
 };
@@ -62,7 +71,10 @@ class read_access : public read_access_base {
 template <class T>
 class write_access : public write_access_base {
  public:
-  using write_access_base::write_access_base;
+  // Throws corrupt_data when the reference leads to something else than a T.
+  explicit write_access(object_ref reference) : write_access_base(std::move(reference)) {
+    check(T::self_class);
+  }
   T* operator->() const { return static_cast<T*>(body()); }
   T& operator*() const { return *static_cast<T*>(body()); }
 };

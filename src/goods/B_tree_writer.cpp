@@ -22,11 +22,15 @@ std::string shortest_bound(std::string_view before, std::string_view after) {
   return std::string(after.substr(0, common + 1));
 }
 
+[[noreturn]] void throw_contradiction() {
+  throw_error(error_code::corrupt_data, "The pages of an index contradict each other.");
+}
+
 // The page behind an access to the one that stands at `at` in `above`.
 index_page& page_of(const write_access<B_page>& access, const index_page& above, std::size_t at) {
   index_page& page = access->page();
   if (page.level() + 1 != above.level() || page.empty() || page.total() != above.count(at)) {
-    throw_error(error_code::corrupt_data, "The pages of an index contradict each other.");
+    throw_contradiction();
   }
   return page;
 }
@@ -193,6 +197,7 @@ bool B_tree_writer::merge(index_page& above, std::size_t left) {
   const write_access<B_page> from = modify(page_below(above, left + 1));
   index_page& page = page_of(into, above, left);
   index_page& next = page_of(from, above, left + 1);
+  if (&page == &next) throw_contradiction();
   if (page.size() + next.size() > capacity_ / 2 ||
       page.name_bytes() + next.name_bytes() > most_name_bytes / 2) {
     return false;

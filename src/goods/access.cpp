@@ -100,6 +100,13 @@ write_access_base::~write_access_base() noexcept(false) {
   }
 }
 
+void check_body(const object& body, const class_descriptor& expected) {
+  const class_descriptor& actual = body.cls();
+  if (&actual == &expected || expected.is_superclass_for(actual)) return;
+  throw_error(error_code::corrupt_data, std::string("A reference to a \"") + expected.name() +
+                                            "\" leads to a \"" + actual.name() + "\".");
+}
+
 class_descriptor& class_of(const object_ref& reference) {
   const object_ref held = counted(reference);
   object_handle& handle = *held.handle();

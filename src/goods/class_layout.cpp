@@ -1,5 +1,7 @@
 #include "goods/class_layout.h"
 
+#include <algorithm>
+
 #include <goods/byte_reader.h>
 #include <goods/byte_writer.h>
 #include <goods/errors.h>
@@ -40,6 +42,26 @@ bool is_valid_size(field_type type, std::uint64_t size) {
   return false;
 }
 
+struct extent {
+  std::uint64_t size, alignment;
+};
+
+// The memory that a member takes, as field_descriptor lays it out; more than allowed is not exact.
+extent extent_of(const dbs_field_descriptor& field) {
+  if (field.type != field_type::structure) {
+    return {std::uint64_t{field.size} * field.n_items, field.size};
+  }
+  extent item{0, 1};
+  for (const dbs_field_descriptor& component : field.components) {
+    const extent next = extent_of(component);
+    item.alignment = std::max(item.alignment, next.alignment);
+    item.size = (item.size + next.alignment - 1) / next.alignment * next.alignment + next.size;
+    if (item.size > max_instance_bytes) return item;
+  }
+  item.size = (item.size + item.alignment - 1) / item.alignment * item.alignment * field.n_items;
+  return item;
+}
+
 // `in_varying`: components of a varying part may vary themselves.
 dbs_field_descriptor get_field(byte_reader& in, unsigned depth, bool in_varying) {
   dbs_field_descriptor field;
@@ -61,6 +83,9 @@ dbs_field_descriptor get_field(byte_reader& in, unsigned depth, bool in_varying)
   if (count == 0 || depth == max_depth) in.fail("is a class layout with an impossible structure");
   for (std::size_t i = 0; i < count; ++i) {
     field.components.push_back(get_field(in, depth + 1, in_varying || n_items == 0));
+  }
+  if (extent_of(field).size > max_instance_bytes) {
+    in.fail("is a class layout with an impossible member");
   }
   return field;
 }
@@ -127,7 +152,7 @@ class_layout class_layout::parse(std::span<const std::byte> bytes, object_id sel
   for (std::size_t left = in.get_count(); left > 0; --left) {
     layout.fields.push_back(get_field(in, 0, false));
     const dbs_field_descriptor& field = layout.fields.back();
-    total += std::uint64_t{field.size} * field.n_items;
+    total += extent_of(field).size;
     if (total > max_instance_bytes || (is_varying && !field.is_varying())) {
       in.fail("is a class layout with an impossible member");
     }

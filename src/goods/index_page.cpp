@@ -262,7 +262,11 @@ void index_page::erase(std::size_t at) {
 
 index_page index_page::split_off(std::size_t at) {
   index_page rest(level_);
+  // All memory first: an entry may never stand in both pages.
   rest.resize_room(size_ - at);
+  std::size_t bytes = 0;
+  for (std::size_t i = at; i < size_; ++i) bytes += name(i).size();
+  rest.resize_names(bytes);
   for (std::size_t i = at; i < size_; ++i) {
     rest.place(i - at, name(i), firsts()[i], seconds()[i]);
     names_unused_ += static_cast<std::uint32_t>(name(i).size());
@@ -274,8 +278,9 @@ index_page index_page::split_off(std::size_t at) {
 }
 
 void index_page::append(index_page&& next, std::string_view first_bound) {
+  resize_room(std::max<std::size_t>(capacity_, size_ + next.size_));
+  resize_names(name_bytes() + next.name_bytes() + first_bound.size());
   index_page taken(std::move(next));
-  resize_room(std::max<std::size_t>(capacity_, size_ + taken.size_));
   for (std::size_t i = 0; i < taken.size_; ++i) {
     const bool is_first_bound = i == 0 && !is_leaf();
     place(size_, is_first_bound ? first_bound : taken.name(i), taken.firsts()[i],

@@ -1,5 +1,6 @@
 #include <goods/object.h>
 
+#include <goods/access.h>
 #include <goods/cache_manager.h>
 #include <goods/class_descriptor.h>
 #include <goods/errors.h>
@@ -44,6 +45,9 @@ void object::become(const object_ref& other) {
   object_ref target(other);
   object_handle* place = target.handle();
   if (place == old_self) return;
+  if (&class_of(target) != cls_) {
+    throw_error(error_code::usage, "An object can only take the place of one of its own class.");
+  }
   note_relinked();
   if (place->is_transient()) {
     object* replaced = place->exchange_body(this);

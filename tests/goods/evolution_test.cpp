@@ -320,6 +320,35 @@ TEST(EvolutionTest, DamagedStatesAndLayoutsAreRefused) {
   }
 }
 
+// Sizes that are small as described, but not once the components have their places.
+TEST(EvolutionTest, LayoutsOfMoreMemoryThanAllowedAreRefused) {
+  constexpr std::uint32_t most = 16U << 20;
+  const auto member = [](field_type type, std::uint32_t size, std::uint32_t n_items,
+                         std::vector<dbs_field_descriptor> components = {}) {
+    return dbs_field_descriptor{"m", type, ref_kind::counted, size, n_items, std::move(components)};
+  };
+  const auto text = member(field_type::text, 1, most);
+  const auto number = member(field_type::signed_integer, 8, 1);
+  struct Case {
+    const char* what;
+    dbs_field_descriptor field;
+  };
+  const Case cases[] = {
+      {"many large items", member(field_type::structure, 0, most, {text})},
+      {"many large components", member(field_type::structure, 1, 1, {text, text})},
+      {"gaps", member(field_type::structure, 1, most / 12,
+                      {member(field_type::text, 1, 1), number, member(field_type::text, 1, 1)})},
+      {"structures in structures",
+       member(field_type::structure, 1, 4096,
+              {member(field_type::structure, 1, 4096, {number, number})})},
+  };
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.what);
+    const class_layout layout = class_layout::make("huge", {}, {c.field});
+    EXPECT_EQ(code_of([&] { class_layout::parse(layout.bytes); }), error_code::corrupt_data);
+  }
+}
+
 TEST(EvolutionTest, ACatalogNamesAnUnknownLayoutNumber) {
   const scratch_directory directory;
   const auto store = open_storage("file:store", directory.path().string());
