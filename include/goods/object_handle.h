@@ -39,6 +39,7 @@ class GOODS_API object_handle {
   void set_body(object* body) { body_.store(body); }
   object* exchange_body(object* body) { return body_.exchange(body); }
 
+  // For a handle that somebody counts.
   void add_reference() { references_.fetch_add(1, std::memory_order_relaxed); }
   // Counts unless the session is just dropping the handle; then the caller looks it up again.
   bool try_add_reference();

@@ -63,7 +63,9 @@ class GOODS_API object_ref {
  public:
   object_ref() = default;
   object_ref(std::nullptr_t) {}
-  object_ref(object_handle* handle);  // counts; null is allowed
+  // Counts; null is allowed. In a reader section (or read()) the handle need not be counted by
+  // anybody: when the session has just dropped it, this is a reference to the object's new one.
+  object_ref(object_handle* handle);
   object_ref(const object_ref& other);
   object_ref(object_ref&& other) noexcept : word_(std::exchange(other.word_, ref_word())) {}
   object_ref& operator=(const object_ref& other);

@@ -46,7 +46,11 @@ class GOODS_API reader {
   transaction* transaction_ = nullptr;  // the calling thread's, while one is open
   // What was read in a transaction: locks are waited for, and waiting in a section would keep all
   // threads' memory from being freed.
-  std::vector<const object*> pinned_;
+  struct pinned {
+    object_ref keeps;  // the handle, which the body names without counting it
+    const object* body;
+  };
+  std::vector<pinned> pinned_;
 };
 
 }  // namespace goods

@@ -27,9 +27,12 @@ class presence_sink : public state_sink {
   bool present = false;
 };
 
-bool is_stored(dbs_storage& storage, object_number number) {
+// Once it is true the session has taken in the commit that made the object.
+bool is_stored(cache_manager& session, storage_number storage, object_number number) {
   presence_sink sink;
-  storage.load({&number, 1}, storage.newest_version(), sink);
+  dbs_storage& dbs = session.db().storage(storage).dbs();
+  const commit_version as_of = dbs.load({&number, 1}, dbs.newest_version(), sink);
+  session.cache().apply_notices(storage, as_of);
   return sink.present;
 }
 
@@ -104,10 +107,10 @@ storage_number database::get_storage_with_minimal_size() const {
 }
 
 void database::get_root(object_ref& root, storage_number number) const {
-  const object_id id = make_object_id(number, root_object_number);
-  object_ref found = session().find(id);
-  if (found.handle()->body() == nullptr && !is_stored(storage(number).dbs(), root_object_number)) {
-    found.clear();
+  // Not before it is there: another thread's set_root() brings a handle of its own.
+  object_ref found;
+  if (is_stored(session(), number, root_object_number)) {
+    found = session().find(make_object_id(number, root_object_number));
   }
   root.swap(found);
 }
@@ -119,7 +122,7 @@ bool database::set_root(const object_ref& root, storage_number number) {
   return session().atomically([&] {
     transaction& running = transaction::running();
     running.lock_number(number, root_object_number);
-    if (is_stored(storage(number).dbs(), root_object_number)) return false;
+    if (is_stored(session(), number, root_object_number)) return false;
     running.add_root(root, number);
     return true;
   });

@@ -5,6 +5,7 @@
 #include <cstddef>
 #include <iterator>
 #include <mutex>
+#include <new>
 #include <vector>
 
 namespace goods {
@@ -14,6 +15,7 @@ namespace {
 constexpr std::uint64_t outside = 0;
 constexpr std::size_t cache_line = 64;
 constexpr std::size_t retired_before_collecting = 256;
+constexpr std::size_t bytes_before_collecting = std::size_t{4} << 20;
 
 // What one thread shows to those who free memory: the epoch in which its section began.
 struct alignas(cache_line) participant {
@@ -35,6 +37,7 @@ struct epoch_domain {
   std::atomic<participant*> participants{nullptr};
   std::mutex lock;
   std::vector<retired_item> retired;  // under lock; epochs ascend
+  std::size_t retired_bytes = 0;      // under lock; since the last attempt to free
 
   static epoch_domain& get() {
     static auto* domain = new epoch_domain;
@@ -64,16 +67,34 @@ struct epoch_domain {
   }
 };
 
-// Gives the record back when the thread ends.
-struct thread_participant {
-  participant* record = epoch_domain::get().take_participant();
-  ~thread_participant() { record->taken.store(false, std::memory_order_release); }
+// The record of this thread; null before its first section and after it gave the record back.
+thread_local participant* this_record = nullptr;
+thread_local bool thread_ends = false;
+
+void give_back_record() {
+  this_record->taken.store(false, std::memory_order_release);
+  this_record = nullptr;
+}
+
+// Gives the record back when the thread ends. Other objects of the thread may be destroyed after
+// this one and enter sections again: from then on each section takes a record and gives it back.
+struct record_keeper {
+  ~record_keeper() {
+    thread_ends = true;
+    if (this_record != nullptr && this_record->depth == 0) give_back_record();
+  }
 };
 
-participant& this_thread() {
-  thread_local thread_participant mine;
-  return *mine.record;
+participant& take_record() {
+  if (!thread_ends) {
+    thread_local record_keeper keeper;
+    (void)keeper;
+  }
+  this_record = epoch_domain::get().take_participant();
+  return *this_record;
 }
+
+participant& this_thread() { return this_record != nullptr ? *this_record : take_record(); }
 
 }  // namespace
 
@@ -84,25 +105,32 @@ void reader_section::enter() {
 
 void reader_section::leave() {
   participant& mine = this_thread();
-  if (--mine.depth == 0) mine.entered.store(outside, std::memory_order_release);
+  if (--mine.depth != 0) return;
+  mine.entered.store(outside, std::memory_order_release);
+  if (thread_ends) give_back_record();
 }
 
-void retire(void* what, void (*release)(void*)) {
+void retire(void* what, void (*release)(void*), std::size_t bytes) noexcept {
   epoch_domain& domain = epoch_domain::get();
   bool collect = false;
-  {
+  try {
     const std::lock_guard guard(domain.lock);
     domain.retired.push_back({domain.epoch.load(), what, release});
-    collect = domain.retired.size() % retired_before_collecting == 0;
+    domain.retired_bytes += bytes;
+    collect = domain.retired.size() % retired_before_collecting == 0 ||
+              domain.retired_bytes >= bytes_before_collecting;
+  } catch (const std::bad_alloc&) {
+    collect = true;  // `what` is lost, others may be freed
   }
   if (collect) collect_retired();
 }
 
-void collect_retired() {
+void collect_retired() noexcept {
   epoch_domain& domain = epoch_domain::get();
   std::vector<retired_item> free;
-  {
+  try {
     const std::lock_guard guard(domain.lock);
+    domain.retired_bytes = 0;
     domain.epoch.fetch_add(1);
     const std::uint64_t oldest = domain.oldest_section();
     const auto first_kept =
@@ -110,6 +138,8 @@ void collect_retired() {
                      [&](const retired_item& item) { return item.epoch >= oldest; });
     free.assign(domain.retired.begin(), first_kept);
     domain.retired.erase(domain.retired.begin(), first_kept);
+  } catch (const std::bad_alloc&) {
+    return;  // the next attempt frees them
   }
   // Outside the lock: releasing may retire more.
   for (const retired_item& item : free) item.release(item.what);

@@ -1,6 +1,7 @@
 // When memory that readers look at without locks may be freed.
 #pragma once
 
+#include <cstddef>
 #include <cstdint>
 
 namespace goods {
@@ -20,10 +21,12 @@ class reader_section {
 
 // Calls `release(what)` once no reader section is left that began before this call. `what` must no
 // longer be reachable for new readers. The call may happen on any thread, now or later, but never
-// inside of a reader section of its thread's caller that could still look at `what`.
-void retire(void* what, void (*release)(void*));
+// inside of a reader section of its thread's caller that could still look at `what`. `bytes`: what
+// it takes, roughly; a few megabytes are waited for before anything is freed. Without memory to
+// remember it, `what` is never freed.
+void retire(void* what, void (*release)(void*), std::size_t bytes = 0) noexcept;
 
 // Frees what has become free; retire() does so now and then by itself.
-void collect_retired();
+void collect_retired() noexcept;
 
 }  // namespace goods

@@ -1,5 +1,7 @@
 #include "goods/handle_table.h"
 
+#include <new>
+
 #include <goods/object.h>
 
 #include "goods/epoch.h"
@@ -61,11 +63,16 @@ void handle_table::place(slot_array& array, object_handle* handle, object_id id)
   array.slots[i].id.store(id);
 }
 
-void handle_table::rebuild(shard& in) {
+bool handle_table::rebuild(shard& in) {
   slot_array* old = in.slots.load();
   std::size_t size = smallest_array;
   while (size < in.handles * 2 + 2) size *= 2;
-  auto rebuilt = std::make_unique<slot_array>(size);
+  std::unique_ptr<slot_array> rebuilt;
+  try {
+    rebuilt = std::make_unique<slot_array>(size);
+  } catch (const std::bad_alloc&) {
+    return false;
+  }
   for (std::size_t i = 0; i <= old->mask; ++i) {
     object_handle* handle = old->slots[i].handle.load(std::memory_order_relaxed);
     if (handle != nullptr)
@@ -75,7 +82,10 @@ void handle_table::rebuild(shard& in) {
   memory_ += rebuilt->mask * sizeof(slot);
   memory_ -= old->mask * sizeof(slot);
   in.slots.store(rebuilt.release());
-  retire(old, [](void* array) { delete static_cast<slot_array*>(array); });
+  retire(
+      old, [](void* array) { delete static_cast<slot_array*>(array); },
+      (old->mask + 1) * sizeof(slot));
+  return true;
 }
 
 void handle_table::tighten(std::size_t shard_index) {
@@ -87,19 +97,29 @@ void handle_table::tighten(std::size_t shard_index) {
 
 void handle_table::insert(object_handle* handle) {
   shard& in = shard_of(handle->id());
-  if ((in.occupied + 1) * 8 > (in.slots.load()->mask + 1) * 5) rebuild(in);
+  const bool is_full = (in.occupied + 1) * 8 > (in.slots.load()->mask + 1) * 5;
+  // Without memory it gets fuller, up to the one unused slot that every search needs.
+  if (is_full && !rebuild(in) && in.occupied == in.slots.load()->mask) throw std::bad_alloc();
   place(*in.slots.load(), handle, handle->id());
   ++in.occupied;
   ++in.handles;
 }
 
-void handle_table::erase(object_handle* handle) {
-  shard& in = shard_of(handle->id());
+std::atomic<object_handle*>& handle_table::place_of(shard& in, const object_handle* handle) {
   slot_array& array = *in.slots.load();
   std::size_t i = (hash(handle->id()) / shard_count) & array.mask;
   while (array.slots[i].handle.load(std::memory_order_relaxed) != handle) i = (i + 1) & array.mask;
-  array.slots[i].handle.store(nullptr);
+  return array.slots[i].handle;
+}
+
+void handle_table::erase(object_handle* handle) {
+  shard& in = shard_of(handle->id());
+  place_of(in, handle).store(nullptr);
   --in.handles;
+}
+
+void handle_table::exchange(object_handle* handle, object_handle* next) {
+  place_of(shard_of(handle->id()), handle).store(next);
 }
 
 }  // namespace goods

@@ -32,6 +32,8 @@ class handle_table {
   object_handle* find_locked(object_id id) const { return find(id); }
   void insert(object_handle* handle);  // its identifier must not be present
   void erase(object_handle* handle);
+  // Puts `next`, which has the same identifier, in the place of `handle`. Needs no memory.
+  void exchange(object_handle* handle, object_handle* next);
 
   // Calls visit(handle) for up to `count` slots of a shard, from `position` on, with the shard's
   // lock held; `visit` may erase the handle that it is shown. Returns the position to go on from, 0
@@ -67,7 +69,8 @@ class handle_table {
 
   static std::size_t hash(object_id id);
   shard& shard_of(object_id id) const { return shards_[hash(id) % shard_count]; }
-  void rebuild(shard& in);
+  bool rebuild(shard& in);  // false, and nothing changed, when there is no memory
+  static std::atomic<object_handle*>& place_of(shard& in, const object_handle* handle);
   static void place(slot_array& array, object_handle* handle, object_id id);
 
   mutable std::array<shard, shard_count> shards_;

@@ -33,6 +33,7 @@ class beginning_access {
 
 const object* pinned_committed(object_cache& cache, object_handle& handle) {
   cache.catch_up();
+  cache.stable_publish_count();  // what is being published may have returned to its caller
   const reader_section section;
   const object* body = cache.loaded(handle);
   body->pin();

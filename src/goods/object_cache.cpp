@@ -144,33 +144,43 @@ object_cache::outcome object_cache::keep_loaded(object_handle& handle, object* f
 }
 
 void object_cache::apply_notices(storage_number storage, commit_version through) {
-  if (applied_[storage].load() >= through) return;
+  // A version counts as applied while its bodies are still being exchanged.
+  if (applied_[storage].load() >= through && publish_count_.load() % 2 == 0) return;
   const std::lock_guard guard(publishing_);
   if (applied_[storage].load() >= through) return;
-  const news_list news = take_news(storage, through);
-  for (const auto& [from, n] : news) {
-    if (n->origin == &session_) own(*n).install_created(*this);
+  take_news(storage, through);
+  for (const auto& [from, notices] : news_) {
+    for (const auto& n : notices) {
+      if (n->origin == &session_) own(*n).install_created(*this);
+    }
   }
-  ++publish_count_;
-  for (const auto& [from, n] : news) apply(*n, from);
-  ++publish_count_;
+  publish_news();
   shrink_if_full();
 }
 
 // Commits over several storages are taken in whole.
-object_cache::news_list object_cache::take_news(storage_number storage, commit_version through) {
-  news_list news;
+void object_cache::take_news(storage_number storage, commit_version through) {
   const auto take = [&](storage_number from, commit_version to) {
-    for (auto& n : notices_[from]->take(to)) news.emplace_back(from, std::move(n));
+    news_.push_back({from, {}});
+    news_.back().second = notices_[from]->take(to);
   };
   take(storage, through);
-  if (applied_.size() == 1) return news;
+  if (applied_.size() == 1) return;
   while (true) {
     const std::uint64_t before = several_published();
     for (storage_number s = 0; s < applied_.size(); ++s) take(s, notices_[s]->newest());
-    if (before % 2 == 0 && several_published() == before) return news;
+    if (before % 2 == 0 && several_published() == before) return;
     std::this_thread::yield();
   }
+}
+
+void object_cache::publish_news() noexcept {
+  ++publish_count_;
+  for (const auto& [from, notices] : news_) {
+    for (const auto& n : notices) apply(*n, from);
+  }
+  ++publish_count_;
+  news_.clear();
 }
 
 void object_cache::apply(const notice& news, storage_number storage) {
@@ -197,12 +207,18 @@ void object_cache::install(object_handle& created) {
   // Somebody may have asked for the number before there was an object behind it.
   object_handle* guessed = table_.find_locked(created.id());
   if (guessed == &created) return;
-  if (guessed != nullptr) {
+  if (guessed == nullptr) {
+    table_.insert(&created);
+    bytes_ += handle_bytes;
+  } else {
     if (object* body = guessed->exchange_body(nullptr)) discard_body(body);
-    forget(*guessed);
+    table_.exchange(guessed, &created);
+    if (guessed->try_retire()) {
+      retire(guessed, release_handle);
+    } else {
+      guessed->become_transient();  // a reference to nothing
+    }
   }
-  table_.insert(&created);
-  bytes_ += handle_bytes;
   count_body(*created.body());
 }
 
@@ -225,8 +241,9 @@ std::uint64_t object_cache::stable_publish_count() const {
 void object_cache::count_body(const object& body) { bytes_ += body.cls().body_bytes(body); }
 
 void object_cache::discard_body(object* body) {
-  bytes_ -= body->cls().body_bytes(*body);
-  retire(body, release_body);
+  const std::size_t bytes = body->cls().body_bytes(*body);
+  bytes_ -= bytes;
+  retire(body, release_body, bytes);
 }
 
 void object_cache::set_limit(std::size_t bytes) {
@@ -238,19 +255,10 @@ void object_cache::set_limit(std::size_t bytes) {
 void object_cache::evict(object_handle& handle) {
   if (handle.is_being_written() || handle.take_used()) return;
   if (object* body = handle.exchange_body(nullptr)) discard_body(body);
-  if (!handle.is_referenced()) forget(handle);  // otherwise the identity stays
-}
-
-// Takes the handle, which has no body, out of the table. One that is still referenced becomes a
-// reference to nothing.
-void object_cache::forget(object_handle& handle) {
+  if (!handle.try_retire()) return;  // the identity stays
   table_.erase(&handle);
   bytes_ -= handle_bytes;
-  if (handle.try_retire()) {
-    retire(&handle, release_handle);
-  } else {
-    handle.become_transient();
-  }
+  retire(&handle, release_handle);
 }
 
 void object_cache::for_each_held(

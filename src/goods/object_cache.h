@@ -49,11 +49,13 @@ class object_cache {
     return body;
   }
 
-  // Takes in all commits to a storage up to `through`; quick when that has happened already.
+  // Takes in all commits to a storage up to `through`, and returns when they are to be seen; quick
+  // when that has happened already. Throws std::bad_alloc; nothing is lost then, the next call goes
+  // on.
   void apply_notices(storage_number storage, commit_version through);
 
-  // Takes in all commits that have returned to their callers, in this session or another one. Call it
-  // before reading outside a transaction; nearly free when there is nothing new.
+  // Takes in all commits that have returned to their callers, in this session or another one. Call
+  // it before reading outside a transaction; nearly free when there is nothing new.
   void catch_up() {
     for (std::size_t s = 0; s < applied_.size(); ++s) {
       const commit_version newest = notices_[s]->newest();
@@ -93,13 +95,14 @@ class object_cache {
   object* load(object_handle& handle);
   enum class outcome { kept, stale, handle_dropped };
   outcome keep_loaded(object_handle& handle, object* fresh, commit_version as_of, object*& body);
-  using news_list = std::vector<std::pair<storage_number, std::shared_ptr<const notice>>>;
-  news_list take_news(storage_number storage, commit_version through);
+  // Notices of one storage in their order.
+  using news = std::pair<storage_number, std::vector<std::shared_ptr<const notice>>>;
+  void take_news(storage_number storage, commit_version through);
+  void publish_news() noexcept;
   void apply(const notice& news, storage_number storage);
   void invalidate(object_id id);
   void count_body(const object& body);
   void discard_body(object* body);
-  void forget(object_handle& handle);
   void evict(object_handle& handle);
 
   database& db_;
@@ -109,6 +112,7 @@ class object_cache {
   std::recursive_mutex publishing_;
   std::vector<std::unique_ptr<notice_subscription>>
       notices_;                                       // by storage; take() under publishing_
+  std::vector<news> news_;                            // under publishing_: taken, not published
   std::vector<std::atomic<commit_version>> applied_;  // by storage; set under publishing_
   std::atomic<std::uint64_t> publish_count_{0};
   std::atomic<std::uint64_t> relinks_{0};

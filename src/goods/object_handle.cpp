@@ -6,6 +6,8 @@
 #include <goods/class_descriptor.h>
 #include <goods/object.h>
 
+#include "goods/epoch.h"
+
 namespace goods {
 
 namespace {
@@ -78,10 +80,17 @@ bool object_handle::try_add_reference() {
 void object_handle::remove_reference() {
   // A persistent handle belongs to its session's table, which may free it once nobody counts it:
   // nothing of the handle may be looked at after the count has gone down.
-  const bool transient = is_transient();
-  if (references_.fetch_sub(1, std::memory_order_acq_rel) == 1 && transient) {
-    destroy_iteratively(this);
+  if (!is_transient()) {
+    references_.fetch_sub(1, std::memory_order_acq_rel);
+    return;
   }
+  // Another thread's commit may make it persistent just now; while in a section, it is not freed.
+  bool dies = false;
+  {
+    const reader_section section;
+    dies = references_.fetch_sub(1, std::memory_order_acq_rel) == 1 && is_transient();
+  }
+  if (dies) destroy_iteratively(this);
 }
 
 bool object_handle::try_retire() {

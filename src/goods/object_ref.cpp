@@ -8,8 +8,11 @@ namespace goods {
 
 object_ref::object_ref(object_handle* handle) {
   if (handle == nullptr) return;
-  handle->add_reference();
-  word_ = ref_word::of(handle);
+  if (handle->try_add_reference()) {
+    word_ = ref_word::of(handle);
+  } else {  // just dropped by the session, whose reader the caller is
+    *this = cache_manager::require().find(handle->id());
+  }
 }
 
 object_ref::object_ref(const object_ref& other) {

@@ -32,7 +32,7 @@ read_round::read_round(cache_manager* session) {
 
 read_round::~read_round() {
   if (holds_publishing_) reader_.session_->cache().release_publishing();
-  for (const object* body : reader_.pinned_) body->unpin();
+  for (const reader::pinned& one : reader_.pinned_) one.body->unpin();
   if (attachment_ != nullptr) --attachment_->reads;
   if (in_section_) reader_section::leave();
 }
@@ -63,11 +63,7 @@ const object* reader::look(ref_word word, const class_descriptor& cls) {
   if (body == nullptr) {
     throw_error(error_code::object_deleted, "A reference leads to an object that is gone.");
   }
-  const class_descriptor& actual = body->cls();
-  if (&actual != &cls && !cls.is_superclass_for(actual)) {
-    throw_error(error_code::corrupt_data, std::string("A reference to a \"") + cls.name() +
-                                              "\" leads to a \"" + actual.name() + "\".");
-  }
+  check_body(*body, cls);
   return body;
 }
 
@@ -80,15 +76,18 @@ const object* reader::look_persistent(ref_word word) {
   object_cache& cache = session_->cache();
   while (true) {
     object_handle& handle = word.is_handle() ? *word.handle() : cache.find_or_make(word.id());
+    const object_id id = handle.id();
     if (const object* body = cache.loaded(handle)) return body;
+    word = ref_word::of(id);  // the handle was just dropped
   }
 }
 
 const object* reader::look_locked(ref_word word) {
-  const object_ref counted =
+  object_ref counted =
       word.is_handle() ? object_ref(word.handle()) : session_->cache().counted(word.id());
+  pinned_.reserve(pinned_.size() + 1);
   const object* body = transaction_->read(*counted.handle());
-  pinned_.push_back(body);
+  pinned_.push_back({std::move(counted), body});
   return body;
 }
 

@@ -155,5 +155,95 @@ TEST(HandleTableTest, SweepsOnInAShardThatHasShrunkMeanwhile) {
   EXPECT_EQ(visited, kept);
 }
 
+// Big commits of several threads of one session, which another thread of it takes in: whoever gets
+// a lock must see all of the commit before it, however long publishing that takes.
+TEST(CoherenceTest, NoUpdateIsLostWhileACommitIsBeingTakenIn) {
+  constexpr int writers = 3, rounds = 60, block = 400;
+  const test_store store(1, "?durability=relaxed");
+  test_session session(store);
+  const ref<cell> hot = session.root();
+  std::vector<std::vector<ref<cell>>> blocks(writers);
+  for (auto& cells : blocks) {
+    for (int i = 0; i < block; ++i) {
+      cells.push_back(new_cell(0, i == 0 ? ref<cell>(hot->next) : cells.back()));
+    }
+    modify(hot)->next = cells.back();
+  }
+  std::atomic<int> writing{writers};
+  std::vector<std::thread> threads;
+  for (int w = 0; w < writers; ++w) {
+    threads.emplace_back([&, w] {
+      session.db().attach();
+      for (int i = 0; i < rounds; ++i) {
+        session.session().atomically([&] {
+          for (const ref<cell>& c : blocks[w]) modify(c)->value += 1;
+          modify(hot)->value += 1;
+        });
+      }
+      --writing;
+    });
+  }
+  threads.emplace_back([&] {
+    session.db().attach();
+    while (writing > 0) session.session().read([&](reader& r) { return r.get(hot)->value; });
+  });
+  for (std::thread& thread : threads) thread.join();
+  EXPECT_EQ(hot->value, writers * rounds);
+}
+
+// One thread makes and drops references while another fills the cache again and again.
+TEST(ObjectCacheTest, AReferenceMadeWhileTheCacheIsFullStaysOne) {
+  const test_store store;
+  test_session session(store);
+  session.session().set_cache_limit(std::size_t{1} << 20);
+  store_chain(session, 30'000);
+  const object_id id = session.root()->next.id();
+  std::atomic<bool> filling{true};
+  std::vector<std::thread> threads;
+  for (int t = 0; t < 2; ++t) {
+    threads.emplace_back([&, t] {
+      session.db().attach();
+      while (filling) {
+        const object_ref found =
+            t == 0 ? session.session().find(id) : session.session().read([&](reader& r) {
+              // Through the body, which names its handle without counting it.
+              const object* body = r.look(ref_word::of(id), cell::self_class);
+              return object_ref(body->handle());
+            });
+        const ref<cell> checked = checked_cast<cell>(found);
+        EXPECT_EQ(checked->value, 1);
+      }
+    });
+  }
+  for (int round = 0; round < 6; ++round) sum_of_chain(session);
+  filling = false;
+  for (std::thread& thread : threads) thread.join();
+}
+
+// A body that says that it takes much.
+class heavy : public object {
+ public:
+  heavy() : object(self_class) { ++living; }
+  heavy(object_handle* handle, class_descriptor& cls) : object(handle, cls) { ++living; }
+  ~heavy() override { --living; }
+  std::size_t varying_bytes() const override { return std::size_t{8} << 20; }
+  static class_descriptor self_class;
+  static int living;
+};
+int heavy::living = 0;
+class_descriptor heavy::self_class("heavy", sizeof(heavy), &pessimistic_scheme,
+                                   construct_object<heavy>, nullptr, &object::self_class);
+
+TEST(ObjectCacheTest, LargeBodiesThatWereReplacedAreFreedSoon) {
+  const test_store store(1, "?durability=relaxed");
+  test_session session(store);
+  const ref<heavy> large(new heavy);
+  modify(session.root())->next = ref<cell>::trusted(large);
+  for (int i = 0; i < 50; ++i) {
+    session.session().atomically([&] { (void)modify(large); });
+    EXPECT_LE(heavy::living, 4);
+  }
+}
+
 }  // namespace
 }  // namespace goods
