@@ -100,6 +100,7 @@ isolation_level cache_manager::end_transaction() {
     throw_error(error_code::usage, "A transaction was ended that had not been begun.");
   }
   if (!mine->open()->leave()) return serializable;
+  if (mine->open()->is_of_access() && mine->accesses > 0) return serializable;
   // The transaction is over whether its commit succeeds or throws.
   const std::unique_ptr<transaction> ending = mine->close();
   ending->commit();

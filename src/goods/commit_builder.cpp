@@ -40,8 +40,8 @@ commit_builder::share& commit_builder::share_of(storage_number storage) {
 
 void commit_builder::add_root(const object_ref& root, storage_number storage) {
   object_handle& handle = *root.handle();
-  handle.become_persistent(db_, make_object_id(storage, root_object_number));
   changes_.created.push_back(root);
+  handle.become_persistent(db_, make_object_id(storage, root_object_number));
 }
 
 void commit_builder::build() {
@@ -82,8 +82,9 @@ void commit_builder::make_persistent(object_handle& handle, storage_number stora
     throw_error(error_code::object_deleted,
                 "A stored object refers to one that another object took the place of.");
   }
-  handle.become_persistent(db_, make_object_id(storage, share_of(storage).numbers.next()));
+  const object_id id = make_object_id(storage, share_of(storage).numbers.next());
   changes_.created.emplace_back(&handle);
+  handle.become_persistent(db_, id);
   push_referenced(*body, storage);
 }
 

@@ -16,9 +16,18 @@
 
 namespace goods {
 
+namespace {
+
+struct body_unpinner {
+  void operator()(object* body) const { body->unpin(); }
+};
+
+}  // namespace
+
 transaction::transaction(cache_manager& session, lock_owner& owner, bool is_explicit)
     : session_(session),
-      is_explicit_(is_explicit),
+      is_of_access_(!is_explicit),
+      depth_(is_explicit ? 1 : 0),
       owner_(owner),
       changes_(std::make_shared<publication>()) {}
 
@@ -67,12 +76,17 @@ object* transaction::write(object_handle& handle) {
   lock(handle.id(), lock_mode::exclusive);
   const reader_section section;
   const object& committed = *session_.cache().loaded(handle);
-  object* copy = committed.cls().create(&handle);
-  changes_->copies.push_back({std::move(keeps), copy});
+  std::unique_ptr<object, body_unpinner> copy(committed.cls().create(&handle));
   committed.cls().copy_state(committed, *copy);
-  copies_.emplace(&handle, copy);
+  const auto entry = copies_.emplace(&handle, copy.get()).first;
+  try {
+    changes_->copies.push_back({std::move(keeps), copy.get()});
+  } catch (...) {
+    copies_.erase(entry);
+    throw;
+  }
   handle.set_being_written(true);
-  return copy;
+  return copy.release();
 }
 
 void transaction::replace(object_handle& handle, object& body) {
@@ -100,17 +114,21 @@ void transaction::commit() {
 
 void transaction::commit_copies() {
   commit_builder builder(session_.db(), *changes_);
+  std::vector<commit_version> versions;
   try {
     for (const auto& [root, storage] : roots_) builder.add_root(root, storage);
     builder.build();
-    const std::vector<commit_part> parts = builder.parts(&session_, changes_);
-    const std::vector<commit_version> versions = commit_several(parts);
-    for (std::size_t i = 0; i < parts.size(); ++i) {
-      session_.cache().apply_notices(builder.storage_of_part(i), versions[i]);
-    }
+    versions = commit_several(builder.parts(&session_, changes_));
   } catch (...) {
     changes_->withdraw_created();
     throw;
+  }
+  try {
+    for (std::size_t i = 0; i < versions.size(); ++i) {
+      session_.cache().apply_notices(builder.storage_of_part(i), versions[i]);
+    }
+  } catch (const std::bad_alloc&) {  // NOLINT(bugprone-empty-catch)
+    // It is committed. Whoever reads next takes it in, or is told that there is no memory.
   }
 }
 

@@ -33,11 +33,13 @@ class transaction {
   // The calling thread's; one must be open.
   static transaction& running();
 
-  bool is_explicit() const { return is_explicit_; }
-  // An implicit transaction that an explicit one is begun in becomes explicit.
-  void join() { is_explicit_ = true, ++depth_; }
+  // Between the outermost begin and its end. A transaction that an access began becomes implicit
+  // again then, if the access still goes on: it commits at the access's end.
+  bool is_explicit() const { return depth_ > 0; }
+  bool is_of_access() const { return is_of_access_; }
+  void join() { ++depth_; }
   // Whether this was the outermost end.
-  bool leave() { return --depth_ <= 0; }
+  bool leave() { return --depth_ == 0; }
 
   // The version to read: locked shared, the transaction's own copy when it has one. Valid to the
   // end of the caller's reader_section.
@@ -67,8 +69,8 @@ class transaction {
   void finish() noexcept;  // gives up copies that were not published, and the locks
 
   cache_manager& session_;
-  bool is_explicit_;
-  int depth_ = 1;
+  bool is_of_access_;
+  int depth_;  // begins without an end
   bool doomed_ = false;
   lock_owner& owner_;
   std::shared_ptr<publication> changes_;                // owns the copies until they are published

@@ -5,6 +5,7 @@
 #include <stdexcept>
 #include <thread>
 
+#include <goods/B_tree.h>
 #include <goods/errors.h>
 
 #include "support/cell.h"
@@ -96,6 +97,33 @@ TEST(TransactionTest, NestedBeginsJoinTheOuterOne) {
   EXPECT_EQ(error_of([&] { session.session().end_transaction(); }).first, error_code::usage);
 }
 
+TEST(TransactionTest, OneBegunAndEndedDuringAnAccessEndsWithTheAccess) {
+  const test_store store;
+  test_session session(store);
+  const ref<cell> root = session.root();
+  {
+    const auto outer = root.modify();
+    outer->value = 1;
+    session.session().begin_transaction();
+    outer->value = 2;
+    session.session().end_transaction();
+    outer->value = 3;
+    EXPECT_EQ(value_seen_by_another_session(store), 0);
+  }
+  EXPECT_FALSE(session.session().in_transaction());
+  EXPECT_EQ(value_seen_by_another_session(store), 3);
+  {  // the access ends first
+    auto outer = std::make_unique<write_access<cell>>(root);
+    (*outer)->value = 4;
+    session.session().begin_transaction();
+    outer.reset();
+    EXPECT_EQ(value_seen_by_another_session(store), 3);
+    session.session().end_transaction();
+  }
+  EXPECT_FALSE(session.session().in_transaction());
+  EXPECT_EQ(value_seen_by_another_session(store), 4);
+}
+
 TEST(TransactionTest, OneAccessIsOneTransactionAndAnExceptionUndoesIt) {
   const test_store store;
   test_session session(store);
@@ -139,6 +167,22 @@ TEST(TransactionTest, AnObjectTakesThePlaceOfAnother) {
   EXPECT_EQ(old_next->value, 3);
   session.session().abort_transaction();
   EXPECT_EQ(old_next->value, 2);
+}
+
+TEST(TransactionTest, AnObjectOfAnotherClassIsRefusedWhereverAReferenceLeadsToIt) {
+  const test_store store;
+  test_session session(store);
+  const ref<cell> root = session.root();
+  const ref<B_tree> index = B_tree::create(root, 2);
+  for (const bool stored : {false, true}) {
+    SCOPED_TRACE(stored);
+    if (stored) modify(root)->next = ref<cell>::trusted(index);
+    const ref<cell> wrong = stored ? ref<cell>(root->next) : ref<cell>::trusted(index);
+    EXPECT_EQ(error_of([&] { return wrong->value; }).first, error_code::corrupt_data);
+    EXPECT_EQ(error_of([&] { modify(wrong)->value = 1; }).first, error_code::corrupt_data);
+    EXPECT_EQ(error_of([&] { modify(new_cell(1))->become(index); }).first, error_code::usage);
+    EXPECT_FALSE(session.session().in_transaction());
+  }
 }
 
 TEST(TransactionTest, ALongChainIsStoredReadAndDroppedWithoutDeepRecursion) {
