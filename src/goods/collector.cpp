@@ -61,9 +61,12 @@ std::uint64_t collector::run() {
   list_existing();
   mark_roots();
   mark_pushed();
-  mark_held();
-  mark_pushed();
-  mark_changed();
+  // Held objects and changes may each lead to more of the other: what was put below an object that
+  // had been looked into could be taken out of it again, into somebody's hands.
+  do {
+    mark_held();
+    mark_pushed();
+  } while (mark_changed());
   std::uint64_t removed = 0;
   for (storage_state& state : storages_) removed += sweep(state);
   return removed;
@@ -98,22 +101,20 @@ void collector::mark_held() {
   });
 }
 
-// Looks again into whatever commits changed, until there is nothing new.
-void collector::mark_changed() {
-  bool changed = true;
-  while (changed) {
-    changed = false;
-    for (std::size_t s = 0; s < storages_.size(); ++s) {
-      notice_subscription& changes = *storages_[s].changes;
-      for (const auto& news : changes.take(changes.newest())) {
-        changed = true;
-        for (const object_number number : news->changed) {
-          push_again(make_object_id(static_cast<storage_number>(s), number));
-        }
+// Looks again into what commits changed; false when there was nothing.
+bool collector::mark_changed() {
+  bool changed = false;
+  for (std::size_t s = 0; s < storages_.size(); ++s) {
+    notice_subscription& changes = *storages_[s].changes;
+    for (const auto& news : changes.take(changes.newest())) {
+      changed = true;
+      for (const object_number number : news->changed) {
+        push_again(make_object_id(static_cast<storage_number>(s), number));
       }
     }
-    mark_pushed();
   }
+  mark_pushed();
+  return changed;
 }
 
 void collector::push(object_id id) {

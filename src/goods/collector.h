@@ -51,7 +51,7 @@ class collector {
   void list_existing();
   void mark_roots();
   void mark_held();
-  void mark_changed();
+  bool mark_changed();
   void push(object_id id);
   void push_again(object_id id);
   void mark_pushed();
