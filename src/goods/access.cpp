@@ -115,6 +115,7 @@ class_descriptor& class_of(const object_ref& reference) {
     return handle.body()->cls();
   }
   cache_manager& session = session_of(handle);
+  if (!session.in_transaction()) session.cache().catch_up();
   const reader_section section;
   return session.cache().loaded(handle)->cls();
 }

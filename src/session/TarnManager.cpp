@@ -142,4 +142,6 @@ void TarnManager::clearNumBytesFromStorage(unsigned long id) {
   db().clear_num_bytes_in_out(StorageNumber(id));
 }
 
+bool TarnManager::startGarbageCollection() { return db().start_gc() != 0; }
+
 }  // namespace tarns

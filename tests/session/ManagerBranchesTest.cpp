@@ -196,5 +196,21 @@ TEST_F(ManagerBranchesTest, MergesANodeThatIsNotStoredAndBranchesInCircles) {
   EXPECT_FALSE(manager().getObject("q~self~self").is_null());
 }
 
+TEST_F(ManagerBranchesTest, CollectsWhatWasDeletedAndKeepsWhatIsHeld) {
+  grow("keep~a=1 drop~x~y=2 held~z=3");
+  const std::uint64_t gone = manager().getObjectID("drop~x~y");
+  const xcptref<TarnObject> held = manager().getObject("held");
+  const std::string before = picture("keep");
+  manager().deleteBranch("drop");
+  manager().deleteBranch("held");
+  EXPECT_TRUE(manager().startGarbageCollection());
+  EXPECT_THAT([&] { manager().getObject(gone); }, ThrowsTarn(108, HasSubstr("identifier")));
+  EXPECT_EQ(held->getSint32("z", 0), 3);
+  EXPECT_EQ(picture("keep"), before);
+  manager().set("back", held);
+  reopen();
+  EXPECT_EQ(picture(), "back{z=3} keep{a=1}");
+}
+
 }  // namespace
 }  // namespace tarns

@@ -124,6 +124,11 @@ class TARNS_API TarnManager {
   void clearNumBytesFromDatabase();
   void clearNumBytesFromStorage(unsigned long id);
 
+  // Removes objects that are no longer reachable and that no session holds a reference to, and gives
+  // their room back; returns when that is done, while other threads may go on working. False when a
+  // collection is running already. See goods::database::start_gc.
+  bool startGarbageCollection();
+
   // --- Reading values: conversions are TarnData's -----------------------------------------------
 
   // False when there is no value at the path; `out` is then as before.
