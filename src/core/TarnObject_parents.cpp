@@ -51,7 +51,8 @@ void VerifyNotBelow(const TarnRef& node, const TarnRef& newParent) {
   throw error;
 }
 
-// The first ancestor that `test(reader, ancestor)` accepts, or null.
+// The first ancestor that `test(reader, ancestor)` accepts, or null. The test keeps nothing between
+// calls: the walk may start again.
 template <class Test>
 TarnRef FindAncestor(const TarnObject& from, Test&& test) {
   return goods::read_here([&](goods::reader& reader) -> TarnRef {
@@ -74,9 +75,12 @@ void TarnNodeAccess::Orphan(const TarnRef& child, const goods::ref<goods::set_me
 bool TarnObject::hasParent() const { return !getParent().is_null(); }
 
 xcptref<TarnObject> TarnObject::getParent(unsigned long level) const {
-  unsigned long left = level == 0 ? 1 : level;
-  return FindAncestor(*this,
-                      [left](goods::reader&, const TarnObject&) mutable { return --left == 0; });
+  return goods::read_here([&](goods::reader& reader) -> TarnRef {
+    ParentWalk walk(reader, Current(reader, *this));
+    const TarnObject* ancestor = walk.up();
+    for (unsigned long at = 1; at < level && ancestor != nullptr; ++at) ancestor = walk.up();
+    return ancestor != nullptr ? ancestor->getSelf() : TarnRef();
+  });
 }
 
 xcptref<TarnObject> TarnObject::getRootParent() const {

@@ -136,10 +136,18 @@ xcptref<TarnObject> TarnValue::CreateValue(const TarnData& value) {
 TarnData TarnValue::AddToChild(const xcptref<TarnObject>& parent, const char* name,
                                const TarnData& value) {
   const auto oneTransaction = *parent;
-  const TarnRef child = oneTransaction->getChildWithName(name);
-  if (child.is_null() || !child->isDerivedFrom(GetType())) {
-    modify(parent)->setValue(name, value);
-    return value;
+  const auto isValue = [](const TarnRef& node) {
+    return !node.is_null() && node->isDerivedFrom(GetType());
+  };
+  TarnRef child = oneTransaction->getChildWithName(name);
+  if (!isValue(child)) {
+    // Somebody else may have made it until the write access was given.
+    auto holder = modify(parent);
+    child = holder->getChildWithName(name);
+    if (!isValue(child)) {
+      holder->setValue(name, value);
+      return value;
+    }
   }
   // Write access first: between reading and writing nobody else may add.
   auto node = modify(child);

@@ -6,6 +6,8 @@
 #include <rapidcheck.h>
 #include <tarns/core/TarnObject.h>
 
+#include <atomic>
+#include <barrier>
 #include <functional>
 #include <map>
 #include <optional>
@@ -258,6 +260,52 @@ TEST(StoredTreeTest, MakesOneChildOfOneNameWhereManyThreadsSetIt) {
   for (const auto& [name, child] : tree.root()->children()) {
     EXPECT_EQ(child->getNumAbstractChildren(), 1U);
     EXPECT_EQ(child->getChildWithName("shared")->getNumAbstractChildren(), std::size_t{kThreads});
+  }
+}
+
+TEST(StoredTreeTest, FindsAncestorsWhileOthersCommit) {
+  stored_tree tree;
+  constexpr unsigned long kLevels = 500;
+  std::string path;
+  for (unsigned long i = 0; i < kLevels; ++i) path += "d~";
+  modify(tree.root())->setValue((path + "v").c_str(), TarnData(0));
+  std::atomic<bool> done = false;
+  std::jthread writer([&] {
+    tree.database().attach();
+    for (int i = 0; !done; ++i) tree.root()->set((path + "v").c_str(), TarnData(i));
+    tree.database().detach();
+  });
+  const TarnRef root = tree.root();
+  const TarnRef value = root->getChildWithName((path + "v").c_str());
+  int wrong = 0;
+  for (int i = 0; i < 2000; ++i) {
+    // The walk starts again whenever a commit comes in between.
+    if (value->getParent(kLevels + 1) != root || !value->getParent(kLevels + 2).is_null()) ++wrong;
+  }
+  done = true;
+  EXPECT_EQ(wrong, 0);
+}
+
+TEST(StoredTreeTest, AddsUpWhatManyThreadsAddToOneNewChild) {
+  stored_tree tree;
+  constexpr int kThreads = 4;
+  constexpr int kNames = 25;
+  {
+    std::barrier start(kThreads);
+    std::vector<std::jthread> threads;
+    for (int t = 0; t < kThreads; ++t) {
+      threads.emplace_back([&] {
+        tree.database().attach();
+        for (int i = 0; i < kNames; ++i) {
+          start.arrive_and_wait();
+          TarnValue::AddToChild(tree.root(), std::to_string(i).c_str(), TarnData(1));
+        }
+        tree.database().detach();
+      });
+    }
+  }
+  for (int i = 0; i < kNames; ++i) {
+    EXPECT_EQ(tree.root()->getSint32(std::to_string(i).c_str()), kThreads) << i;
   }
 }
 
