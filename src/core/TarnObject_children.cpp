@@ -150,14 +150,9 @@ xcptref<TarnObject> TarnObject::getChildWithName(std::string_view path) const {
 xcptref<TarnObject> TarnObject::getChildWithNameNoFail(const char* name, const char* type) {
   while (true) {
     if (TarnRef found = getChildWithName(name); !found.is_null()) return found;
-    const std::string_view path = ViewOf(name);
-    const TarnRef parent = MakeBranch(getSelf(), TarnBranches::ParentOf(path), path);
-    const std::string last(TarnBranches::LastOf(path));
-    auto holder = modify(parent);
-    if (holder->hasChild(last.c_str())) continue;
     TarnRef made = CreateOfType(type);
     if (made.is_null()) return made;
-    holder->addChild(last.c_str(), made);
+    if (!AddMissingNode(getSelf(), ViewOf(name), made)) continue;
     modify(made)->initialize();
     return made;
   }

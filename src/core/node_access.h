@@ -44,6 +44,11 @@ void PlaceNode(const TarnRef& from, std::string_view path, const TarnRef& node);
 // cannot be made; `forPath` is the path that the message names.
 TarnRef MakeBranch(const TarnRef& from, std::string_view path, std::string_view forPath);
 
+// Adds `node` at `path`, or puts it into the reference member there; missing branches are made as
+// by MakeBranch(). False, and nothing changed, when a node is there already. Checks all names
+// first.
+bool AddMissingNode(const TarnRef& from, std::string_view path, const TarnRef& node);
+
 // Calls `visit(entry, child)` for the entries of an index (null has none) until it returns false.
 // `visit` may do anything, change the index included.
 template <class Visit>

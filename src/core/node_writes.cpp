@@ -191,4 +191,11 @@ TarnRef MakeBranch(const TarnRef& from, std::string_view path, std::string_view 
   }
 }
 
+bool AddMissingNode(const TarnRef& from, std::string_view path, const TarnRef& node) {
+  const std::string_view whole = UpToNul(path);
+  VerifyBranches(from, whole);
+  const TarnRef parent = MakeBranch(from, TarnBranches::ParentOf(whole), whole);
+  return Attach(parent, TarnBranches::LastOf(whole), node);
+}
+
 }  // namespace tarns

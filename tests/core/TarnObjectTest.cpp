@@ -282,7 +282,13 @@ TEST_P(TarnObjectTest, MakesChildrenOnDemand) {
   EXPECT_STREQ(value->getType(), "TarnSint32Value");
   EXPECT_EQ(modify(root())->getChildWithNameNoFail("a~b~n", "TarnObject"), value);
   EXPECT_TRUE(modify(root())->getChildWithNameNoFail("a~b~m", "NoSuchClass").is_null());
-  EXPECT_THAT(names_of(root()->getChildWithName("a~b")), ElementsAre("n"));
+  const auto before = picture_of(root());
+  EXPECT_TRUE(modify(root())->getChildWithNameNoFail("x~y", "NoSuchClass").is_null());
+  for (const char* path : {"x~", "x~~y", "~x"}) {
+    EXPECT_THAT([&] { modify(root())->getChildWithNameNoFail(path, "TarnObject"); },
+                ThrowsTarn(0, HasSubstr("no child name")));
+  }
+  EXPECT_EQ(picture_of(root()), before) << "what fails makes no branches";
 }
 
 TEST_P(TarnObjectTest, WalksChildrenInBatchesWhileTheyChange) {

@@ -112,6 +112,10 @@ TEST_P(MachineTest, PutsNodesIntoReferenceMembers) {
               ThrowsTarn(12, HasSubstr("to a \"Machine\"")));
   modify(root())->setNode("press~Feeder", nullptr);
   EXPECT_TRUE(press()->getFeeder().is_null());
+  const TarnRef made = modify(root())->getChildWithNameNoFail("press~Feeder", "Machine");
+  EXPECT_EQ(press()->getFeeder(), made);
+  const TarnRef namesake = modify(press())->getChildWithNameNoFail("Speed", "TarnObject");
+  EXPECT_EQ(press()->getChildWithName("Speed"), namesake) << "a member that is no node hides none";
 }
 
 TEST_P(MachineTest, ClonesMembersWithTextsOfTheirOwn) {

@@ -138,8 +138,9 @@ class TARNS_API TarnObject : public goods::object {
   // The node at a path, or null.
   virtual xcptref<TarnObject> getChildWithName(const char* name) const;
   xcptref<TarnObject> getChildWithName(std::string_view path) const;
-  // The child; one of class `type` is made, added and initialized when there is none. Null when
-  // there is no such class. A path of several branches gets plain nodes in between.
+  // The child; one of class `type` is made, added (or put into the reference member of that name)
+  // and initialized when there is none. Null, and nothing added, when there is no such class. A
+  // path of several branches gets default children in between.
   virtual xcptref<TarnObject> getChildWithNameNoFail(const char* name, const char* type);
   // The first abstract child of exactly that class, or null.
   virtual xcptref<TarnObject> getChildOfType(const char* type) const;
