@@ -9,6 +9,7 @@
 
 #include "core/node_access.h"
 #include "core/unique_names.h"
+#include "util/c_text.h"
 
 namespace tarns {
 
@@ -124,9 +125,9 @@ bool TarnObject::hasChild(const char* name) const {
 
 const TarnObject* TarnObject::findChild(goods::reader& reader, std::string_view name) const {
   if (getClass().hasDataMembers()) {
-    const std::string text(name);
-    const TarnFieldDescriptor* field = getClass().findField(text.c_str());
-    const TarnObject* node = field != nullptr ? field->look(reader, *this, text.c_str()) : nullptr;
+    const CText text(name);
+    const TarnFieldDescriptor* field = getClass().findField(text.get());
+    const TarnObject* node = field != nullptr ? field->look(reader, *this, text.get()) : nullptr;
     if (node != nullptr) return node;
   }
   const TarnObjects* index = reader.get(children_);

@@ -4,15 +4,18 @@
 #include <tarns/core/TarnBranches.h>
 #include <tarns/schema/TarnClassDescriptor.h>
 
-#include <string>
+#include "util/c_text.h"
 
 namespace tarns {
 
 namespace {
 
-// The value of a member of `node`'s class; false when the class has none of that name.
+// The value of a member of `node`'s class; false when the class has none of exactly that name. A
+// child "Speed_total" beside a member "Speed" is a child like any other.
 bool ReadMember(const TarnObject& node, std::string_view name, TarnData& out) {
-  return node.getClass().getChildValue(node, std::string(name).c_str(), out);
+  const CText text(name);
+  const TarnFieldDescriptor* field = node.getClass().findField(text.get());
+  return field != nullptr && field->getValue(node, text.get(), out);
 }
 
 }  // namespace

@@ -11,6 +11,8 @@
 #include <cstring>
 #include <string>
 
+#include "util/c_text.h"
+
 namespace tarns {
 
 namespace {
@@ -99,7 +101,7 @@ const TarnFieldDescriptor* TarnClassDescriptor::findField(const char* name) cons
   if (const TarnFieldDescriptor* field = map.lookup(name)) return field;
   const char* separator = std::strchr(name, '_');
   if (separator == nullptr || !Stringer::IsInteger(separator + 1)) return nullptr;
-  const TarnFieldDescriptor* field = map.lookup(std::string(name, separator).c_str());
+  const TarnFieldDescriptor* field = map.lookup(CText({name, separator}).get());
   if (field == nullptr) return nullptr;
   const std::int64_t index = Stringer::Atol(separator + 1);
   const bool exists = index >= 0 && static_cast<std::uint64_t>(index) < field->getNumItems();
@@ -107,7 +109,7 @@ const TarnFieldDescriptor* TarnClassDescriptor::findField(const char* name) cons
 }
 
 const TarnFieldDescriptor* TarnClassDescriptor::findField(std::string_view name) const {
-  return hasDataMembers() ? findField(std::string(name).c_str()) : nullptr;
+  return hasDataMembers() ? findField(CText(name).get()) : nullptr;
 }
 
 bool TarnClassDescriptor::getChildValue(const TarnObject& node, const char* name,

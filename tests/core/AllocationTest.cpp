@@ -7,6 +7,7 @@
 #include <string_view>
 
 #include "core/node_access.h"
+#include "examples/Machine.h"
 #include "support/allocation_count.h"
 #include "support/stored_tree.h"
 
@@ -51,6 +52,8 @@ TEST(AllocationTest, ReadingByPathAllocatesNothingButTheTextThatItHandsOut) {
   stored_tree tree;
   modify(tree.root())->setValue("a branch of more than a few characters~b~number", TarnData(5));
   modify(tree.root())->setValue("a branch of more than a few characters~b~text", TarnData("text"));
+  modify(tree.root())->addChild("press", Machine::Create());
+  modify(tree.root())->setValue("press~Feeder~a gauge of more than a few characters", TarnData(5));
   const TarnRef root = tree.root();
   const auto read = [&](const char* name) {
     TarnData out;
@@ -58,13 +61,16 @@ TEST(AllocationTest, ReadingByPathAllocatesNothingButTheTextThatItHandsOut) {
         [&](goods::reader& reader) { return ReadValue(reader, *reader.get(root), name, out); });
     EXPECT_TRUE(found);
   };
-  const char* number = "a branch of more than a few characters~b~number";
+  const char* numbers[] = {"a branch of more than a few characters~b~number",
+                           "press~Feeder~a gauge of more than a few characters", "press~Loads_2"};
   const char* text = "a branch of more than a few characters~b~text";
-  read(number);
+  for (const char* number : numbers) read(number);
   read(text);
   const std::size_t before = allocation_count();
-  for (int i = 0; i < 10; ++i) read(number);
-  EXPECT_EQ(allocation_count(), before);
+  for (const char* number : numbers) {
+    for (int i = 0; i < 10; ++i) read(number);
+    EXPECT_EQ(allocation_count(), before) << number;
+  }
   for (int i = 0; i < 10; ++i) read(text);
   EXPECT_EQ(allocation_count(), before + 10);
 }

@@ -46,6 +46,7 @@ TEST_P(MachineTest, ReadsAndWritesMembersByPath) {
       {"press~Feeder~Speed", TarnData(5), TarnData::Sint32, "5"},
       {"press~Feeder~Feeder~Label", TarnData("x"), TarnData::String, "x"},
       {"press~wheel", TarnData(std::uint8_t{9}), TarnData::Uint8, "9"},
+      {"press~Speed_total", TarnData(std::uint16_t{8}), TarnData::Uint16, "8"},
   };
   for (const Case& c : cases) {
     SCOPED_TRACE(std::string(c.path) + " = " + c.set.getString());
@@ -58,13 +59,14 @@ TEST_P(MachineTest, ReadsAndWritesMembersByPath) {
   }
   EXPECT_EQ(press()->getLoad(2), 7.0);
   EXPECT_STREQ(press()->getFeeder()->getType(), "Machine") << "made to fit the member";
-  EXPECT_EQ(press()->getNumAbstractChildren(), 1U) << "members are no entries";
+  EXPECT_EQ(press()->getNumAbstractChildren(), 2U) << "members are no entries";
 }
 
 TEST_P(MachineTest, AnswersWhatIsNotThere) {
   TarnData value(5);
-  for (const char* path : {"press~speed", "press~Loads", "press~Loads_3", "press~Loads_x",
-                           "press~Loads_-1", "press~Feeder~Speed", "press~Speed~x"}) {
+  for (const char* path :
+       {"press~speed", "press~Loads", "press~Loads_3", "press~Loads_x", "press~Loads_-1",
+        "press~Speed_x", "press~Feeder~Speed", "press~Speed~x"}) {
     EXPECT_FALSE(root()->get(path, value)) << path;
   }
   EXPECT_EQ(value.getSint32(), 5);
