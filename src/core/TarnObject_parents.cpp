@@ -152,6 +152,7 @@ bool TarnObject::becomeParentOf(const char* name) {
 }
 
 void TarnObject::bequeathChildren(xcptref<TarnObject>& heir) {
+  if (heir.is_null()) ThrowBadRef("NULL TarnRef write dereference");
   if (heir == getSelf()) return;
   VerifyNotBelow(getSelf(), heir);
   auto node = modify(heir);

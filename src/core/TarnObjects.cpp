@@ -73,6 +73,7 @@ void TarnObjects::adopt(const goods::ref<goods::set_member>& entry,
 }
 
 void TarnObjects::insert(std::string_view name, const xcptref<TarnObject>& child) {
+  if (child.is_null()) ThrowBadRef("NULL TarnRef write dereference");
   const auto entry = goods::set_member::create(child, name);
   B_tree::insert(entry);
   adopt(entry, child);
@@ -84,6 +85,7 @@ void TarnObjects::link(std::string_view name, const xcptref<TarnObject>& child) 
 
 void TarnObjects::replaceChild(const goods::ref<goods::set_member>& entry,
                                const xcptref<TarnObject>& child) {
+  if (child.is_null()) ThrowBadRef("NULL TarnRef write dereference");
   const TarnRef replaced = TarnRef::Trusted(entry->target());
   const auto next = goods::set_member::create(child, std::string(entry->key()));
   if (!replace(entry, next)) return;

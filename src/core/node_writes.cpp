@@ -170,6 +170,7 @@ void PlaceNode(const TarnRef& from, std::string_view path, const TarnRef& node) 
       modify(place.node)->setNode(name.c_str(), node);
       return;
     }
+    if (node.is_null()) ThrowBadRef("NULL TarnRef write dereference");
     const auto first = TarnBranches(place.rest).begin();
     const TarnRef top = MakeDefaultChild(place.node, *first, whole);
     const TarnRef bottom = CompleteBranch(top, first.tail(), whole);

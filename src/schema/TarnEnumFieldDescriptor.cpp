@@ -9,7 +9,7 @@ namespace tarns {
 TarnEnumFieldDescriptor::~TarnEnumFieldDescriptor() = default;
 
 void TarnEnumFieldDescriptor::addValue(unsigned long value, const char* name) {
-  names_[static_cast<std::uint32_t>(value)] = name;
+  names_[static_cast<std::uint32_t>(value)] = name != nullptr ? name : "";
 }
 
 bool TarnEnumFieldDescriptor::getValue(const TarnObject& node, const char* name,

@@ -2,6 +2,7 @@
 #include <gtest/gtest.h>
 #include <tarns/core/TarnObject.h>
 
+#include <functional>
 #include <string>
 #include <vector>
 
@@ -61,6 +62,35 @@ TEST_P(TarnObjectTest, RefusesNamesThatCannotBeOnes) {
               ThrowsTarn(0, "NULL TarnRef write dereference"));
   EXPECT_EQ(a->getNumChildren(), 0U);
   EXPECT_FALSE(child->hasParent());
+}
+
+TEST_P(TarnObjectTest, RefusesNullWhereANodeIsNeeded) {
+  add("a");
+  const auto before = picture_of(root());
+  TarnRef null;
+  const std::vector<std::function<void(TarnObject&)>> calls = {
+      [&](TarnObject& node) { node.addChild("n", null); },
+      [&](TarnObject& node) { node.addUniqueChild("n", null); },
+      [&](TarnObject& node) { node.addUniqueToParents("n", TarnObject::Create(), null); },
+      [&](TarnObject& node) { node.addUniqueToParents("n", null, TarnObject::Create()); },
+      [&](TarnObject& node) { node.addChildrenTo(null); },
+      [&](TarnObject& node) { node.bequeathChildren(null); },
+      [&](TarnObject& node) { node.moveChild("n", null); },
+      [&](TarnObject& node) { node.copyFrom(null); },
+      [&](TarnObject& node) { node.setNode("", null); },
+      [&](TarnObject& node) { node.setNode("a", null); },
+      [&](TarnObject& node) { node.set("x~y", null); },
+      [&](TarnObject& node) { node.getChildrenOfType("TarnObject", nullptr); },
+      [&](TarnObject& node) { modify(node.getChildren())->insert("n", null); },
+  };
+  for (std::size_t i = 0; i < calls.size(); ++i) {
+    SCOPED_TRACE(i);
+    EXPECT_THAT([&] { calls[i](*modify(root())); }, ThrowsTarn(0, HasSubstr("NULL TarnRef")));
+    EXPECT_EQ(picture_of(root()), before);
+  }
+  EXPECT_FALSE(modify(root())->deleteChild(null) || modify(root())->findAndDeleteChild(null));
+  EXPECT_EQ(modify(root())->deleteChildrenWithValue("a", static_cast<const TarnData*>(nullptr)),
+            0U);
 }
 
 TEST_P(TarnObjectTest, TakesNamesOfAnyBytesUpToTheLimit) {

@@ -193,7 +193,8 @@ class TARNS_API TarnObject : public goods::object {
       const std::function<bool(const char* name, xcptref<TarnObject> child)>& test);
   unsigned long deleteChildrenOfType(const char* type);
   unsigned long deleteChildrenWithNames(const XStringList& names);  // each name's first child
-  // Those that have a value at the path `name` below them which compares equal.
+  // Those that have a value at the path `name` below them which compares equal. Nothing equals a
+  // null TarnData; a null text is the empty one.
   unsigned long deleteChildrenWithValue(const char* name, const char* text);
   unsigned long deleteChildrenWithValue(const char* name, const TarnData* value);
   // Removes the entry at `place`, which then stands at the next one (null behind the last).
