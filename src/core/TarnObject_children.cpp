@@ -86,6 +86,7 @@ XString TarnObject::addUniqueChild(const char* name, xcptref<TarnObject> child) 
 XString TarnObject::addUniqueToParents(const char* name, xcptref<TarnObject> child,
                                        xcptref<TarnObject> otherParent) {
   auto other = modify(otherParent);
+  if (otherParent == getSelf()) return addUniqueChild(name, std::move(child));
   XString unique = getUniqueChildName(name);
   while (other->hasChild(unique)) {
     unique = other->getUniqueChildName(name);

@@ -94,12 +94,6 @@ class BranchCopy {
     return goods::number_of(node.id()) != goods::root_object_number && !node->hasParent();
   }
 
-  static bool IsOwnedByEntry(const TarnRef& child, const goods::ref<goods::set_member>& entry) {
-    return goods::read_here([&](goods::reader& reader) {
-      return goods::to_reference(TarnNodeAccess::ParentLinkOf(*reader.get(child))) == entry;
-    });
-  }
-
   void copyNode(std::size_t i) {
     const TarnRef original = found_[i].first;
     const TarnRef copy = original->clone();
@@ -113,7 +107,7 @@ class BranchCopy {
     });
     ForEachEntry(original->getChildren(),
                  [&](const goods::held_entry& entry, const TarnRef& child) {
-                   if (IsOwnedByEntry(child, entry.member)) find(child);
+                   if (TarnNodeAccess::IsParentLink(child, entry.member)) find(child);
                    return true;
                  });
   }
@@ -135,7 +129,7 @@ class BranchCopy {
     xcptref<TarnObjects> index;
     ForEachEntry(children, [&](const goods::held_entry& entry, const TarnRef& child) {
       if (index.is_null()) index = TarnNodeAccess::MakeIndex(*body);
-      const bool isOwned = IsOwnedByEntry(child, entry.member);
+      const bool isOwned = TarnNodeAccess::IsParentLink(child, entry.member);
       const TarnRef inside = copyOf(child);
       if (isOwned && !inside.is_null()) {
         modify(index)->insert(entry.name, inside);

@@ -167,8 +167,13 @@ void TarnObject::bequeathChildren(xcptref<TarnObject>& heir) {
   auto index = modify(children_);
   auto target = modify(node->children_);
   ForEachEntry(children_, [&](const goods::held_entry& entry, const TarnRef& child) {
+    const bool isOwn = TarnNodeAccess::IsParentLink(child, entry.member);
     index->removeEntry(entry.member);
-    target->insert(entry.name, child);
+    if (isOwn) {
+      target->insert(entry.name, child);
+    } else {
+      target->link(entry.name, child);
+    }
     return true;
   });
 }

@@ -58,6 +58,13 @@ TarnRef FindNode(const TarnRef& from, std::string_view path) {
   });
 }
 
+bool TarnNodeAccess::IsParentLink(const TarnRef& child,
+                                  const goods::ref<goods::set_member>& entry) {
+  return goods::read_here([&](goods::reader& reader) {
+    return goods::to_reference(ParentLinkOf(*reader.get(child))) == entry;
+  });
+}
+
 const TarnObject* TarnNodeAccess::ParentOf(goods::reader& reader, const TarnObject& node) {
   const goods::set_member* link = LinkOf(reader, node);
   if (link == nullptr) return nullptr;

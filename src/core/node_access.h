@@ -70,6 +70,8 @@ class TarnNodeAccess {
   // Makes the members of `to`, of the same class, copies of those of `from`; children and parent of
   // `to` stay. Texts are copied, not shared.
   static void CopyState(const TarnObject& from, TarnObject& to);
+  // Whether `child` has its parent through `entry`.
+  static bool IsParentLink(const TarnRef& child, const goods::ref<goods::set_member>& entry);
   // Takes its parent from `child` where it has that through `entry`; null is no child.
   static void Orphan(const TarnRef& child, const goods::ref<goods::set_member>& entry);
   // The node whose child `node` is; null for none.

@@ -192,6 +192,8 @@ TEST_P(TarnObjectTest, SharesAChildBetweenTwoParents) {
   EXPECT_EQ(a->getChildWithName("item_1"), child);
   EXPECT_EQ(b->getChildWithName("item_1"), child);
   EXPECT_EQ(child->getParent(), a);
+  EXPECT_EQ(modify(a)->addUniqueToParents("once", TarnObject::Create(), a), "once");
+  EXPECT_EQ(a->getChildren()->getNumWithName("once"), 1U);
   EXPECT_TRUE(modify(a)->deleteChild("item_1"));
   EXPECT_FALSE(child->hasParent());
   EXPECT_EQ(b->getChildWithName("item_1"), child) << "lives on where it is still listed";
@@ -271,9 +273,12 @@ TEST_P(TarnObjectTest, HandsChildrenOver) {
   EXPECT_EQ(a->getNumChildren(), 0U);
   EXPECT_EQ(path_of(root()->getChildWithName("heir~x")), "heir~x");
   modify(root())->setValue("a~z", TarnData(3));
+  modify(root())->setValue("home~guest", TarnData(4));
+  root()->getChildWithName("home")->addChildrenTo(a);
   modify(a)->bequeathChildren(heir);
   reload();
-  EXPECT_THAT(names_of(root()->getChildWithName("heir")), ElementsAre("x", "y", "z"));
+  EXPECT_THAT(names_of(root()->getChildWithName("heir")), ElementsAre("guest", "x", "y", "z"));
+  EXPECT_EQ(path_of(root()->getChildWithName("heir~guest")), "home~guest");
   EXPECT_EQ(path_of(root()->getChildWithName("heir~z")), "heir~z");
   EXPECT_EQ(root()->getChildWithName("a")->getNumChildren(), 0U);
 }

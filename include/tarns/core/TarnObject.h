@@ -122,7 +122,8 @@ class TARNS_API TarnObject : public goods::object {
   // The same under getUniqueChildName(name); returns the name.
   virtual XString addUniqueChild(const char* name, xcptref<TarnObject> child);
   // Adds `child` under one name that is free in both nodes; this one becomes the parent. The name
-  // is found by asking both in turn for a unique name until it is free in both.
+  // is found by asking both in turn for a unique name until it is free in both. Once only when both
+  // are one node.
   XString addUniqueToParents(const char* name, xcptref<TarnObject> child,
                              xcptref<TarnObject> otherParent);
   // `name` itself, or an element name (name_0, name_1, ...) that no child bears. For names of fewer
@@ -229,8 +230,8 @@ class TARNS_API TarnObject : public goods::object {
   // Makes this node the parent of its child `name`, which another node may be so far. Whether there
   // is such a child; false also when the child is this node or above it.
   bool becomeParentOf(const char* name);
-  // Hands the children to `heir`: the index whole when the heir has none, else each entry. Throws 0
-  // when the heir is below this node.
+  // Hands the children to `heir`: the index whole when the heir has none, else each entry. Children
+  // that have another parent keep it. Throws 0 when the heir is below this node.
   void bequeathChildren(xcptref<TarnObject>& heir);
   // Takes `child` over from its parent: its entry there goes, and it gets one here, in place of a
   // child that bears `name` already. Throws 0 when `child` is this node or above it; otherwise as
