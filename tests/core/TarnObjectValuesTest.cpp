@@ -87,6 +87,10 @@ TEST_P(TarnObjectValuesTest, SetWritesOnlyWhatExists) {
   root()->set("a~n", TarnData("7"));
   EXPECT_EQ(root()->valueAt("a~n")->getType(), TarnData::Sint32);
   EXPECT_EQ(text("a~n"), "7");
+  root()->set("a~n", 0);
+  EXPECT_EQ(text("a~n"), "0") << "a literal 0 is a number";
+  root()->set("a~n", 12LL);
+  EXPECT_EQ(text("a~n"), "12");
   const auto before = picture_of(root());
   struct Case {
     const char* path;

@@ -293,6 +293,10 @@ class TARNS_API TarnObject : public goods::object {
   // a class's default children hold the value. Throws 9 when there is no value to write, or a
   // branch cannot be made; 11 when a node without a value is there.
   virtual void set(const char* path, const TarnData& value) const;
+  template <TarnScalar T>  // so that a literal 0 is a number here, and not the null node
+  void set(const char* path, T value) const {
+    set(path, TarnData(value));
+  }
   // Puts `node` at a path of two branches or more, as setNode() does. Throws 9 for one of fewer.
   virtual void set(const char* path, xcptref<TarnObject> node) const;
   // Writes the value at `path`, or adds a value node of the fitting class, with plain nodes for
