@@ -1,0 +1,120 @@
+#include "tools/JsonWriter.h"
+
+#include <tarns/core/TarnException.h>
+
+#include <algorithm>
+
+#include "tools/TarnJsonNodes.h"
+#include "tools/json_names.h"
+#include "tools/json_values.h"
+#include "tools/signals.h"
+
+namespace tarns {
+
+namespace {
+
+// Deeper levels are not indented further: a tree may be a million levels deep.
+constexpr std::size_t kDeepestIndentation = 32;
+
+}  // namespace
+
+void JsonWriter::write(const TarnRef& node) {
+  begin(node);
+  while (!levels_.empty()) {
+    Level& level = levels_.back();
+    auto child = level.children.next();
+    if (!child) {
+      endLevel();
+      continue;
+    }
+    level.ordinal = !level.isEmpty && child->name == level.name ? level.ordinal + 1 : 1;
+    level.name = std::move(child->name);
+    if (level.children.isArray()) {
+      if (!level.isEmpty) out_ << ',';
+      breakLine();
+      level.isEmpty = false;
+    } else {
+      writeMember(KeyOfName(level.name, level.ordinal), "");
+    }
+    begin(child->child);
+  }
+  out_ << '\n';
+}
+
+void JsonWriter::begin(const TarnRef& node) {
+  ThrowIfInterrupted();
+  const NodeView view(node);
+  if (view.isPlainValue && view.numChildren == 0) {
+    out_ << JsonOfValue(*view.value);
+    ++count_;
+  } else if (view.className == TarnJsonNull::GetType() && view.numChildren == 0) {
+    out_ << "null";
+    ++count_;
+  } else {
+    beginLevel(node, view);
+  }
+}
+
+void JsonWriter::beginLevel(const TarnRef& node, const NodeView& view) {
+  if (!openNodes_.insert(node.handle()).second) throwCircle();
+  levels_.push_back({node, ChildSource(node), "", 1, true});
+  if (levels_.back().children.isArray()) {
+    out_ << '[';
+  } else {
+    out_ << '{';
+    writeOwn(node, view);
+  }
+}
+
+void JsonWriter::writeOwn(const TarnRef& node, const NodeView& view) {
+  if (!view.isPlain && !view.isPlainValue) writeMember("~class", Quoted(view.className));
+  if (view.value) {
+    writeMember("~value", JsonOfValue(*view.value));
+    ++count_;
+  }
+  const std::vector<MemberValue> members = MembersOf(node);
+  if (members.empty()) return;
+  writeMember("~members", "{");
+  const char* separator = "";
+  for (const MemberValue& member : members) {
+    out_ << separator << Quoted(member.name) << ": " << JsonOfValue(member.value);
+    separator = ", ";
+    ++count_;
+  }
+  out_ << '}';
+}
+
+void JsonWriter::writeMember(std::string_view key, std::string_view json) {
+  Level& level = levels_.back();
+  if (!level.isEmpty) out_ << ',';
+  level.isEmpty = false;
+  breakLine();
+  out_ << Quoted(key) << ": " << json;
+}
+
+void JsonWriter::endLevel() {
+  const bool isArray = levels_.back().children.isArray();
+  const bool wasEmpty = levels_.back().isEmpty;
+  openNodes_.erase(levels_.back().node.handle());
+  levels_.pop_back();
+  if (!wasEmpty) breakLine();
+  out_ << (isArray ? ']' : '}');
+}
+
+void JsonWriter::breakLine() {
+  out_ << '\n' << std::string(2 * std::min(levels_.size(), kDeepestIndentation), ' ');
+}
+
+void JsonWriter::throwCircle() const {
+  TarnException error;
+  error << "The branch contains itself, which JSON cannot express: the node at \"";
+  const char* separator = "";
+  for (const Level& level : levels_) {
+    error << separator << level.name;
+    separator = "~";
+  }
+  error << "\" is one of those above it.";
+  throw error;
+}
+
+}  // namespace tarns

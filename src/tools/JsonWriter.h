@@ -1,0 +1,53 @@
+#pragma once
+
+#include <tarns/core/TarnObject.h>
+
+#include <cstdint>
+#include <string>
+#include <string_view>
+#include <unordered_set>
+#include <vector>
+
+#include "tools/Output.h"
+#include "tools/node_view.h"
+
+namespace tarns {
+
+// Writes branches as JSON, from which import makes the same branch again; see docs/json-form.md.
+//
+// Streams: of each level that is open it holds a batch of children. Does not recurse.
+// Errors: TarnException for what JSON cannot express, a branch that contains itself among it; what
+// was written until then stays written.
+class JsonWriter {
+ public:
+  explicit JsonWriter(Output& out) : out_(out) {}
+
+  // The branch as one JSON value, with a line break behind it.
+  void write(const TarnRef& node);
+
+  std::uint64_t getCount() const { return count_; }  // values written
+
+ private:
+  struct Level {
+    TarnRef node;
+    ChildSource children;
+    std::string name;  // of the child that is being written
+    std::size_t ordinal = 1;
+    bool isEmpty = true;  // nothing has been written yet
+  };
+
+  void begin(const TarnRef& node);
+  void beginLevel(const TarnRef& node, const NodeView& view);
+  void writeOwn(const TarnRef& node, const NodeView& view);
+  void writeMember(std::string_view key, std::string_view json);
+  void endLevel();
+  void breakLine();
+  [[noreturn]] void throwCircle() const;
+
+  Output& out_;
+  std::vector<Level> levels_;
+  std::unordered_set<const void*> openNodes_;  // handles, which levels_ holds
+  std::uint64_t count_ = 0;
+};
+
+}  // namespace tarns

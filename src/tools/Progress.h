@@ -1,0 +1,35 @@
+#pragma once
+
+#include <chrono>
+#include <cstdint>
+#include <string>
+
+#include "tools/Output.h"
+
+namespace tarns {
+
+// One line on standard error that says how far a long task is: only on a terminal, and only once
+// the task has taken a second.
+class Progress {
+ public:
+  Progress(std::string task, std::uint64_t total);  // `total` in bytes; 0: not known
+  ~Progress();                                      // wipes the line
+  Progress(const Progress&) = delete;
+  Progress& operator=(const Progress&) = delete;
+
+  // `done` in bytes; `count`: values so far. Cheap to call often.
+  void show(std::uint64_t done, std::uint64_t count);
+
+ private:
+  using Clock = std::chrono::steady_clock;
+  static constexpr unsigned kCallsPerLook = 256;  // at the clock
+
+  const bool isWanted_ = TalksToTerminal();
+  const std::string task_;
+  const std::uint64_t total_;
+  Clock::time_point next_ = Clock::now() + std::chrono::seconds(1);
+  unsigned calls_ = 0;
+  bool isShown_ = false;
+};
+
+}  // namespace tarns

@@ -1,0 +1,41 @@
+#include <memory>
+
+#include "tools/Invocation.h"
+#include "tools/JsonWriter.h"
+#include "tools/OpenDatabase.h"
+#include "tools/Output.h"
+
+namespace tarns {
+
+namespace {
+
+struct ExportOptions {
+  std::string path;
+  std::string file = "-";
+};
+
+int Export(const Invocation& invocation, const ExportOptions& options) {
+  OpenDatabase database(invocation);
+  const TarnRef node = database.node(options.path);
+  Output out(options.file);
+  JsonWriter(out).write(node);
+  out.finish();
+  return ExitStatus::kDone;
+}
+
+}  // namespace
+
+void AddExport(CLI::App& app, Invocation& invocation) {
+  CLI::App& command = AddCommand(
+      app, "export", "Write a branch as JSON, from which import makes it again",
+      "tarns -d data export machines machines.json", "tarns -d data export | gzip > all.gz");
+  auto options = std::make_shared<ExportOptions>();
+  command.add_option("PATH", options->path, "The branch; without it everything");
+  command.add_option("FILE", options->file,
+                     "The file, which appears when it is complete; - is standard output (default)");
+  command.callback([&invocation, options] {
+    invocation.action = [&invocation, options] { return Export(invocation, *options); };
+  });
+}
+
+}  // namespace tarns

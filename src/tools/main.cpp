@@ -1,0 +1,3 @@
+#include "tools/Invocation.h"
+
+int main(int argc, char** argv) { return tarns::RunCommand(argc, argv); }

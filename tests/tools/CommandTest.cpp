@@ -1,0 +1,264 @@
+// The command as people run it.
+#include <gmock/gmock.h>
+#include <signal.h>
+
+#include <chrono>
+#include <filesystem>
+#include <fstream>
+#include <thread>
+
+#include "support/killed_process.h"
+#include "support/run_program.h"
+
+namespace tarns {
+namespace {
+
+using testing::HasSubstr;
+using testing::StartsWith;
+
+class CommandTest : public testing::Test {
+ protected:
+  CommandTest() { EXPECT_EQ(run({"init"}).status, 0); }
+
+  program_result run(const std::vector<std::string>& arguments, const std::string& input = {}) {
+    std::vector<std::string> all{PROGRAM_TARNS_COMMAND, "-d", database()};
+    all.insert(all.end(), arguments.begin(), arguments.end());
+    return run_program(all, input);
+  }
+  std::string database() const { return directory_.file("db"); }
+  const scratch_directory& directory() const { return directory_; }
+
+ private:
+  scratch_directory directory_;
+};
+
+TEST_F(CommandTest, AnswersAsInTheManual) {
+  struct Case {
+    std::vector<std::string> arguments;
+    std::string input;
+    int status;
+    std::string out;
+    std::string err;  // a part of it; empty: nothing may be there
+  };
+  // One after the other on one database.
+  const Case cases[] = {
+      {{"ls"}, "", 0, "", ""},
+      {{"set", "m~press~speed", "40"}, "", 0, "", ""},
+      {{"set", "m~press~on", "true"}, "", 0, "", ""},
+      {{"set", "m~press~load", "-2.5e3"}, "", 0, "", ""},
+      {{"set", "m~press~serial", "0042"}, "", 0, "", ""},
+      {{"set", "m~saw"}, "", 0, "", ""},
+      {{"get", "m~press~speed"}, "", 0, "40\n", ""},
+      {{"get", "m~press~load", "m~press~on"}, "", 0, "-2500\ntrue\n", ""},
+      {{"--format", "table", "get", "m~press~serial", "m~press~load"},
+       "",
+       0,
+       "PATH            TYPE    VALUE\nm~press~serial  String  0042\n"
+       "m~press~load    Double  -2500\n",
+       ""},
+      {{"get", "m~press"}, "", 1, "", "No value exists at the specified path \"m~press\"."},
+      {{"get", "m~x"}, "", 1, "", "The specified path \"m~x\" does not exist."},
+      {{"set", "m~press", "5"}, "", 3, "", "Cannot store value \"5\""},
+      {{"ls", "m"}, "", 0, "press\nsaw\n", ""},
+      {{"ls", "m~press", "--after", "on", "--limit", "1"}, "", 0, "serial\n", ""},
+      {{"ls", "--format", "table", "m"},
+       "",
+       0,
+       "NAME   TYPE  VALUE\npress  Node  (4 children)\nsaw    Node  (0 children)\n",
+       ""},
+      {{"ls", "--format", "json", "m~press", "--limit", "2"},
+       "",
+       0,
+       "[\n  {\"name\": \"load\", \"type\": \"Double\", \"value\": -2500.0, \"children\": 0},\n"
+       "  {\"name\": \"on\", \"type\": \"Boolean\", \"value\": true, \"children\": 0}\n]\n",
+       ""},
+      {{"ls", "nowhere"}, "", 1, "", "\"nowhere\" does not exist."},
+      {{"tree", "m"},
+       "",
+       0,
+       "m\n├── press\n│   ├── load = -2500\n│   ├── on = true\n│   ├── serial = 0042\n"
+       "│   └── speed = 40\n└── saw\n",
+       ""},
+      {{"tree", "m", "--depth", "1"}, "", 0, "m\n├── press (4 children)\n└── saw\n", ""},
+      {{"--format", "raw", "tree", "m"},
+       "",
+       0,
+       "press~load=-2500\npress~on=true\npress~serial=0042\npress~speed=40\n",
+       ""},
+      {{"find", "--name", "s*"}, "", 0, "m~press~serial\nm~press~speed\nm~saw\n", ""},
+      {{"find", "m~press", "--value", "4?", "--type", "Sint64"}, "", 0, "m~press~speed\n", ""},
+      {{"find", "--format", "json", "--value", "0042"},
+       "",
+       0,
+       "[\n  {\"path\": \"m~press~serial\", \"type\": \"String\", \"value\": \"0042\"}\n]\n",
+       ""},
+      {{"find", "--name", "none"}, "", 1, "", ""},
+      {{"set", "m~press~speed", "fast"}, "", 2, "", "\"fast\" is no Sint64."},
+      {{"set", "m~press~speed", "fast", "--type", "String"}, "", 0, "", ""},
+      {{"set", "m~press~speed", "300", "--type", "Uint8"}, "", 2, "", "\"300\" is no Uint8."},
+      {{"set", "m~press~speed", "30", "--type", "uint8"}, "", 0, "", ""},
+      {{"set", "m~press~speed", "1", "--type", "Wide"}, "", 2, "", "There is no type \"Wide\"."},
+      {{"get", "--format", "json", "m~press~speed"}, "", 0, "{\"~Uint8\": 30}\n", ""},
+      {{"set", "m~note", "--file", "-"}, "line 1\nline 2\n", 0, "", ""},
+      {{"--format", "raw", "get", "m~note"}, "", 0, "line 1\nline 2\n", ""},
+      {{"set", "n", "--", "-x"}, "", 0, "", ""},
+      {{"get", "n"}, "", 0, "-x\n", ""},
+      {{"cp", "m~press", "c~press"}, "", 0, "", ""},
+      {{"mv", "c~press", "c~moved"}, "", 0, "", ""},
+      {{"mv", "c", "c~below"}, "", 3, "", "lies within the branch itself"},
+      {{"mv", "c~nothing", "d"}, "", 1, "", "\"c~nothing\" does not exist."},
+      {{"set", "c~more~on", "false"}, "", 0, "", ""},
+      {{"mv", "c~more", "c~moved", "--merge", "--keep"}, "", 0, "", ""},
+      {{"get", "c~moved~on"}, "", 0, "true\n", ""},
+      {{"mv", "a", "b", "--keep"}, "", 2, "", "--merge"},
+      {{"rm", "c", "nothing"}, "", 1, "", "\"nothing\" does not exist."},
+      {{"rm", "c", "n", "m~note"}, "", 0, "", ""},
+      {{"rm", ""}, "", 2, "", "root"},
+      {{"ls"}, "", 0, "m\n", ""},
+      {{"export", "m~saw"}, "", 0, "{}\n", ""},
+      {{"import", "-", "m~saw"}, "{\"a\": [1, {}, []]}", 0, "", ""},
+      {{"export", "m~saw", "-"}, "", 0, "{\n  \"a\": [\n    1,\n    {},\n    []\n  ]\n}\n", ""},
+  };
+  for (const Case& c : cases) {
+    SCOPED_TRACE(testing::PrintToString(c.arguments));
+    const program_result result = run(c.arguments, c.input);
+    EXPECT_EQ(result.status, c.status);
+    EXPECT_EQ(result.out, c.out);
+    if (c.err.empty()) {
+      EXPECT_EQ(result.err, "");
+    } else {
+      EXPECT_THAT(result.err, HasSubstr(c.err));
+    }
+  }
+}
+
+TEST_F(CommandTest, MistakesInUseAndMissingDatabases) {
+  struct Case {
+    std::vector<std::string> arguments;
+    int status;
+    const char* err;
+  };
+  const std::string command = PROGRAM_TARNS_COMMAND;
+  const std::string nowhere = directory().file("nowhere");
+  std::ofstream(directory().file("bad.conf")) << "1\nnonsense\n";
+  const Case cases[] = {
+      {{command}, 2, "subcommand"},
+      {{command, "fly"}, 2, "subcommand"},
+      {{command, "-d", database(), "get"}, 2, "PATH"},
+      {{command, "-d", database(), "--format", "xml", "ls"}, 2, "xml"},
+      {{command, "-d", database(), "ls", "--limit", "many"}, 2, "many"},
+      {{command, "ls"}, 2, "TARNS_DB"},
+      {{command, "-d", nowhere, "ls"}, 3, "There is no database"},
+      {{command, "-d", directory().file("bad.conf"), "ls"}, 3, "nonsense"},
+      {{command, "-d", database(), "init"}, 3, "already"},
+      {{command, "-d", database(), "import", nowhere}, 3, "Cannot read"},
+      {{command, "-d", database(), "export", "", "/nowhere/x"}, 3, "Cannot write"},
+  };
+  for (const Case& c : cases) {
+    SCOPED_TRACE(testing::PrintToString(c.arguments));
+    const program_result result = run_program(c.arguments);
+    EXPECT_EQ(result.status, c.status);
+    EXPECT_THAT(result.err, HasSubstr(c.err));
+    EXPECT_EQ(result.out, "");
+  }
+  EXPECT_FALSE(std::filesystem::exists(nowhere));
+}
+
+TEST_F(CommandTest, EveryHelpEndsWithTwoExamples) {
+  for (const char* name :
+       {"init", "get", "set", "ls", "tree", "rm", "cp", "mv", "find", "stat", "import", "export"}) {
+    SCOPED_TRACE(name);
+    const program_result result = run_program({PROGRAM_TARNS_COMMAND, name, "--help"});
+    EXPECT_EQ(result.status, 0);
+    const std::size_t examples = result.out.find("Examples:\n");
+    ASSERT_NE(examples, std::string::npos);
+    const std::string rest = result.out.substr(examples);
+    EXPECT_EQ(std::count(rest.begin(), rest.end(), '\n'), 3) << rest;
+    EXPECT_THAT(rest, HasSubstr(std::string(" ") + name));
+  }
+}
+
+TEST_F(CommandTest, ControlBytesAreShownAsEscapes) {
+  const std::string name = "a\x1b[2J\n\xFF\xE2\x80\xAE";  // an escape sequence, RIGHT-TO-LEFT
+  ASSERT_EQ(run({"set", name, "\x1b]0;x\x07"}).status, 0);
+  const std::string shown = "a\\u{1b}[2J\\n\\xff\\u{202e}";
+  EXPECT_EQ(run({"ls"}).out, shown + "\n");
+  EXPECT_EQ(run({"ls", "--format", "raw"}).out, name + "\n");
+  EXPECT_EQ(run({"tree"}).out, "(root)\n└── " + shown + " = \\u{1b}]0;x\\u{7}\n");
+  EXPECT_EQ(run({"find"}).out, shown + "\n");
+  const program_result failure = run({"get", "\x1b[31m"});
+  EXPECT_EQ(failure.err, "tarns: The specified path \"\\u{1b}[31m\" does not exist.\n");
+  for (const char* command : {"export", "stat"}) {
+    EXPECT_EQ(run({command}).out.find('\x1b'), std::string::npos) << command;
+  }
+}
+
+TEST_F(CommandTest, WaitsForADatabaseThatIsInUseAndThenGivesUp) {
+  // Reads from a pipe that nobody writes to, with the database open.
+  const std::string pipe = directory().file("pipe");
+  ASSERT_EQ(::mkfifo(pipe.c_str(), 0600), 0);
+  killed_process holder({PROGRAM_TARNS_COMMAND, "-d", database(), "import", pipe, "x"});
+  std::ofstream writer(pipe);
+  writer << "{\"a\": 1, " << std::string(70'000, ' ') << std::flush;
+  program_result result{};
+  const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(20);
+  do {
+    result = run({"--wait", "0.2", "ls"});
+  } while (result.status == 0 && std::chrono::steady_clock::now() < deadline);
+  EXPECT_EQ(result.status, 3);
+  EXPECT_THAT(result.err, HasSubstr(database()));
+  holder.kill_after(std::chrono::microseconds(0));
+  EXPECT_EQ(run({"ls"}).out, "");
+}
+
+TEST_F(CommandTest, AnInterruptedImportLeavesNothingOrItsBatches) {
+  struct Case {
+    std::vector<std::string> options;
+    const char *err, *left;
+  };
+  const Case cases[] = {
+      {{}, "Nothing was imported.", ""},
+      {{"--batch", "2"}, "The first 2 values were imported.", "a\nb\n"},
+  };
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.err);
+    const std::string pipe = directory().file("pipe");
+    std::filesystem::remove(pipe);
+    ASSERT_EQ(::mkfifo(pipe.c_str(), 0600), 0);
+    std::string script = "\"$0\" \"$@\" < '" + pipe + "' & sleep 0.1; exec 3> '" + pipe +
+                         "'; printf '{\"a\": 1, \"b\": 2, \"c\": 3, ' >&3; "
+                         "head -c 70000 /dev/zero | tr '\\0' ' ' >&3; sleep 1; "
+                         "kill -INT $!; printf '\"d\": 4' >&3; exec 3>&-; wait $!";
+    std::vector<std::string> arguments{"/bin/bash", "-mc",      script,   PROGRAM_TARNS_COMMAND,
+                                       "-d",        database(), "import", "-"};
+    arguments.insert(arguments.end(), c.options.begin(), c.options.end());
+    const program_result result = run_program(arguments);
+    EXPECT_EQ(result.status, 128 + SIGINT);
+    EXPECT_THAT(result.err, HasSubstr(c.err));
+    EXPECT_EQ(run({"ls"}).out, c.left);
+  }
+}
+
+TEST_F(CommandTest, AClosedPipeEndsItWithoutAWord) {
+  std::string json = "{";
+  for (int i = 0; i < 20'000; ++i) json += "\"name " + std::to_string(i) + "\": 1, ";
+  ASSERT_EQ(run({"import", "-"}, json + "\"x\": 1}").status, 0);
+  const program_result result =
+      run_program({"/bin/bash", "-c", "\"$0\" -d \"$1\" ls | head -n 1; echo ${PIPESTATUS[0]}",
+                   PROGRAM_TARNS_COMMAND, database()});
+  EXPECT_EQ(result.out, "name 0\n" + std::to_string(128 + SIGPIPE) + "\n");
+  EXPECT_EQ(result.err, "");
+}
+
+TEST_F(CommandTest, AFileAppearsWhenItIsComplete) {
+  const std::string file = directory().file("out.json");
+  ASSERT_EQ(run({"set", "a", "1"}).status, 0);
+  EXPECT_EQ(run({"export", "", file}).status, 0);
+  std::ifstream in(file);
+  EXPECT_EQ(std::string(std::istreambuf_iterator<char>(in), {}), "{\n  \"a\": 1\n}\n");
+  EXPECT_EQ(run({"export", "missing", file + "2"}).status, 1);
+  EXPECT_FALSE(std::filesystem::exists(file + "2"));
+}
+
+}  // namespace
+}  // namespace tarns
