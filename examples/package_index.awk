@@ -2,7 +2,8 @@
 #   {"bash": {"Version": "5.2.15-2+b8", "Installed-Size": 7164, ...}, ...}
 #
 # Size and Installed-Size become integers, everything else text. Lines that continue a field keep
-# their line breaks. Run it with LC_ALL=C: text passes through byte for byte.
+# their line breaks. Of several stanzas for one package the first counts. Run it with LC_ALL=C: text
+# passes through byte for byte.
 
 function quoted(text) {
   gsub(/\\/, "\\\\&", text)
@@ -22,7 +23,7 @@ function end_field() {
 
 function end_package() {
   end_field()
-  if (name != "") printf "%s\n%s: {%s}", (packages++ ? "," : ""), quoted(name), fields
+  if (name != "" && !seen[name]++) printf "%s\n%s: {%s}", (packages++ ? "," : ""), quoted(name), fields
   name = fields = ""
 }
 
