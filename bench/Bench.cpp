@@ -47,7 +47,7 @@ bool Bench::wants(std::string_view item) const {
 }
 
 BenchStore::Options Bench::optionsOf(const std::string& peer) const {
-  return {options_.scratch / peer};
+  return {options_.scratch / peer, options_.cacheBytes};
 }
 
 std::unique_ptr<BenchStore> Bench::open(const std::string& peer) const {

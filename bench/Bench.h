@@ -18,12 +18,13 @@
 namespace tarns::bench {
 
 struct BenchOptions {
-  std::vector<std::string> items = {};  // empty: all of Bench::Items()
-  std::vector<std::string> peers = {};  // in the order in which they run
-  std::filesystem::path scratch = {};   // a directory of our own
-  bool quick = false;                   // a tenth of the reads, writes and children
-  bool dropCaches = false;              // empty the page cache before each cold process
-  int rounds = 3;                       // of what only reads; the median counts
+  std::vector<std::string> items = {};              // empty: all of Bench::Items()
+  std::vector<std::string> peers = {};              // in the order in which they run
+  std::filesystem::path scratch = {};               // a directory of our own
+  bool quick = false;                               // a tenth of the reads, writes and children
+  bool dropCaches = false;                          // empty the page cache before each cold process
+  std::size_t cacheBytes = std::size_t{256} << 20;  // for each peer, but where an item says its own
+  int rounds = 3;                                   // of what only reads; the median counts
 };
 
 // The run: fills a store of each peer with the index, then lets all of them do each item in turn

@@ -10,6 +10,7 @@
 #include <cstdio>
 #include <sstream>
 #include <stdexcept>
+#include <string_view>
 #include <vector>
 
 #include "Machine.h"
@@ -49,9 +50,10 @@ std::string OutputOf(std::vector<std::string> arguments) {
 
 ColdResult RunColdProcess(const ColdRequest& request) {
   const std::string self = std::filesystem::read_symlink("/proc/self/exe");
-  std::istringstream answer(OutputOf(
-      {self, "--cold", std::to_string(static_cast<int>(request.task)), request.peer,
-       request.options.directory, std::to_string(request.options.cacheBytes), request.paths}));
+  std::istringstream answer(
+      OutputOf({self, "--cold", std::to_string(static_cast<int>(request.task)), request.peer,
+                request.options.directory, std::to_string(request.options.cacheBytes),
+                request.paths, Stopwatch::CountsProcessorTime() ? "processor" : "wall"}));
   ColdResult result;
   answer >> result.seconds >> result.reads >> result.digests >> result.walked >> result.walkSum >>
       result.peakBytes;
@@ -60,9 +62,10 @@ ColdResult RunColdProcess(const ColdRequest& request) {
 }
 
 void ServeColdProcess(int count, char** arguments) {
-  if (count != 5) throw std::invalid_argument("--cold is for the benchmark's own use.");
+  if (count != 6) throw std::invalid_argument("--cold is for the benchmark's own use.");
   const auto task = static_cast<ColdTask>(std::stoi(arguments[0]));
   const BenchStore::Options options = {arguments[2], std::stoull(arguments[3])};
+  if (std::string_view(arguments[5]) == "processor") Stopwatch::CountProcessorTime();
   PathList paths;
   if (task != ColdTask::kWalk) paths = PathList::Load(arguments[4]);
 

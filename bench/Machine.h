@@ -1,6 +1,7 @@
 #pragma once
 
-#include <chrono>
+#include <time.h>
+
 #include <cstdint>
 #include <filesystem>
 #include <string>
@@ -10,12 +11,30 @@ namespace tarns::bench {
 // Runs since it was made.
 class Stopwatch {
  public:
-  double seconds() const {
-    return std::chrono::duration<double>(std::chrono::steady_clock::now() - start_).count();
-  }
+  Stopwatch() : Stopwatch(clock_) {}
+  // One that always counts the time on the wall.
+  static Stopwatch Wall() { return Stopwatch(CLOCK_MONOTONIC); }
+
+  double seconds() const { return Now(mine_) - start_; }
+
+  // From now on all others count the processor time of their thread: for a machine that others use
+  // at the same time. What a peer leaves to other threads or waits for does not count then.
+  static void CountProcessorTime() { clock_ = CLOCK_THREAD_CPUTIME_ID; }
+  static bool CountsProcessorTime() { return clock_ == CLOCK_THREAD_CPUTIME_ID; }
 
  private:
-  std::chrono::steady_clock::time_point start_ = std::chrono::steady_clock::now();
+  explicit Stopwatch(clockid_t clock) : mine_(clock) {}
+
+  static double Now(clockid_t clock) {
+    timespec now = {};
+    clock_gettime(clock, &now);
+    return static_cast<double>(now.tv_sec) + static_cast<double>(now.tv_nsec) * 1e-9;
+  }
+
+  static inline clockid_t clock_ = CLOCK_MONOTONIC;  // set before anything is measured
+
+  clockid_t mine_;
+  double start_ = Now(mine_);
 };
 
 struct Machine {

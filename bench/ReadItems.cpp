@@ -1,5 +1,6 @@
 #include <fmt/format.h>
 
+#include <algorithm>
 #include <barrier>
 #include <chrono>
 
@@ -12,22 +13,28 @@ namespace {
 
 using Clock = std::chrono::steady_clock;
 
+// One round of one thread.
+struct Span {
+  Clock::time_point start, end;
+  double seconds;  // of the reads alone, by Stopwatch
+};
+
 // Reads per second of several threads that start together, the median of some rounds. Every thread
 // first reads all values, so that what the peer keeps in memory is there.
 double HotReadsPerSecond(BenchStore& store, const std::string& peer, const Reads& all,
                          const std::vector<Reads>& parts, int rounds) {
   const auto threads = static_cast<std::ptrdiff_t>(parts.size());
   std::barrier ready(threads);
-  std::vector<std::vector<Clock::time_point>> starts(parts.size()), ends(parts.size());
+  std::vector<std::vector<Span>> spans(parts.size());
   RunThreads(parts.size(), [&](std::size_t i) {
     try {
       const auto session = store.session();
       TimeReads(*session, all, peer);
       for (int round = 0; round < rounds; ++round) {
         ready.arrive_and_wait();
-        starts[i].push_back(Clock::now());
-        TimeReads(*session, parts[i], peer);
-        ends[i].push_back(Clock::now());
+        const auto start = Clock::now();
+        const double seconds = TimeReads(*session, parts[i], peer);
+        spans[i].push_back({start, Clock::now(), seconds});
       }
     } catch (...) {
       ready.arrive_and_drop();  // or the others would wait for ever
@@ -40,11 +47,12 @@ double HotReadsPerSecond(BenchStore& store, const std::string& peer, const Reads
   for (std::size_t round = 0; round < static_cast<std::size_t>(rounds); ++round) {
     Clock::time_point first = Clock::time_point::max(), last = Clock::time_point::min();
     for (std::size_t i = 0; i < parts.size(); ++i) {
-      first = std::min(first, starts[i][round]);
-      last = std::max(last, ends[i][round]);
+      first = std::min(first, spans[i][round].start);
+      last = std::max(last, spans[i][round].end);
     }
-    figures.push_back(static_cast<double>(reads) /
-                      std::chrono::duration<double>(last - first).count());
+    const double seconds = parts.size() == 1 ? spans[0][round].seconds
+                                             : std::chrono::duration<double>(last - first).count();
+    figures.push_back(static_cast<double>(reads) / seconds);
   }
   return Median(std::move(figures));
 }

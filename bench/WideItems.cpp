@@ -96,7 +96,7 @@ void Bench::wide() {
   const Children children(scaled(1'000'000));
   const auto count = static_cast<double>(children.fields().size());
   const auto openWide = [&](const std::string& peer) {
-    return BenchStore::Open(peer, {options_.scratch / (peer + "-wide")});
+    return BenchStore::Open(peer, {options_.scratch / (peer + "-wide"), options_.cacheBytes});
   };
   measure("wide node: load", "values/s", {}, [&](const std::string& peer) {
     return count / SecondsToLoad(*openWide(peer), children);

@@ -90,7 +90,7 @@ void Bench::updates(const std::string& item, std::optional<Target> target,
   for (std::size_t from = 0; from < updates.size(); from += sliceSize) {
     const auto slice = std::span(updates).subspan(from, std::min(sliceSize, updates.size() - from));
     for (const std::string& peer : options_.peers) {
-      const Stopwatch watch;
+      const Stopwatch watch = Stopwatch::Wall();
       RunThreads(threads, [&](std::size_t i) {
         const std::size_t first = slice.size() * i / threads;
         const std::size_t end = slice.size() * (i + 1) / threads;

@@ -16,6 +16,7 @@
 
 #include "Bench.h"
 #include "ColdProcess.h"
+#include "Machine.h"
 
 namespace tarns::bench {
 namespace {
@@ -29,6 +30,10 @@ constexpr const char* kUsage =
     "  --packages N      only the first N packages of the index\n"
     "  --index FILE      stanzas to store instead of the output of apt-cache dumpavail\n"
     "  --rounds N        of what only reads; the median counts (3)\n"
+    "  --cache-mib N     what each peer may keep in memory (256)\n"
+    "  --cpu-time        count the processor time of the thread that works, where it is one "
+    "thread:\n"
+    "                    for a machine that others use at the same time\n"
     "  --drop-caches     empty the system's page cache before each cold process (needs root)\n"
     "  --dir DIR         make the scratch directory in DIR instead of the current directory\n"
     "  --keep            keep the scratch directory\n"
@@ -85,6 +90,8 @@ Arguments Parse(int argc, char** argv) {
                           {"packages", required_argument, nullptr, 'n'},
                           {"index", required_argument, nullptr, 'x'},
                           {"rounds", required_argument, nullptr, 'r'},
+                          {"cache-mib", required_argument, nullptr, 'm'},
+                          {"cpu-time", no_argument, nullptr, 't'},
                           {"drop-caches", no_argument, nullptr, 'c'},
                           {"dir", required_argument, nullptr, 'd'},
                           {"keep", no_argument, nullptr, 'k'},
@@ -112,6 +119,12 @@ Arguments Parse(int argc, char** argv) {
         break;
       case 'r':
         arguments.bench.rounds = static_cast<int>(ParseCount(optarg));
+        break;
+      case 'm':
+        arguments.bench.cacheBytes = ParseCount(optarg) << 20;
+        break;
+      case 't':
+        Stopwatch::CountProcessorTime();
         break;
       case 'c':
         arguments.bench.dropCaches = true;
@@ -164,11 +177,13 @@ void Run(const Arguments& arguments) {
   BenchOptions options = arguments.bench;
   options.scratch = scratch.path();
 
-  Report report(DescribeMachine(),
-                fmt::format("{} packages, {} values of {:.1f} MiB in all, {} duplicates skipped{}",
-                            index.packages().size(), index.fields().size(),
-                            static_cast<double>(index.valueBytes()) / (1 << 20), index.duplicates(),
-                            options.quick ? ", quick" : ""));
+  Report report(
+      DescribeMachine(),
+      fmt::format("{} packages, {} values of {:.1f} MiB in all, {} duplicates skipped{}",
+                  index.packages().size(), index.fields().size(),
+                  static_cast<double>(index.valueBytes()) / (1 << 20), index.duplicates(),
+                  fmt::format("{}{}", options.quick ? ", quick" : "",
+                              Stopwatch::CountsProcessorTime() ? ", processor time" : "")));
   report.printHead();
   Workload workload(index);
   Bench(options, workload, report).run();
