@@ -126,7 +126,7 @@ TarnRef MakeValueBranch(const TarnRef& node, std::string_view missing, const Tar
   const bool isValue = first.isLast();
   if (isValue && rule == Missing::kRefuse) ThrowNoValueToSet(path);
   if (isValue) return TarnValue::CreateValue(value);
-  const TarnRef top = MakeDefaultChild(node, *first, path);
+  TarnRef top = MakeDefaultChild(node, *first, path);
   const std::string_view name = TarnBranches::LastOf(missing);
   const TarnRef bottom = CompleteBranch(top, TarnBranches::ParentOf(first.tail()), path);
   const Place place = Locate(bottom, name, Sought::kValue);

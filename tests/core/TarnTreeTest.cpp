@@ -185,7 +185,7 @@ Model ModelOf(const TarnRef& root) {
     const auto [path, node] = open.back();
     open.pop_back();
     for (const auto& [name, child] : node->children()) {
-      const std::string at = path.empty() ? name : path + "~" + name;
+      const std::string at = joined(path, name);
       const auto value = child->valueAt("");
       model[at] = value ? std::optional(value->getSint64()) : std::nullopt;
       RC_ASSERT(path_of(child) == "top~" + at);
@@ -243,6 +243,7 @@ TEST(StoredTreeTest, MakesOneChildOfOneNameWhereManyThreadsSetIt) {
   constexpr int kPaths = 25;
   {
     std::vector<std::jthread> threads;
+    threads.reserve(kThreads);
     for (int t = 0; t < kThreads; ++t) {
       threads.emplace_back([&, t] {
         tree.database().attach();

@@ -76,6 +76,13 @@ inline std::string path_of(const tarns::TarnRef& node) {
   return std::string(path.view());
 }
 
+// The path of a child of the node at `path`.
+inline std::string joined(const std::string& path, const std::string& name) {
+  std::string whole = path;
+  if (!whole.empty()) whole += '~';
+  return whole += name;
+}
+
 // Every node and value below a node: path to class and value. Links that lead upwards are not
 // followed.
 inline std::map<std::string, std::string> picture_of(const tarns::TarnRef& top) {
@@ -89,7 +96,7 @@ inline std::map<std::string, std::string> picture_of(const tarns::TarnRef& top) 
     picture[path] = std::string(node->getType()) + "=" + value.getString();
     for (const auto& [name, child] : node->children()) {
       if (child->getParent() == node) {
-        open.emplace_back(path.empty() ? name : path + "~" + name, child);
+        open.emplace_back(joined(path, name), child);
       }
     }
   }

@@ -30,6 +30,8 @@
 #include <tarns/core/xcptref.h>
 #include <tarns/schema/TarnClassDescriptor.h>
 
+// NOLINTBEGIN(bugprone-macro-parentheses): arguments are names of classes
+
 // Within the class; opens with public and leaves private. Declares the identity of the class:
 //   self_class, SelfClass()  the class descriptor; the function also works during static
 //                            initialisation of other source files
@@ -70,3 +72,5 @@
     return registration.getDescriptor();                                                     \
   }                                                                                          \
   ::tarns::TarnClassDescriptor& Class::self_class = Class::SelfClass()
+
+// NOLINTEND(bugprone-macro-parentheses)
