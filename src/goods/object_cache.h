@@ -96,7 +96,7 @@ class object_cache {
   enum class outcome { kept, stale, handle_dropped };
   outcome keep_loaded(object_handle& handle, object* fresh, commit_version as_of, object*& body);
   // Notices of one storage in their order.
-  using news = std::pair<storage_number, std::vector<std::shared_ptr<const notice>>>;
+  using storage_news = std::pair<storage_number, std::vector<std::shared_ptr<const notice>>>;
   void take_news(storage_number storage, commit_version through);
   void publish_news() noexcept;
   void apply(const notice& news, storage_number storage);
@@ -112,7 +112,7 @@ class object_cache {
   std::recursive_mutex publishing_;
   std::vector<std::unique_ptr<notice_subscription>>
       notices_;                                       // by storage; take() under publishing_
-  std::vector<news> news_;                            // under publishing_: taken, not published
+  std::vector<storage_news> news_;                    // under publishing_: taken, not published
   std::vector<std::atomic<commit_version>> applied_;  // by storage; set under publishing_
   std::atomic<std::uint64_t> publish_count_{0};
   std::atomic<std::uint64_t> relinks_{0};

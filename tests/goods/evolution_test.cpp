@@ -328,7 +328,7 @@ TEST(EvolutionTest, LayoutsOfMoreMemoryThanAllowedAreRefused) {
     return dbs_field_descriptor{"m", type, ref_kind::counted, size, n_items, std::move(components)};
   };
   const auto text = member(field_type::text, 1, most);
-  const auto number = member(field_type::signed_integer, 8, 1);
+  const auto integer = member(field_type::signed_integer, 8, 1);
   struct Case {
     const char* what;
     dbs_field_descriptor field;
@@ -337,10 +337,10 @@ TEST(EvolutionTest, LayoutsOfMoreMemoryThanAllowedAreRefused) {
       {"many large items", member(field_type::structure, 0, most, {text})},
       {"many large components", member(field_type::structure, 1, 1, {text, text})},
       {"gaps", member(field_type::structure, 1, most / 12,
-                      {member(field_type::text, 1, 1), number, member(field_type::text, 1, 1)})},
+                      {member(field_type::text, 1, 1), integer, member(field_type::text, 1, 1)})},
       {"structures in structures",
        member(field_type::structure, 1, 4096,
-              {member(field_type::structure, 1, 4096, {number, number})})},
+              {member(field_type::structure, 1, 4096, {integer, integer})})},
   };
   for (const Case& c : cases) {
     SCOPED_TRACE(c.what);
