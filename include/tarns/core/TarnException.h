@@ -21,19 +21,19 @@ struct ErrorID {
   static constexpr unsigned long CannotMutate = 11;      // another class, or a node without value
   static constexpr unsigned long BadTypecast = 12;       // a reference to another class
   static constexpr unsigned long ClassDefinitionDomain = 14;  // the number of a class layout
-  static constexpr unsigned long BadExportFile = 15;     // an export file that cannot be read
-  static constexpr unsigned long TempFileFailure = 16;   // a temporary file cannot be written
-  static constexpr unsigned long FileNotFound = 17;      // there is no such file
-  static constexpr unsigned long Deadlock = 100;         // transactions waited for each other
-  static constexpr unsigned long LockTimeOut = 101;      // a lock was not given in time
-  static constexpr unsigned long IOFailure = 102;        // input or output failed
-  static constexpr unsigned long StorageFull = 103;      // no room is left
-  static constexpr unsigned long CorruptData = 104;      // stored data is damaged
-  static constexpr unsigned long DatabaseInUse = 105;    // another process holds the database
-  static constexpr unsigned long OutcomeUnknown = 106;   // a commit may or may not have happened
-  static constexpr unsigned long ReadOnly = 107;         // the database cannot be changed
-  static constexpr unsigned long ObjectGone = 108;       // the object no longer exists
-  static constexpr unsigned long NewerVersion = 109;     // written by a newer version of tarns
+  static constexpr unsigned long BadExportFile = 15;          // an export file that cannot be read
+  static constexpr unsigned long TempFileFailure = 16;        // a temporary file cannot be written
+  static constexpr unsigned long FileNotFound = 17;           // there is no such file
+  static constexpr unsigned long Deadlock = 100;              // transactions waited for each other
+  static constexpr unsigned long LockTimeOut = 101;           // a lock was not given in time
+  static constexpr unsigned long IOFailure = 102;             // input or output failed
+  static constexpr unsigned long StorageFull = 103;           // no room is left
+  static constexpr unsigned long CorruptData = 104;           // stored data is damaged
+  static constexpr unsigned long DatabaseInUse = 105;         // another process holds the database
+  static constexpr unsigned long OutcomeUnknown = 106;     // a commit may or may not have happened
+  static constexpr unsigned long ReadOnly = 107;           // the database cannot be changed
+  static constexpr unsigned long ObjectGone = 108;         // the object no longer exists
+  static constexpr unsigned long NewerVersion = 109;       // written by a newer version of tarns
   static constexpr unsigned long ThreadNotAttached = 110;  // the thread must attach() first
 };
 

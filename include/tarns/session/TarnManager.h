@@ -124,9 +124,9 @@ class TARNS_API TarnManager {
   void clearNumBytesFromDatabase();
   void clearNumBytesFromStorage(unsigned long id);
 
-  // Removes objects that are no longer reachable and that no session holds a reference to, and gives
-  // their room back; returns when that is done, while other threads may go on working. False when a
-  // collection is running already. See goods::database::start_gc.
+  // Removes objects that are no longer reachable and that no session holds a reference to, and
+  // gives their room back; returns when that is done, while other threads may go on working. False
+  // when a collection is running already. See goods::database::start_gc.
   bool startGarbageCollection();
 
   // --- Reading values: conversions are TarnData's -----------------------------------------------
