@@ -1,12 +1,12 @@
 #!/usr/bin/env bash
 # Installs the library, moves the installed tree elsewhere, and builds and runs a small outside project
-# against it: through the CMake package, then through pkg-config.
+# against it: through the CMake package, then through pkg-config. The project's program is the one in
+# the README.
 #
-# usage: run.sh BUILD_DIRECTORY C++_COMPILER EXPECTED_OUTPUT
+# usage: run.sh BUILD_DIRECTORY C++_COMPILER
 set -euo pipefail
 build=$1
 compiler=$2
-expected=$3
 here=$(cd "$(dirname "${BASH_SOURCE[0]}")" && pwd)
 
 work=$(mktemp -d)
@@ -14,29 +14,37 @@ trap 'rm -rf "$work"' EXIT
 cmake --install "$build" --prefix "$work/first" >/dev/null
 mv "$work/first" "$work/tree"
 library=$(find "$work/tree" -name libtarns.so)
+mkdir "$work/project"
+cp "$here/CMakeLists.txt" "$work/project/"
+sed -n '/^```cpp$/,/^```$/{/^```/!p}' "$here/../../README.md" >"$work/project/main.cpp"
 
 fail() {
   echo "FAILED: $*" >&2
   exit 1
 }
 
-expect_output() {
-  local output
-  output=$("$1") || fail "$1: exit status $?"
-  [[ $output == "$expected" ]] || fail "$1 printed \"$output\" instead of \"$expected\""
+# The program counts its runs in the database in its directory.
+expect_two_runs() {
+  local output run
+  mkdir "$work/$1.run"
+  cd "$work/$1.run"
+  for run in 1 2; do
+    output=$("$2") || fail "$2: exit status $?"
+    [[ $output == "press ran $run times" ]] || fail "run $run of $2 printed \"$output\""
+  done
 }
 
 echo "through CMake"
-cmake -S "$here" -B "$work/cmake" -G Ninja -DCMAKE_CXX_COMPILER="$compiler" \
+cmake -S "$work/project" -B "$work/cmake" -G Ninja -DCMAKE_CXX_COMPILER="$compiler" \
   -DCMAKE_PREFIX_PATH="$work/tree" -DCMAKE_CXX_FLAGS="-Wall -Wextra -Wpedantic -Werror" >/dev/null
 cmake --build "$work/cmake" >"$work/log" || { cat "$work/log" && fail "the CMake build"; }
-expect_output "$work/cmake/outside"
+expect_two_runs cmake "$work/cmake/outside"
 
 echo "through pkg-config"
 export PKG_CONFIG_PATH=${library%/*}/pkgconfig
 read -ra flags <<<"$(pkg-config --cflags --libs tarns)"
-"$compiler" -std=c++20 "$here/main.cpp" "${flags[@]}" -Wl,-rpath,"${library%/*}" -o "$work/outside"
-expect_output "$work/outside"
+"$compiler" -std=c++20 "$work/project/main.cpp" "${flags[@]}" -Wl,-rpath,"${library%/*}" -o "$work/outside"
+expect_two_runs pkg-config "$work/outside"
 
 echo "the name that programs remember"
 readelf -d "$library" | grep -q 'SONAME.*\[libtarns\.so\.0\]' || fail "the SONAME of $library"

@@ -1,5 +1,0 @@
-#include <tarns/tarns_version.h>
-
-#include <cstdio>
-
-int main() { return std::puts(tarns::GetLibraryVersion()) < 0; }
