@@ -45,6 +45,7 @@ class GOODS_API object_handle {
   bool try_add_reference();
   void remove_reference();
   bool is_referenced() const { return references_.load(std::memory_order_acquire) > 0; }
+  bool is_referenced_once() const { return references_.load(std::memory_order_acquire) == 1; }
   bool is_retired() const { return references_.load(std::memory_order_acquire) < 0; }
   // Succeeds when nobody counts the handle; from then on try_add_reference() fails.
   bool try_retire();

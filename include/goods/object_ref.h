@@ -92,6 +92,9 @@ class GOODS_API object_ref {
 
   ref_word word() const { return word_; }
 
+  // Makes this null and leaves its count to the caller. Requires word().is_handle().
+  object_handle* detach() { return std::exchange(word_, ref_word()).handle(); }
+
  private:
   void release();
   ref_word word_;

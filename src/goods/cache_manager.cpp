@@ -28,7 +28,7 @@ thread_slot& slot() {
 }
 
 // The same without the check for construction that each use of a thread_local object costs.
-thread_local thread_attachment* fast_slot = nullptr;
+[[gnu::tls_model("initial-exec")]] thread_local thread_attachment* fast_slot = nullptr;
 
 // Two that met in a deadlock should not meet again.
 void pause_before_repeating(int attempt) {

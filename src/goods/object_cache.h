@@ -66,6 +66,8 @@ class object_cache {
   }
 
   // For publication, while notices are applied.
+  // Whether so many new objects of one commit would displace much of what the cache holds.
+  bool is_too_much(std::size_t created) const { return created > limit() / bytes_per_kept_object; }
   void install(object_handle& created);
   void publish(object_handle& handle, object& body);
 
@@ -92,6 +94,9 @@ class object_cache {
   }
 
  private:
+  // An object takes some 100 to 200 bytes: up to about a hundredth of the limit.
+  static constexpr std::size_t bytes_per_kept_object = 16 * 1024;
+
   object* load(object_handle& handle);
   enum class outcome { kept, stale, handle_dropped };
   outcome keep_loaded(object_handle& handle, object* fresh, commit_version as_of, object*& body);

@@ -6,8 +6,6 @@
 #include <goods/class_descriptor.h>
 #include <goods/object.h>
 
-#include "goods/epoch.h"
-
 namespace goods {
 
 namespace {
@@ -84,13 +82,18 @@ void object_handle::remove_reference() {
     references_.fetch_sub(1, std::memory_order_acq_rel);
     return;
   }
-  // Another thread's commit may make it persistent just now; while in a section, it is not freed.
-  bool dies = false;
-  {
-    const reader_section section;
-    dies = references_.fetch_sub(1, std::memory_order_acq_rel) == 1 && is_transient();
+  // Another thread's commit may make it persistent just now, but counts it before and to the end:
+  // whoever holds the only count of a transient object sees it stay transient.
+  std::int32_t count = references_.load(std::memory_order_acquire);
+  while (count > 1) {
+    if (references_.compare_exchange_weak(count, count - 1, std::memory_order_acq_rel)) return;
   }
-  if (dies) destroy_iteratively(this);
+  if (!is_transient()) {
+    references_.fetch_sub(1, std::memory_order_acq_rel);
+    return;
+  }
+  references_.store(0, std::memory_order_relaxed);
+  destroy_iteratively(this);
 }
 
 bool object_handle::try_retire() {

@@ -1,5 +1,6 @@
 #include "goods/publication.h"
 
+#include <span>
 #include <utility>
 
 #include <goods/class_descriptor.h>
@@ -29,6 +30,16 @@ void use_identifiers(object& body) {
   body.cls().visit_references(body, visitor);
 }
 
+// An object that is in no table can be reached through counted references only. False, and nothing
+// happened, when there is one beside `created`.
+bool drop_unless_referenced(object_ref& created) {
+  if (!created.handle()->is_referenced_once()) return false;
+  object_handle* const handle = created.detach();
+  if (object* const body = handle->exchange_body(nullptr)) body->unpin();
+  delete handle;
+  return true;
+}
+
 }  // namespace
 
 publication::~publication() {
@@ -38,9 +49,17 @@ publication::~publication() {
 }
 
 void publication::install_created(object_cache& cache) {
-  for (const object_ref& object : created) {
-    use_identifiers(*object.handle()->body());
-    cache.install(*object.handle());
+  if (installed_ == created.size()) return;
+  const std::span fresh(created.begin() + static_cast<std::ptrdiff_t>(installed_), created.end());
+  for (const object_ref& object : fresh) use_identifiers(*object.handle()->body());
+  // From here on a new object is counted once by this publication and once by everybody outside.
+  for (const copy& c : copies) {
+    if (c.body != nullptr) use_identifiers(*c.body);
+  }
+  const bool drops = cache.is_too_much(created.size());
+  for (object_ref& object : fresh) {
+    if (!drops || !drop_unless_referenced(object)) cache.install(*object.handle());
+    ++installed_;
   }
 }
 
@@ -53,8 +72,11 @@ void publication::publish_copies(object_cache& cache) {
 }
 
 void publication::withdraw_created() noexcept {
-  for (const object_ref& object : created) object.handle()->become_transient();
+  for (const object_ref& object : created) {
+    if (object) object.handle()->become_transient();
+  }
   created.clear();
+  installed_ = 0;
 }
 
 }  // namespace goods

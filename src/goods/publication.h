@@ -30,15 +30,22 @@ class publication {
   ~publication();  // drops copies that were not published
 
   std::vector<copy> copies;
-  std::vector<object_ref> created;  // in the order of their numbers
+  // In the order of their numbers; null once install_created() has let go of the object.
+  std::vector<object_ref> created;
 
   // First all new objects become findable, then all copies replace the bodies before them; only the
   // second step needs readers to look again.
+  // Of very many new objects only those that somebody refers to from outside stay in memory: what a
+  // commit of that size made is rarely read before the rest would have displaced it. The others are
+  // loaded like any object. After std::bad_alloc the next call goes on.
   void install_created(object_cache& cache);
   void publish_copies(object_cache& cache);
 
   // The commit failed: what it had made persistent is transient again.
   void withdraw_created() noexcept;
+
+ private:
+  std::size_t installed_ = 0;  // of `created`, from the first on
 };
 
 }  // namespace goods

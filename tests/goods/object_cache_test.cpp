@@ -54,6 +54,46 @@ TEST(ObjectCacheTest, DropsUncommittedPrivateCopiesNeither) {
   EXPECT_EQ(sum_of_chain(session), 20'000);
 }
 
+// Stored by a commit that is too large to be kept in memory: what the application refers to stays
+// the same object, the rest is found in the storages.
+TEST(ObjectCacheTest, KeepsOfALargeCommitWhatIsReferredTo) {
+  constexpr int length = 10'000;
+  for (const int storages : {1, 2}) {
+    SCOPED_TRACE(testing::Message() << storages << " storages");
+    const test_store store(storages);
+    test_session session(store);
+    test_session other(store);
+    session.db().attach();
+    session.session().set_cache_limit(std::size_t{8} << 20);
+    const ref<cell> root = session.root();
+    std::vector<ref<cell>> held;
+    session.session().begin_transaction();
+    ref<cell> first;
+    for (int i = length; i > 0; --i) {
+      const ref<cell> after = first;
+      first = new_cell(i, after);
+      if (after) modify(after)->owner.set(first);
+      if (i > 1) modify(first)->attach_to_storage(&session.db(), i % storages);
+      if (i % 100 == 0) held.push_back(first);
+    }
+    modify(root)->next = first;
+    const std::size_t before = session.session().cached_bytes();
+    session.session().end_transaction();
+
+    EXPECT_LT(session.session().cached_bytes() - before, std::size_t{length} * 20);
+    const ref<cell> mine(held.back()->next);
+    EXPECT_EQ(mine->owner.get(), held.back());
+    for (const ref<cell>& at : held) modify(at)->value += 1;
+    const std::int64_t sum = std::int64_t{length} * (length + 1) / 2 + length / 100;
+    EXPECT_EQ(sum_of_chain(session), sum);
+    first = nullptr;
+    held.clear();
+    EXPECT_EQ(sum_of_chain(session), sum);
+    other.db().attach();
+    EXPECT_EQ(sum_of_chain(other), sum);
+  }
+}
+
 // Two cells whose values are always equal in every committed state.
 struct twins {
   ref<cell> a, b;
