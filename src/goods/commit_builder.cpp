@@ -16,26 +16,41 @@ namespace goods {
 
 namespace {
 
-// Collects the transient objects that a body keeps.
+// Puts the transient objects that a body keeps onto the walk's stack.
+template <class Stack>
 class transient_collector : public ref_visitor {
  public:
-  explicit transient_collector(std::vector<object_handle*>& into) : into_(into) {}
+  transient_collector(Stack& into, storage_number storage) : into_(into), storage_(storage) {}
   void visit(ref_word& word, ref_kind kind) override {
-    if (kind == ref_kind::counted && word.is_handle() && word.handle()->is_transient()) {
-      into_.push_back(word.handle());
+    if (!word.is_handle() || !word.handle()->is_transient()) return;
+    if (kind == ref_kind::counted) {
+      into_.push_back({word.handle(), storage_});
+    } else {
+      found_back_ = true;
     }
   }
+  bool found_back() const { return found_back_; }
 
  private:
-  std::vector<object_handle*>& into_;
+  Stack& into_;
+  storage_number storage_;
+  bool found_back_ = false;
 };
 
 }  // namespace
 
+commit_builder::share::share(obj_storage& belongs_to)
+    : storage(belongs_to), numbers(belongs_to.numbers()) {}
+
 commit_builder::share& commit_builder::share_of(storage_number storage) {
-  const auto known = shares_.find(storage);
-  if (known != shares_.end()) return known->second;
-  return shares_.try_emplace(storage, db_.storage(storage).numbers()).first->second;
+  if (last_share_ == nullptr || last_storage_ != storage) {
+    const auto known = shares_.find(storage);
+    last_share_ = known != shares_.end()
+                      ? &known->second
+                      : &shares_.try_emplace(storage, db_.storage(storage)).first->second;
+    last_storage_ = storage;
+  }
+  return *last_share_;
 }
 
 void commit_builder::add_root(const object_ref& root, storage_number storage) {
@@ -51,28 +66,33 @@ void commit_builder::build() {
   }
   const std::vector<object_ref> roots = changes_.created;
   for (const object_ref& root : roots) {
-    push_referenced(*root.handle()->body(), storage_of(root.id()));
+    packs_late_ |= push_referenced(*root.handle()->body(), storage_of(root.id()));
   }
+  std::size_t to_begin_with = open_.size();
   while (!open_.empty()) {
     const found_object next = open_.back();
     open_.pop_back();
+    if (open_.size() < to_begin_with) {
+      // All that the objects before this one keep is numbered. They are packed now, while the
+      // processor's caches still hold them.
+      to_begin_with = open_.size();
+      if (!packs_late_) pack_numbered();
+    }
     if (!next.handle->is_transient()) continue;  // met before
     make_persistent(*next.handle, next.storage);
   }
+  pack_numbered();
   for (const publication::copy& c : changes_.copies) pack(*c.body, c.keeps.id(), false);
-  for (std::size_t i = 0; i < changes_.created.size(); ++i) {
-    const object_ref& object = changes_.created[i];
-    pack(*object.handle()->body(), object.id(), true);
-  }
 }
 
-void commit_builder::push_referenced(object& body, storage_number storage) {
-  std::vector<object_handle*> found;
-  transient_collector collector(found);
+// The objects are put onto the stack so that the first one is walked first. Returns whether the
+// body refers back to an object that is not numbered yet, and will be by the end if at all.
+bool commit_builder::push_referenced(object& body, storage_number storage) {
+  const auto before = static_cast<std::ptrdiff_t>(open_.size());
+  transient_collector collector(open_, storage);
   body.cls().visit_references(body, collector);
-  for (auto handle = found.rbegin(); handle != found.rend(); ++handle) {
-    open_.push_back({*handle, storage});
-  }
+  std::reverse(open_.begin() + before, open_.end());
+  return collector.found_back();
 }
 
 void commit_builder::make_persistent(object_handle& handle, storage_number storage) {
@@ -85,12 +105,19 @@ void commit_builder::make_persistent(object_handle& handle, storage_number stora
   const object_id id = make_object_id(storage, share_of(storage).numbers.next());
   changes_.created.emplace_back(&handle);
   handle.become_persistent(db_, id);
-  push_referenced(*body, storage);
+  packs_late_ |= push_referenced(*body, storage);
+}
+
+void commit_builder::pack_numbered() {
+  for (; packed_ < changes_.created.size(); ++packed_) {
+    const object_handle& handle = *changes_.created[packed_].handle();
+    pack(*handle.body(), handle.id(), true);
+  }
 }
 
 void commit_builder::pack(object& body, object_id id, bool is_new) {
   share& into = share_of(storage_of(id));
-  const class_number layout = db_.storage(storage_of(id)).catalog().number_for(body.cls());
+  const class_number layout = into.storage.catalog().number_for(body.cls());
   body.cls().pack(body, into.bytes, id);
   into.changes.push_back({.number = number_of(id), .layout = layout, .body = {}, .is_new = is_new});
   into.ends.push_back(into.bytes.size());
@@ -107,10 +134,9 @@ std::vector<commit_part> commit_builder::parts(const void* origin,
       mine.changes[i].body = bytes.subspan(begin, mine.ends[i] - begin);
       begin = mine.ends[i];
     }
-    obj_storage& to = db_.storage(storage);
-    to.count_written(bytes.size());
-    result.push_back(
-        {&to.dbs(), {.changes = mine.changes, .origin = origin, .attachment = attachment}});
+    mine.storage.count_written(bytes.size());
+    result.push_back({&mine.storage.dbs(),
+                      {.changes = mine.changes, .origin = origin, .attachment = attachment}});
     part_storages_.push_back(storage);
   }
   return result;

@@ -16,6 +16,7 @@
 namespace goods {
 
 class database;
+class obj_storage;
 class object;
 class object_handle;
 class publication;
@@ -43,7 +44,8 @@ class commit_builder {
 
  private:
   struct share {
-    explicit share(number_pool& pool) : numbers(pool) {}
+    explicit share(obj_storage& belongs_to);
+    obj_storage& storage;
     number_run numbers;
     byte_writer bytes;
     std::vector<object_change> changes;
@@ -55,13 +57,18 @@ class commit_builder {
   };
 
   share& share_of(storage_number storage);
-  void push_referenced(object& body, storage_number storage);
+  bool push_referenced(object& body, storage_number storage);
   void make_persistent(object_handle& handle, storage_number storage);
   void pack(object& body, object_id id, bool is_new);
+  void pack_numbered();
 
   database& db_;
   publication& changes_;
   std::map<storage_number, share> shares_;
+  share* last_share_ = nullptr;  // asked for
+  storage_number last_storage_ = 0;
+  std::size_t packed_ = 0;          // of publication::created, from the first on
+  bool packs_late_ = false;         // nothing before everything is numbered
   std::vector<found_object> open_;  // the walk's stack
   std::vector<storage_number> part_storages_;
 };

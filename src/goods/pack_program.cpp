@@ -88,7 +88,14 @@ void pack_program::add(const field_descriptor& field, std::uint32_t base) {
   const action what = action_for(field);
   const std::uint32_t offset = base + field.offset();
   steps_.push_back({what, offset, field.n_items(), field.size()});
+  if (what == action::counted || what == action::back) {
+    const ref_kind kind = what == action::counted ? ref_kind::counted : ref_kind::back;
+    for (std::uint32_t i = 0; i < field.n_items(); ++i) {
+      references_.push_back({offset + i * std::uint32_t{sizeof(ref_word)}, kind});
+    }
+  }
   if (what != action::loop) return;
+  has_loops_ = true;
   const std::size_t loop = steps_.size() - 1;
   for_each_field(field.components(),
                  [&](const field_descriptor& component) { add(component, offset); });
@@ -234,6 +241,13 @@ void pack_program::copy(const object& from, object& to) const {
 }
 
 void pack_program::visit(object& body, ref_visitor& visitor) const {
+  if (!has_loops_) {
+    for (const reference& one : references_) {
+      ref_word& word = word_at(static_cast<void*>(address_of(body) + one.offset));
+      if (!word.is_null()) visitor.visit(word, one.kind);
+    }
+    return;
+  }
   for_each_step(steps_, reinterpret_cast<std::uintptr_t>(address_of(body)),
                 [&](const step& one, std::uintptr_t at) {
                   if (one.what != action::counted && one.what != action::back) return;

@@ -62,7 +62,14 @@ class pack_program {
   static void pack_step(const step& one, const char* at, byte_writer& out, object_id self);
   static void unpack_step(const step& one, char* at, byte_reader& in);
 
+  struct reference {
+    std::uint32_t offset;
+    ref_kind kind;
+  };
+
   std::vector<step> steps_;
+  std::vector<reference> references_;  // of all steps; complete without loops only
+  bool has_loops_ = false;
 };
 
 // The reference at an address in a body. Letting a word go is for the caller.

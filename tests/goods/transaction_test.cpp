@@ -55,6 +55,39 @@ TEST(TransactionTest, StoresWhatACommittedObjectReachesAndNothingElse) {
   EXPECT_TRUE(session.root()->next->next->next->next.is_null());
 }
 
+// However the new objects of a commit refer back to each other, and whichever is found first.
+TEST(TransactionTest, StoresReferencesBackToObjectsThatAreFoundLater) {
+  for (const bool is_later_one_found_first : {false, true}) {
+    SCOPED_TRACE(is_later_one_found_first);
+    const test_store store;
+    {
+      test_session session(store);
+      modify(session.root())->next = new_cell(1);
+      const ref<cell> second(session.root()->next);
+      const ref<cell> from = new_cell(2), to = new_cell(3), unsaved = new_cell(4);
+      modify(from)->next = new_cell(5);
+      modify(from)->owner.set(to);
+      modify(ref<cell>(from->next))->owner.set(unsaved);
+      session.session().begin_transaction();
+      modify(session.root())->next = second;  // writes the root first
+      modify(second)->next = is_later_one_found_first ? from : to;
+      const auto root = modify(session.root());
+      root->next = is_later_one_found_first ? to : from;
+      root->owner.set(second);
+      session.session().end_transaction();
+    }
+    test_session session(store);
+    const ref<cell> root = session.root();
+    const ref<cell> at_root(root->next), at_second(ref<cell>(root->owner.get())->next);
+    const ref<cell> from = is_later_one_found_first ? at_second : at_root;
+    const ref<cell> to = is_later_one_found_first ? at_root : at_second;
+    EXPECT_EQ(from->value, 2);
+    EXPECT_EQ(to->value, 3);
+    EXPECT_EQ(from->owner.get(), to);
+    EXPECT_TRUE(ref<cell>(from->next)->owner.is_null()) << "it was not stored";
+  }
+}
+
 TEST(TransactionTest, IsInvisibleUntilCommittedAndGoneWhenRolledBack) {
   const test_store store;
   test_session session(store);
