@@ -70,10 +70,21 @@ class GOODS_API cache_manager {
   void set_cache_limit(std::size_t bytes);
   std::size_t cache_limit() const;
   std::size_t cached_bytes() const;
+  // Makes `bytes` of memory beside the objects (fewer when negative) count toward the limit.
+  void charge(std::ptrdiff_t bytes);
 
   // How long a lock is waited for. Default 10 s; 0: not at all.
   void set_lock_timeout(std::chrono::milliseconds limit) { lock_timeout_ = limit; }
   std::chrono::milliseconds lock_timeout() const { return lock_timeout_; }
+
+  // Takes in all commits that have returned to their callers, in this session or another one, and
+  // returns when reads see them. Every read outside a transaction begins with this.
+  void catch_up() const;
+
+  // Objects share 65,536 counters of published changes: what somebody keeps of an object holds as
+  // long as the object's counter stays what it was in the read that it was taken from.
+  static std::uint16_t change_counter_of(object_id id);
+  std::uint32_t changes(std::uint16_t counter) const;
 
   // Grows with every published change after which a path may lead to another object than before.
   std::uint64_t relink_count() const;

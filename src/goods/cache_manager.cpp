@@ -124,6 +124,19 @@ void cache_manager::require_attached() const {
 void cache_manager::set_cache_limit(std::size_t bytes) { cache_->set_limit(bytes); }
 std::size_t cache_manager::cache_limit() const { return cache_->limit(); }
 std::size_t cache_manager::cached_bytes() const { return cache_->bytes(); }
+void cache_manager::charge(std::ptrdiff_t bytes) { cache_->charge(bytes); }
+
+void cache_manager::catch_up() const {
+  cache_->catch_up();
+  (void)cache_->stable_publish_count();
+}
+
+std::uint16_t cache_manager::change_counter_of(object_id id) {
+  return change_counters::place_of(id);
+}
+std::uint32_t cache_manager::changes(std::uint16_t counter) const {
+  return cache_->changes().at(counter);
+}
 std::uint64_t cache_manager::relink_count() const { return cache_->relinks(); }
 
 object_ref cache_manager::find(object_id id) { return cache_->counted(id); }

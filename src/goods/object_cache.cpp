@@ -196,6 +196,7 @@ void object_cache::apply(const notice& news, storage_number storage) {
 }
 
 void object_cache::invalidate(object_id id) {
+  changes_.note_change(id);
   const std::lock_guard guard(table_.lock_of(id));
   object_handle* handle = table_.find_locked(id);
   if (handle == nullptr) return;
@@ -225,6 +226,7 @@ void object_cache::install(object_handle& created) {
 void object_cache::publish(object_handle& handle, object& body) {
   const std::lock_guard guard(table_.lock_of(handle.id()));
   if (body.take_relinked()) ++relinks_;
+  changes_.note_change(handle.id());
   handle.set_being_written(false);
   count_body(body);
   if (object* before = handle.exchange_body(&body)) discard_body(before);

@@ -13,6 +13,7 @@
 #include <goods/dbs_storage.h>
 #include <goods/object_ref.h>
 
+#include "goods/change_counters.h"
 #include "goods/handle_table.h"
 
 namespace goods {
@@ -59,7 +60,7 @@ class object_cache {
   void catch_up() {
     for (std::size_t s = 0; s < applied_.size(); ++s) {
       const commit_version newest = notices_[s]->newest();
-      if (newest > applied_[s].load(std::memory_order_relaxed)) {
+      if (newest > applied_[s].load(std::memory_order_acquire)) {
         apply_notices(static_cast<storage_number>(s), newest);
       }
     }
@@ -79,10 +80,13 @@ class object_cache {
   void release_publishing() { publishing_.unlock(); }
 
   std::uint64_t relinks() const { return relinks_.load(std::memory_order_acquire); }
+  const change_counters& changes() const { return changes_; }
 
   void set_limit(std::size_t bytes);
   std::size_t limit() const { return limit_.load(std::memory_order_relaxed); }
   std::size_t bytes() const { return bytes_.load(std::memory_order_relaxed) + table_.memory(); }
+  // Memory beside the objects that counts toward the limit.
+  void charge(std::ptrdiff_t bytes) { bytes_ += static_cast<std::size_t>(bytes); }
   // Shows every stored object that a reference or an open transaction of the session holds.
   void for_each_held(
       const std::function<void(const dbs_storage& storage, object_number number)>& visit) const;
@@ -121,6 +125,7 @@ class object_cache {
   std::vector<std::atomic<commit_version>> applied_;  // by storage; set under publishing_
   std::atomic<std::uint64_t> publish_count_{0};
   std::atomic<std::uint64_t> relinks_{0};
+  change_counters changes_;
 
   std::atomic<std::size_t> limit_{std::size_t{256} << 20};
   // The limit, or more when the last attempt found too little to drop: trying again costs a walk

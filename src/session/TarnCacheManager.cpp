@@ -9,13 +9,13 @@
 #include <thread>
 
 #include "core/node_access.h"
-#include "session/path_shortcuts.h"
+#include "session/remembered_values.h"
 
 namespace tarns {
 
 namespace {
 
-constexpr std::size_t kShareOfCache = 8;  // the shortcuts' memory: one part in so many
+constexpr std::size_t kShareOfRemembered = 2;  // of the cache's memory: one part in so many
 
 constexpr goods::ref_word kRootWord =
     goods::ref_word::of(goods::make_object_id(0, goods::root_object_number));
@@ -25,11 +25,11 @@ const TarnObject& LookAtNode(goods::reader& reader, goods::ref_word word) {
 }
 
 // ReadValue() that also tells which node the value is of, when it is safe to go there directly as
-// long as nothing is relinked; else `answeredBy` stays 0. It is not where a member or an
-// overridden look-up had a say: those may lead elsewhere after changes that relink nothing.
-bool ReadAndLocate(goods::reader& reader, const TarnObject& root, std::string_view path,
-                   TarnData& out, goods::object_id& answeredBy) {
-  const TarnObject* node = &root;
+// long as nothing is relinked. It is not where a member or an overridden look-up had a say: those
+// may lead elsewhere after changes that relink nothing.
+bool ReadAndLocate(goods::reader& reader, std::string_view path, TarnData& out,
+                   RememberedValues::Search& search) {
+  const TarnObject* node = &LookAtNode(reader, kRootWord);
   const TarnBranches branches(path);
   for (auto branch = branches.begin(); branch != branches.end(); ++branch) {
     if (!node->getClass().isTarnsBaseClass()) return ReadValue(reader, *node, branch.rest(), out);
@@ -37,7 +37,15 @@ bool ReadAndLocate(goods::reader& reader, const TarnObject& root, std::string_vi
     if (node == nullptr) return false;
   }
   if (!node->readValue(reader, out)) return false;
-  if (node->handle() != nullptr) answeredBy = node->handle()->id();
+  search.found(*node);
+  return true;
+}
+
+bool ReadKnown(goods::reader& reader, goods::object_id id, TarnData& out,
+               RememberedValues::Search& search) {
+  const TarnObject& node = LookAtNode(reader, goods::ref_word::of(id));
+  if (!node.readValue(reader, out)) return false;
+  search.found(node);
   return true;
 }
 
@@ -46,17 +54,19 @@ bool ReadAndLocate(goods::reader& reader, const TarnObject& root, std::string_vi
 TarnCacheManager::TarnCacheManager(TarnManager& manager)
     : goods::cache_manager(manager.db()),
       manager_(manager),
-      shortcuts_(std::make_unique<PathShortcuts>(cache_limit() / kShareOfCache)) {}
+      remembered_(std::make_unique<RememberedValues>(*this, cache_limit() / kShareOfRemembered)) {}
 
 TarnCacheManager::~TarnCacheManager() = default;
 
 void TarnCacheManager::setCacheLimit(std::size_t bytes) {
   set_cache_limit(bytes);
-  if (shortcuts_ != nullptr) rememberPaths(true);
+  if (remembered_ != nullptr) rememberValues(true);
 }
 
-void TarnCacheManager::rememberPaths(bool on) {
-  shortcuts_ = on ? std::make_unique<PathShortcuts>(cache_limit() / kShareOfCache) : nullptr;
+void TarnCacheManager::rememberValues(bool on) {
+  remembered_.reset();
+  if (!on) return;
+  remembered_ = std::make_unique<RememberedValues>(*this, cache_limit() / kShareOfRemembered);
 }
 
 void TarnCacheManager::verifyAttached() const {
@@ -101,34 +111,33 @@ void TarnCacheManager::makeRoot() {
 bool TarnCacheManager::readValue(std::string_view path, TarnData& out) {
   verifyAttached();
   if (!hasRoot_.load(std::memory_order_acquire)) makeRoot();
-  const TarnData::Type asked = out.getType();
-  int rounds = 0;
-  const auto beginRound = [&] {
-    if (rounds++ != 0) out = TarnData(asked);
-  };
   // In a transaction a read must lock what it passes, index pages included: no way around them.
-  if (shortcuts_ == nullptr || in_transaction()) {
-    return read([&](goods::reader& reader) {
-      beginRound();
+  if (remembered_ == nullptr || in_transaction()) {
+    return readRepeatably(out, [&](goods::reader& reader) {
       return ReadValue(reader, LookAtNode(reader, kRootWord), path, out);
     });
   }
-  const PathShortcuts::Key path128 = shortcuts_->keyOf(path);
-  shortcuts_->prefetch(path128);
-  PathShortcuts::Key key{};
-  goods::object_id found = 0;
-  const bool exists = read([&](goods::reader& reader) {
-    beginRound();
-    key = shortcuts_->withRelinks(path128, relink_count());
-    found = 0;
-    if (const goods::object_id known = shortcuts_->find(key)) {
-      return LookAtNode(reader, goods::ref_word::of(known)).readValue(reader, out);
-    }
-    return ReadAndLocate(reader, LookAtNode(reader, kRootWord), path, out, found);
+  RememberedValues::Search search(*remembered_, path);
+  catch_up();
+  if (search.read(out)) return true;
+  const bool exists = readRepeatably(out, [&](goods::reader& reader) {
+    const goods::object_id known = search.beginRound();
+    return known != 0 ? ReadKnown(reader, known, out, search)
+                      : ReadAndLocate(reader, path, out, search);
   });
-  // Only now is it certain that what was read belongs to the number of relinks.
-  if (found != 0) shortcuts_->remember(key, found);
+  // Only now is it certain that what was read belongs to one state.
+  if (exists) search.remember(out);
   return exists;
+}
+
+template <class Work>
+bool TarnCacheManager::readRepeatably(TarnData& out, const Work& work) {
+  const TarnData::Type asked = out.getType();
+  int rounds = 0;
+  return read([&](goods::reader& reader) {
+    if (rounds++ != 0) out = TarnData(asked);
+    return work(reader);
+  });
 }
 
 }  // namespace tarns

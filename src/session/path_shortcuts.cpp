@@ -1,10 +1,7 @@
 #include "session/path_shortcuts.h"
 
-#include <sys/mman.h>
-
 #include <algorithm>
 #include <bit>
-#include <new>
 #include <random>
 
 #define XXH_INLINE_ALL
@@ -14,21 +11,13 @@ namespace tarns {
 
 static_assert(XXH3_SECRET_SIZE_MIN <= 192);
 
-PathShortcuts::PathShortcuts(std::size_t bytes) {
+PathShortcuts::PathShortcuts(std::size_t bytes)
+    : words_(std::bit_floor(std::max(bytes / sizeof(std::uint64_t), kWordsPerBucket)),
+             MappedWords::Pages::kOrdinary) {
   std::random_device random;
   std::ranges::generate(secret_, [&] { return static_cast<std::byte>(random()); });
   stride_ = (std::uint64_t{random()} << 32) | random() | 1;
-
-  const std::size_t buckets = std::bit_floor(std::max(bytes / sizeof(Bucket), std::size_t{1}));
-  mask_ = buckets - 1;
-  mapped_ = buckets * sizeof(Bucket);
-  // Zeroed by the system when a page is touched first, so an unused table costs nothing.
-  void* room = ::mmap(nullptr, mapped_, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
-  if (room == MAP_FAILED) throw std::bad_alloc();
-  buckets_ = static_cast<Bucket*>(room);
 }
-
-PathShortcuts::~PathShortcuts() { ::munmap(buckets_, mapped_); }
 
 PathShortcuts::Key PathShortcuts::keyOf(std::string_view path) const {
   const XXH128_hash_t hash =
@@ -36,19 +25,31 @@ PathShortcuts::Key PathShortcuts::keyOf(std::string_view path) const {
   return {hash.low64, hash.high64};
 }
 
-void PathShortcuts::remember(const Key& key, goods::object_id id) {
-  Bucket& bucket = bucketOf(key);
+std::uint64_t PathShortcuts::find(const Key& key) const {
+  const std::size_t bucket = placeOf(key);
+  for (std::size_t i = bucket; i < bucket + kWordsPerBucket; i += kWordsPerEntry) {
+    const std::uint64_t target = words_[i + 1].load(std::memory_order_acquire);
+    if ((words_[i].load(std::memory_order_relaxed) ^ target) == key.tag) return target;
+  }
+  return 0;
+}
+
+bool PathShortcuts::remember(const Key& key, std::uint64_t target) {
+  const std::size_t bucket = placeOf(key);
   // What takes the place of what is left to chance once the bucket is full.
-  Entry* target = &bucket[key.tag % kEntriesPerBucket];
-  for (Entry& entry : bucket) {
-    const std::uint64_t held = entry.id.load(std::memory_order_relaxed);
-    if (held == 0 || (entry.check.load(std::memory_order_relaxed) ^ held) == key.tag) {
-      target = &entry;
+  std::size_t entry = bucket + key.tag % (kWordsPerBucket / kWordsPerEntry) * kWordsPerEntry;
+  bool isNew = false;
+  for (std::size_t i = bucket; i < bucket + kWordsPerBucket; i += kWordsPerEntry) {
+    const std::uint64_t held = words_[i + 1].load(std::memory_order_relaxed);
+    isNew = held == 0;
+    if (isNew || (words_[i].load(std::memory_order_relaxed) ^ held) == key.tag) {
+      entry = i;
       break;
     }
   }
-  target->check.store(key.tag ^ id, std::memory_order_relaxed);
-  target->id.store(id, std::memory_order_relaxed);
+  words_[entry].store(key.tag ^ target, std::memory_order_relaxed);
+  words_[entry + 1].store(target, std::memory_order_release);
+  return isNew;
 }
 
 }  // namespace tarns

@@ -1,18 +1,16 @@
 // Where whole paths were last found to lead.
 #pragma once
 
-#include <goods/object_ref.h>
-
 #include <array>
-#include <atomic>
 #include <cstddef>
 #include <cstdint>
-#include <memory>
 #include <string_view>
+
+#include "session/mapped_words.h"
 
 namespace tarns {
 
-// A table of fixed size from paths to identifiers, which forgets what does not fit.
+// A table of fixed size from paths to positions in a ValueRing, which forgets what does not fit.
 //
 // It holds no paths but 128 bits of a hash with a secret that each table draws for itself, so that
 // whoever chooses names cannot make two paths meet: 64 bits choose the place, 64 are compared. What
@@ -32,7 +30,6 @@ class PathShortcuts {
 
   // At most `bytes` of memory, at least one bucket.
   explicit PathShortcuts(std::size_t bytes);
-  ~PathShortcuts();
   PathShortcuts(const PathShortcuts&) = delete;
   PathShortcuts& operator=(const PathShortcuts&) = delete;
 
@@ -42,36 +39,29 @@ class PathShortcuts {
     return {key.place, key.tag + relinks * stride_};
   }
 
-  goods::object_id find(const Key& key) const {  // 0 when it is not known
-    for (const Entry& entry : bucketOf(key)) {
-      const std::uint64_t id = entry.id.load(std::memory_order_relaxed);
-      if ((entry.check.load(std::memory_order_relaxed) ^ id) == key.tag) return id;
-    }
-    return 0;
-  }
+  std::uint64_t find(const Key& key) const;  // 0 when it is not known
   // Starts fetching the entry from memory.
-  void prefetch(const Key& key) const { __builtin_prefetch(&bucketOf(key)); }
+  void prefetch(const Key& key) const { __builtin_prefetch(&words_[placeOf(key)]); }
 
-  // `id` must not be 0.
-  void remember(const Key& key, goods::object_id id);
+  // `target` must not be 0. Whether the path's place was unused so far.
+  bool remember(const Key& key, std::uint64_t target);
+
+  std::size_t size() const { return words_.size() * sizeof(std::uint64_t); }  // bytes, all in all
 
  private:
-  struct Entry {
-    std::atomic<std::uint64_t> check;  // the tag xor the identifier
-    std::atomic<std::uint64_t> id;     // 0: empty
-  };
-  static constexpr std::size_t kEntriesPerBucket = 4;
-  using Bucket = std::array<Entry, kEntriesPerBucket>;
-  static_assert(sizeof(Bucket) == 64, "a bucket is one line of the processor's cache");
+  // An entry is two words: the tag xor the target, and the target, which is 0 in an unused one. The
+  // entries of a bucket share a line of the processor's cache.
+  static constexpr std::size_t kWordsPerEntry = 2;
+  static constexpr std::size_t kWordsPerBucket = 8;
 
-  Bucket& bucketOf(const Key& key) const { return buckets_[key.place & mask_]; }
+  std::size_t placeOf(const Key& key) const {  // of the bucket's first word
+    return key.place & (words_.size() - kWordsPerBucket);
+  }
 
   static constexpr std::size_t kSecretSize = 192;
   std::array<std::byte, kSecretSize> secret_;
   std::uint64_t stride_;  // odd
-  std::size_t mask_;      // number of buckets, a power of two, less 1
-  std::size_t mapped_;    // bytes
-  Bucket* buckets_;
+  MappedWords words_;     // as many as a power of two
 };
 
 }  // namespace tarns

@@ -12,12 +12,12 @@
 
 namespace tarns {
 
-class PathShortcuts;
+class RememberedValues;
 class TarnManager;
 class TarnRoot;
 
-// What a session keeps beside the objects of its cache: the way to the root, and shortcuts from
-// whole paths to the value nodes that they lead to.
+// What a session keeps beside the objects of its cache: the way to the root, and what values were
+// lately read by path.
 //
 // Ownership: the session's TarnDatabase. Threads: any attached one, but for setCacheLimit().
 // Errors: 110 on a thread that is not attached to this session.
@@ -40,21 +40,24 @@ class TARNS_API TarnCacheManager : public goods::cache_manager {
   // enumeration is to be read as (see ReadValue) and is changed in either case.
   bool readValue(std::string_view path, TarnData& out);
 
-  // Bytes of memory for objects, see cache_manager::set_cache_limit(); the shortcuts take an eighth
-  // more, as far as they are used. Before threads share the session.
+  // Bytes of memory, see cache_manager::set_cache_limit(). Up to half of it, as far as values are
+  // read by path, is for remembering these. Before threads share the session.
   void setCacheLimit(std::size_t bytes);
 
-  // Whether paths are remembered (they are by default): for measuring, and for programs that never
-  // read a path twice. Before threads share the session.
-  void rememberPaths(bool on);
+  // Whether values are remembered by path (they are by default): for measuring, and for programs
+  // that never read a path twice. Before threads share the session.
+  void rememberValues(bool on);
 
  private:
   void makeRoot();
+  // Runs a read that sets `out`, which is as it came at the beginning of every round.
+  template <class Work>
+  bool readRepeatably(TarnData& out, const Work& work);
 
   // Fixed after construction.
   TarnManager& manager_;  // outlives this object
   // Set before threads share the session.
-  std::unique_ptr<PathShortcuts> shortcuts_;  // null: none are kept
+  std::unique_ptr<RememberedValues> remembered_;  // null: none are
   // Shared by all attached threads.
   std::atomic<bool> hasRoot_{false};  // goes to true once
 };
