@@ -14,6 +14,7 @@ bool Machine::write(const char* name, tarns::GOODSinOut& out) {
   out.addEnumValue("State", static_cast<unsigned long>(State::kRunning), "Running");
   out.addEnumValue("State", static_cast<unsigned long>(State::kBroken), "Broken");
   out.writeText("Serial", serial_);
+  out.write("On", isOn_);
   out.write("Label", label_);
   return out.write("Feeder", feeder_);
 }

@@ -27,14 +27,16 @@ class Machine : public tarns::TarnObject {
   void setLoad(unsigned index, double load) { loads_[index] = load; }
   std::string getLabel() const { return label_.str(); }
   void setLabel(std::string_view label) { label_.set(label); }
+  bool isOn() const { return isOn_; }
   tarns::xcptref<Machine> getFeeder() const { return feeder_; }
   void setFeeder(const tarns::xcptref<Machine>& feeder) { feeder_ = feeder; }
 
  private:
-  std::int32_t speed_ = 0;          // rounds per minute
-  double loads_[kLoads] = {};       // kilowatts, one for each motor
-  std::uint8_t state_ = 0;          // a State
-  char serial_[8] = {};             // at most 7 characters
+  std::int32_t speed_ = 0;     // rounds per minute
+  double loads_[kLoads] = {};  // kilowatts, one for each motor
+  std::uint8_t state_ = 0;     // a State
+  char serial_[8] = {};        // at most 7 characters
+  bool isOn_ = false;
   tarns::TarnString label_;         // any length
   tarns::xcptref<Machine> feeder_;  // the machine that this one takes its parts from, or null
 };

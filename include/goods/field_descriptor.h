@@ -66,6 +66,9 @@ class GOODS_API field_descriptor {
   unsigned n_items() const { return n_items_; }  // 0: varying part
   unsigned offset() const { return offset_; }    // bytes from the begin of object or structure
   bool is_varying() const { return n_items_ == 0; }
+  // An unsigned integer of one byte in which nothing but 0 and 1 may ever stand: a C++ bool. Not
+  // part of the stored layout; whatever else was stored is loaded as 1.
+  bool is_boolean() const { return is_boolean_; }
   field_descriptor* components() const { return components_; }
   field_descriptor* next() const { return next_; }  // itself when it is the only one
 
@@ -79,6 +82,10 @@ class GOODS_API field_descriptor {
   }
   field_descriptor& set_offset(unsigned offset) {
     offset_ = offset;
+    return *this;
+  }
+  field_descriptor& set_boolean(bool is_boolean = true) {
+    is_boolean_ = is_boolean;
     return *this;
   }
 
@@ -96,6 +103,7 @@ class GOODS_API field_descriptor {
   unsigned size_, n_items_, offset_;
   field_type type_ = field_type::structure;
   ref_kind kind_ = ref_kind::counted;
+  bool is_boolean_ = false;
   field_descriptor* components_;  // owned
   field_descriptor* next_;
 };
@@ -132,7 +140,8 @@ field_descriptor& describe_member(field_descriptor*& list, const char* name, con
   const auto offset =
       reinterpret_cast<const char*>(&member) - reinterpret_cast<const char*>(&owner);
   auto* field = new field_descriptor(name, sizeof(T), 1, static_cast<unsigned>(offset));
-  field->set_type(field_type_of<T>()).set_kind(kind).append_to(list);
+  field->set_type(field_type_of<T>()).set_kind(kind).set_boolean(std::is_same_v<T, bool>);
+  field->append_to(list);
   return *field;
 }
 

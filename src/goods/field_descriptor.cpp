@@ -64,6 +64,7 @@ field_descriptor::field_descriptor(const field_descriptor& other)
       offset_(other.offset_),
       type_(other.type_),
       kind_(other.kind_),
+      is_boolean_(other.is_boolean_),
       components_(copy_list(other.components_)),
       next_(this) {}
 
@@ -78,6 +79,7 @@ field_descriptor& field_descriptor::operator=(const field_descriptor& other) {
   offset_ = other.offset_;
   type_ = other.type_;
   kind_ = other.kind_;
+  is_boolean_ = other.is_boolean_;
   return *this;
 }
 

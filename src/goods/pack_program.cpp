@@ -48,6 +48,11 @@ void unpack_bytes(char* at, std::size_t count, byte_reader& in) {
   std::memset(at + bytes.size(), 0, count - bytes.size());
 }
 
+void unpack_booleans(char* at, std::size_t count, byte_reader& in) {
+  unpack_bytes(at, count, in);
+  for (char* const end = at + count; at != end; ++at) *at = *at != 0 ? 1 : 0;
+}
+
 }  // namespace
 
 void count_word(ref_word word) {
@@ -71,6 +76,7 @@ pack_program::action pack_program::action_for(const field_descriptor& field) {
              : field.size() == 4 ? action::signed4
                                  : action::signed8;
     case field_type::unsigned_integer:
+      if (field.is_boolean()) return field.n_items() == 1 ? action::boolean : action::booleans;
       if (!is_wide) return field.n_items() == 1 ? action::byte : action::bytes;
       return field.size() == 2   ? action::unsigned2
              : field.size() == 4 ? action::unsigned4
@@ -119,10 +125,11 @@ void pack_program::for_each_step(steps program, std::uintptr_t base, const Visit
 }
 
 void pack_program::pack_step(const step& one, const char* at, byte_writer& out, object_id self) {
-  if (one.what == action::bytes) return pack_bytes(at, one.count, out);
+  if (is_byte_array(one.what)) return pack_bytes(at, one.count, out);
   for (std::uint32_t i = 0; i < one.count; ++i, at += one.stride) {
     switch (one.what) {
       case action::byte:
+      case action::boolean:
         out.put_byte(load<std::uint8_t>(at));
         break;
       case action::signed2:
@@ -156,6 +163,7 @@ void pack_program::pack_step(const step& one, const char* at, byte_writer& out, 
         out.put_reference(word_at(at), ref_kind::back, self);
         break;
       case action::bytes:
+      case action::booleans:
       case action::loop:
         break;
     }
@@ -164,10 +172,14 @@ void pack_program::pack_step(const step& one, const char* at, byte_writer& out, 
 
 void pack_program::unpack_step(const step& one, char* at, byte_reader& in) {
   if (one.what == action::bytes) return unpack_bytes(at, one.count, in);
+  if (one.what == action::booleans) return unpack_booleans(at, one.count, in);
   for (std::uint32_t i = 0; i < one.count; ++i, at += one.stride) {
     switch (one.what) {
       case action::byte:
         store(at, in.get_byte());
+        break;
+      case action::boolean:
+        store(at, in.get_byte() != 0);
         break;
       case action::signed2:
         store_signed<std::int16_t>(at, in);
@@ -201,6 +213,7 @@ void pack_program::unpack_step(const step& one, char* at, byte_reader& in) {
         break;
       }
       case action::bytes:
+      case action::booleans:
       case action::loop:
         break;
     }
@@ -226,8 +239,7 @@ void pack_program::copy(const object& from, object& to) const {
                         reinterpret_cast<std::uintptr_t>(address_of(to));
   for_each_step(steps_, reinterpret_cast<std::uintptr_t>(address_of(to)),
                 [&](const step& one, std::uintptr_t at) {
-                  const bool is_bytes = one.what == action::bytes;
-                  const std::size_t item = is_bytes || one.what == action::byte ? 1 : one.stride;
+                  const std::size_t item = is_byte_array(one.what) ? 1 : one.stride;
                   char* const target = reinterpret_cast<char*>(at);
                   const char* const source = reinterpret_cast<const char*>(at + distance);
                   if (one.what == action::counted) {

@@ -34,6 +34,8 @@ class pack_program {
   enum class action : std::uint8_t {
     byte,
     bytes,
+    boolean,  // as byte, bytes, but loaded as 0 or 1
+    booleans,
     signed2,
     signed4,
     signed8,
@@ -57,6 +59,9 @@ class pack_program {
   using steps = std::span<const step>;
 
   static action action_for(const field_descriptor& field);
+  static bool is_byte_array(action what) {
+    return what == action::bytes || what == action::booleans;
+  }
   template <class Visit>
   static void for_each_step(steps program, std::uintptr_t base, const Visit& visit);
   static void pack_step(const step& one, const char* at, byte_writer& out, object_id self);

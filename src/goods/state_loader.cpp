@@ -32,7 +32,7 @@ void convert_bytes(const dbs_field_descriptor& stored, const field_descriptor& t
     const auto value = stored.type == field_type::signed_integer
                            ? stored_number(std::int64_t{static_cast<signed char>(byte)})
                            : stored_number(std::uint64_t{static_cast<unsigned char>(byte)});
-    store_number(target.type(), target.size(), at, value);
+    store_number(target, at, value);
   }
 }
 
@@ -209,7 +209,7 @@ void state_loader::convert_member(const member& one, char* base, byte_reader& in
       word_at(at) = id == 0 ? ref_word() : ref_word::of(id);
     } else {
       const stored_number number = read_number(stored, in);
-      if (is_kept) store_number(target.type(), target.size(), at, number);
+      if (is_kept) store_number(target, at, number);
     }
   }
 }

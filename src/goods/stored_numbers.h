@@ -63,7 +63,12 @@ void store_nearest(char* at, const stored_number& number) {
   std::memcpy(at, &value, sizeof(T));
 }
 
-// Into a member's item in memory.
+// What a number becomes where only true and false are: neither 0 nor not-a-number is true.
+inline bool is_true(const stored_number& number) {
+  return std::visit([](auto value) { return value != 0 && value == value; }, number);
+}
+
+// Into a member's item in memory; for booleans see the next one.
 inline void store_number(field_type type, unsigned size, char* at, const stored_number& number) {
   const bool is_signed = type == field_type::signed_integer;
   if (type == field_type::real) {
@@ -82,6 +87,14 @@ inline void store_number(field_type type, unsigned size, char* at, const stored_
     default:
       return is_signed ? store_nearest<std::int64_t>(at, number)
                        : store_nearest<std::uint64_t>(at, number);
+  }
+}
+
+inline void store_number(const field_descriptor& member, char* at, const stored_number& number) {
+  if (member.is_boolean()) {
+    *at = is_true(number) ? 1 : 0;
+  } else {
+    store_number(member.type(), member.size(), at, number);
   }
 }
 

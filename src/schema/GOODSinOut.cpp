@@ -21,15 +21,15 @@ bool GOODSinOut::write(const char* name, TarnStringList& member) {
 }
 
 bool GOODSinOut::writeText(const char* name, char* text, unsigned long count) {
-  return addMember(name, goods::field_type::signed_integer, text, 1, count, true);
+  return addMember(name, goods::field_type::signed_integer, text, 1, count, Kind::kText);
 }
 
 bool GOODSinOut::addMember(const char* name, goods::field_type type, const void* member,
-                           std::size_t size, unsigned long count, bool isNullTerminated) {
+                           std::size_t size, unsigned long count, Kind kind) {
   auto* field = new TarnFieldDescriptor(name, static_cast<unsigned>(size),
                                         static_cast<unsigned>(count), offsetOf(member), nullptr,
-                                        TarnFieldDescriptor::ClassFunction{}, isNullTerminated);
-  field->set_type(type);
+                                        TarnFieldDescriptor::ClassFunction{}, kind == Kind::kText);
+  field->set_type(type).set_boolean(kind == Kind::kBoolean);
   return add(field);
 }
 

@@ -41,64 +41,33 @@ bool Get(const void* at, TarnData& value) {
   return true;
 }
 
-bool GetSigned(const void* at, unsigned size, TarnData& value) {
-  switch (size) {
-    case 1:
-      return Get<std::int8_t>(at, value);
-    case 2:
-      return Get<std::int16_t>(at, value);
-    case 4:
-      return Get<std::int32_t>(at, value);
-    case 8:
-      return Get<std::int64_t>(at, value);
-    default:
-      return false;
-  }
+// Calls `use` with a 0 of that one of the types whose size is `size`; false when there is none.
+template <class... Types, class Use>
+bool WithTypeOfSize(unsigned size, const Use& use) {
+  return ((sizeof(Types) == size && use(Types{})) || ...);
 }
 
-bool GetUnsigned(const void* at, unsigned size, TarnData& value) {
-  switch (size) {
-    case 1:
-      return Get<std::uint8_t>(at, value);
-    case 2:
-      return Get<std::uint16_t>(at, value);
-    case 4:
-      return Get<std::uint32_t>(at, value);
-    case 8:
-      return Get<std::uint64_t>(at, value);
-    default:
-      return false;
+template <class Use>
+bool WithInteger(const goods::field_descriptor& field, const Use& use) {
+  if (field.type() == goods::field_type::signed_integer) {
+    return WithTypeOfSize<std::int8_t, std::int16_t, std::int32_t, std::int64_t>(field.size(), use);
   }
+  return WithTypeOfSize<std::uint8_t, std::uint16_t, std::uint32_t, std::uint64_t>(field.size(),
+                                                                                   use);
 }
 
-bool SetSigned(void* at, unsigned size, const TarnData& value) {
-  switch (size) {
-    case 1:
-      return Store(at, value.getSint8());
-    case 2:
-      return Store(at, value.getSint16());
-    case 4:
-      return Store(at, value.getSint32());
-    case 8:
-      return Store(at, value.getSint64());
-    default:
-      return false;
-  }
+bool GetInteger(const goods::field_descriptor& field, const void* at, TarnData& value) {
+  if (field.is_boolean()) return Get<bool>(at, value);
+  return WithInteger(field, [&](auto zero) { return Get<decltype(zero)>(at, value); });
 }
 
-bool SetUnsigned(void* at, unsigned size, const TarnData& value) {
-  switch (size) {
-    case 1:
-      return Store(at, value.getUint8());
-    case 2:
-      return Store(at, value.getUint16());
-    case 4:
-      return Store(at, value.getUint32());
-    case 8:
-      return Store(at, value.getUint64());
-    default:
-      return false;
-  }
+// Narrowing keeps the lower bits, as the getters of TarnData do.
+bool SetInteger(const goods::field_descriptor& field, void* at, const TarnData& value) {
+  if (field.is_boolean()) return Store(at, value.getBoolean());
+  return WithInteger(field, [&](auto zero) {
+    using T = decltype(zero);
+    return Store(at, static_cast<T>(std::is_signed_v<T> ? value.getSint64() : value.getUint64()));
+  });
 }
 
 }  // namespace
@@ -190,10 +159,9 @@ bool TarnFieldDescriptor::getValue(const TarnObject& node, const char* name,
         value.copyString(text, static_cast<long>(strnlen(text, getNumItems())));
         return true;
       }
-      if (GetSigned(at, size(), value)) return true;
-      break;
+      [[fallthrough]];
     case goods::field_type::unsigned_integer:
-      if (GetUnsigned(at, size(), value)) return true;
+      if (GetInteger(*this, at, value)) return true;
       break;
     case goods::field_type::real:
       if (size() == 4) return Get<float>(at, value);
@@ -229,10 +197,9 @@ bool TarnFieldDescriptor::setValue(TarnObject* node, const char* name,
         std::memcpy(at, text.data(), text.size());
         return true;
       }
-      if (SetSigned(at, size(), value)) return true;
-      break;
+      [[fallthrough]];
     case goods::field_type::unsigned_integer:
-      if (SetUnsigned(at, size(), value)) return true;
+      if (SetInteger(*this, at, value)) return true;
       break;
     case goods::field_type::real:
       if (size() == 4) return Store(at, value.getFloat());

@@ -42,6 +42,10 @@ TEST_P(MachineTest, ReadsAndWritesMembersByPath) {
       {"press~Serial", TarnData("P-100"), TarnData::String, "P-100"},
       {"press~Serial", TarnData("much too long"), TarnData::String, "much to"},
       {"press~Serial", TarnData(""), TarnData::String, ""},
+      {"press~On", TarnData("TRUE"), TarnData::Boolean, "True"},
+      {"press~On", TarnData(256), TarnData::Boolean, "True"},
+      {"press~On", TarnData(0.5), TarnData::Boolean, "True"},
+      {"press~On", TarnData(0), TarnData::Boolean, "False"},
       {"press~Label", TarnData("the old press"), TarnData::String, "the old press"},
       {"press~Feeder~Speed", TarnData(5), TarnData::Sint32, "5"},
       {"press~Feeder~Feeder~Label", TarnData("x"), TarnData::String, "x"},
@@ -92,14 +96,14 @@ TEST_P(MachineTest, ReadsEnumerationsAsNumbersOrNames) {
 
 TEST_P(MachineTest, CountsAndNamesMembersBeforeChildren) {
   modify(root())->setValue("press~zone", TarnData(1));
-  EXPECT_EQ(press()->getNumChildren(), 1U + 3 + 1 + 8 + 1 + 1 + 1);
+  EXPECT_EQ(press()->getNumChildren(), 1U + 3 + 1 + 8 + 1 + 1 + 1 + 1);
   XStringList names;
   press()->getChildNames(names);
-  EXPECT_EQ(names, XStringList({"Speed", "Loads_0", "Loads_1", "Loads_2", "State", "Serial",
+  EXPECT_EQ(names, XStringList({"Speed", "Loads_0", "Loads_1", "Loads_2", "State", "Serial", "On",
                                 "Label", "Feeder", "zone"}));
   EXPECT_EQ(press()->getChildName(3), "Loads_2");
   EXPECT_EQ(press()->getChildName(5), "Serial");
-  EXPECT_EQ(press()->getChildName(15), "zone");
+  EXPECT_EQ(press()->getChildName(16), "zone");
   EXPECT_TRUE(press()->hasChild("Loads_1"));
   EXPECT_EQ(press()->getUniqueChildName("Speed"), "Speed_1") << "Speed_0 is Speed itself";
 }
@@ -200,7 +204,7 @@ TEST_P(MachineTest, ClearsValuesAndKeepsTheShape) {
 
 TEST(TarnFieldDescriptorTest, DescribesMembers) {
   const TarnClassDescriptor& cls = Machine::SelfClass();
-  EXPECT_EQ(cls.getNumDataMembers(), 15U);
+  EXPECT_EQ(cls.getNumDataMembers(), 16U);
   EXPECT_EQ(TarnObject::SelfClass().getNumDataMembers(), 0U);
   EXPECT_EQ(TarnSint32Value::SelfClass().getNumDataMembers(), 0U);
   EXPECT_EQ(cls.getPageN(), 2);

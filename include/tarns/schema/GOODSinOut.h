@@ -48,7 +48,8 @@ class TARNS_API GOODSinOut {
   }
   template <TarnScalar T>
   bool write(const char* name, T* members, unsigned long count) {
-    return addMember(name, goods::field_type_of<T>(), members, sizeof(T), count);
+    constexpr Kind kKind = std::is_same_v<T, bool> ? Kind::kBoolean : Kind::kNumber;
+    return addMember(name, goods::field_type_of<T>(), members, sizeof(T), count, kKind);
   }
   template <class T, std::size_t N>
   bool write(const char* name, T (&members)[N]) {
@@ -111,8 +112,9 @@ class TARNS_API GOODSinOut {
       return &T::self_class;
     }
   }
+  enum class Kind { kNumber, kBoolean, kText };
   bool addMember(const char* name, goods::field_type type, const void* member, std::size_t size,
-                 unsigned long count, bool isNullTerminated = false);
+                 unsigned long count, Kind kind);
   bool addReference(const char* name, const void* member, unsigned long count,
                     TarnFieldDescriptor::ClassFunction referencedClass,
                     goods::ref_kind kind = goods::ref_kind::counted);
