@@ -14,9 +14,9 @@ namespace goods {
 // Text of any bytes, zero-terminated in memory, up to max_length of them.
 //
 // Units: characters are bytes. length() is without the terminator, capacity() with it.
-// A loaded text lies in one piece of memory with its object. text() stays valid until the text is
-// changed or the access to the object ends.
-// Errors: a text that is too long throws storage_full.
+// The text that an object is loaded or made with lies in one piece of memory with it. text() stays
+// valid until the text is changed or the access to the object ends. Errors: a text that is too long
+// throws storage_full.
 class GOODS_API String : public object {
  public:
   static class_descriptor self_class;
@@ -48,7 +48,7 @@ class GOODS_API String : public object {
   std::size_t varying_bytes() const override { return room_; }
 
  private:
-  explicit String(class_descriptor& cls);
+  String(class_descriptor& cls, unsigned varying);  // new, varying > 0
   static object* construct(object_handle* handle, class_descriptor& cls, unsigned extra);
   bool is_inline() const;
   void release_room();

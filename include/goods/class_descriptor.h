@@ -90,9 +90,11 @@ class GOODS_API class_descriptor {
   void copy_state(const object& from, object& to) const;
   // In the order of the stored form, the varying part last.
   void visit_references(object& body, ref_visitor& visitor) const;
-  // Memory of the body: instance and heap.
+  // Memory of the body: instance and heap; without an instance that lies with a handle, which
+  // counts it (see object_handle::memory()).
   std::size_t body_bytes(const object& body) const {
-    return sizeof(void*) * 2 + instance_size_ + body.varying_bytes() + extra_bytes(body);
+    const std::size_t instance = body.lies_with_handle() ? 0 : sizeof(void*) * 2 + instance_size_;
+    return instance + body.varying_bytes() + extra_bytes(body);
   }
 
   // --- Evolution

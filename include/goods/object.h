@@ -31,6 +31,11 @@ struct extra_room {
   std::size_t bytes;
 };
 
+// Bytes that a new object gets beyond its C++ class, not zeroed.
+struct room_behind {
+  std::size_t bytes;
+};
+
 // One version of a persistent object: a C++ object whose persistent members its class descriptor
 // knows. Reach it through ref<T>; see ref.h for reading and writing.
 //
@@ -54,7 +59,12 @@ class GOODS_API object {
 
   static class_descriptor self_class;  // the base of all; has no members
 
-  static void* operator new(std::size_t size) { return ::operator new(size); }
+  // `new T` of a small class takes memory for the object and its handle in one piece, which is
+  // freed when both have gone. The other forms are for versions beside a handle that there is.
+  static void* operator new(std::size_t size) { return allocate_with_handle(size); }
+  static void* operator new(std::size_t size, room_behind room) {
+    return allocate_with_handle(size + room.bytes);
+  }
   static void* operator new(std::size_t size, extra_room extra) {
     void* room = ::operator new(size + extra.bytes);
     std::memset(static_cast<char*>(room) + size, 0, extra.bytes);
@@ -63,9 +73,12 @@ class GOODS_API object {
   static void* operator new(std::size_t, void* room) { return room; }
   static void operator delete(void* room) { ::operator delete(room); }
   static void operator delete(void* room, extra_room) { ::operator delete(room); }
+  static void operator delete(void* room, room_behind) { ::operator delete(room); }
   static void operator delete(void*, void*) {}
 
   object_handle* handle() const { return handle_; }
+  // Whether the memory of the instance belongs to a handle as well.
+  bool lies_with_handle() const { return handle_offset_ != 0; }
   class_descriptor& cls() const { return *cls_; }
 
   // The persistent members of this class and its bases, as a circular list; null for none.
@@ -101,10 +114,15 @@ class GOODS_API object {
   bool take_relinked() { return std::exchange(relinked_, false); }
 
  private:
+  static void* allocate_with_handle(std::size_t size);
+  object_handle* make_handle();
+  void destroy() const;
+
+  std::uint16_t handle_offset_ = 0;  // where a handle lies in this object's memory; 0: nowhere
+  bool relinked_ = false;
+  mutable std::atomic<std::uint32_t> pins_{1};
   object_handle* handle_;
   class_descriptor* cls_;
-  mutable std::atomic<std::uint32_t> pins_{1};
-  bool relinked_ = false;
 };
 
 }  // namespace goods

@@ -2,6 +2,7 @@
 #pragma once
 
 #include <atomic>
+#include <cstddef>
 #include <cstdint>
 
 #include <goods/object_ref.h>
@@ -28,6 +29,15 @@ class GOODS_API object_handle {
   object_handle(database& owner, object_id id) : id_(id), database_(&owner) {}  // persistent
   object_handle(const object_handle&) = delete;
   object_handle& operator=(const object_handle&) = delete;
+
+  // The handle of a new object whose memory has room for it, `offset` bytes behind its beginning.
+  static object_handle* construct_in(object* body, std::size_t offset);
+  // Frees a handle, and the memory that it shares once the body in it has gone too.
+  static void destroy(object_handle* handle) noexcept;
+  // The body at `room` has been destroyed; its memory goes now or with the handle in it.
+  static void leave_to_handle(void* room, std::size_t offset) noexcept;
+  // The handle and what it keeps from being freed.
+  std::size_t memory() const { return offset_ == 0 ? own_memory : own_memory + offset_; }
 
   object_id id() const { return id_.load(std::memory_order_acquire); }  // 0 while transient
   bool is_transient() const { return id() == 0; }
@@ -70,6 +80,9 @@ class GOODS_API object_handle {
   void set_wanted_storage(storage_number storage) { wanted_storage_ = storage; }
 
  private:
+  static constexpr std::size_t own_memory = 48;  // with what the allocator adds
+  enum sharer : std::uint8_t { shared_by_handle = 1, shared_by_body = 2 };
+
   std::atomic<object_id> id_{0};
   std::atomic<object*> body_{nullptr};
   std::atomic<database*> database_{nullptr};  // outlives the handle
@@ -77,6 +90,8 @@ class GOODS_API object_handle {
   std::atomic<bool> used_{false};
   std::atomic<bool> being_written_{false};
   storage_number wanted_storage_ = no_storage;
+  std::uint16_t offset_ = 0;              // in memory shared with a body; 0: memory of its own
+  std::atomic<std::uint8_t> sharers_{0};  // who has not gone yet
 };
 static_assert(sizeof(object_handle) <= 40, "a handle stands behind every cached object");
 

@@ -30,7 +30,7 @@ void check_length(std::size_t length) {
 
 object* String::construct(object_handle* handle, class_descriptor& cls, unsigned extra) {
   if (cls.is_unknown_class()) return new (extra_room{extra}) String(handle, cls, 0);
-  void* const room = object::operator new(sizeof(String) + extra);
+  void* const room = ::operator new(sizeof(String) + extra);
   return new (room) String(handle, cls, extra);
 }
 
@@ -49,13 +49,17 @@ String::String(object_handle* handle, class_descriptor& cls, unsigned varying)
   if (room_ != 0) *text_ = '\0';
 }
 
-String::String(class_descriptor& cls) : object(cls), text_(empty_text) {}
+String::String(class_descriptor& cls, unsigned varying)
+    : object(cls), text_(reinterpret_cast<char*>(this) + sizeof(String)), room_(varying) {
+  *text_ = '\0';
+}
 
 String::~String() { release_room(); }
 
 ref<String> String::create(std::string_view text, std::size_t capacity) {
   check_length(text.size());
-  auto* const body = new String(self_class);
+  const std::size_t room = text.size() + 1;
+  auto* const body = new (room_behind{room}) String(self_class, static_cast<unsigned>(room));
   ref<String> made(body);
   body->put_text(0, text);
   body->reserve(capacity);

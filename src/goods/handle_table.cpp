@@ -30,7 +30,7 @@ handle_table::~handle_table() {
       if (handle == nullptr) continue;
       if (object* body = handle->exchange_body(nullptr)) body->unpin();
       if (handle->try_retire()) {
-        delete handle;
+        object_handle::destroy(handle);
       } else {
         handle->become_transient();  // goes with the last reference that an application holds
       }

@@ -10,9 +10,43 @@
 
 namespace goods {
 
-object::object(class_descriptor& cls) : handle_(new object_handle(this)), cls_(&cls) {}
+namespace {
 
-object::object(object_handle* handle, class_descriptor& cls) : handle_(handle), cls_(&cls) {}
+// A handle keeps the memory that it lies in: only a small body may stay in memory for that.
+constexpr std::size_t most_shared_bytes = 1024;
+
+// The memory that `new` took last on this thread, until the object in it is constructed.
+struct memory_for_two {
+  void* room = nullptr;
+  std::size_t handle_offset = 0;
+};
+[[gnu::tls_model("initial-exec")]] thread_local memory_for_two taken_last;
+
+}  // namespace
+
+void* object::allocate_with_handle(std::size_t size) {
+  constexpr std::size_t step = alignof(object_handle);
+  const std::size_t offset = (size + step - 1) / step * step;
+  taken_last = {};
+  if (offset + sizeof(object_handle) > most_shared_bytes) return ::operator new(size);
+  taken_last = {::operator new(offset + sizeof(object_handle)), offset};
+  return taken_last.room;
+}
+
+// When another object was made between taking memory and getting here, the handle gets memory of
+// its own.
+object_handle* object::make_handle() {
+  if (taken_last.room != this) return new object_handle(this);
+  taken_last.room = nullptr;
+  handle_offset_ = static_cast<std::uint16_t>(taken_last.handle_offset);
+  return object_handle::construct_in(this, handle_offset_);
+}
+
+object::object(class_descriptor& cls) : handle_(make_handle()), cls_(&cls) {}
+
+object::object(object_handle* handle, class_descriptor& cls) : handle_(handle), cls_(&cls) {
+  if (taken_last.room == this) taken_last.room = nullptr;
+}
 
 object::~object() { cls_->release_extra(*this); }
 
@@ -22,7 +56,17 @@ void object::copy_varying(const object&) {}
 void object::visit_varying(ref_visitor&) {}
 
 void object::unpin() const {
-  if (pins_.fetch_sub(1, std::memory_order_acq_rel) == 1) delete this;
+  if (pins_.fetch_sub(1, std::memory_order_acq_rel) == 1) destroy();
+}
+
+void object::destroy() const {
+  const std::size_t handle_offset = handle_offset_;
+  if (handle_offset == 0) {
+    delete this;
+    return;
+  }
+  this->~object();
+  object_handle::leave_to_handle(const_cast<object*>(this), handle_offset);
 }
 
 void object::attach_to_storage(database*, std::uint32_t storage) {

@@ -24,11 +24,10 @@ namespace goods {
 namespace {
 
 constexpr std::size_t smallest_limit = std::size_t{1} << 20;
-constexpr std::size_t handle_bytes = 48;  // with what the allocator adds
 constexpr std::size_t slots_per_step = 128;
 
 void release_body(void* body) { static_cast<object*>(body)->unpin(); }
-void release_handle(void* handle) { delete static_cast<object_handle*>(handle); }
+void release_handle(void* handle) { object_handle::destroy(static_cast<object_handle*>(handle)); }
 
 publication& own(const notice& news) { return *static_cast<publication*>(news.attachment.get()); }
 
@@ -80,7 +79,7 @@ object_handle& object_cache::find_or_make(object_id id) {
     if (object_handle* known = table_.find_locked(id)) return *known;
     table_.insert(made.get());
   }
-  bytes_ += handle_bytes;
+  bytes_ += made->memory();
   object_handle& handle = *made.release();
   handle.mark_used();
   return handle;
@@ -210,10 +209,11 @@ void object_cache::install(object_handle& created) {
   if (guessed == &created) return;
   if (guessed == nullptr) {
     table_.insert(&created);
-    bytes_ += handle_bytes;
+    bytes_ += created.memory();
   } else {
     if (object* body = guessed->exchange_body(nullptr)) discard_body(body);
     table_.exchange(guessed, &created);
+    bytes_ += created.memory() - guessed->memory();
     if (guessed->try_retire()) {
       retire(guessed, release_handle);
     } else {
@@ -259,7 +259,7 @@ void object_cache::evict(object_handle& handle) {
   if (object* body = handle.exchange_body(nullptr)) discard_body(body);
   if (!handle.try_retire()) return;  // the identity stays
   table_.erase(&handle);
-  bytes_ -= handle_bytes;
+  bytes_ -= handle.memory();
   retire(&handle, release_handle);
 }
 

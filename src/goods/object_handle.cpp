@@ -1,6 +1,7 @@
 #include <goods/object_handle.h>
 
 #include <limits>
+#include <new>
 #include <vector>
 
 #include <goods/class_descriptor.h>
@@ -44,7 +45,7 @@ void destroy_transient(object_handle* handle) {
     body->cls().visit_references(*body, visitor);
     body->unpin();
   }
-  delete handle;
+  object_handle::destroy(handle);
 }
 
 // Destroying an object may drop the last reference to others, and those to more: a chain of any
@@ -66,6 +67,33 @@ void destroy_iteratively(object_handle* handle) {
 }
 
 }  // namespace
+
+object_handle* object_handle::construct_in(object* body, std::size_t offset) {
+  auto* const handle = new (reinterpret_cast<char*>(body) + offset) object_handle(body);
+  handle->offset_ = static_cast<std::uint16_t>(offset);
+  handle->sharers_.store(shared_by_handle | shared_by_body, std::memory_order_relaxed);
+  return handle;
+}
+
+void object_handle::destroy(object_handle* handle) noexcept {
+  if (handle->offset_ == 0) {
+    delete handle;
+    return;
+  }
+  void* const room = reinterpret_cast<char*>(handle) - handle->offset_;
+  if (handle->sharers_.load(std::memory_order_acquire) == shared_by_handle ||
+      handle->sharers_.fetch_and(shared_by_body, std::memory_order_acq_rel) == shared_by_handle) {
+    ::operator delete(room);
+  }
+}
+
+void object_handle::leave_to_handle(void* room, std::size_t offset) noexcept {
+  auto* const handle =
+      std::launder(reinterpret_cast<object_handle*>(static_cast<char*>(room) + offset));
+  if (handle->sharers_.fetch_and(shared_by_handle, std::memory_order_acq_rel) == shared_by_body) {
+    ::operator delete(room);
+  }
+}
 
 bool object_handle::try_add_reference() {
   std::int32_t count = references_.load(std::memory_order_relaxed);

@@ -36,7 +36,7 @@ bool drop_unless_referenced(object_ref& created) {
   if (!created.handle()->is_referenced_once()) return false;
   object_handle* const handle = created.detach();
   if (object* const body = handle->exchange_body(nullptr)) body->unpin();
-  delete handle;
+  object_handle::destroy(handle);
   return true;
 }
 

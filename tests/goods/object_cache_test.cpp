@@ -3,8 +3,11 @@
 #include <atomic>
 #include <memory>
 #include <set>
+#include <string>
 #include <thread>
 #include <vector>
+
+#include <goods/String.h>
 
 #include "goods/handle_table.h"
 #include "support/cell.h"
@@ -92,6 +95,43 @@ TEST(ObjectCacheTest, KeepsOfALargeCommitWhatIsReferredTo) {
     other.db().attach();
     EXPECT_EQ(sum_of_chain(other), sum);
   }
+}
+
+// A cell that is made with what it refers to: while `new` evaluates its argument.
+class parent_cell : public cell {
+ public:
+  explicit parent_cell(const ref<cell>& child) : cell(child->value + 1) { next = child; }
+};
+
+// A new object and its handle share memory. Meant for the address sanitizer, too.
+TEST(ObjectMemoryTest, IsSharedByAnObjectAndItsHandleUntilBothHaveGone) {
+  const test_store store;
+  test_session session(store);
+  const ref<cell> nested(new parent_cell(new_cell(1)));
+  EXPECT_EQ(nested->value, 2);
+  EXPECT_EQ(ref<cell>(nested->next)->value, 1);
+  EXPECT_ANY_THROW(new parent_cell(ref<cell>())) << "fails before there is an object";
+  for (const std::size_t length : {0, 1, 900, 930, 940, 1000, 100'000}) {
+    const ref<String> text = String::create(std::string(length, 'x'));
+    EXPECT_EQ(text->text(), std::string(length, 'x'));
+    modify(text)->append("y");
+    EXPECT_EQ(text->length(), length + 1);
+  }
+  const ref<cell> root = session.root();
+  modify(root)->next = new_cell(1);
+  const ref<cell> stored(root->next);
+  {
+    const ref<cell> heir = new_cell(2);
+    modify(heir)->become(stored);  // the object leaves the handle that it was made with
+  }
+  EXPECT_EQ(stored->value, 2);
+  modify(stored)->value = 3;  // and goes first
+  const ref<cell> kept = new_cell(4);
+  modify(stored)->next = kept;
+  session.session().set_cache_limit(1);
+  store_chain(session, 20'000);
+  modify(root)->next = kept;
+  EXPECT_EQ(kept->value, 4) << "a handle outlives the object that it was made with";
 }
 
 // Two cells whose values are always equal in every committed state.
