@@ -14,6 +14,7 @@ class metaobject;
 // Throws corrupt_data unless `body` is an `expected`: what a stored reference leads to may be of
 // any class.
 GOODS_API void check_body(const object& body, const class_descriptor& expected);
+[[noreturn]] GOODS_API void throw_written_too_late(const object& body);
 
 // Reads one object: the version current when the access began stays unchanged and in memory until
 // the access ends. Usually a temporary made by ref<T>::operator->.
@@ -34,11 +35,13 @@ class GOODS_API read_access_base {
  private:
   object_ref reference_;
   int exceptions_ = std::uncaught_exceptions();
-  metaobject* scheme_;  // null for an access to a transient object
+  metaobject* scheme_ = nullptr;  // null for an access to a transient object
   const object* body_;
 };
 
 // Writes one object: locks it exclusively and hands out the transaction's private copy.
+// An access may outlive the explicit transaction that it was made in, but not be used any more:
+// what it would change is committed, or dropped. That throws usage.
 class GOODS_API write_access_base {
  public:
   explicit write_access_base(object_ref reference);  // not null
@@ -47,13 +50,16 @@ class GOODS_API write_access_base {
   write_access_base& operator=(const write_access_base&) = delete;
 
  protected:
-  object* body() const { return body_; }
+  object* body() const {
+    if (body_->is_closed()) throw_written_too_late(*body_);
+    return body_;
+  }
   void check(const class_descriptor& expected) const { check_body(*body_, expected); }
 
  private:
   object_ref reference_;
   int exceptions_ = std::uncaught_exceptions();
-  metaobject* scheme_;  // null for an access to a transient object
+  metaobject* scheme_ = nullptr;  // null for an access to a transient object
   object* body_;
 };
 

@@ -139,11 +139,10 @@ class GOODS_API read_round {
   void prepare_retry();
 
  private:
-  bool checks_consistency() const;
-
   reader reader_;
   thread_attachment* attachment_ = nullptr;
-  bool in_section_ = true;
+  bool checks_ = false;  // locks do it in a transaction, the outermost read() for those within
+  bool in_section_ = false;
   bool holds_publishing_ = false;  // after a few rounds: commits wait until the work is done
   int rounds_ = 1;
   std::uint64_t started_at_ = 0;

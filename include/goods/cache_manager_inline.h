@@ -21,8 +21,8 @@ std::invoke_result_t<Work&, reader&> read_until_consistent(cache_manager* sessio
         auto result = work(round.get());
         if (round.is_consistent()) return result;
       }
-    } catch (const error_info&) {
-      // What looks damaged or missing may be two states mixed.
+    } catch (...) {
+      // What looks damaged, missing or wrong in any way may be two states mixed.
       if (round.is_consistent()) throw;
     }
     round.prepare_retry();

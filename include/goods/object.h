@@ -94,19 +94,26 @@ class GOODS_API object {
   virtual void visit_varying(ref_visitor& visitor);
   virtual std::size_t varying_bytes() const { return 0; }  // heap memory beyond the instance
 
-  // Places this transient object in a certain storage of the database that it will be stored in.
+  // Places this transient object in a certain storage of the database that it will be stored in,
+  // which throws when it has no such storage. Throws usage for 65535 and more.
   void attach_to_storage(database* db, std::uint32_t storage);
   // Places this transient object beside `other`: in the same storage and, where they are stored by
   // the same commit, with a number near it. No effect on a stored object.
   void cluster_with(const object_ref& other);
 
   // Takes over the identity of `other`: every reference to `other` sees this object's content from
-  // now on. This object must be transient and of the same class; it is empty afterwards. Part of
-  // the calling thread's transaction.
+  // now on. This object must be transient and of the same class; references to it lead to nothing
+  // afterwards. Part of the calling thread's transaction: rolled back, everything is as before.
   void become(const object_ref& other);
+  // For transactions: ends being a version of another object and is `handle`'s transient body.
+  void return_to(object_handle& handle) noexcept;
 
   void pin() const { pins_.fetch_add(1, std::memory_order_relaxed); }
   void unpin() const;  // destroys the body when it was the last
+
+  // Ends writing to this version: it has been committed, or its transaction is over.
+  void close() { closed_ = true; }
+  bool is_closed() const { return closed_; }
 
   // Set by a change after which a path that led to some object may lead elsewhere (an entry
   // removed, an index exchanged); remembered paths are dropped when the change is published.
@@ -120,6 +127,7 @@ class GOODS_API object {
 
   std::uint16_t handle_offset_ = 0;  // where a handle lies in this object's memory; 0: nowhere
   bool relinked_ = false;
+  bool closed_ = false;
   mutable std::atomic<std::uint32_t> pins_{1};
   object_handle* handle_;
   class_descriptor* cls_;

@@ -53,51 +53,41 @@ object_ref counted(object_ref reference) {
   return reference.word().is_id() ? to_reference(reference.word()) : reference;
 }
 
-bool has_failed(int exceptions_before) { return std::uncaught_exceptions() > exceptions_before; }
+// An access to a transient object pins its body and is none of the session's business, even when
+// the object is stored meanwhile: `scheme` tells whether the thread's accesses were counted.
+template <class Body>
+Body* begin_access(object_handle& handle, metaobject*& scheme,
+                   Body* (metaobject::*begin)(object_handle&)) {
+  const looked_up found = look_up(handle);
+  scheme = found.scheme;
+  if (scheme != nullptr) return (scheme->*begin)(handle);
+  found.transient_body->pin();
+  return found.transient_body;
+}
+
+template <class Body>
+void end_access(object_handle& handle, metaobject* scheme, Body* body, int exceptions_before,
+                void (metaobject::*end)(object_handle&, Body*, bool)) {
+  if (scheme == nullptr) return body->unpin();
+  (scheme->*end)(handle, body, std::uncaught_exceptions() > exceptions_before);
+}
 
 }  // namespace
 
-// An access to a transient object pins its body and is none of the session's business, even when
-// the object is stored meanwhile: the scheme is remembered by whether the thread's accesses were
-// counted.
 read_access_base::read_access_base(object_ref reference)
-    : reference_(counted(std::move(reference))) {
-  const looked_up found = look_up(*reference_.handle());
-  scheme_ = found.scheme;
-  if (scheme_ == nullptr) {
-    found.transient_body->pin();
-    body_ = found.transient_body;
-  } else {
-    body_ = scheme_->begin_read_access(*reference_.handle());
-  }
-}
+    : reference_(counted(std::move(reference))),
+      body_(begin_access(*reference_.handle(), scheme_, &metaobject::begin_read_access)) {}
 
 read_access_base::~read_access_base() noexcept(false) {
-  if (scheme_ == nullptr) {
-    body_->unpin();
-  } else {
-    scheme_->end_read_access(*reference_.handle(), body_, has_failed(exceptions_));
-  }
+  end_access(*reference_.handle(), scheme_, body_, exceptions_, &metaobject::end_read_access);
 }
 
 write_access_base::write_access_base(object_ref reference)
-    : reference_(counted(std::move(reference))) {
-  const looked_up found = look_up(*reference_.handle());
-  scheme_ = found.scheme;
-  if (scheme_ == nullptr) {
-    found.transient_body->pin();
-    body_ = found.transient_body;
-  } else {
-    body_ = scheme_->begin_write_access(*reference_.handle());
-  }
-}
+    : reference_(counted(std::move(reference))),
+      body_(begin_access(*reference_.handle(), scheme_, &metaobject::begin_write_access)) {}
 
 write_access_base::~write_access_base() noexcept(false) {
-  if (scheme_ == nullptr) {
-    body_->unpin();
-  } else {
-    scheme_->end_write_access(*reference_.handle(), body_, has_failed(exceptions_));
-  }
+  end_access(*reference_.handle(), scheme_, body_, exceptions_, &metaobject::end_write_access);
 }
 
 void check_body(const object& body, const class_descriptor& expected) {
@@ -105,6 +95,11 @@ void check_body(const object& body, const class_descriptor& expected) {
   if (&actual == &expected || expected.is_superclass_for(actual)) return;
   throw_error(error_code::corrupt_data, std::string("A reference to a \"") + expected.name() +
                                             "\" leads to a \"" + actual.name() + "\".");
+}
+
+void throw_written_too_late(const object& body) {
+  throw_error(error_code::usage, std::string("A \"") + body.cls().name() +
+                                     "\" is written through an access whose transaction is over.");
 }
 
 class_descriptor& class_of(const object_ref& reference) {

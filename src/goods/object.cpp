@@ -1,5 +1,7 @@
 #include <goods/object.h>
 
+#include <fmt/format.h>
+
 #include <goods/access.h>
 #include <goods/cache_manager.h>
 #include <goods/class_descriptor.h>
@@ -70,6 +72,9 @@ void object::destroy() const {
 }
 
 void object::attach_to_storage(database*, std::uint32_t storage) {
+  if (storage >= object_handle::no_storage) {
+    throw_error(error_code::usage, fmt::format("{} is no storage's number.", storage));
+  }
   if (handle_ != nullptr && handle_->is_transient()) {
     handle_->set_wanted_storage(static_cast<storage_number>(storage));
   }
@@ -79,6 +84,12 @@ void object::cluster_with(const object_ref& other) {
   if (handle_ == nullptr || !handle_->is_transient() || other.is_null()) return;
   const object_id beside = other.id();
   handle_->set_wanted_storage(beside != 0 ? storage_of(beside) : other.handle()->wanted_storage());
+}
+
+void object::return_to(object_handle& handle) noexcept {
+  handle_ = &handle;
+  closed_ = false;
+  handle.set_body(this);
 }
 
 void object::become(const object_ref& other) {
@@ -101,8 +112,7 @@ void object::become(const object_ref& other) {
     return;
   }
   cache_manager::require().atomically([&] {
-    transaction& running = transaction::running();
-    running.replace(*place, *this);
+    transaction::running().replace(*place, *this);
     old_self->set_body(nullptr);
     handle_ = place;
   });

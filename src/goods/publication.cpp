@@ -26,6 +26,7 @@ class handles_to_identifiers : public ref_visitor {
 };
 
 void use_identifiers(object& body) {
+  body.close();
   handles_to_identifiers visitor;
   body.cls().visit_references(body, visitor);
 }

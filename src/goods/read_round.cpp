@@ -17,17 +17,16 @@ constexpr int rounds_without_waiting = 8;
 
 read_round::read_round(cache_manager* session) {
   if (session != nullptr) attachment_ = session->attachment();
-  in_section_ = attachment_ == nullptr || attachment_->open() == nullptr;
-  if (in_section_) reader_section::enter();
-  if (session == nullptr) return;
-  if (attachment_ != nullptr) {
-    reader_.transaction_ = attachment_->open();
-    ++attachment_->reads;
-  }
+  transaction* const open = attachment_ != nullptr ? attachment_->open() : nullptr;
   reader_.session_ = session;
-  if (!checks_consistency()) return;
-  session->cache().catch_up();
-  started_at_ = session->cache().stable_publish_count();
+  reader_.transaction_ = open;
+  const bool is_outermost = attachment_ == nullptr || attachment_->reads == 0;
+  checks_ = session != nullptr && open == nullptr && is_outermost;
+  if (checks_) session->cache().catch_up();  // may throw: nothing is held yet
+  in_section_ = open == nullptr;
+  if (in_section_) reader_section::enter();
+  if (attachment_ != nullptr) ++attachment_->reads;
+  if (checks_) started_at_ = session->cache().stable_publish_count();
 }
 
 read_round::~read_round() {
@@ -37,14 +36,8 @@ read_round::~read_round() {
   if (in_section_) reader_section::leave();
 }
 
-// Locks do it inside a transaction, and the outermost read() for those within.
-bool read_round::checks_consistency() const {
-  return reader_.session_ != nullptr && reader_.transaction_ == nullptr &&
-         (attachment_ == nullptr || attachment_->reads == 1);
-}
-
 bool read_round::is_consistent() const {
-  return !checks_consistency() || reader_.session_->cache().publish_count() == started_at_;
+  return !checks_ || reader_.session_->cache().publish_count() == started_at_;
 }
 
 void read_round::prepare_retry() {

@@ -1,5 +1,7 @@
 #include "goods/transaction.h"
 
+#include <algorithm>
+
 #include <goods/cache_manager.h>
 #include <goods/class_descriptor.h>
 #include <goods/database.h>
@@ -91,11 +93,14 @@ object* transaction::write(object_handle& handle) {
 
 void transaction::replace(object_handle& handle, object& body) {
   object* replaced = write(handle);
+  replacing_.emplace_back(body.handle(), &body);
   for (publication::copy& c : changes_->copies) {
     if (c.body == replaced) c.body = &body;
   }
   copies_[&handle] = &body;
-  replaced->unpin();
+  const bool came_from_elsewhere = std::ranges::any_of(
+      replacing_, [&](const auto& earlier) { return earlier.second == replaced; });
+  if (!came_from_elsewhere) replaced->unpin();
 }
 
 void transaction::add_root(object_ref root, storage_number storage) {
@@ -119,6 +124,7 @@ void transaction::commit_copies() {
     for (const auto& [root, storage] : roots_) builder.add_root(root, storage);
     builder.build();
     versions = commit_several(builder.parts(&session_, changes_));
+    is_committed_ = true;
   } catch (...) {
     changes_->withdraw_created();
     throw;
@@ -133,9 +139,13 @@ void transaction::commit_copies() {
 }
 
 void transaction::finish() noexcept {
-  for (const publication::copy& c : changes_->copies) {
-    if (c.body != nullptr) c.keeps.handle()->set_being_written(false);
+  for (publication::copy& c : changes_->copies) {
+    if (c.body == nullptr) continue;
+    c.keeps.handle()->set_being_written(false);
+    if (is_committed_) continue;  // others are about to publish it
+    c.body->close();
   }
+  end_replacing();
   copies_.clear();
   changes_.reset();
   changes_ = std::make_shared<publication>();
@@ -144,6 +154,25 @@ void transaction::finish() noexcept {
   for (storage_number s = 0; s < session_.db().get_number_of_storages(); ++s) {
     session_.db().storage(s).dbs().locks().unlock_all(owner_);
   }
+}
+
+// Rolled back, bodies go back to where they came from; otherwise those go that were replaced in
+// turn.
+void transaction::end_replacing() noexcept {
+  for (const auto& [from, body] : replacing_) {
+    const auto copy = std::ranges::find(changes_->copies, body, &publication::copy::body);
+    if (!is_committed_) {
+      if (copy != changes_->copies.end()) copy->body = nullptr;
+      body->return_to(*from.handle());
+    } else if (!is_own(*body)) {
+      body->unpin();
+    }
+  }
+  replacing_.clear();
+}
+
+bool transaction::is_own(const object& body) const {
+  return std::ranges::any_of(copies_, [&](const auto& copy) { return copy.second == &body; });
 }
 
 void transaction::roll_back() noexcept { finish(); }

@@ -48,7 +48,8 @@ class transaction {
   // The private copy, locked exclusively and made at the first call. As read(), but not pinned.
   object* write(object_handle& handle);
 
-  // Makes `body` the private copy of the object behind `handle`.
+  // Makes `body` the private copy of the object behind `handle`; rolled back, it returns to the
+  // handle that it has now.
   void replace(object_handle& handle, object& body);
 
   // Locks a number exclusively, whether there is an object behind it or not.
@@ -66,16 +67,21 @@ class transaction {
   object* own_copy(object_handle& handle) const;
   void lock(object_id id, lock_mode mode);
   void commit_copies();
+  void end_replacing() noexcept;
+  bool is_own(const object& body) const;
   void finish() noexcept;  // gives up copies that were not published, and the locks
 
   cache_manager& session_;
   bool is_of_access_;
   int depth_;  // begins without an end
   bool doomed_ = false;
+  bool is_committed_ = false;
   lock_owner& owner_;
   std::shared_ptr<publication> changes_;                // owns the copies until they are published
   std::unordered_map<object_handle*, object*> copies_;  // look-up into changes_
   std::vector<std::pair<object_ref, storage_number>> roots_;
+  std::vector<std::pair<object_ref, object*>>
+      replacing_;  // bodies that replace(), and their handles
 };
 
 }  // namespace goods

@@ -1,6 +1,7 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include <atomic>
 #include <future>
 #include <stdexcept>
 #include <thread>
@@ -200,6 +201,92 @@ TEST(TransactionTest, AnObjectTakesThePlaceOfAnother) {
   EXPECT_EQ(old_next->value, 3);
   session.session().abort_transaction();
   EXPECT_EQ(old_next->value, 2);
+}
+
+TEST(TransactionTest, WhatTookThePlaceOfAnotherIsAsBeforeWhenThatIsRolledBack) {
+  const test_store store;
+  test_session session(store);
+  const ref<cell> stored = new_cell(1);
+  modify(session.root())->next = stored;
+  const ref<cell> first = new_cell(2, new_cell(20)), second = new_cell(3);
+  session.session().begin_transaction();
+  modify(first)->become(stored);
+  modify(second)->become(stored);
+  EXPECT_EQ(stored->value, 3);
+  session.session().abort_transaction();
+  EXPECT_EQ(stored->value, 1);
+  EXPECT_EQ(first->value, 2);
+  EXPECT_EQ(first->next->value, 20);
+  modify(second)->value = 4;
+  EXPECT_EQ(second->value, 4);
+  // The same with a commit.
+  session.session().begin_transaction();
+  modify(first)->become(stored);
+  modify(second)->become(stored);
+  session.session().end_transaction();
+  EXPECT_EQ(stored->value, 4);
+  EXPECT_EQ(error_of([&] { return first->value; }).first, error_code::object_deleted);
+}
+
+TEST(TransactionTest, AnAccessCannotWriteBeyondItsTransaction) {
+  const test_store store;
+  test_session session(store);
+  const ref<cell> root = session.root();
+  for (const bool commits : {true, false}) {
+    SCOPED_TRACE(commits);
+    modify(root)->value = 1;
+    session.session().begin_transaction();
+    const ref<cell> made = new_cell(5);
+    const auto of_stored = modify(root);
+    const auto of_new = modify(made);
+    of_stored->value = 2;
+    of_stored->next = made;
+    commits ? (void)session.session().end_transaction() : session.session().abort_transaction();
+    EXPECT_EQ(error_of([&] { of_stored->value = 3; }).first, error_code::usage);
+    EXPECT_EQ(root->value, commits ? 2 : 1);
+    if (commits) {
+      EXPECT_EQ(error_of([&] { of_new->value = 6; }).first, error_code::usage);
+    } else {
+      of_new->value = 6;
+      EXPECT_EQ(made->value, 6);
+    }
+  }
+  modify(root)->value = 7;
+  EXPECT_EQ(value_seen_by_another_session(store), 7);
+}
+
+// A commit changes two numbers together; who reads them one after the other must not be told of a
+// mixture, not even by an exception of its own.
+TEST(TransactionTest, WhatAReaderThrowsBelongsToOneState) {
+  const test_store store;
+  test_session session(store);
+  const ref<cell> left = session.root();
+  modify(left)->next = new_cell(0);
+  const ref<cell> right(left->next);
+  std::atomic<bool> is_done = false;
+  int mixed = 0;
+  std::jthread reader([&] {
+    session.session().attach();
+    while (!is_done) {
+      try {
+        session.session().read([&](goods::reader& in) {
+          if (in.get(left)->value != in.get(right)->value) throw std::runtime_error("mixed");
+        });
+      } catch (const std::runtime_error&) {
+        ++mixed;
+      }
+    }
+    cache_manager::detach();
+  });
+  for (int i = 1; i <= 500; ++i) {
+    session.session().begin_transaction();
+    modify(left)->value = i;
+    modify(right)->value = i;
+    session.session().end_transaction();
+  }
+  is_done = true;
+  reader.join();
+  EXPECT_EQ(mixed, 0);
 }
 
 TEST(TransactionTest, AnObjectOfAnotherClassIsRefusedWhereverAReferenceLeadsToIt) {
