@@ -62,10 +62,12 @@ enum class ref_kind : std::uint8_t { counted, back };
 class GOODS_API object_ref {
  public:
   object_ref() = default;
+  // NOLINTBEGIN(google-explicit-constructor): null is a reference, a handle what one refers to
   object_ref(std::nullptr_t) {}
   // Counts; null is allowed. In a reader section (or read()) the handle need not be counted by
   // anybody: when the session has just dropped it, this is a reference to the object's new one.
   object_ref(object_handle* handle);
+  // NOLINTEND(google-explicit-constructor)
   object_ref(const object_ref& other);
   object_ref(object_ref&& other) noexcept : word_(std::exchange(other.word_, ref_word())) {}
   object_ref& operator=(const object_ref& other);

@@ -22,6 +22,8 @@ class ref : public object_ref {
  public:
   using element_type = T;
   ref() = default;
+  // NOLINTBEGIN(google-explicit-constructor): null is a reference, `new T` goes into its first one,
+  // a reference to a derived class is one to the base
   ref(std::nullptr_t) {}
   ref(T* body) : object_ref(body == nullptr ? nullptr : body->handle()) {}
   ref(const ref&) = default;
@@ -32,6 +34,7 @@ class ref : public object_ref {
   requires std::is_base_of_v<T, D> ref(const ref<D>& other) : object_ref(other) {}
   template <class D>
   requires std::is_base_of_v<T, D> ref(ref<D>&& other) : object_ref(std::move(other)) {}
+  // NOLINTEND(google-explicit-constructor)
 
   // The caller vouches for the class (it is checked again at every look through reader).
   static ref trusted(object_ref other) {
