@@ -71,7 +71,7 @@ bool FindMemberName(const TarnFieldDescriptor& field, const void* arg) {
 
 void TarnObject::addChild(const char* name, xcptref<TarnObject> child) {
   const std::string_view text = ViewOf(name);
-  VerifyChildName(getSelf(), text);
+  if (!IsChildName(text)) VerifyChildName(getSelf(), text);  // throws
   if (child.is_null()) ThrowBadRef("NULL TarnRef write dereference");
   if (children_.is_null()) children_ = TarnObjects::Create(getSelf(), getPageN());
   modify(children_)->insert(text, child);

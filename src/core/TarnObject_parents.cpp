@@ -218,18 +218,17 @@ signed char TarnObject::compareName(const char* name, bool caseSensitive) const 
 }
 
 void TarnObject::VerifyChildName(const xcptref<TarnObject>& of, std::string_view name) {
+  if (IsChildName(name)) return;
   TarnException error;
   if (name.empty()) {
     error << "Cannot add a TarnObject to \"" << PathOf(of)
           << "\" because no child name was specified.";
   } else if (name.find(TarnBranches::kSeparator) != std::string_view::npos) {
     error << "The name \"" << name << "\" cannot contain the character" << TarnBranches::kSeparator;
-  } else if (name.size() > kMaxNameLength) {
+  } else {
     error << "The name \"" << name.substr(0, 40) << "...\" cannot be given to a child of \""
           << PathOf(of) << "\": it has " << name.size() << " bytes, and names have at most "
           << kMaxNameLength << ".";
-  } else {
-    return;
   }
   throw error;
 }

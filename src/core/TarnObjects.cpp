@@ -17,6 +17,23 @@ goods::class_descriptor TarnObjects::self_class("TarnObjects", sizeof(TarnObject
                                                 goods::prototype_fields<TarnObjects>(),
                                                 &goods::B_tree::self_class);
 
+namespace {
+
+// The body of a node that is not stored and has no index; null for any other.
+const TarnObject* NewNodeWithoutChildren(const TarnRef& node) {
+  if (!node.handle()->is_transient()) return nullptr;
+  const auto* const body = static_cast<const TarnObject*>(node.handle()->body());
+  return body != nullptr && TarnNodeAccess::ChildrenOf(*body).is_null() ? body : nullptr;
+}
+
+// Whether an object would be placed anywhere beside `other`.
+bool HasNoPlace(goods::ref_word other) {
+  return other.is_handle() && other.handle()->is_transient() &&
+         other.handle()->wanted_storage() == goods::object_handle::no_storage;
+}
+
+}  // namespace
+
 TarnObjects::TarnObjects(const xcptref<TarnObject>& parent, unsigned char pageN)
     : goods::B_tree(self_class, nullptr, pageN) {
   parent_.set(parent);
@@ -49,6 +66,9 @@ void TarnObjects::setParent(const xcptref<TarnObject>& parent) {
 
 // A node without children is above nothing, which spares new nodes the walk to the root.
 bool TarnObjects::isAtOrAboveParent(const xcptref<TarnObject>& child) const {
+  if (const TarnObject* const fresh = NewNodeWithoutChildren(child)) {
+    return parent_.word() == goods::ref_word::of(fresh->handle());
+  }
   return goods::read_here([&](goods::reader& reader) {
     const TarnObject* candidate = reader.get(child);
     const TarnObject* parent = reader.get(parent_);
@@ -66,7 +86,8 @@ void TarnObjects::adopt(const goods::ref<goods::set_member>& entry,
                         const xcptref<TarnObject>& child) {
   if (isAtOrAboveParent(child)) return;
   auto node = modify(child);
-  if (child.handle()->wanted_storage() == goods::object_handle::no_storage) {
+  if (child.handle()->wanted_storage() == goods::object_handle::no_storage &&
+      !HasNoPlace(parent_.word())) {
     node->cluster_with(getParent());
   }
   node->adoptOrphan(entry, !TarnNodeAccess::ParentLinkOf(*node).is_null());

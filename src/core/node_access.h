@@ -4,6 +4,7 @@
 #pragma once
 
 #include <goods/reader.h>
+#include <tarns/core/TarnBranches.h>
 #include <tarns/core/TarnData.h>
 #include <tarns/core/TarnObject.h>
 #include <tarns/core/TarnObjects.h>
@@ -24,6 +25,12 @@ bool ReadValue(goods::reader& reader, const TarnObject& from, std::string_view p
 
 // The current state of the node behind `body`, which may be one that was current earlier.
 const TarnObject& Current(goods::reader& reader, const TarnObject& body);
+
+// Whether a child may have this name.
+inline bool IsChildName(std::string_view name) {
+  return !name.empty() && name.size() <= TarnObject::kMaxNameLength &&
+         name.find(TarnBranches::kSeparator) == std::string_view::npos;
+}
 
 // --- Whole operations, each with its own reading and writing.
 

@@ -191,9 +191,8 @@ void B_tree::insert(const ref<set_member>& member) {
   if (handle()->is_transient() && !member.handle()->is_transient()) {
     throw_error(error_code::usage, "A stored member cannot enter an index that is not stored.");
   }
-  const object_ref entered(
-      member.handle());  // with a handle, which the page counts until it is stored
-  B_tree_writer(*this).insert(access->key(), entered.word(), access->target_word());
+  // With the member's handle, which the page counts until it is stored.
+  B_tree_writer(*this).insert(access->key(), ref_word::of(member.handle()), access->target_word());
   access->join(ref<set_owner>(this));
 }
 

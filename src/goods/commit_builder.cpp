@@ -24,6 +24,7 @@ class transient_collector : public ref_visitor {
   void visit(ref_word& word, ref_kind kind) override {
     if (!word.is_handle() || !word.handle()->is_transient()) return;
     if (kind == ref_kind::counted) {
+      __builtin_prefetch(word.handle()->body());  // walked soon
       into_.push_back({word.handle(), storage_});
     } else {
       found_back_ = true;
