@@ -58,6 +58,11 @@ class xcptref : public goods::ref<T> {
   requires std::is_base_of_v<T, D>
   // NOLINTNEXTLINE(google-explicit-constructor): a reference to a derived class is one to the base
   xcptref(const goods::ref<D>& other) : goods::ref<T>(other) {}
+  // Moving makes no handle for a reference that holds an identifier, which copying does.
+  template <class D>
+  requires std::is_base_of_v<T, D>
+  // NOLINTNEXTLINE(google-explicit-constructor): as above
+  xcptref(goods::ref<D>&& other) : goods::ref<T>(std::move(other)) {}
 
   template <class U>
   requires(!std::is_base_of_v<T, U>)
