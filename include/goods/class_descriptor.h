@@ -42,9 +42,11 @@ class GOODS_API class_descriptor {
 
   // Takes over `fields` (null for none): the class's own persistent members. Members of the base
   // may be among them; those that the base has under the same name and offset are dropped.
+  // `may_be_guest`: no function that is called on a body while it is read through a reader needs
+  // the body's handle; see guest_scope in reader.h. A derived class has to say so for itself.
   class_descriptor(const char* name, unsigned instance_size, metaobject* scheme,
                    constructor_function make_body, field_descriptor* fields,
-                   class_descriptor* base = nullptr, int flags = 0);
+                   class_descriptor* base = nullptr, int flags = 0, bool may_be_guest = false);
   virtual ~class_descriptor();
   class_descriptor(const class_descriptor&) = delete;
   class_descriptor& operator=(const class_descriptor&) = delete;
@@ -57,6 +59,7 @@ class GOODS_API class_descriptor {
     return constructor_;
   }  // null: no bodies of this class
   int flags() const { return flags_; }
+  bool may_be_guest() const { return may_be_guest_; }
   // Different for every descriptor of the process, small, never used again.
   std::uint32_t index() const { return index_; }
 
@@ -153,6 +156,7 @@ class GOODS_API class_descriptor {
   constructor_function constructor_;
   class_descriptor* base_;
   int flags_;
+  bool may_be_guest_;
   std::uint32_t index_;
   std::unique_ptr<unknown_class_data> unknown_;
   std::vector<std::pair<std::string, std::string>> aliases_;

@@ -1,6 +1,8 @@
 // Looking at many objects at once.
 #pragma once
 
+#include <memory>
+#include <span>
 #include <vector>
 
 #include <goods/class_descriptor.h>
@@ -10,6 +12,7 @@
 namespace goods {
 
 class cache_manager;
+class guest_list;
 class transaction;
 
 // What a function that reads several objects works through; see cache_manager::read().
@@ -21,6 +24,11 @@ class transaction;
 // Threads: the one that made it.
 class GOODS_API reader {
  public:
+  reader();
+  ~reader();
+  reader(const reader&) = delete;
+  reader& operator=(const reader&) = delete;
+
   template <class T>
   const T* get(const ref<T>& reference) {
     return static_cast<const T*>(look(reference.word(), T::self_class));
@@ -33,13 +41,20 @@ class GOODS_API reader {
   // corrupt_data for another class, object_deleted for an identifier that nothing is stored under.
   const object* look(ref_word word, const class_descriptor& cls);
 
+  // Within a guest_scope: loads at once what the next calls of look() will ask for and the session
+  // does not have in memory. Only a hint; null references are allowed. No effect elsewhere.
+  void prefetch(std::span<const ref_word> words);
+
   // Whether the reading happens inside a transaction.
   bool in_transaction() const { return transaction_ != nullptr; }
 
  private:
   friend class cache_manager;
+  friend class guest_scope;
   friend class read_round;
   const object* look_persistent(ref_word word);
+  const object* look_in_passing(ref_word word);
+  const object* look_in_cache(ref_word word, object_id id) const;
   const object* look_locked(ref_word word);
 
   cache_manager* session_ = nullptr;    // null: only transient objects can be looked at
@@ -51,6 +66,28 @@ class GOODS_API reader {
     const object* body;
   };
   std::vector<pinned> pinned_;
+  std::unique_ptr<guest_list> guests_;  // null until there is one
+  bool invites_guests_ = false;         // see guest_scope
+  bool keeps_what_it_loads_ = false;    // a round that was repeated too often
+};
+
+// While it lives, the reader looks at objects in passing: what is not in the session's cache is
+// loaded as a guest of this reader, without handle and place in the cache, and goes with it. For
+// what is read once among much, as in a walk: the cache keeps what is used again, and the cost of a
+// handle, a place and their removal later is spared.
+// Classes that may not be guests, and everything inside a transaction, are looked at as always.
+class GOODS_API guest_scope {
+ public:
+  explicit guest_scope(reader& in) : in_(in), before_(in.invites_guests_) {
+    in.invites_guests_ = !in.keeps_what_it_loads_ && !in.in_transaction();
+  }
+  ~guest_scope() { in_.invites_guests_ = before_; }
+  guest_scope(const guest_scope&) = delete;
+  guest_scope& operator=(const guest_scope&) = delete;
+
+ private:
+  reader& in_;
+  const bool before_;
 };
 
 }  // namespace goods

@@ -10,9 +10,9 @@
 namespace tarns {
 
 TarnClassDescriptor& TarnObject::SelfClass() {
-  static TarnClassRegistration registration(GetType, sizeof(TarnObject),
-                                            goods::construct_object<TarnObject>, Constructor,
-                                            goods::object::self_class, {.isTarnsBaseClass = true});
+  static TarnClassRegistration registration(
+      GetType, sizeof(TarnObject), goods::construct_object<TarnObject>, Constructor,
+      goods::object::self_class, {.isTarnsBaseClass = true, .mayBeGuest = true});
   return registration.getDescriptor();
 }
 

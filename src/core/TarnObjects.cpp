@@ -15,7 +15,7 @@ goods::class_descriptor TarnObjects::self_class("TarnObjects", sizeof(TarnObject
                                                 &goods::pessimistic_scheme,
                                                 goods::construct_object<TarnObjects>,
                                                 goods::prototype_fields<TarnObjects>(),
-                                                &goods::B_tree::self_class);
+                                                &goods::B_tree::self_class, 0, true);
 
 namespace {
 

@@ -12,7 +12,7 @@
 
 namespace tarns {
 
-TARN_REGISTER_WITH(TarnValue, TarnObject, .isTarnsBaseClass = true);
+TARN_REGISTER_WITH(TarnValue, TarnObject, .isTarnsBaseClass = true, .mayBeGuest = true);
 
 namespace {
 

@@ -4,18 +4,18 @@
 
 namespace tarns {
 
-TARN_REGISTER_WITH(TarnBooleanValue, TarnValue, .isTarnsBaseClass = true);
-TARN_REGISTER_WITH(TarnDoubleValue, TarnValue, .isTarnsBaseClass = true);
-TARN_REGISTER_WITH(TarnFloatValue, TarnValue, .isTarnsBaseClass = true);
-TARN_REGISTER_WITH(TarnSint8Value, TarnValue, .isTarnsBaseClass = true);
-TARN_REGISTER_WITH(TarnSint16Value, TarnValue, .isTarnsBaseClass = true);
-TARN_REGISTER_WITH(TarnSint32Value, TarnValue, .isTarnsBaseClass = true);
-TARN_REGISTER_WITH(TarnSint64Value, TarnValue, .isTarnsBaseClass = true);
-TARN_REGISTER_WITH(TarnUint8Value, TarnValue, .isTarnsBaseClass = true);
-TARN_REGISTER_WITH(TarnUint16Value, TarnValue, .isTarnsBaseClass = true);
-TARN_REGISTER_WITH(TarnUint32Value, TarnValue, .isTarnsBaseClass = true);
-TARN_REGISTER_WITH(TarnUint64Value, TarnValue, .isTarnsBaseClass = true);
-TARN_REGISTER_WITH(TarnStringValue, TarnValue, .isTarnsBaseClass = true);
+TARN_REGISTER_WITH(TarnBooleanValue, TarnValue, .isTarnsBaseClass = true, .mayBeGuest = true);
+TARN_REGISTER_WITH(TarnDoubleValue, TarnValue, .isTarnsBaseClass = true, .mayBeGuest = true);
+TARN_REGISTER_WITH(TarnFloatValue, TarnValue, .isTarnsBaseClass = true, .mayBeGuest = true);
+TARN_REGISTER_WITH(TarnSint8Value, TarnValue, .isTarnsBaseClass = true, .mayBeGuest = true);
+TARN_REGISTER_WITH(TarnSint16Value, TarnValue, .isTarnsBaseClass = true, .mayBeGuest = true);
+TARN_REGISTER_WITH(TarnSint32Value, TarnValue, .isTarnsBaseClass = true, .mayBeGuest = true);
+TARN_REGISTER_WITH(TarnSint64Value, TarnValue, .isTarnsBaseClass = true, .mayBeGuest = true);
+TARN_REGISTER_WITH(TarnUint8Value, TarnValue, .isTarnsBaseClass = true, .mayBeGuest = true);
+TARN_REGISTER_WITH(TarnUint16Value, TarnValue, .isTarnsBaseClass = true, .mayBeGuest = true);
+TARN_REGISTER_WITH(TarnUint32Value, TarnValue, .isTarnsBaseClass = true, .mayBeGuest = true);
+TARN_REGISTER_WITH(TarnUint64Value, TarnValue, .isTarnsBaseClass = true, .mayBeGuest = true);
+TARN_REGISTER_WITH(TarnStringValue, TarnValue, .isTarnsBaseClass = true, .mayBeGuest = true);
 
 TarnStringValue::~TarnStringValue() = default;
 

@@ -33,24 +33,6 @@ std::optional<index_entry> entry_at(const B_tree_walk& walk) {
   return walk.entry();
 }
 
-bool refers_to(ref_word word, const object_ref& reference) {
-  if (word == reference.word()) return true;
-  const object_id id = reference.id();
-  return id != 0 && (word.is_id() ? word.id() : word.is_handle() ? word.handle()->id() : 0) == id;
-}
-
-// At the entry of `position`; false when there is none, and then at the first of that name or where
-// it would be.
-bool seek_member(B_tree_walk& walk, const index_position& position) {
-  walk.seek_lower(position.name);
-  if (position.member.is_null()) return false;
-  for (; !walk.at_end() && walk.entry().name == position.name; walk.next()) {
-    if (refers_to(walk.entry().member, position.member)) return true;
-  }
-  walk.seek_lower(position.name);
-  return false;
-}
-
 // Runs `work(reader, tree)` on the state of `tree` that belongs to the state of its pages.
 template <class Work>
 auto read_current(const B_tree& tree, const Work& work) {
@@ -118,7 +100,7 @@ std::vector<held_entry> B_tree::entries_after(reader& in, const index_position* 
   B_tree_walk walk(in, *this);
   if (position == nullptr) {
     walk.seek_index(0);
-  } else if (seek_member(walk, *position)) {
+  } else if (walk.seek(*position)) {
     walk.next();
   }
   std::vector<held_entry> batch;
@@ -131,7 +113,7 @@ std::vector<held_entry> B_tree::entries_before(reader& in, const index_position*
   B_tree_walk walk(in, *this);
   if (position == nullptr) {
     walk.seek_end();
-  } else if (!seek_member(walk, *position)) {
+  } else if (!walk.seek(*position)) {
     walk.seek_upper(position->name);
   }
   std::vector<held_entry> batch;

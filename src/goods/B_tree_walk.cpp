@@ -1,12 +1,19 @@
 #include "goods/B_tree_walk.h"
 
 #include <goods/errors.h>
+#include <goods/object_handle.h>
 
 namespace goods {
 namespace {
 
 [[noreturn]] void throw_contradiction() {
   throw_error(error_code::corrupt_data, "The pages of an index contradict each other.");
+}
+
+bool refers_to(ref_word word, const object_ref& reference) {
+  if (word == reference.word()) return true;
+  const object_id id = reference.id();
+  return id != 0 && (word.is_id() ? word.id() : word.is_handle() ? word.handle()->id() : 0) == id;
 }
 
 }  // namespace
@@ -60,6 +67,16 @@ void B_tree_walk::seek_end() {
   start();
   while (!is_on_leaf()) enter(leaf().page->size() - 1);
   places_[depth_].at = leaf().page->size();
+}
+
+bool B_tree_walk::seek(const index_position& position) {
+  seek_lower(position.name);
+  if (position.member.is_null()) return false;
+  for (; !at_end() && entry().name == position.name; next()) {
+    if (refers_to(entry().member, position.member)) return true;
+  }
+  seek_lower(position.name);
+  return false;
 }
 
 void B_tree_walk::next() {

@@ -24,12 +24,19 @@ class B_tree_walk {
   void seek_upper(std::string_view name);
   void seek_index(std::uint64_t index);
   void seek_end();
+  // At the entry of `position`; false when there is none, and then at the first of that name or
+  // where it would be.
+  bool seek(const index_position& position);
 
   bool at_end() const { return leaf().at >= leaf().page->size(); }
-  index_entry entry() const {
+  // The entry here, or one that is so many further on this page.
+  index_entry entry(std::size_t ahead = 0) const {
     const place& here = leaf();
-    return {here.page->name(here.at), here.page->member(here.at), here.page->target(here.at)};
+    const std::size_t at = here.at + ahead;
+    return {here.page->name(at), here.page->member(at), here.page->target(at)};
   }
+  // The number of entries from here to the end of the page.
+  std::size_t left_on_page() const { return leaf().page->size() - leaf().at; }
   void next();      // requires !at_end()
   bool previous();  // false, and nothing changed, at the first entry
 

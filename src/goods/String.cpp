@@ -40,7 +40,7 @@ class_descriptor String::self_class(
       String prototype(nullptr, prototype_class(), 0);
       return prototype.describe_components();
     }(),
-    &object::self_class);
+    &object::self_class, 0, true);
 
 String::String(object_handle* handle, class_descriptor& cls, unsigned varying)
     : object(handle, cls),

@@ -68,13 +68,14 @@ class_descriptor object::self_class("object", sizeof(object), &pessimistic_schem
 
 class_descriptor::class_descriptor(const char* name, unsigned instance_size, metaobject* scheme,
                                    constructor_function make_body, field_descriptor* fields,
-                                   class_descriptor* base, int flags)
+                                   class_descriptor* base, int flags, bool may_be_guest)
     : name_(name),
       instance_size_(instance_size),
       scheme_(scheme),
       constructor_(make_body),
       base_(base),
       flags_(flags),
+      may_be_guest_(may_be_guest),
       own_fields_(fields) {
   class_registry& all = registry();
   const std::lock_guard guard(all.lock);

@@ -9,8 +9,6 @@
 
 #include <goods/cache_manager.h>
 #include <goods/class_descriptor.h>
-#include <goods/database.h>
-#include <goods/obj_storage.h>
 #include <goods/object.h>
 
 #include "goods/epoch.h"

@@ -7,10 +7,13 @@
 #include <functional>
 #include <memory>
 #include <mutex>
+#include <span>
 #include <utility>
 #include <vector>
 
+#include <goods/database.h>
 #include <goods/dbs_storage.h>
+#include <goods/obj_storage.h>
 #include <goods/object_ref.h>
 
 #include "goods/change_counters.h"
@@ -19,7 +22,6 @@
 namespace goods {
 
 class cache_manager;
-class database;
 class object;
 
 // Loads, keeps and drops committed bodies, and takes in commits in version order.
@@ -48,6 +50,15 @@ class object_cache {
     if (body == nullptr) body = load(handle);
     handle.mark_used();
     return body;
+  }
+
+  // Hands states to `into` that nobody but the caller's read round will see (see guest_list). They
+  // are as of the version that the session has applied; where that changes, the round is repeated.
+  void load_for_guests(storage_number storage, std::span<const object_number> numbers,
+                       state_sink& into) {
+    const commit_version as_of =
+        db_.storage(storage).dbs().load(numbers, applied_[storage].load(), into);
+    apply_notices(storage, as_of);
   }
 
   // Takes in all commits to a storage up to `through`, and returns when they are to be seen; quick

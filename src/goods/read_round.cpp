@@ -3,6 +3,7 @@
 #include <goods/object_handle.h>
 
 #include "goods/epoch.h"
+#include "goods/guest_list.h"
 #include "goods/object_cache.h"
 #include "goods/thread_attachment.h"
 
@@ -42,12 +43,19 @@ bool read_round::is_consistent() const {
 
 void read_round::prepare_retry() {
   object_cache& cache = reader_.session_->cache();
+  if (reader_.guests_ != nullptr) reader_.guests_->clear();  // of a state that is over
   if (++rounds_ > rounds_without_waiting && !holds_publishing_) {
     cache.hold_publishing();
     holds_publishing_ = true;
+    // Every load may bring a newer state as long as other sessions commit; what was loaded must not
+    // be loaded again.
+    reader_.keeps_what_it_loads_ = true;
   }
   started_at_ = cache.stable_publish_count();
 }
+
+reader::reader() = default;
+reader::~reader() = default;
 
 const object* reader::look(ref_word word, const class_descriptor& cls) {
   if (word.is_null()) return nullptr;
@@ -66,6 +74,9 @@ const object* reader::look_persistent(ref_word word) {
                 "The calling thread is not attached to a session, but uses a stored object.");
   }
   if (transaction_ != nullptr) return look_locked(word);
+  if (invites_guests_) {
+    if (const object* body = look_in_passing(word)) return body;
+  }
   object_cache& cache = session_->cache();
   while (true) {
     object_handle& handle = word.is_handle() ? *word.handle() : cache.find_or_make(word.id());
@@ -73,6 +84,34 @@ const object* reader::look_persistent(ref_word word) {
     if (const object* body = cache.loaded(handle)) return body;
     word = ref_word::of(id);  // the handle was just dropped
   }
+}
+
+const object* reader::look_in_cache(ref_word word, object_id id) const {
+  object_handle* handle = word.is_handle() ? word.handle() : session_->cache().find(id);
+  return handle != nullptr ? handle->body() : nullptr;
+}
+
+// Null for what has to be looked at in the usual way.
+const object* reader::look_in_passing(ref_word word) {
+  object_id id = word.is_handle() ? word.handle()->id() : word.id();
+  if (guests_ == nullptr) guests_ = std::make_unique<guest_list>();
+  if (const object* guest = guests_->find(id)) return guest;
+  if (const object* body = look_in_cache(word, id)) return body;
+  guests_->load(*session_, {&id, 1});
+  return guests_->find(id);
+}
+
+void reader::prefetch(std::span<const ref_word> words) {
+  if (!invites_guests_ || session_ == nullptr) return;
+  if (guests_ == nullptr) guests_ = std::make_unique<guest_list>();
+  std::vector<object_id> absent;
+  absent.reserve(words.size());
+  for (const ref_word word : words) {
+    if (word.is_null() || (word.is_handle() && word.handle()->is_transient())) continue;
+    const object_id id = word.is_handle() ? word.handle()->id() : word.id();
+    if (guests_->find(id) == nullptr && look_in_cache(word, id) == nullptr) absent.push_back(id);
+  }
+  guests_->load(*session_, absent);
 }
 
 const object* reader::look_locked(ref_word word) {

@@ -28,8 +28,9 @@ TarnClassDescriptor::TarnClassDescriptor(const char* name, unsigned size, goods:
                                          constructor_function construct,
                                          goods::field_descriptor* fields,
                                          goods::class_descriptor* base, int flags,
-                                         bool isTarnsBaseClass, unsigned char pageN)
-    : goods::class_descriptor(name, size, scheme, construct, fields, base, flags),
+                                         bool isTarnsBaseClass, unsigned char pageN,
+                                         bool mayBeGuest)
+    : goods::class_descriptor(name, size, scheme, construct, fields, base, flags, mayBeGuest),
       isTarnsBaseClass_(isTarnsBaseClass),
       pageN_(pageN) {
   goods::for_each_field(fields, [this](goods::field_descriptor& field) {

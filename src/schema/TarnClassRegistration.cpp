@@ -15,7 +15,7 @@ TarnClassRegistration::TarnClassRegistration(
       prototype_(construct(nullptr, helper_, 0)),
       descriptor_(getType(), size, options.scheme, construct,
                   prototype_.getObject()->describe_components(), &base, 0, options.isTarnsBaseClass,
-                  options.pageN) {
+                  options.pageN, options.mayBeGuest) {
   for (const char* formerName : options.formerNames) {
     goods::class_descriptor::register_class_alias(formerName, getType());
   }

@@ -4,7 +4,7 @@
 
 namespace tarns {
 
-TARN_REGISTER_WITH(TarnRoot, TarnObject, .isTarnsBaseClass = true);
+TARN_REGISTER_WITH(TarnRoot, TarnObject, .isTarnsBaseClass = true, .mayBeGuest = true);
 
 TarnRoot::~TarnRoot() = default;
 

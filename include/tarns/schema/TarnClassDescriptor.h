@@ -33,7 +33,7 @@ class TARNS_API TarnClassDescriptor : public goods::class_descriptor {
   TarnClassDescriptor(const char* name, unsigned size, goods::metaobject* scheme,
                       constructor_function construct, goods::field_descriptor* fields,
                       goods::class_descriptor* base, int flags, bool isTarnsBaseClass,
-                      unsigned char pageN);
+                      unsigned char pageN, bool mayBeGuest = false);
   ~TarnClassDescriptor() override;
 
   // The member of that name, or the array that has the element of that name; null when none.

@@ -20,6 +20,9 @@ struct TarnClassOptions {
   std::vector<const char*> formerNames = {};
   // The members are not reflected: neither are those of its bases through it.
   bool isTarnsBaseClass = false;
+  // What the class overrides of findChild() and readValue() uses no reference to the node itself
+  // (getSelf() and what needs it), so that walks may look at its nodes without keeping them.
+  bool mayBeGuest = false;
   goods::metaobject* scheme = &goods::pessimistic_scheme;
 };
 

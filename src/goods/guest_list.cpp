@@ -1,0 +1,98 @@
+#include "goods/guest_list.h"
+
+#include <algorithm>
+#include <array>
+
+#include <goods/cache_manager.h>
+#include <goods/class_descriptor.h>
+#include <goods/database.h>
+#include <goods/obj_storage.h>
+#include <goods/object.h>
+
+#include "goods/layout_catalog.h"
+#include "goods/object_cache.h"
+
+namespace goods {
+namespace {
+
+constexpr std::size_t first_size = 16;
+constexpr std::size_t most_at_once = 256;  // numbers in one call to the storage
+
+}  // namespace
+
+class guest_list::sink : public state_sink {
+ public:
+  sink(guest_list& list, obj_storage& storage, storage_number number)
+      : list_(list), storage_(storage), number_(number) {}
+
+  void found(const object_state& state) override {
+    const object_id id = make_object_id(number_, state.number);
+    layout_catalog& catalog = storage_.catalog();
+    if (list_.find(id) != nullptr || !catalog.class_of(state.layout).may_be_guest()) return;
+    storage_.count_read(state.body.size());
+    list_.add(id, *catalog.instantiate(nullptr, state));
+  }
+  void missing(object_number) override {}
+
+ private:
+  guest_list& list_;
+  obj_storage& storage_;
+  storage_number number_;
+};
+
+std::size_t guest_list::place_of(object_id id) const {
+  const std::size_t mask = places_.size() - 1;
+  std::size_t at = static_cast<std::size_t>((id * 0x9E3779B97F4A7C15U) >> 32) & mask;
+  while (places_[at].id != 0 && places_[at].id != id) at = (at + 1) & mask;
+  return at;
+}
+
+const object* guest_list::find(object_id id) const {
+  return used_ == 0 ? nullptr : places_[place_of(id)].body;
+}
+
+void guest_list::add(object_id id, const object& body) {
+  try {
+    if (places_.size() <= used_ * 2) grow();
+  } catch (...) {
+    body.unpin();
+    throw;
+  }
+  places_[place_of(id)] = {id, &body};
+  ++used_;
+}
+
+void guest_list::grow() {
+  std::vector<place> larger(std::max(first_size, places_.size() * 2));
+  larger.swap(places_);
+  for (const place& one : larger) {
+    if (one.id != 0) places_[place_of(one.id)] = one;
+  }
+}
+
+void guest_list::load(cache_manager& session, std::span<object_id> ids) {
+  std::ranges::sort(ids);  // neighbours are stored together
+  std::array<object_number, most_at_once> numbers;
+  while (!ids.empty()) {
+    const storage_number storage = storage_of(ids.front());
+    std::size_t count = 0;
+    while (count < std::min(ids.size(), most_at_once) && storage_of(ids[count]) == storage) {
+      numbers[count] = number_of(ids[count]);
+      ++count;
+    }
+    sink into(*this, session.db().storage(storage), storage);
+    session.cache().load_for_guests(storage, {numbers.data(), count}, into);
+    ids = ids.subspan(count);
+  }
+}
+
+void guest_list::clear() noexcept {
+  if (used_ == 0) return;
+  for (place& one : places_) {
+    if (one.id != 0) one.body->unpin();
+    one = {};
+  }
+  used_ = 0;
+}
+
+}  // namespace goods

@@ -1,0 +1,55 @@
+// Objects that one reader looks at in passing.
+#pragma once
+
+#include <cstddef>
+#include <span>
+#include <vector>
+
+#include <goods/object_ref.h>
+
+namespace goods {
+
+class cache_manager;
+class object;
+
+// Bodies that were loaded for one round of one reader: they have no handle, the session's cache
+// does not know them, and they go with the list.
+//
+// They are of one state with everything else that the round sees, by the rule that holds for the
+// round as a whole: a load answers as of a version that the session has applied, or the session
+// applies what is missing; in both cases a round during which that version changes is repeated, and
+// begins with an empty list. So a list never outlives a round.
+// Threads: the reader's.
+class guest_list {
+ public:
+  guest_list() = default;
+  ~guest_list() { clear(); }
+  guest_list(const guest_list&) = delete;
+  guest_list& operator=(const guest_list&) = delete;
+
+  // Null when it is not here.
+  const object* find(object_id id) const;
+
+  // Loads those objects that are of a class that may be a guest; passes over what is here already,
+  // what nothing is stored under, and other classes. Throws corrupt_data. Changes the order of
+  // `ids`.
+  void load(cache_manager& session, std::span<object_id> ids);
+
+  void clear() noexcept;
+
+ private:
+  class sink;
+  struct place {
+    object_id id = 0;  // 0: free
+    const object* body = nullptr;
+  };
+
+  std::size_t place_of(object_id id) const;
+  void add(object_id id, const object& body);  // takes over the pin
+  void grow();
+
+  std::vector<place> places_;  // open addressing with linear probing, at most half full
+  std::size_t used_ = 0;
+};
+
+}  // namespace goods
