@@ -1,6 +1,7 @@
 #include "TarnsStore.h"
 
 #include <fmt/format.h>
+#include <tarns/core/TarnBranchWalk.h>
 #include <tarns/core/TarnChildren.h>
 #include <tarns/core/TarnIterator.h>
 #include <tarns/core/TarnValue.h>
@@ -55,7 +56,18 @@ class TarnsSession : public StoreSession {
     }
   }
 
-  void walk(WalkSum& sum) override { walkBelow(manager_.getRoot(), sum); }
+  void walk(WalkSum& sum) override {
+    std::size_t depth = 0;  // of the node that sum stands at
+    for (const TarnBranchWalk::Step& step : TarnBranchWalk(manager_.getRoot())) {
+      for (; depth >= step.depth; --depth) sum.leave();
+      if (step.hasValue) {
+        sum.value(step.name, ValueOf(step.value));
+      } else {
+        sum.enter(step.name);
+        ++depth;
+      }
+    }
+  }
 
   void begin() override { transaction_.emplace(manager_); }
   void commit() override {
@@ -94,19 +106,6 @@ class TarnsSession : public StoreSession {
     for (const auto& [name, value] : values) {
       name_ = name;  // a C string
       modify(node)->addChild(name_.c_str(), TarnValue::CreateValue(DataOf(value)));
-    }
-  }
-
-  // Recursion: as deep as the tree, which WalkSum limits.
-  void walkBelow(const xcptref<TarnObject>& node, WalkSum& sum) {
-    for (const auto& [name, child] : node->children()) {
-      if (child->get("", data_)) {
-        sum.value(name, ValueOf(data_));
-        continue;
-      }
-      sum.enter(name);
-      walkBelow(child, sum);
-      sum.leave();
     }
   }
 

@@ -1,8 +1,11 @@
 // Sessions and threads on the same branches. Worth running under the thread sanitizer.
 #include <gtest/gtest.h>
+#include <tarns/core/TarnBranchWalk.h>
 
 #include <atomic>
 #include <random>
+#include <set>
+#include <string>
 #include <thread>
 
 #include "support/session_fixture.h"
@@ -59,6 +62,46 @@ TEST_F(ConcurrencyTest, AReaderSeesAllOfACallOrNothing) {
       if (!middle.is_null() && middle->getNumChildren() != 1) ++wrong;
       const int value = m.getSint32("top~middle~leaf", 0);
       if (value < 0 || value >= 60) ++wrong;
+    }
+  });
+  EXPECT_EQ(wrong, 0);
+}
+
+// Two texts that every commit leaves equal, among nodes that come and go and others that stay.
+TEST_F(ConcurrencyTest, AWalkSeesEachBatchInOneStateAndMeetsWhatStays) {
+  constexpr int kStaying = 40;
+  manager().transaction([&] {
+    for (int i = 0; i < kStaying; ++i) manager().set("m~stay" + std::to_string(i) + "~n", i);
+    manager().set("a~left", "0");
+    manager().set("a~right", "0");
+  });
+  std::atomic<int> writers = 2, wrong = 0;
+  onFourThreads([&](TarnManager& m, int number) {
+    if (number < 2) {
+      for (int i = 1; i <= 60; ++i) {
+        m.transaction([&] {
+          const std::string text = m.getXString("a~left").getText() + std::to_string(number);
+          m.set("a~left", text);
+          m.set("a~right", text);
+        });
+        m.set("m~go" + std::to_string(number) + "~deep~text", std::to_string(i));
+        m.deleteBranch("m~go" + std::to_string(number));
+      }
+      --writers;
+      return;
+    }
+    while (writers > 0) {
+      std::set<std::string> met;
+      std::string left;
+      TarnBranchWalk walk(m.getRoot());
+      while (const TarnBranchWalk::Step* step = walk.next()) {
+        if (!met.insert(walk.path()).second) ++wrong;
+        if (step->name == "left") left = step->value.getText();
+        if (step->name == "right" && left != step->value.getText()) ++wrong;
+      }
+      for (int i = 0; i < kStaying; ++i) {
+        if (!met.contains("m~stay" + std::to_string(i) + "~n")) ++wrong;
+      }
     }
   });
   EXPECT_EQ(wrong, 0);

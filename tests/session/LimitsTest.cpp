@@ -1,7 +1,9 @@
 // Names, values and depths at the ends of what is allowed.
 #include <gmock/gmock.h>
 #include <goods/task.h>
+#include <tarns/core/TarnBranchWalk.h>
 
+#include <algorithm>
 #include <exception>
 
 #include "support/session_fixture.h"
@@ -70,6 +72,7 @@ TEST_F(LimitsTest, AChainOfManyLevelsOnASmallStack) {
           const TarnAttachment attachment(m);
           m.set(deep + "~value", 42);
           EXPECT_EQ(m.getSint32(deep + "~value", 0), 42);
+          EXPECT_EQ(std::ranges::distance(TarnBranchWalk(m.getRoot())), kLevels + 1);
           m.copyBranch("d", "copy");
           EXPECT_EQ(m.getSint32("copy" + deep.substr(1) + "~value", 0), 42);
           EXPECT_TRUE(m.deleteBranch("d"));

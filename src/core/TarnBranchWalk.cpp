@@ -1,0 +1,96 @@
+#include <goods/cache_manager.h>
+#include <tarns/core/TarnBranchWalk.h>
+#include <tarns/core/TarnObjects.h>
+
+#include <algorithm>
+#include <optional>
+#include <utility>
+#include <vector>
+
+#include "core/branch_batch.h"
+#include "core/node_access.h"
+
+namespace tarns {
+
+namespace {
+
+// The first batches are small: many walks look at a few nodes only.
+constexpr std::size_t kFirstBatch = 32;
+constexpr std::size_t kLargestBatch = 1024;
+
+}  // namespace
+
+class TarnBranchWalk::Stack {
+ public:
+  explicit Stack(const xcptref<TarnObject>& from) : from_(from) {
+    levels_.push({from.word(), from->getChildren(), std::nullopt, kFirstBatch});
+  }
+
+  const Step* next() {
+    while (true) {
+      if (at_ == count_ && !fetch()) return nullptr;
+      const Step& step = steps_[at_++];
+      if (step.depth > deepest_) continue;
+      deepest_ = kAnyDepth;
+      if (names_.size() < step.depth) names_.resize(step.depth);
+      names_[step.depth - 1] = step.name;
+      depth_ = step.depth;
+      return &step;
+    }
+  }
+
+  void skipChildren() { deepest_ = depth_; }
+
+  std::string path() const {
+    std::string path;
+    for (std::size_t i = 0; i < depth_; ++i) {
+      if (i != 0) path += '~';
+      path += names_[i];
+    }
+    return path;
+  }
+
+ private:
+  static constexpr std::size_t kAnyDepth = ~std::size_t{0};
+
+  bool fetch() {
+    at_ = count_ = 0;
+    levels_.cut(deepest_);  // level n is gone through by steps of depth n + 1
+    std::size_t limit = limit_, kept = 0;
+    std::vector<WalkLevel> entered;
+    const std::size_t count = goods::read_here([&](goods::reader& reader) {
+      BranchBatch batch(reader, levels_, steps_, limit);
+      limit = std::max(limit / 2, std::size_t{1});  // should a commit come in between
+      const std::size_t found = batch.read();
+      entered = batch.takeLevels();
+      kept = batch.kept();
+      return found;
+    });
+    levels_.cut(kept);
+    for (WalkLevel& level : entered) levels_.push(std::move(level));
+    count_ = count;
+    limit_ = std::min(limit_ * 2, kLargestBatch);
+    return count != 0;
+  }
+
+  xcptref<TarnObject> from_;
+  WalkLevels levels_;
+  std::vector<Step> steps_;  // as many as a batch ever had; the first count_ are of this one
+  std::size_t at_ = 0, count_ = 0;
+  std::size_t limit_ = kFirstBatch;
+  std::vector<std::string> names_;  // of the step and those above it: the first depth_
+  std::size_t depth_ = 0;
+  std::size_t deepest_ = kAnyDepth;  // deeper steps are passed over
+};
+
+TarnBranchWalk::TarnBranchWalk(const xcptref<TarnObject>& from)
+    : stack_(std::make_unique<Stack>(from)) {}
+TarnBranchWalk::TarnBranchWalk(TarnBranchWalk&& other) noexcept = default;
+TarnBranchWalk& TarnBranchWalk::operator=(TarnBranchWalk&& other) noexcept = default;
+TarnBranchWalk::~TarnBranchWalk() = default;
+
+const TarnBranchWalk::Step* TarnBranchWalk::next() { return stack_->next(); }
+void TarnBranchWalk::skipChildren() { stack_->skipChildren(); }
+std::string TarnBranchWalk::path() const { return stack_->path(); }
+
+}  // namespace tarns

@@ -1,0 +1,165 @@
+#include "core/branch_batch.h"
+
+#include <goods/cache_manager.h>
+#include <goods/errors.h>
+#include <goods/object_handle.h>
+#include <tarns/core/TarnValues.h>
+#include <tarns/schema/TarnClassDescriptor.h>
+
+#include <algorithm>
+#include <bit>
+#include <utility>
+
+#include "core/node_access.h"
+#include "goods/prototype.h"
+
+namespace tarns {
+
+namespace {
+
+constexpr std::size_t kFirstLookahead = 32;
+constexpr std::size_t kMostLookahead = 256;
+
+// Tells nodes apart: the identifier or, for one that is not stored, the handle.
+std::uint64_t KeyOf(goods::ref_word word) {
+  if (word.is_handle() && !word.handle()->is_transient()) {
+    word = goods::ref_word::of(word.handle()->id());
+  }
+  return std::bit_cast<std::uint64_t>(word);
+}
+
+}  // namespace
+
+bool WalkLevels::contains(goods::ref_word node, std::size_t count) const {
+  const auto found = places_.find(KeyOf(node));
+  return found != places_.end() && found->second < count;
+}
+
+void WalkLevels::push(WalkLevel level) {
+  places_.emplace(KeyOf(level.node), levels_.size());
+  levels_.push_back(std::move(level));
+}
+
+void WalkLevels::cut(std::size_t count) {
+  while (levels_.size() > count) {
+    const auto found = places_.find(KeyOf(levels_.back().node));
+    if (found != places_.end() && found->second == levels_.size() - 1) places_.erase(found);
+    levels_.pop_back();
+  }
+}
+
+BranchBatch::BranchBatch(goods::reader& in, const WalkLevels& levels, std::vector<Step>& steps,
+                         std::size_t limit)
+    : in_(in), levels_(levels), steps_(steps), limit_(limit), kept_(levels.size()) {}
+
+std::size_t BranchBatch::read() {
+  while (count_ < limit_) {
+    if (frames_.empty()) {
+      if (kept_ == 0) break;
+      resume(levels_[--kept_]);
+    } else if (frames_.back().place.at_end()) {
+      frames_.pop_back();
+    } else {
+      readStep(frames_.back());
+    }
+  }
+  return count_;
+}
+
+void BranchBatch::enter(goods::ref_word node, goods::ref_word index, const TarnObjects& entries) {
+  Frame& frame = frames_.emplace_back(in_, node, entries);
+  frame.indexWord = index;
+  frame.lookahead = kFirstLookahead;
+  frame.place.seek_index(0);
+}
+
+// Not in a guest_scope: what the walk comes back to is worth a place in the cache, since it will be
+// needed for the batches after this one as well.
+void BranchBatch::resume(const WalkLevel& level) {
+  if (level.index.is_null()) return;
+  const TarnObjects* index = in_.get(level.index);
+  enter(level.node, level.index.word(), *index);
+  Frame& frame = frames_.back();
+  frame.lookahead = level.lookahead;
+  if (!level.last) return;
+  if (frame.place.seek(*level.last)) frame.place.next();
+  frame.last = {level.last->name, level.last->member.word(), {}};
+}
+
+void BranchBatch::loadAhead(Frame& frame) {
+  const std::size_t count =
+      std::min({frame.lookahead, frame.place.left_on_page(), limit_ - count_});
+  words_.clear();
+  for (std::size_t i = 0; i < count; ++i) words_.push_back(frame.place.entry(i).target);
+  in_.prefetch(words_);
+  for (const goods::ref_word word : words_) {
+    frame.ahead.push_back(static_cast<const TarnObject*>(in_.look(word, TarnObject::self_class)));
+  }
+  words_.clear();
+  bool haveChildren = false;
+  for (const TarnObject* child : frame.ahead) {
+    if (child == nullptr) continue;
+    const goods::ref_word index = TarnNodeAccess::ChildrenOf(*child).word();
+    if (!index.is_null()) words_.push_back(index);
+    haveChildren |= !index.is_null();
+    if (&child->cls() == &TarnStringValue::SelfClass()) {
+      words_.push_back(static_cast<const TarnStringValue*>(child)->getText().getReference().word());
+    }
+  }
+  in_.prefetch(words_);
+  frame.lookahead = haveChildren ? 1 : std::min(frame.lookahead * 2, kMostLookahead);
+  std::ranges::reverse(frame.ahead);
+}
+
+void BranchBatch::readStep(Frame& frame) {
+  const goods::guest_scope guests(in_);
+  if (frame.ahead.empty()) loadAhead(frame);
+  const goods::index_entry entry = frame.place.entry();
+  const TarnObject* child = frame.ahead.back();
+  frame.ahead.pop_back();
+  frame.last = entry;
+  frame.place.next();
+  if (child == nullptr) return;  // an entry that stands for nothing
+
+  if (count_ == steps_.size()) steps_.emplace_back();
+  Step& step = steps_[count_++];
+  step.name.assign(entry.name);
+  step.node = TarnRef::Trusted(goods::keep_word(entry.target));
+  step.cls = &child->getClass();
+  step.depth = kept_ + frames_.size();
+  step.isLast = frame.place.at_end();
+  step.hasValue = child->readValue(in_, step.value);
+  if (!step.hasValue) step.value.empty();
+  step.numChildren = 0;
+  step.isCircle = false;
+  const goods::ref_word word = TarnNodeAccess::ChildrenOf(*child).word();
+  if (word.is_null()) return;
+  const auto* index = static_cast<const TarnObjects*>(in_.look(word, TarnObjects::self_class));
+  step.numChildren = index->count();
+  step.isCircle = isOpen(entry.target);
+  if (!step.isCircle && step.numChildren != 0) enter(entry.target, word, *index);
+}
+
+bool BranchBatch::isOpen(goods::ref_word node) const {
+  const std::uint64_t key = KeyOf(node);
+  return levels_.contains(node, kept_) ||
+         std::ranges::any_of(frames_, [&](const Frame& f) { return KeyOf(f.node) == key; });
+}
+
+std::vector<WalkLevel> BranchBatch::takeLevels() {
+  std::vector<WalkLevel> levels;
+  for (Frame& frame : frames_) {
+    WalkLevel& level = levels.emplace_back();
+    level.node = frame.node;
+    level.lookahead = frame.lookahead;
+    if (frame.place.at_end()) continue;
+    level.index = xcptref<TarnObjects>::Trusted(goods::to_reference(frame.indexWord));
+    if (frame.last) {
+      level.last.emplace(frame.last->name, goods::ref<goods::set_member>::trusted(
+                                               goods::keep_word(frame.last->member)));
+    }
+  }
+  return levels;
+}
+
+}  // namespace tarns

@@ -1,0 +1,95 @@
+// How TarnBranchWalk reads one batch of steps.
+#pragma once
+
+#include <goods/reader.h>
+#include <tarns/core/TarnBranchWalk.h>
+#include <tarns/core/TarnObjects.h>
+
+#include <cstddef>
+#include <cstdint>
+#include <deque>
+#include <optional>
+#include <string>
+#include <unordered_map>
+#include <vector>
+
+#include "goods/B_tree_walk.h"
+
+namespace tarns {
+
+// A node whose children a walk is going through, between two batches.
+struct WalkLevel {
+  goods::ref_word node;                       // for recognising circles only
+  xcptref<TarnObjects> index;                 // counted; null when there are no more children
+  std::optional<goods::index_position> last;  // handed out last; none: begin at the first
+  std::size_t lookahead = 0;                  // see BranchBatch::Frame
+};
+
+// The nodes from the one where a walk began down to the one whose children come next.
+class WalkLevels {
+ public:
+  std::size_t size() const { return levels_.size(); }
+  const WalkLevel& operator[](std::size_t at) const { return levels_[at]; }
+  // Whether `node` is one of the lowest `count` levels.
+  bool contains(goods::ref_word node, std::size_t count) const;
+
+  void push(WalkLevel level);
+  void cut(std::size_t count);
+
+ private:
+  std::vector<WalkLevel> levels_;
+  std::unordered_map<std::uint64_t, std::size_t> places_;  // of the nodes in levels_
+};
+
+// Reads the steps that come next, in one round of a reader. The walk's state stays as it is, so
+// that a round can be repeated; apply() is called when it was good.
+//
+// The children of a node are loaded some at a time, their texts with a second call, by numbers that
+// grow as long as they turn out to have no children of their own: then the walk goes down at once
+// and would come back to them much later.
+class BranchBatch {
+ public:
+  using Step = TarnBranchWalk::Step;
+
+  // `steps` are filled from the beginning, at most `limit` of them.
+  BranchBatch(goods::reader& in, const WalkLevels& levels, std::vector<Step>& steps,
+              std::size_t limit);
+
+  // Returns how many there were; fewer than `limit` only at the end.
+  std::size_t read();
+
+  // What the levels are after these steps: the lowest kept() of the old ones, and above them these.
+  std::size_t kept() const { return kept_; }
+  std::vector<WalkLevel> takeLevels();
+
+ private:
+  struct Frame {
+    Frame(goods::reader& in, goods::ref_word ofNode, const TarnObjects& entries)
+        : node(ofNode), index(&entries), place(in, entries) {}
+
+    goods::ref_word node;
+    const TarnObjects* index;
+    goods::ref_word indexWord;
+    goods::B_tree_walk place;                // at the child that comes next
+    std::optional<goods::index_entry> last;  // handed out last
+    std::size_t lookahead;                   // how many children are loaded at once
+    std::vector<const TarnObject*> ahead;    // loaded children, the next one last
+  };
+
+  void enter(goods::ref_word node, goods::ref_word index, const TarnObjects& entries);
+  void resume(const WalkLevel& level);
+  void loadAhead(Frame& frame);
+  void readStep(Frame& frame);
+  bool isOpen(goods::ref_word node) const;
+
+  goods::reader& in_;
+  const WalkLevels& levels_;
+  std::vector<Step>& steps_;
+  const std::size_t limit_;
+  std::size_t count_ = 0;
+  std::size_t kept_;
+  std::deque<Frame> frames_;
+  std::vector<goods::ref_word> words_;
+};
+
+}  // namespace tarns
