@@ -39,21 +39,7 @@ class TarnsSession : public StoreSession {
 
   void list(std::string_view path, std::string_view after, std::size_t limit,
             const NameSink& sink) override {
-    const xcptref<TarnObject> node = existing(path);
-    if (after.empty() && limit >= node->getNumChildren()) {
-      XStringList names;
-      node->getChildNames(names);
-      for (const XString& name : names) sink(name.view());
-      return;
-    }
-    XString name;
-    TarnIterator place =
-        after.empty() ? node->getIterToFirstAbstractChild() : node->getIterToOrAfter(after.data());
-    if (!after.empty() && !place.isNull() && place.getEntryName() == after) place.next(nullptr);
-    for (; limit > 0 && !place.isNull(); --limit) {
-      place.next(&name);
-      sink(name.view());
-    }
+    for (const std::string& name : manager_.getChildNames(path, after, limit)) sink(name);
   }
 
   void walk(WalkSum& sum) override {
@@ -96,12 +82,6 @@ class TarnsSession : public StoreSession {
   void eraseDurably(std::string_view path) override { erase(path); }
 
  private:
-  xcptref<TarnObject> existing(std::string_view path) const {
-    xcptref<TarnObject> node = manager_.getObject(path);
-    if (node.isNull()) throw std::runtime_error(fmt::format("tarns: no node \"{}\"", path));
-    return node;
-  }
-
   void addFields(const xcptref<TarnObject>& node, std::span<const Field> values) {
     for (const auto& [name, value] : values) {
       name_ = name;  // a C string

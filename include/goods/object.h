@@ -66,13 +66,15 @@ class GOODS_API object {
     return allocate_with_handle(size + room.bytes);
   }
   static void* operator new(std::size_t size, extra_room extra) {
-    void* room = ::operator new(size + extra.bytes);
+    void* room = version_room(size + extra.bytes);
     std::memset(static_cast<char*>(room) + size, 0, extra.bytes);
     return room;
   }
   static void* operator new(std::size_t, void* room) { return room; }
+  // Where such a version lies: on the heap, or in the arena of the guest that is just being made.
+  static void* version_room(std::size_t bytes);
   static void operator delete(void* room) { ::operator delete(room); }
-  static void operator delete(void* room, extra_room) { ::operator delete(room); }
+  static void operator delete(void* room, extra_room) { release_version_room(room); }
   static void operator delete(void* room, room_behind) { ::operator delete(room); }
   static void operator delete(void*, void*) {}
 
@@ -121,6 +123,7 @@ class GOODS_API object {
   bool take_relinked() { return std::exchange(relinked_, false); }
 
  private:
+  static void release_version_room(void* room);
   static void* allocate_with_handle(std::size_t size);
   object_handle* make_handle();
   void destroy() const;

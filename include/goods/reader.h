@@ -1,6 +1,7 @@
 // Looking at many objects at once.
 #pragma once
 
+#include <cstdint>
 #include <memory>
 #include <span>
 #include <vector>
@@ -68,7 +69,8 @@ class GOODS_API reader {
   std::vector<pinned> pinned_;
   std::unique_ptr<guest_list> guests_;  // null until there is one
   bool invites_guests_ = false;         // see guest_scope
-  bool keeps_what_it_loads_ = false;    // a round that was repeated too often
+  bool keeps_second_looks_ = false;
+  bool keeps_what_it_loads_ = false;  // a round that was repeated too often
 };
 
 // While it lives, the reader looks at objects in passing: what is not in the session's cache is
@@ -78,16 +80,27 @@ class GOODS_API reader {
 // Classes that may not be guests, and everything inside a transaction, are looked at as always.
 class GOODS_API guest_scope {
  public:
-  explicit guest_scope(reader& in) : in_(in), before_(in.invites_guests_) {
+  enum class policy : std::uint8_t {
+    always,
+    at_first  // what was a guest lately gets its place in the cache
+  };
+
+  explicit guest_scope(reader& in, policy how = policy::always)
+      : in_(in), invited_before_(in.invites_guests_), kept_before_(in.keeps_second_looks_) {
     in.invites_guests_ = !in.keeps_what_it_loads_ && !in.in_transaction();
+    in.keeps_second_looks_ = how == policy::at_first;
   }
-  ~guest_scope() { in_.invites_guests_ = before_; }
+  ~guest_scope() {
+    in_.invites_guests_ = invited_before_;
+    in_.keeps_second_looks_ = kept_before_;
+  }
   guest_scope(const guest_scope&) = delete;
   guest_scope& operator=(const guest_scope&) = delete;
 
  private:
   reader& in_;
-  const bool before_;
+  const bool invited_before_;
+  const bool kept_before_;
 };
 
 }  // namespace goods

@@ -16,7 +16,7 @@ namespace {
 
 // The first batches are small: many walks look at a few nodes only.
 constexpr std::size_t kFirstBatch = 32;
-constexpr std::size_t kLargestBatch = 1024;
+constexpr std::size_t kLargestBatch = 512;
 
 }  // namespace
 

@@ -5,7 +5,9 @@
 #include <tarns/core/TarnObjects.h>
 #include <tarns/schema/TarnClassDescriptor.h>
 
+#include <limits>
 #include <string>
+#include <vector>
 
 #include "core/node_access.h"
 #include "core/unique_names.h"
@@ -194,10 +196,17 @@ XString TarnObject::getChildName(unsigned long index) const {
 
 void TarnObject::getChildNames(XStringList& names) const {
   getClass().iterateFields(AddMemberNames, &names, true);
-  ForEachEntry(children_, [&](const goods::held_entry& entry, const TarnRef&) {
-    names.addLast(XString(std::string_view(entry.name)));
-    return true;
-  });
+  for (const std::string& name : getChildNames({}, std::numeric_limits<std::size_t>::max())) {
+    names.addLast(XString(std::string_view(name)));
+  }
+}
+
+std::vector<std::string> TarnObject::getChildNames(std::string_view after,
+                                                   std::size_t limit) const {
+  std::vector<std::string> names;
+  AddChildNames([&](goods::reader& reader) { return &Current(reader, *this); }, after, limit,
+                names);
+  return names;
 }
 
 unsigned long TarnObject::getNumChildren() const {

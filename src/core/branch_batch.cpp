@@ -19,6 +19,7 @@ namespace {
 
 constexpr std::size_t kFirstLookahead = 32;
 constexpr std::size_t kMostLookahead = 256;
+constexpr std::size_t kLookaheadAbove = 8;  // of nodes that are entered themselves
 
 // Tells nodes apart: the identifier or, for one that is not stored, the handle.
 std::uint64_t KeyOf(goods::ref_word word) {
@@ -54,23 +55,27 @@ BranchBatch::BranchBatch(goods::reader& in, const WalkLevels& levels, std::vecto
 
 std::size_t BranchBatch::read() {
   while (count_ < limit_) {
-    if (frames_.empty()) {
+    if (numFrames_ == 0) {
       if (kept_ == 0) break;
       resume(levels_[--kept_]);
-    } else if (frames_.back().place.at_end()) {
-      frames_.pop_back();
+    } else if (top().place->at_end()) {
+      --numFrames_;
     } else {
-      readStep(frames_.back());
+      readStep(top());
     }
   }
   return count_;
 }
 
 void BranchBatch::enter(goods::ref_word node, goods::ref_word index, const TarnObjects& entries) {
-  Frame& frame = frames_.emplace_back(in_, node, entries);
-  frame.indexWord = index;
+  if (numFrames_ == frames_.size()) frames_.push_back(std::make_unique<Frame>());
+  Frame& frame = *frames_[numFrames_++];
+  frame.node = node;
+  frame.index = index;
+  frame.place.emplace(in_, entries).seek_index(0);
+  frame.last.reset();
   frame.lookahead = kFirstLookahead;
-  frame.place.seek_index(0);
+  frame.ahead.clear();
 }
 
 // Not in a guest_scope: what the walk comes back to is worth a place in the cache, since it will be
@@ -79,18 +84,18 @@ void BranchBatch::resume(const WalkLevel& level) {
   if (level.index.is_null()) return;
   const TarnObjects* index = in_.get(level.index);
   enter(level.node, level.index.word(), *index);
-  Frame& frame = frames_.back();
+  Frame& frame = top();
   frame.lookahead = level.lookahead;
   if (!level.last) return;
-  if (frame.place.seek(*level.last)) frame.place.next();
+  if (frame.place->seek(*level.last)) frame.place->next();
   frame.last = {level.last->name, level.last->member.word(), {}};
 }
 
 void BranchBatch::loadAhead(Frame& frame) {
   const std::size_t count =
-      std::min({frame.lookahead, frame.place.left_on_page(), limit_ - count_});
+      std::min({frame.lookahead, frame.place->left_on_page(), limit_ - count_});
   words_.clear();
-  for (std::size_t i = 0; i < count; ++i) words_.push_back(frame.place.entry(i).target);
+  for (std::size_t i = 0; i < count; ++i) words_.push_back(frame.place->entry(i).target);
   in_.prefetch(words_);
   for (const goods::ref_word word : words_) {
     frame.ahead.push_back(static_cast<const TarnObject*>(in_.look(word, TarnObject::self_class)));
@@ -103,22 +108,23 @@ void BranchBatch::loadAhead(Frame& frame) {
     if (!index.is_null()) words_.push_back(index);
     haveChildren |= !index.is_null();
     if (&child->cls() == &TarnStringValue::SelfClass()) {
-      words_.push_back(static_cast<const TarnStringValue*>(child)->getText().getReference().word());
+      words_.push_back(
+          static_cast<const TarnStringValue*>(child)->getTarnString().getReference().word());
     }
   }
   in_.prefetch(words_);
-  frame.lookahead = haveChildren ? 1 : std::min(frame.lookahead * 2, kMostLookahead);
+  frame.lookahead = haveChildren ? kLookaheadAbove : std::min(frame.lookahead * 2, kMostLookahead);
   std::ranges::reverse(frame.ahead);
 }
 
 void BranchBatch::readStep(Frame& frame) {
   const goods::guest_scope guests(in_);
   if (frame.ahead.empty()) loadAhead(frame);
-  const goods::index_entry entry = frame.place.entry();
+  const goods::index_entry entry = frame.place->entry();
   const TarnObject* child = frame.ahead.back();
   frame.ahead.pop_back();
   frame.last = entry;
-  frame.place.next();
+  frame.place->next();
   if (child == nullptr) return;  // an entry that stands for nothing
 
   if (count_ == steps_.size()) steps_.emplace_back();
@@ -126,8 +132,8 @@ void BranchBatch::readStep(Frame& frame) {
   step.name.assign(entry.name);
   step.node = TarnRef::Trusted(goods::keep_word(entry.target));
   step.cls = &child->getClass();
-  step.depth = kept_ + frames_.size();
-  step.isLast = frame.place.at_end();
+  step.depth = kept_ + numFrames_;
+  step.isLast = frame.place->at_end();
   step.hasValue = child->readValue(in_, step.value);
   if (!step.hasValue) step.value.empty();
   step.numChildren = 0;
@@ -143,17 +149,19 @@ void BranchBatch::readStep(Frame& frame) {
 bool BranchBatch::isOpen(goods::ref_word node) const {
   const std::uint64_t key = KeyOf(node);
   return levels_.contains(node, kept_) ||
-         std::ranges::any_of(frames_, [&](const Frame& f) { return KeyOf(f.node) == key; });
+         std::any_of(frames_.begin(), frames_.begin() + numFrames_,
+                     [&](const auto& frame) { return KeyOf(frame->node) == key; });
 }
 
 std::vector<WalkLevel> BranchBatch::takeLevels() {
   std::vector<WalkLevel> levels;
-  for (Frame& frame : frames_) {
+  for (std::size_t i = 0; i < numFrames_; ++i) {
+    const Frame& frame = *frames_[i];
     WalkLevel& level = levels.emplace_back();
     level.node = frame.node;
     level.lookahead = frame.lookahead;
-    if (frame.place.at_end()) continue;
-    level.index = xcptref<TarnObjects>::Trusted(goods::to_reference(frame.indexWord));
+    if (frame.place->at_end()) continue;
+    level.index = xcptref<TarnObjects>::Trusted(goods::to_reference(frame.index));
     if (frame.last) {
       level.last.emplace(frame.last->name, goods::ref<goods::set_member>::trusted(
                                                goods::keep_word(frame.last->member)));

@@ -7,7 +7,7 @@
 
 #include <cstddef>
 #include <cstdint>
-#include <deque>
+#include <memory>
 #include <optional>
 #include <string>
 #include <unordered_map>
@@ -46,7 +46,7 @@ class WalkLevels {
 //
 // The children of a node are loaded some at a time, their texts with a second call, by numbers that
 // grow as long as they turn out to have no children of their own: then the walk goes down at once
-// and would come back to them much later.
+// and comes back to them later, perhaps in another batch.
 class BranchBatch {
  public:
   using Step = TarnBranchWalk::Step;
@@ -64,19 +64,16 @@ class BranchBatch {
 
  private:
   struct Frame {
-    Frame(goods::reader& in, goods::ref_word ofNode, const TarnObjects& entries)
-        : node(ofNode), index(&entries), place(in, entries) {}
-
     goods::ref_word node;
-    const TarnObjects* index;
-    goods::ref_word indexWord;
-    goods::B_tree_walk place;                // at the child that comes next
-    std::optional<goods::index_entry> last;  // handed out last
-    std::size_t lookahead;                   // how many children are loaded at once
-    std::vector<const TarnObject*> ahead;    // loaded children, the next one last
+    goods::ref_word index;
+    std::optional<goods::B_tree_walk> place;  // at the child that comes next
+    std::optional<goods::index_entry> last;   // handed out last
+    std::size_t lookahead = 0;                // how many children are loaded at once
+    std::vector<const TarnObject*> ahead;     // loaded children, the next one last
   };
 
   void enter(goods::ref_word node, goods::ref_word index, const TarnObjects& entries);
+  Frame& top() { return *frames_[numFrames_ - 1]; }
   void resume(const WalkLevel& level);
   void loadAhead(Frame& frame);
   void readStep(Frame& frame);
@@ -88,7 +85,8 @@ class BranchBatch {
   const std::size_t limit_;
   std::size_t count_ = 0;
   std::size_t kept_;
-  std::deque<Frame> frames_;
+  std::vector<std::unique_ptr<Frame>> frames_;  // the first numFrames_ are in use
+  std::size_t numFrames_ = 0;
   std::vector<goods::ref_word> words_;
 };
 

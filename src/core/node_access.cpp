@@ -1,14 +1,23 @@
 #include "core/node_access.h"
 
 #include <goods/cache_manager.h>
+#include <goods/object_handle.h>
 #include <tarns/core/TarnBranches.h>
 #include <tarns/schema/TarnClassDescriptor.h>
 
+#include <algorithm>
+#include <optional>
+#include <utility>
+
+#include "goods/B_tree_walk.h"
+#include "goods/prototype.h"
 #include "util/c_text.h"
 
 namespace tarns {
 
 namespace {
+
+constexpr std::size_t kNamesInBatch = 4096;
 
 // The value of a member of `node`'s class; false when the class has none of exactly that name. A
 // child "Speed_total" beside a member "Speed" is a child like any other.
@@ -41,6 +50,77 @@ bool ReadValue(goods::reader& reader, const TarnObject& from, std::string_view p
   if (node->getClass().hasDataMembers() && ReadMember(*node, *branch, out)) return true;
   node = node->findChild(reader, *branch);
   return node != nullptr && node->readValue(reader, out);
+}
+
+const TarnObject* PassToChild(goods::reader& reader, const TarnObject& node, std::string_view name,
+                              goods::guest_scope::policy policy, goods::ref_word& word) {
+  using enum goods::guest_scope::policy;
+  word = {};
+  if (!node.getClass().may_be_guest()) {  // its own findChild() may need what guests do not have
+    const TarnObject* child = node.findChild(reader, name);
+    if (child != nullptr && child->handle() != nullptr) word = goods::ref_word::of(child->handle());
+    return child;
+  }
+  {
+    const goods::guest_scope guests(reader, at_first);
+    const TarnObjects* index = TarnNodeAccess::IndexOf(reader, node);
+    if (index == nullptr) return nullptr;
+    const auto entry = index->find(reader, name);
+    if (!entry) return nullptr;
+    word = entry->target;
+  }
+  const goods::guest_scope guests(reader, policy);
+  return static_cast<const TarnObject*>(reader.look(word, TarnObject::self_class));
+}
+
+const TarnObject* PassToNode(goods::reader& reader, const TarnObject& from, std::string_view path) {
+  const TarnObject* node = &from;
+  goods::ref_word word;
+  for (const std::string_view branch : TarnBranches(path)) {
+    node = PassToChild(reader, *node, branch, goods::guest_scope::policy::at_first, word);
+    if (node == nullptr) return nullptr;
+  }
+  return node;
+}
+
+bool AddChildNames(const std::function<const TarnObject*(goods::reader&)>& find,
+                   std::string_view after, std::size_t limit, std::vector<std::string>& names) {
+  bool exists = true;
+  std::optional<goods::index_position> position;
+  for (bool goesOn = true; goesOn && limit > 0;) {
+    const std::size_t before = names.size();
+    const std::size_t wanted = std::min(limit, kNamesInBatch);
+    std::optional<goods::index_position> next;
+    goods::read_here([&](goods::reader& reader) {
+      names.resize(before);
+      next.reset();
+      const TarnObject* node = find(reader);
+      exists = node != nullptr;
+      const goods::guest_scope guests(reader, goods::guest_scope::policy::at_first);
+      const TarnObjects* index = exists ? TarnNodeAccess::IndexOf(reader, *node) : nullptr;
+      if (index == nullptr) return;
+      goods::B_tree_walk walk(reader, *index);
+      if (position) {
+        if (walk.seek(*position)) walk.next();
+      } else if (after.empty()) {
+        walk.seek_index(0);
+      } else {
+        walk.seek_upper(after);
+      }
+      for (; !walk.at_end(); walk.next()) {
+        const goods::index_entry entry = walk.entry();
+        names.emplace_back(entry.name);
+        if (names.size() - before < wanted) continue;
+        next.emplace(entry.name,
+                     goods::ref<goods::set_member>::trusted(goods::keep_word(entry.member)));
+        break;
+      }
+    });
+    goesOn = next.has_value();
+    position = std::move(next);
+    limit -= names.size() - before;
+  }
+  return exists;
 }
 
 const TarnObject& Current(goods::reader& reader, const TarnObject& body) {

@@ -9,7 +9,11 @@
 #include <tarns/core/TarnObject.h>
 #include <tarns/core/TarnObjects.h>
 
+#include <cstddef>
+#include <functional>
+#include <string>
 #include <string_view>
+#include <vector>
 
 namespace tarns {
 
@@ -22,6 +26,13 @@ const TarnObject* FindNode(goods::reader& reader, const TarnObject& from, std::s
 // The value of a node or member at a path below `from`; false, and `out` as before, when there is
 // none. An enumeration gives a number when `out` comes as one.
 bool ReadValue(goods::reader& reader, const TarnObject& from, std::string_view path, TarnData& out);
+
+// As node.findChild(), with `word` set to where the child is found (null when that cannot be told).
+// The index and, as far as `policy` says, the child are looked at in passing.
+const TarnObject* PassToChild(goods::reader& reader, const TarnObject& node, std::string_view name,
+                              goods::guest_scope::policy policy, goods::ref_word& word);
+// As FindNode(), for a node that is only looked at in this round: it need not have a handle.
+const TarnObject* PassToNode(goods::reader& reader, const TarnObject& from, std::string_view path);
 
 // The current state of the node behind `body`, which may be one that was current earlier.
 const TarnObject& Current(goods::reader& reader, const TarnObject& body);
@@ -55,6 +66,11 @@ TarnRef MakeBranch(const TarnRef& from, std::string_view path, std::string_view 
 // by MakeBranch(). False, and nothing changed, when a node is there already. Checks all names
 // first.
 bool AddMissingNode(const TarnRef& from, std::string_view path, const TarnRef& node);
+
+// Adds the names of up to `limit` abstract children, of those behind all that are called `after`
+// unless that is empty. `find(reader)` gives the node, or null; then false.
+bool AddChildNames(const std::function<const TarnObject*(goods::reader&)>& find,
+                   std::string_view after, std::size_t limit, std::vector<std::string>& names);
 
 // Calls `visit(entry, child)` for the entries of an index (null has none) until it returns false.
 // `visit` may do anything, change the index included.

@@ -30,7 +30,7 @@ void check_length(std::size_t length) {
 
 object* String::construct(object_handle* handle, class_descriptor& cls, unsigned extra) {
   if (cls.is_unknown_class()) return new (extra_room{extra}) String(handle, cls, 0);
-  void* const room = ::operator new(sizeof(String) + extra);
+  void* const room = version_room(sizeof(String) + extra);
   return new (room) String(handle, cls, extra);
 }
 

@@ -17,6 +17,9 @@ namespace {
 
 constexpr std::size_t first_size = 16;
 constexpr std::size_t most_at_once = 256;  // numbers in one call to the storage
+constexpr std::size_t most_kept = 8192;    // places that a thread keeps
+
+thread_local std::unique_ptr<guest_list> spare;
 
 }  // namespace
 
@@ -27,10 +30,11 @@ class guest_list::sink : public state_sink {
 
   void found(const object_state& state) override {
     const object_id id = make_object_id(number_, state.number);
-    layout_catalog& catalog = storage_.catalog();
-    if (list_.find(id) != nullptr || !catalog.class_of(state.layout).may_be_guest()) return;
+    if (list_.find(id) != nullptr) return;
+    object* const body = storage_.catalog().instantiate_guest(list_.arena_, state);
+    if (body == nullptr) return;
     storage_.count_read(state.body.size());
-    list_.add(id, *catalog.instantiate(nullptr, state));
+    list_.add(id, *body);
   }
   void missing(object_number) override {}
 
@@ -40,33 +44,46 @@ class guest_list::sink : public state_sink {
   storage_number number_;
 };
 
+std::unique_ptr<guest_list> guest_list::take() {
+  if (spare != nullptr) return std::move(spare);
+  return std::unique_ptr<guest_list>(new guest_list);
+}
+
+void guest_list::give_back(std::unique_ptr<guest_list> list) noexcept {
+  list->clear();
+  if (spare == nullptr && list->places_.size() <= most_kept) spare = std::move(list);
+}
+
+// Where it is, or may be put.
 std::size_t guest_list::place_of(object_id id) const {
   const std::size_t mask = places_.size() - 1;
   std::size_t at = static_cast<std::size_t>((id * 0x9E3779B97F4A7C15U) >> 32) & mask;
-  while (places_[at].id != 0 && places_[at].id != id) at = (at + 1) & mask;
+  while (places_[at].filling == filling_ && places_[at].id != id) at = (at + 1) & mask;
   return at;
 }
 
 const object* guest_list::find(object_id id) const {
-  return used_ == 0 ? nullptr : places_[place_of(id)].body;
+  if (bodies_.empty()) return nullptr;
+  const place& found = places_[place_of(id)];
+  return found.filling == filling_ ? bodies_[found.body] : nullptr;
 }
 
-void guest_list::add(object_id id, const object& body) {
+void guest_list::add(object_id id, object& body) {
   try {
-    if (places_.size() <= used_ * 2) grow();
+    if (places_.size() <= bodies_.size() * 2) grow();
+    bodies_.push_back(&body);
   } catch (...) {
-    body.unpin();
+    body.~object();
     throw;
   }
-  places_[place_of(id)] = {id, &body};
-  ++used_;
+  places_[place_of(id)] = {id, static_cast<std::uint32_t>(bodies_.size() - 1), filling_};
 }
 
 void guest_list::grow() {
   std::vector<place> larger(std::max(first_size, places_.size() * 2));
   larger.swap(places_);
   for (const place& one : larger) {
-    if (one.id != 0) places_[place_of(one.id)] = one;
+    if (one.filling == filling_) places_[place_of(one.id)] = one;
   }
 }
 
@@ -87,12 +104,13 @@ void guest_list::load(cache_manager& session, std::span<object_id> ids) {
 }
 
 void guest_list::clear() noexcept {
-  if (used_ == 0) return;
-  for (place& one : places_) {
-    if (one.id != 0) one.body->unpin();
-    one = {};
+  for (object* const body : bodies_) body->~object();
+  bodies_.clear();
+  arena_.reset();
+  if (++filling_ == 0) {  // what was filled that often ago would seem to be there
+    places_.clear();
+    filling_ = 1;
   }
-  used_ = 0;
 }
 
 }  // namespace goods

@@ -2,10 +2,14 @@
 #pragma once
 
 #include <cstddef>
+#include <cstdint>
+#include <memory>
 #include <span>
 #include <vector>
 
 #include <goods/object_ref.h>
+
+#include "goods/body_arena.h"
 
 namespace goods {
 
@@ -22,10 +26,13 @@ class object;
 // Threads: the reader's.
 class guest_list {
  public:
-  guest_list() = default;
   ~guest_list() { clear(); }
   guest_list(const guest_list&) = delete;
   guest_list& operator=(const guest_list&) = delete;
+
+  // An empty one. A thread keeps the memory of the last one that it gave back.
+  static std::unique_ptr<guest_list> take();
+  static void give_back(std::unique_ptr<guest_list> list) noexcept;
 
   // Null when it is not here.
   const object* find(object_id id) const;
@@ -40,16 +47,20 @@ class guest_list {
  private:
   class sink;
   struct place {
-    object_id id = 0;  // 0: free
-    const object* body = nullptr;
+    object_id id = 0;
+    std::uint32_t body = 0;     // in bodies_
+    std::uint32_t filling = 0;  // free unless it is filling_
   };
 
+  guest_list() = default;
   std::size_t place_of(object_id id) const;
-  void add(object_id id, const object& body);  // takes over the pin
+  void add(object_id id, object& body);  // destroys it later, or at once when it throws
   void grow();
 
+  body_arena arena_;
+  std::vector<object*> bodies_;
   std::vector<place> places_;  // open addressing with linear probing, at most half full
-  std::size_t used_ = 0;
+  std::uint32_t filling_ = 1;  // grows when everything is cleared
 };
 
 }  // namespace goods

@@ -84,6 +84,12 @@ object* layout_catalog::instantiate(object_handle* handle, const object_state& s
   return loader(state.layout).load(handle, state.body, make_object_id(number_, state.number));
 }
 
+object* layout_catalog::instantiate_guest(body_arena& arena, const object_state& state) {
+  const state_loader& with = loader(state.layout);
+  if (!with.cls().may_be_guest()) return nullptr;
+  return with.load_guest(arena, state.body, make_object_id(number_, state.number));
+}
+
 void layout_catalog::for_each_reference(const object_state& state,
                                         const stored_reference_visitor& visit) {
   goods::for_each_reference(loader(state.layout).layout(), state.body,

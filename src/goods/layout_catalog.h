@@ -14,6 +14,7 @@
 
 namespace goods {
 
+class body_arena;
 class state_loader;
 
 // Translates between classes of the process and layout numbers of a storage, and makes objects from
@@ -36,6 +37,9 @@ class layout_catalog {
   // have are skipped, its others keep the constructor's value; see state_loader.h for conversions.
   // Throws corrupt_data naming the object.
   object* instantiate(object_handle* handle, const object_state& state);
+  // The same without a handle and in an arena (see state_loader::load_guest()); null for a class
+  // that may not be a guest.
+  object* instantiate_guest(body_arena& arena, const object_state& state);
 
   // Shows every reference of a stored state without making an object.
   void for_each_reference(const object_state& state, const stored_reference_visitor& visit);

@@ -8,6 +8,7 @@
 #include <goods/errors.h>
 #include <goods/object_handle.h>
 
+#include "goods/body_arena.h"
 #include "goods/transaction.h"
 
 namespace goods {
@@ -48,6 +49,15 @@ object::object(class_descriptor& cls) : handle_(make_handle()), cls_(&cls) {}
 
 object::object(object_handle* handle, class_descriptor& cls) : handle_(handle), cls_(&cls) {
   if (taken_last.room == this) taken_last.room = nullptr;
+}
+
+void* object::version_room(std::size_t bytes) {
+  void* const room = body_arena::next_body::take(bytes);
+  return room != nullptr ? room : ::operator new(bytes);
+}
+
+void object::release_version_room(void* room) {
+  if (!body_arena::next_body::was_taken(room)) ::operator delete(room);
 }
 
 object::~object() { cls_->release_extra(*this); }

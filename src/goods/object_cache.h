@@ -1,6 +1,7 @@
 // The objects that a session has in memory.
 #pragma once
 
+#include <array>
 #include <atomic>
 #include <cstddef>
 #include <cstdint>
@@ -59,6 +60,14 @@ class object_cache {
     const commit_version as_of =
         db_.storage(storage).dbs().load(numbers, applied_[storage].load(), into);
     apply_notices(storage, as_of);
+  }
+
+  // Whether this was asked for the same object not long ago, as far as it is remembered.
+  bool was_passed_lately(object_id id) {
+    std::atomic<object_id>& place = passed_[(id * 0x9E3779B97F4A7C15U) >> 52];
+    if (place.load(std::memory_order_relaxed) == id) return true;
+    place.store(id, std::memory_order_relaxed);
+    return false;
   }
 
   // Takes in all commits to a storage up to `through`, and returns when they are to be seen; quick
@@ -137,6 +146,8 @@ class object_cache {
   std::atomic<std::uint64_t> publish_count_{0};
   std::atomic<std::uint64_t> relinks_{0};
   change_counters changes_;
+
+  std::array<std::atomic<object_id>, 4096> passed_{};  // guests, see was_passed_lately()
 
   std::atomic<std::size_t> limit_{std::size_t{256} << 20};
   // The limit, or more when the last attempt found too little to drop: trying again costs a walk

@@ -55,7 +55,9 @@ void read_round::prepare_retry() {
 }
 
 reader::reader() = default;
-reader::~reader() = default;
+reader::~reader() {
+  if (guests_ != nullptr) guest_list::give_back(std::move(guests_));
+}
 
 const object* reader::look(ref_word word, const class_descriptor& cls) {
   if (word.is_null()) return nullptr;
@@ -94,16 +96,17 @@ const object* reader::look_in_cache(ref_word word, object_id id) const {
 // Null for what has to be looked at in the usual way.
 const object* reader::look_in_passing(ref_word word) {
   object_id id = word.is_handle() ? word.handle()->id() : word.id();
-  if (guests_ == nullptr) guests_ = std::make_unique<guest_list>();
+  if (guests_ == nullptr) guests_ = guest_list::take();
   if (const object* guest = guests_->find(id)) return guest;
   if (const object* body = look_in_cache(word, id)) return body;
+  if (keeps_second_looks_ && session_->cache().was_passed_lately(id)) return nullptr;
   guests_->load(*session_, {&id, 1});
   return guests_->find(id);
 }
 
 void reader::prefetch(std::span<const ref_word> words) {
   if (!invites_guests_ || session_ == nullptr) return;
-  if (guests_ == nullptr) guests_ = std::make_unique<guest_list>();
+  if (guests_ == nullptr) guests_ = guest_list::take();
   std::vector<object_id> absent;
   absent.reserve(words.size());
   for (const ref_word word : words) {

@@ -4,6 +4,7 @@
 
 #include <goods/byte_writer.h>
 
+#include "goods/body_arena.h"
 #include "goods/pack_program.h"
 #include "goods/stored_numbers.h"
 #include "goods/unknown_class.h"
@@ -165,19 +166,36 @@ std::vector<state_loader::member> state_loader::match(
 
 object* state_loader::load(object_handle* handle, std::span<const std::byte> state,
                            object_id self) const {
-  byte_reader in(state, self);
   object* const body = cls_.create(handle, static_cast<unsigned>(state.size()));
   try {
-    if (is_same_) {
-      cls_.unpack(*body, in);
-    } else {
-      convert(*body, in);
-    }
+    fill(*body, state, self);
   } catch (...) {
     body->unpin();
     throw;
   }
   return body;
+}
+
+object* state_loader::load_guest(body_arena& arena, std::span<const std::byte> state,
+                                 object_id self) const {
+  const body_arena::next_body placed(arena);
+  object* const body = cls_.create(nullptr, static_cast<unsigned>(state.size()));
+  try {
+    fill(*body, state, self);
+  } catch (...) {
+    body->~object();
+    throw;
+  }
+  return body;
+}
+
+void state_loader::fill(object& body, std::span<const std::byte> state, object_id self) const {
+  byte_reader in(state, self);
+  if (is_same_) {
+    cls_.unpack(body, in);
+  } else {
+    convert(body, in);
+  }
 }
 
 void state_loader::convert(object& body, byte_reader& in) const {

@@ -13,6 +13,8 @@
 
 namespace goods {
 
+class body_arena;
+
 // Made once per layout of a storage. Where the layout is the class's own, bodies are unpacked as
 // they are; otherwise members are matched by name (after aliases; the k-th of a name with the
 // k-th):
@@ -37,6 +39,8 @@ class state_loader {
 
   // A new body, pinned once. Throws corrupt_data.
   object* load(object_handle* handle, std::span<const std::byte> state, object_id self) const;
+  // A new body without handle in an arena, to be destroyed and not to be unpinned.
+  object* load_guest(body_arena& arena, std::span<const std::byte> state, object_id self) const;
 
  private:
   struct member {
@@ -45,6 +49,7 @@ class state_loader {
     std::vector<member> components;
   };
 
+  void fill(object& body, std::span<const std::byte> state, object_id self) const;
   std::vector<member> match(const std::vector<dbs_field_descriptor>& stored,
                             std::vector<const field_descriptor*> targets) const;
   void convert(object& body, byte_reader& in) const;

@@ -6,6 +6,7 @@
 #include <tarns/session/TarnManager.h>
 
 #include <exception>
+#include <optional>
 #include <thread>
 
 #include "core/node_access.h"
@@ -29,15 +30,20 @@ const TarnObject& LookAtNode(goods::reader& reader, goods::ref_word word) {
 // may lead elsewhere after changes that relink nothing.
 bool ReadAndLocate(goods::reader& reader, std::string_view path, TarnData& out,
                    RememberedValues::Search& search) {
+  using enum goods::guest_scope::policy;
   const TarnObject* node = &LookAtNode(reader, kRootWord);
+  goods::ref_word word = kRootWord;
   const TarnBranches branches(path);
   for (auto branch = branches.begin(); branch != branches.end(); ++branch) {
     if (!node->getClass().isTarnsBaseClass()) return ReadValue(reader, *node, branch.rest(), out);
-    node = node->findChild(reader, *branch);
+    // The value will be remembered, so the node and its text need not be.
+    node = PassToChild(reader, *node, *branch, branch.isLast() ? always : at_first, word);
     if (node == nullptr) return false;
   }
+  std::optional<goods::guest_scope> guests;
+  if (node->getClass().may_be_guest()) guests.emplace(reader);
   if (!node->readValue(reader, out)) return false;
-  search.found(*node);
+  if (!word.is_null()) search.found(word.is_id() ? word.id() : word.handle()->id(), *node);
   return true;
 }
 
@@ -45,7 +51,7 @@ bool ReadKnown(goods::reader& reader, goods::object_id id, TarnData& out,
                RememberedValues::Search& search) {
   const TarnObject& node = LookAtNode(reader, goods::ref_word::of(id));
   if (!node.readValue(reader, out)) return false;
-  search.found(node);
+  search.found(id, node);
   return true;
 }
 

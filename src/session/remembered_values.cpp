@@ -1,6 +1,5 @@
 #include "session/remembered_values.h"
 
-#include <goods/object_handle.h>
 #include <tarns/core/TarnValues.h>
 #include <tarns/schema/TarnClassDescriptor.h>
 
@@ -62,8 +61,7 @@ goods::object_id RememberedValues::Search::beginRound() {
   return known_.node;
 }
 
-void RememberedValues::Search::found(const TarnObject& node) {
-  const goods::object_id id = node.handle() != nullptr ? node.handle()->id() : 0;
+void RememberedValues::Search::found(goods::object_id id, const TarnObject& node) {
   if (id == 0) return;
   const goods::object_id text = TextOf(node);
   found_.node = id;

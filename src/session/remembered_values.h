@@ -41,7 +41,7 @@ class RememberedValues {
     goods::object_id beginRound();
     // Then, in the same round: what the value that was found belongs to. The node must be reached
     // by the path as long as nothing is relinked.
-    void found(const TarnObject& node);
+    void found(goods::object_id id, const TarnObject& node);
 
     // When the read has seen one state throughout: keeps what was found.
     void remember(const TarnData& value);

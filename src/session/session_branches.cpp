@@ -99,6 +99,17 @@ void TarnManager::getChildNames(TarnPathText path, XStringList& names) const {
   existing(path)->getChildNames(names);
 }
 
+std::vector<std::string> TarnManager::getChildNames(TarnPathText path, std::string_view after,
+                                                    std::size_t limit) const {
+  const TarnRef root = getRoot();
+  std::vector<std::string> names;
+  const bool exists = AddChildNames(
+      [&](goods::reader& reader) { return PassToNode(reader, *reader.get(root), path.view()); },
+      after, limit, names);
+  if (!exists) TarnException::ThrowNonExistentPath(path.str().c_str());
+  return names;
+}
+
 unsigned long TarnManager::getNumChildren(TarnPathText path) const {
   return existing(path)->getNumChildren();
 }

@@ -149,5 +149,35 @@ TEST_P(TarnBranchWalkTest, GoesOnWhereTheLoopChangesTheTree) {
   for (const std::string& one : names_of(root())) EXPECT_EQ(one.size(), 5U) << one;
 }
 
+TEST_P(TarnBranchWalkTest, PagesThroughNames) {
+  Lines all;
+  atomically([&] {
+    for (int i = 0; i < 5000; ++i) all.push_back("n" + std::to_string(10'000 + i));
+    for (const std::string& name : all) modify(root())->setValue(name.c_str(), 1);
+    modify(root())->addChild("n10003", TarnObject::Create());  // a second one of that name
+  });
+  reload();
+  all.insert(all.begin() + 3, "n10003");
+  constexpr std::size_t kNoLimit = ~std::size_t{0};
+  EXPECT_EQ(root()->getChildNames("", kNoLimit), all);
+  EXPECT_EQ(root()->getChildNames("", 0), Lines());
+  EXPECT_EQ(root()->getChildNames("", 4097), Lines(all.begin(), all.begin() + 4097));
+  struct Case {
+    const char* after;
+    std::ptrdiff_t first;
+  };
+  for (const Case& c :
+       {Case{"a", 0}, {"n10002", 3}, {"n10003", 5}, {"n10003x", 5}, {"n14999", 5001}}) {
+    SCOPED_TRACE(c.after);
+    EXPECT_EQ(root()->getChildNames(c.after, kNoLimit), Lines(all.begin() + c.first, all.end()));
+    const Lines some = root()->getChildNames(c.after, 2);
+    EXPECT_EQ(some, Lines(all.begin() + c.first, std::min(all.begin() + c.first + 2, all.end())));
+  }
+  XStringList listed;
+  root()->getChildNames(listed);
+  EXPECT_EQ(listed.getCount(), all.size());
+  EXPECT_EQ(add("leaf")->getChildNames("", kNoLimit), Lines());
+}
+
 }  // namespace
 }  // namespace tarns

@@ -102,6 +102,26 @@ TEST(GuestTest, OnlyWhereTheClassAllowsItAndNoTransactionIsOpen) {
   session.session().end_transaction();
 }
 
+TEST(GuestTest, WhatIsComeToAgainSoonIsKept) {
+  const test_store store;
+  std::vector<ref_word> words;
+  {
+    test_session session(store);
+    words = store_texts(session, {"a", "b"});
+  }
+  test_session session(store);
+  const auto is_guest = [&](ref_word word) {
+    return session.session().read([&](reader& in) {
+      const guest_scope guests(in, guest_scope::policy::at_first);
+      return in.look(word, String::self_class)->handle() == nullptr;
+    });
+  };
+  EXPECT_TRUE(is_guest(words[0]));
+  EXPECT_TRUE(is_guest(words[1]));
+  EXPECT_FALSE(is_guest(words[0]));
+  EXPECT_FALSE(is_guest(words[1]));
+}
+
 TEST(GuestTest, WhatIsMissingOrDamagedIsAnError) {
   const test_store store;
   test_session session(store);

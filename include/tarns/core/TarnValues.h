@@ -61,7 +61,6 @@ class TARNS_API TarnStringValue : public TarnValue {
   ~TarnStringValue() override;
   bool write(const char* name, GOODSinOut& out) override;
   bool readValue(goods::reader& reader, TarnData& out) const override;
-  const TarnString& getText() const { return value_; }
 
   // The text as it is stored.
   const TarnString& getTarnString() const { return value_; }

@@ -20,8 +20,8 @@ struct TarnClassOptions {
   std::vector<const char*> formerNames = {};
   // The members are not reflected: neither are those of its bases through it.
   bool isTarnsBaseClass = false;
-  // What the class overrides of findChild() and readValue() uses no reference to the node itself
-  // (getSelf() and what needs it), so that walks may look at its nodes without keeping them.
+  // The class has no findChild() of its own, and its readValue() uses no reference to the node
+  // itself (getSelf() and what needs it): so its nodes may be looked at without being kept.
   bool mayBeGuest = false;
   goods::metaobject* scheme = &goods::pessimistic_scheme;
 };

@@ -200,6 +200,9 @@ class TARNS_API TarnManager {
   // Children of the node at a path; throw 7 (ThrowNonExistentPath) when there is none.
   XString getChildName(TarnPathText path, unsigned long index) const;
   void getChildNames(TarnPathText path, XStringList& names) const;
+  // Up to `limit` abstract ones behind `after`; see TarnObject::getChildNames().
+  std::vector<std::string> getChildNames(TarnPathText path, std::string_view after,
+                                         std::size_t limit) const;
   unsigned long getNumChildren(TarnPathText path) const;
   // for (const auto& [name, child] : manager.children("machines")) ...
   TarnChildren children(TarnPathText path) const;
