@@ -69,6 +69,7 @@ void commit_builder::build() {
   for (const object_ref& root : roots) {
     packs_late_ |= push_referenced(*root.handle()->body(), storage_of(root.id()));
   }
+  packed_ = roots.size();  // they come last: they keep everything that is still open
   std::size_t to_begin_with = open_.size();
   while (!open_.empty()) {
     const found_object next = open_.back();
@@ -83,6 +84,7 @@ void commit_builder::build() {
     make_persistent(*next.handle, next.storage);
   }
   pack_numbered();
+  for (const object_ref& root : roots) pack(*root.handle()->body(), root.id(), true);
   for (const publication::copy& c : changes_.copies) pack(*c.body, c.keeps.id(), false);
 }
 
