@@ -62,6 +62,9 @@ TEST_F(ManagerBranchesTest, ListsChildren) {
   XStringList names;
   manager().getChildNames("n", names);
   EXPECT_EQ(names, XStringList({"a", "b", "c"}));
+  EXPECT_EQ(manager().getChildNames("n", "a", 1), std::vector<std::string>{"b"});
+  EXPECT_EQ(manager().getChildNames("n~c", "", 9), std::vector<std::string>{"d"});
+  EXPECT_EQ(manager().getChildNames("n~a", "", 9), std::vector<std::string>());
   std::string seen;
   for (const auto& [name, child] : manager().children("n")) seen += name;
   EXPECT_EQ(seen, "abc");
@@ -69,6 +72,7 @@ TEST_F(ManagerBranchesTest, ListsChildren) {
   EXPECT_THAT([&] { manager().getNumChildren("n~x"); }, missing);
   EXPECT_THAT([&] { manager().getChildName("n~x", 0); }, missing);
   EXPECT_THAT([&] { manager().getChildNames("n~x", names); }, missing);
+  EXPECT_THAT([&] { manager().getChildNames("n~x", "", 9); }, missing);
 }
 
 TEST_F(ManagerBranchesTest, GetNoFailAndAddUniqueMakeWhatIsMissing) {
