@@ -155,9 +155,9 @@ class TARNS_API TarnObject : public goods::object {
   virtual XString getChildName(unsigned long index) const;
   // Adds the names of all children: each data member's (each element's), then the abstract ones'.
   virtual void getChildNames(XStringList& names) const;
-  // The names of up to `limit` abstract children, of those behind all that are called `after` unless
-  // that is empty: pages through very many. Of one state for up to 4,096 names. Makes nothing for
-  // the children themselves.
+  // The names of up to `limit` abstract children, of those behind all that are called `after`
+  // unless that is empty: pages through very many. Of one state for up to 4,096 names. Makes
+  // nothing for the children themselves.
   std::vector<std::string> getChildNames(std::string_view after, std::size_t limit) const;
   // Data members of the class (elements of arrays counted singly) and abstract children.
   virtual unsigned long getNumChildren() const;
