@@ -12,6 +12,7 @@ namespace goods {
 namespace {
 
 constexpr std::string_view local_prefix = "file:";
+constexpr std::size_t smallest_log = std::size_t{64} << 10, largest_log = std::size_t{1} << 30;
 
 [[noreturn]] void throw_bad_address(std::string_view address, std::string_view why) {
   throw_error(error_code::usage, fmt::format("The storage address \"{}\" {}.", address, why));
@@ -46,6 +47,9 @@ bool parse_option(std::string_view name, std::string_view value, local_options& 
   if (name == "durability") return parse_choice(value, "relaxed", "full", options.relaxed);
   if (name == "mmap") return parse_choice(value, "on", "off", options.mapped);
   if (name == "cache") return parse_bytes(value, options.cache_bytes);
+  if (name == "log")
+    return parse_bytes(value, options.log_bytes) && options.log_bytes >= smallest_log &&
+           options.log_bytes <= largest_log;
   return false;
 }
 
@@ -59,7 +63,8 @@ local_options parse_options(std::string_view text, std::string_view address) {
         !parse_option(option.substr(0, equals), option.substr(equals + 1), options))
       throw_bad_address(address,
                         fmt::format("has an option \"{}\" that is not understood: there are "
-                                    "durability=full|relaxed, mmap=on|off, cache=BYTES",
+                                    "durability=full|relaxed, mmap=on|off, cache=BYTES, "
+                                    "log=BYTES from 64K to 1G",
                                     option));
   }
   return options;

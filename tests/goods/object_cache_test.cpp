@@ -181,11 +181,11 @@ TEST(CoherenceTest, ReadersSeeWhatOneCommitLeft) {
         return session.session().read(
             [&](reader& r) { return r.get(mine.a)->value == r.get(mine.b)->value; });
       };
-      while (writing > 0) {
+      do {
         const bool equal = in_transaction ? session.session().atomically(look) : look();
         if (!equal) ++torn;
         ++reads;
-      }
+      } while (writing > 0);
     });
   };
   std::vector<std::thread> threads;

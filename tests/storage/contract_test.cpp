@@ -33,6 +33,9 @@ const backend backends[] = {
     // Keeps hardly anything in memory.
     {"local_uncached",
      [](const std::string& directory) { return open_storage("file:store?cache=0", directory); }},
+    // Merges all the time.
+    {"local_short_log",
+     [](const std::string& directory) { return open_storage("file:store?log=64K", directory); }},
     {"local_relaxed",
      [](const std::string& directory) {
        return open_storage("file:store?durability=relaxed", directory);

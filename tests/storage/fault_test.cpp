@@ -153,6 +153,39 @@ TEST_P(FaultTest, ACommitIsKeptOrRefusedAndTheStoreGoesOn) {
   });
 }
 
+// So much that the smallest log is merged and used again several times.
+TEST_P(FaultTest, AFullLogIsMergedOrKeptAndTheStoreGoesOn) {
+  at_every_point([this](const std::string& directory) {
+    std::shared_ptr<dbs_storage> storage;
+    const bool opened = !code_of([&] {
+      storage = open_storage("file:store?cache=0&log=64K", directory);
+      some_layout(*storage);
+    });
+    expectation expected;
+    for (unsigned i = 0; opened && i < 24; ++i) {
+      // In segments, apart, growing out of a segment and back into one, removed.
+      change_list changes(1);
+      const std::string text(i % 3 == 0 ? 900 : 9000, static_cast<char>('a' + i));
+      changes.put(first + i % 4, text).put(first + 1000 + i, std::to_string(i));
+      if (i > 4) changes.remove(first + 1000 + i - 4);
+      const auto failure = code_of([&] { storage->commit(changes.request()); });
+      expected.note(failure, [&](contents& all) {
+        all[first + i % 4] = text;
+        all[first + 1000 + i] = std::to_string(i);
+        if (i > 4) all.erase(first + 1000 + i - 4);
+      });
+      if (i % 5 != 0 || !expected.is_known()) continue;
+      contents now;
+      if (!code_of([&] { now = load_all(*storage); })) {
+        EXPECT_EQ(now, expected.certain());
+      }
+    }
+    storage.reset();
+    disk_.disarm();
+    expected.check(load_all(*open_in(directory, "store")));
+  });
+}
+
 TEST_P(FaultTest, ACommitOverTwoStoragesIsInBothOrInNeither) {
   at_every_point([this](const std::string& directory) {
     std::shared_ptr<dbs_storage> one, two;
@@ -237,15 +270,55 @@ void commit_in_both(two_storages& storages, unsigned i) {
   ::_exit(0);
 }
 
+// Of the commits into one store with the smallest log.
+constexpr unsigned logged_commits = 40;
+
+change_list logged_changes(unsigned i) {
+  change_list changes(1);
+  changes.put(first, std::to_string(i)).put(first + 64 + i, std::string(2500, 'x'));
+  changes.put(first + 7, std::string(i % 2 == 0 ? 10 : 4000, static_cast<char>('a' + i % 26)));
+  if (i > 3) changes.remove(first + 64 + i - 3);
+  return changes;
+}
+
+contents logged_contents(unsigned commits) {
+  contents all;
+  for (unsigned i = 0; i < commits; ++i) {
+    all[first] = std::to_string(i);
+    all[first + 64 + i] = std::string(2500, 'x');
+    all[first + 7] = std::string(i % 2 == 0 ? 10 : 4000, static_cast<char>('a' + i % 26));
+    if (i > 3) all.erase(first + 64 + i - 3);
+  }
+  return all;
+}
+
+std::shared_ptr<dbs_storage> open_logged(const std::string& directory) {
+  return open_storage("file:store?log=64K", directory);
+}
+
+// In the child: the same with one store, from the `done`th commit on, and a clean close.
+[[noreturn]] void log_until_killed(const std::string& directory, unsigned done, int acknowledge) {
+  {
+    const auto storage = open_logged(directory);
+    some_layout(*storage);
+    for (unsigned i = done; i < logged_commits; ++i) {
+      storage->commit(logged_changes(i).request());
+      if (::write(acknowledge, "", 1) != 1) break;
+    }
+  }
+  ::_exit(0);
+}
+
 class KilledProcessTest : public testing::Test {
  protected:
   // Runs a child that is killed after so many operations. Returns how many commits it acknowledged.
-  unsigned run_child(const std::string& directory, std::uint64_t operations, bool& was_killed) {
+  using child_work = std::function<void(int acknowledge)>;
+  unsigned run_child(std::uint64_t operations, bool& was_killed, const child_work& work) {
     int ends[2];
     EXPECT_EQ(::pipe(ends), 0);
     disk_.arm({faulty_vfs::all_operations, operations, fault::kill, true});
     const pid_t child = ::fork();
-    if (child == 0) commit_until_killed(directory, ends[1]);
+    if (child == 0) work(ends[1]);
     disk_.disarm();
     ::close(ends[1]);
     unsigned acknowledged = 0;
@@ -268,7 +341,9 @@ TEST_F(KilledProcessTest, ACommitOverTwoStoragesIsInBothOrInNeither) {
   for (; was_killed; operations += operations < 60 ? 7 : 1) {
     SCOPED_TRACE(testing::Message() << "killed after " << operations << " operations");
     const scratch_directory scratch;
-    const unsigned acknowledged = run_child(scratch.path().string(), operations, was_killed);
+    const unsigned acknowledged = run_child(operations, was_killed, [&](int acknowledge) {
+      commit_until_killed(scratch.path().string(), acknowledge);
+    });
     two_storages storages(scratch.path().string());
     const contents found = load_all(*storages.one);
     EXPECT_EQ(found, load_all(*storages.two));
@@ -282,6 +357,30 @@ TEST_F(KilledProcessTest, ACommitOverTwoStoragesIsInBothOrInNeither) {
     if (HasFailure()) break;
   }
   EXPECT_GT(operations, 100U);
+}
+
+// While committing, merging and closing; and the next process, while it recovers and goes on.
+TEST_F(KilledProcessTest, TheLogKeepsWhatWasAcknowledged) {
+  bool was_killed = true;
+  for (std::uint64_t operations = 0; was_killed; operations += operations < 40 ? 5 : 1) {
+    SCOPED_TRACE(testing::Message() << "killed after " << operations << " operations");
+    const scratch_directory scratch;
+    const std::string directory = scratch.path().string();
+    unsigned acknowledged = run_child(operations, was_killed, [&](int acknowledge) {
+      log_until_killed(directory, 0, acknowledge);
+    });
+    // The second one repeats a commit that the first one has not acknowledged.
+    bool again = false;
+    const unsigned before = acknowledged;
+    acknowledged += run_child(operations % 37, again, [&](int acknowledge) {
+      log_until_killed(directory, before, acknowledge);
+    });
+    const contents found = load_all(*open_logged(directory));
+    EXPECT_TRUE(found == logged_contents(acknowledged) ||
+                found == logged_contents(acknowledged + 1))
+        << before << " and then " << acknowledged << " were acknowledged";
+    if (HasFailure()) break;
+  }
 }
 
 }  // namespace

@@ -64,6 +64,8 @@ TEST_F(LocalTest, RefusesAddressesItDoesNotUnderstand) {
       {"file:store?durability=none", "durability=none"},
       {"file:store?mmap", "mmap"},
       {"file:store?cache=16X", "cache=16X"},
+      {"file:store?log=4K", "log=4K"},
+      {"file:store?log=2G", "log=2G"},
       {"file:store?cache=99999999999G", "cache"},
       {"file:store?mmap=off&fast=1", "fast=1"},
   };
@@ -102,7 +104,7 @@ TEST_F(LocalTest, KeepsItsFilesPrivateUnderAnyUmask) {
       EXPECT_EQ(mode_of(entry.path()), 0600U) << entry.path();
       ++files;
     }
-    EXPECT_EQ(files, 4U) << "store.db, its log, the log's index, lock";
+    EXPECT_EQ(files, 5U) << "store.db, its log, the log's index, the commit log, lock";
   }
 }
 
@@ -201,9 +203,9 @@ TEST_F(LocalTest, RefusesFilesThatAreNoStore) {
       {"newer",
        [&, this](auto& file) {
          write_file(file, good);
-         execute(file, "PRAGMA user_version=2");
+         execute(file, "PRAGMA user_version=3");
        },
-       error_code::newer_version, "format 2"},
+       error_code::newer_version, "format 3"},
       {"trigger",
        [&, this](auto& file) {
          write_file(file, good);
@@ -232,6 +234,50 @@ TEST_F(LocalTest, RefusesFilesThatAreNoStore) {
     EXPECT_THAT([&] { open(c.what); },
                 fails_with(c.code, AllOf(HasSubstr(path(c.what)), HasSubstr(c.why))));
   }
+}
+
+// One of format 1, which has no commit log: programs that know of none must refuse it from now on.
+TEST_F(LocalTest, RaisesTheFormatOfAnOlderStore) {
+  commit_text(*open(), root_object_number, "old");
+  execute(path("store/store.db"), "PRAGMA user_version=1; PRAGMA wal_checkpoint(TRUNCATE)");
+  const auto format_in_file = [&] {
+    return static_cast<int>(read_file(path("store/store.db"))[63]);
+  };
+  ASSERT_EQ(format_in_file(), 1);
+  const auto storage = open();
+  EXPECT_EQ(format_in_file(), 2) << "in the file's first page, where others look";
+  EXPECT_EQ(load_text(*storage, root_object_number), "old");
+}
+
+// What a process leaves that is killed with a log full of commits.
+TEST_F(LocalTest, FindsTheCommitsInTheLogOrSaysThatTheyAreDamaged) {
+  const auto leave_log = [this](const char* name) {
+    const pid_t child = ::fork();
+    if (child != 0) {
+      int status = 0;
+      EXPECT_EQ(::waitpid(child, &status, 0), child);
+      return;
+    }
+    const auto storage = open(name);
+    for (object_number i = 0; i < 50; ++i)
+      commit_text(*storage, root_object_number + i * 30, std::to_string(i));
+    ::_exit(0);
+  };
+  leave_log("good");
+  leave_log("bad");
+  EXPECT_EQ(load_all(*open("good")).size(), 50U);
+  EXPECT_FALSE(fs::exists(path("good/commits.0")));
+  EXPECT_EQ(load_all(*open("good")).size(), 50U);
+
+  std::string log = read_file(path("bad/commits.0"));
+  char& damaged = log[1288];  // in the header of the eleventh record
+  damaged = static_cast<char>(~damaged);
+  write_file(path("bad/commits.0"), log);
+  EXPECT_THAT([&] { open("bad"); },
+              fails_with(error_code::corrupt_data, HasSubstr(path("bad/commits.0"))));
+  // Not even by trying again.
+  EXPECT_THAT([&] { open("bad"); },
+              fails_with(error_code::corrupt_data, HasSubstr(path("bad/commits.0"))));
 }
 
 TEST_F(LocalTest, ClearsAwayAHalfMadeStore) {

@@ -3,9 +3,13 @@
 #include <signal.h>
 #include <sqlite3.h>
 #include <unistd.h>
+#include <cerrno>
 
 #include <mutex>
 #include <optional>
+#include <utility>
+
+#include "storage/local/storage_file.h"
 
 namespace {
 
@@ -35,6 +39,8 @@ std::optional<fault> fault_of(operation what) {
   if (the_disk.plan.what == fault::kill) ::kill(::getpid(), SIGKILL);
   return the_disk.plan.what;
 }
+
+// ---- under SQLite
 
 int error_for(fault what, int io_error) { return what == fault::full ? SQLITE_FULL : io_error; }
 
@@ -127,6 +133,63 @@ int open_file(sqlite3_vfs*, sqlite3_filename name, sqlite3_file* file, int flags
 
 sqlite3_vfs shim_vfs;
 
+// ---- under the files that the storage writes by itself
+
+[[noreturn]] void fail(fault what, const std::string& path) {
+  goods::throw_system_error("a test's operation", path, what == fault::full ? ENOSPC : EIO);
+}
+
+class faulty_file : public goods::storage_file {
+ public:
+  faulty_file(std::string path, std::unique_ptr<goods::storage_file> file)
+      : path_(std::move(path)), real_(std::move(file)) {}
+
+  std::uint64_t size() override { return real_->size(); }
+
+  void read(std::uint64_t at, std::span<std::byte> into) override {
+    if (const auto failure = fault_of(operation::read)) fail(*failure, path_);
+    real_->read(at, into);
+  }
+
+  void write(std::uint64_t at, std::span<const std::byte> from) override {
+    const auto failure = fault_of(operation::write);
+    if (!failure) return real_->write(at, from);
+    if (*failure == fault::torn) real_->write(at, from.first(from.size() / 2));
+    if (*failure == fault::lost_sync) real_->write(at, from);
+    fail(*failure, path_);
+  }
+
+  void sync() override {
+    if (const auto failure = fault_of(operation::sync)) fail(*failure, path_);
+  }
+
+ private:
+  const std::string path_;
+  const std::unique_ptr<goods::storage_file> real_;
+};
+
+class faulty_disk : public goods::storage_disk {
+ public:
+  std::unique_ptr<goods::storage_file> create(const std::string& path) override {
+    if (const auto failure = fault_of(operation::open)) fail(*failure, path);
+    return std::make_unique<faulty_file>(path, machine().create(path));
+  }
+  std::unique_ptr<goods::storage_file> open(const std::string& path) override {
+    if (const auto failure = fault_of(operation::open)) fail(*failure, path);
+    auto file = machine().open(path);
+    return file ? std::make_unique<faulty_file>(path, std::move(file)) : nullptr;
+  }
+  bool remove(const std::string& path) override {
+    if (const auto failure = fault_of(operation::truncate)) fail(*failure, path);
+    return machine().remove(path);
+  }
+  void sync_directory(const std::string& path) override {
+    if (const auto failure = fault_of(operation::sync)) fail(*failure, path);
+  }
+};
+
+faulty_disk shim_disk;
+
 }  // namespace
 
 faulty_vfs::faulty_vfs() {
@@ -137,10 +200,12 @@ faulty_vfs::faulty_vfs() {
   shim_vfs.szOsFile = static_cast<int>(sizeof(shim_file)) + the_disk.real->szOsFile;
   shim_vfs.xOpen = open_file;
   ::sqlite3_vfs_register(&shim_vfs, 1);
+  goods::storage_disk::replace(&shim_disk);
   disarm();
 }
 
 faulty_vfs::~faulty_vfs() {
+  goods::storage_disk::replace(nullptr);
   ::sqlite3_vfs_register(the_disk.real, 1);
   ::sqlite3_vfs_unregister(&shim_vfs);
 }

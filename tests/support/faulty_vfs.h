@@ -1,11 +1,12 @@
-// A failing disk under SQLite.
+// A failing disk under SQLite and under the files that storages write by themselves.
 #pragma once
 
 #include <cstdint>
 #include <string>
 
-// While one exists, it is SQLite's default file layer: it passes everything on to the usual one
-// until the chosen operation, and then fails or ends the process. Only one at a time.
+// While one exists, it is SQLite's default file layer and goods::storage_disk::instance(): it
+// passes everything on to the usual one until the chosen operation, and then fails or ends the
+// process. Removing a file counts as truncating it. Only one at a time.
 //
 // Syncing does nothing but count: processes end here, machines do not.
 // Threads: any, once it exists. Files that are open must be closed before it is destroyed.

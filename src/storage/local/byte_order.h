@@ -101,6 +101,12 @@ class byte_writer {
     return *this;
   }
 
+  // Room for so many bytes, to be filled before anything else is added.
+  std::byte* extend(std::size_t size) {
+    bytes_.resize(bytes_.size() + size);
+    return bytes_.data() + (bytes_.size() - size);
+  }
+
   std::span<const std::byte> view() const { return bytes_; }
   std::vector<std::byte> release() { return std::move(bytes_); }
 

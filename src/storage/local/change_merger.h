@@ -1,47 +1,25 @@
 // Turns a group's changes of objects into changes of segments.
 #pragma once
 
-#include <cstddef>
-#include <map>
 #include <memory>
 #include <span>
 #include <vector>
 
 #include <goods/dbs_storage.h>
 
-#include "storage/local/presence_map.h"
-#include "storage/local/segment_cache.h"
-#include "storage/local/segment_store.h"
+#include "storage/local/commit_overlay.h"
+#include "storage/local/newest_states.h"
 
 namespace goods {
 
-// What stood in a store before a commit, as far as the commit replaced it.
-struct replaced_states {
-  std::map<segment_number, std::shared_ptr<const segment>> segments;  // null: there was none
-  std::map<object_number, byte_block> apart;
-};
-
-// What a transaction has written, for making it visible after its commit.
-struct segment_changes {
-  struct change {
-    segment_number number;
-    std::shared_ptr<const segment> now;  // null: removed, or too much to keep in memory
-  };
-  std::vector<change> changed;
-  std::vector<segment_number> added;
-  std::vector<segment_number> removed;
-};
-
-// Reads, merges and writes within one transaction of the store.
+// Builds new segments in memory and writes nothing.
 //
-// Each segment is built and written once however many objects of it change, and segments are
-// written in ascending order, which appends where they are new. Threads: the holder of the writer's
+// Each segment is built once however many objects of it change. Threads: the holder of the writer's
 // turn.
 class change_merger {
  public:
-  // `kept`: null, or where to keep what is replaced.
-  change_merger(segment_store& store, segment_store::transaction& into, segment_cache& cache,
-                const presence_map& presence, replaced_states* kept);
+  // `newest`: the states that the changes replace. `as_of`: the newest version.
+  change_merger(newest_states& newest, commit_version as_of) : newest_(newest), as_of_(as_of) {}
 
   // `changes` in commit order; the last one of an object wins. `version`: of the group's last
   // commit.
@@ -51,20 +29,14 @@ class change_merger {
   using change_list = std::span<const object_change* const>;
 
   void merge_segment(segment_number number, change_list changes);
-  std::shared_ptr<const segment> current(segment_number number);
   void change_slot(segment_builder& builder, const segment* old, const object_change& change);
-  void keep_apart(const segment& old, unsigned slot);
-  void note_written(segment_number number, bool existed, std::shared_ptr<const segment> now);
-  void write_presence();
 
-  segment_store& store_;
-  segment_store::transaction& into_;
-  segment_cache& cache_;
-  const presence_map& presence_;
-  replaced_states* kept_;
-  commit_version version_ = 0;
-  std::size_t bytes_noted_ = 0;
+  newest_states& newest_;
+  const commit_version as_of_;
   segment_changes result_;
 };
+
+// What `changes` replace, for standing in for it.
+commit_overlay::table replaced_states(const segment_changes& changes, newest_states& newest);
 
 }  // namespace goods

@@ -10,25 +10,24 @@
 #include <goods/dbs_storage.h>
 
 #include "storage/guarded_mutex.h"
-#include "storage/local/change_merger.h"
-#include "storage/local/checkpointer.h"
 #include "storage/local/commit_queue.h"
-#include "storage/local/layout_registry.h"
 #include "storage/local/notice_board.h"
-#include "storage/local/prepared_commits.h"
-#include "storage/local/store_directory.h"
-#include "storage/object_locks.h"
+#include "storage/local/object_loader.h"
 #include "storage/storage_address.h"
 
 namespace goods {
 
-// How a commit becomes visible. The writer, holding the turn, commits to SQLite; then replaces what
-// the segment cache has, queues the notices, and last raises visible_. A load that finds everything
-// in the cache is as of visible_; any other is as of the snapshot that it reads from, which may be
-// a moment ahead of visible_. A commit over several storages stays hidden between its SQLite commit
-// and publish(): readers whose snapshot has it take what it replaced from memory instead.
+struct open_store;
+
+// How a commit becomes durable and visible. The writer, holding the turn, builds the new segments
+// in memory, appends the group to the commit log, and publishes: it puts the segments into the
+// overlay and the cache, queues the notices, and last raises the visible version. log_merger moves
+// them into the database later. A commit over several storages goes into the database itself, when
+// the log has been merged, and stays hidden until publish(): meanwhile the overlay holds what it
+// replaced.
 //
-// Lock order: the turn; then the mutexes of the parts, which are leaves.
+// Lock order: the turn; the database's turn; `publishing`; then the mutexes of the parts, which are
+// leaves.
 class local_storage : public dbs_storage {
  public:
   // Opens the store in a directory that prepare_directory() has made, creating it when missing.
@@ -43,9 +42,7 @@ class local_storage : public dbs_storage {
   class_number intern_layout(std::span<const std::byte> layout) override;
   std::vector<layout_record> layouts() override;
   std::unique_ptr<notice_subscription> subscribe(const void* origin) override;
-  commit_version newest_version() const override {
-    return visible_.load(std::memory_order_acquire);
-  }
+  commit_version newest_version() const override;
   lock_table& locks() override;
 
   storage_identity identity() const override;
@@ -66,34 +63,33 @@ class local_storage : public dbs_storage {
 
  private:
   struct hidden_commit;
-  struct open_parts;
-  class load_in_snapshot;
+  enum class visibility : std::uint8_t { in_overlay, in_database };
 
   void check_process() const;
+  void check_usable() const;
   void check_request(const commit_request& request) const;
-  bool load_from_cache(std::span<const object_number> numbers, commit_version at_least,
-                       state_sink& into, commit_version& as_of);
-  void confirm_missing(snapshot& from, segment_number number);
-  std::shared_ptr<const hidden_commit> hidden() const;
 
   void write_group(commit_queue::commit_group group);
   void write_together(commit_queue::commit_group group);
-  void show(const segment_changes& changes, std::span<const committed> commits) noexcept;
+  void write_past_log(commit_queue::commit_group group);
+  void show(const segment_changes& changes, std::span<const committed> commits,
+            visibility where) noexcept;
   template <class Extra>
-  commit_version commit_hidden(const global_transaction& id, const commit_request& request,
-                               Extra&& extra);
+  std::shared_ptr<hidden_commit> commit_to_database(const global_transaction& id,
+                                                    const commit_request& request, bool hides,
+                                                    Extra&& extra);
+  void hide(std::shared_ptr<const hidden_commit> commit);
 
   const std::string name_;
   const std::uint64_t generation_;  // of the process that opened it
-  std::unique_ptr<open_parts> parts_;
+  std::unique_ptr<open_store> parts_;
+  object_loader loader_;
 
-  std::atomic<commit_version> visible_{0};
   std::atomic<std::uint64_t> next_object_{0};
   std::atomic<std::uint64_t> commits_{0}, groups_{0};
 
   // The commit over several storages that is on its way; the turn is taken meanwhile.
-  mutable guarded_mutex hidden_lock_;
-  std::atomic<bool> has_hidden_{false};
+  guarded_mutex hidden_lock_;
   std::shared_ptr<const hidden_commit> hidden_ GUARDED_BY(hidden_lock_);
 };
 

@@ -1,14 +1,11 @@
 #include "storage/local/prepared_commits.h"
 
 #include <algorithm>
-#include <limits>
 
-#include "storage/local/byte_order.h"
+#include "storage/local/stored_change.h"
 
 namespace goods {
 namespace {
-
-enum : std::uint8_t { removed_flag = 1, new_flag = 2 };
 
 constexpr std::size_t part_size = std::size_t{8} << 20;  // bytes of a prepared commit in one row
 
@@ -31,32 +28,9 @@ std::vector<std::byte> serialize(const prepared_commit& about, const commit_requ
   writer.varint(about.coordinator_name.size());
   writer.append(std::as_bytes(std::span(about.coordinator_name)));
   writer.varint(request.changes.size());
-  for (const object_change& change : request.changes) {
-    writer.number(change.number);
-    writer.number(static_cast<std::uint8_t>((change.removed ? removed_flag : 0) |
-                                            (change.is_new ? new_flag : 0)));
-    if (change.removed) continue;
-    writer.varint(change.layout).varint(change.body.size()).append(change.body);
-  }
+  for (const object_change& change : request.changes)
+    store_change(writer.extend(stored_size(change)), change);
   return writer.release();
-}
-
-object_change parse_change(byte_reader& reader) {
-  object_change change{};
-  change.number = reader.number<std::uint32_t>();
-  const auto flags = reader.number<std::uint8_t>();
-  if (change.number < first_object_number || flags > (removed_flag | new_flag))
-    throw damaged_bytes("a change is out of range");
-  change.removed = (flags & removed_flag) != 0;
-  change.is_new = (flags & new_flag) != 0;
-  if (change.removed) return change;
-  const std::uint64_t layout = reader.varint();
-  const std::uint64_t length = reader.varint();
-  if (layout == 0 || layout > std::numeric_limits<class_number>::max() || length > max_state_size)
-    throw damaged_bytes("a change is out of range");
-  change.layout = static_cast<class_number>(layout);
-  change.body = reader.take(length);
-  return change;
 }
 
 std::unique_ptr<prepared_part> parse(const global_transaction& id, std::vector<std::byte> bytes) {
@@ -68,7 +42,7 @@ std::unique_ptr<prepared_part> parse(const global_transaction& id, std::vector<s
   const auto name = reader.take(reader.varint());
   part->about.coordinator_name.assign(reinterpret_cast<const char*>(name.data()), name.size());
   for (std::uint64_t count = reader.varint(); count != 0; --count)
-    part->changes.push_back(parse_change(reader));
+    part->changes.push_back(read_change(reader));
   reader.expect_end();
   return part;
 }

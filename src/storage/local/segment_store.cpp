@@ -14,7 +14,7 @@ std::string replace_in(const char* table) { return fmt::format(fmt::runtime(repl
 
 }  // namespace
 
-segment_store::segment_store(const connection_settings& settings, bool relaxed)
+segment_store::segment_store(const connection_settings& settings)
     : store_(settings.store),
       connection_(connect(settings)),
       reader_(*connection_, store_),
@@ -31,11 +31,10 @@ segment_store::segment_store(const connection_settings& settings, bool relaxed)
       write_prepared_(*connection_, replace_in("prepared").c_str()),
       remove_prepared_(*connection_, "DELETE FROM prepared WHERE id=?"),
       write_decision_(*connection_, replace_in("decisions").c_str()),
-      remove_decision_(*connection_, "DELETE FROM decisions WHERE id=?"),
-      relaxed_(relaxed) {
+      remove_decision_(*connection_, "DELETE FROM decisions WHERE id=?") {
   // A log that one large commit has made long is cut when it starts over.
-  connection_->execute("PRAGMA cache_size=-16384; PRAGMA journal_size_limit=67108864");
-  use_sync(!relaxed);
+  connection_->execute(
+      "PRAGMA synchronous=FULL; PRAGMA cache_size=-16384; PRAGMA journal_size_limit=67108864");
   ::sqlite3_wal_hook(connection_->handle(), note_log_pages, this);
   state_ = reader_.state();
 }
@@ -43,12 +42,6 @@ segment_store::segment_store(const connection_settings& settings, bool relaxed)
 int segment_store::note_log_pages(void* self, sqlite3*, const char*, int pages) {
   static_cast<segment_store*>(self)->log_pages_ = pages;
   return SQLITE_OK;
-}
-
-void segment_store::use_sync(bool full) {
-  if (full == syncs_fully_) return;
-  connection_->execute(full ? "PRAGMA synchronous=FULL" : "PRAGMA synchronous=NORMAL");
-  syncs_fully_ = full;
 }
 
 void segment_store::write(sqlite_statement& statement, row_kind kind, std::uint64_t key,
@@ -92,20 +85,14 @@ bool segment_store::settle(const store_state& before) noexcept {
   }
 }
 
-void segment_store::checkpoint() noexcept {
-  ::sqlite3_wal_checkpoint_v2(connection_->handle(), nullptr, SQLITE_CHECKPOINT_TRUNCATE, nullptr,
-                              nullptr);
-}
-
-segment_store::transaction::transaction(segment_store& store, sync how)
-    : store_(store), before_(store.state_) {
+segment_store::transaction::transaction(segment_store& store, after_failure then)
+    : store_(store), then_(then), before_(store.state_) {
   if (store.failed_)
     throw_error(
         error_code::outcome_unknown,
         fmt::format("The storage \"{}\" takes no commits after one whose outcome is unknown: "
                     "it must be opened again.",
                     store.store_));
-  store.use_sync(how == sync::always || !store.relaxed_);
   store.begin_.run();
   open_ = true;
 }
@@ -129,7 +116,8 @@ void segment_store::transaction::commit() {
       store_.connection_->try_execute("ROLLBACK");
     open_ = false;
     store_.state_ = before_;
-    if (error_code_of(failure) == error_code::input_output) store_.commit_failed(before_);
+    if (then_ == after_failure::settle && error_code_of(failure) == error_code::input_output)
+      store_.commit_failed(before_);
     throw;
   }
   open_ = false;

@@ -1,6 +1,7 @@
 // The writing side of a store: one transaction at a time, all tables.
 #pragma once
 
+#include <atomic>
 #include <cstdint>
 #include <memory>
 #include <span>
@@ -15,14 +16,15 @@ namespace goods {
 
 // Owns the connection that writes. Everything that becomes durable does so through here.
 //
-// A write happens in a `transaction`, which is rolled back unless commit() succeeds.
-// Threads: the holder of the writer's turn.
+// A write happens in a `transaction`, which is rolled back unless commit() succeeds, and is durable
+// when it does.
+// Threads: the holder of the database's turn.
 // Errors: corrupt_data, input_output and storage_full, after which the store is as it was and
 // usable; outcome_unknown when a commit's failure could not be settled, after which nothing can be
 // written.
 class segment_store {
  public:
-  segment_store(const connection_settings& settings, bool relaxed);
+  explicit segment_store(const connection_settings& settings);
 
   // As of the last commit; within a transaction, what will be committed.
   const store_state& state() const { return state_; }
@@ -30,16 +32,19 @@ class segment_store {
   const std::string& name() const { return store_; }
   // Pages in the write-ahead log after the last commit.
   int log_pages() const { return log_pages_; }
-  bool has_failed() const { return failed_; }
+  bool has_failed() const { return failed_.load(std::memory_order_acquire); }  // from any thread
   // Nothing can be written until the store is opened again.
   void set_failed() { failed_ = true; }
 
-  enum class sync : std::uint8_t { as_opened, always };
+  // What it means when commit() fails, and the transaction may yet turn up after a crash.
+  enum class after_failure : std::uint8_t {
+    settle,    // it must not: where that is not certain, the outcome is unknown
+    harmless,  // nothing: it will be repeated, and then holds what it holds now or more
+  };
 
   class transaction {
    public:
-    // With `always`, the commit is durable under any durability option.
-    explicit transaction(segment_store& store, sync how = sync::as_opened);
+    explicit transaction(segment_store& store, after_failure then = after_failure::settle);
     ~transaction();
     transaction(const transaction&) = delete;
     transaction& operator=(const transaction&) = delete;
@@ -60,12 +65,10 @@ class segment_store {
 
    private:
     segment_store& store_;
+    const after_failure then_;
     store_state before_;
     bool open_ = false;
   };
-
-  // Makes the log as short as possible when the store is closed.
-  void checkpoint() noexcept;
 
  private:
   friend class transaction;
@@ -73,7 +76,6 @@ class segment_store {
   void write(sqlite_statement& statement, row_kind kind, std::uint64_t key, commit_version version,
              std::span<const std::byte> content);
   void write_state();
-  void use_sync(bool full);
   void commit_failed(const store_state& before);
   bool settle(const store_state& before) noexcept;
   static int note_log_pages(void* self, struct sqlite3*, const char*, int pages);
@@ -91,9 +93,7 @@ class segment_store {
   sqlite_statement write_decision_, remove_decision_;
   std::vector<std::byte> row_;  // being written
   store_state state_;
-  const bool relaxed_;
-  bool syncs_fully_ = false;
-  bool failed_ = false;
+  std::atomic<bool> failed_{false};
   int log_pages_ = 0;
 };
 

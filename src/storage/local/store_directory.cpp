@@ -8,22 +8,13 @@
 
 #include <array>
 #include <cerrno>
-#include <cstring>
-#include <string_view>
 #include <utility>
 
+#include "storage/local/storage_file.h"
 #include "storage/local/store_schema.h"
 
 namespace goods {
 namespace {
-
-[[noreturn]] void throw_system_error(std::string_view operation, const std::string& path,
-                                     int error) {
-  const error_code code =
-      error == ENOSPC || error == EDQUOT ? error_code::storage_full : error_code::input_output;
-  throw_error(code, fmt::format("The storage's \"{}\": {} failed: {}.", path, operation,
-                                std::strerror(error)));  // NOLINT(concurrency-mt-unsafe): glibc
-}
 
 // A descriptor that is closed at the end of its scope.
 class descriptor {

@@ -62,7 +62,8 @@ std::shared_ptr<const segment> store_reader::read_segment(segment_number number)
   return parse_segment(number, segment_.blob(0));
 }
 
-byte_block store_reader::read_apart(object_number object, std::size_t length) try {
+byte_block store_reader::read_apart(object_number object, std::size_t length,
+                                    commit_version newest) try {
   byte_block body = byte_block::of_size(length);
   for (std::size_t piece = 0, done = 0; done < length; ++piece) {
     statement_scope scope(piece_);
@@ -72,6 +73,7 @@ byte_block store_reader::read_apart(object_number object, std::size_t length) tr
     const std::size_t expected = std::min(piece_size, length - done);
     const framed_row framed =
         read_row(row_kind::piece, static_cast<std::uint64_t>(key), expected, piece_.blob(0));
+    if (framed.version > newest) throw damaged_bytes("a piece of it is newer than it");
     if (framed.length != expected) throw damaged_bytes("a piece of it has another length");
     framed.unpack(body.bytes.get() + done);
     done += expected;

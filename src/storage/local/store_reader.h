@@ -44,8 +44,9 @@ class store_reader {
   // Null when there is no such row.
   std::shared_ptr<const segment> read_segment(segment_number number);
 
-  // An object that its segment has apart, with the length that it says.
-  byte_block read_apart(object_number object, std::size_t length);
+  // An object that its segment has apart, with the length that it says, in pieces that are not
+  // newer than the segment's version.
+  byte_block read_apart(object_number object, std::size_t length, commit_version newest);
 
   // All segments in order; `visit` returns false to stop. Returns how many there were.
   std::uint64_t for_each_segment(const std::function<bool(std::shared_ptr<const segment>)>& visit);

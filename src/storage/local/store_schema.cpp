@@ -107,6 +107,14 @@ void make_store(const std::string& file) {
   connection.execute("COMMIT; PRAGMA wal_checkpoint(TRUNCATE)");
 }
 
+void raise_format(sqlite_connection& connection) {
+  if (connection.integer("PRAGMA user_version") >= store_format) return;
+  connection.execute(fmt::format("PRAGMA synchronous=FULL; PRAGMA user_version={}; "
+                                 "PRAGMA wal_checkpoint(TRUNCATE)",
+                                 store_format)
+                         .c_str());
+}
+
 void check_database_header(const std::string& file, std::span<const unsigned char> header,
                            std::uint64_t file_size) {
   constexpr char magic[] = "SQLite format 3";  // and its NUL

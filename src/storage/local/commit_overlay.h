@@ -1,0 +1,91 @@
+// What was committed and is not in the database yet.
+#pragma once
+
+#include <atomic>
+#include <cstddef>
+#include <memory>
+#include <optional>
+#include <unordered_map>
+#include <vector>
+
+#include <goods/dbs_storage.h>
+
+#include "storage/guarded_mutex.h"
+#include "storage/local/segment.h"
+
+namespace goods {
+
+// An object that is stored by itself, as some commit left it.
+struct apart_state {
+  std::shared_ptr<const byte_block> body;  // null: it is not apart any more, or not there
+  commit_version version = 0;
+};
+
+// What commits did to segments and to objects apart.
+struct segment_changes {
+  struct change {
+    segment_number number;
+    std::shared_ptr<const segment> before;  // null: there was none
+    std::shared_ptr<const segment> now;     // null: there is none any more
+  };
+  struct apart_change {
+    object_number number;
+    std::shared_ptr<const byte_block> body;  // null: removed
+  };
+  std::vector<change> changed;      // ascending
+  std::vector<apart_change> apart;  // ascending
+  std::uint64_t next_object = 0;    // above all numbers in it
+  commit_version version = 0;       // of the last commit
+};
+
+// Segments in memory that stand in front of those in the database: newer ones that a merge will
+// write there, or, while a commit over several storages is hidden, the older ones that it replaced.
+//
+// Commits go into the active table. A merge freezes it and begins a new one; loads look into both
+// until the merge has written the frozen one.
+// Threads: any; one mutex, held for a look-up or while a group is put in.
+class commit_overlay {
+ public:
+  struct table {
+    std::unordered_map<segment_number, std::shared_ptr<const segment>> segments;  // null: none
+    std::unordered_map<object_number, apart_state> apart;
+    std::size_t bytes = 0;  // of memory
+    std::uint64_t next_object = 0;
+    commit_version version = 0;  // 0: nothing was committed into it
+  };
+
+  // Nothing: ask the database. A null segment: there is none.
+  std::optional<std::shared_ptr<const segment>> find(segment_number number) const;
+  // Nothing: ask the database. A null body: the object is not apart.
+  std::optional<apart_state> find_apart(object_number number) const;
+
+  // Adds commits to the active table.
+  void add(const segment_changes& changes);
+  // Makes the active table the frozen one, of which there was none.
+  void freeze();
+  // Null when there is none. It does not change until drop_frozen().
+  std::shared_ptr<const table> frozen() const;
+  // The database has it.
+  void drop_frozen();
+
+  // The old states that stand in for what a commit puts into the database. Everything has been
+  // merged before.
+  void hold(table old_states);
+  void drop_held();
+
+  bool is_active_empty() const;
+  std::size_t active_bytes() const;
+  // Everything in one table; held states included.
+  table copy() const;
+
+ private:
+  mutable guarded_mutex lock_;
+  std::atomic<bool> is_empty_{true};
+  table active_ GUARDED_BY(lock_);
+  std::shared_ptr<const table> frozen_ GUARDED_BY(lock_);
+  std::shared_ptr<const table> held_ GUARDED_BY(lock_);
+
+  void note_size() REQUIRES(lock_);
+};
+
+}  // namespace goods

@@ -1,0 +1,89 @@
+#include "storage/local/log_recovery.h"
+
+#include <fmt/format.h>
+
+#include <algorithm>
+
+#include "storage/local/commit_log.h"
+#include "storage/local/row_format.h"
+#include "storage/local/storage_file.h"
+
+namespace goods {
+namespace {
+
+// Nobody writes longer ones: commits that are too large for the log go past it.
+constexpr std::uint64_t longest_file = std::uint64_t{2} << 30;
+
+}  // namespace
+
+log_recovery::log_recovery(const std::string& directory, const std::string& store,
+                           const storage_identity& identity, commit_version merged)
+    : store_(store), identity_(identity), merged_(merged), newest_(merged) {
+  for (const std::string& path : commit_log::paths(directory)) {
+    files_.push_back({path, {}, {}});
+    read(files_.back());
+  }
+  const auto begins = [](const log_content& file) {
+    return file.records.empty() ? ~commit_version{0} : file.records.front().first;
+  };
+  std::ranges::sort(files_, {}, begins);
+  for (const log_content& file : files_) take(file.records, file.path);
+  for (const log_content& file : files_) check_rest(file);
+}
+
+void log_recovery::throw_damaged(const std::string& path, std::string_view what) const {
+  throw_error(
+      error_code::corrupt_data,
+      fmt::format("The storage \"{}\" is damaged in its log \"{}\": {}.", store_, path, what));
+}
+
+void log_recovery::read(log_content& file) {
+  const auto opened = storage_disk::instance().open(file.path);
+  if (!opened) return;
+  found_ = true;
+  const std::uint64_t size = opened->size();
+  if (size > longest_file) throw_damaged(file.path, fmt::format("it has {} bytes", size));
+  file.bytes.resize(size);
+  opened->read(0, file.bytes);
+  const std::span<const std::byte> bytes(file.bytes);
+  for (std::size_t at = 0; at < size;) {
+    const auto record = read_log_record(bytes.subspan(at), identity_);
+    if (!record) break;
+    if (!file.records.empty()) {
+      const log_record& before = file.records.back();
+      if (record->mark != before.mark || record->first != before.last() + 1) break;
+    }
+    file.records.push_back(*record);
+    at += std::min(log_record_size(*record), size - at);
+  }
+}
+
+void log_recovery::take(const std::vector<log_record>& records, const std::string& path) {
+  for (const log_record& record : records) {
+    if (record.last() <= newest_) continue;
+    if (record.first != newest_ + 1) return;
+    try {
+      read_changes(record, changes_);
+    } catch (const damaged_bytes& damage) {
+      throw_damaged(path, damage.what());
+    }
+    newest_ = record.last();
+  }
+}
+
+// Looks for witnesses that more has been here.
+void log_recovery::check_rest(const log_content& file) const {
+  const std::span<const std::byte> bytes(file.bytes);
+  for (std::size_t at = 0; at + log_header_size <= bytes.size(); at += log_alignment) {
+    const auto header = read_log_header(bytes.subspan(at), identity_);
+    if (!header) continue;
+    if (header->record.durable > newest_)
+      throw_damaged(file.path, fmt::format("commit {} is missing, although commit {} came later",
+                                           newest_ + 1, header->record.first));
+    if (header->record.last() > merged_ && header->record.synced > bytes.size())
+      throw_damaged(file.path, fmt::format("it has {} bytes instead of {} at least", bytes.size(),
+                                           header->record.synced));
+  }
+}
+
+}  // namespace goods

@@ -1,0 +1,53 @@
+// What the commit log of a store that was not closed still has to tell.
+#pragma once
+
+#include <string>
+#include <vector>
+
+#include <goods/dbs_storage.h>
+
+#include "storage/local/log_record.h"
+
+namespace goods {
+
+// Reads both files of a log and finds the commits that are not in the database, in order, up to the
+// first that is not whole: a crash ended the process while it was written.
+//
+// Damage is told apart from that as far as it can be: a commit that a later record calls durable,
+// and room that a record calls durable, must be there. The last record of all, damaged, looks like
+// one that was cut short.
+class log_recovery {
+ public:
+  // `merged`: the newest version that the database has. Throws corrupt_data naming the file.
+  log_recovery(const std::string& directory, const std::string& store,
+               const storage_identity& identity, commit_version merged);
+
+  // Whether there is any file.
+  bool found_files() const { return found_; }
+  // The newest version of all.
+  commit_version newest() const { return newest_; }
+  // Of all commits after `merged`; bodies are kept here.
+  const std::vector<object_change>& changes() const { return changes_; }
+
+ private:
+  struct log_content {
+    std::string path;
+    std::vector<std::byte> bytes;
+    std::vector<log_record> records;  // from the beginning, one directly after the other
+  };
+
+  void read(log_content& file);
+  void take(const std::vector<log_record>& records, const std::string& path);
+  void check_rest(const log_content& file) const;
+  [[noreturn]] void throw_damaged(const std::string& path, std::string_view what) const;
+
+  const std::string store_;
+  const storage_identity identity_;
+  const commit_version merged_;
+  bool found_ = false;
+  commit_version newest_;
+  std::vector<log_content> files_;
+  std::vector<object_change> changes_;
+};
+
+}  // namespace goods

@@ -1,0 +1,121 @@
+#include "storage/local/open_store.h"
+
+#include <fmt/format.h>
+
+#include <cstring>
+
+#include "storage/local/change_merger.h"
+#include "storage/local/log_recovery.h"
+#include "storage/local/segment_writer.h"
+
+namespace goods {
+
+open_store::open_store(const storage_address& address, const std::string& name,
+                       dbs_storage& locks_for, commit_queue::writer write)
+    : files(address.directory),
+      hold(address.directory),
+      settings{files.database(), name, address.options.mapped},
+      checked(prepare_files()),
+      relaxed(address.options.relaxed),
+      store(settings),
+      identity(store.reader().identity()),
+      layouts(name),
+      prepared(name),
+      cache(address.options.cache_bytes),
+      readers(settings),
+      newest{name, cache, overlay, presence, readers, versions},
+      log(address.directory, name, identity, address.options.log_bytes / 2),
+      checkpoints(settings, database_turn, readers),
+      merger({store, database_turn, prepared, stored_presence, log, overlay, versions, checkpoints},
+             address.options.log_bytes, relaxed),
+      opened_at(load_everything()),
+      notices(opened_at),
+      locks(locks_for),
+      queue(turn, std::move(write)) {}
+
+bool open_store::prepare_files() {
+  files.remove_unfinished();
+  if (!files.exist()) {
+    files.create_unfinished();
+    make_store(files.unfinished());
+    files.finish();
+  }
+  files.check_header();
+  sqlite_connection connection(files.database(), sqlite_connection::access::read_write);
+  check_schema(connection);
+  if (connection.text("PRAGMA journal_mode=WAL") != "wal")
+    throw_error(
+        error_code::input_output,
+        fmt::format("The storage file \"{}\" cannot have a write-ahead log.", files.database()));
+  raise_format(connection);
+  return true;
+}
+
+commit_version open_store::load_everything() {
+  load_tables();
+  versions.merged = versions.visible = store.state().version;
+  replay_log();
+  return versions.visible;
+}
+
+void open_store::load_tables() {
+  std::uint64_t segments = 0;
+  store.reader().for_each_row(
+      "presence", row_kind::presence, [&](std::int64_t key, const byte_block& content) {
+        presence_map::content bits;
+        if (key < 0 || key >= presence_map::chunks || content.size != sizeof bits)
+          throw damaged_bytes("it does not describe segments");
+        std::memcpy(bits.data(), content.bytes.get(), sizeof bits);
+        segments += presence.load(static_cast<std::uint32_t>(key), bits);
+        stored_presence.load(static_cast<std::uint32_t>(key), bits);
+      });
+  if (segments != store.state().segments)
+    throw_damaged_row(settings.store, "presence", 0, "rows of it are missing");
+  layouts.load(store.reader(), store.state());
+  prepared.load(store.reader(), store.state());
+}
+
+// All at once: what an object was in between is of no interest any more.
+void open_store::replay_log() {
+  const log_recovery found(files.directory(), settings.store, identity, versions.merged);
+  std::vector<const object_change*> changes;
+  for (const object_change& change : found.changes()) {
+    if (!change.removed && change.layout > layouts.count())
+      throw_damaged_object(settings.store, change.number,
+                           fmt::format("the log has it with the unknown layout {}", change.layout));
+    changes.push_back(&change);
+  }
+  writer_turn::hold scope(turn);
+  if (found.newest() != versions.merged) {
+    newest_states current(newest);
+    change_merger replaying(current, versions.visible);
+    const segment_changes replayed = replaying.merge(std::move(changes), found.newest());
+    for (const auto& change : replayed.changed) {
+      presence.set(change.number, change.now != nullptr);
+      cache.publish(change.number, change.now, replayed.version);
+    }
+    overlay.add(replayed);
+    versions.visible = found.newest();
+    merger.merge_all();
+  }
+  log.note_durable(found.newest());
+  if (found.found_files()) log.remove();
+}
+
+open_store::~open_store() {
+  readers.end_idle();
+  writer_turn::hold scope(turn);
+  try {
+    merger.merge_all();
+    writer_turn::hold database(database_turn);
+    if (prepared.has_forgotten()) {
+      segment_store::transaction transaction(store);
+      prepared.erase_forgotten(transaction);
+      transaction.commit();
+    }
+    log.remove();
+  } catch (...) {  // NOLINT(bugprone-empty-catch): opening it again finishes this
+  }
+}
+
+}  // namespace goods

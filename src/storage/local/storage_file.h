@@ -1,0 +1,63 @@
+// Files that the embedded backend writes by itself, beside those of SQLite.
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+#include <memory>
+#include <span>
+#include <string>
+
+#include <goods/errors.h>
+
+namespace goods {
+
+// An open file. Everything that reaches the disk past SQLite goes through here and storage_disk, so
+// that a test can put a failing disk in its place (tests/support/faulty_vfs.h).
+//
+// Units: bytes. Ownership: whoever opened it destroys it, which does not sync.
+// Threads: any; what overlaps is the caller's business.
+// Errors: storage_full and input_output naming file, operation and reason. After a failed sync()
+// nothing written since the last good one may be trusted.
+class storage_file {
+ public:
+  virtual ~storage_file() = default;
+
+  virtual std::uint64_t size() = 0;
+
+  // Fills all of `into`; a file that ends earlier is an error, not a short read.
+  virtual void read(std::uint64_t at, std::span<std::byte> into) = 0;
+
+  // Grows the file when it ends earlier. When this fails, any part may have been written.
+  virtual void write(std::uint64_t at, std::span<const std::byte> from) = 0;
+
+  // Returns once every earlier write, and the size, survives a loss of power.
+  virtual void sync() = 0;
+};
+
+// Where files are.
+// Threads: any. Errors: as above.
+class storage_disk {
+ public:
+  virtual ~storage_disk() = default;
+
+  // Makes a file that is not there yet, 0600 under any umask; never through a symbolic link.
+  virtual std::unique_ptr<storage_file> create(const std::string& path) = 0;
+  // Null when there is none. Refuses all but plain files.
+  virtual std::unique_ptr<storage_file> open(const std::string& path) = 0;
+  // Whether there was one.
+  virtual bool remove(const std::string& path) = 0;
+  // Returns once files made and removed in the directory are so after a loss of power.
+  virtual void sync_directory(const std::string& path) = 0;
+
+  // The machine's own, unless a test has put another one in its place.
+  static storage_disk& instance();
+  // For tests: from now on `other`, which outlives its use; null for the machine's own.
+  static void replace(storage_disk* other);
+  static storage_disk& machine();
+};
+
+// Throws the error that belongs to the system's error number.
+[[noreturn]] void throw_system_error(std::string_view operation, const std::string& path,
+                                     int error);
+
+}  // namespace goods

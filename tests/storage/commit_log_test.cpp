@@ -1,0 +1,233 @@
+// The commit log by itself: its form, what a loss of power leaves of it, and damage.
+
+#include <gtest/gtest.h>
+
+#include <random>
+
+#include "storage/local/commit_log.h"
+#include "storage/local/log_recovery.h"
+#include "storage/storage_fixture.h"
+#include "support/memory_disk.h"
+
+namespace goods {
+namespace {
+
+using testing::AnyOf;
+using testing::HasSubstr;
+
+const storage_identity store{1, 2};
+constexpr std::uint64_t room = 16 << 10;
+
+std::string text_for(commit_version version) {
+  // Small ones, and some that take a good part of a file.
+  return std::to_string(version) + std::string(version * 37 % 500, 'x') +
+         std::string(version % 9 == 0 ? 3000 : 0, 'y');
+}
+
+class CommitLogTest : public testing::Test {
+ protected:
+  // Appends one group of `count` commits; changes files when one is full, which needs everything in
+  // the other one to be merged.
+  void append(unsigned count, bool durable) {
+    std::vector<std::string> texts;
+    std::vector<object_change> changes;
+    std::vector<commit_request> requests;
+    for (unsigned i = 0; i < count; ++i) texts.push_back(text_for(newest_ + 1 + i));
+    for (const std::string& text : texts)
+      changes.push_back({first_object_number, 1, bytes_of(text), false, false});
+    for (const object_change& change : changes) requests.push_back({{&change, 1}, nullptr, {}});
+    std::vector<const commit_request*> group;
+    for (const commit_request& request : requests) group.push_back(&request);
+    if (!log_.has_room(log_record_size(group))) {
+      merged_ = in_other_file_;
+      log_.note_durable(merged_);
+      log_.switch_files();
+      in_other_file_ = newest_;
+    }
+    log_.append(group, newest_ + 1, durable);
+    newest_ += count;
+    if (durable) durable_ = newest_;
+  }
+
+  void fill(unsigned groups, bool durable) {
+    for (unsigned i = 0; i < groups; ++i) append(1 + i % 3, durable);
+  }
+
+  // What opening finds. Every commit must be its own.
+  commit_version recover(const memory_disk::image& image) const {
+    const memory_disk disk(image);
+    const log_recovery found("", "store", store, merged_);
+    commit_version version = merged_;
+    for (const object_change& change : found.changes())
+      EXPECT_EQ(text_of(change.body), text_for(++version));
+    EXPECT_EQ(version, found.newest());
+    return found.newest();
+  }
+
+  // Loses power before every sync and now and then in between. Returns how often commits were lost
+  // that were said to be durable.
+  unsigned lose_power(int steps, bool relaxed, std::minstd_rand& random) {
+    unsigned lost = 0;
+    const auto look = [&] {
+      for (int i = 0; i < 3; ++i) {
+        try {
+          const auto found = recover(disk_.after_power_loss(random));
+          lost += found < std::max(durable_, merged_) ? 1 : 0;
+        } catch (const database_error&) {  // some are lost, and the log knows it
+          ++lost;
+        }
+      }
+    };
+    disk_.before_sync = look;
+    for (int step = 0; step < steps && !testing::Test::HasFailure(); ++step) {
+      append(1 + static_cast<unsigned>(random() % 3), !relaxed);
+      look();
+      if (!relaxed || random() % 8 != 0) continue;
+      log_.sync();
+      durable_ = newest_;
+    }
+    return lost;
+  }
+
+  memory_disk disk_;
+  commit_log log_{"", "store", store, room};
+  commit_version newest_ = 0, durable_ = 0, merged_ = 0, in_other_file_ = 0;
+};
+
+TEST_F(CommitLogTest, TheWorkedExample) {
+  const object_change changes[] = {{0x10000, 1, bytes_of("hi"), false, false},
+                                   {0x10002, 0, {}, true, false}};
+  const commit_request commit{changes, nullptr, {}};
+  const commit_request* const group[] = {&commit};
+  log_record about;
+  about.mark = 0x1122334455667788;
+  about.first = 9;
+  about.durable = 8;
+  about.synced = 65536;
+  std::vector<std::byte> record;
+  write_log_record(about, group, store, record);
+  ASSERT_EQ(record.size(), 128U);
+  std::string text;
+  for (std::byte b : std::span(record).first(80)) {
+    char digits[4];
+    std::snprintf(digits, sizeof digits, "%02x ", static_cast<unsigned>(b));
+    text += digits;
+  }
+  EXPECT_EQ(text,
+            "5e d6 71 bd 01 7a d8 0a 3f 2e ae ab 4f a1 e1 c6 0f 00 00 00 00 00 00 00 "
+            "01 00 00 00 63 6c 6f 67 88 77 66 55 44 33 22 11 09 00 00 00 00 00 00 00 "
+            "08 00 00 00 00 00 00 00 00 00 01 00 00 00 00 00 02 00 00 01 00 00 01 02 "
+            "68 69 02 00 01 00 01 00 ");
+  const auto back = read_log_record(record, store);
+  ASSERT_TRUE(back);
+  std::vector<object_change> read;
+  read_changes(*back, read);
+  ASSERT_EQ(read.size(), 2U);
+  EXPECT_EQ(text_of(read[0].body), "hi");
+  EXPECT_TRUE(read[1].removed);
+  EXPECT_FALSE(read_log_record(record, {1, 3})) << "of another store";
+}
+
+TEST_F(CommitLogTest, FilesAreUsedAgainManyTimes) {
+  for (int round = 0; round < 400; ++round) {
+    append(1 + static_cast<unsigned>(round) % 4, true);
+    const auto image = disk_.complete();
+    ASSERT_EQ(recover(image), newest_) << "round " << round;
+  }
+  EXPECT_GT(merged_, 100U);
+  for (const auto& [path, bytes] : disk_.complete()) EXPECT_LE(bytes.size(), room) << path;
+}
+
+TEST_F(CommitLogTest, ALossOfPowerLeavesAllThatWasSynced) {
+  const unsigned seed = std::random_device{}();
+  SCOPED_TRACE(testing::Message() << "seed " << seed);
+  std::minstd_rand random(seed);
+  EXPECT_EQ(lose_power(400, false, random), 0U);
+  EXPECT_EQ(lose_power(400, true, random), 0U);
+  EXPECT_GT(merged_, 500U) << "the files were used again";
+  // The control: a disk that does not sync is found out.
+  disk_.ignores_syncs = true;
+  EXPECT_GT(lose_power(20, false, random), 10U);
+}
+
+// Wherever one bit is wrong: all commits, damage, or all but the last record.
+TEST_F(CommitLogTest, AFlippedBitIsDamageUnlessItIsInTheLastRecord) {
+  fill(60, true);
+  const commit_version before_last = newest_;
+  append(2, true);
+  const memory_disk::image good = disk_.complete();
+  std::minstd_rand random(3);
+  unsigned noticed = 0;
+  for (int i = 0; i < 2000 && !HasFailure(); ++i) {
+    memory_disk::image flipped = good;
+    auto& bytes = std::next(flipped.begin(), i % 2)->second;
+    const std::size_t bit = random() % (bytes.size() * 8);
+    SCOPED_TRACE(testing::Message() << "file " << i % 2 << ", bit " << bit);
+    bytes[bit / 8] ^= static_cast<std::byte>(1 << bit % 8);
+    try {
+      EXPECT_THAT(recover(flipped), AnyOf(newest_, before_last));
+    } catch (const database_error& error) {
+      EXPECT_EQ(error.code(), error_code::corrupt_data) << error.what();
+      ++noticed;
+    }
+  }
+  EXPECT_GT(noticed, 200U);
+}
+
+TEST_F(CommitLogTest, ACutFileIsDamage) {
+  fill(60, true);
+  const memory_disk::image good = disk_.complete();
+  ASSERT_EQ(good.size(), 2U);
+  ASSERT_EQ(recover(good), newest_);
+  unsigned noticed = 0, cuts = 0;
+  for (const auto& [path, bytes] : good)
+    for (std::size_t size = 64; size < bytes.size(); size += 500, ++cuts) {
+      SCOPED_TRACE(testing::Message() << path << " cut to " << size);
+      memory_disk::image cut = good;
+      cut[path].resize(size);
+      try {
+        EXPECT_EQ(recover(cut), newest_) << "nothing of what was cut off is needed";
+      } catch (const database_error& error) {
+        EXPECT_EQ(error.code(), error_code::corrupt_data) << error.what();
+        ++noticed;
+      }
+    }
+  EXPECT_GT(noticed, cuts / 3);
+  memory_disk::image without = good;
+  without.erase(without.begin());
+  if (recover(good) != merged_) {
+    EXPECT_THAT([&] { EXPECT_EQ(recover(without), newest_); },
+                fails_with(error_code::corrupt_data, HasSubstr("commits.")));
+  }
+}
+
+// A record of an earlier use that stands directly behind a later one, with the version that would
+// come next.
+TEST_F(CommitLogTest, AnOldRecordInReusedRoomIsNotTaken) {
+  append(1, true);
+  append(1, true);
+  const memory_disk::image before = disk_.complete();
+  ASSERT_EQ(recover(before), 2U);
+  memory_disk disk(before);
+  commit_log again("", "store", store, room);
+  disk.remove("/commits.0");
+  const std::string text = text_for(1);
+  const object_change change{first_object_number, 1, bytes_of(text), false, false};
+  const commit_request commit{{&change, 1}, nullptr, {}};
+  const commit_request* const group[] = {&commit};
+  again.append(group, 1, true);
+  memory_disk::image mixed = disk.complete();
+  const auto& old = before.at("/commits.0");
+  auto& now = mixed.at("/commits.0");
+  const auto second = static_cast<std::ptrdiff_t>(log_record_size(group));
+  std::copy(old.begin() + second, old.end(), now.begin() + second);
+  EXPECT_TRUE(read_log_record(std::span(now).subspan(log_record_size(group)), store));
+  try {
+    EXPECT_EQ(recover(mixed), 1U);
+  } catch (const database_error& error) {
+    ADD_FAILURE() << error.what();
+  }
+}
+
+}  // namespace
+}  // namespace goods
