@@ -29,8 +29,8 @@ struct unknown_class_data;
 // A class's descriptor is usually a static object. Descriptors may be made in any order, a derived
 // class's before its base's too; the base is looked at when the descriptor is first used, which
 // must be after static initialisation. Names: of several live descriptors of one name the newest is
-// the one that find() answers. A name that ends in "_t" belongs to a helper that only serves to
-// make a prototype; find() does not know it. Ownership: owns its field list. Nobody owns
+// the one that find() answers. A helper, which only serves to make a prototype, is one that find()
+// does not know. Ownership: owns its field list. Nobody owns
 // descriptors: they outlive every object of their class and every open storage. Threads: any, once
 // made.
 class GOODS_API class_descriptor {
@@ -39,6 +39,10 @@ class GOODS_API class_descriptor {
   // construct_object<T>() below. `handle` is null for prototypes.
   using constructor_function = object* (*)(object_handle* handle, class_descriptor& cls,
                                            unsigned extra);
+
+  // Flags, to be combined.
+  static constexpr int helper_class = 1;  // see above
+  static constexpr int first_free = 2;    // from here on up for the library above
 
   // Takes over `fields` (null for none): the class's own persistent members. Members of the base
   // may be among them; those that the base has under the same name and offset are dropped.

@@ -18,10 +18,22 @@ TarnClassDescriptor& TarnObject::SelfClass() {
 
 TarnClassDescriptor& TarnObject::self_class = TarnObject::SelfClass();
 
-TarnObject::TarnObject(goods::class_descriptor& cls) : goods::object(cls) {}
+namespace {
+
+// getClass() relies on it.
+goods::class_descriptor& VerifiedNodeClass(goods::class_descriptor& cls) {
+  if ((cls.flags() & TarnClassDescriptor::kNodeClass) == 0) {
+    TarnException::ThrowMissingDescriptor(cls.name());
+  }
+  return cls;
+}
+
+}  // namespace
+
+TarnObject::TarnObject(goods::class_descriptor& cls) : goods::object(VerifiedNodeClass(cls)) {}
 
 TarnObject::TarnObject(goods::object_handle* handle, goods::class_descriptor& cls)
-    : goods::object(handle, cls) {}
+    : goods::object(handle, VerifiedNodeClass(cls)) {}
 
 TarnObject::~TarnObject() = default;
 

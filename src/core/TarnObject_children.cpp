@@ -129,7 +129,7 @@ bool TarnObject::hasChild(const char* name) const {
 const TarnObject* TarnObject::findChild(goods::reader& reader, std::string_view name) const {
   if (getClass().hasDataMembers()) {
     const CText text(name);
-    const TarnFieldDescriptor* field = getClass().findField(text.get());
+    const TarnFieldDescriptor* field = getClass().findMember(text.get());
     const TarnObject* node = field != nullptr ? field->look(reader, *this, text.get()) : nullptr;
     if (node != nullptr) return node;
   }

@@ -6,6 +6,7 @@
 #include <tarns/schema/TarnClassDescriptor.h>
 #include <tarns/schema/TarnString.h>
 
+#include <algorithm>
 #include <string>
 #include <unordered_map>
 #include <utility>
@@ -61,14 +62,20 @@ goods::object_ref CopyOfTexts(const goods::object_ref& list, const TarnRef& owne
   return copy;
 }
 
+// What the member of a copy refers to: its own copy of a text or a list of texts, else the same.
+goods::object_ref CopyOfOwned(const goods::object_ref& original, const TarnObject& copy) {
+  if (original.is_null()) return original;
+  const goods::class_descriptor& cls = goods::class_of(original);
+  if (&cls == &goods::String::self_class) return CopyOfText(original);
+  if (&cls == &goods::B_tree::self_class) return CopyOfTexts(original, copy.getSelf());
+  return original;
+}
+
 // Gives a copied node texts of its own; its references to nodes stay.
 void SeparateTexts(TarnObject& copy) {
   ForEachReference(copy, [&](const goods::field_descriptor&, goods::object_ref& reference) {
-    if (reference.is_null()) return;
     const goods::object_ref original(reference);
-    const goods::class_descriptor& cls = goods::class_of(original);
-    if (&cls == &goods::String::self_class) reference = CopyOfText(original);
-    if (&cls == &goods::B_tree::self_class) reference = CopyOfTexts(original, copy.getSelf());
+    reference = CopyOfOwned(original, copy);
   });
 }
 
@@ -144,29 +151,85 @@ class BranchCopy {
   std::unordered_map<const goods::object_handle*, TarnRef> copies_;
 };
 
-struct MemberCopy {
-  const TarnObject* from;
-  TarnObject* to;
-};
+// Copies the members of a node into one of another class: by name, item by item, converted.
+class MemberCopy {
+ public:
+  MemberCopy(const TarnObject& from, TarnObject& to) : from_(from), to_(to) {}
 
-// Copies one member by name, converted.
-bool CopyMember(const TarnFieldDescriptor& field, const void* arg) {
-  const auto& copy = *static_cast<const MemberCopy*>(arg);
-  for (unsigned long item = 0; item < field.getNumNames(); ++item) {
-    const XString name = field.getNameOfItem(item);
-    const TarnFieldDescriptor* other = copy.from->getClass().findField(name.getText());
-    if (other == nullptr) continue;
-    if (field.isForNodes()) {
-      TarnRef node;
-      other->copyFrom(copy.from, node, name);
-      if (other->isForNodes()) field.copyTo(node, copy.to, name);
-    } else if (TarnData value(TarnData::Uint64);
-               copy.from->getClass().getChildValue(*copy.from, name, value)) {
-      copy.to->setChildValue(name, value);
-    }
+  void make() {
+    forEachItem([](const Item& item) { return item.verify(); });
+    forEachItem([](const Item& item) { return item.copy(); });
   }
-  return true;
-}
+
+ private:
+  // One item of a member that both classes have.
+  struct Item {
+    const TarnObject& from;
+    TarnObject& to;
+    const TarnFieldDescriptor& source;
+    const TarnFieldDescriptor& target;
+    unsigned index;
+
+    void verify() const {
+      if (source.mayHoldNodes() && target.mayHoldNodes()) {
+        target.verifyFits(to, target.getNameOfItem(index), sourceReference());
+      }
+    }
+    void copy() const {
+      if (IsReference(target) && !target.isForText()) {
+        if (IsReference(source)) copyReference();
+        return;
+      }
+      TarnData value(TarnData::Uint64);  // an enumeration gives its number
+      if (!source.getValue(from, source.getNameOfItem(index), value)) return;
+      // What has no value leaves a number as it is; a text it empties.
+      if (value.getType() == TarnData::None && !target.isForText()) return;
+      target.setValue(&to, target.getNameOfItem(index), value);
+    }
+
+   private:
+    const goods::object_ref& sourceReference() const {
+      return *ReferenceAt(const_cast<TarnObject&>(from), source, index);
+    }
+    void copyReference() const {
+      const goods::object_ref& reference = sourceReference();
+      if (target.mayHoldNodes() && source.mayHoldNodes()) {
+        TarnRef node;
+        source.copyFrom(&from, node, source.getNameOfItem(index));
+        target.copyTo(node, &to, target.getNameOfItem(index));
+      } else if (const goods::class_descriptor* cls = target.getReferencedClass();
+                 cls != nullptr &&
+                 (reference.is_null() || cls->is_superclass_for(goods::class_of(reference)))) {
+        *ReferenceAt(to, target, index) = CopyOfOwned(reference, to);
+      }
+    }
+  };
+
+  static bool IsReference(const goods::field_descriptor& field) {
+    return field.type() == goods::field_type::reference && field.kind() == goods::ref_kind::counted;
+  }
+
+  template <class Visit>
+  void forEachItem(const Visit& visit) {
+    const auto visitField = [&](const TarnFieldDescriptor& target) {
+      const TarnFieldDescriptor* source = from_.getClass().findField(target.name());
+      if (source == nullptr) return;
+      const unsigned long count = std::min(target.getNumNames(), source->getNumNames());
+      for (unsigned long index = 0; index < count; ++index) {
+        visit(Item{from_, to_, *source, target, static_cast<unsigned>(index)});
+      }
+    };
+    to_.getClass().iterateFields(
+        [](const TarnFieldDescriptor& target, const void* arg) {
+          (*static_cast<const decltype(visitField)*>(arg))(target);
+          return true;
+        },
+        &visitField, true);
+  }
+
+  const TarnObject& from_;
+  TarnObject& to_;
+};
 
 }  // namespace
 
@@ -201,8 +264,7 @@ void TarnObject::copyFrom(xcptref<TarnObject> other) {
     note_relinked();
     return;
   }
-  const MemberCopy copy{.from = &*from, .to = this};
-  getClass().iterateFields(CopyMember, &copy, true);
+  MemberCopy(*from, *this).make();
 }
 
 xcptref<TarnObject> TarnObject::deepClone() const { return BranchCopy(getSelf()).make(); }

@@ -111,7 +111,7 @@ unsigned long TarnObject::deleteChildrenWithValue(const char* name, const char* 
 unsigned long TarnObject::deleteChildrenWithValue(const char* name, const TarnData* value) {
   if (value == nullptr) return 0;
   return deleteChildrenIf([=](const char*, TarnRef child) {
-    TarnData found;
+    TarnData found(value->getType());  // an enumeration is compared with a number as one
     return child->get(name, found) && found.compare(*value) == 0;
   });
 }

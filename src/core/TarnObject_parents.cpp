@@ -188,8 +188,10 @@ void TarnObject::moveChild(const char* name, xcptref<TarnObject> child) {
   });
   const auto index = link.is_null() ? nullptr : checked_cast<TarnObjects>(link->owner());
   if (!index.is_null() && index->getParent() == getSelf() && link->key() == ViewOf(name)) return;
+  setNode(name, child);  // first, since it may refuse
   if (!index.is_null()) goods::modify(index)->removeEntry(link);
-  setNode(name, child);
+  // An entry of that name that held the child already was not made anew.
+  if (!child->hasParent() && getIterTo(name).get(nullptr) == child) becomeParentOf(name);
 }
 
 XString TarnObject::getName() const {

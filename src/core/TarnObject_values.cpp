@@ -7,6 +7,7 @@
 #include <tarns/util/Stringer.h>
 
 #include <cstring>
+#include <iterator>
 #include <string>
 
 #include "core/node_access.h"
@@ -19,9 +20,10 @@ std::string_view ViewOf(const char* text) {
   return text != nullptr ? std::string_view(text) : std::string_view();
 }
 
-// The value at `path`, or the error for one that has to be there.
-TarnData Required(const TarnObject& node, const char* path) {
-  TarnData value;
+// The value at `path`, or the error for one that has to be there. An enumeration gives a number
+// when a number is asked for.
+TarnData Required(const TarnObject& node, const char* path, TarnData::Type asked) {
+  TarnData value(asked);
   if (!node.get(path, value)) TarnException::ThrowNonExistentValue(path);
   return value;
 }
@@ -41,17 +43,29 @@ struct Token {
 
 constexpr Token kTokens[] = {{"#TarnValue:", false}, {"#TarnHTMLvalue:", true}};
 
-// The first token in `text`; null when there is none.
-const char* FindToken(const char* text, const Token*& which) {
-  const char* first = nullptr;
-  for (const Token& token : kTokens) {
-    const char* found = std::strstr(text, token.marker);
-    if (found == nullptr || (first != nullptr && first < found)) continue;
-    first = found;
-    which = &token;
+// Finds the tokens of a text one after the other.
+class TokenSearch {
+ public:
+  // The first token at or behind `from`, which only ever grows; null when there is none. A marker
+  // that is not met before the other one is looked for once only.
+  const char* next(const char* from, const Token*& which) {
+    const char* first = nullptr;
+    for (std::size_t i = 0; i < std::size(kTokens); ++i) {
+      if (!isLooked_[i] || (found_[i] != nullptr && found_[i] < from)) {
+        found_[i] = std::strstr(from, kTokens[i].marker);
+        isLooked_[i] = true;
+      }
+      if (found_[i] == nullptr || (first != nullptr && first < found_[i])) continue;
+      first = found_[i];
+      which = &kTokens[i];
+    }
+    return first;
   }
-  return first;
-}
+
+ private:
+  const char* found_[std::size(kTokens)] = {};
+  bool isLooked_[std::size(kTokens)] = {};
+};
 
 }  // namespace
 
@@ -83,11 +97,13 @@ std::optional<TarnData> TarnObject::valueAt(std::string_view path) const {
 }
 
 // NOLINTBEGIN(bugprone-macro-parentheses): the macro's argument is a type
-#define TARN_TYPED_GETTER(Type, Name)                                                    \
-  Type TarnObject::Name(const char* path) const { return Required(*this, path).Name(); } \
-  Type TarnObject::Name(const char* path, Type defaultValue) const {                     \
-    TarnData value;                                                                      \
-    return get(path, value) ? value.Name() : defaultValue;                               \
+#define TARN_TYPED_GETTER(Type, Name)                                \
+  Type TarnObject::Name(const char* path) const {                    \
+    return Required(*this, path, TarnData(Type{}).getType()).Name(); \
+  }                                                                  \
+  Type TarnObject::Name(const char* path, Type defaultValue) const { \
+    TarnData value(Type{});                                          \
+    return get(path, value) ? value.Name() : defaultValue;           \
   }
 // NOLINTEND(bugprone-macro-parentheses)
 
@@ -106,7 +122,7 @@ TARN_TYPED_GETTER(std::uint64_t, getUint64)
 #undef TARN_TYPED_GETTER
 
 XString TarnObject::getXString(const char* path) const {
-  return XString(Required(*this, path).getText());
+  return XString(Required(*this, path, TarnData::None).getText());
 }
 
 XString TarnObject::getXString(const char* path, const char* defaultValue) const {
@@ -176,15 +192,15 @@ bool TarnObject::willSetModify(const char* path) const {
 
 xcptref<TarnObject> TarnObject::createDefaultChild(const char* name) const {
   const TarnFieldDescriptor* field =
-      getClass().hasDataMembers() ? getClass().findField(name) : nullptr;
+      getClass().hasDataMembers() ? getClass().findMember(name) : nullptr;
   if (field == nullptr) return Create();
   return field->isForNodes() ? CreateOfType(field->getReferencedClass()->name()) : nullptr;
 }
 
 bool TarnObject::setChildNode(const char* name, xcptref<TarnObject>& node) {
   if (!getClass().hasDataMembers()) return false;
-  const TarnFieldDescriptor* field = getClass().findField(name);
-  if (field == nullptr || !field->isForNodes() || field->getValueOffset(name) < 0) return false;
+  const TarnFieldDescriptor* field = getClass().findMember(name);
+  if (field == nullptr || !field->mayHoldNodes() || field->getValueOffset(name) < 0) return false;
   field->copyTo(node, this, name);
   return true;
 }
@@ -194,10 +210,12 @@ bool TarnObject::setChildValue(const char* name, const TarnData& value) {
 }
 
 void TarnObject::replaceTokens(XString& text) const {
+  if (text.getText() == nullptr) return;
   XString result(std::string_view{});
+  TokenSearch tokens;
   const Token* token = nullptr;
-  const char* rest = text.getText() != nullptr ? text.getText() : "";
-  while (const char* found = FindToken(rest, token)) {
+  const char* rest = text.getText();
+  while (const char* found = tokens.next(rest, token)) {
     result << std::string_view(rest, static_cast<std::size_t>(found - rest));
     XString path;
     rest = Stringer::ParseAttributeValueToken(found + std::strlen(token->marker), path);

@@ -68,11 +68,10 @@ bool ClearMember(const TarnFieldDescriptor& field, const void* arg) {
       field.copyFrom(step.node, target, name);
       const bool isRoot = goods::number_of(target.id()) == goods::root_object_number;
       if (!target.is_null() && !isRoot && !target->hasParent()) step.owned->push_back(target);
-    } else if (TarnData value(TarnData::Uint64);
-               step.node->getClass().getChildValue(*step.node, name, value)) {
+    } else if (TarnData value(TarnData::Uint64); field.getValue(*step.node, name, value)) {
       if (value.getType() == TarnData::None) continue;
       value.zeroValue();
-      step.node->setChildValue(name, value);
+      field.setValue(step.node, name, value);
     }
   }
   return true;

@@ -9,7 +9,8 @@ TarnValueComparator::~TarnValueComparator() = default;
 
 int TarnValueComparator::compareValue(const xcptref<TarnObject>& node, const void* key) {
   const TarnData* against = key != nullptr ? static_cast<const TarnData*>(key) : target_;
-  TarnData value;
+  // An enumeration is compared with a number as one.
+  TarnData value(against != nullptr ? against->getType() : TarnData::None);
   bool exists = false;
   try {
     exists = node->get(path_, value);

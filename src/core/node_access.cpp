@@ -21,10 +21,11 @@ constexpr std::size_t kNamesInBatch = 4096;
 
 // The value of a member of `node`'s class; false when the class has none of exactly that name. A
 // child "Speed_total" beside a member "Speed" is a child like any other.
-bool ReadMember(const TarnObject& node, std::string_view name, TarnData& out) {
+bool ReadMember(goods::reader& reader, const TarnObject& node, std::string_view name,
+                TarnData& out) {
   const CText text(name);
-  const TarnFieldDescriptor* field = node.getClass().findField(text.get());
-  return field != nullptr && field->getValue(node, text.get(), out);
+  const TarnFieldDescriptor* field = node.getClass().findMember(text.get());
+  return field != nullptr && field->readValue(reader, node, text.get(), out);
 }
 
 }  // namespace
@@ -47,7 +48,7 @@ bool ReadValue(goods::reader& reader, const TarnObject& from, std::string_view p
     node = node->findChild(reader, *branch);
     if (node == nullptr) return false;
   }
-  if (node->getClass().hasDataMembers() && ReadMember(*node, *branch, out)) return true;
+  if (node->getClass().hasDataMembers() && ReadMember(reader, *node, *branch, out)) return true;
   node = node->findChild(reader, *branch);
   return node != nullptr && node->readValue(reader, out);
 }

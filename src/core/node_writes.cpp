@@ -25,7 +25,7 @@ enum class Sought { kNode, kValue };
 
 // A value's last branch may be a member that is no node.
 bool IsMember(const TarnObject& node, std::string_view name) {
-  return node.getClass().hasDataMembers() && node.getClass().findField(name) != nullptr;
+  return node.getClass().hasDataMembers() && node.getClass().findMember(name) != nullptr;
 }
 
 Place Locate(const TarnRef& from, std::string_view path, Sought sought) {
@@ -101,6 +101,39 @@ TarnRef CompleteBranch(const TarnRef& top, std::string_view path, std::string_vi
   }
 }
 
+// Throws when `node` cannot be put below `parent` under that name: what is to be made on the way is
+// not attached then.
+void VerifyFits(const TarnRef& parent, std::string_view name, const TarnRef& node) {
+  const std::string text(name);
+  const auto body = *parent;
+  const TarnFieldDescriptor* field = body->getClass().findMember(text.c_str());
+  if (field != nullptr && field->mayHoldNodes() && field->getValueOffset(text.c_str()) >= 0) {
+    field->verifyFits(*body, text.c_str(), node);
+  } else if (node.is_null()) {
+    ThrowBadRef("NULL TarnRef write dereference");
+  }
+}
+
+// The node at `path`, made from default children as far as it is missing. `verify(node)` is called
+// before anything is attached and may throw.
+template <class Verify>
+TarnRef MakeVerifiedBranch(const TarnRef& from, std::string_view path, std::string_view forPath,
+                           const Verify& verify) {
+  while (true) {
+    const Place place = Locate(from, path, Sought::kNode);
+    if (place.kind == Place::kNode) {
+      verify(place.node);
+      return place.node;
+    }
+    VerifyBranches(place.node, place.rest);
+    const auto first = TarnBranches(place.rest).begin();
+    const TarnRef top = MakeDefaultChild(place.node, *first, forPath);
+    TarnRef bottom = CompleteBranch(top, first.tail(), forPath);
+    verify(bottom);
+    if (Attach(place.node, *first, top)) return bottom;
+  }
+}
+
 void StoreAtMember(const Place& place, const TarnData& value, std::string_view path) {
   const std::string name(place.rest);
   if (!modify(place.node)->setChildValue(name.c_str(), value)) ThrowNoValueToSet(path);
@@ -162,41 +195,25 @@ void PlaceNode(const TarnRef& from, std::string_view path, const TarnRef& node) 
   const std::string_view whole = UpToNul(path);
   VerifyBranches(from, whole);
   const std::string name(TarnBranches::LastOf(whole));
-  const std::string_view parentPath = TarnBranches::ParentOf(whole);
   const auto oneTransaction = *from;
-  while (true) {
-    const Place place = Locate(from, parentPath, Sought::kNode);
-    if (place.kind == Place::kNode) {
-      modify(place.node)->setNode(name.c_str(), node);
-      return;
-    }
-    if (node.is_null()) ThrowBadRef("NULL TarnRef write dereference");
-    const auto first = TarnBranches(place.rest).begin();
-    const TarnRef top = MakeDefaultChild(place.node, *first, whole);
-    const TarnRef bottom = CompleteBranch(top, first.tail(), whole);
-    if (!Attach(place.node, *first, top)) continue;
-    modify(bottom)->setNode(name.c_str(), node);
-    return;
-  }
+  const TarnRef parent =
+      MakeVerifiedBranch(from, TarnBranches::ParentOf(whole), whole,
+                         [&](const TarnRef& made) { VerifyFits(made, name, node); });
+  modify(parent)->setNode(name.c_str(), node);
 }
 
 TarnRef MakeBranch(const TarnRef& from, std::string_view path, std::string_view forPath) {
-  while (true) {
-    const Place place = Locate(from, UpToNul(path), Sought::kNode);
-    if (place.kind == Place::kNode) return place.node;
-    VerifyBranches(place.node, place.rest);
-    const auto first = TarnBranches(place.rest).begin();
-    const TarnRef top = MakeDefaultChild(place.node, *first, forPath);
-    TarnRef bottom = CompleteBranch(top, first.tail(), forPath);
-    if (Attach(place.node, *first, top)) return bottom;
-  }
+  return MakeVerifiedBranch(from, UpToNul(path), forPath, [](const TarnRef&) {});
 }
 
 bool AddMissingNode(const TarnRef& from, std::string_view path, const TarnRef& node) {
   const std::string_view whole = UpToNul(path);
   VerifyBranches(from, whole);
-  const TarnRef parent = MakeBranch(from, TarnBranches::ParentOf(whole), whole);
-  return Attach(parent, TarnBranches::LastOf(whole), node);
+  const std::string_view name = TarnBranches::LastOf(whole);
+  const TarnRef parent =
+      MakeVerifiedBranch(from, TarnBranches::ParentOf(whole), whole,
+                         [&](const TarnRef& made) { VerifyFits(made, name, node); });
+  return Attach(parent, name, node);
 }
 
 }  // namespace tarns

@@ -51,7 +51,8 @@ class NameProbe {
     return firstFreeFrom(static_cast<unsigned long>(low));
   }
 
-  // One more than the largest index in use.
+  // One more than the largest index behind the last '_' of the names that go on from the base name
+  // and a '_'; those where no index stands there do not count.
   unsigned long scan() const {
     const std::string prefix = std::string(base_) + "_";
     std::int64_t largest = -1;
@@ -61,8 +62,8 @@ class NameProbe {
       const auto entries = index->entries_after(reader_, &position, kScanBatch);
       for (const goods::held_entry& entry : entries) {
         if (!entry.name.starts_with(prefix)) return firstFreeFrom(next(largest));
-        const char* number = entry.name.c_str() + prefix.size();
-        if (Stringer::IsInteger(number)) largest = std::max(largest, Stringer::Atol(number));
+        const char* number = entry.name.c_str() + entry.name.rfind('_') + 1;
+        largest = std::max(largest, TarnMember::ParseIndex(number).value_or(-1));
       }
       if (entries.size() < kScanBatch) break;
       position = goods::index_position(entries.back());
@@ -86,7 +87,7 @@ class NameProbe {
 
 bool HasChild(goods::reader& reader, const TarnObject& node, std::string_view name) {
   const TarnClassDescriptor& cls = node.getClass();
-  if (cls.hasDataMembers() && cls.findField(name) != nullptr) return true;
+  if (cls.hasDataMembers() && cls.findMember(name) != nullptr) return true;
   return node.findChild(reader, name) != nullptr;
 }
 

@@ -34,8 +34,6 @@ std::recursive_mutex& resolve_lock() {
   return *instance;
 }
 
-bool is_helper(std::string_view name) { return name.ends_with("_t"); }
-
 class_layout layout_of(const class_descriptor& cls) {
   std::vector<std::string> bases;
   for (const class_descriptor* one = cls.base(); one != nullptr; one = one->base()) {
@@ -80,7 +78,7 @@ class_descriptor::class_descriptor(const char* name, unsigned instance_size, met
   class_registry& all = registry();
   const std::lock_guard guard(all.lock);
   index_ = all.next_index++;
-  if (!is_helper(name_)) all.classes[name_].push_back(this);
+  if ((flags_ & helper_class) == 0) all.classes[name_].push_back(this);
 }
 
 class_descriptor::~class_descriptor() {

@@ -10,6 +10,7 @@
 
 #include "goods/collector.h"
 #include "goods/configuration.h"
+#include "goods/epoch.h"
 #include "goods/object_cache.h"
 #include "goods/thread_attachment.h"
 #include "goods/transaction.h"
@@ -72,6 +73,8 @@ void database::close() {
   if (session_ != nullptr && cache_manager::current() == session_.get()) cache_manager::detach();
   session_.reset();
   storages_.clear();
+  // The classes of what the session leaves behind may go next, with their shared library.
+  collect_retired();
 }
 
 std::unique_ptr<cache_manager> database::create_session() {

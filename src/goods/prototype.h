@@ -11,7 +11,8 @@ namespace goods {
 // The class of objects that are only made to describe their members: those of the initialiser of
 // T::self_class, for example, which is no object yet.
 inline class_descriptor& prototype_class() {
-  static auto* const cls = new class_descriptor("prototype_t", 0, nullptr, nullptr, nullptr);
+  static auto* const cls = new class_descriptor("prototype_t", 0, nullptr, nullptr, nullptr,
+                                                nullptr, class_descriptor::helper_class);
   return *cls;
 }
 

@@ -17,7 +17,7 @@ bool GOODSinOut::write(const char* name, TarnString* members, unsigned long coun
 
 // As a member it is the reference to its index, which is no node and reads as the empty value.
 bool GOODSinOut::write(const char* name, TarnStringList& member) {
-  return addReference(name, &member.tree_, 1, nullptr);
+  return addReference(name, &member.tree_, 1, [] { return ClassOf<goods::B_tree>(); });
 }
 
 bool GOODSinOut::writeText(const char* name, char* text, unsigned long count) {

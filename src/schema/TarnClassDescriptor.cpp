@@ -6,7 +6,6 @@
 #include <tarns/schema/TarnFieldDescriptorMap.h>
 #include <tarns/schema/TarnMember.h>
 #include <tarns/schema/TarnString.h>
-#include <tarns/util/Stringer.h>
 
 #include <cstring>
 #include <string>
@@ -30,7 +29,8 @@ TarnClassDescriptor::TarnClassDescriptor(const char* name, unsigned size, goods:
                                          goods::class_descriptor* base, int flags,
                                          bool isTarnsBaseClass, unsigned char pageN,
                                          bool mayBeGuest)
-    : goods::class_descriptor(name, size, scheme, construct, fields, base, flags, mayBeGuest),
+    : goods::class_descriptor(name, size, scheme, construct, fields, base, flags | kNodeClass,
+                              mayBeGuest),
       isTarnsBaseClass_(isTarnsBaseClass),
       pageN_(pageN) {
   goods::for_each_field(fields, [this](goods::field_descriptor& field) {
@@ -98,19 +98,34 @@ const TarnFieldDescriptorMap& TarnClassDescriptor::getFieldMap() const {
 
 const TarnFieldDescriptor* TarnClassDescriptor::findField(const char* name) const {
   if (name == nullptr || !hasDataMembers()) return nullptr;
-  const TarnFieldDescriptorMap& map = getFieldMap();
-  if (const TarnFieldDescriptor* field = map.lookup(name)) return field;
+  if (const TarnFieldDescriptor* field = getFieldMap().lookup(name)) return field;
   const char* separator = std::strchr(name, '_');
-  if (separator == nullptr || !Stringer::IsInteger(separator + 1)) return nullptr;
-  const TarnFieldDescriptor* field = map.lookup(CText({name, separator}).get());
-  if (field == nullptr) return nullptr;
-  const std::int64_t index = Stringer::Atol(separator + 1);
-  const bool exists = index >= 0 && static_cast<std::uint64_t>(index) < field->getNumItems();
-  return exists ? field : nullptr;
+  return separator != nullptr ? findElement(name, separator) : nullptr;
 }
 
 const TarnFieldDescriptor* TarnClassDescriptor::findField(std::string_view name) const {
   return hasDataMembers() ? findField(CText(name).get()) : nullptr;
+}
+
+const TarnFieldDescriptor* TarnClassDescriptor::findMember(const char* name) const {
+  if (const TarnFieldDescriptor* field = findField(name)) return field;
+  if (name == nullptr || !hasDataMembers()) return nullptr;
+  const char* separator = std::strrchr(name, '_');
+  const bool isFirst = separator == std::strchr(name, '_');
+  return isFirst ? nullptr : findElement(name, separator);
+}
+
+const TarnFieldDescriptor* TarnClassDescriptor::findMember(std::string_view name) const {
+  return hasDataMembers() ? findMember(CText(name).get()) : nullptr;
+}
+
+const TarnFieldDescriptor* TarnClassDescriptor::findElement(const char* name,
+                                                            const char* separator) const {
+  const auto index = TarnMember::ParseIndex(separator + 1);
+  if (!index || *index < 0) return nullptr;
+  const TarnFieldDescriptor* field = getFieldMap().lookup(CText({name, separator}).get());
+  const bool exists = field != nullptr && static_cast<std::uint64_t>(*index) < field->getNumItems();
+  return exists ? field : nullptr;
 }
 
 bool TarnClassDescriptor::getChildValue(const TarnObject& node, const char* name,
@@ -130,10 +145,11 @@ bool TarnClassDescriptor::setChildValue(TarnObject* node, const char* name,
   if (IsPath(name)) return false;
   const TarnFieldDescriptor* field = findField(name);
   if (field != nullptr && field->setValue(node, name, value)) return true;
-  if (!TarnMember::HasElementIndex(name) || *name == '_') return false;
-  XString base;
-  TarnMember::FromElementName(name, &base, nullptr);
-  field = findField(base.getText());
+  const char* separator = std::strrchr(name, '_');
+  if (separator == nullptr || separator == name || !TarnMember::ParseIndex(separator + 1)) {
+    return false;
+  }
+  field = findField(std::string_view(name, separator));
   return field != nullptr && field->setValue(node, name, value);
 }
 
@@ -161,8 +177,11 @@ void TarnClassDescriptor::SetValue(goods::ref<goods::object>* reference, const T
     *reference = text.getReference();
     return;
   }
-  if (reference->is_null()) *reference = TarnObject::CreateOfType(referencedClass->name());
-  modify(xcptref<TarnObject>(goods::object_ref(*reference)))->setValue(nullptr, value);
+  TarnRef target{goods::object_ref(*reference)};
+  if (target.is_null()) target = TarnObject::CreateOfType(referencedClass->name());
+  if (target.is_null()) TarnException::ThrowMissingDescriptor(referencedClass->name());
+  modify(target)->setValue(nullptr, value);
+  *reference = target;
 }
 
 }  // namespace tarns

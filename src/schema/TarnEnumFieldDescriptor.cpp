@@ -9,7 +9,9 @@ namespace tarns {
 TarnEnumFieldDescriptor::~TarnEnumFieldDescriptor() = default;
 
 void TarnEnumFieldDescriptor::addValue(unsigned long value, const char* name) {
-  names_[static_cast<std::uint32_t>(value)] = name != nullptr ? name : "";
+  // The member holds no more than its own bits of a negative enumerator.
+  const std::uint32_t mask = 0xFFFFFFFF >> (32 - 8 * size());
+  names_[static_cast<std::uint32_t>(value) & mask] = name != nullptr ? name : "";
 }
 
 bool TarnEnumFieldDescriptor::getValue(const TarnObject& node, const char* name,

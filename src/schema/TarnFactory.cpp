@@ -25,6 +25,9 @@ TarnFactory*& Head() {
 
 TarnFactory::TarnFactory(CreateFunction create, TypeFunction getType)
     : create_(create), getType_(getType) {
+  // Whatever an application makes before the library's own classes are registered: the factory of
+  // TarnObject is the head.
+  if (std::strcmp(getType(), TarnObject::GetType()) != 0) TarnObject::SelfClass();
   const std::lock_guard guard(ChainLock());
   if (Head() == nullptr) {
     Head() = this;

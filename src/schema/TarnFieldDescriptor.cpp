@@ -70,6 +70,15 @@ bool SetInteger(const goods::field_descriptor& field, void* at, const TarnData& 
   });
 }
 
+bool IsNodeClass(const goods::class_descriptor* cls) {
+  return cls != nullptr && TarnObject::self_class.is_superclass_for(*cls);
+}
+
+// Whether objects of the class can be read and written as values.
+bool HasValues(const goods::class_descriptor* cls) {
+  return cls == &goods::String::self_class || IsNodeClass(cls);
+}
+
 }  // namespace
 
 TarnFieldDescriptor::TarnFieldDescriptor(const char* name, unsigned size, unsigned numItems,
@@ -107,10 +116,10 @@ std::int32_t TarnFieldDescriptor::getValueOffset(const char* name) const {
   if (isNullTerminated_ || getNumItems() < 2) return static_cast<std::int32_t>(offset());
   // The array as a whole is no value, and neither is what only looks like an element.
   const char* separator = name != nullptr ? std::strrchr(name, '_') : nullptr;
-  if (separator == nullptr || hasName(name) || !Stringer::IsInteger(separator + 1)) return -1;
-  const std::int64_t index = Stringer::Atol(separator + 1);
-  if (index < 0 || static_cast<std::uint64_t>(index) >= getNumItems()) return -1;
-  return static_cast<std::int32_t>(offset() + size() * static_cast<unsigned long>(index));
+  if (separator == nullptr || hasName(name)) return -1;
+  const auto index = TarnMember::ParseIndex(separator + 1);
+  if (!index || *index < 0 || static_cast<std::uint64_t>(*index) >= getNumItems()) return -1;
+  return static_cast<std::int32_t>(offset() + size() * static_cast<unsigned long>(*index));
 }
 
 bool TarnFieldDescriptor::hasName(const char* text) const {
@@ -131,9 +140,21 @@ bool TarnFieldDescriptor::isForClass(const char* className) const {
 }
 
 bool TarnFieldDescriptor::isForNodes() const {
-  if (type() != goods::field_type::reference || kind() != goods::ref_kind::counted) return false;
-  const goods::class_descriptor* cls = getReferencedClass();
-  return cls != nullptr ? TarnObject::self_class.is_superclass_for(*cls) : false;
+  return isReference() && IsNodeClass(getReferencedClass());
+}
+
+bool TarnFieldDescriptor::mayHoldNodes() const {
+  return isForNodes() || (isReference() && isStoredOnly_);
+}
+
+bool TarnFieldDescriptor::isForText() const {
+  return isReference() && getReferencedClass() == &goods::String::self_class;
+}
+
+goods::class_descriptor* TarnFieldDescriptor::classBehind(
+    const goods::object_ref& reference) const {
+  if (!isStoredOnly_) return getReferencedClass();
+  return reference.is_null() ? nullptr : &goods::class_of(reference);
 }
 
 const void* TarnFieldDescriptor::addressIn(const TarnObject& node, const char* name) const {
@@ -143,9 +164,7 @@ const void* TarnFieldDescriptor::addressIn(const TarnObject& node, const char* n
 
 const goods::object_ref* TarnFieldDescriptor::referenceIn(const TarnObject& node,
                                                           const char* name) const {
-  const bool isReference =
-      type() == goods::field_type::reference && kind() == goods::ref_kind::counted;
-  return isReference ? static_cast<const goods::object_ref*>(addressIn(node, name)) : nullptr;
+  return isReference() ? static_cast<const goods::object_ref*>(addressIn(node, name)) : nullptr;
 }
 
 bool TarnFieldDescriptor::getValue(const TarnObject& node, const char* name,
@@ -171,18 +190,32 @@ bool TarnFieldDescriptor::getValue(const TarnObject& node, const char* name,
       value.empty();
       const goods::object_ref* reference = referenceIn(node, name);
       if (reference == nullptr || reference->is_null()) return true;
-      goods::class_descriptor* cls = getReferencedClass();
-      if (isStoredOnly_) cls = &goods::class_of(*reference);
-      const bool isReadable = cls == &goods::String::self_class ||
-                              (cls != nullptr && TarnObject::self_class.is_superclass_for(*cls));
+      goods::class_descriptor* cls = classBehind(*reference);
       const goods::ref<goods::object> target = goods::ref<goods::object>::trusted(*reference);
-      if (isReadable) TarnClassDescriptor::GetValue(&target, value, cls);
+      if (HasValues(cls)) TarnClassDescriptor::GetValue(&target, value, cls);
       return true;
     }
     default:
       break;
   }
   throwUnsupportedType(name);
+}
+
+bool TarnFieldDescriptor::readValue(goods::reader& reader, const TarnObject& node, const char* name,
+                                    TarnData& value) const {
+  if (type() != goods::field_type::reference) return getValue(node, name, value);
+  if (addressIn(node, name) == nullptr) return false;
+  value.empty();
+  const goods::object_ref* reference = referenceIn(node, name);
+  if (reference == nullptr || !(isStoredOnly_ || HasValues(getReferencedClass()))) return true;
+  const goods::object* target = reader.look(reference->word(), goods::object::self_class);
+  if (target == nullptr) return true;
+  if (&target->cls() == &goods::String::self_class) {
+    value.set(static_cast<const goods::String*>(target)->text());
+  } else if (IsNodeClass(&target->cls())) {
+    static_cast<const TarnObject*>(target)->readValue(reader, value);
+  }
+  return true;
 }
 
 bool TarnFieldDescriptor::setValue(TarnObject* node, const char* name,
@@ -207,8 +240,8 @@ bool TarnFieldDescriptor::setValue(TarnObject* node, const char* name,
       break;
     case goods::field_type::reference: {
       auto* reference = const_cast<goods::object_ref*>(referenceIn(*node, name));
-      goods::class_descriptor* cls = getReferencedClass();
-      if (reference == nullptr || cls == nullptr) break;
+      goods::class_descriptor* cls = reference != nullptr ? classBehind(*reference) : nullptr;
+      if (!HasValues(cls)) break;
       auto target = goods::ref<goods::object>::trusted(*reference);
       TarnClassDescriptor::SetValue(&target, value, cls);
       *reference = target;
@@ -238,20 +271,40 @@ void TarnFieldDescriptor::copyFrom(const TarnObject* node, xcptref<TarnObject>& 
 
 void TarnFieldDescriptor::copyTo(xcptref<TarnObject>& in, TarnObject* node,
                                  const char* name) const {
-  if (!isForNodes()) return;
+  if (!mayHoldNodes()) return;
   auto* reference = const_cast<goods::object_ref*>(referenceIn(*node, name));
   if (reference == nullptr || *reference == in) return;
-  VerifyRefClass(in, *getReferencedClass());
+  verifyFits(*node, name, in);
   *reference = in;
   node->note_relinked();
+}
+
+void TarnFieldDescriptor::verifyFits(const TarnObject& node, const char* name,
+                                     const goods::object_ref& in) const {
+  if (isForNodes()) return VerifyRefClass(in, *getReferencedClass());
+  const goods::object_ref* present = mayHoldNodes() ? referenceIn(node, name) : nullptr;
+  if (present == nullptr || in.is_null()) return;
+  const goods::class_descriptor* cls = classBehind(*present);
+  if (cls == &goods::class_of(in)) return;
+  TarnException error;
+  error << "Cannot put an object of the class \"" << goods::class_of(in).name()
+        << "\" into the member \"" << name << "\" of a \"" << node.getType()
+        << "\": this program does not know that class, so the member only takes ";
+  if (cls != nullptr) {
+    error << "objects of the class \"" << cls->name() << "\".";
+  } else {
+    error << "null.";
+  }
+  error.setErrorID(ErrorID::CannotMutate);
+  throw error;
 }
 
 const TarnObject* TarnFieldDescriptor::look(goods::reader& reader, const TarnObject& node,
                                             const char* name) const {
   const goods::object_ref* reference = referenceIn(node, name);
-  if (reference == nullptr || !(isForNodes() || isStoredOnly_)) return nullptr;
+  if (reference == nullptr || !mayHoldNodes()) return nullptr;
   const goods::object* target = reader.look(reference->word(), goods::object::self_class);
-  if (target == nullptr || !TarnObject::self_class.is_superclass_for(target->cls())) return nullptr;
+  if (target == nullptr || !IsNodeClass(&target->cls())) return nullptr;
   return static_cast<const TarnObject*>(target);
 }
 

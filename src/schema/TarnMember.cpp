@@ -33,6 +33,11 @@ bool TarnMember::HasElementIndex(const char* name) {
   return name != nullptr && std::strchr(name, '_') != nullptr;
 }
 
+std::optional<std::int64_t> TarnMember::ParseIndex(const char* text) {
+  if (!Stringer::IsInteger(text) || std::strchr(text, ',') != nullptr) return std::nullopt;
+  return Stringer::Atol(text);
+}
+
 void TarnMember::FromElementName(const char* name, XString* base, unsigned long* index) {
   if (name == nullptr) name = "";
   const char* separator = std::strrchr(name, '_');
@@ -40,8 +45,9 @@ void TarnMember::FromElementName(const char* name, XString* base, unsigned long*
     ThrowUnparsable(name, "separator ('_') is missing.");
   }
   if (index != nullptr) {
-    if (!Stringer::IsInteger(separator + 1)) ThrowUnparsable(name, "index is not an integer.");
-    *index = static_cast<unsigned long>(Stringer::Atol(separator + 1));
+    const auto parsed = ParseIndex(separator + 1);
+    if (!parsed) ThrowUnparsable(name, "index is not an integer.");
+    *index = static_cast<unsigned long>(*parsed);
   }
   if (base != nullptr) *base = std::string_view(name, static_cast<std::size_t>(separator - name));
 }

@@ -240,6 +240,11 @@ TEST_P(TarnObjectTest, MovesAChildInPlaceOfAnother) {
   modify(b)->moveChild("y", x);
   EXPECT_EQ(path_of(x), "b~y") << "moving to where it is changes nothing";
   modify(b)->moveChild("z", x);
+  root()->getChildWithName("b")->addChildrenTo(a);
+  modify(a)->moveChild("z", x);
+  EXPECT_EQ(path_of(x), "a~z") << "takes over an entry that was a mere link";
+  EXPECT_THAT(names_of(b), IsEmpty());
+  modify(b)->moveChild("z", x);
   reload();
   EXPECT_EQ(root()->getSint32("b~z"), 1);
   EXPECT_FALSE(root()->getChildWithName("b")->hasChild("y"));

@@ -129,8 +129,11 @@ TEST(ClassDescriptorTest, FindsTheNewestClassOfANameAndNoHelpers) {
     EXPECT_NE(first->index(), second->index());
   }
   EXPECT_EQ(class_descriptor::find("find_me"), first.get());
-  const auto helper = make_sample_class("find_me_t");
+  const class_descriptor helper("find_me_t", 64, nullptr, nullptr, nullptr, nullptr,
+                                class_descriptor::helper_class);
   EXPECT_EQ(class_descriptor::find("find_me_t"), nullptr);
+  const auto no_helper = make_sample_class("find_me_t");
+  EXPECT_EQ(class_descriptor::find("find_me_t"), no_helper.get());
   class_descriptor::register_class_alias("find_me_formerly", "find_me");
   EXPECT_EQ(class_descriptor::find("find_me_formerly"), first.get());
 }

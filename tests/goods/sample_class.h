@@ -86,7 +86,8 @@ inline std::unique_ptr<class_descriptor> make_sample_class(
     const char* name = "sample_object",
     const std::function<void(field_descriptor*&)>& select = {}) {
   static class_descriptor helper("sample_object_t", sizeof(sample_object), &pessimistic_scheme,
-                                 construct_object<sample_object>, nullptr);
+                                 construct_object<sample_object>, nullptr, nullptr,
+                                 class_descriptor::helper_class);
   sample_object prototype(nullptr, helper);
   field_descriptor* fields = prototype.describe_components();
   if (select) select(fields);

@@ -9,9 +9,12 @@
 #include <string>
 
 #include "support/node_test.h"
+#include "support/throws_tarn.h"
 
 namespace tarns {
 namespace {
+
+using testing::HasSubstr;
 
 // What a program of one version knows of a class: registered from here to the end of the scope.
 template <class T>
@@ -194,6 +197,28 @@ TEST_F(EvolutionTest, ListsAndKeepsWhatAnUnknownClassHas) {
   EXPECT_EQ(text("box~gadget~OldName"), "label");
   EXPECT_EQ(tree_.root()->getChildWithName("box~gadget~Friend"),
             tree_.root()->getChildWithName("box"));
+}
+
+TEST_F(EvolutionTest, WritesTextsAndNodesOfAnUnknownClass) {
+  storeFirst();
+  const TarnRef gadget = tree_.root()->getChildWithName("box~gadget");
+  const TarnRef box = tree_.root()->getChildWithName("box");
+  modify(tree_.root())->setValue("box~gadget~OldName", TarnData("other"));
+  EXPECT_THAT([&] { modify(gadget)->setNode("Friend", TarnValue::CreateValue(TarnData(1))); },
+              ThrowsTarn(11, HasSubstr("only takes objects of the class \"TarnObject\"")));
+  EXPECT_EQ(gadget->getChildWithName("Friend"), box);
+  const TarnRef plain = TarnObject::Create();
+  modify(tree_.root())->setNode("box~gadget~Friend", plain);
+  EXPECT_EQ(gadget->getChildWithName("Friend"), plain);
+  modify(gadget)->setNode("Friend", nullptr);
+  EXPECT_THAT([&] { modify(gadget)->setNode("Friend", box); },
+              ThrowsTarn(11, HasSubstr("only takes null")));
+  EXPECT_EQ(gadget->getNumAbstractChildren(), 1U) << "no child stands beside the member";
+  tree_.reopen();
+  const KnownClass<FirstGadget> known;
+  EXPECT_EQ(text("box~gadget~OldName"), "other");
+  EXPECT_TRUE(tree_.root()->getChildWithName("box~gadget~Friend").is_null());
+  tree_.reopen();
 }
 
 TEST_F(EvolutionTest, LosesNothingWhenAnUnknownClassIsWritten) {

@@ -124,6 +124,46 @@ TEST_P(MachineTest, PutsNodesIntoReferenceMembers) {
   EXPECT_EQ(press()->getChildWithName("Speed"), namesake) << "a member that is no node hides none";
 }
 
+TEST_P(MachineTest, MovesNodesIntoMembersOrLeavesThem) {
+  modify(root())->setValue("spare~x", TarnData(1));
+  modify(root())->addChild("drill", Machine::Create());
+  const xcptref<Machine> drill = root()->getChildWithName("drill");
+  const auto before = picture_of(root());
+  atomically([&] {  // within a transaction nothing is rolled back
+    EXPECT_THAT(
+        [&] { modify(press())->moveChild("Feeder", root()->getChildWithName("spare")); },
+        ThrowsTarn(12, HasSubstr("casting a \"TarnObject\" at \"spare\" to a \"Machine\"")));
+    EXPECT_THAT([&] { root()->set("press~Feeder~Feeder", TarnObject::Create()); },
+                ThrowsTarn(12, HasSubstr("to a \"Machine\"")));
+    EXPECT_THAT(
+        [&] { modify(root())->getChildWithNameNoFail("press~Feeder~Feeder", "TarnObject"); },
+        ThrowsTarn(12, HasSubstr("to a \"Machine\"")));
+  });
+  EXPECT_EQ(picture_of(root()), before);
+  EXPECT_TRUE(press()->getFeeder().is_null());
+  modify(press())->moveChild("Feeder", drill);
+  EXPECT_EQ(press()->getFeeder(), drill);
+  EXPECT_FALSE(drill->hasParent());
+  EXPECT_FALSE(root()->hasChild("drill"));
+  root()->set("press~Feeder~Feeder~Feeder", Machine::Create());
+  EXPECT_FALSE(drill->getFeeder()->getFeeder().is_null());
+}
+
+TEST_P(MachineTest, MakesMissingBranchesForSet) {
+  root()->set("press~Feeder~Feeder~Speed", TarnData(4));
+  reload();
+  EXPECT_EQ(root()->getSint32("press~Feeder~Feeder~Speed"), 4);
+  EXPECT_EQ(press()->getNumAbstractChildren(), 0U);
+  const auto before = picture_of(root());
+  for (const char* path : {"press~Speed~x", "press~Label~x~y"}) {
+    SCOPED_TRACE(path);
+    EXPECT_THAT([&] { modify(root())->setValue(path, TarnData(1)); },
+                ThrowsTarn(9, "Programmer error: set() cannot create the childBranch for \"" +
+                                  std::string(path) + "\""));
+    EXPECT_EQ(picture_of(root()), before);
+  }
+}
+
 TEST_P(MachineTest, ClonesMembersWithTextsOfTheirOwn) {
   modify(press())->setLabel("old");
   modify(press())->setFeeder(press());

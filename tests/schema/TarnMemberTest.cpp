@@ -7,6 +7,8 @@
 namespace tarns {
 namespace {
 
+using testing::HasSubstr;
+
 TEST(TarnMemberTest, SplitsElementNamesAtTheLastSeparator) {
   struct Case {
     const char *name, *base;
@@ -43,8 +45,16 @@ TEST(TarnMemberTest, RefusesOtherNamesAndChangesNothing) {
       ThrowsTarn(0,
                  "Could not parse the base name and index from \"a_x\" because the index is "
                  "not an integer."));
+  for (const char* name : {"a_1,234", "a_ 1", "a_+1", "a_"}) {
+    EXPECT_THAT([&] { TarnMember::FromElementName(name, &base, &index); },
+                ThrowsTarn(0, HasSubstr("not an integer")))
+        << name;
+    EXPECT_FALSE(TarnMember::ParseIndex(name + 2).has_value());
+  }
   EXPECT_EQ(base, "before");
   EXPECT_EQ(index, 99U);
+  EXPECT_EQ(TarnMember::ParseIndex("-0"), 0);
+  EXPECT_EQ(TarnMember::ParseIndex("007"), 7);
 }
 
 }  // namespace

@@ -6,7 +6,8 @@ namespace {
 
 goods::class_descriptor& prototype_class() {
   static goods::class_descriptor helper("cell_t", sizeof(cell), &goods::pessimistic_scheme,
-                                        goods::construct_object<cell>, nullptr);
+                                        goods::construct_object<cell>, nullptr, nullptr,
+                                        goods::class_descriptor::helper_class);
   return helper;
 }
 

@@ -75,6 +75,7 @@ class TARNS_API TarnObject : public goods::object {
   static TarnObject* Constructor() { return new TarnObject; }
   static xcptref<TarnObject> Create() { return {new TarnObject}; }
   TarnObject() : TarnObject(SelfClass()) {}
+  // Throws 3 for a class whose descriptor is no TarnClassDescriptor.
   TarnObject(goods::object_handle* handle, goods::class_descriptor& cls);
   ~TarnObject() override;
 
@@ -240,8 +241,10 @@ class TARNS_API TarnObject : public goods::object {
   // that have another parent keep it. Throws 0 when the heir is below this node.
   void bequeathChildren(xcptref<TarnObject>& heir);
   // Takes `child` over from its parent: its entry there goes, and it gets one here, in place of a
-  // child that bears `name` already. Throws 0 when `child` is this node or above it; otherwise as
-  // addChild().
+  // child that bears `name` already. Where a reference member bears the name, the member refers to
+  // the child from then on, which has no parent any more, as nodes of members have none. Throws 0
+  // when `child` is this node or above it, 12 when it is of another class than the member's;
+  // otherwise as addChild().
   void moveChild(const char* name, xcptref<TarnObject> child);
 
   // --- Names ------------------------------------------------------------------------------------
@@ -312,7 +315,8 @@ class TARNS_API TarnObject : public goods::object {
   // Puts `node` at `path` in place of what is there; missing branches are made. A member that is a
   // reference is set to it; anything else becomes a child, for which addChild() says how an earlier
   // parent is dealt with. For the empty path the node takes over the members of `node`, which must
-  // be of the same class, else throws 11.
+  // be of the same class, else throws 11. A member's node of another class throws 12 (in a node
+  // whose class this program does not know, 11). What throws has changed nothing.
   virtual void setNode(const char* path, xcptref<TarnObject> node);
   // Whether set(path, value) would find a value to write.
   virtual bool willSetModify(const char* path) const;
@@ -329,7 +333,9 @@ class TARNS_API TarnObject : public goods::object {
   // to nodes are to the same nodes. Children are not copied.
   virtual xcptref<TarnObject> clone() const;
   // Takes over the members of `other` that this node's class has too (by name, converted), as
-  // clone() copies them. Children stay as they are.
+  // clone() copies them. Items of arrays that one of both does not have, and members whose types
+  // cannot be converted, stay as they are. Children stay. Throws 12, and has changed nothing, when
+  // a node does not fit the member that it goes into.
   virtual void copyFrom(xcptref<TarnObject> other);
   // A copy of the whole branch, without parent. To the branch belong the node, the children whose
   // parent is in it, and the nodes without parent that members refer to. A reference or further
@@ -349,9 +355,11 @@ class TARNS_API TarnObject : public goods::object {
   // A new node for a branch `name` that is missing below this node; not added yet. The base makes a
   // plain node, or for a reference member one of its class; null refuses.
   virtual xcptref<TarnObject> createDefaultChild(const char* name) const;
-  // Puts `node` into the reference member of that name; false when the class has none.
+  // Puts `node` into the reference member of that name; false when the class has none. Throws 12
+  // for a node of another class than the member's.
   virtual bool setChildNode(const char* name, xcptref<TarnObject>& node);
-  // Sets the member of that name to a value; false when the class has none.
+  // Sets the member of that name to a value; false when the class has none. Some names beside the
+  // member's own are taken for it as well, see TarnClassDescriptor::setChildValue().
   virtual bool setChildValue(const char* name, const TarnData& value);
 
   // The children index; null until the first child is added.

@@ -40,9 +40,10 @@ class TARNS_API TarnValue : public TarnObject {
                              const TarnData& value);
 
   // Sets every value of the branch below and including `node` to the zero of its type: false, 0 or
-  // "". Values are the value nodes among the children at any depth, reflected members that are
-  // numbers or texts, and nodes that reflected members refer to where those have no parent. Types,
-  // names and the shape of the branch stay. One transaction.
+  // "" (a text member becomes the null string, which reads as the empty value). Values are the
+  // value nodes among the children at any depth, reflected members that are numbers or texts, and
+  // nodes that reflected members refer to where those have no parent. Types, names and the shape of
+  // the branch stay. One transaction.
   static void ClearValuesIn(const xcptref<TarnObject>& node);
 
  protected:

@@ -26,6 +26,9 @@ class TarnObject;
 // is filled once.
 class TARNS_API TarnClassDescriptor : public goods::class_descriptor {
  public:
+  // The flag that every TarnClassDescriptor has, for a fast test.
+  static constexpr int kNodeClass = goods::class_descriptor::first_free;
+
   using FieldFunction = bool (*)(const TarnFieldDescriptor& field, const void* arg);
   using FieldMember = bool (TarnObject::*)(const TarnFieldDescriptor& field, const void* arg);
 
@@ -36,9 +39,15 @@ class TARNS_API TarnClassDescriptor : public goods::class_descriptor {
                       unsigned char pageN, bool mayBeGuest = false);
   ~TarnClassDescriptor() override;
 
-  // The member of that name, or the array that has the element of that name; null when none.
+  // The member of that name, or the array that has the element of that name; null when none. A name
+  // that is no member's is split at its first '_', so that this finds no elements of an array whose
+  // own name holds one; findMember() does.
   const TarnFieldDescriptor* findField(const char* name) const;
   const TarnFieldDescriptor* findField(std::string_view name) const;
+  // The same, but when that finds nothing the name is split at its last '_'. What paths, copies and
+  // lists of children go by.
+  const TarnFieldDescriptor* findMember(const char* name) const;
+  const TarnFieldDescriptor* findMember(std::string_view name) const;
 
   // Members counted by their elements, bases included.
   unsigned long getNumDataMembers() const;
@@ -56,12 +65,17 @@ class TARNS_API TarnClassDescriptor : public goods::class_descriptor {
   unsigned long iterateFields(void* target, FieldMember function, const void* arg,
                               bool includeBases) const;
 
-  // The value of a member or of an element; false when the class has none of that name.
+  // The value of a member or of an element; false when the class has none of that name, for paths
+  // and for an array as a whole. Kinder to names than paths are: a member that is no array is also
+  // read by every name that goes on with '_' behind its own (Speed_total reads Speed), and written
+  // by those where an integer follows the last '_' (Speed_7).
   bool getChildValue(const TarnObject& node, const char* name, TarnData& value) const;
   bool setChildValue(TarnObject* node, const char* name, const TarnData& value) const;
 
   // Read and write through a reference member: the text of a goods::String, or the own value of a
-  // node (for writing made first when the reference is null).
+  // node (for writing made first when the reference is null; throws 3 when there is no factory for
+  // the class). Not from within a function that reads several objects, see
+  // TarnFieldDescriptor::readValue().
   static void GetValue(const goods::ref<goods::object>* reference, TarnData& value,
                        goods::class_descriptor* referencedClass);
   static void SetValue(goods::ref<goods::object>* reference, const TarnData& value,
@@ -77,6 +91,8 @@ class TARNS_API TarnClassDescriptor : public goods::class_descriptor {
 
  private:
   static constexpr std::uint32_t kNotCounted = 0xFFFFFFFF;
+  // The array whose name stands before `separator` and that has the element behind it, or null.
+  const TarnFieldDescriptor* findElement(const char* name, const char* separator) const;
   template <class Visit>
   unsigned long visitFields(Visit&& visit, bool includeBases) const;
 

@@ -42,7 +42,9 @@
 // own starts with the default one: Machine(int speed) : Machine() { speed_ = speed; }
 #define TARN_CLASS(Class, Base) TARN_CLASS_NAMED(Class, Base, #Class)
 
-// The same under another name in the database, which must differ from those of all other classes.
+// The same under another name in the database. Names must differ between all classes of a program,
+// whatever their namespaces: of two classes of one name only the one that was registered last is
+// found, which the log reports.
 #define TARN_CLASS_NAMED(Class, Base, Name)                                                    \
  public:                                                                                       \
   static ::tarns::TarnClassDescriptor& SelfClass();                                            \

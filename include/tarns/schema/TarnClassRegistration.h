@@ -29,7 +29,9 @@ struct TarnClassOptions {
 // Makes a class known, in five steps: its factory, a helper descriptor without members named with
 // the suffix "_t", a prototype instance made with that, the class's own descriptor with the members
 // that the prototype describes, and the destruction of all these when the shared library is
-// unloaded. Threads: as function-local statics are, see TARN_REGISTER.
+// unloaded. A class of a name that another live class has is reported as an error in the log, and
+// takes that one's place in look-ups by name while it lives. Threads: as function-local statics
+// are, see TARN_REGISTER.
 class TARNS_API TarnClassRegistration {
  public:
   TarnClassRegistration(TarnFactory::TypeFunction getType, unsigned size,

@@ -12,8 +12,10 @@ namespace tarns {
 // A member that is an enumeration: an unsigned integer whose values have names.
 //
 // Read into an empty value or a text it gives the number and the name, "3 (Blue)"; into a number,
-// the number. Written from a text, the text's first word counts, which must be the number. A number
-// without a name can be written but is refused, with an exception, when read as text.
+// the number. What is written is taken as a text, whose first word counts and must be a whole
+// number: TarnData(3.0), which is "3.000000", and true, which is "True", store 0. A number without
+// a name can be written but is refused, with an exception, when read as text. Negative enumerators
+// are read and written as the unsigned number that has their bits.
 class TARNS_API TarnEnumFieldDescriptor : public TarnFieldDescriptor {
  public:
   using TarnFieldDescriptor::TarnFieldDescriptor;

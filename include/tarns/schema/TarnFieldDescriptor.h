@@ -44,10 +44,16 @@ class TARNS_API TarnFieldDescriptor : public goods::field_descriptor {
   TarnFieldDescriptor& operator=(const TarnFieldDescriptor&) = default;
   ~TarnFieldDescriptor() override;
 
-  // False when the class has no such element. A reference without a referenced class reads as the
-  // empty value; types that cannot be read or written throw, see throwUnsupportedType().
+  // False when the class has no such element. A reference to what is neither a text nor a node
+  // reads as the empty value; types that cannot be read or written throw, see
+  // throwUnsupportedType().
   virtual bool getValue(const TarnObject& node, const char* name, TarnData& value) const;
   virtual bool setValue(TarnObject* node, const char* name, const TarnData& value) const;
+
+  // getValue() within a function that reads several objects: what a reference leads to is read
+  // through `reader`, a node's value with TarnObject::readValue().
+  bool readValue(goods::reader& reader, const TarnObject& node, const char* name,
+                 TarnData& value) const;
 
   void getName(XString& name) const;
   goods::field_type getType() const { return type(); }
@@ -67,13 +73,22 @@ class TARNS_API TarnFieldDescriptor : public goods::field_descriptor {
   goods::class_descriptor* getReferencedClass() const;  // null for none
   bool isForClass(const goods::class_descriptor* cls) const;
   bool isForClass(const char* className) const;
-  // Whether the member refers to nodes.
+  // Whether the member refers to nodes. Not known, and false, for a member that is known from a
+  // stored layout only.
   bool isForNodes() const;
+  // Whether the member may refer to a node: also true for references of stored layouts.
+  bool mayHoldNodes() const;
+  // Whether the member is a text of any length.
+  bool isForText() const;
 
-  // Read or replace a reference member; what does not fit its class throws 12. `out` becomes null,
-  // and nothing is replaced, when the class has no such element or it is no reference to nodes.
+  // Read or replace a reference member; what does not fit its class throws 12. A reference that is
+  // known from a stored layout only takes null and nodes of the class that it refers to so far, and
+  // throws 11 for others. `out` becomes null, and nothing is replaced, when the class has no such
+  // element or it is no reference to nodes.
   void copyFrom(const TarnObject* node, xcptref<TarnObject>& out, const char* name) const;
   void copyTo(xcptref<TarnObject>& in, TarnObject* node, const char* name) const;
+  // Throws what copyTo() would throw; changes nothing.
+  void verifyFits(const TarnObject& node, const char* name, const goods::object_ref& in) const;
 
   // The node that a reference member refers to, within a function that reads several objects; null
   // also where copyFrom() gives null.
@@ -103,6 +118,11 @@ class TARNS_API TarnFieldDescriptor : public goods::field_descriptor {
   [[noreturn]] void throwUnsupportedType(const char* name) const;
 
  private:
+  bool isReference() const {
+    return type() == goods::field_type::reference && kind() == goods::ref_kind::counted;
+  }
+  // The class whose objects getValue() and setValue() read and write through the reference.
+  goods::class_descriptor* classBehind(const goods::object_ref& reference) const;
   const void* addressIn(const TarnObject& node, const char* name) const;  // null: no such element
   const goods::object_ref* referenceIn(const TarnObject& node, const char* name) const;
 

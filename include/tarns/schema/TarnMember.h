@@ -3,6 +3,8 @@
 #include <tarns/tarns_api.h>
 #include <tarns/util/XString.h>
 
+#include <cstdint>
+#include <optional>
 #include <string>
 #include <string_view>
 
@@ -17,6 +19,10 @@ class TARNS_API TarnMember {
 
   // Whether the name holds a '_' at all.
   static bool HasElementIndex(const char* name);
+
+  // What stands behind the '_': an integer as Stringer::IsInteger() takes it, but without commas
+  // between its digits. Nothing for any other text.
+  static std::optional<std::int64_t> ParseIndex(const char* text);
 
   // Splits a name at its last '_'. Either output may be null; an index that is not asked for is not
   // looked at. Throws TarnException 0, with the outputs as before, when there is no '_' behind the
