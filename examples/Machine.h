@@ -5,7 +5,7 @@
 
 #include <cstdint>
 
-// A persistent class of an application: every kind of member that there is.
+// A persistent class of an application, with the usual kinds of members.
 //
 // Members are declared to the library once, in write(). After that they are stored, can be read and
 // written by name and path ("hall~press~Speed", "hall~press~Loads_2") and appear among the

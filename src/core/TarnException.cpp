@@ -29,6 +29,13 @@ void TarnException::ThrowFileNotFound(const char* file) {
   throw error;
 }
 
+void TarnException::ThrowBadDataType(long type) {
+  TarnException error;
+  error << "Unrecognized data type \"" << type << "\"";
+  error.setErrorID(ErrorID::BadDataType);
+  throw error;
+}
+
 void TarnException::ThrowMissingDescriptor(const char* className) {
   TarnException error;
   error << "Application or third-party developer error: the class \"" << className

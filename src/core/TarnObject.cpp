@@ -7,6 +7,8 @@
 
 #include <cstring>
 
+#include "core/node_access.h"
+
 namespace tarns {
 
 TarnClassDescriptor& TarnObject::SelfClass() {
@@ -86,6 +88,6 @@ xcptref<TarnObject> TarnObject::getSelf() const {
   return xcptref<TarnObject>::Trusted(goods::object_ref(handle()));
 }
 
-xcptref<TarnObjects> TarnObject::getChildren() const { return children_; }
+xcptref<TarnObjects> TarnObject::getChildren() const { return TarnNodeAccess::IndexNow(*this); }
 
 }  // namespace tarns

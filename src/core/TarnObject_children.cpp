@@ -17,10 +17,6 @@ namespace tarns {
 
 namespace {
 
-std::string_view ViewOf(const char* text) {
-  return text != nullptr ? std::string_view(text) : std::string_view();
-}
-
 // The entry that `position` comes directly before, or nothing.
 std::optional<goods::held_entry> EntryAfter(const xcptref<TarnObjects>& index,
                                             const goods::index_position* position) {
@@ -75,8 +71,7 @@ void TarnObject::addChild(const char* name, xcptref<TarnObject> child) {
   const std::string_view text = ViewOf(name);
   if (!IsChildName(text)) VerifyChildName(getSelf(), text);  // throws
   if (child.is_null()) ThrowBadRef("NULL TarnRef write dereference");
-  if (children_.is_null()) children_ = TarnObjects::Create(getSelf(), getPageN());
-  modify(children_)->insert(text, child);
+  modify(TarnNodeAccess::MakeIndex(*this))->insert(text, child);
 }
 
 XString TarnObject::addUniqueChild(const char* name, xcptref<TarnObject> child) {
@@ -109,12 +104,10 @@ XString TarnObject::getUniqueChildName(const char* name) const {
 
 void TarnObject::addChildrenTo(xcptref<TarnObject> other) const {
   auto target = modify(other);
-  if (children_.is_null()) return;
-  if (target->children_.is_null()) {
-    target->children_ = TarnObjects::Create(other, target->getPageN());
-  }
-  auto entries = modify(target->children_);
-  ForEachEntry(children_, [&](const goods::held_entry& entry, const TarnRef& child) {
+  const xcptref<TarnObjects> index = TarnNodeAccess::IndexNow(*this);
+  if (index.is_null()) return;
+  auto entries = modify(TarnNodeAccess::MakeIndex(*target));
+  ForEachEntry(index, [&](const goods::held_entry& entry, const TarnRef& child) {
     entries->link(entry.name, child);
     return true;
   });
@@ -163,19 +156,21 @@ xcptref<TarnObject> TarnObject::getChildWithNameNoFail(const char* name, const c
 }
 
 xcptref<TarnObject> TarnObject::getChildOfType(const char* type) const {
-  return children_.is_null() ? TarnRef() : children_->getOfType(type);
+  const xcptref<TarnObjects> index = TarnNodeAccess::IndexNow(*this);
+  return index.is_null() ? TarnRef() : index->getOfType(type);
 }
 
 unsigned long TarnObject::getChildrenOfType(const char* type, xcptref<TarnObjects> list) const {
   unsigned long found = 0;
   auto entries = modify(list);
-  ForEachEntry(children_, [&](const goods::held_entry& entry, const TarnRef& child) {
-    if (child->isOfType(type)) {
-      entries->link(entry.name, child);
-      ++found;
-    }
-    return true;
-  });
+  ForEachEntry(TarnNodeAccess::IndexNow(*this),
+               [&](const goods::held_entry& entry, const TarnRef& child) {
+                 if (child->isOfType(type)) {
+                   entries->link(entry.name, child);
+                   ++found;
+                 }
+                 return true;
+               });
   return found;
 }
 
@@ -221,50 +216,58 @@ unsigned long TarnObject::getNumAbstractChildren() const {
 }
 
 unsigned long TarnObject::getNumChildrenOfType(const char* type) const {
-  return children_.is_null() ? 0 : children_->getNumOfType(type);
+  const xcptref<TarnObjects> index = TarnNodeAccess::IndexNow(*this);
+  return index.is_null() ? 0 : index->getNumOfType(type);
 }
 
-TarnChildren TarnObject::children() const { return TarnChildren(children_); }
+TarnChildren TarnObject::children() const { return TarnChildren(TarnNodeAccess::IndexNow(*this)); }
 
 void TarnObject::iterateChildren(ChildFunction function, const void* arg) const {
-  ForEachEntry(children_, [&](const goods::held_entry& entry, const TarnRef& child) {
-    function(entry.name.c_str(), child, arg);
-    return true;
-  });
+  ForEachEntry(TarnNodeAccess::IndexNow(*this),
+               [&](const goods::held_entry& entry, const TarnRef& child) {
+                 function(entry.name.c_str(), child, arg);
+                 return true;
+               });
 }
 
 void TarnObject::iterateChildren(TarnObject* target, ChildMember function, const void* arg) const {
-  ForEachEntry(children_, [&](const goods::held_entry& entry, const TarnRef& child) {
-    (target->*function)(entry.name.c_str(), child, arg);
-    return true;
-  });
+  ForEachEntry(TarnNodeAccess::IndexNow(*this),
+               [&](const goods::held_entry& entry, const TarnRef& child) {
+                 (target->*function)(entry.name.c_str(), child, arg);
+                 return true;
+               });
 }
 
 void TarnObject::iterateChildren(
     const std::function<void(const char* name, xcptref<TarnObject> child)>& function) const {
-  ForEachEntry(children_, [&](const goods::held_entry& entry, const TarnRef& child) {
-    function(entry.name.c_str(), child);
-    return true;
-  });
+  ForEachEntry(TarnNodeAccess::IndexNow(*this),
+               [&](const goods::held_entry& entry, const TarnRef& child) {
+                 function(entry.name.c_str(), child);
+                 return true;
+               });
 }
 
 TarnIterator TarnObject::getIterTo(const char* name) const {
   const goods::index_position position(ViewOf(name));
-  const auto entry = EntryAfter(children_, &position);
-  return entry && entry->name == position.name ? TarnIterator(children_, *entry) : TarnIterator();
+  const xcptref<TarnObjects> index = TarnNodeAccess::IndexNow(*this);
+  const auto entry = EntryAfter(index, &position);
+  return entry && entry->name == position.name ? TarnIterator(index, *entry) : TarnIterator();
 }
 
 TarnIterator TarnObject::getIterToOrAfter(const char* name) const {
   const goods::index_position position(ViewOf(name));
-  return IteratorAt(children_, EntryAfter(children_, &position));
+  const xcptref<TarnObjects> index = TarnNodeAccess::IndexNow(*this);
+  return IteratorAt(index, EntryAfter(index, &position));
 }
 
 TarnIterator TarnObject::getIterToFirstAbstractChild() const {
-  return IteratorAt(children_, EntryAfter(children_, nullptr));
+  const xcptref<TarnObjects> index = TarnNodeAccess::IndexNow(*this);
+  return IteratorAt(index, EntryAfter(index, nullptr));
 }
 
 TarnIterator TarnObject::getIterToLastAbstractChild() const {
-  return IteratorAt(children_, LastEntry(children_));
+  const xcptref<TarnObjects> index = TarnNodeAccess::IndexNow(*this);
+  return IteratorAt(index, LastEntry(index));
 }
 
 xcptref<TarnObject> TarnObject::getFirstAbstractChild(XString* name) const {

@@ -233,7 +233,7 @@ class MemberCopy {
 
 }  // namespace
 
-xcptref<TarnObjects> TarnNodeAccess::MakeIndex(TarnObject& node) {
+const xcptref<TarnObjects>& TarnNodeAccess::MakeIndex(TarnObject& node) {
   if (node.children_.is_null()) {
     node.children_ = TarnObjects::Create(node.getSelf(), node.getPageN());
   }

@@ -15,10 +15,6 @@ namespace tarns {
 
 namespace {
 
-std::string_view ViewOf(const char* text) {
-  return text != nullptr ? std::string_view(text) : std::string_view();
-}
-
 std::string PathOf(const TarnRef& node) {
   TarnPath path;
   TarnObject::GetPath(node, path);

@@ -16,10 +16,6 @@ namespace tarns {
 
 namespace {
 
-std::string_view ViewOf(const char* text) {
-  return text != nullptr ? std::string_view(text) : std::string_view();
-}
-
 // The value at `path`, or the error for one that has to be there. An enumeration gives a number
 // when a number is asked for.
 TarnData Required(const TarnObject& node, const char* path, TarnData::Type asked) {

@@ -16,8 +16,6 @@ TARN_REGISTER_WITH(TarnValue, TarnObject, .isTarnsBaseClass = true, .mayBeGuest 
 
 namespace {
 
-bool IsEmpty(const char* path) { return path == nullptr || *path == '\0'; }
-
 TarnRef NewNodeFor(TarnData::Type type) {
   switch (type) {
     case TarnData::None:
@@ -47,10 +45,7 @@ TarnRef NewNodeFor(TarnData::Type type) {
     case TarnData::Uint64:
       return TarnUint64Value::Create();
   }
-  TarnException error;
-  error << "Unrecognized data type \"" << static_cast<std::int32_t>(type) << "\"";
-  error.setErrorID(ErrorID::BadDataType);
-  throw error;
+  TarnException::ThrowBadDataType(type);
 }
 
 // A step of ClearValuesIn(): what belongs to one node.
@@ -95,11 +90,11 @@ bool TarnValue::setTarnValue(const TarnData&) { return false; }
 bool TarnValue::readValue(goods::reader&, TarnData& out) const { return getValue(out); }
 
 bool TarnValue::get(const char* path, TarnData& out) const {
-  return IsEmpty(path) ? getValue(out) : TarnObject::get(path, out);
+  return ViewOf(path).empty() ? getValue(out) : TarnObject::get(path, out);
 }
 
 void TarnValue::setValue(const char* path, const TarnData& value) {
-  if (IsEmpty(path)) {
+  if (ViewOf(path).empty()) {
     setTarnValue(value);
   } else {
     TarnObject::setValue(path, value);

@@ -146,6 +146,10 @@ bool TarnNodeAccess::IsParentLink(const TarnRef& child,
   });
 }
 
+xcptref<TarnObjects> TarnNodeAccess::IndexNow(const TarnObject& body) {
+  return goods::read_here([&](goods::reader& reader) { return Current(reader, body).children_; });
+}
+
 const TarnObject* TarnNodeAccess::ParentOf(goods::reader& reader, const TarnObject& node) {
   const goods::set_member* link = LinkOf(reader, node);
   if (link == nullptr) return nullptr;

@@ -88,8 +88,11 @@ class TarnNodeAccess {
   static const goods::set_member* LinkOf(goods::reader& reader, const TarnObject& node) {
     return reader.get(node.parentLink_);
   }
+  // The index that the current state of the node behind `body` has, which may not be the one of
+  // `body`, see Current(); null when it has none.
+  static xcptref<TarnObjects> IndexNow(const TarnObject& body);
   // The index of `node`, made when there is none.
-  static xcptref<TarnObjects> MakeIndex(TarnObject& node);
+  static const xcptref<TarnObjects>& MakeIndex(TarnObject& node);
   // Makes the members of `to`, of the same class, copies of those of `from`; children and parent of
   // `to` stay. Texts are copied, not shared.
   static void CopyState(const TarnObject& from, TarnObject& to);

@@ -12,7 +12,8 @@ namespace tarns {
 
 namespace {
 
-// By upper-cased bytes: the difference of the first that differ; a text that ends has a NUL there.
+// By upper-cased bytes: the difference of the first that differ, which Stringer::Compare() does not
+// give; a text that ends has a NUL there.
 int CompareIgnoringCase(std::string_view left, std::string_view right) {
   const std::size_t common = std::min(left.size(), right.size());
   for (std::size_t i = 0; i <= common; ++i) {

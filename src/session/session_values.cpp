@@ -70,10 +70,7 @@ TarnData ToValue(const char* text, TarnData::Type type) {
     case TarnData::Uint64:
       return Stringer::ToUint64(text);
   }
-  TarnException error;
-  error << "Unrecognized data type \"" << static_cast<std::int32_t>(type) << "\"";
-  error.setErrorID(ErrorID::BadDataType);
-  throw error;
+  TarnException::ThrowBadDataType(type);
 }
 
 }  // namespace

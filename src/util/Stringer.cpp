@@ -13,10 +13,6 @@ namespace tarns {
 
 namespace {
 
-std::string_view ViewOf(const char* text) {
-  return text != nullptr ? std::string_view(text) : std::string_view();
-}
-
 bool IsDigit(char character) { return character >= '0' && character <= '9'; }
 
 void SkipBlanks(std::string_view& text) {

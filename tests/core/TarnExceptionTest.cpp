@@ -20,6 +20,8 @@ TEST(TarnExceptionTest, ThrowsTheFixedMessages) {
               ThrowsTarn(3,
                          "Application or third-party developer error: the class \"Car\"does not "
                          "have a class descriptor.  Please contact the software vendor."));
+  EXPECT_THAT([] { TarnException::ThrowBadDataType(13); },
+              ThrowsTarn(10, "Unrecognized data type \"13\""));
   EXPECT_THAT([] { TarnException::ThrowNonExistentPath("a~b"); },
               ThrowsTarn(7, "The specified path \"a~b\" does not exist."));
   EXPECT_THAT([] { TarnException::ThrowNonExistentValue("a~b"); },

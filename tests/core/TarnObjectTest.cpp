@@ -4,6 +4,7 @@
 
 #include <functional>
 #include <string>
+#include <string_view>
 #include <vector>
 
 #include "support/node_test.h"
@@ -79,7 +80,7 @@ TEST_P(TarnObjectTest, RefusesNullWhereANodeIsNeeded) {
       [&](TarnObject& node) { node.copyFrom(null); },
       [&](TarnObject& node) { node.setNode("", null); },
       [&](TarnObject& node) { node.setNode("a", null); },
-      [&](TarnObject& node) { node.set("x~y", null); },
+      [&](TarnObject& node) { node.set("x~y", nullptr); },
       [&](TarnObject& node) { node.getChildrenOfType("TarnObject", nullptr); },
       [&](TarnObject& node) { modify(node.getChildren())->insert("n", null); },
   };
@@ -314,6 +315,83 @@ TEST_P(TarnObjectTest, ListsChildrenByTypeAndPlace) {
   const TarnRef other = add("other");
   root()->addChildrenTo(other);
   EXPECT_EQ(path_of(other->getChildWithName("t")), "t");
+}
+
+TEST_P(TarnObjectTest, AnswersFromTheStateOfTheMoment) {
+  const TarnRef a = add("a");
+  const TarnRef heir = add("heir");
+  atomically([&] {
+    const auto held = *a;
+    modify(a)->addChild("n", TarnValue::CreateValue(TarnData(1)));
+    XString name;
+    EXPECT_EQ(held->getNumAbstractChildren(), 1U);
+    EXPECT_FALSE(held->getFirstAbstractChild(&name).is_null());
+    EXPECT_EQ(name, "n");
+    EXPECT_EQ(held->getLastAbstractChild(nullptr), held->getFirstAbstractChild(nullptr));
+    EXPECT_FALSE(held->getIterTo("n").isNull() || held->getIterToOrAfter("a").isNull());
+    EXPECT_EQ(held->getNumChildrenOfType("TarnSint32Value"), 1U);
+    EXPECT_FALSE(held->getChildOfType("TarnSint32Value").is_null());
+    XStringList names;
+    held->getChildNames(names);
+    EXPECT_EQ(names, XStringList({"n"}));
+    EXPECT_EQ(names_of(a), names_of(held->getSelf()));
+    TarnRef to = heir;
+    modify(a)->bequeathChildren(to);
+    int met = 0;
+    for (const TarnChild& child : held->children()) met += child.name.empty() ? 0 : 1;
+    held->iterateChildren([&](const char*, const TarnRef&) { ++met; });
+    EXPECT_EQ(met, 0) << "the heir's children are not met";
+    EXPECT_TRUE(held->getChildren().is_null());
+  });
+}
+
+TEST_P(TarnObjectTest, CallsMemberFunctionsForChildren) {
+  class Counter : public TarnObject {
+   public:
+    void count(const char* name, TarnRef child, const void* arg) {
+      seen += std::string(name) + child->getXString(nullptr).getText();
+      seen += static_cast<const char*>(arg);
+    }
+    bool isSecond(const char* name, TarnRef, const void*) { return std::string_view(name) == "b"; }
+    std::string seen;
+  };
+  for (const char* name : {"a", "b", "c"}) modify(root())->setValue(name, TarnData(name));
+  xcptref<Counter> counter(new Counter);
+  auto target = modify(counter);
+  root()->iterateChildren(&*target, static_cast<TarnObject::ChildMember>(&Counter::count), ";");
+  EXPECT_EQ(target->seen, "aa;bb;cc;");
+  EXPECT_EQ(modify(root())->deleteChildrenIf(
+                &*target, static_cast<TarnObject::ChildTestMember>(&Counter::isSecond), nullptr),
+            1U);
+  EXPECT_THAT(names_of(root()), ElementsAre("a", "c"));
+}
+
+TEST_P(TarnObjectTest, TellsNames) {
+  const TarnRef a = add("a");
+  Buffer name;
+  a->getName(name);
+  EXPECT_EQ(name.view(), "a");
+  XStringList names;
+  a->addNameTo(names);
+  root()->addNameTo(names);
+  EXPECT_EQ(names, XStringList({"a", ""}));
+  EXPECT_STREQ(a->getClass().name(), "TarnObject");
+  TarnIterator at = root()->getIterTo("a");
+  at.nullify();
+  EXPECT_TRUE(at.isNull());
+}
+
+TEST_P(TarnObjectTest, DeletesChildrenByValue) {
+  modify(root())->setValue("a~done", TarnData(true));
+  modify(root())->setValue("b~done", TarnData(false));
+  modify(root())->setValue("c~done", TarnData("False"));
+  add("d");
+  const TarnData no(false);
+  EXPECT_EQ(modify(root())->deleteChildrenWithValue("done", &no), 1U);
+  EXPECT_THAT(names_of(root()), ElementsAre("a", "c", "d"));
+  EXPECT_EQ(modify(root())->deleteChildrenWithValue("done", "False"), 2U)
+      << "a text that is not empty equals true";
+  EXPECT_THAT(names_of(root()), ElementsAre("d"));
 }
 
 TEST_P(TarnObjectTest, MakesChildrenOnDemand) {

@@ -181,12 +181,16 @@ TEST_P(TarnObjectValuesTest, ReplacesTokens) {
       {"#TarnValue:n #TarnValue:'n'", "5 5"},
       {"#TarnHTMLvalue:\"a~b\"", "&lt;1&gt; &amp; #TarnValue:a~b"},
       {"<#TarnValue:\"absent\">", "<>"},
+      {"#TarnValue:n#TarnHTMLvalue:n #TarnHTMLvalue:n #TarnValue:n", " 5 5"},
   };
   for (const Case& c : cases) {
     XString text(c.before);
     root()->replaceTokens(text);
     EXPECT_EQ(text, c.after) << c.before;
   }
+  XString none;
+  root()->replaceTokens(none);
+  EXPECT_EQ(none.getText(), nullptr);
 }
 
 TEST_P(TarnObjectValuesTest, AddsToValues) {
@@ -209,6 +213,7 @@ TEST_P(TarnObjectValuesTest, ComparesNodesByValue) {
   TarnData target(2);
   TarnValueComparator comparator("v", &target);
   const TarnData key(2);
+  EXPECT_EQ(TarnValueComparator("v", nullptr).compare(root()->getChildWithName("a"), nullptr), 1);
   EXPECT_LT(comparator.compare(root()->getChildWithName("a"), nullptr), 0);
   EXPECT_EQ(target.getSint32(), 1);
   EXPECT_LT(comparator.compare(root()->getChildWithName("a"), &key), 0);

@@ -1,11 +1,13 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <rapidcheck.h>
+#include <tarns/core/TarnData.h>
 #include <tarns/core/TarnPath.h>
 
 #include <algorithm>
 #include <deque>
 #include <string>
+#include <string_view>
 #include <vector>
 
 #include "support/throws_tarn.h"
@@ -31,6 +33,45 @@ rc::Gen<Branches> SomeBranches() {
   const auto name = rc::gen::nonEmpty(
       rc::gen::container<std::string>(rc::gen::elementOf(std::string("ab! z\x7F\xC3"))));
   return rc::gen::container<Branches>(name);
+}
+
+struct OwnText {
+  operator std::string_view() const { return "own"; }  // NOLINT(google-explicit-constructor)
+};
+
+template <class Left, class Right>
+concept IsEqualityComparable = requires(const Left& left, const Right& right) {
+  left == right;
+  right == left;
+  left != right;
+};
+template <class Left, class... Right>
+constexpr bool isComparableWith = (IsEqualityComparable<Left, Right> && ...);
+template <class Left, class Right>
+concept IsOrderable = requires(const Left& left, const Right& right) {
+  left < right;
+  right < left;
+};
+template <class Left, class... Right>
+constexpr bool isOrderableWith = (IsOrderable<Left, Right> && ...);
+
+static_assert(isComparableWith<XString, const char*, std::string, std::string_view, XString,
+                               TarnPath, OwnText>);
+static_assert(isComparableWith<TarnPath, const char*, std::string, std::string_view, XString,
+                               TarnPath, OwnText>);
+static_assert(isComparableWith<TarnData, const char*, std::string, std::string_view, XString,
+                               TarnPath, OwnText, TarnData>);
+static_assert(isOrderableWith<XString, const char*, std::string, std::string_view, XString,
+                              TarnPath, OwnText>);
+static_assert(isOrderableWith<TarnPath, const char*, std::string, std::string_view, XString,
+                              TarnPath, OwnText>);
+
+TEST(TarnPathTest, ComparesWithTextsOfAnyKind) {
+  const XString text("a~b");
+  const TarnPath path("a~b");
+  EXPECT_TRUE(path == text && text == path && TarnData("a~b") == text && path == TarnData("a~b"));
+  EXPECT_TRUE(TarnPath("a~z") < XString("a!") && XString("a!") > TarnPath("a~z"))
+      << "in the order of paths";
 }
 
 TEST(TarnPathTest, TheEmptyPathHasNoText) {
@@ -173,7 +214,7 @@ TEST(TarnPathTest, ReadsBranchesAsAListDoes) {
     for (int n = 0; n < depth + 2; ++n) {
       const std::string branch = n < depth ? model[n] : "";
       RC_ASSERT(path.getBranch(n) == branch);
-      RC_ASSERT(path.getBranch(n - depth) == (n < depth ? branch : path.getBranch(n - depth)));
+      if (n < depth) RC_ASSERT(path.getBranch(n - depth) == branch);
       RC_ASSERT(path.getBranch(-n - 1) == (n < depth ? model[depth - 1 - n] : ""));
       RC_ASSERT(path.getBranchNameLen(n) == branch.size());
     }

@@ -1,6 +1,7 @@
 // Trees that are deep, large, or change while others look on.
 #include <gmock/gmock.h>
 #include <goods/cache_manager.h>
+#include <goods/database.h>
 #include <gtest/gtest.h>
 #include <pthread.h>
 #include <rapidcheck.h>
@@ -8,6 +9,7 @@
 
 #include <atomic>
 #include <barrier>
+#include <fstream>
 #include <functional>
 #include <map>
 #include <optional>
@@ -17,6 +19,7 @@
 
 #include "core/node_access.h"
 #include "support/node_test.h"
+#include "support/scratch_directory.h"
 #include "support/throws_tarn.h"
 
 namespace tarns {
@@ -339,6 +342,37 @@ TEST(StoredTreeTest, SaysThatAThreadIsNotAttached) {
                 ThrowsTarn(110, HasSubstr("attached")));
     EXPECT_EQ(TarnValue::CreateValue(TarnData(3))->getSint32(""), 3) << "needs no session";
   });
+}
+
+TEST(ClusteringTest, StoresNewChildrenWithTheirParent) {
+  const scratch_directory directory;
+  const std::string configuration = directory.file("database.cfg");
+  std::ofstream(configuration) << "2\n0: file:first\n1: file:second\n";
+  goods::database database;
+  ASSERT_TRUE(database.open(configuration.c_str())) << database.get_open_problem();
+  database.attach();
+  goods::object_ref stored(TarnObject::Create());
+  database.set_root(stored);
+  database.get_root(stored);
+  const TarnRef root(stored);
+  const TarnRef other = TarnObject::Create();
+  modify(other)->attach_to_storage(&database, 1);
+  modify(root)->addChild("other", other);
+  modify(root)->setValue("other~a~b", TarnData("text"));
+  modify(root)->setValue("here~b", TarnData("text"));
+  const auto storageOf = [](const goods::object_ref& object) {
+    EXPECT_NE(object.id(), 0U);
+    return goods::storage_of(object.id());
+  };
+  EXPECT_EQ(storageOf(other), 1);
+  EXPECT_EQ(storageOf(other->getChildren()), 1);
+  EXPECT_EQ(storageOf(root->getChildWithName("other~a")), 1);
+  const xcptref<TarnStringValue> text = root->getChildWithName("other~a~b");
+  EXPECT_EQ(storageOf(text), 1);
+  EXPECT_EQ(storageOf(text->getTarnString().getReference()), 1);
+  EXPECT_EQ(storageOf(root->getChildWithName("here~b")), 0);
+  database.detach();
+  database.close();
 }
 
 TEST(XcptrefTest, ChecksNullAndClass) {

@@ -114,6 +114,9 @@ class TARNS_API TarnData {
   // it was; see also the oddities above.
   void set(const char* text, Type type);
   void set(const char* text, const char* typeName) { set(text, GetTypeEnum(typeName)); }
+  // A number is no type, not even 0, which would be the null name.
+  template <std::integral T>
+  void set(const char* text, T type) = delete;
   // Null, "no", "n", "false", "f", "null", "nil", "0" and "" give false; "yes", "y", "true", "t"
   // and "1" give true, in any case. Anything else changes nothing and returns false.
   bool convertFromStringToBooleanValue(const char* text);
@@ -172,6 +175,10 @@ class TARNS_API TarnData {
   // true, everything else by the bytes of the texts.
   int compare(const TarnData& other) const;
   bool operator==(const char* text) const { return compare(TarnData(text)) == 0; }
+  template <std::derived_from<XString> T>
+  bool operator==(const T& text) const {
+    return compare(TarnData(text)) == 0;
+  }
   bool operator==(const TarnData& other) const { return compare(other) == 0; }
 
  private:

@@ -5,11 +5,12 @@
 
 namespace tarns {
 
-// What getErrorID() of a TarnException tells apart. Below 100: the caller asked for something that
-// cannot be done. From 100 on: the storage could not do it; the session still works afterwards, or
-// the message says that it must be reopened. 1, 2 and 13 are not in use.
+// What getErrorID() of a TarnException tells apart. Below 100, and 111: the caller asked for
+// something that cannot be done; 0 is every such case that has no number of its own, and the
+// message tells which. From 100 to 110: the storage could not do it; the session still works
+// afterwards, or the message says that it must be reopened. 1, 2 and 13 are not in use.
 struct ErrorID {
-  static constexpr unsigned long Unspecified = 0;        // a null reference, an unknown enumerator
+  static constexpr unsigned long Unspecified = 0;        // null references, bad names, and others
   static constexpr unsigned long MissingDescriptor = 3;  // a class without a class descriptor
   static constexpr unsigned long DBuninitialized = 4;    // the session is not connected
   static constexpr unsigned long CannotConnect = 5;      // the database server is not reached
@@ -35,6 +36,7 @@ struct ErrorID {
   static constexpr unsigned long ObjectGone = 108;         // the object no longer exists
   static constexpr unsigned long NewerVersion = 109;       // written by a newer version of tarns
   static constexpr unsigned long ThreadNotAttached = 110;  // the thread must attach() first
+  static constexpr unsigned long BadUsage = 111;           // an address or call that makes no sense
 };
 
 // The one exception that the library throws: a message and an identifier, see ErrorID.
@@ -57,6 +59,7 @@ class TARNS_API TarnException : public XException {
 
   [[noreturn]] static void ThrowDBuninitialized();
   [[noreturn]] static void ThrowFileNotFound(const char* file);
+  [[noreturn]] static void ThrowBadDataType(long type);
   [[noreturn]] static void ThrowMissingDescriptor(const char* className);
   [[noreturn]] static void ThrowNonExistentPath(const char* path);
   [[noreturn]] static void ThrowNonExistentValue(const char* path);

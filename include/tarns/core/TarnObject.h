@@ -10,6 +10,7 @@
 #include <tarns/util/XString.h>
 #include <tarns/util/XStringList.h>
 
+#include <cstddef>
 #include <cstdint>
 #include <functional>
 #include <optional>
@@ -40,11 +41,12 @@ class TarnPath;
 // Names: 1 to 65,535 bytes, any but '~' and NUL. Two children may bear one name; a path then leads
 // to the one that was added first.
 //
-// Access: always through xcptref. `node->f()` calls const members on a state that does not change
-// meanwhile; `modify(node)->f()` any member, on the transaction's private copy. Outside a
-// transaction each such call is a transaction of its own, however many objects it changes. Members
-// are called on the object behind an access only, never on a body that was kept from an earlier
-// one.
+// Access: always through xcptref. `node->f()` calls const members, which answer from the node's
+// state at that moment, also when the access (a named result of *) is older; members of one's own
+// class are read as the access found them. `modify(node)->f()` any member, on the transaction's
+// private copy. Outside a transaction each such call is a transaction of its own, however many
+// objects it changes. Members are called on the object behind an access only, never on a body that
+// was kept from an earlier one.
 //
 // Members: a class declares them once, in write(), and gives them default values in the class. How
 // a class is declared and registered: TarnClassMacros.h and examples/.
@@ -125,8 +127,8 @@ class TARNS_API TarnObject : public goods::object {
   // The same under getUniqueChildName(name); returns the name.
   virtual XString addUniqueChild(const char* name, xcptref<TarnObject> child);
   // Adds `child` under one name that is free in both nodes; this one becomes the parent. The name
-  // is found by asking both in turn for a unique name until it is free in both. Once only when both
-  // are one node.
+  // is the unique one of this node or, where that is taken in the other, of the other; where that
+  // is taken here, the next element name that is free in both. Once only when both are one node.
   XString addUniqueToParents(const char* name, xcptref<TarnObject> child,
                              xcptref<TarnObject> otherParent);
   // `name` itself, or an element name (name_0, name_1, ...) that no child bears. For names of fewer
@@ -138,6 +140,9 @@ class TARNS_API TarnObject : public goods::object {
 
   // --- Finding children -------------------------------------------------------------------------
 
+  // Whether a child or member of the class bears the name, so that addUniqueChild() would not use
+  // it: also true for members that are no nodes, for elements of arrays and for null references.
+  // False for paths and for the empty name.
   bool hasChild(const char* name) const;
   // The node at a path, or null.
   virtual xcptref<TarnObject> getChildWithName(const char* name) const;
@@ -201,8 +206,9 @@ class TARNS_API TarnObject : public goods::object {
       const std::function<bool(const char* name, xcptref<TarnObject> child)>& test);
   unsigned long deleteChildrenOfType(const char* type);
   unsigned long deleteChildrenWithNames(const XStringList& names);  // each name's first child
-  // Those that have a value at the path `name` below them which compares equal. Nothing equals a
-  // null TarnData; a null text is the empty one.
+  // Those that have a value at the path `name` below them which compares equal as
+  // TarnData::compare() says: a Boolean with a text by whether the text is empty, so that "False"
+  // equals true; use TarnData(false). Nothing equals a null TarnData; a null text is the empty one.
   unsigned long deleteChildrenWithValue(const char* name, const char* text);
   unsigned long deleteChildrenWithValue(const char* name, const TarnData* value);
   // Removes the entry at `place`, which then stands at the next one (null behind the last).
@@ -308,9 +314,11 @@ class TARNS_API TarnObject : public goods::object {
   }
   // Puts `node` at a path of two branches or more, as setNode() does. Throws 9 for one of fewer.
   virtual void set(const char* path, xcptref<TarnObject> node) const;
+  void set(const char* path, std::nullptr_t) const { set(path, xcptref<TarnObject>()); }
   // Writes the value at `path`, or adds a value node of the fitting class, with plain nodes for
   // missing branches. An existing value keeps its type. The empty value makes a plain node.
-  // Throws 11 when a node without a value is there.
+  // Throws 11 when a node without a value is there, 9 when the path leads on below a member that is
+  // no node.
   virtual void setValue(const char* path, const TarnData& value);
   // Puts `node` at `path` in place of what is there; missing branches are made. A member that is a
   // reference is set to it; anything else becomes a child, for which addChild() says how an earlier

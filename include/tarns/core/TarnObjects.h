@@ -5,9 +5,7 @@
 #include <tarns/core/xcptref.h>
 #include <tarns/tarns_api.h>
 
-#include <cstddef>
 #include <string_view>
-#include <vector>
 
 namespace tarns {
 
@@ -17,8 +15,9 @@ class TarnObject;
 // those of equal names in the order in which they were added.
 //
 // Made by the node when its first child is added; also serves as a list of nodes that are children
-// of others (link()). Whoever changes children goes through the node. Threads: as every persistent
-// object, see xcptref.
+// of others (link()). Its set_owner knows no owner, as that would be one more reference in each
+// index: the node that it belongs to is getParent(). Whoever changes children goes through the
+// node. Threads: as every persistent object, see xcptref.
 class TARNS_API TarnObjects : public goods::B_tree {
  public:
   static goods::class_descriptor self_class;

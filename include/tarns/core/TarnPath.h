@@ -18,6 +18,10 @@ namespace tarns {
 // 65,536 characters. Longer ones work all the same, only getLength, getDepth and getBranchNameLen
 // give their results modulo 65,536.
 //
+// What XString offers beyond conversion and comparison works on the text as such: trimming a path
+// or changing it through an XString& may leave an empty text of its own where a path has none.
+// isEmpty() holds for both.
+//
 // What adds a branch by name checks it and throws TarnException 8 for a name that is null, empty or
 // contains "~" (or NUL), leaving the path as it was. What takes a whole text takes it as it stands.
 //
@@ -113,6 +117,7 @@ class TARNS_API TarnPath : public XString {
 
   bool operator==(const char* other) const noexcept { return compare(other) == 0; }
   bool operator==(const TarnPath& other) const noexcept { return view() == other.view(); }
+  bool operator==(const XString& other) const noexcept { return view() == other.view(); }
   template <StringViewLike T>
   bool operator==(const T& other) const noexcept {
     return view() == std::string_view(other);
@@ -121,6 +126,9 @@ class TARNS_API TarnPath : public XString {
     return compare(other) <=> 0;
   }
   std::strong_ordering operator<=>(const TarnPath& other) const noexcept {
+    return compare(other.view()) <=> 0;
+  }
+  std::strong_ordering operator<=>(const XString& other) const noexcept {
     return compare(other.view()) <=> 0;
   }
   template <StringViewLike T>

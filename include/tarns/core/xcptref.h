@@ -19,8 +19,8 @@ namespace tarns {
 
 class TarnObject;
 
-// Throws TarnException 12, which names the class of the object behind `handle`, its path (or
-// "<not a TarnObject>") and the class that it was to be used as.
+// Throws TarnException 12, which names the class of the object behind `handle` (not null), its path
+// (or "<not a TarnObject>") and the class that it was to be used as.
 [[noreturn]] TARNS_API void ThrowBadXcptRefTypecast(goods::object_handle* handle,
                                                     const goods::class_descriptor& target);
 

@@ -12,7 +12,7 @@ namespace tarns {
 //
 //   Log(Log::Warning) << "object \"" << path << "\" has no physical path";
 //
-// Lines go to standard error, each with date, time and level, until redirect() sends them to the
+// Lines go to standard error, each with date, time and level, until Redirect() sends them to the
 // application. Bytes that would end the line or steer a terminal (below 32 except the tab, and 127)
 // are written as \xNN, whatever a stored name holds.
 // Threads: any; a line is handed on whole. One Log object is used by one thread.

@@ -24,7 +24,9 @@
 // GOODSinOut::addFormerName().
 //
 // The order in which shared libraries and source files are initialised does not matter: a class's
-// registration first makes that of its base.
+// registration first makes that of its base. Classes are forgotten when the program or shared
+// library that holds them ends: sessions and references in static objects must be gone by then, so
+// keep them in main() or reset them there.
 #pragma once
 
 #include <tarns/core/xcptref.h>

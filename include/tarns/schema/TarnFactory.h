@@ -10,8 +10,9 @@ class XStringList;
 // Makes nodes of one class; all factories form a chain that makes nodes of any registered class.
 //
 // The factory of TarnObject is the head of the chain; each other one stands directly behind the
-// head from its construction to its destruction (when its shared library is unloaded). Threads:
-// any.
+// head from its construction to its destruction (when its shared library is unloaded). Classes
+// register when they are first needed, a base before what derives from it, so the order of the
+// chain differs between programs. Threads: any.
 class TARNS_API TarnFactory {
  public:
   using CreateFunction = TarnObject* (*)();

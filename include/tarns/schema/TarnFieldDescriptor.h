@@ -95,7 +95,9 @@ class TARNS_API TarnFieldDescriptor : public goods::field_descriptor {
   const TarnObject* look(goods::reader& reader, const TarnObject& node, const char* name) const;
 
   // Adds the state that the reference member's target would be stored as, in base 64, to `lines` in
-  // lines of 76 characters. Nothing for null and for members that are no references.
+  // lines of 76 characters. Nothing for null, for arrays and for members that are no references.
+  // The references in it are relative to the target, which must not refer to objects that are not
+  // stored: throws 111.
   void writeBlobTo(const TarnObject* node, XStringList& lines) const;
 
   // The step of TarnObject::shatter() for one member: adds what it refers to, when that is a node,

@@ -18,6 +18,7 @@ class TarnData;
 //
 // Null until a text is set, which is something else than the empty text. Setting a text in a node
 // needs write access to the node.
+// A text that shrinks or grows is changed in place; what it was may stay in freed memory.
 // Text is bytes; as a C string it ends at its first NUL.
 // Copying a TarnString copies the reference: both then are the same text. copyFrom() copies the
 // text. Threads: as for references.
@@ -44,7 +45,8 @@ class TARNS_API TarnString {
 
   // A null string equals a null or empty text and is less than any other; any other string, even an
   // empty one, is greater than a null or empty text. Otherwise -1, 0 or 1 by bytes as unsigned
-  // numbers, or, not case-sensitive, the difference of the first upper-cased bytes that differ.
+  // numbers, or, not case-sensitive, the difference of the first upper-cased bytes that differ, as
+  // a signed byte: its sign tells the order of ASCII texts only.
   signed char compare(const char* text, bool caseSensitive) const;
   signed char compare(const TarnString& other, bool caseSensitive) const;
 

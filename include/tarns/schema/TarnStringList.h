@@ -13,10 +13,14 @@ namespace tarns {
 // A member that is a set of named texts, in the order of their names; equal names are allowed and
 // stay in the order of insertion.
 //
-// Changing the list in a node needs write access to the node. Threads: as for references.
+//   TarnStringList notes_{this};   // as a member: what is stored of it then stands beside its node
+//
+// As a member it reads as the empty value by path and is copied with its node. Changing the list in
+// a node needs write access to the node. Threads: as for references.
 class TARNS_API TarnStringList {
  public:
-  // `owner`: the object that the list is a member of; null is allowed.
+  // `owner`: the object that the list is a member of; null for a list that is none's, or whose
+  // place in the storage does not matter.
   explicit TarnStringList(const goods::object* owner = nullptr) : owner_(owner) {}
   TarnStringList(const TarnStringList&) = delete;
   TarnStringList& operator=(const TarnStringList&) = delete;

@@ -15,6 +15,11 @@ template <typename T>
 concept StringViewLike =
     std::convertible_to<const T&, std::string_view> && !std::convertible_to<const T&, const char*>;
 
+// The text of a C string that may be null, which counts as the empty text.
+inline std::string_view ViewOf(const char* text) noexcept {
+  return text != nullptr ? std::string_view(text) : std::string_view();
+}
+
 // An owned C string.
 //
 // A string of capacity 0 has no text at all: it converts to a null pointer, has length 0 and equals
@@ -108,12 +113,6 @@ class TARNS_API XString {
   }
   friend std::strong_ordering operator<=>(const XString& left, const char* right) noexcept {
     return left.view() <=> ViewOf(right);
-  }
-
- protected:
-  // The text of a C string that may be null.
-  static std::string_view ViewOf(const char* text) noexcept {
-    return text != nullptr ? std::string_view(text) : std::string_view();
   }
 
  private:
