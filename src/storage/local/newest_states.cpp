@@ -20,7 +20,7 @@ bool newest_states::file_is_ahead(commit_version as_of) const {
 std::shared_ptr<const segment> newest_states::find(segment_number number, commit_version as_of) {
   if (auto cached = from_.cache.find(number)) return cached;
   if (auto committed = from_.overlay.find(number)) {
-    if (*committed) from_.cache.offer(*committed, as_of);
+    if (*committed && (*committed)->version() <= as_of) from_.cache.offer(*committed, as_of);
     return *committed;
   }
   // Before the database is asked: what was there then must be there.
@@ -28,7 +28,8 @@ std::shared_ptr<const segment> newest_states::find(segment_number number, commit
   if (!expected) return nullptr;
   auto stored = merged_snapshot().reader().read_segment(number);
   if (!stored) throw_damaged_segment(from_.store, number, "their row is missing");
-  from_.cache.offer(stored, as_of);
+  // Of a commit that is not visible yet, and may stay hidden, nothing is kept.
+  if (stored->version() <= as_of) from_.cache.offer(stored, as_of);
   return stored;
 }
 

@@ -83,12 +83,13 @@ bool object_loader::locate(std::span<const object_number> numbers, commit_versio
   const std::uint64_t before = versions_.publications.load(std::memory_order_acquire);
   as_of = versions_.visible.load(std::memory_order_acquire);
   if (as_of < at_least) return false;
+  // Only who knew of a hidden commit from the beginning has looked past none of what it replaced.
+  const bool hidden = versions_.has_hidden.load(std::memory_order_acquire);
   newest_states newest(from_);
   const auto is_disturbed = [&] {
     return before % 2 != 0 || versions_.publications.load(std::memory_order_acquire) != before ||
-           // A commit that is in the database already is about to be published. One that stays
-           // hidden has nothing there that could be seen.
-           (newest.file_is_ahead(as_of) && !versions_.has_hidden.load(std::memory_order_acquire));
+           // A commit that is in the database already is about to be published or hidden.
+           (newest.file_is_ahead(as_of) && !hidden);
   };
   try {
     if (!find_all(numbers, newest, all, as_of)) return false;
