@@ -2,18 +2,25 @@
 
 #include <tarns/core/TarnBranches.h>
 #include <tarns/core/TarnException.h>
+#include <tarns/core/TarnPath.h>
 #include <tarns/core/TarnValue.h>
 #include <tarns/schema/TarnMember.h>
+#include <tarns/session/TarnRoot.h>
 
 #include <nlohmann/json.hpp>
 
+#include <random>
 #include <stdexcept>
 #include <utility>
 
 #include "tools/TarnJsonNodes.h"
 #include "tools/json_names.h"
 #include "tools/json_values.h"
+#include "tools/node_view.h"
 #include "tools/signals.h"
+
+#define XXH_INLINE_ALL
+#include <xxhash.h>
 
 namespace tarns {
 
@@ -62,21 +69,33 @@ class Events {
 
 std::string InQuotes(std::string_view text) { return "\"" + std::string(text) + "\""; }
 
+std::string ClassOf(const TarnRef& node) { return goods::class_of(node).name(); }
+
+// Throws 8 for a path with an empty branch.
+void VerifyPath(std::string_view path) {
+  TarnPath verified;
+  for (const std::string_view branch : TarnBranches(path)) verified.addBranch(branch);
+}
+
+std::uint64_t RandomNumber() {
+  std::random_device random;
+  return (std::uint64_t{random()} << 32) | random();
+}
+
 }  // namespace
 
 JsonImporter::JsonImporter(TarnManager& manager, JsonInput& input,
                            std::function<void(std::uint64_t)> stored)
-    : manager_(manager), input_(input), stored_(std::move(stored)) {}
+    : manager_(manager), input_(input), stored_(std::move(stored)), seed_(RandomNumber()) {}
 
 void JsonImporter::read(std::string_view path) {
   const auto where = [&](const char* what) {
     return "Line " + std::to_string(input_.getLine()) + ": " + what;
   };
+  VerifyPath(path);
   try {
-    const std::string_view parentPath = TarnBranches::ParentOf(path);
-    if (!path.empty()) manager_.set(parentPath);
     Level& ground = levels_.emplace_back();
-    ground.node = path.empty() ? TarnRef() : manager_.getObject(parentPath);
+    if (!path.empty()) ground.node = manager_.getNoFail(TarnBranches::ParentOf(path));
     ground.name = TarnBranches::LastOf(path);
     ground.existed = true;
     Events events(*this);
@@ -89,8 +108,7 @@ void JsonImporter::read(std::string_view path) {
   }
 }
 
-// --- Objects and arrays
-// ---------------------------------------------------------------------------
+// --- Objects and arrays -------------------------------------------------------------------------
 
 // Before anything that may be a child: names the element of an array that it is.
 void JsonImporter::startValue() {
@@ -134,7 +152,7 @@ void JsonImporter::endObject() {
 void JsonImporter::beginArray() {
   startValue();
   if (top().role != Role::kChild) Fail("an array cannot stand here");
-  if (top().node.is_null()) Fail("the root can only take an object");
+  takingParent();
   Level level;
   level.isArray = true;
   level.node = TarnJsonArray::Create();
@@ -151,11 +169,12 @@ void JsonImporter::endArray() {
 // Decides that the open object is a node, and finds or makes it.
 void JsonImporter::settleNode() {
   Level& level = top();
+  verifyClass(level);
   if (!level.node.is_null()) return;
-  const Level& parent = levels_[levels_.size() - 2];
+  Level& parent = levels_[levels_.size() - 2];
   if (level.className.empty()) level.className = TarnObject::GetType();
   const TarnRef existing = existingChild(parent);
-  level.existed = !existing.is_null() && level.className == goods::class_of(existing).name();
+  level.existed = !existing.is_null() && level.className == ClassOf(existing);
   if (level.existed) {
     level.node = existing;
     return;
@@ -167,32 +186,56 @@ void JsonImporter::settleNode() {
   put(parent, level.node, existing);
 }
 
-// --- Keys
-// -----------------------------------------------------------------------------------------
+// There is one root, and it stays what it is.
+void JsonImporter::verifyClass(const Level& level) const {
+  const bool isForRoot = level.className == TarnRoot::GetType();
+  const bool isRoot = levels_.front().node.is_null() && levels_.size() == 2;
+  if (isRoot && !isForRoot && !level.className.empty()) {
+    Fail("the root cannot become a " + InQuotes(level.className));
+  }
+  if (isForRoot && !isRoot) Fail("only the root can be a " + InQuotes(level.className));
+}
+
+// --- Keys ---------------------------------------------------------------------------------------
 
 void JsonImporter::key(std::string_view key) {
   ThrowIfInterrupted();
   Level& level = top();
   if (level.isTyped()) Fail("nothing can stand beside a typed value");
-  if (!level.keys.insert(std::hash<std::string_view>()(key)).second) {
-    Fail("the key " + InQuotes(key) + " is there twice");
-  }
   if (level.isMembers) {
+    noteKey(key);
     level.role = Role::kMember;
     level.name = key;
   } else if (auto exact = ReadExactKey(key)) {
     childKey(std::move(exact->name), exact->ordinal);
   } else if (key.starts_with('~')) {
+    noteKey(key);
     reservedKey(key);
   } else {
     childKey(NameOfKey(key), 1);
   }
 }
 
+// Of children the name is noted, which has no "~", so that two spellings of one are noticed.
+void JsonImporter::noteKey(std::string_view key) {
+  if (top().keys.insert(hashOf(key)).second) return;
+  Fail("the key " + InQuotes(key) + " is there twice");
+}
+
+std::uint64_t JsonImporter::hashOf(std::string_view key) const {
+  return XXH3_64bits_withSeed(key.data(), key.size(), seed_);
+}
+
 void JsonImporter::childKey(std::string name, std::size_t ordinal) {
   if (top().mustBeTyped) Fail("only a value can stand here");
   settleNode();
   Level& level = top();
+  if (ordinal == 1) {
+    noteKey(name);
+  } else if (!level.hasChildren || level.name != name || level.ordinal != ordinal - 1) {
+    Fail("number " + std::to_string(ordinal) + " of the children " + InQuotes(name) +
+         " must follow the one before it");
+  }
   level.hasChildren = true;
   level.role = Role::kChild;
   level.name = std::move(name);
@@ -221,14 +264,17 @@ void JsonImporter::reservedKey(std::string_view key) {
   }
 }
 
-// --- Values
-// ---------------------------------------------------------------------------------------
+// --- Values -------------------------------------------------------------------------------------
 
 void JsonImporter::null() {
   startValue();
-  if (top().role != Role::kChild) Fail("null cannot stand here");
-  if (top().node.is_null()) Fail("the root can only take an object");
-  put(top(), TarnJsonNull::Create(), existingChild(top()));
+  if (top().role == Role::kMember) {
+    storeNullMember();
+  } else {
+    if (top().role != Role::kChild) Fail("null cannot stand here");
+    takingParent();
+    put(top(), TarnJsonNull::Create(), existingChild(top()));
+  }
   count();
 }
 
@@ -265,6 +311,10 @@ void JsonImporter::real(double value, std::string_view digits) {
   startValue();
   if (digits.find_first_of(".eE") == std::string_view::npos) {
     Fail("the integer " + std::string(digits) + " does not fit into 64 bits");
+  }
+  if (value == 0 && digits.substr(0, digits.find_first_of("eE")).find_first_of("123456789") !=
+                        std::string_view::npos) {
+    Fail("the number " + std::string(digits) + " is too small to be told from 0");
   }
   if (top().role == Role::kTypedValue) {
     finishTyped(TypedReal(digits, top().type));
@@ -309,7 +359,7 @@ void JsonImporter::deliver(const TarnData& value) {
 }
 
 void JsonImporter::storeChild(const TarnData& value) {
-  if (top().node.is_null()) Fail("the root can only take an object");
+  takingParent();
   const TarnRef existing = existingChild(top());
   const TarnRef made = TarnValue::CreateValue(value);
   const bool canKeep = !existing.is_null() &&
@@ -324,34 +374,80 @@ void JsonImporter::storeChild(const TarnData& value) {
 
 void JsonImporter::storeOwnValue(const TarnData& value) {
   if (top().className.empty()) {
-    top().className = goods::class_of(TarnValue::CreateValue(value)).name();
+    top().className = ClassOf(TarnValue::CreateValue(value));
   }
   settleNode();
-  modify(top().node)->setValue("", value);
+  const TarnRef& node = top().node;
+  modify(node)->setValue("", value);
+  const auto stored = node->valueAt("");
+  if (!stored || !IsSameValue(value, *stored)) {
+    Fail("a " + InQuotes(ClassOf(node)) + " cannot hold " + JsonOfValue(value));
+  }
 }
 
 void JsonImporter::storeMember(const TarnData& value) {
   const TarnRef& node = levels_[levels_.size() - 2].node;
-  if (!modify(node)->setChildValue(top().name.c_str(), value)) {
-    Fail("the class " + InQuotes(goods::class_of(node).name()) + " has no member " +
-         InQuotes(top().name));
+  const std::string& name = top().name;
+  if (!modify(node)->setChildValue(name.c_str(), value)) failMissingMember(node);
+  if (!IsSameValue(value, MemberOf(node, name))) {
+    Fail("the member " + InQuotes(name) + " of the class " + InQuotes(ClassOf(node)) +
+         " cannot hold " + JsonOfValue(value));
   }
 }
 
-// --- Children
-// -------------------------------------------------------------------------------------
+void JsonImporter::storeNullMember() {
+  const TarnRef& node = levels_[levels_.size() - 2].node;
+  const std::string& name = top().name;
+  TarnRef nothing;
+  if (!modify(node)->setChildNode(name.c_str(), nothing) &&
+      !modify(node)->setChildValue(name.c_str(), TarnData())) {
+    failMissingMember(node);
+  }
+  if (MemberOf(node, name).getType() != TarnData::None) {
+    Fail("the member " + InQuotes(name) + " of the class " + InQuotes(ClassOf(node)) +
+         " cannot be null");
+  }
+}
 
-// What is where the next child of a level goes; null for nothing.
-TarnRef JsonImporter::existingChild(const Level& parent) const {
-  if (!parent.existed || parent.ordinal > 1) return {};
-  return parent.node->getChildWithName(std::string_view(parent.name));
+void JsonImporter::failMissingMember(const TarnRef& node) const {
+  Fail("the class " + InQuotes(ClassOf(node)) + " has no member " + InQuotes(levels_.back().name));
+}
+
+// --- Children -----------------------------------------------------------------------------------
+
+// The node that takes the next child; the root has none above it.
+const TarnRef& JsonImporter::takingParent() const {
+  if (levels_.back().node.is_null()) Fail("the root can only take an object");
+  return levels_.back().node;
+}
+
+// What is where the next child of a level goes; null for nothing. Further children of one name come
+// one after the other, so that each step takes no longer than the one before.
+TarnRef JsonImporter::existingChild(Level& parent) const {
+  if (!parent.existed) return {};
+  if (parent.ordinal == 1) {
+    parent.place.nullify();
+    parent.following.nullify();
+    return parent.node->getChildWithName(std::string_view(parent.name));
+  }
+  if (parent.ordinal == 2) {
+    parent.following = parent.node->getIterTo(parent.name.c_str());
+    parent.following.next(nullptr);
+  }
+  // What is put in the place of an entry gets a new one, from which no way leads on.
+  parent.place = parent.following;
+  parent.following.next(nullptr);
+  if (parent.place.getEntryName() != parent.name) parent.place.nullify();
+  return parent.place.get(nullptr);
 }
 
 void JsonImporter::put(const Level& parent, const TarnRef& node, const TarnRef& existing) {
   if (existing.is_null()) {
     modify(parent.node)->addChild(parent.name.c_str(), node);
-  } else {
+  } else if (parent.place.isNull()) {
     modify(parent.node)->setNode(parent.name.c_str(), node);
+  } else {
+    goods::modify(parent.node->getChildren())->replaceChild(parent.place.getEntry(), node);
   }
 }
 

@@ -18,10 +18,10 @@ namespace tarns {
 // Makes branches from JSON; see docs/json-form.md.
 //
 // Objects are merged into nodes of the same class that exist already, everything else takes the
-// place of what is there. Works while it reads and does not recurse: it holds the nodes of the
-// levels that are open, and a hash of each key in them. Within a transaction of the caller's, who
-// decides whether the whole is kept. Errors: TarnException, with the line of the input; what was
-// stored until then stays in the transaction.
+// place of what is there; nothing outside the branch changes. Works while it reads and does not
+// recurse: it holds the nodes of the levels that are open, and a hash of each key in them. Within a
+// transaction of the caller's, who decides whether the whole is kept. Errors: TarnException, with
+// the line of the input; what was stored until then stays in the transaction.
 class JsonImporter {
  public:
   // `stored`: called after each value and each empty node, with their number so far; may commit and
@@ -54,6 +54,8 @@ class JsonImporter {
     std::string className;    // what "~class" says, or "~value" implies
     std::string name;         // of the child, or member, that is next
     std::size_t ordinal = 1;  // of that child among those of its name
+    TarnIterator place;       // of the child of that ordinal when it is above 1; null for none
+    TarnIterator following;   // what comes next
     std::size_t element = 0;  // of an array: the next one
     Role role = Role::kChild;
     TarnData::Type type = TarnData::None;  // of the typed value that the object is
@@ -63,7 +65,7 @@ class JsonImporter {
     bool mustBeTyped = false;  // stands where only a value can be
     bool existed = false;      // the node was there before
     bool hasChildren = false;
-    std::unordered_set<std::uint64_t> keys;  // hashes
+    std::unordered_set<std::uint64_t> keys;  // hashes, see hashOf()
 
     bool isTyped() const { return type != TarnData::None; }
   };
@@ -72,19 +74,26 @@ class JsonImporter {
   void startValue();
   void reservedKey(std::string_view key);
   void childKey(std::string name, std::size_t ordinal);
+  void noteKey(std::string_view key);
+  std::uint64_t hashOf(std::string_view key) const;
   void settleNode();
-  TarnRef existingChild(const Level& parent) const;
+  void verifyClass(const Level& level) const;
+  const TarnRef& takingParent() const;
+  TarnRef existingChild(Level& parent) const;
   void put(const Level& parent, const TarnRef& node, const TarnRef& existing);
   void finishTyped(const std::optional<TarnData>& value);
   void deliver(const TarnData& value);
   void storeChild(const TarnData& value);
   void storeOwnValue(const TarnData& value);
   void storeMember(const TarnData& value);
+  void storeNullMember();
+  [[noreturn]] void failMissingMember(const TarnRef& node) const;
   void count() { stored_(++count_); }
 
   TarnManager& manager_;
   JsonInput& input_;
   std::function<void(std::uint64_t)> stored_;
+  const std::uint64_t seed_;  // of the hashes: nobody can make keys that share one
   std::vector<Level> levels_;
   std::uint64_t count_ = 0;
 };

@@ -7,6 +7,8 @@
 #include <cerrno>
 #include <system_error>
 
+#include "tools/signals.h"
+
 namespace tarns {
 
 namespace {
@@ -35,6 +37,7 @@ void JsonInput::fill() {
   buffer_.resize(kBufferSize);
   ssize_t got = 0;
   do {
+    WaitUntilReadable(file_);
     got = ::read(file_, buffer_.data(), buffer_.size());
   } while (got < 0 && errno == EINTR);
   if (got < 0) ThrowCannotRead(path_);

@@ -10,7 +10,8 @@ namespace tarns {
 
 // The bytes of a file or of standard input, read as they are asked for, with a count of the lines.
 //
-// Errors: std::system_error, which names the file. Threads: one.
+// Errors: std::system_error, which names the file; Interrupted while it waits for input, see
+// signals.h. Threads: one.
 class JsonInput {
  public:
   explicit JsonInput(const std::string& path);  // "-" is standard input

@@ -72,16 +72,28 @@ void JsonWriter::writeOwn(const TarnRef& node, const NodeView& view) {
     writeMember("~value", JsonOfValue(*view.value));
     ++count_;
   }
-  const std::vector<MemberValue> members = MembersOf(node);
+  const std::vector<MemberValue> members = membersOf(node);
   if (members.empty()) return;
   writeMember("~members", "{");
   const char* separator = "";
   for (const MemberValue& member : members) {
-    out_ << separator << Quoted(member.name) << ": " << JsonOfValue(member.value);
+    const bool isNull = member.value.getType() == TarnData::None;
+    out_ << separator << Quoted(member.name) << ": "
+         << (isNull ? "null" : JsonOfValue(member.value));
     separator = ", ";
     ++count_;
   }
   out_ << '}';
+}
+
+std::vector<MemberValue> JsonWriter::membersOf(const TarnRef& node) const {
+  try {
+    return MembersOf(node);
+  } catch (const TarnException& error) {
+    if (error.getErrorID() >= ErrorID::Deadlock) throw;  // from the database
+    const std::string text = "The node at \"" + path() + "\" cannot be written as JSON. ";
+    throw TarnException((text + error.getError()).c_str(), error.getErrorID());
+  }
 }
 
 void JsonWriter::writeMember(std::string_view key, std::string_view json) {
@@ -105,15 +117,21 @@ void JsonWriter::breakLine() {
   out_ << '\n' << std::string(2 * std::min(levels_.size(), kDeepestIndentation), ' ');
 }
 
+// Of the node that is being written, from the one where the branch begins.
+std::string JsonWriter::path() const {
+  std::string path;
+  for (std::size_t i = 0; i + 1 < levels_.size(); ++i) {
+    if (i != 0) path += '~';
+    path += levels_[i].name;
+  }
+  return path;
+}
+
 void JsonWriter::throwCircle() const {
   TarnException error;
-  error << "The branch contains itself, which JSON cannot express: the node at \"";
-  const char* separator = "";
-  for (const Level& level : levels_) {
-    error << separator << level.name;
-    separator = "~";
-  }
-  error << "\" is one of those above it.";
+  error << "The branch contains itself, which JSON cannot express: the node at \"" << path();
+  if (levels_.size() > 1) error << "~";
+  error << levels_.back().name << "\" is one of those above it.";
   throw error;
 }
 

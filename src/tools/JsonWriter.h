@@ -42,6 +42,8 @@ class JsonWriter {
   void writeMember(std::string_view key, std::string_view json);
   void endLevel();
   void breakLine();
+  std::vector<MemberValue> membersOf(const TarnRef& node) const;
+  std::string path() const;
   [[noreturn]] void throwCircle() const;
 
   Output& out_;

@@ -2,19 +2,79 @@
 
 #include <tarns/core/TarnException.h>
 
+#include <algorithm>
 #include <chrono>
 #include <filesystem>
+#include <fstream>
+#include <sstream>
+#include <string_view>
 
 namespace tarns {
 
 namespace {
 
-[[noreturn]] void ThrowNoDatabase(const std::string& named) {
-  TarnException error;
-  error << "There is no database at \"" << named << "\"; make one with: tarns -d " << named
-        << " init";
+namespace fs = std::filesystem;
+
+constexpr std::string_view kDirectoryAddress = "file:";
+
+[[noreturn]] void ThrowNotFound(TarnException error) {
   error.setErrorID(ErrorID::FileNotFound);
   throw error;
+}
+
+// Whether there is something; throws when that cannot be found out.
+bool IsThere(const fs::path& path) {
+  std::error_code problem;
+  const fs::file_status status = fs::status(path, problem);
+  if (status.type() != fs::file_type::none) return fs::exists(status);
+  TarnException error;
+  error << "Cannot look for \"" << path.string() << "\": " << problem.message() << ".";
+  throw error;
+}
+
+// The directory that a line of a configuration file names; empty for none.
+std::string DirectoryIn(const std::string& line) {
+  const std::size_t address = line.find(kDirectoryAddress);
+  if (address == std::string::npos) return "";
+  std::string directory = line.substr(address + kDirectoryAddress.size());
+  directory.resize(std::min(directory.find('?'), directory.size()));
+  directory.resize(directory.find_last_not_of(" \t\r") + 1);
+  return directory;
+}
+
+bool IsEmpty(const fs::path& directory) {
+  std::error_code problem;  // which connecting will meet, too
+  return fs::is_empty(directory, problem) && !problem;
+}
+
+// Opening would make what is missing, which is right for init only. What else may be wrong with
+// the file is found out by connecting.
+void VerifyStorages(const std::string& configuration) {
+  std::ifstream lines(configuration);
+  std::string line;
+  std::size_t count = 0;
+  if (!std::getline(lines, line) || !(std::istringstream(line) >> count)) return;
+  for (; count != 0 && std::getline(lines, line); --count) {
+    const std::string named = DirectoryIn(line);
+    const fs::path directory = fs::path(configuration).parent_path() / named;
+    if (named.empty() || (IsThere(directory) && !IsEmpty(directory))) continue;
+    TarnException error;
+    error << "There is no storage at \"" << directory.string()
+          << "\", which the configuration file \"" << configuration << "\" names.";
+    ThrowNotFound(error);
+  }
+}
+
+std::string ExistingConfiguration(const Invocation& invocation) {
+  std::string configuration = ConfigurationOf(invocation);
+  if (!IsThere(configuration)) {
+    TarnException error;
+    error << "There is no database at \"" << invocation.database
+          << "\"; tarns init DIRECTORY makes one.";
+    ThrowNotFound(error);
+  }
+  VerifyStorages(configuration);
+  return configuration;
 }
 
 }  // namespace
@@ -29,17 +89,21 @@ std::string ConfigurationOf(const Invocation& invocation) {
   return (named / OpenDatabase::kConfigurationName).string();
 }
 
-OpenDatabase::OpenDatabase(const Invocation& invocation) {
-  const std::string configuration = ConfigurationOf(invocation);
-  std::error_code ignored;
-  if (!std::filesystem::exists(configuration, ignored)) ThrowNoDatabase(invocation.database);
+OpenDatabase::OpenDatabase(const Invocation& invocation)
+    : OpenDatabase(ExistingConfiguration(invocation), invocation.wait) {}
+
+OpenDatabase::OpenDatabase(const std::string& configuration, double wait) {
   TarnManager::Initialize();
   manager_.connect(configuration.c_str(),
-                   std::chrono::milliseconds(static_cast<long>(invocation.wait * 1000)));
+                   std::chrono::milliseconds(static_cast<long>(wait * 1000)));
   attachment_ = std::make_unique<TarnAttachment>(manager_);
 }
 
 OpenDatabase::~OpenDatabase() = default;
+
+void OpenDatabase::Make(const std::string& configuration, const Invocation& invocation) {
+  OpenDatabase(configuration, invocation.wait)->getRoot();
+}
 
 TarnRef OpenDatabase::node(const std::string& path) {
   TarnRef found = manager_.getObject(path);

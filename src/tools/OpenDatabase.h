@@ -18,9 +18,13 @@ class OpenDatabase {
   static constexpr const char* kConfigurationName = "tarns.conf";
 
   // Throws UsageError when no database was named, and what connecting throws: 17 when there is
-  // none, 105 when it is in use for longer than Invocation::wait.
+  // none, or one of its storages has not been made, 105 when it is in use for longer than
+  // Invocation::wait.
   explicit OpenDatabase(const Invocation& invocation);
   ~OpenDatabase();
+
+  // Makes the database that a configuration file describes.
+  static void Make(const std::string& configuration, const Invocation& invocation);
 
   TarnManager* operator->() { return &manager_; }
   TarnManager& operator*() { return manager_; }
@@ -29,6 +33,8 @@ class OpenDatabase {
   TarnRef node(const std::string& path);
 
  private:
+  OpenDatabase(const std::string& configuration, double wait);
+
   TarnManager manager_;
   std::unique_ptr<TarnAttachment> attachment_;
 };

@@ -2,10 +2,12 @@
 
 #include <fcntl.h>
 #include <sys/ioctl.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <cerrno>
 #include <cstdio>
+#include <filesystem>
 #include <system_error>
 #include <utility>
 
@@ -14,9 +16,17 @@ namespace tarns {
 namespace {
 
 constexpr std::size_t kUsualColumns = 80;
+constexpr int kMostLinks = 40;
 
-[[noreturn]] void ThrowSystemError(const std::string& what) {
-  throw std::system_error(errno, std::generic_category(), what);
+// Where a path leads through symbolic links, of which the last may lead to nothing yet.
+std::string BehindLinks(std::filesystem::path path) {
+  std::error_code error;
+  for (int links = 0; std::filesystem::is_symlink(path, error); ++links) {
+    const std::filesystem::path next = std::filesystem::read_symlink(path, error);
+    if (error || links == kMostLinks) break;
+    path = path.parent_path() / next;
+  }
+  return path.string();
 }
 
 }  // namespace
@@ -24,12 +34,30 @@ constexpr std::size_t kUsualColumns = 80;
 Output::Output(const std::string& path) {
   if (path == "-") return;
   path_ = path;
-  partPath_ = path + ".part" + std::to_string(::getpid());
-  file_ = ::open(partPath_.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0666);
-  if (file_ < 0) {
-    const std::string refused = std::exchange(partPath_, std::string());
-    ThrowSystemError("Cannot write \"" + refused + "\"");
+  const std::string target = BehindLinks(path);
+  struct stat info {};
+  const bool exists = ::stat(target.c_str(), &info) == 0;
+  if (exists && !S_ISREG(info.st_mode)) {
+    file_ = ::open(target.c_str(), O_WRONLY | O_CLOEXEC);
+    if (file_ < 0) throwCannotWrite();
+    return;
   }
+  if (exists && ::access(target.c_str(), W_OK) != 0) throwCannotWrite();
+  openPart(target);
+  if (!exists) return;
+  // Who may read the file goes on to be able to, and nobody else: without its group that means us.
+  const bool hasOwners = ::fchown(file_, info.st_uid, info.st_gid) == 0;
+  [[maybe_unused]] const int kept = ::fchmod(file_, info.st_mode & (hasOwners ? 0777 : 0700));
+}
+
+void Output::openPart(const std::string& target) {
+  watch_.emplace();
+  targetPath_ = target;
+  partPath_ = target + ".part" + std::to_string(::getpid());
+  file_ = ::open(partPath_.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0600);
+  if (file_ >= 0) return;
+  partPath_.clear();
+  throwCannotWrite();
 }
 
 Output::~Output() {
@@ -38,16 +66,19 @@ Output::~Output() {
   if (!partPath_.empty()) ::unlink(partPath_.c_str());
 }
 
+void Output::throwCannotWrite() const {
+  throw std::system_error(
+      errno, std::generic_category(),
+      path_.empty() ? "Cannot write the output" : "Cannot write \"" + path_ + "\"");
+}
+
 void Output::flush() {
   std::string_view rest = buffer_;
   while (!rest.empty()) {
     const ssize_t written = ::write(file_, rest.data(), rest.size());
     if (written < 0 && errno == EINTR) continue;
     if (written < 0 && errno == EPIPE) throw OutputClosed();
-    if (written < 0) {
-      ThrowSystemError(path_.empty() ? "Cannot write the output"
-                                     : "Cannot write \"" + path_ + "\"");
-    }
+    if (written < 0) throwCannotWrite();
     rest.remove_prefix(static_cast<std::size_t>(written));
   }
   buffer_.clear();
@@ -58,9 +89,9 @@ void Output::finish() {
   if (path_.empty()) return;
   const int file = std::exchange(file_, -1);
   const bool isStored = ::fsync(file) == 0 || errno == EINVAL;
-  if (::close(file) != 0 || !isStored || ::rename(partPath_.c_str(), path_.c_str()) != 0) {
-    ThrowSystemError("Cannot write \"" + path_ + "\"");
-  }
+  if (::close(file) != 0 || !isStored) throwCannotWrite();
+  if (partPath_.empty()) return;
+  if (::rename(partPath_.c_str(), targetPath_.c_str()) != 0) throwCannotWrite();
   partPath_.clear();
 }
 

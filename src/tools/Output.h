@@ -1,18 +1,24 @@
 #pragma once
 
 #include <cstddef>
+#include <optional>
 #include <string>
 #include <string_view>
+
+#include "tools/signals.h"
 
 namespace tarns {
 
 // Thrown when whoever read our output has closed it, as `head` does: the command then ends quietly.
 struct OutputClosed {};
 
-// Where results go: standard output, or a file that appears under its name only when it is
-// complete.
+// Where results go: standard output, or a file that appears under its name, or takes the place of
+// what it had in it, only when it is complete. A file that exists keeps its mode, a new one is for
+// its owner only; what is no regular file (a pipe, a device) is written to as it is. Symbolic links
+// are followed.
 //
-// Buffered. Errors: std::system_error when writing fails, OutputClosed. Threads: one.
+// Buffered. Errors: std::system_error when writing fails, naming the file; OutputClosed. Signals
+// are watched for while there is an incomplete file. Threads: one.
 class Output {
  public:
   Output() = default;                        // standard output
@@ -40,9 +46,14 @@ class Output {
  private:
   static constexpr std::size_t kBufferSize = 64 * 1024;  // bytes
 
+  void openPart(const std::string& target);
+  [[noreturn]] void throwCannotWrite() const;
+
   std::string buffer_;
-  std::string path_;      // empty for standard output
-  std::string partPath_;  // the file until it is complete; empty when there is none
+  std::string path_;        // as it was given; empty for standard output
+  std::string targetPath_;  // where the file comes to be; empty when it is written to as it is
+  std::string partPath_;    // the file until it is complete; empty when there is none
+  std::optional<SignalWatch> watch_;  // to remove that
   int file_ = 1;
 };
 

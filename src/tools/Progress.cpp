@@ -32,4 +32,10 @@ void Progress::show(std::uint64_t done, std::uint64_t count) {
   }
 }
 
+void Progress::showLastStep(const char* step) {
+  if (!isWanted_ || Clock::now() - start_ < kInterval) return;
+  isShown_ = true;
+  std::fprintf(stderr, "%s%s: %s", kWipe, task_.c_str(), step);
+}
+
 }  // namespace tarns

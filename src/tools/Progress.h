@@ -19,6 +19,9 @@ class Progress {
 
   // `done` in bytes; `count`: values so far. Cheap to call often.
   void show(std::uint64_t done, std::uint64_t count);
+  // The step that ends the task and cannot tell how far it is; shown at once, unless the task was
+  // so short that this cannot take long either.
+  void showLastStep(const char* step);
 
  private:
   using Clock = std::chrono::steady_clock;
@@ -27,7 +30,8 @@ class Progress {
   const bool isWanted_ = TalksToTerminal();
   const std::string task_;
   const std::uint64_t total_;
-  Clock::time_point next_ = Clock::now() + std::chrono::seconds(1);
+  const Clock::time_point start_ = Clock::now();
+  Clock::time_point next_ = start_ + std::chrono::seconds(1);
   unsigned calls_ = 0;
   bool isShown_ = false;
 };

@@ -1,8 +1,11 @@
 #include <tarns/core/TarnException.h>
 #include <tarns/tarns_version.h>
 
+#include <cmath>
 #include <cstdio>
+#include <cstdlib>
 #include <exception>
+#include <filesystem>
 #include <map>
 #include <string>
 
@@ -32,6 +35,9 @@ int RunAction(const Invocation& invocation) {
     EndBySignal();
   } catch (const OutputClosed&) {
     EndBySignal();
+  } catch (const std::filesystem::filesystem_error& error) {
+    return Complain("\"" + error.path1().string() + "\": " + error.code().message() + ".",
+                    ExitStatus::kFailure);
   } catch (const std::exception& error) {
     return Complain(error.what(), ExitStatus::kFailure);
   }
@@ -49,7 +55,12 @@ void AddSharedOptions(CLI::App& app, Invocation& invocation) {
   app.add_option("--wait", invocation.wait,
                  "Wait so long for a database that another program uses (default 2)")
       ->type_name("SECONDS")
-      ->check(CLI::Range(0.0, 1e6));
+      ->check(CLI::Range(0.0, 1e6))
+      ->check(
+          [](const std::string& text) {
+            return std::isnan(std::strtod(text.c_str(), nullptr)) ? "not a number" : std::string();
+          },
+          "");
   app.add_option("--format", invocation.format,
                  "tree, table, json or raw; by default what suits a terminal or a pipe")
       ->type_name("FORMAT")
@@ -60,7 +71,7 @@ void AddSharedOptions(CLI::App& app, Invocation& invocation) {
 }  // namespace
 
 int RunCommand(int argc, char** argv) {
-  WatchSignals();
+  IgnoreBrokenPipes();
   Invocation invocation;
   CLI::App app("A database of named, typed values in a tree. Paths are names joined by \"~\".",
                "tarns");

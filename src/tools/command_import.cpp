@@ -1,8 +1,9 @@
+#include <tarns/core/TarnException.h>
+#include <tarns/session/TarnTransaction.h>
+
 #include <cstdio>
 #include <memory>
 #include <optional>
-
-#include <tarns/session/TarnTransaction.h>
 
 #include "tools/Invocation.h"
 #include "tools/JsonImporter.h"
@@ -46,8 +47,11 @@ class Batches {
   std::optional<TarnTransaction> transaction_;
 };
 
-void SayWhatWasKept(std::uint64_t kept) {
-  if (kept == 0) {
+// `isKnown`: false when the outcome of a commit is not.
+void SayWhatWasKept(std::uint64_t kept, bool isKnown) {
+  if (!isKnown) {
+    std::fputs("tarns: It is not known how much was imported.\n", stderr);
+  } else if (kept == 0) {
     std::fputs("tarns: Nothing was imported.\n", stderr);
   } else {
     std::fprintf(stderr, "tarns: The first %llu values were imported.\n",
@@ -60,6 +64,7 @@ int Import(const Invocation& invocation, const ImportOptions& options) {
   OpenDatabase database(invocation);
   std::uint64_t kept = 0;
   try {
+    SignalWatch watch;  // to say what was kept
     Progress progress("Importing", input.getSize());
     Batches batches(*database, options.batch);
     JsonImporter importer(*database, input, [&](std::uint64_t count) {
@@ -68,9 +73,14 @@ int Import(const Invocation& invocation, const ImportOptions& options) {
       progress.show(input.getPosition(), count);
     });
     importer.read(options.path);
+    watch.end();
+    progress.showLastStep("storing");
     batches.finish();
+  } catch (const TarnException& error) {
+    SayWhatWasKept(kept, error.getErrorID() != ErrorID::OutcomeUnknown);
+    throw;
   } catch (...) {
-    SayWhatWasKept(kept);
+    SayWhatWasKept(kept, true);
     throw;
   }
   return ExitStatus::kDone;

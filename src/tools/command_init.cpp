@@ -1,8 +1,12 @@
+#include <sys/stat.h>
 #include <tarns/core/TarnException.h>
 #include <tarns/util/FileFP.h>
 
+#include <cerrno>
 #include <filesystem>
 #include <memory>
+#include <system_error>
+#include <vector>
 
 #include "tools/Invocation.h"
 #include "tools/OpenDatabase.h"
@@ -13,21 +17,66 @@ namespace {
 
 constexpr const char* kConfiguration = "1\n0: file:./data\n";
 
+namespace fs = std::filesystem;
+
+// What init has made so far, taken away again unless it is kept. What was there before stays.
+class Undo {
+ public:
+  Undo() = default;
+  ~Undo() {
+    std::error_code ignored;  // there is an error on its way that matters more
+    for (; !made_.empty(); made_.pop_back()) fs::remove_all(made_.back(), ignored);
+  }
+  Undo(const Undo&) = delete;
+  Undo& operator=(const Undo&) = delete;
+
+  // To be called before it is made.
+  void note(const fs::path& path) {
+    if (!fs::exists(fs::symlink_status(path))) made_.push_back(path);
+  }
+  void keep() { made_.clear(); }
+
+ private:
+  std::vector<fs::path> made_;
+};
+
+[[noreturn]] void ThrowAlready(const std::string& database) {
+  TarnException error;
+  error << "There is a database at \"" << database << "\" already.";
+  throw error;
+}
+
+void MakeDirectory(const fs::path& place, Undo& undo) {
+  fs::path made;
+  for (const fs::path& part : place) {
+    made /= part;
+    if (fs::is_directory(made)) continue;
+    undo.note(made);
+    if (::mkdir(made.c_str(), 0700) == 0) continue;
+    const int reason = errno;
+    TarnException error;
+    error << "Cannot make the directory \"" << made.string()
+          << "\": " << std::generic_category().message(reason) << ".";
+    throw error;
+  }
+}
+
+// The configuration comes last: with it the database is there.
 int Init(Invocation& invocation, const std::string& directory) {
   if (!directory.empty()) invocation.database = directory;
   if (invocation.database.empty()) throw UsageError{"Name the directory to make the database in."};
-  const std::filesystem::path place(invocation.database);
-  const std::string configuration = (place / OpenDatabase::kConfigurationName).string();
-  if (std::filesystem::exists(configuration)) {
-    TarnException error;
-    error << "There is a database at \"" << invocation.database << "\" already.";
-    throw error;
-  }
-  if (std::filesystem::create_directories(place)) {
-    std::filesystem::permissions(place, std::filesystem::perms::owner_all);
-  }
-  FileFP::WriteToFile(configuration.c_str(), kConfiguration);
-  OpenDatabase(invocation)->getRoot();
+  const fs::path place(invocation.database);
+  const fs::path configuration = place / OpenDatabase::kConfigurationName;
+  if (fs::exists(fs::symlink_status(configuration))) ThrowAlready(invocation.database);
+  Undo undo;
+  MakeDirectory(place, undo);
+  undo.note(place / "data");
+  const fs::path unfinished = configuration.string() + ".new";
+  undo.note(unfinished);
+  FileFP::WriteToFile(unfinished.c_str(), kConfiguration);
+  OpenDatabase::Make(unfinished.string(), invocation);
+  fs::rename(unfinished, configuration);
+  undo.keep();
   return ExitStatus::kDone;
 }
 

@@ -18,7 +18,7 @@ namespace {
 struct SetOptions {
   std::string path;
   std::optional<std::string> text;
-  std::string file;
+  std::optional<std::string> file;
   std::string type;
 };
 
@@ -34,11 +34,11 @@ std::string ReadAll(const std::string& file) {
 }
 
 std::optional<std::string> TextOf(const SetOptions& options) {
-  if (options.file.empty()) return options.text;
+  if (!options.file) return options.text;
   if (options.text) throw UsageError{"Give either a value or --file."};
-  std::string text = ReadAll(options.file);
+  std::string text = ReadAll(*options.file);
   if (text.find('\0') != std::string::npos) {
-    throw UsageError{"A text cannot hold NUL bytes, as \"" + options.file + "\" does."};
+    throw UsageError{"A text cannot hold NUL bytes, as \"" + *options.file + "\" does."};
   }
   return text;
 }
@@ -74,7 +74,7 @@ void StoreGuessed(TarnManager& manager, const SetOptions& options, const std::st
   const auto before = manager.valueAt(options.path);
   if (!before) {
     // What comes from a file is text, whatever it looks like.
-    manager.set(options.path, options.file.empty() ? GuessValue(text) : TarnData(text));
+    manager.set(options.path, options.file ? TarnData(text) : GuessValue(text));
     return;
   }
   const auto value = ValueOfType(text, before->getType());
@@ -91,7 +91,7 @@ int Set(const Invocation& invocation, const SetOptions& options) {
   OpenDatabase database(invocation);
   database->transaction([&] {
     if (!text) {
-      database->set(options.path);
+      database->getNoFail(options.path);
     } else if (options.type.empty()) {
       StoreGuessed(*database, options, *text);
     } else {
@@ -107,7 +107,7 @@ void AddSet(CLI::App& app, Invocation& invocation) {
   CLI::App& command = AddCommand(
       app, "set",
       "Store a value; a new one gets the type that fits: true and false, numbers as JSON writes "
-      "them, otherwise text. Without a value, make a plain node",
+      "them, otherwise text. Without a value, make a plain node where nothing is",
       "tarns -d data set machines~press~speed 40",
       "tarns -d data set machines~press~serial 0042 --type String");
   auto options = std::make_shared<SetOptions>();

@@ -1,5 +1,7 @@
 #include "tools/json_values.h"
 
+#include <tarns/core/TarnException.h>
+
 #include <bit>
 #include <charconv>
 #include <cmath>
@@ -22,6 +24,15 @@ std::string Typed(TarnData::Type type, const std::string& json) {
 
 template <class Real>
 using BitsOf = std::conditional_t<sizeof(Real) == 8, std::uint64_t, std::uint32_t>;
+
+template <class Real>
+BitsOf<Real> BitsOfReal(const TarnData& value) {
+  if constexpr (sizeof(Real) == 8) {
+    return std::bit_cast<std::uint64_t>(value.getDouble());
+  } else {
+    return std::bit_cast<std::uint32_t>(value.getFloat());
+  }
+}
 
 template <class Real>
 std::string WordOfReal(Real value) {
@@ -47,7 +58,11 @@ std::optional<TarnData> RealOfWord(std::string_view word) {
   const auto [end, error] = std::from_chars(word.data(), word.data() + word.size(), bits, 16);
   if (error != std::errc() || end != word.data() + word.size()) return std::nullopt;
   const Real value = std::bit_cast<Real>(bits);
-  return std::isnan(value) ? std::optional<TarnData>(value) : std::nullopt;
+  if (!std::isnan(value)) return std::nullopt;
+  const TarnData kept(value);
+  // A signalling NaN of 32 bits becomes a quiet one on its way through a Double.
+  if (BitsOfReal<Real>(kept) != bits) return std::nullopt;
+  return kept;
 }
 
 template <class To, class From>
@@ -92,6 +107,25 @@ std::optional<TarnData> Integer(From value, TarnData::Type type) {
   }
 }
 
+bool IsSameNumber(const TarnData& given, const TarnData& stored) {
+  if (given.isRealNumber() && stored.isRealNumber()) {
+    const double left = given.getDouble(), right = stored.getDouble();
+    return left == right && std::signbit(left) == std::signbit(right);
+  }
+  if (given.isRealNumber() || stored.isRealNumber()) {
+    const TarnData& integer = given.isRealNumber() ? stored : given;
+    const TarnData& real = given.isRealNumber() ? given : stored;
+    const auto exact = integer.isSignedInteger() ? IntegerAs<double>(integer.getSint64())
+                                                 : IntegerAs<double>(integer.getUint64());
+    return exact && exact->getDouble() == real.getDouble();
+  }
+  if (given.isSignedInteger() == stored.isSignedInteger()) {
+    return given.getUint64() == stored.getUint64();
+  }
+  const TarnData& isSigned = given.isSignedInteger() ? given : stored;
+  return isSigned.getSint64() >= 0 && given.getUint64() == stored.getUint64();
+}
+
 }  // namespace
 
 std::string JsonOfValue(const TarnData& value) {
@@ -115,6 +149,8 @@ std::string JsonOfValue(const TarnData& value) {
       const bool isBeyondSint64 = !std::in_range<std::int64_t>(value.getUint64());
       return isBeyondSint64 ? ValueText(value) : Typed(TarnData::Uint64, ValueText(value));
     }
+    case TarnData::None:
+      throw TarnException("The empty value cannot be written as JSON.", ErrorID::Unspecified);
     default:
       return Typed(value.getType(), ValueText(value));
   }
@@ -149,6 +185,27 @@ std::optional<TarnData> TypedText(std::string_view text, TarnData::Type type) {
 
 std::optional<TarnData> TypedBoolean(bool value, TarnData::Type type) {
   return type == TarnData::Boolean ? std::optional<TarnData>(value) : std::nullopt;
+}
+
+bool IsSameValue(const TarnData& given, const TarnData& stored) {
+  const auto isNumber = [](const TarnData& value) {
+    return value.isInteger() || value.isRealNumber();
+  };
+  if (given.getType() != stored.getType()) {
+    const bool isEmptyText = given.isString() && given.getText().empty();
+    if (isEmptyText && stored.getType() == TarnData::None) return true;
+    return isNumber(given) && isNumber(stored) && IsSameNumber(given, stored);
+  }
+  switch (given.getType()) {
+    case TarnData::Double:
+      return BitsOfReal<double>(given) == BitsOfReal<double>(stored);
+    case TarnData::Float:
+      return BitsOfReal<float>(given) == BitsOfReal<float>(stored);
+    case TarnData::String:
+      return given.getText() == stored.getText();
+    default:
+      return given.getUint64() == stored.getUint64();
+  }
 }
 
 }  // namespace tarns

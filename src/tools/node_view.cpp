@@ -2,10 +2,13 @@
 
 #include <tarns/core/TarnException.h>
 #include <tarns/schema/TarnClassDescriptor.h>
+#include <tarns/schema/TarnFieldDescriptor.h>
 #include <tarns/schema/TarnMember.h>
 #include <tarns/session/TarnRoot.h>
+#include <tarns/util/XStringList.h>
 
 #include <charconv>
+#include <functional>
 #include <string_view>
 
 #include "tools/TarnJsonNodes.h"
@@ -41,22 +44,42 @@ bool IsComplete(const TarnRef& node, std::size_t count) {
   return true;
 }
 
-std::vector<std::string> MemberNames(const TarnRef& node) {
-  std::vector<std::string> names;
+using MemberVisit = std::function<void(const TarnFieldDescriptor& field, const XString& name)>;
+
+// For every member, and for every element of an array.
+void ForEachMember(const TarnRef& node, const MemberVisit& visit) {
   node->getClass().iterateFields(
-      [](const TarnFieldDescriptor& field, const void* into) {
-        auto& list = *static_cast<std::vector<std::string>*>(const_cast<void*>(into));
-        XString name;
-        field.getName(name);
-        const bool isArray = field.getNumItems() > 1 && !field.isNullTerminated();
-        if (!isArray) list.emplace_back(name.view());
-        for (unsigned long i = 0; isArray && i < field.getNumItems(); ++i) {
-          list.push_back(TarnMember::GetElementName(name.view(), i));
+      [](const TarnFieldDescriptor& field, const void* function) {
+        for (unsigned long i = 0; i < field.getNumNames(); ++i) {
+          (*static_cast<const MemberVisit*>(function))(field, field.getNameOfItem(i));
         }
         return true;
       },
-      &names, true);
-  return names;
+      &visit, true);
+}
+
+// Whether the member refers to what is neither a text nor null.
+bool RefersElsewhere(const TarnObject& node, const TarnFieldDescriptor& field, const char* name,
+                     const TarnData& value) {
+  if (field.getType() != goods::field_type::reference) return false;
+  TarnRef target;
+  field.copyFrom(&node, target, name);
+  if (!target.is_null()) return true;
+  if (value.getType() != TarnData::None || field.isForNodes()) return false;
+  XStringList state;  // of the target, whatever it is
+  field.writeBlobTo(&node, state);
+  return !state.isEmpty();
+}
+
+TarnData ValueOf(const TarnRef& node, const TarnFieldDescriptor& field, const char* name) {
+  const auto body = *node;
+  TarnData value(TarnData::Uint64);  // an enumeration gives its number
+  field.getValue(*body, name, value);
+  if (!RefersElsewhere(*body, field, name, value)) return value;
+  TarnException error;
+  error << "The member \"" << name << "\" of the class \"" << goods::class_of(node).name()
+        << "\" refers to another node, which JSON cannot express.";
+  throw error;
 }
 
 }  // namespace
@@ -71,18 +94,16 @@ NodeView::NodeView(const TarnRef& node)
 
 std::vector<MemberValue> MembersOf(const TarnRef& node) {
   std::vector<MemberValue> members;
-  for (std::string& name : MemberNames(node)) {
-    TarnData value(TarnData::Uint64);  // an enumeration gives its number
-    if (node->get(name.c_str(), value)) {
-      members.push_back({std::move(name), std::move(value)});
-    } else if (!node->getChildWithName(name.c_str()).is_null()) {
-      TarnException error;
-      error << "The member \"" << name << "\" of the class \"" << goods::class_of(node).name()
-            << "\" refers to another node, which JSON cannot express.";
-      throw error;
-    }
-  }
+  ForEachMember(node, [&](const TarnFieldDescriptor& field, const XString& name) {
+    members.push_back({std::string(name.view()), ValueOf(node, field, name)});
+  });
   return members;
+}
+
+TarnData MemberOf(const TarnRef& node, const std::string& name) {
+  const TarnFieldDescriptor* field = node->getClass().findField(name.c_str());
+  if (field == nullptr) TarnException::ThrowNonExistentValue(name.c_str());
+  return ValueOf(node, *field, name.c_str());
 }
 
 ChildSource::ChildSource(const TarnRef& node) : node_(node) {

@@ -23,13 +23,16 @@ struct NodeView {
   bool isPlainValue;        // of the class that the value's type has by itself
 };
 
-// The value members of an application's class, elements of arrays singly.
+// The members of an application's class, elements of arrays singly. A null text and a null
+// reference have the type None; an enumeration gives its number.
 struct MemberValue {
   std::string name;
   TarnData value;
 };
-// Throws when the node has a member that is a reference to another node, which has no value.
+// Throws when a member refers to another node, or to anything else that is no text.
 std::vector<MemberValue> MembersOf(const TarnRef& node);
+// One of them; throws likewise, and 7 when there is no such member.
+TarnData MemberOf(const TarnRef& node, const std::string& name);
 
 // The children of a node one after the other: in the order of their names or, for an array that
 // came from JSON and is complete, in the order of its elements.

@@ -1,6 +1,7 @@
 #pragma once
 
 #include <fcntl.h>
+#include <signal.h>
 #include <spawn.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -21,7 +22,8 @@ struct program_result {
 };
 
 // Runs a program to its end. `arguments` begin with its path, `input` is its standard input.
-// Errors: std::system_error when it cannot be started.
+// Signals do what they usually do, also where the tests were started to ignore some. Errors:
+// std::system_error when it cannot be started.
 inline program_result run_program(const std::vector<std::string>& arguments,
                                   const std::string& input = {}) {
   const scratch_directory files;
@@ -38,9 +40,16 @@ inline program_result run_program(const std::vector<std::string>& arguments,
     pointers.push_back(const_cast<char*>(argument.c_str()));
   }
   pointers.push_back(nullptr);
+  posix_spawnattr_t attributes;
+  ::posix_spawnattr_init(&attributes);
+  sigset_t signals;
+  ::sigfillset(&signals);
+  ::posix_spawnattr_setsigdefault(&attributes, &signals);
+  ::posix_spawnattr_setflags(&attributes, POSIX_SPAWN_SETSIGDEF);
   pid_t process = 0;
   const int failure =
-      ::posix_spawn(&process, pointers[0], &actions, nullptr, pointers.data(), environ);
+      ::posix_spawn(&process, pointers[0], &actions, &attributes, pointers.data(), environ);
+  ::posix_spawnattr_destroy(&attributes);
   ::posix_spawn_file_actions_destroy(&actions);
   if (failure != 0) throw std::system_error(failure, std::generic_category(), arguments[0]);
   int status = 0;

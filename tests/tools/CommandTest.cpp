@@ -48,6 +48,9 @@ TEST_F(CommandTest, AnswersAsInTheManual) {
       {{"set", "m~press~load", "-2.5e3"}, "", 0, "", ""},
       {{"set", "m~press~serial", "0042"}, "", 0, "", ""},
       {{"set", "m~saw"}, "", 0, "", ""},
+      {{"set", "m~press~speed"}, "", 0, "", ""},
+      {{"set", "m~press~load"}, "", 0, "", ""},
+      {{"set", "m~press~on", "--file", ""}, "", 3, "", "\"\""},
       {{"get", "m~press~speed"}, "", 0, "40\n", ""},
       {{"get", "m~press~load", "m~press~on"}, "", 0, "-2500\ntrue\n", ""},
       {{"--format", "table", "get", "m~press~serial", "m~press~load"},
@@ -228,12 +231,12 @@ TEST_F(CommandTest, AnInterruptedImportLeavesNothingOrItsBatches) {
     std::string script = "\"$0\" \"$@\" < '" + pipe + "' & sleep 0.1; exec 3> '" + pipe +
                          "'; printf '{\"a\": 1, \"b\": 2, \"c\": 3, ' >&3; "
                          "head -c 70000 /dev/zero | tr '\\0' ' ' >&3; sleep 1; "
-                         "kill -INT $!; printf '\"d\": 4' >&3; exec 3>&-; wait $!";
+                         "kill -TERM $!; wait $!";
     std::vector<std::string> arguments{"/bin/bash", "-mc",      script,   PROGRAM_TARNS_COMMAND,
                                        "-d",        database(), "import", "-"};
     arguments.insert(arguments.end(), c.options.begin(), c.options.end());
     const program_result result = run_program(arguments);
-    EXPECT_EQ(result.status, 128 + SIGINT);
+    EXPECT_EQ(result.status, 128 + SIGTERM);
     EXPECT_THAT(result.err, HasSubstr(c.err));
     EXPECT_EQ(run({"ls"}).out, c.left);
   }
@@ -250,6 +253,34 @@ TEST_F(CommandTest, AClosedPipeEndsItWithoutAWord) {
   EXPECT_EQ(result.err, "");
 }
 
+TEST_F(CommandTest, ASignalEndsAnyCommandAndLeavesTheDatabaseAsItWas) {
+  std::string json = "{";
+  for (int i = 0; i < 60'000; ++i) json += "\"name " + std::to_string(i) + "\": 1, ";
+  ASSERT_EQ(run({"import", "-", "a"}, json + "\"x\": 1}").status, 0);
+  struct Case {
+    std::vector<std::string> arguments;
+    const char* input;  // a shell command whose output the command reads
+  };
+  const Case cases[] = {
+      {{"cp", "a", "b"}, "true"},
+      {{"mv", "--merge", "a", ""}, "true"},
+      {{"import", "-", "c"}, "printf '{\"x\": '; sleep 100"},
+      {{"set", "d", "--file", "-"}, "sleep 100"},
+  };
+  for (const Case& c : cases) {
+    SCOPED_TRACE(testing::PrintToString(c.arguments));
+    const std::string script = std::string("exec 3< <(") + c.input +
+                               "); \"$0\" \"$@\" <&3 & sleep 0.1; kill -TERM $!; wait $!";
+    std::vector<std::string> all{"/bin/bash",           "-mc", script,
+                                 PROGRAM_TARNS_COMMAND, "-d",  database()};
+    all.insert(all.end(), c.arguments.begin(), c.arguments.end());
+    const program_result result = run_program(all);
+    EXPECT_EQ(result.status, 128 + SIGTERM);
+    EXPECT_EQ(run({"ls"}).out, "a\n");
+    EXPECT_EQ(run({"get", "a~x"}).out, "1\n");
+  }
+}
+
 TEST_F(CommandTest, AFileAppearsWhenItIsComplete) {
   const std::string file = directory().file("out.json");
   ASSERT_EQ(run({"set", "a", "1"}).status, 0);
@@ -258,6 +289,79 @@ TEST_F(CommandTest, AFileAppearsWhenItIsComplete) {
   EXPECT_EQ(std::string(std::istreambuf_iterator<char>(in), {}), "{\n  \"a\": 1\n}\n");
   EXPECT_EQ(run({"export", "missing", file + "2"}).status, 1);
   EXPECT_FALSE(std::filesystem::exists(file + "2"));
+}
+
+TEST_F(CommandTest, ExportKeepsWhatItsFileIs) {
+  ASSERT_EQ(run({"set", "a", "1"}).status, 0);
+  const std::string expected = "{\n  \"a\": 1\n}\n";
+  const auto content = [](const std::string& path) {
+    std::ifstream in(path);
+    return std::string(std::istreambuf_iterator<char>(in), {});
+  };
+  namespace fs = std::filesystem;
+  const auto mode = [](const std::string& path) {
+    return static_cast<unsigned>(fs::status(path).permissions());
+  };
+  // A new file is for its owner only, one that exists keeps its mode.
+  const std::string file = directory().file("file");
+  ASSERT_EQ(run({"export", "", file}).status, 0);
+  EXPECT_EQ(mode(file), 0600U);
+  fs::permissions(file, fs::perms(0640));
+  ASSERT_EQ(run({"export", "", file}).status, 0);
+  EXPECT_EQ(mode(file), 0640U);
+  // Links stay links, also one that leads nowhere yet.
+  for (const char* target : {"file", "sub/new"}) {
+    const std::string link = directory().file("link");
+    fs::remove(link);
+    fs::create_directory(directory().file("sub"));
+    fs::create_symlink(target, link);
+    ASSERT_EQ(run({"export", "", link}).status, 0);
+    EXPECT_TRUE(fs::is_symlink(link));
+    EXPECT_EQ(content(directory().file(target)), expected);
+  }
+  // A pipe stays a pipe.
+  const std::string pipe = directory().file("pipe");
+  ASSERT_EQ(::mkfifo(pipe.c_str(), 0600), 0);
+  std::string read;
+  std::thread reader([&] { read = content(pipe); });
+  EXPECT_EQ(run({"export", "", pipe}).status, 0);
+  if (!fs::is_fifo(pipe)) std::ofstream(directory().file("pipe"));
+  reader.join();
+  EXPECT_TRUE(fs::is_fifo(pipe));
+  EXPECT_EQ(read, expected);
+  const program_result refused = run({"export", "", directory().file("sub")});
+  EXPECT_EQ(refused.status, 3);
+  EXPECT_THAT(refused.err, HasSubstr("Cannot write \"" + directory().file("sub") + "\""));
+}
+
+TEST_F(CommandTest, OnlyInitMakesADatabaseAndAllOfItOrNothing) {
+  namespace fs = std::filesystem;
+  const std::string command = PROGRAM_TARNS_COMMAND;
+  const std::string place = directory().file("new/nested");
+  // A file in the way of the store.
+  fs::create_directories(place);
+  std::ofstream(place + "/data") << "mine";
+  EXPECT_EQ(run_program({command, "init", place}).status, 3);
+  EXPECT_EQ(std::distance(fs::directory_iterator(place), fs::directory_iterator()), 1);
+  fs::remove(place + "/data");
+  EXPECT_EQ(run_program({command, "init", place}).status, 0);
+  EXPECT_EQ(run_program({command, "-d", place, "set", "a", "1"}).status, 0);
+  // A file in the way of the directory, below one that is not there yet.
+  std::ofstream(directory().file("file")) << "mine";
+  const program_result blocked = run_program({command, "init", directory().file("file/db")});
+  EXPECT_EQ(blocked.status, 3);
+  EXPECT_THAT(blocked.err, HasSubstr("Cannot make the directory"));
+  // A configuration whose storage nobody has made.
+  const std::string configuration = directory().file("other.conf");
+  for (const char* storages : {"1\n0: file:./typo\n", "1\r\n0:  file:typo?durability=full \r\n"}) {
+    std::ofstream(configuration) << storages;
+    const program_result result = run_program({command, "-d", configuration, "ls"});
+    EXPECT_EQ(result.status, 3);
+    EXPECT_THAT(result.err, HasSubstr("There is no storage at"));
+    EXPECT_FALSE(fs::exists(directory().file("typo")));
+  }
+  std::ofstream(configuration) << "1\n0: file:./new/nested/data?durability=full\nmore\n";
+  EXPECT_EQ(run_program({command, "-d", configuration, "get", "a"}).out, "1\n");
 }
 
 }  // namespace

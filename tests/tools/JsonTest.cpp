@@ -8,6 +8,7 @@
 #include <cmath>
 #include <limits>
 
+#include "examples/Machine.h"
 #include "support/session_fixture.h"
 #include "support/throws_tarn.h"
 #include "tools/BranchWalk.h"
@@ -212,6 +213,10 @@ TEST_F(JsonTest, ImportMergesObjectsAndReplacesTheRest) {
       {R"({"a":{"~value":5,"x":1}})", R"({"a":6})", R"({"a":6})"},
       {R"({"a":{"~value":5,"x":1}})", R"({"a":{"~value":6}})", R"({"a":{"x":1,"~value":6}})"},
       {R"({"a":null})", R"({"a":{}})", R"({"a":{}})"},
+      {R"({"a":1,"~2=a":2,"~3=a":{}})", R"({"~=a":3,"~2=a":4,"~3=a":[],"~4=a":5})",
+       R"({"a":3,"~2=a":4,"~3=a":[],"~4=a":5})"},
+      {R"({"a":1,"~2=a":{"b":2}})", R"({"a":{},"~2=a":{"c":3}})",
+       R"({"a":{},"~2=a":{"b":2,"c":3}})"},
   };
   for (const Case& c : cases) {
     SCOPED_TRACE(testing::Message() << c.before << " then " << c.then);
@@ -224,6 +229,101 @@ TEST_F(JsonTest, ImportMergesObjectsAndReplacesTheRest) {
   EXPECT_EQ(picture(), "top{b=1}");
 }
 
+TEST_F(JsonTest, ImportChangesNothingAboveItsTarget) {
+  const TarnData values[] = {5, 2.5, std::int8_t{-3}, false, "text", std::uint64_t{7}};
+  for (const TarnData& value : values) {
+    SCOPED_TRACE(value.getTypeAsString());
+    manager().set("v", value);
+    import(R"({"x":1})", "v~below");
+    import("2", "v~x");
+    import("3", "v~new~y");
+    EXPECT_EQ(manager().valueAt("v")->getType(), value.getType());
+    EXPECT_EQ(manager().valueAt("v")->compare(value), 0);
+    EXPECT_EQ(manager().getSint32("v~new~y"), 3);
+    manager().deleteBranch("v");
+  }
+  for (const char* path : {"v~", "~v", "v~~w"}) {
+    EXPECT_THAT([&] { import("1", path); }, ThrowsTarn(8, testing::_)) << path;
+  }
+  EXPECT_EQ(picture(), "");
+}
+
+TEST_F(JsonTest, ValuesThatFitAClassAreTaken) {
+  import(R"({"a":{"~class":"TarnSint8Value","~value":-128},
+             "b":{"~class":"TarnDoubleValue","~value":3},
+             "c":{"~class":"TarnUint8Value","~value":{"~Sint32":255}},
+             "d":{"~class":"TarnFloatValue","~value":0.5}})",
+         "x");
+  EXPECT_EQ(picture("x"), "a=-128 b=3.000000 c=255 d=0.500000");
+  EXPECT_EQ(manager().valueAt("x~c")->getType(), TarnData::Uint8);
+}
+
+TEST_F(JsonTest, NodesOfApplicationsComeBackWithTheirMembers) {
+  manager().set("m~plain", Machine::Create());
+  const xcptref<Machine> press = Machine::Create();
+  modify(press)->setSpeed(-1200);
+  modify(press)->setLoad(0, 0.1);
+  modify(press)->setLoad(2, std::numeric_limits<double>::infinity());
+  modify(press)->setState(Machine::State::kBroken);
+  modify(press)->setChildValue("Serial", TarnData("P-\xFF"));
+  modify(press)->setLabel("the old\npress");
+  manager().set("m~press", press);
+  manager().set("m~press~part~Speed", 5);
+  const std::string text = exported("m");
+  EXPECT_THAT(text, HasSubstr(R"("Label": null, "Feeder": null})"));
+  EXPECT_THAT(text, HasSubstr(R"("State": {"~Uint8": 3})"));
+  import(text, "n");
+  EXPECT_EQ(exported("n"), text);
+  import(text, "m");
+  EXPECT_EQ(exported("m"), text);
+  const xcptref<Machine> read = manager().getObject("n~press");
+  EXPECT_EQ(read->getSpeed(), -1200);
+  EXPECT_EQ(read->getLoad(0), 0.1);
+  EXPECT_EQ(read->getState(), Machine::State::kBroken);
+  EXPECT_EQ(read->getLabel(), "the old\npress");
+  // What is not mentioned stays, null clears.
+  import(R"({"~class":"Machine","~members":{"Speed":7,"Label":null}})", "n~press");
+  EXPECT_EQ(read->getSpeed(), 7);
+  EXPECT_EQ(read->getLabel(), "");
+  EXPECT_EQ(read->getLoad(0), 0.1);
+}
+
+TEST_F(JsonTest, MembersThatDoNotFitOrReferToNodesAreRefused) {
+  manager().set("m~press", Machine::Create());
+  struct Case {
+    const char *members, *error;
+  };
+  const Case cases[] = {
+      {R"({"Speed":1e12})", "\"Speed\""},
+      {R"({"Speed":2147483648})", "\"Speed\""},
+      {R"({"Speed":"12"})", "\"Speed\""},
+      {R"({"Speed":1.5})", "\"Speed\""},
+      {R"({"Speed":null})", "\"Speed\" of the class \"Machine\" cannot be null"},
+      {R"({"State":256})", "\"State\""},
+      {R"({"Serial":"much too long"})", "\"Serial\""},
+      {R"({"Loads_0":true})", "\"Loads_0\""},
+      {R"({"Loads_3":1.0})", "has no member \"Loads_3\""},
+      {R"({"Loads":1.0})", "has no member \"Loads\""},
+      {R"({"Feeder":5})", ""},
+      {R"({"Feeder":{}})", "only a value"},
+      {R"({"Label":5})", "\"Label\""},
+  };
+  const std::string before = exported("m");
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.members);
+    const std::string text = std::string(R"({"~class":"Machine","~members":)") + c.members + "}";
+    EXPECT_THAT([&] { import(text, "m~press"); },
+                testing::Throws<TarnException>(
+                    testing::Property(&TarnException::getError, HasSubstr(c.error))));
+    EXPECT_EQ(exported("m"), before);
+  }
+  const xcptref<Machine> press = manager().getObject("m~press");
+  modify(press)->setFeeder(Machine::Create());
+  EXPECT_THAT([&] { exported("m"); },
+              ThrowsTarn(0, testing::AllOf(HasSubstr("The node at \"press\""),
+                                           HasSubstr("The member \"Feeder\""))));
+}
+
 TEST_F(JsonTest, DamagedJsonChangesNothingAndNamesTheLine) {
   struct Case {
     const char *text, *error;
@@ -233,6 +333,20 @@ TEST_F(JsonTest, DamagedJsonChangesNothingAndNamesTheLine) {
       {"{", "Line 1: "},
       {"{\n\"a\": 1,\n\"b\": trie\n}", "Line 3: "},
       {"{\n\"a\": 1,\n\"a\": 2}", "Line 3: the key \"a\" is there twice."},
+      {"{\"a\": 1, \"~=a\": 2}", "the key \"a\" is there twice."},
+      {"{\"~2=a\": 1}", "number 2 of the children \"a\" must follow"},
+      {"{\"a\": 1, \"~3=a\": 2}", "number 3 of the children \"a\" must follow"},
+      {"{\"a\": 1, \"b\": 2, \"~2=a\": 3}", "must follow the one before it"},
+      {"1e-400", "too small"},
+      {"[-0.00012e-400]", "too small"},
+      {"{\"~Float\": \"nan:7f800001\"}", "this is no Float"},
+      {"{\"~class\": \"TarnSint8Value\", \"~value\": 300}", "cannot hold 300"},
+      {"{\"~class\": \"TarnSint8Value\", \"~value\": \"12x\"}", "cannot hold \"12x\""},
+      {"{\"~class\": \"TarnSint32Value\", \"~value\": 1.5}", "cannot hold 1.5"},
+      {"{\"~class\": \"TarnUint64Value\", \"~value\": -1}", "cannot hold -1"},
+      {"{\"~class\": \"TarnDoubleValue\", \"~value\": 9007199254740993}", "cannot hold"},
+      {"{\"~class\": \"TarnBooleanValue\", \"~value\": 1}", "cannot hold 1"},
+      {"{\"~class\": \"TarnRoot\"}", "only the root"},
       {"[1] x", "Line 1: "},
       {"[1,]", "Line 1: "},
       {"\"\\u0000\"", "u0000"},
@@ -269,7 +383,8 @@ TEST_F(JsonTest, DamagedJsonChangesNothingAndNamesTheLine) {
                                                     &TarnException::getError, HasSubstr(c.error))));
     EXPECT_EQ(picture(), "kept=1");
   }
-  for (const char* text : {"5", "[]", "null", "\"x\"", "{\"~Sint8\": 1}"}) {
+  for (const char* text : {"5", "[]", "null", "\"x\"", "{\"~Sint8\": 1}", "{\"~value\": 1}",
+                           "{\"~class\": \"TarnJsonArray\", \"a\": 1}"}) {
     EXPECT_THROW(import(text, ""), TarnException) << text;
   }
 }

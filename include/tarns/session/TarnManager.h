@@ -178,7 +178,9 @@ class TARNS_API TarnManager {
   }
   // Puts `node` there in place of what is there.
   void set(TarnPathText path, xcptref<TarnObject> node);
-  // An empty value: a plain node, unless there is something already.
+  // set(path, TarnData()), the empty value: makes a plain node where nothing is, leaves a node
+  // without a value alone, and sets a value that is there to what the empty value converts to: 1,
+  // true, the empty text. To make a node and never write to what is there: getNoFail(path).
   void set(TarnPathText path);
   // Stores the text as a value of the type. Texts of real numbers are verified (VerifyFloat); a
   // Boolean must begin with "t" or "f" in either case, else throws 10.
@@ -193,9 +195,9 @@ class TARNS_API TarnManager {
   xcptref<TarnObject> getObject(std::uint64_t id) const;
   // 0 when there is no such node, and while it is not stored.
   std::uint64_t getObjectID(TarnPathText path) const;
-  // The node, or a new one of that class, put there with plain nodes for missing branches. Throws 3
-  // when there is no such class.
-  xcptref<TarnObject> getNoFail(TarnPathText path, const char* typeName);
+  // The node, whatever it is, or a new one of that class, put there with plain nodes for missing
+  // branches. Writes to nothing that is there. Throws 3 when there is no such class.
+  xcptref<TarnObject> getNoFail(TarnPathText path, const char* typeName = TarnObject::GetType());
 
   // Children of the node at a path; throw 7 (ThrowNonExistentPath) when there is none.
   XString getChildName(TarnPathText path, unsigned long index) const;
