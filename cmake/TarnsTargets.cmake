@@ -97,8 +97,10 @@ endfunction()
 
 # One test program, tests_<name>, of GoogleTest cases. Takes what tarns_program() takes, and
 #   TIMEOUT  seconds that one case may take, 120 when not given
+#   THREADS  patterns of cases that use several threads, as in --gtest_filter. Besides the label
+#            <name> they have the label "threads": what is worth running under the thread sanitizer
 function(tarns_test name)
-  cmake_parse_arguments(arg "" "TIMEOUT" "SOURCES;LINKS;LIBRARIES;PROGRAMS" ${ARGN})
+  cmake_parse_arguments(arg "" "TIMEOUT" "SOURCES;LINKS;LIBRARIES;PROGRAMS;THREADS" ${ARGN})
   if(NOT arg_SOURCES)
     return()
   endif()
@@ -111,12 +113,22 @@ function(tarns_test name)
     LINKS ${arg_LINKS}
     PROGRAMS ${arg_PROGRAMS}
     LIBRARIES tests_support GTest::gtest_main ${arg_LIBRARIES})
+  list(JOIN arg_THREADS ":" threads)
+  if(threads)
+    _tarns_discover("${name}" "${threads}" "${name}\\;threads" ${arg_TIMEOUT})
+  endif()
+  _tarns_discover("${name}" "-${threads}" "${name}" ${arg_TIMEOUT})
+endfunction()
+
+# Lets ctest know of the cases that a filter selects.
+function(_tarns_discover name filter labels timeout)
   gtest_discover_tests(
     "tests_${name}"
+    TEST_FILTER "${filter}"
     TEST_PREFIX "${name}."
     DISCOVERY_MODE PRE_TEST
     DISCOVERY_TIMEOUT 60
-    PROPERTIES TIMEOUT ${arg_TIMEOUT} LABELS ${name})
+    PROPERTIES TIMEOUT ${timeout} LABELS "${labels}")
 endfunction()
 
 # Remembers sources under tests/; tarns_require_all_tests() compares them with what lies there.

@@ -93,7 +93,7 @@ class GOODS_API cache_manager {
   object_ref find(object_id id);
 
   // Kept for applications that set it: tasks are always preemptive threads here.
-  static bool cooperative_mode;
+  static std::atomic<bool> cooperative_mode;
 
   object_cache& cache() const { return *cache_; }
   thread_attachment* attachment() const;  // the calling thread's; null when attached elsewhere

@@ -40,7 +40,7 @@ void pause_before_repeating(int attempt) {
 
 }  // namespace
 
-bool cache_manager::cooperative_mode = false;
+std::atomic<bool> cache_manager::cooperative_mode{false};
 
 cache_manager::cache_manager(database& db)
     : db_(db), cache_(std::make_unique<object_cache>(db, *this)) {}

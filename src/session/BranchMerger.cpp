@@ -1,16 +1,32 @@
 #include "session/BranchMerger.h"
 
+#include <tarns/core/TarnException.h>
+
 #include <string>
 
 namespace tarns {
 
-void BranchMerger::merge(const TarnRef& source, const TarnRef& target) {
-  open_.push_back({source, target, overwrite_});
+namespace {
+
+bool IsPlain(const TarnRef& node) { return node->isOfType(TarnObject::GetType()); }
+
+[[noreturn]] void ThrowRootStays(const TarnRef& source) {
+  TarnException error;
+  error << "A \"" << goods::class_of(source).name()
+        << "\" cannot be merged into the root as the one that wins: the root stays what it is.";
+  throw error;
+}
+
+}  // namespace
+
+void BranchMerger::merge(const Held& source, const Held& target, std::string_view name) {
+  if (overwrite_ && target.holder.is_null() && !IsPlain(source.node)) ThrowRootStays(source.node);
+  open_.push_back({source, target, std::string(name), overwrite_});
   while (!open_.empty()) {
     Pair pair = std::move(open_.back());
     open_.pop_back();
-    if (pair.source == pair.target) continue;
-    if (!met_.emplace(pair.source.handle(), pair.target.handle()).second) continue;
+    if (pair.source.node == pair.target.node) continue;
+    if (!met_.emplace(pair.source.node.handle(), pair.target.node.handle()).second) continue;
     mergePair(pair);
     kept_.push_back(std::move(pair));
   }
@@ -19,34 +35,41 @@ void BranchMerger::merge(const TarnRef& source, const TarnRef& target) {
 void BranchMerger::mergePair(const Pair& pair) {
   if (replaceNode(pair)) {
     // From here on the node that came is the one that is there, and it wins.
-    open_.push_back({pair.target, pair.source, false});
+    const Held winner{pair.source.node, pair.target.holder};
+    open_.push_back({{pair.target.node, nullptr}, winner, pair.name, false});
     return;
   }
-  for (const auto& [name, child] : pair.source->children()) mergeChild(name, child, pair);
+  for (const auto& [name, child] : pair.source.node->children()) mergeChild(name, child, pair);
 }
 
 bool BranchMerger::replaceNode(const Pair& pair) {
+  const auto& [source, giver] = pair.source;
+  const auto& [target, holder] = pair.target;
   if (!pair.sourceWins) return false;
-  if (&goods::class_of(pair.source) == &goods::class_of(pair.target)) {
-    if (!pair.source->isOfType(TarnObject::GetType())) modify(pair.target)->copyFrom(pair.source);
+  if (&goods::class_of(source) == &goods::class_of(target)) {
+    if (!IsPlain(source)) modify(target)->copyFrom(source);
     return false;
   }
-  const TarnRef parent = pair.target->getParent();
-  if (parent.is_null()) return false;  // the root stays what it is
-  const XString name = pair.target->getName();
-  modify(parent)->moveChild(name, pair.source);
+  if (holder.is_null()) return false;  // a plain node and the root
+  if (source->getParent() == giver) {
+    modify(holder)->moveChild(pair.name.c_str(), source);
+  } else {
+    modify(holder)->setNode(pair.name.c_str(), source);  // its place is elsewhere
+  }
   return true;
 }
 
 void BranchMerger::mergeChild(std::string_view name, const TarnRef& child, const Pair& of) {
-  const TarnRef present = of.target->getChildWithName(name);
+  const auto& [source, giver] = of.source;
+  const TarnRef& target = of.target.node;
+  const TarnRef present = target->getChildWithName(name);
   const std::string text(name);
   if (!present.is_null()) {
-    open_.push_back({child, present, of.sourceWins});
-  } else if (child->getParent() == of.source) {
-    modify(of.target)->moveChild(text.c_str(), child);
+    open_.push_back({{child, source}, {present, target}, text, of.sourceWins});
+  } else if (child->getParent() == source) {
+    modify(target)->moveChild(text.c_str(), child);
   } else {
-    modify(of.target)->addChild(text.c_str(), child);  // its place is elsewhere
+    modify(target)->addChild(text.c_str(), child);  // its place is elsewhere
   }
 }
 

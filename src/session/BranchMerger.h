@@ -4,6 +4,7 @@
 #include <tarns/core/TarnObject.h>
 
 #include <set>
+#include <string>
 #include <string_view>
 #include <utility>
 #include <vector>
@@ -17,12 +18,20 @@ class BranchMerger {
  public:
   explicit BranchMerger(bool overwrite) : overwrite_(overwrite) {}
 
-  // Leaves in `source` what lost.
-  void merge(const TarnRef& source, const TarnRef& target);
+  // A node and the one that lists it, through which the merge has come to it; it may have its
+  // parent elsewhere. Without a holder: the root, or a node that is nobody's child.
+  struct Held {
+    TarnRef node, holder;
+  };
+
+  // Leaves in `source` what lost. `name` is that of the target in its holder. Throws 0 before
+  // anything has changed when the source would have to replace the root.
+  void merge(const Held& source, const Held& target, std::string_view name);
 
  private:
   struct Pair {
-    TarnRef source, target;
+    Held source, target;
+    std::string name;  // of the target in its holder
     bool sourceWins;
   };
 

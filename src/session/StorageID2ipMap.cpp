@@ -79,7 +79,7 @@ void StorageID2ipMap::addStorage(const char* line) {
 
 const char* StorageID2ipMap::lookup(unsigned long id) const {
   const auto key = static_cast<std::uint32_t>(id);
-  const XMapItem* item = key == id ? XMap::lookup(&key) : nullptr;
+  const XMapItem* item = XMap::lookup(&key);
   return item != nullptr ? static_cast<const StorageID2ipMapItem*>(item)->getAddress().getText()
                          : nullptr;
 }

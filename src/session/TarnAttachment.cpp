@@ -3,14 +3,18 @@
 
 namespace tarns {
 
-TarnAttachment::TarnAttachment(TarnManager& manager) {
+TarnAttachment::TarnAttachment(TarnManager& manager) : former_(goods::cache_manager::current()) {
   manager.verifyIsInitialized();
-  isOwner_ = goods::cache_manager::current() != &manager.db().getCacheManager();
-  if (isOwner_) manager.attach();
+  TarnCacheManager& session = manager.db().getCacheManager();
+  session.verifyMayAttach();
+  session_ = &session;
+  if (former_ != session_) manager.attach();
 }
 
 TarnAttachment::~TarnAttachment() {
-  if (isOwner_) goods::cache_manager::detach();
+  if (former_ == session_ || goods::cache_manager::current() != session_) return;
+  goods::cache_manager::detach();
+  if (former_ != nullptr) former_->attach();
 }
 
 }  // namespace tarns

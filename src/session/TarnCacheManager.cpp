@@ -1,5 +1,6 @@
 #include <goods/errors.h>
 #include <goods/object_handle.h>
+#include <goods/task.h>
 #include <tarns/core/TarnBranches.h>
 #include <tarns/schema/TarnClassDescriptor.h>
 #include <tarns/session/TarnCacheManager.h>
@@ -7,7 +8,6 @@
 
 #include <exception>
 #include <optional>
-#include <thread>
 
 #include "core/node_access.h"
 #include "session/remembered_values.h"
@@ -81,6 +81,14 @@ void TarnCacheManager::verifyAttached() const {
                      "The calling thread is not attached to this session; call attach() first.");
 }
 
+void TarnCacheManager::verifyMayAttach() const {
+  const goods::cache_manager* other = current();
+  if (other == nullptr || other == this || !other->in_transaction()) return;
+  goods::throw_error(goods::error_code::usage,
+                     "The calling thread cannot leave its session for another one while it has a "
+                     "transaction open there: commit it, or roll it back, first.");
+}
+
 xcptref<TarnRoot> TarnCacheManager::getRoot() {
   verifyAttached();
   if (!hasRoot_.load(std::memory_order_acquire)) makeRoot();
@@ -93,25 +101,36 @@ xcptref<TarnRoot> TarnCacheManager::getRoot() {
 void TarnCacheManager::makeRoot() {
   goods::object_ref root;
   db().get_root(root, 0);
-  if (!root) {
-    const auto make = [this] { db().set_root(TarnRoot::Create(), 0); };
-    if (in_transaction()) {
-      std::exception_ptr failure;
-      std::thread([&] {
+  if (!root) setFreshRoot();
+  hasRoot_.store(true, std::memory_order_release);
+}
+
+// On a thread of its own where the calling one has a transaction open.
+void TarnCacheManager::setFreshRoot() {
+  const auto make = [](TarnCacheManager& session) { session.db().set_root(TarnRoot::Create(), 0); };
+  if (!in_transaction()) {
+    make(*this);
+    return;
+  }
+  struct Work {
+    TarnCacheManager& session;
+    decltype(make) makeRoot;
+    std::exception_ptr failure;
+  } work{*this, make, nullptr};
+  goods::task::create(
+      [](void* argument) {
+        Work& its = *static_cast<Work*>(argument);
         try {
-          attach();
-          make();
+          its.session.attach();
+          its.makeRoot(its.session);
         } catch (...) {
-          failure = std::current_exception();
+          its.failure = std::current_exception();
         }
         detach();
-      }).join();
-      if (failure) std::rethrow_exception(failure);
-    } else {
-      make();
-    }
-  }
-  hasRoot_.store(true, std::memory_order_release);
+      },
+      &work)
+      .join();
+  if (work.failure) std::rethrow_exception(work.failure);
 }
 
 bool TarnCacheManager::readValue(std::string_view path, TarnData& out) {

@@ -14,7 +14,7 @@ TarnCacheManager& TarnDatabase::getCacheManager() const {
 }
 
 void TarnDatabase::attach() {
-  goods::cache_manager::cooperative_mode = false;
+  goods::cache_manager::cooperative_mode.store(false, std::memory_order_relaxed);
   getCacheManager().attach();
 }
 

@@ -52,6 +52,12 @@ TarnCacheManager& TarnManager::getCacheManager() const {
   return db().getCacheManager();
 }
 
+// Throws 4 also after a connect() that failed.
+TarnDatabase& TarnManager::openDatabase() const {
+  getCacheManager();
+  return db();
+}
+
 void TarnManager::Initialize() {
   if (!Minitialized) goods::task::initialize(kMainStackSize);
   Minitialized = true;
@@ -62,6 +68,7 @@ void TarnManager::SetNumConnectAttempts(unsigned long attempts) { MnumConnectAtt
 void TarnManager::connect(const char* configPath, bool loadDataLibraries,
                           [[maybe_unused]] const char* libraryPath) {
   RefuseDataLibraries(loadDataLibraries);
+  if (configPath == nullptr) configPath = "";
   freeDB();
   database_ = std::make_unique<TarnDatabase>(*this);
   bool isOpen = false;
@@ -77,6 +84,7 @@ void TarnManager::connect(const char* configPath, bool loadDataLibraries,
 
 void TarnManager::connect(const char* configPath, std::chrono::milliseconds limit) {
   const auto deadline = std::chrono::steady_clock::now() + limit;
+  if (configPath == nullptr) configPath = "";
   freeDB();
   database_ = std::make_unique<TarnDatabase>(*this);
   while (!database_->open(configPath)) {
@@ -96,7 +104,7 @@ void TarnManager::freeDB() {
   database_.reset();
 }
 
-void TarnManager::attach() { db().attach(); }
+void TarnManager::attach() { openDatabase().attach(); }
 
 void TarnManager::detach() { goods::cache_manager::detach(); }
 
@@ -108,12 +116,16 @@ xcptref<TarnRoot> TarnManager::getRoot() const {
   return root;
 }
 
-unsigned long TarnManager::getNumStorages() const { return db().get_number_of_storages(); }
+unsigned long TarnManager::getNumStorages() const {
+  return openDatabase().get_number_of_storages();
+}
 
-unsigned long TarnManager::getLeastUsedStorage() { return db().get_storage_with_minimal_size(); }
+unsigned long TarnManager::getLeastUsedStorage() {
+  return openDatabase().get_storage_with_minimal_size();
+}
 
 void TarnManager::attachToStorage(xcptref<TarnObject> obj, unsigned long storageId) {
-  modify(obj)->attach_to_storage(&db(), static_cast<std::uint32_t>(storageId));
+  modify(obj)->attach_to_storage(&openDatabase(), static_cast<std::uint32_t>(storageId));
 }
 
 void TarnManager::attachToLeastUsedStorage(xcptref<TarnObject> obj) {
@@ -121,27 +133,31 @@ void TarnManager::attachToLeastUsedStorage(xcptref<TarnObject> obj) {
 }
 
 std::uint64_t TarnManager::getStorageUsage(unsigned long storageId) {
-  return db().storage(StorageNumber(storageId)).get_used_size();
+  return openDatabase().storage(StorageNumber(storageId)).get_used_size();
 }
 
-std::uint64_t TarnManager::getNumBytesFromDatabase() { return db().get_num_bytes_from_db(); }
+std::uint64_t TarnManager::getNumBytesFromDatabase() {
+  return openDatabase().get_num_bytes_from_db();
+}
 
-std::uint64_t TarnManager::getNumBytesToDatabase() { return db().get_num_bytes_to_db(); }
+std::uint64_t TarnManager::getNumBytesToDatabase() {
+  return openDatabase().get_num_bytes_to_db();
+}
 
 std::uint64_t TarnManager::getNumBytesFromStorage(unsigned long id) {
-  return db().get_num_bytes_from_db(StorageNumber(id));
+  return openDatabase().get_num_bytes_from_db(StorageNumber(id));
 }
 
 std::uint64_t TarnManager::getNumBytesToStorage(unsigned long id) {
-  return db().get_num_bytes_to_db(StorageNumber(id));
+  return openDatabase().get_num_bytes_to_db(StorageNumber(id));
 }
 
-void TarnManager::clearNumBytesFromDatabase() { db().clear_num_bytes_in_out(); }
+void TarnManager::clearNumBytesFromDatabase() { openDatabase().clear_num_bytes_in_out(); }
 
 void TarnManager::clearNumBytesFromStorage(unsigned long id) {
-  db().clear_num_bytes_in_out(StorageNumber(id));
+  openDatabase().clear_num_bytes_in_out(StorageNumber(id));
 }
 
-bool TarnManager::startGarbageCollection() { return db().start_gc() != 0; }
+bool TarnManager::startGarbageCollection() { return openDatabase().start_gc() != 0; }
 
 }  // namespace tarns

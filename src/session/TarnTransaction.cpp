@@ -19,8 +19,10 @@ unsigned long& Rollbacks() {
 
 goods::cache_manager& AttachedTo(TarnManager& manager) {
   manager.verifyIsInitialized();
+  TarnCacheManager& session = manager.db().getCacheManager();
+  session.verifyMayAttach();
   manager.attach();
-  return manager.db().getCacheManager();
+  return session;
 }
 
 }  // namespace

@@ -44,8 +44,15 @@ TarnRef NearestNode(TarnRef root, std::string_view path) {
   return node;
 }
 
-[[noreturn]] void ThrowRootIsTarget() {
+void VerifyNotRoot(std::string_view to) {
+  if (!to.empty()) return;
   throw TarnException("A branch cannot be put in the place of the root.", ErrorID::Unspecified);
+}
+
+// Ends the node's place under that name, be it a member or a child; other places stay.
+void TakeOut(const TarnRef& parent, const XString& name) {
+  TarnRef nothing;
+  if (!modify(parent)->setChildNode(name, nothing)) modify(parent)->deleteChild(name);
 }
 
 XString NameOf(std::string_view path) { return XString(TarnBranches::LastOf(path)); }
@@ -163,16 +170,26 @@ bool TarnManager::deleteBranch(TarnPathText path) {
 }
 
 void TarnManager::copyBranch(TarnPathText from, TarnPathText to) {
-  transaction([&] { set(to, existing(from)->deepClone()); });
+  transaction([&] {
+    const TarnRef node = existing(from);
+    VerifyNotRoot(to.view());
+    set(to, node->deepClone());
+  });
 }
 
 void TarnManager::moveBranch(TarnPathText from, TarnPathText to) {
   transaction([&] {
     const TarnRef node = existing(from);
-    if (to.isEmpty()) ThrowRootIsTarget();
+    VerifyNotRoot(to.view());
     if (getObject(to) == node) return;
     VerifyOutside(node, NearestNode(getRoot(), to.view()), from.view(), to.view());
-    moveNode(node, to.view());
+    const TarnRef parent = getObject(TarnBranches::ParentOf(from.view()));
+    if (node->getParent() == parent && node->getName() == NameOf(from.view())) {
+      moveNode(node, to.view());
+    } else {
+      TakeOut(parent, NameOf(from.view()));
+      set(to, node);
+    }
   });
 }
 
@@ -187,21 +204,31 @@ void TarnManager::mergeBranch(TarnPathText from, TarnPathText to, bool overwrite
     const TarnRef node = existing(from);
     VerifyOutside(node, NearestNode(getRoot(), to.view()), from.view(), to.view());
     // First, so that a branch can be merged into one that it is in, whatever the names in it.
-    deleteBranch(from);
-    mergeBranch(node, to, overwrite);
+    TakeOut(getObject(TarnBranches::ParentOf(from.view())), NameOf(from.view()));
+    if (getObject(to).is_null()) {
+      set(to, node);
+    } else {
+      mergeInto(node, nullptr, to.view(), overwrite);
+    }
   });
 }
 
 void TarnManager::mergeBranch(xcptref<TarnObject> node, TarnPathText to, bool overwrite) {
   transaction([&] {
-    const TarnRef target = getObject(to);
     VerifyOutside(node, NearestNode(getRoot(), to.view()), node->getName().view(), to.view());
-    if (target.is_null()) {
+    if (getObject(to).is_null()) {
       moveNode(node, to.view());
     } else {
-      BranchMerger(overwrite).merge(node, target);
+      mergeInto(node, node->getParent(), to.view(), overwrite);
     }
   });
+}
+
+// `parent`: the node that gives it away, null where nothing does.
+void TarnManager::mergeInto(const TarnRef& node, const TarnRef& parent, std::string_view to,
+                            bool overwrite) {
+  const TarnRef holder = to.empty() ? TarnRef() : getObject(TarnBranches::ParentOf(to));
+  BranchMerger(overwrite).merge({node, parent}, {getObject(to), holder}, TarnBranches::LastOf(to));
 }
 
 }  // namespace tarns

@@ -1,6 +1,7 @@
 // Nodes and branches by path.
 #include <gmock/gmock.h>
 
+#include "examples/Machine.h"
 #include "support/session_fixture.h"
 #include "support/throws_tarn.h"
 
@@ -198,6 +199,106 @@ TEST_F(ManagerBranchesTest, MergesANodeThatIsNotStoredAndBranchesInCircles) {
   manager().mergeBranch("p", "q", true);
   EXPECT_TRUE(manager().getObject("p").is_null());
   EXPECT_FALSE(manager().getObject("q~self~self").is_null());
+}
+
+TEST_F(ManagerBranchesTest, MovesAndMergesActOnThePlaceThatThePathNames) {
+  struct Case {
+    const char* name;
+    std::function<void(TarnManager&)> change;
+    const char* after;
+  };
+  // n is a child of p2 as b, and only listed by p1 as a.
+  const Case cases[] = {
+      {"move the entry", [](auto& m) { m.moveBranch("p1~a", "x"); },
+       "p1{} p2{b{v=1}} t{v{w=2}} x{v=1}"},
+      {"move the place", [](auto& m) { m.moveBranch("p2~b", "x"); },
+       "p1{a{v=1}} p2{} t{v{w=2}} x{v=1}"},
+      {"merge the entry into nothing", [](auto& m) { m.mergeBranch("p1~a", "x", true); },
+       "p1{} p2{b{v=1}} t{v{w=2}} x{v=1}"},
+      {"merge the entry", [](auto& m) { m.mergeBranch("p1~a", "t", true); },
+       "p1{} p2{b{}} t{v=1{w=2}}"},
+      {"replace the entry",
+       [](auto& m) {
+         m.set("s", 5);
+         m.mergeBranch("s", "p1~a", true);
+       },
+       "p1{a=5{v=1}} p2{b{}} t{v{w=2}}"},
+      {"replace the place",
+       [](auto& m) {
+         m.set("s", 5);
+         m.mergeBranch("s", "p2~b", true);
+       },
+       "p1{a{}} p2{b=5{v=1}} t{v{w=2}}"},
+      {"copy onto the entry", [](auto& m) { m.copyBranch("t", "p1~a"); },
+       "p1{a{v{w=2}}} p2{b{v=1}} t{v{w=2}}"},
+      {"delete the entry", [](auto& m) { m.deleteBranch("p1~a"); }, "p1{} p2{b{v=1}} t{v{w=2}}"},
+  };
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.name);
+    while (manager().getNumChildren("") > 0) manager().deleteBranch(manager().getChildName("", 0));
+    grow("p1 p2~b~v=1 t~v~w=2");
+    const TarnRef listing = manager().getObject("p1"), n = manager().getObject("p2~b");
+    modify(listing)->addChild("a", n);
+    modify(manager().getObject("p2"))->becomeParentOf("b");
+    ASSERT_EQ(n->getName(), "b");
+    c.change(manager());
+    EXPECT_EQ(picture(), c.after);
+    reopen();
+    EXPECT_EQ(picture(), c.after);
+  }
+}
+
+TEST_F(ManagerBranchesTest, NothingWinsOverTheRoot) {
+  grow("v=5 v~c=1 w~d=2");
+  const std::string before = picture();
+  EXPECT_THAT([&] { manager().mergeBranch("v", "", true); },
+              ThrowsTarn(0, HasSubstr("the root stays what it is")));
+  EXPECT_EQ(picture(), before);
+  manager().mergeBranch("w", "", true);
+  EXPECT_EQ(picture(), "d=2 v=5{c=1}");
+  manager().mergeBranch("v", "", false);
+  EXPECT_EQ(picture(), "c=1 d=2");
+  for (const char* from : {"c", ""}) {
+    EXPECT_THAT([&] { manager().copyBranch(from, ""); }, ThrowsTarn(0, HasSubstr("the root")));
+  }
+}
+
+TEST_F(ManagerBranchesTest, BranchesInMembersAreMovedMergedAndReplacedThere) {
+  const xcptref<Machine> press = Machine::Create();
+  manager().set("press", press);
+  manager().set("press~Feeder~Speed", 7);
+  manager().moveBranch("press~Feeder", "drill");
+  EXPECT_TRUE(press->getFeeder().is_null());
+  EXPECT_EQ(manager().getSint32("drill~Speed"), 7);
+  manager().set("press~Feeder~Speed", 8);
+  const TarnRef feeder = press->getFeeder();
+  manager().mergeBranch("drill", "press~Feeder", true);
+  EXPECT_EQ(press->getFeeder(), feeder) << "of the same class: members are taken over";
+  EXPECT_EQ(press->getFeeder()->getSpeed(), 7);
+  manager().set("t", 1);
+  EXPECT_THAT([&] { manager().mergeBranch("t", "press~Feeder", true); },
+              ThrowsTarn(12, HasSubstr("Machine")));
+  EXPECT_EQ(press->getFeeder(), feeder);
+  EXPECT_EQ(manager().getSint32("t"), 1);
+  manager().mergeBranch("press~Feeder", "t~u", false);
+  EXPECT_TRUE(press->getFeeder().is_null());
+  EXPECT_EQ(manager().getSint32("t~u~Speed"), 7);
+}
+
+TEST_F(ManagerBranchesTest, MergesMoreChildrenThanAreReadAtATime) {
+  constexpr int kChildren = 1000;
+  manager().transaction([&] {
+    for (int i = 0; i < kChildren; ++i) {
+      manager().set("s~" + std::to_string(i), i);
+      manager().set("t~" + std::to_string(i + kChildren / 2), -1);
+    }
+  });
+  manager().mergeBranch("s", "t", true);
+  EXPECT_EQ(manager().getNumChildren("t"), kChildren * 3UL / 2);
+  EXPECT_EQ(manager().getSint32("t~999"), 999);
+  EXPECT_EQ(manager().getSint32("t~0"), 0);
+  EXPECT_EQ(manager().getSint32("t~1000"), -1);
+  EXPECT_FALSE(manager().getObject("s~5"));
 }
 
 TEST_F(ManagerBranchesTest, CollectsWhatWasDeletedAndKeepsWhatIsHeld) {

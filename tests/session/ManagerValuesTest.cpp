@@ -159,6 +159,20 @@ TEST_F(ManagerValuesTest, TextIsConvertedToTheTypeAskedFor) {
     EXPECT_EQ(manager().valueAt(path)->getType(), c.type);
     EXPECT_STREQ(manager().getXString(path), c.stored);
   }
+  for (int type = TarnData::Boolean; type <= TarnData::Uint64; ++type) {
+    const char* nothing = nullptr;
+    const auto as = static_cast<TarnData::Type>(type);
+    SCOPED_TRACE(TarnData::GetTypeAsString(as));
+    try {
+      manager().set("null", nothing, as);
+      EXPECT_EQ(manager().valueAt("null")->getType(), as);
+      EXPECT_EQ(manager().getSint32("null"), 0);
+      manager().deleteBranch("null");
+    } catch (const TarnException&) {
+      EXPECT_TRUE(as == TarnData::Boolean || as == TarnData::Double || as == TarnData::Float);
+      EXPECT_TRUE(manager().getObject("null").is_null());
+    }
+  }
   EXPECT_THAT([&] { manager().set("bad", "1e5x", TarnData::Double); },
               ThrowsTarn(0, HasSubstr("does not appear to be a real number")));
   EXPECT_THAT([&] { manager().set("bad", "yes", TarnData::Boolean); },
@@ -166,6 +180,62 @@ TEST_F(ManagerValuesTest, TextIsConvertedToTheTypeAskedFor) {
   EXPECT_TRUE(manager().getObject("bad").is_null());
   manager().set("none", "ignored", TarnData::None);
   EXPECT_FALSE(manager().valueAt("none").has_value());
+}
+
+TEST_F(ManagerValuesTest, SetTakesEveryScalarByItsOwnType) {
+  struct Case {
+    std::function<void(TarnManager&)> set;
+    TarnData::Type type;
+    const char* stored;
+  };
+  const char* text = "text";
+  const Case cases[] = {
+      {[](auto& m) { m.set("v", true); }, TarnData::Boolean, "True"},
+      {[](auto& m) { m.set("v", 2.5); }, TarnData::Double, "2.500000"},
+      {[](auto& m) { m.set("v", 2.5F); }, TarnData::Float, "2.500000"},
+      {[](auto& m) { m.set("v", std::int8_t{-1}); }, TarnData::Sint8, "-1"},
+      {[](auto& m) { m.set("v", short{-2}); }, TarnData::Sint16, "-2"},
+      {[](auto& m) { m.set("v", -3); }, TarnData::Sint32, "-3"},
+      {[](auto& m) { m.set("v", -4L); }, TarnData::Sint64, "-4"},
+      {[](auto& m) { m.set("v", -5LL); }, TarnData::Sint64, "-5"},
+      {[](auto& m) { m.set("v", static_cast<unsigned char>(1)); }, TarnData::Uint8, "1"},
+      {[](auto& m) { m.set("v", static_cast<unsigned short>(2)); }, TarnData::Uint16, "2"},
+      {[](auto& m) { m.set("v", 3U); }, TarnData::Uint32, "3"},
+      {[](auto& m) { m.set("v", 4UL); }, TarnData::Uint64, "4"},
+      {[](auto& m) { m.set("v", 5ULL); }, TarnData::Uint64, "5"},
+      {[=](auto& m) { m.set("v", text); }, TarnData::String, "text"},
+      {[](auto& m) { m.set("v", XString("x")); }, TarnData::String, "x"},
+      {[](auto& m) { m.set("v", std::string("s")); }, TarnData::String, "s"},
+  };
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.stored);
+    manager().deleteBranch("v");
+    c.set(manager());
+    ASSERT_TRUE(manager().valueAt("v").has_value());
+    EXPECT_EQ(manager().valueAt("v")->getType(), c.type);
+    EXPECT_STREQ(manager().getXString("v"), c.stored);
+  }
+}
+
+TEST_F(ManagerValuesTest, TheEmptyValueIsWrittenAndAMissingNodeIsMadeWithout) {
+  struct Case {
+    TarnData value;
+    const char* emptied;
+  };
+  for (const Case& c : {Case{5, "1"}, {2.5, "1.000000"}, {false, "True"}, {"text", ""}}) {
+    SCOPED_TRACE(c.emptied);
+    manager().deleteBranch("v");
+    manager().set("v", c.value);
+    manager().getNoFail("v");
+    EXPECT_EQ(manager().valueAt("v")->compare(c.value), 0);
+    manager().set("v");
+    EXPECT_STREQ(manager().getXString("v"), c.emptied);
+  }
+  EXPECT_STREQ(manager().getNoFail("a~b")->getType(), "TarnObject");
+  EXPECT_EQ(manager().getNoFail(""), manager().getRoot());
+  EXPECT_THAT([&] { manager().set("n", TarnRef()); }, ThrowsTarn(0, HasSubstr("NULL")));
+  EXPECT_THROW(manager().addUnique("", TarnObject::Create()), TarnException);
+  EXPECT_EQ(manager().getChildName("a", 1).view(), "");
 }
 
 TEST_F(ManagerValuesTest, APathOrTextMayComeInAnyForm) {

@@ -35,7 +35,8 @@ class TARNS_API StorageID2ipMapItem : public XMapItem {
 //
 // The file's first line is the number of entries; each entry is a line "id: address" that holds
 // exactly two colons, as in "0: host:port" and "0: file:./data". Lines after the last entry are
-// ignored. A repeated identifier replaces the earlier address.
+// ignored. A repeated identifier replaces the earlier address. Of an identifier the low 32 bits
+// count.
 // Errors: XException, which names the file or the line; entries read before it stay.
 // Threads: any number of readers or one writer.
 class TARNS_API StorageID2ipMap : public XMap {

@@ -2,6 +2,10 @@
 
 #include <tarns/tarns_api.h>
 
+namespace goods {
+class cache_manager;
+}
+
 namespace tarns {
 
 class TarnManager;
@@ -14,19 +18,22 @@ class TarnManager;
 //   });
 //
 // On a thread that is attached to the session already it does nothing, so that it may be used
-// inside of functions. A thread that is attached to another session leaves that one, as with
-// TarnManager::attach(), and is attached to none afterwards.
+// inside of functions. A thread that is attached to another session is attached to that one again
+// afterwards. Where the thread has been attached elsewhere meanwhile, it stays there.
 // An open transaction of the thread is rolled back when the attachment ends.
-// Threads: made and destroyed by the same one, while the session is connected.
+// Threads: made and destroyed by the same one, while the session and the one before are connected.
+// Errors: 4 not connected; 111 when the thread has a transaction open in another session, which
+// leaving it would roll back.
 class TARNS_API TarnAttachment {
  public:
-  explicit TarnAttachment(TarnManager& manager);  // throws 4 when not connected
+  explicit TarnAttachment(TarnManager& manager);
   ~TarnAttachment();
   TarnAttachment(const TarnAttachment&) = delete;
   TarnAttachment& operator=(const TarnAttachment&) = delete;
 
  private:
-  bool isOwner_;  // false: the thread had been attached before
+  goods::cache_manager* session_;
+  goods::cache_manager* former_;  // what the thread was attached to before; null for nothing
 };
 
 }  // namespace tarns

@@ -31,6 +31,8 @@ class TARNS_API TarnCacheManager : public goods::cache_manager {
 
   // Throws 110 unless the calling thread is attached to this session.
   void verifyAttached() const;
+  // Throws 111 when the calling thread has a transaction open in another session.
+  void verifyMayAttach() const;
 
   // The root, made when the database is fresh: in a transaction of its own, also while the calling
   // thread has one open, so that a root that somebody has seen is there to stay.
@@ -50,6 +52,7 @@ class TARNS_API TarnCacheManager : public goods::cache_manager {
 
  private:
   void makeRoot();
+  void setFreshRoot();
   // Runs a read that sets `out`, which is as it came at the beginning of every round.
   template <class Work>
   bool readRepeatably(TarnData& out, const Work& work);

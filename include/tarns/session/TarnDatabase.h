@@ -13,7 +13,8 @@ class TarnManager;
 // The database of a session, which it knows.
 //
 // Ownership: the session's, which outlives it. The database in turn owns the session's one
-// TarnCacheManager from open() to close().
+// TarnCacheManager from open() to close(): made before the first attach(), so that threads may
+// attach at the same time.
 // Threads: see goods::database.
 class TARNS_API TarnDatabase : public goods::database {
  public:

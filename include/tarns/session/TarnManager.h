@@ -77,7 +77,7 @@ class TARNS_API TarnManager {
   // one that is open, and waits while it is in use elsewhere, looking again every 5 seconds. Does
   // not attach the calling thread. There are no extension libraries to load yet: asking for them
   // throws, before anything is done. Throws 5 when the number of attempts is 0; at once what is
-  // wrong with the file or the storages.
+  // wrong with the file or the storages. A session whose connect() has thrown is not connected.
   void connect(const char* configPath, bool loadDataLibraries = false,
                const char* libraryPath = nullptr);
   // The same, but gives up after `limit` (0: after one attempt) with 105, naming the storage that
@@ -183,7 +183,8 @@ class TARNS_API TarnManager {
   // true, the empty text. To make a node and never write to what is there: getNoFail(path).
   void set(TarnPathText path);
   // Stores the text as a value of the type. Texts of real numbers are verified (VerifyFloat); a
-  // Boolean must begin with "t" or "f" in either case, else throws 10.
+  // Boolean must begin with "t" or "f" in either case, else throws 10. Integers are read as far as
+  // the text is one and wrap to the type's width ("300" as a Sint8 is 44).
   void set(TarnPathText path, const char* text, TarnData::Type type);
 
   // --- Nodes ------------------------------------------------------------------------------------
@@ -191,7 +192,9 @@ class TARNS_API TarnManager {
   // Null when there is no such node.
   xcptref<TarnObject> getObject(TarnPathText path) const;
   // By the number that getObjectID() gives. Throws 7 for a storage that does not exist, 14 for a
-  // number below 65536, 108 when nothing is stored under it. The class is not checked.
+  // number below 65536, 108 when nothing is stored under it. That it is a node is not checked:
+  // numbers of other objects (indexes, texts) lead to those, so ask TarnObject::IsTarnObject()
+  // before using what a number from outside leads to.
   xcptref<TarnObject> getObject(std::uint64_t id) const;
   // 0 when there is no such node, and while it is not stored.
   std::uint64_t getObjectID(TarnPathText path) const;
@@ -214,11 +217,12 @@ class TARNS_API TarnManager {
   // Removes what is at the path; whether there was something.
   bool deleteBranch(TarnPathText path);
   // Puts a copy of the whole branch at `to`, in place of what is there, which may be within the
-  // branch itself. Throws 7 when there is nothing at `from`.
+  // branch itself. Throws 7 when there is nothing at `from`, 0 when `to` is the root.
   void copyBranch(TarnPathText from, TarnPathText to);
   // Moves the node, with everything below it and its identifier, to `to`, in place of what is
   // there. Throws 7 when there is nothing at `from`, 0 when `to` is the root or lies within the
-  // branch.
+  // branch. Of a node that is listed in several places the one at `from` is given up; the others
+  // stay.
   void moveBranch(TarnPathText from, TarnPathText to);
 
   // Moves a branch into the one at `to`. What `to` does not have is moved there as it is, and the
@@ -227,9 +231,11 @@ class TARNS_API TarnManager {
   // one that is there. The node that wins stays (the one that is there also when both are of the
   // same class) and so do its own value and members; children that only one of the two has are kept
   // in either case. Of several children of one name the first is merged; the later ones are merged
-  // into it in turn. The first form then removes what is left at `from`; throws 7 when nothing is
-  // there. The second leaves in `node` what lost. Both throw 0 when `to` lies within the branch or
-  // is the same node.
+  // into it in turn. A node that is listed elsewhere as well is the same node there, so what is
+  // moved out of it is gone there, too. The first form then removes what is left at `from`; throws
+  // 7 when nothing is there. The second leaves in `node` what lost. Both throw 0 when `to` lies
+  // within the branch or is the same node, and when a node that is more than a plain one would have
+  // to win over the root, which stays what it is.
   void mergeBranch(TarnPathText from, TarnPathText to, bool overwrite);
   void mergeBranch(xcptref<TarnObject> node, TarnPathText to, bool overwrite);
 
@@ -246,6 +252,7 @@ class TARNS_API TarnManager {
   xcptref<TarnObject> createParents(TarnPath& path);
 
  private:
+  TarnDatabase& openDatabase() const;
   TarnCacheManager& getCacheManager() const;
   bool readValue(std::string_view path, TarnData& out) const;
   template <class T>
@@ -255,6 +262,8 @@ class TARNS_API TarnManager {
   xcptref<TarnObject> existing(TarnPathText path) const;
   xcptref<TarnObject> branchFor(std::string_view path);
   void moveNode(const xcptref<TarnObject>& node, std::string_view to);
+  void mergeInto(const xcptref<TarnObject>& node, const xcptref<TarnObject>& parent,
+                 std::string_view to, bool overwrite);
 
   static std::atomic<unsigned long> MnumConnectAttempts;
   static std::atomic<bool> Minitialized;

@@ -22,12 +22,14 @@ class TarnManager;
 // One inside another joins it: nothing is durable before the outer one commits, and a rollback is
 // of the whole. The end of the scope commits, and throws when that fails; left by an exception it
 // rolls back. Errors: besides the storage's own (100 deadlock, 101 lock time-out, ...) 110 on a
-// thread that is not attached. After an error in a call within it a transaction can only be rolled
-// back. Threads: made and ended by the same one.
+// thread that is not attached, 111 on one with a transaction open in another session. After an
+// error in a call within it a transaction can only be rolled back. Threads: made and ended by the
+// same one.
 class TARNS_API TarnTransaction {
  public:
-  TarnTransaction();                               // in the session that the thread is attached to
-  explicit TarnTransaction(TarnManager& manager);  // attaches the thread first
+  TarnTransaction();  // in the session that the thread is attached to
+  // Attaches the thread first, and leaves it attached.
+  explicit TarnTransaction(TarnManager& manager);
   virtual ~TarnTransaction() noexcept(false);
   TarnTransaction(const TarnTransaction&) = delete;
   TarnTransaction& operator=(const TarnTransaction&) = delete;
