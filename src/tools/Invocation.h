@@ -2,7 +2,9 @@
 
 #include <CLI/CLI.hpp>
 
+#include <cstdint>
 #include <functional>
+#include <optional>
 #include <string>
 
 namespace tarns {
@@ -25,8 +27,9 @@ struct UsageError {
 
 // One call of the command: what all sub-commands share, and which one it is.
 struct Invocation {
-  std::string database;  // a directory that init made, or a configuration file
-  double wait = 2;       // seconds to wait for a database that is in use
+  std::string database;                // a directory that init made, or a configuration file
+  double wait = 2;                     // seconds to wait for a database that is in use
+  std::optional<std::uint64_t> cache;  // bytes of memory for objects; the library's when not given
   Format format = Format::kAutomatic;
   std::function<int()> action;  // of the sub-command that was named; returns an ExitStatus
 };

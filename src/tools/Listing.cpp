@@ -56,7 +56,11 @@ std::string TypeOf(const NodeView& view) {
 
 std::string SummaryOf(const NodeView& view) {
   std::string summary;
-  if (view.value) summary = Shown(ValueText(*view.value).substr(0, kLongestSummary));
+  if (view.value) {
+    const bool isText = view.value->isString();
+    summary = Shown(isText ? view.value->getText().substr(0, kLongestSummary)
+                           : std::string_view(ValueText(*view.value)));
+  }
   if (view.value && view.numChildren == 0) return summary;
   if (!summary.empty()) summary += ' ';
   return summary + "(" + std::to_string(view.numChildren) +

@@ -90,19 +90,20 @@ std::string ConfigurationOf(const Invocation& invocation) {
 }
 
 OpenDatabase::OpenDatabase(const Invocation& invocation)
-    : OpenDatabase(ExistingConfiguration(invocation), invocation.wait) {}
+    : OpenDatabase(ExistingConfiguration(invocation), invocation) {}
 
-OpenDatabase::OpenDatabase(const std::string& configuration, double wait) {
+OpenDatabase::OpenDatabase(const std::string& configuration, const Invocation& invocation) {
   TarnManager::Initialize();
   manager_.connect(configuration.c_str(),
-                   std::chrono::milliseconds(static_cast<long>(wait * 1000)));
+                   std::chrono::milliseconds(static_cast<long>(invocation.wait * 1000)));
+  if (invocation.cache) manager_.setCacheLimit(*invocation.cache);
   attachment_ = std::make_unique<TarnAttachment>(manager_);
 }
 
 OpenDatabase::~OpenDatabase() = default;
 
 void OpenDatabase::Make(const std::string& configuration, const Invocation& invocation) {
-  OpenDatabase(configuration, invocation.wait)->getRoot();
+  OpenDatabase(configuration, invocation)->getRoot();
 }
 
 TarnRef OpenDatabase::node(const std::string& path) {

@@ -33,7 +33,7 @@ class OpenDatabase {
   TarnRef node(const std::string& path);
 
  private:
-  OpenDatabase(const std::string& configuration, double wait);
+  OpenDatabase(const std::string& configuration, const Invocation& invocation);
 
   TarnManager manager_;
   std::unique_ptr<TarnAttachment> attachment_;

@@ -61,6 +61,10 @@ void AddSharedOptions(CLI::App& app, Invocation& invocation) {
             return std::isnan(std::strtod(text.c_str(), nullptr)) ? "not a number" : std::string();
           },
           "");
+  app.add_option("--cache", invocation.cache,
+                 "Memory for objects, as 64M (default 256M); at least 1M")
+      ->type_name("BYTES")
+      ->transform(CLI::AsSizeValue(false));
   app.add_option("--format", invocation.format,
                  "tree, table, json or raw; by default what suits a terminal or a pipe")
       ->type_name("FORMAT")

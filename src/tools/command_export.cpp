@@ -1,3 +1,5 @@
+#include <tarns/core/TarnException.h>
+
 #include <memory>
 
 #include "tools/Invocation.h"
@@ -14,9 +16,23 @@ struct ExportOptions {
   std::string file = "-";
 };
 
+// A file given alone is taken for the branch.
+[[noreturn]] void ThrowNothingAt(const ExportOptions& options) {
+  const std::string& path = options.path;
+  const bool mayBeFile = options.file == "-" && path.find_first_of("./") != std::string::npos;
+  if (!mayBeFile) TarnException::ThrowNonExistentPath(path.c_str());
+  TarnException error;
+  error << "The specified path \"" << path
+        << "\" does not exist. The branch comes before the file; everything is \"\": tarns export "
+           "\"\" FILE";
+  error.setErrorID(ErrorID::NonExistentPath);
+  throw error;
+}
+
 int Export(const Invocation& invocation, const ExportOptions& options) {
   OpenDatabase database(invocation);
-  const TarnRef node = database.node(options.path);
+  const TarnRef node = database->getObject(options.path);
+  if (node.is_null()) ThrowNothingAt(options);
   Output out(options.file);
   JsonWriter(out).write(node);
   out.finish();

@@ -1,5 +1,6 @@
 #include <fnmatch.h>
 
+#include <cstdio>
 #include <limits>
 #include <memory>
 #include <optional>
@@ -48,7 +49,7 @@ class Findings {
         listing_.add({Shown(path), TypeOf(view), SummaryOf(view)});
         break;
       case Format::kJson:
-        out_ << (count_ == 0 ? "[" : ",") << "\n  {\"path\": " << Quoted(KeyText(path))
+        out_ << (count_ == 0 ? "[" : ",") << "\n  {\"path\": " << Quoted(TextOfName(path))
              << ", \"type\": " << Quoted(TypeOf(view));
         if (view.value) out_ << ", \"value\": " << JsonOfValue(*view.value);
         out_ << "}";
@@ -70,18 +71,24 @@ class Findings {
   }
 
  private:
-  // A path is shown as the bytes that it has, wherever UTF-8 allows.
-  static std::string KeyText(const std::string& path) {
-    return IsUtf8(path) ? path : "~=" + BytesToText(path);
-  }
-
   Output& out_;
   Format format_;
   Listing listing_;
   std::size_t count_ = 0;
 };
 
+// A class may be one that only other programs know, so it cannot be told from a mistake.
+int SayNothingWasFound(const FindOptions& options) {
+  const bool isClass = options.type && *options.type != "Node" && !TypeByName(*options.type);
+  if (isClass) {
+    std::fprintf(stderr, "tarns: There is no value of a type, and no node of a class, \"%s\".\n",
+                 Shown(*options.type).c_str());
+  }
+  return ExitStatus::kNotFound;
+}
+
 int Find(const Invocation& invocation, const FindOptions& options) {
+  if (invocation.format == Format::kTree) throw UsageError{"find has no --format tree."};
   OpenDatabase database(invocation);
   Output out;
   Findings findings(out, invocation.format);
@@ -94,7 +101,7 @@ int Find(const Invocation& invocation, const FindOptions& options) {
     findings.add(prefix + walk.path(), view);
     ++found;
   }
-  return findings.finish() != 0 ? ExitStatus::kDone : ExitStatus::kNotFound;
+  return findings.finish() != 0 ? ExitStatus::kDone : SayNothingWasFound(options);
 }
 
 }  // namespace
@@ -110,8 +117,11 @@ void AddFind(CLI::App& app, Invocation& invocation) {
   command.add_option("--name", options->name, "A pattern for the name")->type_name("PATTERN");
   command.add_option("--value", options->value, "A pattern for the value")->type_name("PATTERN");
   command.add_option("--type", options->type, "A value's type, Node, or a class");
-  command.add_option("--limit", options->limit, "Stop after so many");
+  command.add_option("--limit", options->limit, "Stop after so many")
+      ->check(CLI::NonNegativeNumber);
   command.callback([&invocation, options] {
+    const auto type = options->type ? TypeByName(*options->type) : std::nullopt;
+    if (type) options->type = TarnData::GetTypeAsString(*type);
     invocation.action = [&invocation, options] { return Find(invocation, *options); };
   });
 }

@@ -94,7 +94,7 @@ void AddImport(CLI::App& app, Invocation& invocation) {
       "Read JSON into a branch: objects are merged into the nodes that are there, everything else "
       "replaces. The whole is one transaction",
       "tarns -d data import machines.json machines",
-      "apt-json | tarns -d data import - packages --batch 100000");
+      "zcat all.gz | tarns -d data import - packages --batch 100000");
   auto options = std::make_shared<ImportOptions>();
   command.add_option("FILE", options->file, "The JSON; - is standard input")->required();
   command.add_option("PATH", options->path, "Where to; without it the root");
@@ -102,7 +102,8 @@ void AddImport(CLI::App& app, Invocation& invocation) {
       .add_option("--batch", options->batch,
                   "Commit after each so many values: needs less memory, but is not undone as a "
                   "whole when something fails")
-      ->type_name("N");
+      ->type_name("N")
+      ->check(CLI::NonNegativeNumber);
   command.callback([&invocation, options] {
     invocation.action = [&invocation, options] { return Import(invocation, *options); };
   });

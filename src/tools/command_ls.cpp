@@ -57,7 +57,7 @@ void WriteJson(Output& out, const TarnRef& node, const LsOptions& options) {
   const char* separator = "[";
   ForEachListed(node, options, [&](const std::string& name, const TarnRef& child) {
     const NodeView view(child);
-    out << separator << "\n  {\"name\": " << Quoted(KeyOfName(name))
+    out << separator << "\n  {\"name\": " << Quoted(TextOfName(name))
         << ", \"type\": " << Quoted(TypeOf(view));
     if (view.value) out << ", \"value\": " << JsonOfValue(*view.value);
     out << ", \"children\": " << std::to_string(view.numChildren) << "}";
@@ -73,6 +73,10 @@ void WriteNames(Output& out, const TarnRef& node, const LsOptions& options, bool
 }
 
 int Ls(const Invocation& invocation, const LsOptions& options) {
+  const bool isPart = !options.after.empty() || options.limit != LsOptions().limit;
+  if (invocation.format == Format::kTree && isPart) {
+    throw UsageError{"--after and --limit do not go with --format tree."};
+  }
   OpenDatabase database(invocation);
   const TarnRef node = database.node(options.path);
   Output out;
@@ -104,7 +108,8 @@ void AddLs(CLI::App& app, Invocation& invocation) {
   auto options = std::make_shared<LsOptions>();
   command.add_option("PATH", options->path, "The node; without it the root");
   command.add_option("--after", options->after, "Begin with the first name behind this one");
-  command.add_option("--limit", options->limit, "List no more than so many");
+  command.add_option("--limit", options->limit, "List no more than so many")
+      ->check(CLI::NonNegativeNumber);
   command.callback([&invocation, options] {
     invocation.action = [&invocation, options] { return Ls(invocation, *options); };
   });

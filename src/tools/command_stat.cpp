@@ -66,6 +66,9 @@ void WriteTable(Output& out, const Facts& facts) {
 }
 
 int Stat(const Invocation& invocation, const std::optional<std::string>& path) {
+  if (invocation.format == Format::kTree || invocation.format == Format::kRaw) {
+    throw UsageError{"stat has the formats table and json."};
+  }
   OpenDatabase database(invocation);
   const Facts facts = path ? FactsOfNode(database, *path) : FactsOfDatabase(database);
   Output out;

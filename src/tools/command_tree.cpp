@@ -1,4 +1,5 @@
 #include <memory>
+#include <optional>
 
 #include "tools/BranchWalk.h"
 #include "tools/Invocation.h"
@@ -16,14 +17,14 @@ namespace {
 
 struct TreeOptions {
   std::string path;
-  std::size_t depth = kUsualDepth;
+  std::optional<std::size_t> depth;
 };
 
 // One line for each value.
 void WriteValues(Output& out, const TarnRef& node, std::size_t depth, bool raw) {
   Listing listing(out, {"PATH", "TYPE", "VALUE"});
   BranchWalk walk(node);
-  while (const BranchWalk::Step* step = walk.next()) {
+  while (const BranchWalk::Step* step = depth != 0 ? walk.next() : nullptr) {
     const NodeView view(step->node);
     if (step->depth >= depth) walk.skipChildren();
     if (!view.value) continue;
@@ -37,6 +38,9 @@ void WriteValues(Output& out, const TarnRef& node, std::size_t depth, bool raw) 
 }
 
 int Tree(const Invocation& invocation, const TreeOptions& options) {
+  if (invocation.format == Format::kJson && options.depth) {
+    throw UsageError{"--depth does not go with --format json, which is always the whole branch."};
+  }
   OpenDatabase database(invocation);
   const TarnRef node = database.node(options.path);
   Output out;
@@ -46,10 +50,11 @@ int Tree(const Invocation& invocation, const TreeOptions& options) {
       break;
     case Format::kTable:
     case Format::kRaw:
-      WriteValues(out, node, options.depth, invocation.format == Format::kRaw);
+      WriteValues(out, node, options.depth.value_or(kUsualDepth),
+                  invocation.format == Format::kRaw);
       break;
     default:
-      WriteTree(out, options.path, node, options.depth);
+      WriteTree(out, options.path, node, options.depth.value_or(kUsualDepth));
   }
   out.finish();
   return ExitStatus::kDone;
@@ -63,7 +68,8 @@ void AddTree(CLI::App& app, Invocation& invocation) {
                  "tarns -d data --format table tree machines --depth 2");
   auto options = std::make_shared<TreeOptions>();
   command.add_option("PATH", options->path, "The branch; without it everything");
-  command.add_option("--depth", options->depth, "Go down so many levels (default 64)");
+  command.add_option("--depth", options->depth, "Go down so many levels (default 64)")
+      ->check(CLI::NonNegativeNumber);
   command.callback([&invocation, options] {
     invocation.action = [&invocation, options] { return Tree(invocation, *options); };
   });

@@ -91,6 +91,10 @@ std::string KeyOfName(std::string_view name, std::size_t ordinal) {
   return "~" + number + "=" + BytesToText(name);
 }
 
+std::string TextOfName(std::string_view name) {
+  return IsUtf8(name) ? std::string(name) : "~=" + BytesToText(name);
+}
+
 std::optional<ExactKey> ReadExactKey(std::string_view key) {
   const std::size_t equals = key.find('=');
   if (!key.starts_with('~') || equals == std::string_view::npos) return std::nullopt;

@@ -18,6 +18,10 @@ std::string NameOfKey(std::string_view key);
 // for a further child of one name, "~2=", "~3=" and so on.
 std::string KeyOfName(std::string_view name, std::size_t ordinal = 1);
 
+// A name or a path as a result that is read by programs: as it is where it is UTF-8, otherwise "~="
+// and BytesToText().
+std::string TextOfName(std::string_view name);
+
 // What a key "~=..." or "~2=..." says; nothing for other keys, or for malformed escapes.
 struct ExactKey {
   std::string name;

@@ -11,6 +11,18 @@ namespace tarns {
 
 namespace {
 
+// Lines of levels further up are not drawn: a tree may be a million levels deep.
+constexpr std::size_t kMostLines = 100;
+
+std::string LinesOf(const std::vector<bool>& isLast) {
+  const bool isCut = isLast.size() > kMostLines;
+  std::string lines = isCut ? "… " : "";
+  for (std::size_t i = isCut ? isLast.size() - kMostLines : 0; i < isLast.size(); ++i) {
+    lines += isLast[i] ? "    " : "│   ";
+  }
+  return lines;
+}
+
 std::string Described(const NodeView& view) {
   if (view.value && view.numChildren == 0) return " = " + SummaryOf(view);
   const std::string type = view.isPlain ? "" : " [" + TypeOf(view) + "]";
@@ -23,13 +35,16 @@ void WriteTree(Output& out, std::string_view title, const TarnRef& node, std::si
   const auto write = [&](std::string line) {
     out << (out.isTerminal() ? CutToWidth(std::move(line), out.getColumns()) : line) << '\n';
   };
-  write((title.empty() ? "(root)" : Shown(title)) + Described(NodeView(node)));
+  const NodeView top(node);
+  const bool isCounted = depth == 0 && top.numChildren != 0 && !top.value;
+  write((title.empty() ? "(root)" : Shown(title)) + Described(top) +
+        (isCounted ? " " + SummaryOf(top) : ""));
+  if (depth == 0) return;
   BranchWalk walk(node);
   std::vector<bool> isLast;  // of the levels above
   while (const BranchWalk::Step* step = walk.next()) {
     isLast.resize(step->depth - 1);
-    std::string line;
-    for (const bool wasLast : isLast) line += wasLast ? "    " : "│   ";
+    std::string line = LinesOf(isLast);
     line += step->isLast ? "└── " : "├── ";
     isLast.push_back(step->isLast);
     const NodeView view(step->node);

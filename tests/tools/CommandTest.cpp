@@ -8,6 +8,7 @@
 #include <thread>
 
 #include "support/killed_process.h"
+#include "support/run_on_terminal.h"
 #include "support/run_program.h"
 
 namespace tarns {
@@ -82,14 +83,20 @@ TEST_F(CommandTest, AnswersAsInTheManual) {
        "m\n├── press\n│   ├── load = -2500\n│   ├── on = true\n│   ├── serial = 0042\n"
        "│   └── speed = 40\n└── saw\n",
        ""},
-      {{"tree", "m", "--depth", "1"}, "", 0, "m\n├── press (4 children)\n└── saw\n", ""},
+      {{"tree", "m", "--depth", "0"}, "", 0, "m (2 children)\n", ""},
+      {{"--format", "raw", "tree", "m", "--depth", "0"}, "", 0, "", ""},
+      {{"--cache", "1M", "tree", "m", "--depth", "1"},
+       "",
+       0,
+       "m\n├── press (4 children)\n└── saw\n",
+       ""},
       {{"--format", "raw", "tree", "m"},
        "",
        0,
        "press~load=-2500\npress~on=true\npress~serial=0042\npress~speed=40\n",
        ""},
       {{"find", "--name", "s*"}, "", 0, "m~press~serial\nm~press~speed\nm~saw\n", ""},
-      {{"find", "m~press", "--value", "4?", "--type", "Sint64"}, "", 0, "m~press~speed\n", ""},
+      {{"find", "m~press", "--value", "4?", "--type", "sint64"}, "", 0, "m~press~speed\n", ""},
       {{"find", "--format", "json", "--value", "0042"},
        "",
        0,
@@ -150,6 +157,22 @@ TEST_F(CommandTest, MistakesInUseAndMissingDatabases) {
       {{command, "-d", database(), "get"}, 2, "PATH"},
       {{command, "-d", database(), "--format", "xml", "ls"}, 2, "xml"},
       {{command, "-d", database(), "ls", "--limit", "many"}, 2, "many"},
+      {{command, "-d", database(), "ls", "--limit", "-1"}, 2, "-1"},
+      {{command, "-d", database(), "find", "--limit", "-1"}, 2, "-1"},
+      {{command, "-d", database(), "tree", "--depth", "-1"}, 2, "-1"},
+      {{command, "-d", database(), "import", "-", "--batch", "-1"}, 2, "-1"},
+      {{command, "-d", database(), "--wait", "nan", "ls"}, 2, "not a number"},
+      {{command, "-d", database(), "--wait", "-1", "ls"}, 2, "range"},
+      {{command, "-d", database(), "--cache", "much", "ls"}, 2, "much"},
+      {{command, "-d", database(), "--format", "json", "tree", "--depth", "1"}, 2, "--depth"},
+      {{command, "-d", database(), "--format", "tree", "ls", "--limit", "1"}, 2, "--limit"},
+      {{command, "-d", database(), "--format", "tree", "find"}, 2, "--format tree"},
+      {{command, "-d", database(), "--format", "raw", "stat"}, 2, "formats"},
+      {{command, "-d", database(), "find", "--type", "Wrong"}, 1, "\"Wrong\""},
+      {{command, "-d", database(), "export", "out.json"}, 1, "before the file"},
+      {{command, "-d", database(), "export", "out"}, 1, "\"out\" does not exist.\n"},
+      {{command, "-d", database(), "import", "-", "x~"}, 3, "empty branch name"},
+      {{command, "-d", database(), "cp", "", ""}, 3, "the root"},
       {{command, "ls"}, 2, "TARNS_DB"},
       {{command, "-d", nowhere, "ls"}, 3, "There is no database"},
       {{command, "-d", directory().file("bad.conf"), "ls"}, 3, "nonsense"},
@@ -189,10 +212,63 @@ TEST_F(CommandTest, ControlBytesAreShownAsEscapes) {
   EXPECT_EQ(run({"ls", "--format", "raw"}).out, name + "\n");
   EXPECT_EQ(run({"tree"}).out, "(root)\n└── " + shown + " = \\u{1b}]0;x\\u{7}\n");
   EXPECT_EQ(run({"find"}).out, shown + "\n");
+  EXPECT_THAT(run({"ls", "--format", "json"}).out, HasSubstr("\"~=a\\u001b[2J\\n\\\\xff"));
+  ASSERT_EQ(run({"set", "x%7Ey", "1"}).status, 0);
+  EXPECT_THAT(run({"ls", "--format", "json"}).out, HasSubstr("{\"name\": \"x%7Ey\""));
+  ASSERT_EQ(run({"rm", "x%7Ey"}).status, 0);
   const program_result failure = run({"get", "\x1b[31m"});
   EXPECT_EQ(failure.err, "tarns: The specified path \"\\u{1b}[31m\" does not exist.\n");
   for (const char* command : {"export", "stat"}) {
     EXPECT_EQ(run({command}).out.find('\x1b'), std::string::npos) << command;
+  }
+}
+
+TEST_F(CommandTest, OnATerminalResultsAreForPeople) {
+  ASSERT_EQ(run({"set", "a",
+                 "\x1b]0;x\x07"
+                 "line 1\nline 2"})
+                .status,
+            0);
+  ASSERT_EQ(run({"set", "b", std::string(100, 'x')}).status, 0);
+  const auto shown = [&](std::vector<std::string> arguments) {
+    arguments.insert(arguments.begin(), {PROGRAM_TARNS_COMMAND, "-d", database()});
+    return run_on_terminal(arguments, 30).out;
+  };
+  EXPECT_EQ(shown({"get", "a"}), "\\u{1b}]0;x\\u{7}line 1\nline 2\n");
+  EXPECT_EQ(shown({"ls"}),
+            "NAME  TYPE    VALUE\n"
+            "a     String  \\u{1b}]0;x\\u{7}…\n"
+            "b     String  " +
+                std::string(15, 'x') + "…\n");
+  EXPECT_EQ(shown({"tree"}),
+            "(root)\n├── a = \\u{1b}]0;x\\u{7}line 1…\n└── b = " + std::string(21, 'x') + "…\n");
+  EXPECT_EQ(run({"get", "a"}).out,
+            "\x1b]0;x\x07"
+            "line 1\nline 2\n")
+      << "as it is, in a pipe";
+}
+
+TEST_F(CommandTest, ProgressIsShownOnATerminalWhenItTakesLong) {
+  struct Case {
+    const char* pause;
+    bool isShown;
+  };
+  for (const Case& c : {Case{"0", false}, Case{"1.3", true}}) {
+    SCOPED_TRACE(c.pause);
+    const std::string script = "json() { echo '{\"a\": ['; seq -s, 1 400; echo ','; sleep " +
+                               std::string(c.pause) +
+                               "; seq -s, 1 400; echo ']}'; }; json | \"$0\" -d \"$1\" import -";
+    const std::vector<std::string> arguments{"/bin/bash", "-c", script, PROGRAM_TARNS_COMMAND,
+                                             database()};
+    const program_result result = run_on_terminal(arguments, 80);
+    EXPECT_EQ(result.status, 0);
+    if (c.isShown) {
+      EXPECT_THAT(result.out, HasSubstr("Importing: 512 values"));
+      EXPECT_THAT(result.out, HasSubstr("Importing: storing"));
+      EXPECT_TRUE(result.out.ends_with("\r\x1b[K")) << "wiped in the end";
+    } else {
+      EXPECT_THAT(result.out, testing::Not(HasSubstr("values")));
+    }
   }
 }
 
