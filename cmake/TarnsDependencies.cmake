@@ -10,7 +10,6 @@ find_package(spdlog 1.10 REQUIRED)
 if(TARNS_BUILD_TOOL)
   find_package(CLI11 2.1 REQUIRED)
   find_package(nlohmann_json 3.11 REQUIRED)
-  pkg_check_modules(libedit REQUIRED IMPORTED_TARGET libedit)
   pkg_check_modules(utf8proc REQUIRED IMPORTED_TARGET libutf8proc)
 endif()
 
