@@ -6,7 +6,7 @@
 
 namespace tarns {
 
-BranchWalk::BranchWalk(const TarnRef& from) { enter(from); }
+BranchWalk::BranchWalk(const TarnRef& from) : shared_(from) { enter(from); }
 
 void BranchWalk::enter(const TarnRef& node) {
   openNodes_.insert(node.handle());
@@ -27,9 +27,15 @@ const BranchWalk::Step* BranchWalk::next() {
     const bool isCircle = openNodes_.contains(child->child.handle());
     names_.resize(levels_.size() - 1);
     names_.push_back(child->name);
-    step_ = Step{std::move(child->name), std::move(child->child), levels_.size(),
-                 level.children.isAtEnd(), isCircle};
-    entersStep_ = !isCircle;
+    const bool isElsewhere =
+        !isCircle && !shared_.entersHere(child->child, level.node, child->name);
+    step_ = Step{std::move(child->name),
+                 std::move(child->child),
+                 levels_.size(),
+                 level.children.isAtEnd(),
+                 isCircle,
+                 isElsewhere};
+    entersStep_ = !isCircle && !isElsewhere;
     return &*step_;
   }
   return nullptr;

@@ -19,6 +19,7 @@ constexpr std::size_t kDeepestIndentation = 32;
 }  // namespace
 
 void JsonWriter::write(const TarnRef& node) {
+  shared_.emplace(node);
   begin(node);
   while (!levels_.empty()) {
     Level& level = levels_.back();
@@ -36,6 +37,7 @@ void JsonWriter::write(const TarnRef& node) {
     } else {
       writeMember(KeyOfName(level.name, level.ordinal), "");
     }
+    verifyNotShared(child->child);
     begin(child->child);
   }
   out_ << '\n';
@@ -56,7 +58,7 @@ void JsonWriter::begin(const TarnRef& node) {
 }
 
 void JsonWriter::beginLevel(const TarnRef& node, const NodeView& view) {
-  if (!openNodes_.insert(node.handle()).second) throwCircle();
+  openNodes_.insert(node.handle());
   levels_.push_back({node, ChildSource(node), "", 1, true});
   if (levels_.back().children.isArray()) {
     out_ << '[';
@@ -127,11 +129,23 @@ std::string JsonWriter::path() const {
   return path;
 }
 
+std::string JsonWriter::pathOfChild() const {
+  return path() + (levels_.size() > 1 ? "~" : "") + levels_.back().name;
+}
+
+void JsonWriter::verifyNotShared(const TarnRef& child) {
+  if (openNodes_.contains(child.handle())) throwCircle();
+  if (shared_->entersHere(child, levels_.back().node, levels_.back().name)) return;
+  TarnException error;
+  error << "The branch lists a node in several places, which JSON cannot express: the node at \""
+        << pathOfChild() << "\" is the one at \"" << PlaceOf(child) << "\".";
+  throw error;
+}
+
 void JsonWriter::throwCircle() const {
   TarnException error;
-  error << "The branch contains itself, which JSON cannot express: the node at \"" << path();
-  if (levels_.size() > 1) error << "~";
-  error << levels_.back().name << "\" is one of those above it.";
+  error << "The branch contains itself, which JSON cannot express: the node at \"" << pathOfChild()
+        << "\" is one of those above it.";
   throw error;
 }
 

@@ -3,12 +3,14 @@
 #include <tarns/core/TarnObject.h>
 
 #include <cstdint>
+#include <optional>
 #include <string>
 #include <string_view>
 #include <unordered_set>
 #include <vector>
 
 #include "tools/Output.h"
+#include "tools/SharedNodes.h"
 #include "tools/node_view.h"
 
 namespace tarns {
@@ -16,8 +18,8 @@ namespace tarns {
 // Writes branches as JSON, from which import makes the same branch again; see docs/json-form.md.
 //
 // Streams: of each level that is open it holds a batch of children. Does not recurse.
-// Errors: TarnException for what JSON cannot express, a branch that contains itself among it; what
-// was written until then stays written.
+// Errors: TarnException for what JSON cannot express, a branch that contains itself or lists a node
+// with children more than once among it; what was written until then stays written.
 class JsonWriter {
  public:
   explicit JsonWriter(Output& out) : out_(out) {}
@@ -44,11 +46,14 @@ class JsonWriter {
   void breakLine();
   std::vector<MemberValue> membersOf(const TarnRef& node) const;
   std::string path() const;
+  std::string pathOfChild() const;
+  void verifyNotShared(const TarnRef& child);
   [[noreturn]] void throwCircle() const;
 
   Output& out_;
   std::vector<Level> levels_;
   std::unordered_set<const void*> openNodes_;  // handles, which levels_ holds
+  std::optional<SharedNodes> shared_;
   std::uint64_t count_ = 0;
 };
 

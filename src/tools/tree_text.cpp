@@ -51,6 +51,8 @@ void WriteTree(Output& out, std::string_view title, const TarnRef& node, std::si
     line += Shown(step->name) + Described(view);
     if (step->isCircle) {
       line += " (a node above)";
+    } else if (step->isElsewhere) {
+      line += " (the node at " + Shown(PlaceOf(step->node)) + ")";
     } else if (step->depth >= depth) {
       if (view.numChildren != 0 && !view.value) line += " " + SummaryOf(view);
       walk.skipChildren();

@@ -401,6 +401,42 @@ TEST_F(JsonTest, AHundredThousandLevelsBothWays) {
   EXPECT_TRUE(again == text);
 }
 
+TEST_F(JsonTest, NodesInSeveralPlacesAreEnteredOnce) {
+  // Sixty levels, each listed twice by the one above: 2^60 paths.
+  manager().transaction([&] {
+    std::string path = "x";
+    manager().set(path);
+    for (int i = 0; i < 60; ++i) {
+      const TarnRef above = manager().getObject(path);
+      path += "~n";
+      manager().set(path);
+      const TarnRef node = manager().getObject(path);
+      modify(above)->addChild("m", node);  // which makes this its place
+    }
+    manager().set(path + "~v", 1);
+  });
+  BranchWalk walk(manager().getObject("x"));
+  int steps = 0, elsewhere = 0;
+  while (const auto* step = walk.next()) {
+    ++steps;
+    if (step->isElsewhere) ++elsewhere;
+  }
+  EXPECT_EQ(steps, 2 * 60 + 1);
+  EXPECT_EQ(elsewhere, 60);
+  EXPECT_THAT([&] { exported("x"); },
+              ThrowsTarn(0, testing::AllOf(HasSubstr("in several places"), HasSubstr("~m\""))));
+  // A node whose place is outside is written where it is met, once.
+  manager().set("y~a");
+  manager().set("home~n~v", std::int64_t{2});
+  const TarnRef node = manager().getObject("home~n"), home = manager().getObject("home");
+  modify(manager().getObject("y"))->addChild("b", node);
+  ASSERT_TRUE(modify(home)->becomeParentOf("n"));
+  EXPECT_EQ(json::parse(exported("y")), json::parse(R"({"a":{},"b":{"v":2}})"));
+  modify(manager().getObject("y~a"))->addChild("c", node);
+  ASSERT_TRUE(modify(home)->becomeParentOf("n"));
+  EXPECT_THAT([&] { exported("y"); }, ThrowsTarn(0, HasSubstr("\"home~n\"")));
+}
+
 TEST_F(JsonTest, ABranchThatContainsItselfIsRefused) {
   manager().set("x~y");
   const TarnRef y = manager().getObject("x~y");
