@@ -39,6 +39,7 @@ void JsonWriter::write(const TarnRef& node) {
     }
     verifyNotShared(child->child);
     begin(child->child);
+    if (wrote_) wrote_(count_);
   }
   out_ << '\n';
 }

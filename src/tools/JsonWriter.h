@@ -3,6 +3,7 @@
 #include <tarns/core/TarnObject.h>
 
 #include <cstdint>
+#include <functional>
 #include <optional>
 #include <string>
 #include <string_view>
@@ -22,7 +23,9 @@ namespace tarns {
 // with children more than once among it; what was written until then stays written.
 class JsonWriter {
  public:
-  explicit JsonWriter(Output& out) : out_(out) {}
+  // `wrote`: called after each node, with the number of values so far.
+  explicit JsonWriter(Output& out, std::function<void(std::uint64_t)> wrote = {})
+      : out_(out), wrote_(std::move(wrote)) {}
 
   // The branch as one JSON value, with a line break behind it.
   void write(const TarnRef& node);
@@ -51,6 +54,7 @@ class JsonWriter {
   [[noreturn]] void throwCircle() const;
 
   Output& out_;
+  std::function<void(std::uint64_t)> wrote_;
   std::vector<Level> levels_;
   std::unordered_set<const void*> openNodes_;  // handles, which levels_ holds
   std::optional<SharedNodes> shared_;

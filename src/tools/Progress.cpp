@@ -11,7 +11,8 @@ constexpr const char* kWipe = "\r\x1b[K";
 
 }  // namespace
 
-Progress::Progress(std::string task, std::uint64_t total) : task_(std::move(task)), total_(total) {}
+Progress::Progress(std::string task, std::uint64_t total, std::string unit)
+    : task_(std::move(task)), unit_(std::move(unit)), total_(total) {}
 
 Progress::~Progress() {
   if (isShown_) std::fputs(kWipe, stderr);
@@ -23,12 +24,10 @@ void Progress::show(std::uint64_t done, std::uint64_t count) {
   if (now < next_) return;
   next_ = now + kInterval;
   isShown_ = true;
-  const auto values = static_cast<unsigned long long>(count);
+  std::fprintf(stderr, "%s%s: %llu %s", kWipe, task_.c_str(),
+               static_cast<unsigned long long>(count), unit_.c_str());
   if (total_ != 0) {
-    std::fprintf(stderr, "%s%s: %llu values, %llu %%", kWipe, task_.c_str(), values,
-                 static_cast<unsigned long long>(done * 100 / total_));
-  } else {
-    std::fprintf(stderr, "%s%s: %llu values", kWipe, task_.c_str(), values);
+    std::fprintf(stderr, ", %llu %%", static_cast<unsigned long long>(done * 100 / total_));
   }
 }
 

@@ -12,12 +12,13 @@ namespace tarns {
 // the task has taken a second.
 class Progress {
  public:
-  Progress(std::string task, std::uint64_t total);  // `total` in bytes; 0: not known
-  ~Progress();                                      // wipes the line
+  // `total` in bytes; 0: not known. `unit`: what is counted.
+  Progress(std::string task, std::uint64_t total, std::string unit = "values");
+  ~Progress();  // wipes the line
   Progress(const Progress&) = delete;
   Progress& operator=(const Progress&) = delete;
 
-  // `done` in bytes; `count`: values so far. Cheap to call often.
+  // `done` in bytes; `count`: so far. Cheap to call often.
   void show(std::uint64_t done, std::uint64_t count);
   // The step that ends the task and cannot tell how far it is; shown at once, unless the task was
   // so short that this cannot take long either.
@@ -28,7 +29,7 @@ class Progress {
   static constexpr unsigned kCallsPerLook = 256;  // at the clock
 
   const bool isWanted_ = TalksToTerminal();
-  const std::string task_;
+  const std::string task_, unit_;
   const std::uint64_t total_;
   const Clock::time_point start_ = Clock::now();
   Clock::time_point next_ = start_ + std::chrono::seconds(1);

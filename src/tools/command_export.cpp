@@ -1,11 +1,13 @@
 #include <tarns/core/TarnException.h>
 
 #include <memory>
+#include <optional>
 
 #include "tools/Invocation.h"
 #include "tools/JsonWriter.h"
 #include "tools/OpenDatabase.h"
 #include "tools/Output.h"
+#include "tools/Progress.h"
 
 namespace tarns {
 
@@ -34,7 +36,11 @@ int Export(const Invocation& invocation, const ExportOptions& options) {
   const TarnRef node = database->getObject(options.path);
   if (node.is_null()) ThrowNothingAt(options);
   Output out(options.file);
-  JsonWriter(out).write(node);
+  std::optional<Progress> progress;
+  if (!out.isTerminal()) progress.emplace("Exporting", 0);
+  JsonWriter(out, [&](std::uint64_t count) {
+    if (progress) progress->show(0, count);
+  }).write(node);
   out.finish();
   return ExitStatus::kDone;
 }

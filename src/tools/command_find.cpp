@@ -10,6 +10,7 @@
 #include "tools/Listing.h"
 #include "tools/OpenDatabase.h"
 #include "tools/Output.h"
+#include "tools/Progress.h"
 #include "tools/json_names.h"
 #include "tools/json_values.h"
 #include "tools/shown_text.h"
@@ -94,8 +95,12 @@ int Find(const Invocation& invocation, const FindOptions& options) {
   Findings findings(out, invocation.format);
   const std::string prefix = options.path.empty() ? "" : options.path + "~";
   BranchWalk walk(database.node(options.path));
+  std::optional<Progress> progress;
+  if (!out.isTerminal()) progress.emplace("Searching", 0, "nodes");
+  std::uint64_t looked = 0;
   std::size_t found = 0;
   while (const BranchWalk::Step* step = found < options.limit ? walk.next() : nullptr) {
+    if (progress) progress->show(0, ++looked);
     const NodeView view(step->node);
     if (!IsWanted(options, *step, view)) continue;
     findings.add(prefix + walk.path(), view);
