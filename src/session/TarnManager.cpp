@@ -140,9 +140,7 @@ std::uint64_t TarnManager::getNumBytesFromDatabase() {
   return openDatabase().get_num_bytes_from_db();
 }
 
-std::uint64_t TarnManager::getNumBytesToDatabase() {
-  return openDatabase().get_num_bytes_to_db();
-}
+std::uint64_t TarnManager::getNumBytesToDatabase() { return openDatabase().get_num_bytes_to_db(); }
 
 std::uint64_t TarnManager::getNumBytesFromStorage(unsigned long id) {
   return openDatabase().get_num_bytes_from_db(StorageNumber(id));
