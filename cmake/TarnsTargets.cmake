@@ -115,20 +115,27 @@ function(tarns_test name)
     LIBRARIES tests_support GTest::gtest_main ${arg_LIBRARIES})
   list(JOIN arg_THREADS ":" threads)
   if(threads)
-    _tarns_discover("${name}" "${threads}" "${name}\\;threads" ${arg_TIMEOUT})
+    _tarns_discover("${name}" "${threads}" ${arg_TIMEOUT} TEST_LIST "${name}_threads")
+    # gtest_discover_tests() cannot set two labels.
+    set(labels "${CMAKE_CURRENT_BINARY_DIR}/${name}_threads.cmake")
+    file(WRITE "${labels}" "foreach(test IN LISTS ${name}_threads)\n"
+                           "  set_tests_properties(\"\${test}\" PROPERTIES LABELS "
+                           "\"${name};threads\")\n" "endforeach()\n")
+    set_property(DIRECTORY APPEND PROPERTY TEST_INCLUDE_FILES "${labels}")
   endif()
-  _tarns_discover("${name}" "-${threads}" "${name}" ${arg_TIMEOUT})
+  _tarns_discover("${name}" "-${threads}" ${arg_TIMEOUT})
 endfunction()
 
 # Lets ctest know of the cases that a filter selects.
-function(_tarns_discover name filter labels timeout)
+function(_tarns_discover name filter timeout)
   gtest_discover_tests(
     "tests_${name}"
     TEST_FILTER "${filter}"
     TEST_PREFIX "${name}."
     DISCOVERY_MODE PRE_TEST
     DISCOVERY_TIMEOUT 60
-    PROPERTIES TIMEOUT ${timeout} LABELS "${labels}")
+    ${ARGN}
+    PROPERTIES TIMEOUT ${timeout} LABELS ${name})
 endfunction()
 
 # Remembers sources under tests/; tarns_require_all_tests() compares them with what lies there.
