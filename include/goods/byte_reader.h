@@ -29,7 +29,10 @@ class GOODS_API byte_reader {
     return static_cast<std::uint8_t>(*next_++);
   }
   std::span<const std::byte> get_bytes(std::size_t count);
-  std::uint64_t get_unsigned();
+  std::uint64_t get_unsigned() {
+    if (next_ != end_ && *next_ < std::byte{0x80}) return static_cast<std::uint64_t>(*next_++);
+    return get_long_unsigned();
+  }
   std::int64_t get_signed();
   double get_double();
   float get_float();
@@ -44,6 +47,8 @@ class GOODS_API byte_reader {
   [[noreturn]] void fail(const char* what) const;
 
  private:
+  std::uint64_t get_long_unsigned();
+
   const std::byte* next_;
   const std::byte* end_;
   object_id self_;

@@ -96,6 +96,7 @@ class GOODS_API index_page {
   std::size_t bound(std::string_view name) const;
   // Adds an entry without counting what it holds, and without keeping prefixes.
   void place(std::size_t at, std::string_view name, std::uint64_t first, std::uint64_t second);
+  void place_last(std::string_view name, std::uint64_t first, std::uint64_t second);
   void close_gap(std::size_t at);
   void resize_room(std::size_t capacity);
   void resize_names(std::size_t capacity);  // drops what is unused

@@ -35,7 +35,7 @@ std::span<const std::byte> byte_reader::get_bytes(std::size_t count) {
   return bytes;
 }
 
-std::uint64_t byte_reader::get_unsigned() {
+std::uint64_t byte_reader::get_long_unsigned() {
   std::uint64_t value = 0;
   for (unsigned shift = 0; shift < 64; shift += 7) {
     const std::uint64_t byte = get_byte();

@@ -16,6 +16,7 @@ namespace goods {
 namespace {
 
 constexpr std::size_t least_capacity = 4;
+constexpr std::uint32_t least_name_waste = 64;  // bytes that are not worth moving names for
 constexpr std::size_t prefetch_distance = 24;
 constexpr std::size_t least_entry_bytes = 3;  // in the stored form
 
@@ -143,6 +144,7 @@ std::uint64_t index_page::add_name(std::string_view name) {
 
 void index_page::place(std::size_t at, std::string_view name, std::uint64_t first,
                        std::uint64_t second) {
+  if (at == size_) return place_last(name, first, second);
   if (size_ == capacity_) resize_room(std::max(least_capacity, size_ + size_t{size_} / 2));
   const std::uint64_t span = add_name(name);
   std::uint64_t* const parts[] = {prefixes(), firsts(), seconds(), spans()};
@@ -151,6 +153,15 @@ void index_page::place(std::size_t at, std::string_view name, std::uint64_t firs
     std::copy_backward(parts[part] + at, parts[part] + size_, parts[part] + size_ + 1);
     parts[part][at] = values[part];
   }
+  ++size_;
+}
+
+void index_page::place_last(std::string_view name, std::uint64_t first, std::uint64_t second) {
+  if (size_ == capacity_) resize_room(std::max(least_capacity, size_ + size_t{size_} / 2));
+  spans()[size_] = add_name(name);
+  prefixes()[size_] = 0;
+  firsts()[size_] = first;
+  seconds()[size_] = second;
   ++size_;
 }
 
@@ -348,10 +359,12 @@ void index_page::unpack(byte_reader& in) {
       in.fail("is an index page with an impossible entry");
     }
     const bool is_id = is_leaf() && second != 0;
-    place(i, text, bits_of(ref_word::of(first)), is_id ? bits_of(ref_word::of(second)) : second);
+    place_last(text, bits_of(ref_word::of(first)), is_id ? bits_of(ref_word::of(second)) : second);
   }
   if (is_leaf() && in.get_unsigned() != 0) in.fail("is an index page of two kinds");
-  resize_names(names_used_);
+  if (names_capacity_ - names_used_ > std::max(least_name_waste, names_used_ / 4)) {
+    resize_names(names_used_);
+  }
   find_skip();
 }
 

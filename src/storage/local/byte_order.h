@@ -52,6 +52,11 @@ class byte_reader {
   }
 
   std::uint64_t varint() {
+    if (!rest_.empty() && rest_[0] < std::byte{0x80}) {  // nearly all are short
+      const auto value = static_cast<std::uint64_t>(rest_[0]);
+      rest_ = rest_.subspan(1);
+      return value;
+    }
     std::uint64_t value = 0;
     for (unsigned shift = 0; shift < 64; shift += 7) {
       const auto byte = static_cast<std::uint64_t>(take(1)[0]);
