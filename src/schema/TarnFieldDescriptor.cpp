@@ -227,7 +227,7 @@ bool TarnFieldDescriptor::setValue(TarnObject* node, const char* name,
       if (size() == 1 && isNullTerminated_) {
         const std::string_view text = value.getText().substr(0, getNumItems() - 1);
         std::memset(at, 0, getNumItems());
-        std::memcpy(at, text.data(), text.size());
+        text.copy(static_cast<char*>(at), text.size());
         return true;
       }
       [[fallthrough]];

@@ -117,23 +117,24 @@ class EvolutionTest : public testing::Test {
  protected:
   // Stores a gadget at "box~gadget" with everything set, and closes.
   void storeFirst() {
-    {
-      const KnownClass<FirstGadget> known;
-      const TarnRef root = tree_.root();
-      modify(root)->setValue("box", TarnData());
-      modify(root->getChildWithName("box"))->addChild("gadget", FirstGadget::Create());
-      const TarnRef gadget = root->getChildWithName("box~gadget");
-      modify(gadget)->setValue("Count", TarnData(-7));
-      modify(gadget)->setValue("Gone", TarnData(1.25));
-      modify(gadget)->setValue("Marks_1", TarnData(200));
-      modify(gadget)->setValue("Flag", TarnData(5));
-      modify(gadget)->setValue("Flags_1", TarnData(200));
-      modify(gadget)->setValue("WideFlag", TarnData(1000.5));
-      modify(gadget)->setValue("OldName", TarnData("label"));
-      modify(gadget)->setNode("Friend", root->getChildWithName("box"));
-      modify(gadget)->setValue("child", TarnData("below"));
-    }
+    const KnownClass<FirstGadget> known;  // outlives what the session has of it
+    setFirst();
     tree_.reopen();
+  }
+  void setFirst() {
+    const TarnRef root = tree_.root();
+    modify(root)->setValue("box", TarnData());
+    modify(root->getChildWithName("box"))->addChild("gadget", FirstGadget::Create());
+    const TarnRef gadget = root->getChildWithName("box~gadget");
+    modify(gadget)->setValue("Count", TarnData(-7));
+    modify(gadget)->setValue("Gone", TarnData(1.25));
+    modify(gadget)->setValue("Marks_1", TarnData(200));
+    modify(gadget)->setValue("Flag", TarnData(5));
+    modify(gadget)->setValue("Flags_1", TarnData(200));
+    modify(gadget)->setValue("WideFlag", TarnData(1000.5));
+    modify(gadget)->setValue("OldName", TarnData("label"));
+    modify(gadget)->setNode("Friend", root->getChildWithName("box"));
+    modify(gadget)->setValue("child", TarnData("below"));
   }
   std::string text(const char* path) { return std::string(tree_.root()->getXString(path).view()); }
 
@@ -169,8 +170,8 @@ TEST_F(EvolutionTest, LoadsAnyByteAsABoolean) {
     for (const char* path : {"switch~On", "switch~Each_0", "switch~Each_2"}) {
       modify(tree_.root())->setValue(path, TarnData(5));
     }
+    tree_.reopen();
   }
-  tree_.reopen();
   const KnownClass<Switch<bool>> known;
   for (const char* path : {"switch~On", "switch~Each_0", "switch~Each_2"}) {
     const auto value = tree_.root()->valueAt(path);

@@ -174,6 +174,7 @@ TEST_P(MachineTest, ClonesMembersWithTextsOfTheirOwn) {
   EXPECT_FALSE(copy->hasParent());
   modify(copy)->copyFrom(press());
   EXPECT_EQ(copy->getLabel(), "new");
+  modify(press())->setFeeder(nullptr);  // undoes the circle
   EXPECT_THAT([&] { modify(copy)->setNode(nullptr, TarnObject::Create()); },
               ThrowsTarn(11,
                          "Cannot mutate this object into the specified object of type "
@@ -208,6 +209,9 @@ TEST_P(MachineTest, CopiesBranchesWithReferencesInsideThem) {
   EXPECT_EQ(read->getSint32("part~weight"), 3);
   modify(root())->setValue("press~part~weight", TarnData(4));
   EXPECT_EQ(read->getSint32("part~weight"), 3);
+  for (const char* path : {"press~drill", "hall~copy~drill"}) {  // undoes the circles
+    modify(xcptref<Machine>(root()->getChildWithName(path))->getFeeder())->setFeeder(nullptr);
+  }
   modify(root()->getChildWithName("press"))->shatter();
   modify(root()->getChildWithName("hall"))->shatter();
 }
