@@ -35,15 +35,21 @@ struct held_entry {
 };
 
 // Where a walk through an index goes on: directly after (before) this entry. When the entry is gone
-// by then: at the first (after the last) entry that remains of its name, so that nothing is left
+// by then: where it was, as far as the entries of its name that the walk has passed tell; where
+// none of these remains, at the first (after the last) entry of its name, so that nothing is left
 // out.
 struct index_position {
   std::string name;
   ref<set_member> member;  // null: before the first (after the last) entry of this name
+  // Entries of the same name that stood before, behind `member`, the nearest one last.
+  std::vector<ref<set_member>> before, behind;
 
   explicit index_position(std::string_view text, ref<set_member> at = {})
       : name(text), member(std::move(at)) {}
   explicit index_position(const held_entry& entry) : name(entry.name), member(entry.member) {}
+
+  // To the last one of the entries that come next in a walk forward; none leaves it where it is.
+  void move_behind(const std::vector<held_entry>& batch);
 };
 
 // Members in the byte-wise unsigned order of their keys; equal keys are allowed, a new one goes

@@ -7,21 +7,20 @@
 namespace tarns {
 
 TarnChildren::Iterator::Iterator(xcptref<TarnObjects> index) : index_(std::move(index)) {
-  if (!index_.is_null()) fetch(nullptr);
+  if (!index_.is_null()) fetch();
 }
 
 TarnChildren::Iterator& TarnChildren::Iterator::operator++() {
-  if (++at_ == batch_.size() && !isLastBatch_) {
-    const goods::index_position position(batch_.back().name, last_);
-    fetch(&position);
-  }
+  if (++at_ == batch_.size() && !isLastBatch_) fetch();
   return *this;
 }
 
-void TarnChildren::Iterator::fetch(const goods::index_position* position) {
+void TarnChildren::Iterator::fetch() {
   auto entries = goods::read_here([&](goods::reader& reader) {
-    return reader.get(index_)->entries_after(reader, position, kBatchSize);
+    return reader.get(index_)->entries_after(reader, last_ ? &*last_ : nullptr, kBatchSize);
   });
+  if (!last_) last_.emplace(std::string_view());
+  last_->move_behind(entries);
   batch_.clear();
   batch_.reserve(entries.size());
   for (goods::held_entry& entry : entries) {
@@ -30,7 +29,6 @@ void TarnChildren::Iterator::fetch(const goods::index_position* position) {
   }
   at_ = 0;
   isLastBatch_ = entries.size() < kBatchSize;
-  if (!entries.empty()) last_ = entries.back().member;
 }
 
 }  // namespace tarns

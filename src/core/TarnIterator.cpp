@@ -44,7 +44,9 @@ void TarnIterator::nullify() { *this = TarnIterator(); }
 
 void TarnIterator::move(Direction direction) {
   if (isNull()) return;
-  const goods::index_position here(name_, entry_);
+  goods::index_position here(name_, entry_);
+  here.before = before_;
+  here.behind = behind_;
   const auto entries = goods::read_here([&](goods::reader& reader) {
     const TarnObjects* index = reader.get(children_);
     return direction == Direction::kForward ? index->entries_after(reader, &here, 1)
@@ -53,8 +55,23 @@ void TarnIterator::move(Direction direction) {
   if (entries.empty()) {
     nullify();
   } else {
-    *this = TarnIterator(children_, entries.front());
+    moveTo(entries.front(), direction);
   }
+}
+
+void TarnIterator::moveTo(const goods::held_entry& entry, Direction direction) {
+  const bool isForward = direction == Direction::kForward;
+  auto& left = isForward ? before_ : behind_;
+  auto& ahead = isForward ? behind_ : before_;
+  if (entry.name != name_) {
+    before_.clear();
+    behind_.clear();
+  } else {
+    left.push_back(entry_);
+    if (!ahead.empty()) ahead.pop_back();
+  }
+  name_ = entry.name;
+  entry_ = entry.member;
 }
 
 bool TarnIterator::isAtEnd(Direction direction) const {

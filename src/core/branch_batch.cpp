@@ -87,7 +87,7 @@ void BranchBatch::resume(const WalkLevel& level) {
   Frame& frame = top();
   frame.lookahead = level.lookahead;
   if (!level.last) return;
-  if (frame.place->seek(*level.last)) frame.place->next();
+  frame.place->seek_behind(*level.last);
   frame.last = {level.last->name, level.last->member.word(), {}};
 }
 

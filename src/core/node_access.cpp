@@ -102,7 +102,7 @@ bool AddChildNames(const std::function<const TarnObject*(goods::reader&)>& find,
       if (index == nullptr) return;
       goods::B_tree_walk walk(reader, *index);
       if (position) {
-        if (walk.seek(*position)) walk.next();
+        walk.seek_behind(*position);
       } else if (after.empty()) {
         walk.seek_index(0);
       } else {

@@ -58,6 +58,22 @@ ref<B_tree> B_tree::create(const object_ref& owner, unsigned page_number) {
   return ref<B_tree>(new B_tree(self_class, owner, page_number));
 }
 
+void index_position::move_behind(const std::vector<held_entry>& batch) {
+  if (batch.empty()) return;
+  const held_entry& last = batch.back();
+  std::size_t first = batch.size() - 1;  // of the last one's name
+  while (first > 0 && batch[first - 1].name == last.name) --first;
+  if (first > 0 || last.name != name) {
+    before.clear();
+  } else if (!member.is_null()) {
+    before.push_back(std::move(member));
+  }
+  behind.clear();
+  for (std::size_t i = first; i + 1 < batch.size(); ++i) before.push_back(batch[i].member);
+  name = last.name;
+  member = last.member;
+}
+
 // --- Reading
 // ---------------------------------------------------------------------------------------
 
@@ -100,8 +116,8 @@ std::vector<held_entry> B_tree::entries_after(reader& in, const index_position* 
   B_tree_walk walk(in, *this);
   if (position == nullptr) {
     walk.seek_index(0);
-  } else if (walk.seek(*position)) {
-    walk.next();
+  } else {
+    walk.seek_behind(*position);
   }
   std::vector<held_entry> batch;
   for (; batch.size() < limit && !walk.at_end(); walk.next()) batch.push_back(hold(walk.entry()));
@@ -113,8 +129,8 @@ std::vector<held_entry> B_tree::entries_before(reader& in, const index_position*
   B_tree_walk walk(in, *this);
   if (position == nullptr) {
     walk.seek_end();
-  } else if (!walk.seek(*position)) {
-    walk.seek_upper(position->name);
+  } else {
+    walk.seek_before(*position);
   }
   std::vector<held_entry> batch;
   while (batch.size() < limit && walk.previous()) batch.push_back(hold(walk.entry()));
@@ -158,7 +174,8 @@ void B_tree::iterate(const ref<B_tree>& index,
       if (!visit(entry)) return;
     }
     if (batch.size() < iteration_batch) return;
-    position.emplace(batch.back());
+    if (!position) position.emplace(std::string_view());
+    position->move_behind(batch);
   }
 }
 

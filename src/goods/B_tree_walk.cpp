@@ -1,5 +1,9 @@
 #include "goods/B_tree_walk.h"
 
+#include <bit>
+#include <optional>
+#include <unordered_set>
+
 #include <goods/errors.h>
 #include <goods/object_handle.h>
 
@@ -14,6 +18,18 @@ bool refers_to(ref_word word, const object_ref& reference) {
   if (word == reference.word()) return true;
   const object_id id = reference.id();
   return id != 0 && (word.is_id() ? word.id() : word.is_handle() ? word.handle()->id() : 0) == id;
+}
+
+// The same for every reference to one object.
+std::uint64_t key_of(ref_word word) {
+  if (word.is_handle() && !word.handle()->is_transient()) word = ref_word::of(word.handle()->id());
+  return std::bit_cast<std::uint64_t>(word);
+}
+
+std::unordered_set<std::uint64_t> keys_of(const std::vector<ref<set_member>>& members) {
+  std::unordered_set<std::uint64_t> keys;
+  for (const ref<set_member>& member : members) keys.insert(key_of(member.word()));
+  return keys;
 }
 
 }  // namespace
@@ -75,7 +91,43 @@ bool B_tree_walk::seek(const index_position& position) {
   for (; !at_end() && entry().name == position.name; next()) {
     if (refers_to(entry().member, position.member)) return true;
   }
-  seek_lower(position.name);
+  return false;
+}
+
+void B_tree_walk::seek_behind(const index_position& position) {
+  if (seek(position) || seek_last(position.name, position.before)) {
+    next();
+  } else if (!seek_first(position.name, position.behind)) {
+    seek_lower(position.name);
+  }
+}
+
+void B_tree_walk::seek_before(const index_position& position) {
+  if (seek(position)) return;
+  if (seek_last(position.name, position.before)) {
+    next();
+  } else if (!seek_first(position.name, position.behind)) {
+    seek_upper(position.name);
+  }
+}
+
+bool B_tree_walk::seek_last(std::string_view name, const std::vector<ref<set_member>>& members) {
+  const std::unordered_set<std::uint64_t> sought = keys_of(members);
+  std::optional<std::uint64_t> found;
+  if (sought.empty()) return false;
+  for (seek_lower(name); !at_end() && entry().name == name; next()) {
+    if (sought.contains(key_of(entry().member))) found = index();
+  }
+  if (found) seek_index(*found);
+  return found.has_value();
+}
+
+bool B_tree_walk::seek_first(std::string_view name, const std::vector<ref<set_member>>& members) {
+  const std::unordered_set<std::uint64_t> sought = keys_of(members);
+  if (sought.empty()) return false;
+  for (seek_lower(name); !at_end() && entry().name == name; next()) {
+    if (sought.contains(key_of(entry().member))) return true;
+  }
   return false;
 }
 

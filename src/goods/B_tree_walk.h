@@ -5,6 +5,7 @@
 #include <cstddef>
 #include <cstdint>
 #include <string_view>
+#include <vector>
 
 #include <goods/B_tree.h>
 #include <goods/index_page.h>
@@ -24,9 +25,9 @@ class B_tree_walk {
   void seek_upper(std::string_view name);
   void seek_index(std::uint64_t index);
   void seek_end();
-  // At the entry of `position`; false when there is none, and then at the first of that name or
-  // where it would be.
-  bool seek(const index_position& position);
+  // At the entry that comes after `position` (at the one before which `position` is).
+  void seek_behind(const index_position& position);
+  void seek_before(const index_position& position);
 
   bool at_end() const { return leaf().at >= leaf().page->size(); }
   // The entry here, or one that is so many further on this page.
@@ -49,6 +50,11 @@ class B_tree_walk {
     std::size_t at;
   };
   const place& leaf() const { return places_[depth_]; }
+  // At the entry of `position`; false when there is none.
+  bool seek(const index_position& position);
+  // At the last (first) entry of the name that is among `members`; false when there is none.
+  bool seek_last(std::string_view name, const std::vector<ref<set_member>>& members);
+  bool seek_first(std::string_view name, const std::vector<ref<set_member>>& members);
   void start();
   bool is_on_leaf() const { return places_[depth_].page->is_leaf(); }
   void enter(std::size_t at);  // goes down into a page of this one

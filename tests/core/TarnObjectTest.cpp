@@ -2,6 +2,7 @@
 #include <gtest/gtest.h>
 #include <tarns/core/TarnObject.h>
 
+#include <algorithm>
 #include <functional>
 #include <string>
 #include <string_view>
@@ -315,6 +316,84 @@ TEST_P(TarnObjectTest, ListsChildrenByTypeAndPlace) {
   const TarnRef other = add("other");
   root()->addChildrenTo(other);
   EXPECT_EQ(path_of(other->getChildWithName("t")), "t");
+  modify(other)->deleteChild("other");  // undoes the circle
+}
+
+TEST_P(TarnObjectTest, MeetsEachOfManyChildrenOfOneNameOnce) {
+  constexpr int kChildren = 400;
+  struct Case {
+    int every, first;  // the children that are kept: one in so many, and the first so many
+  };
+  for (const auto& [every, first] : {Case{2, 0}, {1000, 0}, {1000, 128}, {1000, 300}, {1, 0}}) {
+    SCOPED_TRACE(testing::Message() << every << ", " << first);
+    const TarnRef node = TarnObject::Create();
+    modify(root())->setNode("node", node);
+    const auto fill = [&] {
+      atomically([&] {
+        for (int i = 0; i < kChildren; ++i) {
+          modify(node)->addChild("x", TarnValue::CreateValue(TarnData(i)));
+        }
+      });
+    };
+    const auto isKept = [every = every, first = first](int i) {
+      return i < first || i % every == every - 1;
+    };
+    std::vector<int> met, expected;
+    for (int i = 0; i < kChildren; ++i) expected.push_back(i);
+    fill();
+    atomically([&] {
+      met.clear();
+      for (const auto& [name, child] : node->children()) {
+        met.push_back(child->getSint32(nullptr));
+        if (!isKept(met.back())) modify(node)->deleteChild(child);
+      }
+    });
+    EXPECT_EQ(met, expected);
+    modify(node)->deleteChildren();
+    fill();
+    atomically([&] {
+      met.clear();
+      modify(node)->deleteChildrenIf([&](const char*, const TarnRef& child) {
+        met.push_back(child->getSint32(nullptr));
+        return !isKept(met.back());
+      });
+    });
+    EXPECT_EQ(met, expected);
+    EXPECT_EQ(node->getNumAbstractChildren(),
+              static_cast<unsigned long>(std::ranges::count_if(expected, isKept)));
+  }
+}
+
+TEST_P(TarnObjectTest, GoesOnAmongChildrenOfOneName) {
+  for (int i = 0; i < 5; ++i) modify(root())->addChild("x", TarnValue::CreateValue(TarnData(i)));
+  add("y");
+  const auto valueAt = [](const TarnIterator& at) { return at.get(nullptr)->getSint32(nullptr); };
+  const auto remove = [&](const TarnIterator& at) {
+    modify(root()->getChildren())->removeEntry(at.getEntry());
+  };
+  TarnIterator at = root()->getIterTo("x");
+  at.next(nullptr);
+  at.next(nullptr);
+  EXPECT_EQ(valueAt(at), 2);
+  remove(at);
+  TarnIterator backwards = at;
+  at.next(nullptr);
+  EXPECT_EQ(valueAt(at), 3);
+  backwards.back(nullptr);
+  EXPECT_EQ(valueAt(backwards), 1);
+  at.next(nullptr);
+  at.back(nullptr);
+  remove(at);
+  at.next(nullptr);
+  EXPECT_EQ(valueAt(at), 4);
+  at.next(nullptr);
+  XString name;
+  at.copyName(name);
+  EXPECT_EQ(name, "y");
+  at.back(nullptr);
+  remove(at);
+  at.back(nullptr);
+  EXPECT_EQ(valueAt(at), 1);
 }
 
 TEST_P(TarnObjectTest, AnswersFromTheStateOfTheMoment) {

@@ -7,6 +7,7 @@
 
 #include <cstddef>
 #include <iterator>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -49,11 +50,11 @@ class TARNS_API TarnChildren {
     bool operator==(std::default_sentinel_t) const { return at_ == batch_.size(); }
 
    private:
-    void fetch(const goods::index_position* position);
+    void fetch();
 
     xcptref<TarnObjects> index_;
     std::vector<TarnChild> batch_;
-    goods::ref<goods::set_member> last_;  // the entry of the batch's last child
+    std::optional<goods::index_position> last_;  // the entry of the batch's last child
     std::size_t at_ = 0;
     bool isLastBatch_ = true;
   };

@@ -5,6 +5,7 @@
 #include <tarns/tarns_api.h>
 
 #include <string>
+#include <vector>
 
 namespace goods {
 class set_member;
@@ -21,7 +22,8 @@ class XString;
 // no child, which is what moving past either end gives and what no movement leaves.
 //
 // A child that is removed while an iterator stands at it is still there for the iterator, which
-// goes on at the children that come next. Threads: one at a time. Each function sees what is
+// goes on at the children that come next. Where several children bear its name, it goes on behind
+// those of them that it has passed. Threads: one at a time. Each function sees what is
 // committed, or its thread's transaction.
 class TARNS_API TarnIterator {
  public:
@@ -52,11 +54,14 @@ class TARNS_API TarnIterator {
  private:
   enum class Direction { kForward, kBackward };
   void move(Direction direction);
+  void moveTo(const goods::held_entry& entry, Direction direction);
   bool isAtEnd(Direction direction) const;
 
   xcptref<TarnObjects> children_;
   goods::ref<goods::set_member> entry_;
   std::string name_;
+  // Entries of the same name that were passed before, behind this one, the nearest last.
+  std::vector<goods::ref<goods::set_member>> before_, behind_;
 };
 
 }  // namespace tarns
