@@ -165,7 +165,9 @@ void object_cache::take_news(storage_number storage, commit_version through) {
   if (applied_.size() == 1) return;
   while (true) {
     const std::uint64_t before = several_published();
-    for (storage_number s = 0; s < applied_.size(); ++s) take(s, notices_[s]->newest());
+    for (std::size_t s = 0; s < applied_.size(); ++s) {
+      take(static_cast<storage_number>(s), notices_[s]->newest());
+    }
     if (before % 2 == 0 && several_published() == before) return;
     std::this_thread::yield();
   }

@@ -50,6 +50,7 @@ TEST(PathShortcutsTest, ThreadsNeverFindAnotherPathsEntry) {
   std::atomic<int> wrong = 0;
   {
     std::vector<std::jthread> threads;
+    threads.reserve(4);
     for (unsigned seed = 0; seed < 4; ++seed) {
       threads.emplace_back([&, seed] {
         std::minstd_rand random(seed);
@@ -126,6 +127,7 @@ TEST(ValueRingTest, NeverGivesOutWhatIsOverwritten) {
   std::atomic<int> wrong = 0, right = 0;
   {
     std::vector<std::jthread> threads;
+    threads.reserve(4);
     for (unsigned seed = 0; seed < 4; ++seed) {
       threads.emplace_back([&, seed] {
         std::minstd_rand random(seed);
@@ -153,7 +155,7 @@ class RememberedValuesTest : public session_test {
  protected:
   // Reads twice: the second time, the value is remembered.
   XString twice(const char* path) {
-    const XString first = manager().getXString(path, "none");
+    XString first = manager().getXString(path, "none");
     EXPECT_STREQ(manager().getXString(path, "none"), first);
     return first;
   }
@@ -225,6 +227,7 @@ TEST_F(RememberedValuesTest, AreNeverOlderThanWhatWasReadBefore) {
   std::atomic<int> acknowledged = 0, wrong = 0;
   {
     std::vector<std::jthread> readers;
+    readers.reserve(4);
     for (int i = 0; i < 4; ++i) {
       readers.emplace_back([&, i] {
         TarnManager& mine = i % 2 == 0 ? manager() : other;
@@ -276,6 +279,7 @@ TEST_F(RememberedValuesTest, NeverBelongToWhereThePathNoLongerLeads) {
   TarnManager& m = manager();
   {
     std::vector<std::jthread> readers;
+    readers.reserve(2);
     for (int i = 0; i < 2; ++i) {
       readers.emplace_back([&] {
         const TarnAttachment attachment(m);

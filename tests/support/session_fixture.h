@@ -50,9 +50,10 @@ class session_test : public testing::Test {
     for (const auto& [name, child] : manager().children(path)) {
       const std::string below = path.empty() ? name : path + "~" + name;
       const auto value = manager().valueAt(below);
-      text += (text.empty() ? "" : " ") + name;
+      if (!text.empty()) text += ' ';
+      text += name;
       if (value) text += "=" + std::string(value->getText());
-      if (!value || child->getNumAbstractChildren() > 0) text += "{" + picture(below) + "}";
+      if (!value || child->getNumAbstractChildren() > 0) text += '{' + picture(below) + '}';
     }
     return text;
   }
