@@ -53,7 +53,7 @@ goods::object_ref CopyOfText(const goods::object_ref& text) {
 // An index of its own with copies of its texts.
 goods::object_ref CopyOfTexts(const goods::object_ref& list, const TarnRef& owner) {
   const auto original = goods::ref<goods::B_tree>::trusted(list);
-  const auto copy = goods::B_tree::create(owner, original->page_number());
+  auto copy = goods::B_tree::create(owner, original->page_number());
   goods::B_tree::iterate(original, [&](const goods::held_entry& entry) {
     const goods::object_ref text = entry.target ? CopyOfText(entry.target) : entry.target;
     modify(copy)->insert(goods::set_member::create(text, entry.name));
