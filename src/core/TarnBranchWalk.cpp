@@ -60,7 +60,7 @@ class TarnBranchWalk::Stack {
     std::vector<WalkLevel> entered;
     const std::size_t count = goods::read_here([&](goods::reader& reader) {
       BranchBatch batch(reader, levels_, steps_, limit);
-      limit = std::max(limit / 2, std::size_t{1});  // should a commit come in between
+      limit = std::max(limit / 2, kFirstBatch);  // should a commit come in between
       const std::size_t found = batch.read();
       entered = batch.takeLevels();
       kept = batch.kept();

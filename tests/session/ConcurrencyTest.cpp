@@ -95,7 +95,9 @@ TEST_F(ConcurrencyTest, AWalkSeesEachBatchInOneStateAndMeetsWhatStays) {
       std::string left;
       TarnBranchWalk walk(m.getRoot());
       while (const TarnBranchWalk::Step* step = walk.next()) {
-        if (!met.insert(walk.path()).second) ++wrong;
+        // One that is removed and made again is another child of the same name.
+        const std::string path = walk.path();
+        if (!path.starts_with("m~go") && !met.insert(path).second) ++wrong;
         if (step->name == "left") left = step->value.getText();
         if (step->name == "right" && left != step->value.getText()) ++wrong;
       }
