@@ -61,18 +61,18 @@ class NameProbe {
     while (index != nullptr) {
       const auto entries = index->entries_after(reader_, &position, kScanBatch);
       for (const goods::held_entry& entry : entries) {
-        if (!entry.name.starts_with(prefix)) return firstFreeFrom(next(largest));
+        if (!entry.name.starts_with(prefix)) return firstFreeFrom(Next(largest));
         const char* number = entry.name.c_str() + entry.name.rfind('_') + 1;
         largest = std::max(largest, TarnMember::ParseIndex(number).value_or(-1));
       }
       if (entries.size() < kScanBatch) break;
       position = goods::index_position(entries.back());
     }
-    return firstFreeFrom(next(largest));
+    return firstFreeFrom(Next(largest));
   }
 
  private:
-  static unsigned long next(std::int64_t index) { return static_cast<unsigned long>(index) + 1; }
+  static unsigned long Next(std::int64_t index) { return static_cast<unsigned long>(index) + 1; }
   unsigned long firstFreeFrom(unsigned long index) const {
     while (isTaken(index)) ++index;
     return index;

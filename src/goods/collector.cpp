@@ -48,8 +48,8 @@ class collector::reference_sink : public state_sink {
 };
 
 collector::collector(database& db) : db_(db) {
-  for (storage_number s = 0; s < db.get_number_of_storages(); ++s) {
-    dbs_storage& storage = db.storage(s).dbs();
+  for (std::uint32_t s = 0; s < db.get_number_of_storages(); ++s) {
+    dbs_storage& storage = db.storage(static_cast<storage_number>(s)).dbs();
     // Subscribed before anything is read: no change can fall in between. With an origin of its own:
     // what a commit carries for its session must not outlive that session here.
     storages_.push_back({&storage, storage.subscribe(this), {}, {}});

@@ -1,10 +1,10 @@
 #include "goods/configuration.h"
 
 #include <charconv>
-#include <cstring>
 #include <filesystem>
 #include <fstream>
 #include <string_view>
+#include <system_error>
 
 #include <goods/errors.h>
 
@@ -61,7 +61,7 @@ configuration read_configuration(const std::string& path) {
   std::ifstream file(path, std::ios::binary);
   if (!file) {
     throw_error(error_code::usage, "Cannot read the database configuration file \"" + path +
-                                       "\": " + std::strerror(errno) + ".");
+                                       "\": " + std::generic_category().message(errno) + ".");
   }
   configuration result;
   result.directory = std::filesystem::absolute(path).parent_path();
