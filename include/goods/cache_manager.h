@@ -56,6 +56,7 @@ class GOODS_API cache_manager {
   virtual isolation_level end_transaction();  // commits when it closes the outermost one
   virtual void abort_transaction();           // rolls back; every level of nesting ends
   bool in_transaction() const;                // explicit or implicit
+  bool is_reading() const;                    // whether the calling thread is within read()
 
   // A transaction of one call: joins the one that is open, or runs `work` in its own and commits;
   // repeats it after a deadlock. What leaves as an exception has been rolled back, unless joined.

@@ -23,7 +23,7 @@ constexpr std::size_t kLargestBatch = 512;
 class TarnBranchWalk::Stack {
  public:
   explicit Stack(const xcptref<TarnObject>& from) : from_(from) {
-    levels_.push({from.word(), from->getChildren(), std::nullopt, kFirstBatch});
+    levels_.push({from, WalkKeyOf(from.word()), from->getChildren(), std::nullopt, kFirstBatch});
   }
 
   const Step* next() {

@@ -21,29 +21,30 @@ constexpr std::size_t kFirstLookahead = 32;
 constexpr std::size_t kMostLookahead = 256;
 constexpr std::size_t kLookaheadAbove = 8;  // of nodes that are entered themselves
 
-// Tells nodes apart: the identifier or, for one that is not stored, the handle.
-std::uint64_t KeyOf(goods::ref_word word) {
-  if (word.is_handle() && !word.handle()->is_transient()) {
-    word = goods::ref_word::of(word.handle()->id());
-  }
-  return std::bit_cast<std::uint64_t>(word);
-}
+constexpr std::size_t kMostBefore = 256;  // entries of one name that a level remembers
 
 }  // namespace
 
+std::uint64_t WalkKeyOf(goods::ref_word node) {
+  if (node.is_handle() && !node.handle()->is_transient()) {
+    node = goods::ref_word::of(node.handle()->id());
+  }
+  return std::bit_cast<std::uint64_t>(node);
+}
+
 bool WalkLevels::contains(goods::ref_word node, std::size_t count) const {
-  const auto found = places_.find(KeyOf(node));
+  const auto found = places_.find(WalkKeyOf(node));
   return found != places_.end() && found->second < count;
 }
 
 void WalkLevels::push(WalkLevel level) {
-  places_.emplace(KeyOf(level.node), levels_.size());
+  places_.emplace(level.key, levels_.size());
   levels_.push_back(std::move(level));
 }
 
 void WalkLevels::cut(std::size_t count) {
   while (levels_.size() > count) {
-    const auto found = places_.find(KeyOf(levels_.back().node));
+    const auto found = places_.find(levels_.back().key);
     if (found != places_.end() && found->second == levels_.size() - 1) places_.erase(found);
     levels_.pop_back();
   }
@@ -74,6 +75,7 @@ void BranchBatch::enter(goods::ref_word node, goods::ref_word index, const TarnO
   frame.index = index;
   frame.place.emplace(in_, entries).seek_index(0);
   frame.last.reset();
+  frame.before.clear();
   frame.lookahead = kFirstLookahead;
   frame.ahead.clear();
 }
@@ -83,12 +85,13 @@ void BranchBatch::enter(goods::ref_word node, goods::ref_word index, const TarnO
 void BranchBatch::resume(const WalkLevel& level) {
   if (level.index.is_null()) return;
   const TarnObjects* index = in_.get(level.index);
-  enter(level.node, level.index.word(), *index);
+  enter(level.node.word(), level.index.word(), *index);
   Frame& frame = top();
   frame.lookahead = level.lookahead;
   if (!level.last) return;
   frame.place->seek_behind(*level.last);
   frame.last = {level.last->name, level.last->member.word(), {}};
+  for (const auto& member : level.last->before) frame.before.push_back(member.word());
 }
 
 void BranchBatch::loadAhead(Frame& frame) {
@@ -123,6 +126,12 @@ void BranchBatch::readStep(Frame& frame) {
   const goods::index_entry entry = frame.place->entry();
   const TarnObject* child = frame.ahead.back();
   frame.ahead.pop_back();
+  if (!frame.last || frame.last->name != entry.name) {
+    frame.before.clear();
+  } else {
+    if (frame.before.size() == kMostBefore) frame.before.erase(frame.before.begin());
+    frame.before.push_back(frame.last->member);
+  }
   frame.last = entry;
   frame.place->next();
   if (child == nullptr) return;  // an entry that stands for nothing
@@ -147,10 +156,10 @@ void BranchBatch::readStep(Frame& frame) {
 }
 
 bool BranchBatch::isOpen(goods::ref_word node) const {
-  const std::uint64_t key = KeyOf(node);
+  const std::uint64_t key = WalkKeyOf(node);
   return levels_.contains(node, kept_) ||
          std::any_of(frames_.begin(), frames_.begin() + numFrames_,
-                     [&](const auto& frame) { return KeyOf(frame->node) == key; });
+                     [&](const auto& frame) { return WalkKeyOf(frame->node) == key; });
 }
 
 std::vector<WalkLevel> BranchBatch::takeLevels() {
@@ -158,13 +167,18 @@ std::vector<WalkLevel> BranchBatch::takeLevels() {
   for (std::size_t i = 0; i < numFrames_; ++i) {
     const Frame& frame = *frames_[i];
     WalkLevel& level = levels.emplace_back();
-    level.node = frame.node;
+    level.node = TarnRef::Trusted(goods::keep_word(frame.node));
+    level.key = WalkKeyOf(frame.node);
     level.lookahead = frame.lookahead;
     if (frame.place->at_end()) continue;
     level.index = xcptref<TarnObjects>::Trusted(goods::to_reference(frame.index));
     if (frame.last) {
       level.last.emplace(frame.last->name, goods::ref<goods::set_member>::trusted(
                                                goods::keep_word(frame.last->member)));
+      for (const goods::ref_word member : frame.before) {
+        level.last->before.push_back(
+            goods::ref<goods::set_member>::trusted(goods::keep_word(member)));
+      }
     }
   }
   return levels;

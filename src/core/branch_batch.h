@@ -19,11 +19,15 @@ namespace tarns {
 
 // A node whose children a walk is going through, between two batches.
 struct WalkLevel {
-  goods::ref_word node;                       // for recognising circles only
+  TarnRef node;                               // counted, so that no other takes its key
+  std::uint64_t key = 0;                      // tells the node apart: see WalkKeyOf()
   xcptref<TarnObjects> index;                 // counted; null when there are no more children
   std::optional<goods::index_position> last;  // handed out last; none: begin at the first
   std::size_t lookahead = 0;                  // see BranchBatch::Frame
 };
+
+// Tells nodes apart: the identifier or, for one that is not stored, the handle.
+std::uint64_t WalkKeyOf(goods::ref_word node);
 
 // The nodes from the one where a walk began down to the one whose children come next.
 class WalkLevels {
@@ -68,6 +72,7 @@ class BranchBatch {
     goods::ref_word index;
     std::optional<goods::B_tree_walk> place;  // at the child that comes next
     std::optional<goods::index_entry> last;   // handed out last
+    std::vector<goods::ref_word> before;      // members of the same name handed out before that
     std::size_t lookahead = 0;                // how many children are loaded at once
     std::vector<const TarnObject*> ahead;     // loaded children, the next one last
   };

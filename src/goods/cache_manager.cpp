@@ -116,6 +116,11 @@ bool cache_manager::in_transaction() const {
   return mine != nullptr && mine->open() != nullptr;
 }
 
+bool cache_manager::is_reading() const {
+  const thread_attachment* mine = attachment();
+  return mine != nullptr && mine->reads > 0;
+}
+
 void cache_manager::require_attached() const {
   throw_error(error_code::thread_not_attached,
               "The calling thread is not attached to this session; call attach() first.");

@@ -19,7 +19,16 @@ constexpr std::size_t first_size = 16;
 constexpr std::size_t most_at_once = 256;  // numbers in one call to the storage
 constexpr std::size_t most_kept = 8192;    // places that a thread keeps
 
-thread_local std::unique_ptr<guest_list> spare;
+// What the thread keeps for its next read; destructors of other thread_local objects may still read
+// when it is gone.
+struct spare_list {
+  std::unique_ptr<guest_list> list;
+  ~spare_list();
+};
+thread_local bool spare_is_gone = false;
+thread_local spare_list spare;
+
+spare_list::~spare_list() { spare_is_gone = true; }
 
 }  // namespace
 
@@ -45,13 +54,14 @@ class guest_list::sink : public state_sink {
 };
 
 std::unique_ptr<guest_list> guest_list::take() {
-  if (spare != nullptr) return std::move(spare);
+  if (!spare_is_gone && spare.list != nullptr) return std::move(spare.list);
   return std::unique_ptr<guest_list>(new guest_list);
 }
 
 void guest_list::give_back(std::unique_ptr<guest_list> list) noexcept {
   list->clear();
-  if (spare == nullptr && list->places_.size() <= most_kept) spare = std::move(list);
+  if (spare_is_gone || spare.list != nullptr || list->places_.size() > most_kept) return;
+  spare.list = std::move(list);
 }
 
 // Where it is, or may be put.

@@ -93,6 +93,7 @@ object* transaction::write(object_handle& handle) {
 
 void transaction::replace(object_handle& handle, object& body) {
   object* replaced = write(handle);
+  replaced->close();
   replacing_.emplace_back(body.handle(), &body);
   for (publication::copy& c : changes_->copies) {
     if (c.body == replaced) c.body = &body;

@@ -137,7 +137,8 @@ bool TarnCacheManager::readValue(std::string_view path, TarnData& out) {
   verifyAttached();
   if (!hasRoot_.load(std::memory_order_acquire)) makeRoot();
   // In a transaction a read must lock what it passes, index pages included: no way around them.
-  if (remembered_ == nullptr || in_transaction()) {
+  // Within another read only that one knows whether all belongs to one state.
+  if (remembered_ == nullptr || in_transaction() || is_reading()) {
     return readRepeatably(out, [&](goods::reader& reader) {
       return ReadValue(reader, LookAtNode(reader, kRootWord), path, out);
     });

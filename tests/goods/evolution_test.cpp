@@ -329,11 +329,11 @@ TEST(EvolutionTest, LayoutsOfMoreMemoryThanAllowedAreRefused) {
   };
   const auto text = member(field_type::text, 1, most);
   const auto integer = member(field_type::signed_integer, 8, 1);
-  struct Case {
+  struct test_case {
     const char* what;
     dbs_field_descriptor field;
   };
-  const Case cases[] = {
+  const test_case cases[] = {
       {"many large items", member(field_type::structure, 0, most, {text})},
       {"many large components", member(field_type::structure, 1, 1, {text, text})},
       {"gaps", member(field_type::structure, 1, most / 12,
@@ -342,7 +342,7 @@ TEST(EvolutionTest, LayoutsOfMoreMemoryThanAllowedAreRefused) {
        member(field_type::structure, 1, 4096,
               {member(field_type::structure, 1, 4096, {integer, integer})})},
   };
-  for (const Case& c : cases) {
+  for (const test_case& c : cases) {
     SCOPED_TRACE(c.what);
     const class_layout layout = class_layout::make("huge", {}, {c.field});
     EXPECT_EQ(code_of([&] { class_layout::parse(layout.bytes); }), error_code::corrupt_data);

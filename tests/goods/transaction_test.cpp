@@ -93,11 +93,11 @@ TEST(TransactionTest, IsInvisibleUntilCommittedAndGoneWhenRolledBack) {
   const test_store store;
   test_session session(store);
   const ref<cell> root = session.root();
-  struct Case {
+  struct test_case {
     const char* how;
     bool commits;
   };
-  for (const Case& c : {Case{"rolled back", false}, Case{"committed", true}}) {
+  for (const test_case& c : {test_case{"rolled back", false}, test_case{"committed", true}}) {
     SCOPED_TRACE(c.how);
     const std::int64_t before = root->value;
     session.session().begin_transaction();
@@ -402,11 +402,11 @@ TEST(TransactionTest, SpansSeveralStorages) {
 }
 
 TEST(DatabaseTest, RefusesWhatItCannotOpenByName) {
-  struct Case {
+  struct test_case {
     const char* content;
     const char* message;
   };
-  const Case cases[] = {
+  const test_case cases[] = {
       {"", "first line must be the number"},
       {"x\n", "first line must be the number"},
       {"0\n", "first line must be the number"},
@@ -419,7 +419,7 @@ TEST(DatabaseTest, RefusesWhatItCannotOpenByName) {
       {"1\n0: file:/proc/nowhere/x\n", "/proc/nowhere/x"},
   };
   const scratch_directory directory;
-  for (const Case& c : cases) {
+  for (const test_case& c : cases) {
     SCOPED_TRACE(c.content);
     const std::string path = directory.file("bad.cfg");
     std::ofstream(path) << c.content;

@@ -137,8 +137,6 @@ TARN_REGISTER(Uppermost, Upper);
 namespace {
 
 using testing::ElementsAre;
-using testing::HasSubstr;
-using testing::IsEmpty;
 
 class DerivedClassesTest : public node_test {
  protected:

@@ -14,7 +14,6 @@ namespace tarns {
 namespace {
 
 using testing::ElementsAre;
-using testing::StartsWith;
 
 TEST(TarnStringTest, GrowsInPlaceToTwiceItsCapacityOrWhatIsNeeded) {
   TarnString text("abc");
@@ -57,7 +56,7 @@ TEST(TarnStringTest, ComparesWithItsOddities) {
   for (const Case& c : cases) {
     SCOPED_TRACE(testing::Message() << '"' << c.left.str() << "\" against "
                                     << (c.right != nullptr ? c.right : "null"));
-    const int order = c.left.compare(c.right, c.caseSensitive);
+    const auto order = c.left.compare(c.right, c.caseSensitive);
     EXPECT_EQ((order > 0) - (order < 0), c.sign);
   }
   EXPECT_EQ(TarnString("abc").compare("ABD", false), 'C' - 'D');

@@ -15,7 +15,6 @@ namespace tarns {
 namespace {
 
 using testing::HasSubstr;
-using testing::StartsWith;
 
 class CommandTest : public testing::Test {
  protected:

@@ -18,6 +18,17 @@ std::uint64_t grown(std::uint64_t size, std::uint64_t needed, std::uint64_t room
   return (wanted + block - 1) / block * block;
 }
 
+// Of the exception that is being handled.
+bool is_disk_full() {
+  try {
+    throw;
+  } catch (const error_info& error) {
+    return error.code() == error_code::storage_full;
+  } catch (...) {
+    return false;
+  }
+}
+
 }  // namespace
 
 commit_log::commit_log(const std::string& directory, const std::string& store,
@@ -95,9 +106,8 @@ void commit_log::write_record(log_file& f, bool durable) {
     f.file->write(f.position, record_);
     is_whole = true;
     if (durable) f.file->sync();
-  } catch (const database_error& error) {
-    // A full disk has not taken all of it.
-    if (undo(f) || (!is_whole && error.code() == error_code::storage_full)) throw;
+  } catch (...) {
+    if (undo(f) || (!is_whole && is_disk_full())) throw;  // a full disk has not taken all of it
     failed_ = true;
     throw_error(error_code::outcome_unknown,
                 fmt::format("Whether a commit to the storage \"{}\" has become durable is unknown: "
@@ -117,7 +127,8 @@ bool commit_log::undo(log_file& f) noexcept {
       f.file->sync();
       return true;
     } catch (...) {
-      continue;
+      // What was written before and not synced may not be told of by the next sync that succeeds.
+      if (f.unsynced != 0) f.is_broken = true;
     }
   }
   return false;

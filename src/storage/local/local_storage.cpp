@@ -266,6 +266,13 @@ void local_storage::prepare(const global_transaction& id, const storage_identity
                             const std::string& coordinator_name, const commit_request& request) {
   check_process();
   check_request(request);
+  {
+    // What the commit builds on must not be lost when the commit is not, and a storage that takes
+    // no commits any more must say so before others decide.
+    const writer_turn::hold turn(parts_->turn);
+    check_usable();
+    parts_->merger.merge_all();
+  }
   writer_turn::hold turn(parts_->database_turn);
   segment_store::transaction transaction(parts_->store);
   auto part = parts_->prepared.prepare(transaction, {id, coordinator, coordinator_name}, request);

@@ -48,9 +48,10 @@ void log_merger::merge_all() {
 }
 
 void log_merger::begin() {
+  const bool merges = !with_.overlay.is_active_empty();
+  if (merges) with_.overlay.freeze();  // may throw: the log goes on as it was then
   with_.log.switch_files();
-  if (with_.overlay.is_active_empty()) return;
-  with_.overlay.freeze();
+  if (!merges) return;
   guarded_scope scope(lock_);
   pending_ = true;
   wake_.notify_one();

@@ -93,13 +93,13 @@ bool object_loader::locate(std::span<const object_number> numbers, commit_versio
   };
   try {
     if (!find_all(numbers, newest, all, as_of)) return false;
-  } catch (const database_error& error) {
+  } catch (const error_info& error) {
     if (error.code() != error_code::corrupt_data || !is_disturbed()) throw;
     return false;
   }
   // What is there says how new it is; what is not there does not.
   for (const located& object : all)
-    if (!object.in) return versions_.publications.load(std::memory_order_acquire) == before;
+    if (!object.in) return !is_disturbed();
   return true;
 }
 

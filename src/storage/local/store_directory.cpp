@@ -112,11 +112,14 @@ void store_files::remove_unfinished() const {
 
 bool store_files::exist() const {
   if (exists(database_)) return true;
-  // A new store would take over the log of the old one.
-  if (exists(database_ + "-wal"))
+  // A new store would take over the logs of the old one.
+  for (const std::string& log :
+       {database_ + "-wal", directory_ + "/commits.0", directory_ + "/commits.1"}) {
+    if (!exists(log)) continue;
     throw_error(error_code::corrupt_data,
-                fmt::format("The storage file \"{}\" is missing, but its log \"{}-wal\" is there.",
-                            database_, database_));
+                fmt::format("The storage file \"{}\" is missing, but its log \"{}\" is there.",
+                            database_, log));
+  }
   return false;
 }
 
