@@ -1,6 +1,7 @@
 #include <goods/cache_manager.h>
 #include <gtest/gtest.h>
 #include <tarns/core/TarnBranchWalk.h>
+#include <tarns/core/TarnValue.h>
 #include <tarns/schema/TarnClassDescriptor.h>
 
 #include <random>
@@ -148,6 +149,39 @@ TEST_P(TarnBranchWalkTest, GoesOnWhereTheLoopChangesTheTree) {
   }
   EXPECT_EQ(met.size(), std::size_t{kNodes});
   for (const std::string& one : names_of(root())) EXPECT_EQ(one.size(), 5U) << one;
+}
+
+// Longer than a batch, so that the walk comes back to what is not in the tree any more.
+TEST_P(TarnBranchWalkTest, GoesToTheEndOfABranchThatIsTakenAway) {
+  constexpr int kNodes = 200;
+  atomically([&] {
+    for (int i = 0; i < kNodes; ++i)
+      modify(root())->setValue(("c~" + std::to_string(i)).c_str(), i);
+    modify(root())->setValue("d", 1);
+  });
+  int met = 0;
+  bool isAtEnd = false;
+  TarnBranchWalk walk(root());
+  while (const TarnBranchWalk::Step* step = walk.next()) {
+    if (step->depth == 2 && ++met == 3) modify(root())->deleteChild("c");
+    isAtEnd = step->name == "d";
+  }
+  EXPECT_EQ(met, kNodes);
+  EXPECT_TRUE(isAtEnd);
+}
+
+TEST_P(TarnBranchWalkTest, MeetsEachOfManyOfOneNameOnce) {
+  constexpr int kNodes = 200;
+  atomically([&] {
+    for (int i = 0; i < kNodes; ++i) modify(root())->addChild("x", TarnValue::CreateValue(i));
+  });
+  std::set<int> met;
+  TarnBranchWalk walk(root());
+  while (const TarnBranchWalk::Step* step = walk.next()) {
+    EXPECT_TRUE(met.insert(step->value.getSint32()).second) << step->value.getSint32();
+    if (met.size() % 2 == 0) modify(root())->deleteChild(TarnRef(step->node));
+  }
+  EXPECT_EQ(met.size(), std::size_t{kNodes});
 }
 
 TEST_P(TarnBranchWalkTest, PagesThroughNames) {
