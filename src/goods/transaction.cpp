@@ -152,8 +152,8 @@ void transaction::finish() noexcept {
   changes_ = std::make_shared<publication>();
   roots_.clear();
   if (owner_.held() == 0) return;
-  for (storage_number s = 0; s < session_.db().get_number_of_storages(); ++s) {
-    session_.db().storage(s).dbs().locks().unlock_all(owner_);
+  for (std::uint32_t s = 0; s < session_.db().get_number_of_storages(); ++s) {
+    session_.db().storage(static_cast<storage_number>(s)).dbs().locks().unlock_all(owner_);
   }
 }
 
