@@ -28,8 +28,17 @@ class presence_sink : public state_sink {
   bool present = false;
 };
 
+// Root objects are never removed: one that was loaded is there.
+bool has_loaded(cache_manager& session, object_id root) {
+  const reader_section section;
+  const object_handle* const handle = session.cache().find(root);
+  return handle != nullptr && handle->body() != nullptr;
+}
+
 // Once it is true the session has taken in the commit that made the object.
-bool is_stored(cache_manager& session, storage_number storage, object_number number) {
+bool is_root_stored(cache_manager& session, storage_number storage) {
+  const object_number number = root_object_number;
+  if (has_loaded(session, make_object_id(storage, number))) return true;
   presence_sink sink;
   dbs_storage& dbs = session.db().storage(storage).dbs();
   const commit_version as_of = dbs.load({&number, 1}, dbs.newest_version(), sink);
@@ -112,7 +121,7 @@ storage_number database::get_storage_with_minimal_size() const {
 void database::get_root(object_ref& root, storage_number number) const {
   // Not before it is there: another thread's set_root() brings a handle of its own.
   object_ref found;
-  if (is_stored(session(), number, root_object_number)) {
+  if (is_root_stored(session(), number)) {
     found = session().find(make_object_id(number, root_object_number));
   }
   root.swap(found);
@@ -125,7 +134,7 @@ bool database::set_root(const object_ref& root, storage_number number) {
   return session().atomically([&] {
     transaction& running = transaction::running();
     running.lock_number(number, root_object_number);
-    if (is_stored(session(), number, root_object_number)) return false;
+    if (is_root_stored(session(), number)) return false;
     running.add_root(root, number);
     return true;
   });
