@@ -27,7 +27,7 @@ log_recovery::log_recovery(const std::string& directory, const std::string& stor
     return file.records.empty() ? ~commit_version{0} : file.records.front().first;
   };
   std::ranges::sort(files_, {}, begins);
-  for (const log_content& file : files_) take(file.records, file.path);
+  for (log_content& file : files_) take(file);
   for (const log_content& file : files_) check_rest(file);
 }
 
@@ -45,7 +45,7 @@ void log_recovery::read(log_content& file) {
   if (size > longest_file) throw_damaged(file.path, fmt::format("it has {} bytes", size));
   file.bytes.resize(size);
   opened->read(0, file.bytes);
-  const std::span<const std::byte> bytes(file.bytes);
+  const std::span<std::byte> bytes(file.bytes);
   for (std::size_t at = 0; at < size;) {
     const auto record = read_log_record(bytes.subspan(at), identity_);
     if (!record) break;
@@ -58,32 +58,42 @@ void log_recovery::read(log_content& file) {
   }
 }
 
-void log_recovery::take(const std::vector<log_record>& records, const std::string& path) {
-  for (const log_record& record : records) {
+void log_recovery::take(log_content& file) {
+  for (log_record& record : file.records) {
     if (record.last() <= newest_) continue;
     if (record.first != newest_ + 1) return;
     try {
       read_changes(record, changes_);
     } catch (const damaged_bytes& damage) {
-      throw_damaged(path, damage.what());
+      throw_damaged(file.path, damage.what());
     }
     newest_ = record.last();
   }
 }
 
-// Looks for witnesses that more has been here.
+// Looks for witnesses that more has been here: the headers of the records that were found, and
+// whatever headers stand behind them.
 void log_recovery::check_rest(const log_content& file) const {
   const std::span<const std::byte> bytes(file.bytes);
-  for (std::size_t at = 0; at + log_header_size <= bytes.size(); at += log_alignment) {
-    const auto header = read_log_header(bytes.subspan(at), identity_);
-    if (!header) continue;
-    if (header->record.durable > newest_)
-      throw_damaged(file.path, fmt::format("commit {} is missing, although commit {} came later",
-                                           newest_ + 1, header->record.first));
-    if (header->record.last() > merged_ && header->record.synced > bytes.size())
-      throw_damaged(file.path, fmt::format("it has {} bytes instead of {} at least", bytes.size(),
-                                           header->record.synced));
+  std::size_t at = 0;
+  const auto look = [&] {
+    if (const auto header = read_log_header(bytes.subspan(at), identity_))
+      check_witness(*header, file);
+  };
+  for (const log_record& record : file.records) {
+    look();
+    at += log_record_size(record);
   }
+  for (; at + log_header_size <= bytes.size(); at += log_alignment) look();
+}
+
+void log_recovery::check_witness(const log_header& header, const log_content& file) const {
+  if (header.record.durable > newest_)
+    throw_damaged(file.path, fmt::format("commit {} is missing, although commit {} came later",
+                                         newest_ + 1, header.record.first));
+  if (header.record.last() > merged_ && header.record.synced > file.bytes.size())
+    throw_damaged(file.path, fmt::format("it has {} bytes instead of {} at least",
+                                         file.bytes.size(), header.record.synced));
 }
 
 }  // namespace goods

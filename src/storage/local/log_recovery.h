@@ -15,7 +15,9 @@ namespace goods {
 //
 // Damage is told apart from that as far as it can be: a commit that a later record calls durable,
 // and room that a record calls durable, must be there. The last record of all, damaged, looks like
-// one that was cut short.
+// one that was cut short. Headers bear witness wherever they are, also those of records that are
+// cut short or have been overwritten in part; what applications store is never taken for one
+// (log_record.h).
 class log_recovery {
  public:
   // `merged`: the newest version that the database has. Throws corrupt_data naming the file.
@@ -37,8 +39,9 @@ class log_recovery {
   };
 
   void read(log_content& file);
-  void take(const std::vector<log_record>& records, const std::string& path);
+  void take(log_content& file);
   void check_rest(const log_content& file) const;
+  void check_witness(const log_header& header, const log_content& file) const;
   [[noreturn]] void throw_damaged(const std::string& path, std::string_view what) const;
 
   const std::string store_;
