@@ -6,6 +6,7 @@
 #include <random>
 #include <thread>
 
+#include "storage/outcome_unknown.h"
 #include "storage/storage_process.h"
 
 namespace goods {
@@ -42,7 +43,9 @@ void discard(const global_transaction& id, std::span<const commit_part* const> p
 class several {
  public:
   explicit several(std::span<const commit_part> parts)
-      : ordered_(in_order(parts)), id_(new_transaction()) {}
+      : ordered_(in_order(parts)), id_(new_transaction()) {
+    versions_.reserve(parts.size());  // after the decision nothing may fail here
+  }
 
   void run() {
     prepare();
@@ -100,11 +103,10 @@ class several {
         versions_.push_back(part->storage->commit_prepared(id_));
     } catch (const std::exception& failure) {
       for (const commit_part* part : ordered_) part->storage->abandon(id_);
-      throw_error(
-          error_code::outcome_unknown,
-          fmt::format("A commit over several storages is decided in \"{}\" but not finished: "
-                      "the storages must be opened again. {}",
-                      coordinator().name(), failure.what()));
+      throw_outcome_unknown(
+          "A commit over several storages is decided in \"{}\" but not finished: the storages must "
+          "be opened again. {}",
+          coordinator().name(), failure.what());
     }
   }
 
@@ -156,9 +158,10 @@ void settle(dbs_storage& storage, const prepared_commit& part,
 std::vector<commit_version> commit_several(std::span<const commit_part> parts) {
   if (parts.empty()) return {};
   if (parts.size() == 1) return {parts[0].storage->commit(parts[0].request)};
+  std::vector<commit_version> versions;
+  versions.reserve(parts.size());
   several commit(parts);
   commit.run();
-  std::vector<commit_version> versions;
   for (const commit_part& part : parts) versions.push_back(commit.version_of(part.storage));
   return versions;
 }

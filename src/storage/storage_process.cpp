@@ -17,6 +17,23 @@ storage_process::storage_process() {
   ::pthread_atfork(before_fork, after_fork_in_parent, after_fork_in_child);
 }
 
+// An open storage, until its last user lets go.
+struct storage_process::held_storage {
+  held_storage(storage_process& in, const directory_identity& of) : process(in), identity(of) {}
+  ~held_storage() {
+    if (!storage) return;
+    storage.reset();
+    if (opened_by == process.generation()) process.forget(identity);
+  }
+  held_storage(const held_storage&) = delete;
+  held_storage& operator=(const held_storage&) = delete;
+
+  storage_process& process;
+  const directory_identity identity;
+  const std::uint64_t opened_by = process.generation();
+  std::unique_ptr<dbs_storage> storage;
+};
+
 std::shared_ptr<dbs_storage> storage_process::find_or_open(const directory_identity& identity,
                                                            const std::string& options,
                                                            const opener& open) {
@@ -36,20 +53,19 @@ std::shared_ptr<dbs_storage> storage_process::find_or_open(const directory_ident
       }
       changed_.wait(lock_);
     }
-    storages_[identity].options = options;
+    storages_.emplace(identity, open_storage_entry{{}, options});
   }
   std::shared_ptr<dbs_storage> storage;
   try {
-    storage = {open().release(), [this, identity, opened = generation()](dbs_storage* closing) {
-                 delete closing;
-                 if (opened == generation()) forget(identity);
-               }};
+    const auto held = std::make_shared<held_storage>(*this, identity);
+    held->storage = open();
+    storage = {held, held->storage.get()};
   } catch (...) {
     forget(identity);
     throw;
   }
   guarded_scope scope(lock_);
-  storages_[identity].storage = storage;
+  storages_.find(identity)->second.storage = storage;
   changed_.notify_all();
   return storage;
 }

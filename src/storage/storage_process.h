@@ -69,6 +69,8 @@ class storage_process {
     std::string options;
   };
 
+  struct held_storage;
+
   void forget(const directory_identity& identity);
   static void before_fork();
   static void after_fork_in_parent();

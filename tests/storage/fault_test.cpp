@@ -6,6 +6,7 @@
 #include <csignal>
 #include <functional>
 
+#include "storage/expected_contents.h"
 #include "storage/multi_commit.h"
 #include "storage/storage_fixture.h"
 #include "support/faulty_vfs.h"
@@ -15,7 +16,6 @@ namespace {
 
 using operation = faulty_vfs::operation;
 using fault = faulty_vfs::fault;
-using contents = std::map<object_number, std::string>;
 
 constexpr object_number first = 0x10100;
 
@@ -41,48 +41,6 @@ const failing_disk rows[] = {
     {"read_for_good", faulty_vfs::bit(operation::read), fault::io_error, true},
     {"open_once", faulty_vfs::bit(operation::open), fault::io_error, false},
     {"truncate_once", faulty_vfs::bit(operation::truncate), fault::io_error, false},
-};
-
-std::optional<error_code> code_of(const std::function<void()>& work) {
-  try {
-    work();
-    return std::nullopt;
-  } catch (const database_error& error) {
-    return error.code();
-  }
-}
-
-// What a store must hold, given what its commits have answered.
-class expectation {
- public:
-  // Carries out `change` on the expected contents, as far as the answer allows.
-  void note(const std::optional<error_code>& failure,
-            const std::function<void(contents&)>& change) {
-    if (!failure) {
-      EXPECT_EQ(unknown_, std::nullopt) << "a commit succeeded after one of unknown outcome";
-      change(certain_);
-      return;
-    }
-    const bool known = *failure == error_code::input_output || *failure == error_code::storage_full;
-    if (known || unknown_) {
-      EXPECT_TRUE(known || *failure == error_code::outcome_unknown)
-          << static_cast<unsigned>(*failure);
-      return;
-    }
-    EXPECT_EQ(*failure, error_code::outcome_unknown);
-    unknown_ = certain_;
-    change(*unknown_);
-  }
-
-  bool is_known() const { return !unknown_; }
-  const contents& certain() const { return certain_; }
-  void check(const contents& found) const {
-    EXPECT_TRUE(found == certain_ || (unknown_ && found == *unknown_));
-  }
-
- private:
-  contents certain_;
-  std::optional<contents> unknown_;
 };
 
 class FaultTest : public testing::TestWithParam<failing_disk> {

@@ -4,6 +4,8 @@
 
 #include <algorithm>
 
+#include "storage/outcome_unknown.h"
+
 namespace goods {
 namespace {
 
@@ -58,10 +60,10 @@ void commit_log::append(std::span<const commit_request* const> group, commit_ver
                         bool durable) {
   guarded_scope scope(lock_);
   if (has_failed())
-    throw_error(error_code::outcome_unknown,
-                fmt::format("The storage \"{}\" takes no commits after one whose outcome is "
-                            "unknown: it must be opened again.",
-                            store_));
+    throw_outcome_unknown(
+        "The storage \"{}\" takes no commits after one whose outcome is unknown: it must be opened "
+        "again.",
+        store_);
   log_file& f = current();
   make_ready(f);
   log_record about;
@@ -109,11 +111,11 @@ void commit_log::write_record(log_file& f, bool durable) {
   } catch (...) {
     if (undo(f) || (!is_whole && is_disk_full())) throw;  // a full disk has not taken all of it
     failed_ = true;
-    throw_error(error_code::outcome_unknown,
-                fmt::format("Whether a commit to the storage \"{}\" has become durable is unknown: "
-                            "its log \"{}\" can be neither written nor synced. It must be opened "
-                            "again.",
-                            store_, f.path));
+    throw_outcome_unknown(
+        "Whether a commit to the storage \"{}\" has become durable is unknown: its log \"{}\" can "
+        "be "
+        "neither written nor synced. It must be opened again.",
+        store_, f.path);
   }
 }
 

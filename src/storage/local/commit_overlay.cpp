@@ -24,12 +24,26 @@ std::optional<typename Map::mapped_type> find_in(const Map& map, typename Map::k
 }
 
 template <class Map>
-void put(Map& map, std::size_t& bytes, typename Map::key_type key,
-         typename Map::mapped_type value) {
-  const auto [place, is_new] = map.try_emplace(key);
-  if (!is_new) bytes -= cost(place->second);
-  bytes += cost(value);
-  place->second = std::move(value);
+typename Map::node_type node_of(typename Map::key_type key, typename Map::mapped_type value) {
+  Map one;
+  one.emplace(key, std::move(value));
+  return one.extract(one.begin());
+}
+
+// So many more can be inserted without taking memory.
+template <class Map>
+void make_room(Map& map, std::size_t added) {
+  const std::size_t needed = map.size() + added;
+  if (needed >= map.bucket_count()) map.reserve(2 * needed);
+}
+
+template <class Map>
+void put(Map& map, std::size_t& bytes, typename Map::node_type&& node) noexcept {
+  bytes += cost(node.mapped());
+  auto result = map.insert(std::move(node));
+  if (result.inserted) return;
+  bytes -= cost(result.position->second);
+  std::swap(result.position->second, result.node.mapped());
 }
 
 }  // namespace
@@ -54,14 +68,29 @@ std::optional<apart_state> commit_overlay::find_apart(object_number number) cons
   return std::nullopt;
 }
 
-void commit_overlay::add(const segment_changes& changes) {
-  guarded_scope scope(lock_);
+commit_overlay::addition commit_overlay::prepare(const segment_changes& changes) {
+  addition prepared;
+  prepared.segments.reserve(changes.changed.size());
+  prepared.apart.reserve(changes.apart.size());
   for (const auto& change : changes.changed)
-    put(active_.segments, active_.bytes, change.number, change.now);
+    prepared.segments.push_back(node_of<decltype(table::segments)>(change.number, change.now));
   for (const auto& change : changes.apart)
-    put(active_.apart, active_.bytes, change.number, {change.body, changes.version});
-  active_.next_object = std::max(active_.next_object, changes.next_object);
-  active_.version = changes.version;
+    prepared.apart.push_back(
+        node_of<decltype(table::apart)>(change.number, {change.body, changes.version}));
+  prepared.next_object = changes.next_object;
+  prepared.version = changes.version;
+  guarded_scope scope(lock_);
+  make_room(active_.segments, prepared.segments.size());
+  make_room(active_.apart, prepared.apart.size());
+  return prepared;
+}
+
+void commit_overlay::add(addition&& prepared) noexcept {
+  guarded_scope scope(lock_);
+  for (auto& node : prepared.segments) put(active_.segments, active_.bytes, std::move(node));
+  for (auto& node : prepared.apart) put(active_.apart, active_.bytes, std::move(node));
+  active_.next_object = std::max(active_.next_object, prepared.next_object);
+  active_.version = prepared.version;
   note_size();
 }
 

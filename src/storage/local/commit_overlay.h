@@ -59,8 +59,19 @@ class commit_overlay {
   // Nothing: ask the database. A null body: the object is not apart.
   std::optional<apart_state> find_apart(object_number number) const;
 
+  // Commits that are about to be added.
+  class addition {
+    friend class commit_overlay;
+    std::vector<decltype(table::segments)::node_type> segments;
+    std::vector<decltype(table::apart)::node_type> apart;
+    std::uint64_t next_object = 0;
+    commit_version version = 0;
+  };
+  // Takes the memory that adding them needs, before they become durable. Until then nothing else is
+  // added or frozen.
+  addition prepare(const segment_changes& changes);
   // Adds commits to the active table.
-  void add(const segment_changes& changes);
+  void add(addition&& prepared) noexcept;
   // Makes the active table the frozen one, of which there was none.
   void freeze();
   // Null when there is none. It does not change until drop_frozen().

@@ -28,12 +28,12 @@ commit_version commit_queue::commit(const commit_request& request) {
       has_leader_ = leads = true;
     }
   }
-  if (leads) lead();
+  if (leads) lead(self);
   if (self.failure) std::rethrow_exception(self.failure);
   return self.version;
 }
 
-std::vector<commit_queue::waiting*> commit_queue::take_group() {
+std::vector<queued_commit*> commit_queue::take_group() {
   std::size_t size = 0, count = 0;
   while (count < queue_.size()) {
     size += size_of(*queue_[count]->request);
@@ -41,27 +41,41 @@ std::vector<commit_queue::waiting*> commit_queue::take_group() {
     ++count;
   }
   const auto end = queue_.begin() + static_cast<std::ptrdiff_t>(count);
-  std::vector<waiting*> group(queue_.begin(), end);
+  std::vector<queued_commit*> group(queue_.begin(), end);
   queue_.erase(queue_.begin(), end);
   return group;
 }
 
-void commit_queue::lead() {
+void commit_queue::lead(waiting& self) {
   // Until the turn comes, others join.
   writer_turn::hold turn(turn_);
-  std::vector<waiting*> group;
-  {
+  std::vector<queued_commit*> group;
+  try {
     guarded_scope scope(lock_);
     group = take_group();
+  } catch (...) {  // out of memory
+    leave_queue(self);
+    throw;
   }
-  const std::vector<queued_commit*> members(group.begin(), group.end());
-  write_(members);
+  write_(group);
 
   guarded_scope scope(lock_);
-  for (waiting* member : group) {
-    member->done = true;
-    member->wake.notify_one();
+  for (queued_commit* member : group) {
+    auto* const waiter = static_cast<waiting*>(member);
+    waiter->done = true;
+    waiter->wake.notify_one();
   }
+  hand_over();
+}
+
+// The others may have more luck.
+void commit_queue::leave_queue(waiting& self) noexcept {
+  guarded_scope scope(lock_);
+  std::erase(queue_, &self);
+  hand_over();
+}
+
+void commit_queue::hand_over() noexcept {
   has_leader_ = !queue_.empty();
   if (!has_leader_) return;
   queue_.front()->leads = true;

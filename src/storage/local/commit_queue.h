@@ -44,8 +44,10 @@ class commit_queue {
     std::condition_variable_any wake;
   };
 
-  std::vector<waiting*> take_group() REQUIRES(lock_);
-  void lead();
+  std::vector<queued_commit*> take_group() REQUIRES(lock_);
+  void lead(waiting& self);
+  void leave_queue(waiting& self) noexcept;
+  void hand_over() noexcept REQUIRES(lock_);
 
   writer_turn& turn_;
   const writer write_;

@@ -18,7 +18,7 @@ void layout_registry::load(store_reader& reader, const store_state& state) {
   const std::uint64_t count = reader.for_each_row(
       "layouts", row_kind::layout, [&](std::int64_t key, const byte_block& content) {
         if (key != next_number()) throw damaged_bytes("the layout before it is missing");
-        add(content.view());
+        add(prepare(content.view()));
       });
   guarded_scope scope(lock_);
   if (count != state.layouts || numbers_.size() != count)
@@ -42,10 +42,16 @@ class_number layout_registry::next_number() const {
   return static_cast<class_number>(numbers_.size() + 1);
 }
 
-void layout_registry::add(std::span<const std::byte> layout) {
+layout_registry::entry layout_registry::prepare(std::span<const std::byte> layout) {
+  std::unordered_map<std::string, class_number> one{{key_of(layout), next_number()}};
   guarded_scope scope(lock_);
-  const auto number = static_cast<class_number>(numbers_.size() + 1);
-  numbers_.emplace(key_of(layout), number);
+  if (numbers_.size() + 1 >= numbers_.bucket_count()) numbers_.reserve(2 * numbers_.size() + 16);
+  return one.extract(one.begin());
+}
+
+void layout_registry::add(entry&& prepared) noexcept {
+  guarded_scope scope(lock_);
+  numbers_.insert(std::move(prepared));
 }
 
 std::size_t layout_registry::count() const {

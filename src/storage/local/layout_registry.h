@@ -26,8 +26,11 @@ class layout_registry {
   class_number find(std::span<const std::byte> layout) const;
   // The number that the next one gets. Throws storage_full when there are 65535.
   class_number next_number() const;
-  // Under next_number(), once it is durable.
-  void add(std::span<const std::byte> layout);
+  // Takes a layout under next_number(): prepared before it becomes durable, which must not be
+  // forgotten then. One thread at a time may have one prepared.
+  using entry = std::unordered_map<std::string, class_number>::node_type;
+  entry prepare(std::span<const std::byte> layout);
+  void add(entry&& prepared) noexcept;
 
   std::size_t count() const;
   std::vector<layout_record> all() const;

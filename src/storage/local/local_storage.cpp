@@ -9,6 +9,7 @@
 #include "storage/local/open_store.h"
 #include "storage/local/segment_writer.h"
 #include "storage/local/store_walk.h"
+#include "storage/outcome_unknown.h"
 #include "storage/storage_process.h"
 
 namespace goods {
@@ -78,10 +79,10 @@ void local_storage::check_request(const commit_request& request) const {
 // After a commit whose outcome is unknown, or one over several storages that others did not finish.
 void local_storage::check_usable() const {
   if (!parts_->store.has_failed() && !parts_->log.has_failed()) return;
-  throw_error(error_code::outcome_unknown,
-              fmt::format("The storage \"{}\" takes no commits after one whose outcome is unknown: "
-                          "it must be opened again.",
-                          name_));
+  throw_outcome_unknown(
+      "The storage \"{}\" takes no commits after one whose outcome is unknown: it must be opened "
+      "again.",
+      name_);
 }
 
 commit_version local_storage::commit(const commit_request& request) {
@@ -127,9 +128,11 @@ void local_storage::write_together(commit_queue::commit_group group) {
   newest_states newest(parts_->newest);
   change_merger merger(newest, newest_version());
   const segment_changes changed = merger.merge(std::move(changes), version);
+  auto unmerged = parts_->overlay.prepare(changed);
+  prepare_to_show(changed, commits);
   parts_->log.append(requests, commits.front().version, !parts_->relaxed);
   for (std::size_t i = 0; i < group.size(); ++i) group[i]->version = commits[i].version;
-  show(changed, commits, visibility::in_overlay);
+  show(changed, commits.size(), &unmerged);
 }
 
 // Commits to the database past the log, which has been merged; the caller holds both turns.
@@ -148,6 +151,8 @@ std::shared_ptr<local_storage::hidden_commit> local_storage::commit_to_database(
   segment_writer writer(transaction, parts_->stored_presence);
   writer.write(commit->changes);
   extra(transaction);
+  const committed told{commit->changes.version, &commit->request};
+  prepare_to_show(commit->changes, {&told, 1});
   // Readers may see it in the file as soon as it is committed there.
   if (hides) {
     parts_->overlay.hold(replaced_states(commit->changes, newest));
@@ -178,22 +183,29 @@ void local_storage::write_past_log(commit_queue::commit_group group) {
   const auto commit =
       commit_to_database({}, *only.request, false, [](segment_store::transaction&) {});
   only.version = commit->changes.version;
-  const committed told{only.version, only.request};
-  show(commit->changes, {&told, 1}, visibility::in_database);
+  show(commit->changes, 1, nullptr);
 }
 
-// `where`: in the overlay, until it is merged; or in the database already, where the overlay may
-// hold back what was replaced.
-void local_storage::show(const segment_changes& changes, std::span<const committed> commits,
-                         visibility where) noexcept {
+// What show() needs memory for: afterwards, when the commits are durable, it must not fail.
+void local_storage::prepare_to_show(const segment_changes& changes,
+                                    std::span<const committed> commits) {
+  for (const auto& change : changes.changed)
+    if (change.now) parts_->presence.reserve(change.number);
+  parts_->notices.prepare(commits);
+}
+
+// `unmerged`: they are in the overlay until they are merged; or null: in the database already,
+// where the overlay may hold back what was replaced.
+void local_storage::show(const segment_changes& changes, std::size_t commits,
+                         commit_overlay::addition* unmerged) noexcept {
   store_versions& versions = parts_->versions;
   {
     guarded_scope scope(versions.publishing);
     versions.publications.fetch_add(1, std::memory_order_acq_rel);
     for (const auto& change : changes.changed)
       if (!change.before || !change.now) parts_->presence.set(change.number, change.now != nullptr);
-    if (where == visibility::in_overlay) {
-      parts_->overlay.add(changes);
+    if (unmerged != nullptr) {
+      parts_->overlay.add(std::move(*unmerged));
     } else {
       versions.merged.store(changes.version, std::memory_order_release);
       versions.has_hidden.store(false, std::memory_order_release);
@@ -201,7 +213,7 @@ void local_storage::show(const segment_changes& changes, std::span<const committ
     }
     for (const auto& change : changes.changed)
       parts_->cache.publish(change.number, change.now, changes.version);
-    parts_->notices.publish(commits);
+    parts_->notices.publish();
     versions.visible.store(changes.version, std::memory_order_release);
     versions.publications.fetch_add(1, std::memory_order_acq_rel);
   }
@@ -210,7 +222,7 @@ void local_storage::show(const segment_changes& changes, std::span<const committ
   while (next < changes.next_object &&
          !next_object_.compare_exchange_weak(next, changes.next_object))
     continue;
-  commits_ += commits.size();
+  commits_ += commits;
   ++groups_;
 }
 
@@ -234,12 +246,13 @@ class_number local_storage::intern_layout(std::span<const std::byte> layout) {
                             layout.size(), name_, longest_row));
   writer_turn::hold turn(parts_->database_turn);
   if (const class_number known = parts_->layouts.find(layout)) return known;
-  const class_number number = parts_->layouts.next_number();
+  auto entry = parts_->layouts.prepare(layout);
+  const class_number number = entry.mapped();
   segment_store::transaction transaction(parts_->store);
   transaction.write_layout(number, layout);
   ++transaction.state().layouts;
   transaction.commit();
-  parts_->layouts.add(layout);
+  parts_->layouts.add(std::move(entry));
   return number;
 }
 
@@ -293,12 +306,12 @@ commit_version local_storage::commit_and_decide(const commit_decision& decision,
   check_usable();
   parts_->merger.merge_all();
   writer_turn::hold database(parts_->database_turn);
-  std::int64_t key = 0;
+  prepared_commits::decision_node decided;
   const auto commit =
       commit_to_database(decision.id, request, true, [&](segment_store::transaction& transaction) {
-        key = parts_->prepared.decide(transaction, decision);
+        decided = parts_->prepared.decide(transaction, decision);
       });
-  parts_->prepared.remember(decision, key);
+  parts_->prepared.remember(std::move(decided));
   hide(commit);
   turn.hand_on();
   return commit->changes.version;
@@ -328,8 +341,7 @@ void local_storage::publish(const global_transaction& id) noexcept {
     guarded_scope scope(hidden_lock_);
     commit = std::exchange(hidden_, nullptr);
   }
-  const committed told{commit->changes.version, &commit->request};
-  show(commit->changes, {&told, 1}, visibility::in_database);
+  show(commit->changes, 1, nullptr);
   {
     writer_turn::hold database(parts_->database_turn);
     parts_->prepared.forget(id);

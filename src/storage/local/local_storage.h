@@ -10,6 +10,7 @@
 #include <goods/dbs_storage.h>
 
 #include "storage/guarded_mutex.h"
+#include "storage/local/commit_overlay.h"
 #include "storage/local/commit_queue.h"
 #include "storage/local/notice_board.h"
 #include "storage/local/object_loader.h"
@@ -63,7 +64,6 @@ class local_storage : public dbs_storage {
 
  private:
   struct hidden_commit;
-  enum class visibility : std::uint8_t { in_overlay, in_database };
 
   void check_process() const;
   void check_usable() const;
@@ -72,8 +72,9 @@ class local_storage : public dbs_storage {
   void write_group(commit_queue::commit_group group);
   void write_together(commit_queue::commit_group group);
   void write_past_log(commit_queue::commit_group group);
-  void show(const segment_changes& changes, std::span<const committed> commits,
-            visibility where) noexcept;
+  void prepare_to_show(const segment_changes& changes, std::span<const committed> commits);
+  void show(const segment_changes& changes, std::size_t commits,
+            commit_overlay::addition* unmerged) noexcept;
   template <class Extra>
   std::shared_ptr<hidden_commit> commit_to_database(const global_transaction& id,
                                                     const commit_request& request, bool hides,

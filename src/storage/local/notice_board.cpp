@@ -1,12 +1,15 @@
 #include "storage/local/notice_board.h"
 
 #include <algorithm>
+#include <list>
+#include <new>
 #include <utility>
 
 namespace goods {
 namespace {
 
 using notice_list = std::vector<std::shared_ptr<const notice>>;
+using notice_queue = std::list<std::shared_ptr<const notice>>;
 
 // Untaken notices beyond this many are merged where that is allowed.
 constexpr std::size_t merge_above = 4096;
@@ -26,8 +29,8 @@ void finish_merged(notice& merged) {
 }
 
 // Makes one of each run of notices that are not of `origin`.
-notice_list merge_foreign(const notice_list& list, const void* origin) {
-  notice_list result;
+notice_queue merge_foreign(const notice_queue& list, const void* origin) {
+  notice_queue result;
   std::shared_ptr<notice> merged;
   for (const auto& next : list) {
     if (next->origin == origin) {
@@ -53,6 +56,17 @@ struct notice_board::shared_part {
   guarded_mutex lock;
   std::vector<subscription*> subscriptions GUARDED_BY(lock);
   commit_version newest GUARDED_BY(lock) = 0;
+  // Prepared. Attachments go to the subscriptions of their origin and to those that want all.
+  notice_list plain GUARDED_BY(lock), complete GUARDED_BY(lock);
+
+  notice_queue prepared_for(const void* origin) const REQUIRES(lock) {
+    notice_queue result;
+    for (std::size_t i = 0; i < complete.size(); ++i) {
+      const bool is_own = origin == nullptr || plain[i]->origin == origin;
+      result.push_back(is_own ? complete[i] : plain[i]);
+    }
+    return result;
+  }
 };
 
 class notice_board::subscription : public notice_subscription {
@@ -61,6 +75,7 @@ class notice_board::subscription : public notice_subscription {
       : shared_(std::move(shared)), origin_(origin) {
     guarded_scope scope(shared_->lock);
     newest_ = shared_->newest;
+    prepared_ = shared_->prepared_for(origin);  // of commits that are on their way
     shared_->subscriptions.push_back(this);
   }
 
@@ -74,19 +89,26 @@ class notice_board::subscription : public notice_subscription {
   notice_list take(commit_version through) override {
     guarded_scope scope(lock_);
     while (newest_.load(std::memory_order_relaxed) < through) queued_.wait(lock_);
+    notice_list taken(queue_.begin(), queue_.end());
+    queue_.clear();
     merge_at_ = merge_above;
-    return std::exchange(queue_, {});
+    return taken;
   }
 
   const void* origin() const { return origin_; }
 
-  void queue(std::span<const std::shared_ptr<const notice>> notices) {
+  // Under the board's lock.
+  void prepare() { prepared_ = shared_->prepared_for(origin_); }
+  void queue_prepared() noexcept {
     guarded_scope scope(lock_);
-    queue_.insert(queue_.end(), notices.begin(), notices.end());
-    newest_.store(notices.back()->version, std::memory_order_release);
+    newest_.store(prepared_.back()->version, std::memory_order_release);
+    queue_.splice(queue_.end(), prepared_);
     queued_.notify_all();
     if (origin_ == nullptr || queue_.size() < merge_at_) return;
-    queue_ = merge_foreign(queue_, origin_);
+    try {
+      queue_ = merge_foreign(queue_, origin_);
+    } catch (const std::bad_alloc&) {  // later, then
+    }
     merge_at_ = queue_.size() + merge_above;
   }
 
@@ -95,7 +117,8 @@ class notice_board::subscription : public notice_subscription {
   const void* const origin_;
   guarded_mutex lock_;
   std::condition_variable_any queued_;
-  notice_list queue_ GUARDED_BY(lock_);
+  notice_queue prepared_;  // guarded by the board's lock
+  notice_queue queue_ GUARDED_BY(lock_);
   std::size_t merge_at_ GUARDED_BY(lock_) = merge_above;
   std::atomic<commit_version> newest_{0};  // written under lock_
 };
@@ -111,12 +134,7 @@ std::unique_ptr<notice_subscription> notice_board::subscribe(const void* origin)
   return std::make_unique<subscription>(shared_, origin);
 }
 
-void notice_board::publish(std::span<const committed> commits) {
-  guarded_scope scope(shared_->lock);
-  shared_->newest = commits.back().version;
-  if (shared_->subscriptions.empty()) return;
-
-  // Attachments go to the subscriptions of their origin and to those that want all.
+void notice_board::prepare(std::span<const committed> commits) {
   notice_list plain, complete;
   for (const committed& commit : commits) {
     auto bare = std::make_shared<notice>();
@@ -132,17 +150,18 @@ void notice_board::publish(std::span<const committed> commits) {
     attached->attachment = commit.request->attachment;
     complete.push_back(std::move(attached));
   }
-  notice_list own;
-  for (subscription* s : shared_->subscriptions) {
-    if (s->origin() == nullptr) {
-      s->queue(complete);
-      continue;
-    }
-    own = plain;
-    for (std::size_t i = 0; i < own.size(); ++i)
-      if (own[i]->origin == s->origin()) own[i] = complete[i];
-    s->queue(own);
-  }
+  guarded_scope scope(shared_->lock);
+  shared_->plain.swap(plain);
+  shared_->complete.swap(complete);
+  for (subscription* s : shared_->subscriptions) s->prepare();
+}
+
+void notice_board::publish() noexcept {
+  guarded_scope scope(shared_->lock);
+  shared_->newest = shared_->plain.back()->version;
+  for (subscription* s : shared_->subscriptions) s->queue_prepared();
+  shared_->plain.clear();
+  shared_->complete.clear();
 }
 
 }  // namespace goods

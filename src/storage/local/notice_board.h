@@ -21,7 +21,8 @@ struct committed {
 
 // The subscriptions of one storage.
 //
-// Threads: any; publish() is called in version order. Subscriptions may outlive the board.
+// Threads: any; prepare() and publish() by the holder of the writer's turn, in version order.
+// Subscriptions may outlive the board.
 class notice_board {
  public:
   explicit notice_board(commit_version newest);
@@ -31,8 +32,11 @@ class notice_board {
 
   std::unique_ptr<notice_subscription> subscribe(const void* origin);
 
-  // Queues the notices, oldest first. Makes nothing when nobody listens.
-  void publish(std::span<const committed> commits);
+  // Makes the notices of commits, oldest first, before they become durable. Those that were
+  // prepared before and not published are dropped.
+  void prepare(std::span<const committed> commits);
+  // Queues what was prepared.
+  void publish() noexcept;
 
  private:
   class subscription;

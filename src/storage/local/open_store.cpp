@@ -91,10 +91,11 @@ void open_store::replay_log() {
     change_merger replaying(current, versions.visible);
     const segment_changes replayed = replaying.merge(std::move(changes), found.newest());
     for (const auto& change : replayed.changed) {
+      if (change.now) presence.reserve(change.number);
       presence.set(change.number, change.now != nullptr);
       cache.publish(change.number, change.now, replayed.version);
     }
-    overlay.add(replayed);
+    overlay.add(overlay.prepare(replayed));
     versions.visible = found.newest();
     merger.merge_all();
   }

@@ -103,9 +103,9 @@ void prepared_commits::load(store_reader& reader, const store_state& state) {
     throw_damaged_row(store_, "decisions", 0, "rows of it are missing");
 }
 
-std::unique_ptr<prepared_part> prepared_commits::prepare(segment_store::transaction& into,
-                                                         const prepared_commit& about,
-                                                         const commit_request& request) {
+prepared_commits::part_node prepared_commits::prepare(segment_store::transaction& into,
+                                                      const prepared_commit& about,
+                                                      const commit_request& request) {
   std::vector<std::byte> bytes = serialize(about, request);
   std::vector<std::int64_t> keys;
   const std::size_t rows = (bytes.size() + part_size - 1) / part_size;
@@ -121,38 +121,33 @@ std::unique_ptr<prepared_part> prepared_commits::prepare(segment_store::transact
   part->keys = std::move(keys);
   part->origin = request.origin;
   part->attachment = request.attachment;
-  return part;
+  part_map one;
+  one.emplace(about.id, known_part{std::move(part), false});
+  return one.extract(one.begin());
 }
 
 void prepared_commits::erase(segment_store::transaction& from, const prepared_part& part) {
   for (std::int64_t key : part.keys) from.remove_prepared(key);
 }
 
-std::int64_t prepared_commits::decide(segment_store::transaction& into,
-                                      const commit_decision& decision) {
+prepared_commits::decision_node prepared_commits::decide(segment_store::transaction& into,
+                                                         const commit_decision& decision) {
   byte_writer row;
   write_pair(row, decision.id);
   row.varint(decision.participants.size());
   for (const storage_identity& participant : decision.participants) write_pair(row, participant);
   const std::int64_t key = next_key_++;
   into.write_decision(key, row.view());
-  return key;
+  decision_map one;
+  one.emplace(decision.id, known_decision{decision, key, false});
+  return one.extract(one.begin());
 }
 
 void prepared_commits::erase_forgotten(segment_store::transaction& from) {
   for (std::int64_t key : forgotten_) from.remove_decision(key);
 }
 
-void prepared_commits::remember(std::unique_ptr<prepared_part> part) {
-  const global_transaction id = part->about.id;
-  parts_[id] = {std::move(part), false};
-}
-
-void prepared_commits::remember(const commit_decision& decision, std::int64_t key) {
-  decisions_[decision.id] = {decision, key, false};
-}
-
-void prepared_commits::forget(const global_transaction& id) { parts_.erase(id); }
+void prepared_commits::forget(const global_transaction& id) noexcept { parts_.erase(id); }
 
 void prepared_commits::forget_decision(const global_transaction& id) {
   const auto found = decisions_.find(id);

@@ -36,25 +36,40 @@ struct prepared_part {
 // A decision is one row: id, number of participants (varint), their identities (16 bytes each).
 // Threads: the holder of the writer's turn.
 class prepared_commits {
+  struct known_decision {
+    commit_decision decision;
+    std::int64_t key;
+    bool found;  // when opening
+  };
+  struct known_part {
+    std::unique_ptr<prepared_part> part;
+    bool found;
+  };
+  using part_map = std::map<global_transaction, known_part>;
+  using decision_map = std::map<global_transaction, known_decision>;
+
  public:
+  using part_node = part_map::node_type;
+  using decision_node = decision_map::node_type;
+
   explicit prepared_commits(const std::string& store) : store_(store) {}
 
   // Reads both tables. Throws corrupt_data when rows are damaged or missing.
   void load(store_reader& reader, const store_state& state);
 
-  // Copies and writes a commit.
-  std::unique_ptr<prepared_part> prepare(segment_store::transaction& into,
-                                         const prepared_commit& about,
-                                         const commit_request& request);
+  // Copies and writes a commit. To be remembered when the transaction has been committed, which
+  // must not fail then.
+  part_node prepare(segment_store::transaction& into, const prepared_commit& about,
+                    const commit_request& request);
   void erase(segment_store::transaction& from, const prepared_part& part);
-  std::int64_t decide(segment_store::transaction& into, const commit_decision& decision);
+  decision_node decide(segment_store::transaction& into, const commit_decision& decision);
   // Within the next transaction that is committed.
   void erase_forgotten(segment_store::transaction& from);
-  void forgotten_erased() { forgotten_.clear(); }
+  void forgotten_erased() noexcept { forgotten_.clear(); }
 
-  void remember(std::unique_ptr<prepared_part> part);
-  void remember(const commit_decision& decision, std::int64_t key);
-  void forget(const global_transaction& id);           // a prepared commit
+  void remember(part_node&& part) noexcept { parts_.insert(std::move(part)); }
+  void remember(decision_node&& decision) noexcept { decisions_.insert(std::move(decision)); }
+  void forget(const global_transaction& id) noexcept;  // a prepared commit
   void forget_decision(const global_transaction& id);  // erased lazily
   prepared_part* find(const global_transaction& id);
 
@@ -65,19 +80,9 @@ class prepared_commits {
   std::uint64_t next_object() const;
 
  private:
-  struct known_decision {
-    commit_decision decision;
-    std::int64_t key;
-    bool found;  // when opening
-  };
-  struct known_part {
-    std::unique_ptr<prepared_part> part;
-    bool found;
-  };
-
   const std::string& store_;
-  std::map<global_transaction, known_part> parts_;
-  std::map<global_transaction, known_decision> decisions_;
+  part_map parts_;
+  decision_map decisions_;
   std::vector<std::int64_t> forgotten_;  // keys of decisions
   std::int64_t next_key_ = 1;
 };

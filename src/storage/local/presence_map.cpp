@@ -24,9 +24,11 @@ bool presence_map::has(segment_number number) const {
   return ((*bits)[at / 64].load(std::memory_order_acquire) >> at % 64 & 1) != 0;
 }
 
-void presence_map::set(segment_number number, bool present) {
+void presence_map::set(segment_number number, bool present) noexcept {
+  words* bits = chunks_[chunk_of(number)].load(std::memory_order_relaxed);
+  if (bits == nullptr) return;
   const std::uint32_t at = number % segments_per_chunk;
-  auto& word = need(chunk_of(number))[at / 64];
+  auto& word = (*bits)[at / 64];
   const std::uint64_t bit = std::uint64_t{1} << at % 64;
   if (present)
     word.fetch_or(bit);

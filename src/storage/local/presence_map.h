@@ -31,7 +31,10 @@ class presence_map {
   static std::uint32_t chunk_of(segment_number number) { return number / segments_per_chunk; }
 
   bool has(segment_number number) const;
-  void set(segment_number number, bool present);
+  // Takes the memory that set() needs for it.
+  void reserve(segment_number number) { need(chunk_of(number)); }
+  // Where nothing was reserved, all segments are absent and stay so.
+  void set(segment_number number, bool present) noexcept;
 
   // A chunk's content as stored, 64-bit words with the lowest segment in the lowest bit.
   using content = std::array<std::uint64_t, segments_per_chunk / 64>;

@@ -1,5 +1,6 @@
 #include "storage/local/segment_cache.h"
 
+#include <new>
 #include <utility>
 
 namespace goods {
@@ -30,10 +31,15 @@ std::uint32_t segment_cache::index::find(segment_number number) const {
 }
 
 void segment_cache::index::set(segment_number number, std::uint32_t entry) {
-  const std::size_t at = place_of(number);
-  const bool is_new = places_[at].entry == none;
+  std::size_t at = place_of(number);
+  if (places_[at].entry == none) {
+    if ((used_ + 1) * 2 > places_.size()) {
+      grow();
+      at = place_of(number);
+    }
+    ++used_;
+  }
   places_[at] = {number, entry};
-  if (is_new && ++used_ * 2 > places_.size()) grow();
 }
 
 // Moves back what the gap would hide.
@@ -80,7 +86,7 @@ void segment_cache::offer(const std::shared_ptr<const segment>& found, commit_ve
 }
 
 void segment_cache::publish(segment_number number, std::shared_ptr<const segment> now,
-                            commit_version version) {
+                            commit_version version) noexcept {
   std::shared_ptr<const segment> before;  // dropped after the mutex
   shard& s = shard_of(number);
   guarded_scope scope(s.lock);
@@ -101,12 +107,20 @@ void segment_cache::publish(segment_number number, std::shared_ptr<const segment
   }
 }
 
-void segment_cache::shard::insert(std::shared_ptr<const segment> content, std::size_t limit) {
+// Keeps nothing when there is no memory for it.
+void segment_cache::shard::insert(std::shared_ptr<const segment> content,
+                                  std::size_t limit) noexcept {
   const std::size_t added = cost(*content);
+  const segment_number number = content->number();
   make_room(limit - added);
-  places.set(content->number(), static_cast<std::uint32_t>(entries.size()));
-  entries.push_back({std::move(content), false});
-  bytes += added;
+  const std::size_t before = entries.size();
+  try {
+    entries.push_back({std::move(content), false});
+    places.set(number, static_cast<std::uint32_t>(entries.size() - 1));
+    bytes += added;
+  } catch (const std::bad_alloc&) {
+    if (entries.size() > before) entries.pop_back();
+  }
 }
 
 std::shared_ptr<const segment> segment_cache::shard::erase(std::uint32_t place) {

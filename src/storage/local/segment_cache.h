@@ -32,7 +32,8 @@ class segment_cache {
 
   // `now` is the segment's state from `version` on; null when it has none or is not to be kept.
   // Called in version order.
-  void publish(segment_number number, std::shared_ptr<const segment> now, commit_version version);
+  void publish(segment_number number, std::shared_ptr<const segment> now,
+               commit_version version) noexcept;
 
   std::size_t limit() const { return shard_limit_ * shards; }
 
@@ -75,7 +76,7 @@ class segment_cache {
     std::size_t bytes GUARDED_BY(lock) = 0;
     commit_version last_change GUARDED_BY(lock) = 0;  // of any segment of this shard
 
-    void insert(std::shared_ptr<const segment> content, std::size_t limit) REQUIRES(lock);
+    void insert(std::shared_ptr<const segment> content, std::size_t limit) noexcept REQUIRES(lock);
     std::shared_ptr<const segment> erase(std::uint32_t place) REQUIRES(lock);
     void make_room(std::size_t limit) REQUIRES(lock);
   };

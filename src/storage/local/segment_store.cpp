@@ -5,6 +5,8 @@
 
 #include <algorithm>
 
+#include "storage/outcome_unknown.h"
+
 namespace goods {
 namespace {
 
@@ -65,21 +67,31 @@ void segment_store::commit_failed(const store_state& before) {
   state_ = before;
   if (settle(before)) return;
   failed_ = true;
-  throw_error(error_code::outcome_unknown,
-              fmt::format("Whether a commit to the storage \"{}\" has become durable is unknown: "
-                          "syncing its log failed. It must be opened again.",
-                          store_));
+  throw_outcome_unknown(
+      "Whether a commit to the storage \"{}\" has become durable is unknown: syncing its log "
+      "failed. "
+      "It must be opened again.",
+      store_);
+}
+
+// Unless there is no transaction. Where this fails, for lack of memory, the next one tries again.
+void segment_store::roll_back() noexcept {
+  if (::sqlite3_get_autocommit(connection_->handle()) != 0) return;
+  try {
+    rollback_.run();
+  } catch (...) {  // NOLINT(bugprone-empty-catch): see above
+  }
 }
 
 bool segment_store::settle(const store_state& before) noexcept {
-  if (connection_->try_execute("BEGIN IMMEDIATE") != SQLITE_OK) return false;
   try {
+    begin_.run();
     ++state_.settlements;
     write_state();
     commit_.run();
     return true;
   } catch (...) {
-    connection_->try_execute("ROLLBACK");
+    roll_back();
     state_ = before;
     return false;
   }
@@ -88,11 +100,11 @@ bool segment_store::settle(const store_state& before) noexcept {
 segment_store::transaction::transaction(segment_store& store, after_failure then)
     : store_(store), then_(then), before_(store.state_) {
   if (store.failed_)
-    throw_error(
-        error_code::outcome_unknown,
-        fmt::format("The storage \"{}\" takes no commits after one whose outcome is unknown: "
-                    "it must be opened again.",
-                    store.store_));
+    throw_outcome_unknown(
+        "The storage \"{}\" takes no commits after one whose outcome is unknown: it must be opened "
+        "again.",
+        store.store_);
+  store.roll_back();
   store.begin_.run();
   open_ = true;
 }
@@ -100,8 +112,7 @@ segment_store::transaction::transaction(segment_store& store, after_failure then
 segment_store::transaction::~transaction() {
   if (!open_) return;
   store_.state_ = before_;
-  if (::sqlite3_get_autocommit(store_.connection_->handle()) == 0)
-    store_.connection_->try_execute("ROLLBACK");
+  store_.roll_back();
 }
 
 void segment_store::transaction::commit() {
@@ -112,8 +123,7 @@ void segment_store::transaction::commit() {
   } catch (...) {
     const int failure = ::sqlite3_extended_errcode(store_.connection_->handle());
     store_.commit_.reset();
-    if (::sqlite3_get_autocommit(store_.connection_->handle()) == 0)
-      store_.connection_->try_execute("ROLLBACK");
+    store_.roll_back();
     open_ = false;
     store_.state_ = before_;
     if (then_ == after_failure::settle && error_code_of(failure) == error_code::input_output)

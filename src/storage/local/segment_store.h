@@ -78,6 +78,7 @@ class segment_store {
   void write_state();
   void commit_failed(const store_state& before);
   bool settle(const store_state& before) noexcept;
+  void roll_back() noexcept;
   static int note_log_pages(void* self, struct sqlite3*, const char*, int pages);
 
   const std::string store_;

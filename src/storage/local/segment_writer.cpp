@@ -68,9 +68,11 @@ void segment_writer::write_presence() {
   for (segment_number number : added_) note(number, true);
   for (segment_number number : removed_) note(number, false);
   for (const auto& [chunk, bits] : chunks) into_.write_presence(chunk, bits);
+  // note_committed() must not fail.
+  for (segment_number number : added_) stored_.reserve(number);
 }
 
-void segment_writer::note_committed() {
+void segment_writer::note_committed() noexcept {
   for (segment_number number : added_) stored_.set(number, true);
   for (segment_number number : removed_) stored_.set(number, false);
 }

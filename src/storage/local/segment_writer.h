@@ -22,8 +22,8 @@ class segment_writer {
   void write(const commit_overlay::table& changes);
   void write(const segment_changes& changes);
 
-  // After the transaction has been committed.
-  void note_committed();
+  // After the transaction has been committed, which must be told to the end.
+  void note_committed() noexcept;
 
  private:
   void write_segment(segment_number number, const segment* now);

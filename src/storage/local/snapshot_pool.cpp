@@ -1,5 +1,7 @@
 #include "storage/local/snapshot_pool.h"
 
+#include <sqlite3.h>
+
 namespace goods {
 
 std::unique_ptr<sqlite_connection> connect(const connection_settings& settings) {
@@ -21,6 +23,7 @@ snapshot::snapshot(const connection_settings& settings)
 
 void snapshot::refresh() {
   end();
+  if (::sqlite3_get_autocommit(connection_->handle()) == 0) connection_->execute("ROLLBACK");
   begin_.run();
   open_ = true;
   try {

@@ -58,7 +58,10 @@ class snapshot_pool {
  public:
   static constexpr std::size_t most = 8;
 
-  explicit snapshot_pool(connection_settings settings) : settings_(std::move(settings)) {}
+  explicit snapshot_pool(connection_settings settings) : settings_(std::move(settings)) {
+    guarded_scope scope(lock_);
+    idle_.reserve(most);  // giving one back must not fail
+  }
 
   // A snapshot for a scope.
   class lease {

@@ -92,8 +92,8 @@ directory_hold::directory_hold(const std::string& directory) {
     throw_error(error_code::database_in_use,
                 fmt::format("The storage \"{}\" is in use by another process.", directory));
   }
+  storage_process::instance().add_lock_descriptor(file.number());
   descriptor_ = file.release();
-  storage_process::instance().add_lock_descriptor(descriptor_);
 }
 
 directory_hold::~directory_hold() {
