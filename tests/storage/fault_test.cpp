@@ -3,8 +3,11 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <chrono>
 #include <csignal>
+#include <filesystem>
 #include <functional>
+#include <thread>
 
 #include "storage/expected_contents.h"
 #include "storage/multi_commit.h"
@@ -181,6 +184,64 @@ TEST_P(FaultTest, ACommitOverTwoStoragesIsInBothOrInNeither) {
     EXPECT_TRUE(one->prepared().empty() && two->prepared().empty());
     EXPECT_TRUE(one->decisions().empty() && two->decisions().empty());
   });
+}
+
+// ---- syncs in the background that fail
+
+class RelaxedTest : public storage_test {
+ protected:
+  RelaxedTest() { commit_text(*storage_, first, "first"); }
+
+  // Lets syncs fail after a commit, and waits for the first that does.
+  void fail_to_sync(bool for_good) {
+    disk_.arm({faulty_vfs::bit(operation::sync), 0, fault::io_error, for_good});
+    commit_text(*storage_, first, "not synced");
+    await([this] { return disk_.has_failed(); });
+  }
+
+  // What is in the database alone.
+  std::optional<std::string> text_in_database() {
+    const scratch_directory copy;
+    std::filesystem::create_directory(copy.file("store"));
+    for (const char* name : {"store.db-wal", "store.db"})
+      std::filesystem::copy_file(path("store/") + name, copy.file("store/") + name);
+    try {
+      return load_text(*open_storage("file:store", copy.path().string()), first);
+    } catch (const database_error&) {  // copied while it was written
+      return std::nullopt;
+    }
+  }
+
+  static void await(const std::function<bool()>& condition) {
+    const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(30);
+    while (!condition()) {
+      ASSERT_LT(std::chrono::steady_clock::now(), deadline);
+      std::this_thread::sleep_for(std::chrono::milliseconds(5));
+    }
+  }
+
+  std::shared_ptr<dbs_storage> storage_ = open("store", "?durability=relaxed");
+};
+
+TEST_F(RelaxedTest, WhatCouldNotBeSyncedGoesIntoTheDatabaseWithoutWaitingForACommit) {
+  fail_to_sync(false);
+  await([this] { return text_in_database() == "not synced"; });
+}
+
+TEST_F(RelaxedTest, WhatCannotBecomeDurableIsToldByCommitsAndReadsGoOn) {
+  fail_to_sync(true);
+  for (int i = 0; i < 2; ++i)
+    EXPECT_THAT([this] { commit_text(*storage_, first + 1, "refused"); },
+                fails_with(error_code::input_output, testing::HasSubstr(path("store"))));
+  EXPECT_EQ(load_text(*storage_, first), "not synced");
+  EXPECT_EQ(load_text(*storage_, first + 1), std::nullopt);
+  // It cannot be closed properly: the log stays, and has the commit.
+  storage_.reset();
+  EXPECT_TRUE(std::filesystem::exists(path("store/commits.0")));
+  EXPECT_THAT([this] { open(); },
+              fails_with(error_code::input_output, testing::HasSubstr("store")));
+  disk_.disarm();
+  EXPECT_EQ(load_text(*open(), first), "not synced");
 }
 
 // ---- processes that end at every point

@@ -109,7 +109,10 @@ void commit_log::write_record(log_file& f, bool durable) {
     is_whole = true;
     if (durable) f.file->sync();
   } catch (...) {
-    if (undo(f) || (!is_whole && is_disk_full())) throw;  // a full disk has not taken all of it
+    const bool undone = undo(f);
+    // Room that was added for it may have been lost with what could not be synced.
+    if (undone && f.unsynced == 0) f.size = f.synced_size;
+    if (undone || (!is_whole && is_disk_full())) throw;  // a full disk has not taken all of it
     failed_ = true;
     throw_outcome_unknown(
         "Whether a commit to the storage \"{}\" has become durable is unknown: its log \"{}\" can "
@@ -142,12 +145,19 @@ void commit_log::switch_files() {
   log_file& f = current();
   f.position = 0;
   f.unsynced = 0;
+  // Nothing about its room is certain: it is written again.
+  if (f.is_broken) f.size = f.synced_size = 0;
   f.is_broken = false;
 }
 
 bool commit_log::has_unsynced() const {
   guarded_scope scope(lock_);
   return std::ranges::any_of(files_, [](const log_file& f) { return f.unsynced != 0; });
+}
+
+bool commit_log::is_broken() const {
+  guarded_scope scope(lock_);
+  return files_[active_].is_broken;
 }
 
 void commit_log::sync() {

@@ -53,6 +53,8 @@ class commit_log {
   // Makes durable what was appended without it. When that fails, the file takes no more.
   void sync();
   bool has_unsynced() const;
+  // Whether the current file takes no more because of that.
+  bool is_broken() const;
   // All commits up to this one are durable, here or in the database.
   void note_durable(commit_version through);
 

@@ -87,11 +87,14 @@ void log_merger::run() {
     {
       guarded_scope scope(lock_);
       if (!wait_for_work(failed)) return;
+    }
+    if (syncs_log_) sync_log();
+    {
+      guarded_scope scope(lock_);
       const bool again =
           waiting_ != 0 || std::chrono::steady_clock::now() - failed_at > retry_after;
       merges = pending_ && (!failed || again);
     }
-    if (syncs_log_) sync_log();
     if (!merges) continue;
     try {
       merge();
@@ -132,6 +135,23 @@ void log_merger::sync_log() noexcept {
     if (with_.log.has_unsynced()) with_.log.sync();
   } catch (...) {  // NOLINT(bugprone-empty-catch): out of memory; it is tried again
   }
+  leave_broken_file();
+}
+
+// Whoever has the turn may be waiting for a merge. But then it commits, and leaves the file itself;
+// or this is tried again before long.
+void log_merger::leave_broken_file() noexcept {
+  if (!with_.log.is_broken() || !with_.turn.try_take()) return;
+  try {
+    bool is_free = false;
+    {
+      guarded_scope scope(lock_);
+      is_free = !pending_;
+    }
+    if (is_free) begin();
+  } catch (...) {  // NOLINT(bugprone-empty-catch): out of memory; it is tried again
+  }
+  with_.turn.leave();
 }
 
 }  // namespace goods

@@ -24,12 +24,15 @@ namespace goods {
 // commits wait. One that fails is tried again, now and then and whenever a commit waits for it;
 // until it succeeds nothing is given up.
 //
-// With durability=relaxed, its thread also syncs the log.
-// Threads: the holder of the writer's turn, unless it says otherwise; one thread of its own.
+// With durability=relaxed, its thread also syncs the log. When that fails, it begins a merge at
+// once: what was committed and is not durable becomes so in the database.
+// Threads: the holder of the writer's turn; one thread of its own, which only tries to take the
+// turn.
 class log_merger {
  public:
   struct parts {
     segment_store& store;  // of the holder of database_turn, as `prepared` and `stored`
+    writer_turn& turn;
     writer_turn& database_turn;
     prepared_commits& prepared;
     presence_map& stored;
@@ -57,6 +60,7 @@ class log_merger {
   bool wait_for_work(bool failed) REQUIRES(lock_);
   void merge();
   void sync_log() noexcept;
+  void leave_broken_file() noexcept;
 
   const parts with_;
   const std::size_t most_bytes_;

@@ -17,6 +17,14 @@ class writer_turn {
     taken_ = true;
   }
 
+  // False when somebody has it.
+  bool try_take() {
+    guarded_scope guard(lock_);
+    if (taken_) return false;
+    taken_ = true;
+    return true;
+  }
+
   void leave() {
     guarded_scope guard(lock_);
     taken_ = false;
