@@ -1,20 +1,52 @@
 // An object held for reading or writing, for as long as the access lives.
 #pragma once
 
+#include <cstdint>
 #include <exception>
 #include <utility>
 
+#include <goods/errors.h>
 #include <goods/object.h>
 #include <goods/object_ref.h>
 
 namespace goods {
 
 class metaobject;
+class thread_attachment;
 
 // Throws corrupt_data unless `body` is an `expected`: what a stored reference leads to may be of
 // any class.
 GOODS_API void check_body(const object& body, const class_descriptor& expected);
 [[noreturn]] GOODS_API void throw_written_too_late(const object& body);
+
+// A call that changes several things which belong together, while it lives; write accesses are such
+// calls, too. When an exception leaves it after something has been changed, the transaction that is
+// open must not be committed with that half: it is rolled back and gives up its locks at once. It
+// stays open until its scope ends, and whatever is called in it until then, and its end, throws an
+// error that tells why. Its code is that of the failure as far as the storage reported that, else
+// usage. A call that fails before it has changed anything leaves the transaction as it was.
+// "Changed" means that a write access has ended without an exception; changes to transient objects
+// count if the transaction had changed something before.
+// Threads: made and destroyed by the same thread.
+class GOODS_API changing_call {
+ public:
+  changing_call();
+  ~changing_call();
+  changing_call(const changing_call&) = delete;
+  changing_call& operator=(const changing_call&) = delete;
+
+  // Says in a handler which exception is leaving the call.
+  void failed(const error_info& error) const noexcept;
+
+ private:
+  bool has_changed() const;
+
+  const int exceptions_ = std::uncaught_exceptions();
+  const thread_attachment* thread_;
+  std::uint32_t stored_before_ = 0;
+  std::uint32_t transient_before_ = 0;
+  bool counts_transient_ = false;
+};
 
 // Reads one object: the version current when the access began stays unchanged and in memory until
 // the access ends. Usually a temporary made by ref<T>::operator->.
@@ -57,6 +89,7 @@ class GOODS_API write_access_base {
   void check(const class_descriptor& expected) const { check_body(*body_, expected); }
 
  private:
+  const changing_call call_;
   object_ref reference_;
   int exceptions_ = std::uncaught_exceptions();
   metaobject* scheme_ = nullptr;  // null for an access to a transient object

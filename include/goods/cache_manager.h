@@ -11,6 +11,8 @@
 #include <utility>
 #include <vector>
 
+#include <goods/access.h>
+#include <goods/errors.h>
 #include <goods/goods_api.h>
 #include <goods/metaobject.h>
 #include <goods/object_ref.h>
@@ -54,12 +56,17 @@ class GOODS_API cache_manager {
   // Transactions of the calling thread on this session; see metaobject.h for how begins nest.
   virtual void begin_transaction();
   virtual isolation_level end_transaction();  // commits when it closes the outermost one
-  virtual void abort_transaction();           // rolls back; every level of nesting ends
-  bool in_transaction() const;                // explicit or implicit
-  bool is_reading() const;                    // whether the calling thread is within read()
+  // Rolls everything back. After an inner one the outer transaction is still open, so that nothing
+  // in its scope is committed on its own, but calls in it and its end throw; see changing_call.
+  virtual void abort_transaction();
+  bool in_transaction() const;  // explicit or implicit, also when it can only be ended
+  bool is_reading() const;      // whether the calling thread is within read()
+  // Identifies the open transaction among all of the process; 0 when none is open.
+  std::uint64_t transaction_number() const;
 
   // A transaction of one call: joins the one that is open, or runs `work` in its own and commits;
-  // repeats it after a deadlock. What leaves as an exception has been rolled back, unless joined.
+  // repeats it after a deadlock. What leaves as an exception has been rolled back; joined, it is a
+  // changing_call.
   template <std::invocable Work>
   std::invoke_result_t<Work&> atomically(Work&& work);
 
@@ -75,8 +82,12 @@ class GOODS_API cache_manager {
   void charge(std::ptrdiff_t bytes);
 
   // How long a lock is waited for. Default 10 s; 0: not at all.
-  void set_lock_timeout(std::chrono::milliseconds limit) { lock_timeout_ = limit; }
-  std::chrono::milliseconds lock_timeout() const { return lock_timeout_; }
+  void set_lock_timeout(std::chrono::milliseconds limit) {
+    lock_timeout_.store(limit, std::memory_order_relaxed);
+  }
+  std::chrono::milliseconds lock_timeout() const {
+    return lock_timeout_.load(std::memory_order_relaxed);
+  }
 
   // Takes in all commits that have returned to their callers, in this session or another one, and
   // returns when reads see them. Every read outside a transaction begins with this.
@@ -108,16 +119,18 @@ class GOODS_API cache_manager {
     ~call_transaction();
     void commit();
     // In a handler: rolls back and tells whether repeating the work may help.
-    bool roll_back_and_retry(int attempt);
+    bool roll_back_and_retry(const error_info& error, int attempt);
 
    private:
     cache_manager& session_;
+    const changing_call call_;
     const bool joined_;
     bool own_;  // neither joined nor committed nor rolled back yet
   };
+  void close_transaction();
 
   database& db_;
-  std::chrono::milliseconds lock_timeout_{10'000};  // set before threads share the session
+  std::atomic<std::chrono::milliseconds> lock_timeout_{std::chrono::milliseconds(10'000)};
   [[noreturn]] void require_attached() const;
 
   std::unique_ptr<object_cache> cache_;

@@ -56,7 +56,7 @@ std::invoke_result_t<Work&> cache_manager::atomically(Work&& work) {
         return result;
       }
     } catch (const error_info& error) {
-      if (error.code() != error_code::deadlock || !call.roll_back_and_retry(attempt)) throw;
+      if (!call.roll_back_and_retry(error, attempt)) throw;
     }
   }
 }

@@ -18,7 +18,7 @@ namespace goods {
 enum class error_code : std::uint32_t {
   null_reference = 0,
   bad_typecast = 12,
-  deadlock = 100,         // the victim's transaction is rolled back; it may be repeated
+  deadlock = 100,         // the victim's transaction has been rolled back; it may be repeated
   lock_timeout = 101,     // waited for longer than the session's lock time limit
   input_output = 102,     // the operating system refused a read, write or sync
   storage_full = 103,     // no room on the device, or a limit of the format is reached
@@ -42,6 +42,9 @@ class GOODS_API error_info {
  private:
   error_code code_;
 };
+
+// The text of what was thrown, empty when it has none.
+GOODS_API const char* message_of(const error_info& error);
 
 class GOODS_API database_error : public std::runtime_error, public error_info {
  public:

@@ -196,6 +196,7 @@ void PlaceNode(const TarnRef& from, std::string_view path, const TarnRef& node) 
   VerifyBranches(from, whole);
   const std::string name(TarnBranches::LastOf(whole));
   const auto oneTransaction = *from;
+  const goods::changing_call call;
   const TarnRef parent =
       MakeVerifiedBranch(from, TarnBranches::ParentOf(whole), whole,
                          [&](const TarnRef& made) { VerifyFits(made, name, node); });
@@ -207,6 +208,7 @@ TarnRef MakeBranch(const TarnRef& from, std::string_view path, std::string_view 
 }
 
 bool AddMissingNode(const TarnRef& from, std::string_view path, const TarnRef& node) {
+  const goods::changing_call call;
   const std::string_view whole = UpToNul(path);
   VerifyBranches(from, whole);
   const std::string_view name = TarnBranches::LastOf(whole);

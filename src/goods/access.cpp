@@ -31,6 +31,16 @@ cache_manager& session_of(const object_handle& handle) {
   return *session;
 }
 
+thread_attachment* here() {
+  const cache_manager* const session = cache_manager::current();
+  return session != nullptr ? session->attachment() : nullptr;
+}
+
+void count_write(bool is_transient) {
+  thread_attachment* const thread = here();
+  if (thread != nullptr) ++(is_transient ? thread->transient_writes : thread->stored_writes);
+}
+
 // The scheme of the object's class, and its body for a transient object.
 struct looked_up {
   metaobject* scheme = nullptr;
@@ -74,6 +84,28 @@ void end_access(object_handle& handle, metaobject* scheme, Body* body, int excep
 
 }  // namespace
 
+changing_call::changing_call() : thread_(here()) {
+  if (thread_ == nullptr) return;
+  stored_before_ = thread_->stored_writes;
+  transient_before_ = thread_->transient_writes;
+  counts_transient_ = thread_->open() != nullptr && thread_->open()->has_changes();
+}
+
+changing_call::~changing_call() {
+  if (std::uncaught_exceptions() <= exceptions_ || !has_changed()) return;
+  here()->open()->doom(error_code::usage, "a call in it failed after half of its changes.");
+}
+
+void changing_call::failed(const error_info& error) const noexcept {
+  if (has_changed()) here()->open()->doom(error.code(), message_of(error));
+}
+
+bool changing_call::has_changed() const {
+  if (thread_ == nullptr || thread_ != here() || thread_->open() == nullptr) return false;
+  return thread_->stored_writes != stored_before_ ||
+         (counts_transient_ && thread_->transient_writes != transient_before_);
+}
+
 read_access_base::read_access_base(object_ref reference)
     : reference_(counted(std::move(reference))),
       body_(begin_access(*reference_.handle(), scheme_, &metaobject::begin_read_access)) {}
@@ -87,6 +119,7 @@ write_access_base::write_access_base(object_ref reference)
       body_(begin_access(*reference_.handle(), scheme_, &metaobject::begin_write_access)) {}
 
 write_access_base::~write_access_base() noexcept(false) {
+  if (std::uncaught_exceptions() <= exceptions_) count_write(scheme_ == nullptr);
   end_access(*reference_.handle(), scheme_, body_, exceptions_, &metaobject::end_write_access);
 }
 

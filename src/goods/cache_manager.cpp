@@ -99,8 +99,11 @@ isolation_level cache_manager::end_transaction() {
   if (mine->open() == nullptr || !mine->open()->is_explicit()) {
     throw_error(error_code::usage, "A transaction was ended that had not been begun.");
   }
-  if (!mine->open()->leave()) return serializable;
-  if (mine->open()->is_of_access() && mine->accesses > 0) return serializable;
+  const bool is_outermost = mine->open()->leave();
+  if (!is_outermost || (mine->open()->is_of_access() && mine->accesses > 0)) {
+    mine->open()->verify_not_doomed();
+    return serializable;
+  }
   // The transaction is over whether its commit succeeds or throws.
   const std::unique_ptr<transaction> ending = mine->close();
   ending->commit();
@@ -108,7 +111,25 @@ isolation_level cache_manager::end_transaction() {
 }
 
 void cache_manager::abort_transaction() {
+  thread_attachment* mine = attachment();
+  transaction* const open = mine != nullptr ? mine->open() : nullptr;
+  if (open == nullptr) return;
+  const bool is_inner = open->depth() > 1 || (open->is_of_access() && mine->accesses > 0);
+  if (!is_inner) {
+    close_transaction();
+    return;
+  }
+  open->doom(error_code::usage, "a transaction within it was rolled back.");
+  if (open->is_explicit()) open->leave();
+}
+
+void cache_manager::close_transaction() {
   if (thread_attachment* mine = attachment()) mine->close();
+}
+
+std::uint64_t cache_manager::transaction_number() const {
+  const thread_attachment* mine = attachment();
+  return mine != nullptr && mine->open() != nullptr ? mine->open()->number() : 0;
 }
 
 bool cache_manager::in_transaction() const {
@@ -152,17 +173,20 @@ cache_manager::call_transaction::call_transaction(cache_manager& session)
 }
 
 cache_manager::call_transaction::~call_transaction() {
-  if (own_) session_.abort_transaction();
+  if (own_) session_.close_transaction();
 }
 
 void cache_manager::call_transaction::commit() {
   if (std::exchange(own_, false)) session_.end_transaction();
 }
 
-bool cache_manager::call_transaction::roll_back_and_retry(int attempt) {
-  if (joined_) return false;
-  if (std::exchange(own_, false)) session_.abort_transaction();
-  if (attempt >= most_attempts) return false;
+bool cache_manager::call_transaction::roll_back_and_retry(const error_info& error, int attempt) {
+  if (joined_) {
+    call_.failed(error);
+    return false;
+  }
+  if (std::exchange(own_, false)) session_.close_transaction();
+  if (error.code() != error_code::deadlock || attempt >= most_attempts) return false;
   pause_before_repeating(attempt);
   return true;
 }

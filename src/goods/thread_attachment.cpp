@@ -6,6 +6,7 @@ transaction& thread_attachment::open_or_join(bool is_explicit) {
   if (transaction_ == nullptr) {
     transaction_ = std::make_unique<transaction>(*session_, locks_, is_explicit);
   } else if (is_explicit) {
+    transaction_->verify_not_doomed();
     transaction_->join();
   }
   return *transaction_;

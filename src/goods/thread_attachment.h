@@ -1,6 +1,7 @@
 // What a session keeps for one thread.
 #pragma once
 
+#include <cstdint>
 #include <memory>
 #include <utility>
 
@@ -32,6 +33,9 @@ class thread_attachment {
 
   int accesses = 0;  // wrappers of persistent objects that are open
   int reads = 0;     // nested cache_manager::read()
+  // Write accesses that have ended without an exception, to stored and to transient objects.
+  std::uint32_t stored_writes = 0;
+  std::uint32_t transient_writes = 0;
 
  private:
   cache_manager* session_;

@@ -1,6 +1,7 @@
 #include "goods/transaction.h"
 
 #include <algorithm>
+#include <atomic>
 
 #include <goods/cache_manager.h>
 #include <goods/class_descriptor.h>
@@ -20,6 +21,8 @@ namespace goods {
 
 namespace {
 
+std::atomic<std::uint64_t> last_number{0};
+
 struct body_unpinner {
   void operator()(object* body) const { body->unpin(); }
 };
@@ -28,6 +31,7 @@ struct body_unpinner {
 
 transaction::transaction(cache_manager& session, lock_owner& owner, bool is_explicit)
     : session_(session),
+      number_(last_number.fetch_add(1, std::memory_order_relaxed) + 1),
       is_of_access_(!is_explicit),
       depth_(is_explicit ? 1 : 0),
       owner_(owner),
@@ -42,15 +46,31 @@ void transaction::lock_number(storage_number storage, object_number number) {
 }
 
 void transaction::lock(object_id id, lock_mode mode) {
+  verify_not_doomed();
   obj_storage& storage = session_.db().storage(storage_of(id));
   try {
     const commit_version newest =
         storage.dbs().locks().lock(owner_, number_of(id), mode, session_.lock_timeout());
     session_.cache().apply_notices(storage_of(id), newest);
-  } catch (const error_info&) {
-    doomed_ = true;
+  } catch (const error_info& error) {
+    doom(error.code(), message_of(error));
     throw;
   }
+}
+
+void transaction::doom(error_code code, const std::string& reason) noexcept {
+  if (doom_ && (doom_->code != error_code::usage || code == error_code::usage)) return;
+  doom_.emplace(end_before_its_time{code, {}});
+  try {
+    doom_->reason = reason;
+  } catch (const std::bad_alloc&) {  // NOLINT(bugprone-empty-catch): the code says enough
+  }
+  finish();
+}
+
+void transaction::throw_doomed() const {
+  throw_error(doom_->code,
+              "The transaction has been rolled back and can only be ended: " + doom_->reason);
 }
 
 object* transaction::own_copy(object_handle& handle) const {
@@ -105,15 +125,12 @@ void transaction::replace(object_handle& handle, object& body) {
 }
 
 void transaction::add_root(object_ref root, storage_number storage) {
+  verify_not_doomed();
   roots_.emplace_back(std::move(root), storage);
 }
 
 void transaction::commit() {
-  if (doomed_) {
-    throw_error(error_code::deadlock,
-                "The transaction cannot be committed after it failed to get a lock; it has been "
-                "rolled back.");
-  }
+  verify_not_doomed();
   if (!changes_->copies.empty() || !roots_.empty()) commit_copies();
   finish();
 }

@@ -1,11 +1,15 @@
 // One thread's transaction.
 #pragma once
 
+#include <cstdint>
 #include <memory>
+#include <optional>
+#include <string>
 #include <unordered_map>
 #include <utility>
 #include <vector>
 
+#include <goods/errors.h>
 #include <goods/object_ref.h>
 
 #include "storage/lock_owner.h"
@@ -19,8 +23,12 @@ class publication;
 // Private copies of what was written, locks, and the way to commit or drop them.
 //
 // Locks are held to the end. The first write access to an object copies it; publishing the commit
-// makes the copy the session's body of the object. After an error in taking a lock the transaction
-// is doomed: what was written so far may be half of something, so it can only be rolled back.
+// makes the copy the session's body of the object.
+//
+// A transaction that cannot be committed any more (a lock was not to be had, a call failed halfway,
+// an inner one was rolled back) is doomed: copies and locks go at once, but it stays open to the
+// end of its scope, so that nothing that is still called in there is committed on its own. Whatever
+// is asked of it then throws what doomed it.
 //
 // Threads: the one that opened it; publishing may run on another one while the owner waits.
 class transaction {
@@ -40,6 +48,21 @@ class transaction {
   void join() { ++depth_; }
   // Whether this was the outermost end.
   bool leave() { return --depth_ == 0; }
+  int depth() const { return depth_; }
+
+  // Never the number of another transaction of this process, and never 0.
+  std::uint64_t number() const { return number_; }
+
+  // Whether it holds private copies: objects that are not stored yet may belong to the tree then.
+  bool has_changes() const { return !copies_.empty() || !roots_.empty(); }
+
+  // Rolls back now; see above. `reason` is a sentence. The first one counts, unless it was told
+  // without the code that a later one has.
+  void doom(error_code code, const std::string& reason) noexcept;
+  bool is_doomed() const { return doom_.has_value(); }
+  void verify_not_doomed() const {
+    if (doom_) throw_doomed();
+  }
 
   // The version to read: locked shared, the transaction's own copy when it has one. Valid to the
   // end of the caller's reader_section.
@@ -69,12 +92,19 @@ class transaction {
   void commit_copies();
   void end_replacing() noexcept;
   bool is_own(const object& body) const;
+  [[noreturn]] void throw_doomed() const;
   void finish() noexcept;  // gives up copies that were not published, and the locks
 
+  struct end_before_its_time {
+    error_code code;
+    std::string reason;  // empty when there was no memory for it
+  };
+
   cache_manager& session_;
+  const std::uint64_t number_;
   bool is_of_access_;
   int depth_;  // begins without an end
-  bool doomed_ = false;
+  std::optional<end_before_its_time> doom_;
   bool is_committed_ = false;
   lock_owner& owner_;
   std::shared_ptr<publication> changes_;                // owns the copies until they are published

@@ -10,31 +10,25 @@ namespace tarns {
 
 namespace {
 
-// How often the calling thread has rolled back: by this an outer transaction knows that an inner
-// one has ended it.
-unsigned long& Rollbacks() {
-  thread_local unsigned long count = 0;
-  return count;
-}
-
-goods::cache_manager& AttachedTo(TarnManager& manager) {
+void AttachTo(TarnManager& manager) {
   manager.verifyIsInitialized();
-  TarnCacheManager& session = manager.db().getCacheManager();
-  session.verifyMayAttach();
+  manager.db().getCacheManager().verifyMayAttach();
   manager.attach();
-  return session;
 }
 
 }  // namespace
 
-TarnTransaction::TarnTransaction() : session_(goods::cache_manager::require()) { begin(); }
+TarnTransaction::TarnTransaction() { begin(); }
 
-TarnTransaction::TarnTransaction(TarnManager& manager) : session_(AttachedTo(manager)) { begin(); }
+TarnTransaction::TarnTransaction(TarnManager& manager) {
+  AttachTo(manager);
+  begin();
+}
 
 void TarnTransaction::begin() {
   exceptions_ = std::uncaught_exceptions();
   goods::pessimistic_scheme.begin_transaction();
-  rollbacks_ = Rollbacks();
+  number_ = goods::cache_manager::require().transaction_number();
   isOpen_ = true;
 }
 
@@ -47,9 +41,15 @@ TarnTransaction::~TarnTransaction() noexcept(false) {
   }
 }
 
+// The thread may have left the session, or ended the transaction by other means; another one may be
+// open by now.
+bool TarnTransaction::isTheOpenOne() const {
+  const goods::cache_manager* const session = goods::cache_manager::current();
+  return session != nullptr && session->transaction_number() == number_;
+}
+
 void TarnTransaction::commit() {
-  const bool wasOpen = std::exchange(isOpen_, false);
-  if (!wasOpen || rollbacks_ != Rollbacks() || !session_.in_transaction()) {
+  if (!std::exchange(isOpen_, false) || !isTheOpenOne()) {
     goods::throw_error(goods::error_code::usage,
                        "The transaction cannot be committed: it has been ended before.");
   }
@@ -57,8 +57,7 @@ void TarnTransaction::commit() {
 }
 
 void TarnTransaction::rollback() noexcept {
-  if (!std::exchange(isOpen_, false) || rollbacks_ != Rollbacks()) return;
-  ++Rollbacks();
+  if (!std::exchange(isOpen_, false) || !isTheOpenOne()) return;
   goods::pessimistic_scheme.abort_transaction();
 }
 

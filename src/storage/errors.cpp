@@ -16,4 +16,9 @@ void throw_error(error_code code, const std::string& message) {
   throw database_error(code, message);
 }
 
+const char* message_of(const error_info& error) {
+  const auto* const described = dynamic_cast<const std::exception*>(&error);
+  return described != nullptr ? described->what() : "";
+}
+
 }  // namespace goods

@@ -54,7 +54,8 @@ TEST_F(TransactionTest, EndsAsItIsLeft) {
            m.set("a~c", 1);
            inner.rollback();
          }
-         EXPECT_THAT([&] { outer.commit(); }, ThrowsTarn(111, testing::HasSubstr("ended before")));
+         EXPECT_THAT([&] { m.set("a~d", 1); }, ThrowsTarn(111, testing::HasSubstr("within it")));
+         EXPECT_THAT([&] { outer.commit(); }, ThrowsTarn(111, testing::HasSubstr("within it")));
        },
        false},
       {"inner commit, outer rollback",

@@ -2,9 +2,7 @@
 
 #include <tarns/tarns_api.h>
 
-namespace goods {
-class cache_manager;
-}
+#include <cstdint>
 
 namespace tarns {
 
@@ -21,10 +19,17 @@ class TarnManager;
 //
 // One inside another joins it: nothing is durable before the outer one commits, and a rollback is
 // of the whole. The end of the scope commits, and throws when that fails; left by an exception it
-// rolls back. Errors: besides the storage's own (100 deadlock, 101 lock time-out, ...) 110 on a
-// thread that is not attached, 111 on one with a transaction open in another session. After an
-// error in a call within it a transaction can only be rolled back. Threads: made and ended by the
-// same one.
+// rolls back.
+//
+// A call in a transaction that throws has changed nothing, and the transaction goes on, or it ends
+// the transaction: after a deadlock or a lock time-out (100, 101), after a call that failed halfway
+// and after the rollback of an inner transaction everything is rolled back and all locks are given
+// up at once. Until the outermost scope ends, whatever is called in it then throws what went wrong,
+// with the code of that (111 for an inner rollback and for failures that are not the storage's);
+// nothing is committed on its own.
+//
+// Errors: besides the storage's own (100, 101, ...) 110 on a thread that is not attached, 111 on
+// one with a transaction open in another session. Threads: made and ended by the same one.
 class TARNS_API TarnTransaction {
  public:
   TarnTransaction();  // in the session that the thread is attached to
@@ -36,17 +41,18 @@ class TARNS_API TarnTransaction {
 
   // Makes the changes durable (of an inner transaction: leaves them to the outer one). The
   // transaction is over afterwards, also when this throws. Throws when it is over already, or
-  // when an inner one has rolled everything back.
+  // when all has been rolled back (see above).
   void commit();
-  // Drops the changes. No effect when the transaction is over.
+  // Drops the changes, of an outer transaction as well. No effect when the transaction is over.
   void rollback() noexcept;
 
  private:
   void begin();
 
-  goods::cache_manager& session_;
-  int exceptions_ = 0;           // in flight when the transaction began
-  unsigned long rollbacks_ = 0;  // of the thread until then
+  bool isTheOpenOne() const;
+
+  int exceptions_ = 0;        // in flight when the transaction began
+  std::uint64_t number_ = 0;  // of the thread's transaction
   bool isOpen_ = false;
 };
 

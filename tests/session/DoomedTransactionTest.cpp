@@ -1,0 +1,207 @@
+// Transactions that can only be ended: nothing that is called in their scope is kept.
+#include <gmock/gmock.h>
+
+#include <chrono>
+#include <future>
+#include <latch>
+#include <thread>
+
+#include "support/session_fixture.h"
+#include "support/throws_tarn.h"
+
+namespace tarns {
+namespace {
+
+using std::chrono::milliseconds;
+using testing::HasSubstr;
+
+class DoomedTransactionTest : public session_test {
+ protected:
+  // Runs `work` on a thread of the same session.
+  template <class Work>
+  std::future<void> elsewhere(Work work) {
+    return std::async(std::launch::async, [this, work] {
+      const TarnAttachment attachment(manager());
+      work();
+    });
+  }
+  // Writes a, then waits for b, which another thread has locked and which then wants `wants`.
+  void meet(const char* wants, milliseconds limit) {
+    manager().db().getCacheManager().set_lock_timeout(limit);
+    std::latch haveLocked(2);
+    other_ = elsewhere([this, wants, &haveLocked] {
+      TarnTransaction transaction(manager());
+      manager().set("b", 2);
+      haveLocked.arrive_and_wait();
+      manager().set(wants, 2);
+      if (*wants == 'c') std::move(timedOut_).get();
+      transaction.commit();
+    });
+    manager().set("a", 1);
+    haveLocked.arrive_and_wait();
+  }
+
+  std::promise<void> hasTimedOut_;
+  std::future<void> timedOut_ = hasTimedOut_.get_future();
+  std::future<void> other_;
+};
+
+TEST_F(DoomedTransactionTest, NothingInItsScopeIsKeptAndEverythingSaysWhy) {
+  struct Case {
+    const char* name;
+    std::function<void(TarnManager&)> doom;
+    const char* message;
+  };
+  const Case cases[] = {
+      {"inner rollback", [](auto& m) { TarnTransaction(m).rollback(); }, "within it was rolled"},
+      {"inner exception",
+       [](auto& m) {
+         EXPECT_THROW(
+             {
+               const TarnTransaction inner(m);
+               throw 5;
+             },
+             int);
+       },
+       "within it was rolled"},
+      {"a call that fails when the branch has been taken out",
+       [](auto& m) {
+         EXPECT_THAT([&] { m.mergeBranch("v", "", true); }, ThrowsTarn(0, HasSubstr("the root")));
+       },
+       "half of its changes"},
+      {"the same with a branch that is not stored yet",
+       [](auto& m) {
+         m.set("new", 3);
+         EXPECT_THROW(m.mergeBranch("new", "", true), TarnException);
+       },
+       "half of its changes"},
+      {"an exception of the application in transaction()",
+       [](auto& m) { EXPECT_THROW(m.transaction([&] { m.set("a", 1), throw 5; }), int); },
+       "half of its changes"},
+      {"a call of a node that fails halfway",
+       [](auto& m) {
+         const TarnRef node = m.getObject("v");
+         EXPECT_THROW(
+             {
+               const auto access = modify(node);
+               m.set("a", 1);
+               throw 5;
+             },
+             int);
+       },
+       "half of its changes"},
+  };
+  manager().set("v", 5);
+  const std::string before = picture();
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.name);
+    const auto isRefused = ThrowsTarn(111, HasSubstr(c.message));
+    const auto check = [&](TarnTransaction& outer) {
+      manager().set("a", 1);
+      c.doom(manager());
+      EXPECT_THAT([&] { manager().set("b", 2); }, isRefused);
+      EXPECT_THAT([&] { manager().getSint32("v"); }, isRefused);
+      EXPECT_THAT([&] { manager().deleteBranch("v"); }, isRefused);
+      EXPECT_THAT([&] { modify(manager().getRoot()); }, isRefused);
+      EXPECT_THAT([&] { const TarnTransaction inner; }, isRefused);
+      EXPECT_THAT([&] { outer.commit(); }, isRefused);
+    };
+    {
+      TarnTransaction outer(manager());
+      check(outer);
+    }
+    {
+      TarnTransaction outermost(manager());
+      TarnTransaction outer;
+      check(outer);
+      EXPECT_THAT([&] { manager().set("b", 2); }, isRefused) << "the outermost is still open";
+      outermost.rollback();
+    }
+    EXPECT_EQ(picture(), before);
+    manager().set("v", 6);
+    manager().set("v", 5);
+    reopen();
+    EXPECT_EQ(picture(), before);
+  }
+}
+
+TEST_F(DoomedTransactionTest, ACallThatFailsBeforeItChangesAnythingLeavesTheTransactionAsItWas) {
+  manager().set("n~v", 5);
+  {
+    TarnTransaction transaction(manager());
+    manager().set("a", 1);
+    EXPECT_THAT([&] { manager().moveBranch("x", "y"); }, ThrowsTarn(7, testing::_));
+    EXPECT_THAT([&] { manager().set("n", 1); }, ThrowsTarn(11, testing::_));
+    EXPECT_THAT([&] { manager().moveBranch("n", "n~v"); }, ThrowsTarn(0, testing::_));
+    EXPECT_THAT([&] { modify(manager().getRoot())->addChild("", manager().getObject("n")); },
+                ThrowsTarn(0, testing::_));
+    EXPECT_THAT([&] { manager().getSint32("x"); }, ThrowsTarn(7, testing::_));
+    manager().set("b", 2);
+    transaction.commit();
+  }
+  EXPECT_EQ(picture(), "a=1 b=2 n{v=5}");
+}
+
+TEST_F(DoomedTransactionTest, TheVictimOfADeadlockLetsTheOthersGoOnAtOnce) {
+  manager().set("a", 0);
+  manager().set("b", 0);
+  TarnTransaction outer(manager());
+  meet("a", milliseconds(60'000));
+  // Whichever of the two closes the circle is the victim; the other one goes on.
+  try {
+    manager().set("b", 1);
+    EXPECT_THAT([&] { other_.get(); }, ThrowsTarn(100, testing::_));
+    outer.commit();
+    EXPECT_EQ(picture(), "a=1 b=1");
+    return;
+  } catch (const TarnException& error) {
+    EXPECT_EQ(error.getErrorID(), 100UL);
+  }
+  other_.get();  // while this scope is still open
+  EXPECT_THAT([&] { manager().set("b", 1); }, ThrowsTarn(100, HasSubstr("deadlock")));
+  EXPECT_THAT([&] { outer.commit(); }, ThrowsTarn(100, HasSubstr("can only be ended")));
+  EXPECT_EQ(picture(), "a=2 b=2");
+}
+
+TEST_F(DoomedTransactionTest, ATimeOutKeepsItsCodeAndIsNotRepeated) {
+  for (const char* name : {"a", "b", "c"}) manager().set(name, 0);
+  int attempts = 0;
+  const auto work = [&] {
+    ++attempts;
+    meet("c", milliseconds(20));
+    EXPECT_THAT([&] { manager().set("b", 1); }, ThrowsTarn(101, testing::_));
+    elsewhere([&] { manager().set("a", 7); }).get();  // its lock is free by now
+    EXPECT_THAT([&] { manager().getSint32("a"); }, ThrowsTarn(101, HasSubstr("20 ms")));
+  };
+  EXPECT_THAT([&] { manager().transaction(work); }, ThrowsTarn(101, HasSubstr("20 ms")));
+  EXPECT_EQ(attempts, 1);
+  hasTimedOut_.set_value();
+  other_.get();
+  EXPECT_EQ(picture(), "a=7 b=2 c=2");
+}
+
+TEST_F(DoomedTransactionTest, ALeftTransactionEndsNoOtherOne) {
+  auto old = std::make_unique<TarnTransaction>(manager());
+  manager().set("a", 1);
+  manager().detach();
+  {
+    TarnTransaction next(manager());
+    manager().set("b", 2);
+    EXPECT_THAT([&] { old->commit(); }, ThrowsTarn(111, HasSubstr("ended before")));
+    old = std::make_unique<TarnTransaction>(manager());
+    manager().detach();
+    manager().attach();
+    EXPECT_THROW(next.commit(), TarnException);
+  }
+  EXPECT_EQ(picture(), "");
+  close();  // the session that `old` was begun in
+  EXPECT_THROW(old->commit(), TarnException);
+  old.reset();
+  open();
+  TarnTransaction last(manager());
+  close();
+  last.rollback();
+}
+
+}  // namespace
+}  // namespace tarns
