@@ -44,6 +44,9 @@ const failing_disk rows[] = {
     {"read_for_good", faulty_vfs::bit(operation::read), fault::io_error, true},
     {"open_once", faulty_vfs::bit(operation::open), fault::io_error, false},
     {"truncate_once", faulty_vfs::bit(operation::truncate), fault::io_error, false},
+    {"name_once", faulty_vfs::bit(operation::name), fault::io_error, false},
+    {"name_for_good", faulty_vfs::bit(operation::name), fault::io_error, true},
+    {"lock_once", faulty_vfs::bit(operation::lock), fault::io_error, false},
 };
 
 class FaultTest : public testing::TestWithParam<failing_disk> {
@@ -52,7 +55,7 @@ class FaultTest : public testing::TestWithParam<failing_disk> {
   void at_every_point(const std::function<void(const std::string& directory)>& workload) {
     for (std::uint64_t after = 0;; ++after) {
       SCOPED_TRACE(testing::Message() << "after " << after << " operations");
-      const scratch_directory scratch;
+      const scratch_directory scratch(scratch_directory::place::in_memory);
       disk_.arm({GetParam().operations, after, GetParam().what, GetParam().for_good});
       workload(scratch.path().string());
       const bool failed = disk_.has_failed();
@@ -359,7 +362,7 @@ TEST_F(KilledProcessTest, ACommitOverTwoStoragesIsInBothOrInNeither) {
   // The first hundreds of operations make the storages; skim those.
   for (; was_killed; operations += operations < 60 ? 7 : 1) {
     SCOPED_TRACE(testing::Message() << "killed after " << operations << " operations");
-    const scratch_directory scratch;
+    const scratch_directory scratch(scratch_directory::place::in_memory);
     const unsigned acknowledged = run_child(operations, was_killed, [&](int acknowledge) {
       commit_until_killed(scratch.path().string(), acknowledge);
     });
@@ -383,7 +386,7 @@ TEST_F(KilledProcessTest, TheLogKeepsWhatWasAcknowledged) {
   bool was_killed = true;
   for (std::uint64_t operations = 0; was_killed; operations += operations < 40 ? 5 : 1) {
     SCOPED_TRACE(testing::Message() << "killed after " << operations << " operations");
-    const scratch_directory scratch;
+    const scratch_directory scratch(scratch_directory::place::in_memory);
     const std::string directory = scratch.path().string();
     unsigned acknowledged = run_child(operations, was_killed, [&](int acknowledge) {
       log_until_killed(directory, 0, acknowledge);

@@ -3,38 +3,13 @@
 #include <filesystem>
 #include <functional>
 
-#include "storage/expected_contents.h"
 #include "storage/multi_commit.h"
+#include "storage/numbered_commits.h"
 #include "storage/storage_fixture.h"
 #include "support/failing_memory.h"
 
 namespace goods {
 namespace {
-
-constexpr object_number first = 0x10100;
-
-// A commit and what it does. Small objects and large ones, new segments, far ones, removals.
-struct numbered_commit {
-  explicit numbered_commit(unsigned number) : i(number), changes(1) {
-    const std::string text(i % 3 == 0 ? 900 : 9000, static_cast<char>('a' + i));
-    put(first + i % 4, text);
-    put(first + 1000 + i, std::to_string(i));
-    put(first + i * 3'000'000, "in a part of the store where nothing has been");
-    if (i > 4) changes.remove(first + 1000 + i - 4);
-  }
-  void put(object_number number, const std::string& text) {
-    changes.put(number, text);
-    stored[number] = text;
-  }
-  void apply(contents& all) const {
-    for (const auto& [number, text] : stored) all[number] = text;
-    if (i > 4) all.erase(first + 1000 + i - 4);
-  }
-
-  unsigned i;
-  change_list changes;
-  contents stored;
-};
 
 class MemoryTest : public testing::TestWithParam<bool> {
  protected:
@@ -45,7 +20,7 @@ class MemoryTest : public testing::TestWithParam<bool> {
     const std::uint64_t step = GetParam() ? 7 : 1;  // for good: most of it is the same
     for (std::uint64_t after = 0;; after += step) {
       SCOPED_TRACE(testing::Message() << "after " << after << " allocations");
-      const scratch_directory scratch;
+      const scratch_directory scratch(scratch_directory::place::in_memory);
       workload(scratch.path().string(), after);
       if (HasFailure() || !failing_memory::has_failed()) break;
       ASSERT_LT(after, 20'000U) << "the workload never passes";
@@ -72,7 +47,7 @@ TEST_P(MemoryTest, ACommitIsKeptOrRefusedAndTheStoreGoesOn) {
     {
       const failing_memory memory(after, GetParam());
       for (unsigned i = 0; i < failures.size(); ++i) {
-        const auto request = commits[i].changes.request();
+        const auto request = commits[i].request();
         failures[i] = code_of([&] { storage->commit(request); });
         if (i == 5)
           layout_failure = code_of([&] { storage->intern_layout(bytes_of("another layout")); });
@@ -112,7 +87,7 @@ TEST_P(MemoryTest, ACommitOverTwoStoragesIsInBothOrInNeither) {
     {
       const failing_memory memory(after, GetParam());
       for (unsigned i = 0; i < failures.size(); ++i) {
-        const auto request = commits[i].changes.request();
+        const auto request = commits[i].request();
         const commit_part parts[] = {{both[0].get(), request}, {both[1].get(), request}};
         failures[i] = code_of([&] { commit_several(parts); });
         if (failures[i] == error_code::outcome_unknown) break;
@@ -132,14 +107,14 @@ TEST_P(MemoryTest, ACommitOverTwoStoragesIsInBothOrInNeither) {
 
 // Of a store that its process has left open: database, SQLite's log, and commits in our own.
 TEST_P(MemoryTest, OpeningRecoversOrSaysThatItCouldNot) {
-  const scratch_directory scratch;
+  const scratch_directory scratch(scratch_directory::place::in_memory);
   contents all;
   {
     const auto storage = open_storage("file:store?log=64K", scratch.path().string());
     some_layout(*storage);
     for (unsigned i = 0; i < 8; ++i) {
       const numbered_commit commit(i);
-      storage->commit(commit.changes.request());
+      storage->commit(commit.request());
       commit.apply(all);
     }
     std::filesystem::create_directory(scratch.file("left"));
@@ -152,12 +127,13 @@ TEST_P(MemoryTest, OpeningRecoversOrSaysThatItCouldNot) {
     std::optional<error_code> failure;
     {
       const failing_memory memory(after, GetParam());
-      failure = code_of(
-          [&] { found[first] = *load_text(*open_storage("file:store", directory), first); });
+      failure = code_of([&] {
+        found[first_numbered] = *load_text(*open_storage("file:store", directory), first_numbered);
+      });
     }
     EXPECT_THAT(failure, testing::AnyOf(std::nullopt, error_code::storage_full));
     if (!failure) {
-      EXPECT_EQ(found[first], all[first]);
+      EXPECT_EQ(found[first_numbered], all[first_numbered]);
     }
     EXPECT_EQ(load_all(*open_storage("file:store", directory)), all);
   });

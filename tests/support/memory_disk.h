@@ -35,6 +35,20 @@ class memory_disk : public storage_disk {
     return std::make_unique<file>(*this, path);
   }
   bool remove(const std::string& path) override { return files_.erase(path) != 0; }
+  void rename(const std::string& from, const std::string& to) override {
+    auto node = files_.extract(from);
+    if (!node) throw_system_error("giving it its name", from, 2);
+    files_.erase(to);
+    node.key() = to;
+    files_.insert(std::move(node));
+  }
+  std::optional<std::uint64_t> size(const std::string& path) override {
+    const auto found = files_.find(path);
+    if (found == files_.end()) return std::nullopt;
+    return found->second.now.size();
+  }
+  void make_directory(const std::string&) override {}
+  int lock(const std::string&) override { return -1; }
   void sync_directory(const std::string&) override {
     for (auto& [path, held] : files_) held.is_listed = true;
   }

@@ -2,6 +2,7 @@
 
 #include <fcntl.h>
 #include <fmt/format.h>
+#include <sys/file.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -97,12 +98,45 @@ class machine_disk : public storage_disk {
     return false;
   }
 
+  void rename(const std::string& from, const std::string& to) override {
+    if (::rename(from.c_str(), to.c_str()) != 0)
+      throw_system_error("giving it its name", from, errno);
+  }
+
+  std::optional<std::uint64_t> size(const std::string& path) override {
+    struct stat status;
+    if (::stat(path.c_str(), &status) == 0) return static_cast<std::uint64_t>(status.st_size);
+    if (errno != ENOENT) throw_system_error("looking at it", path, errno);
+    return std::nullopt;
+  }
+
+  void make_directory(const std::string& path) override {
+    if (::mkdir(path.c_str(), 0700) != 0) {
+      if (errno == EEXIST) return;
+      throw_system_error("making the directory", path, errno);
+    }
+    if (::chmod(path.c_str(), 0700) != 0) throw_system_error("changing its mode", path, errno);
+  }
+
   void sync_directory(const std::string& path) override {
     const int descriptor = ::open(path.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
     if (descriptor < 0) throw_system_error("opening it", path, errno);
     const int error = ::fsync(descriptor) == 0 ? 0 : errno;
     ::close(descriptor);
     if (error != 0) throw_system_error("syncing it", path, error);
+  }
+
+  int lock(const std::string& path) override {
+    const int descriptor = ::open(path.c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0600);
+    if (descriptor < 0) throw_system_error("opening it", path, errno);
+    int result = ::fchmod(descriptor, 0600);  // whatever the umask took away
+    while (result == 0 && (result = ::flock(descriptor, LOCK_EX | LOCK_NB)) != 0 && errno == EINTR)
+      result = 0;
+    if (result == 0) return descriptor;
+    const int error = errno;
+    ::close(descriptor);
+    if (error != EWOULDBLOCK) throw_system_error("locking it", path, error);
+    return -1;
   }
 };
 

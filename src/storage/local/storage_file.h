@@ -4,6 +4,7 @@
 #include <cstddef>
 #include <cstdint>
 #include <memory>
+#include <optional>
 #include <span>
 #include <string>
 
@@ -46,8 +47,17 @@ class storage_disk {
   virtual std::unique_ptr<storage_file> open(const std::string& path) = 0;
   // Whether there was one.
   virtual bool remove(const std::string& path) = 0;
-  // Returns once files made and removed in the directory are so after a loss of power.
+  // Replaces what has that name.
+  virtual void rename(const std::string& from, const std::string& to) = 0;
+  // Bytes of the file; nothing when there is none.
+  virtual std::optional<std::uint64_t> size(const std::string& path) = 0;
+  // 0700 under any umask. Does nothing when there is something of that name.
+  virtual void make_directory(const std::string& path) = 0;
+  // Returns once names given and taken in the directory are so after a loss of power.
   virtual void sync_directory(const std::string& path) = 0;
+  // Opens the file, or makes it as create() does, and locks it exclusively until the descriptor is
+  // closed, which is up to the caller; -1 when another process has locked it.
+  virtual int lock(const std::string& path) = 0;
 
   // The machine's own, unless a test has put another one in its place.
   static storage_disk& instance();

@@ -9,7 +9,7 @@
 namespace goods {
 
 // Makes the directory when it is missing (0700, under any umask; its parent must exist) and tells
-// which one it is. Throws input_output naming it.
+// which one it is; that it was made is durable once there is a store in it. Throws input_output naming it.
 directory_identity prepare_directory(const std::string& directory);
 
 // The exclusive hold on a directory, by a lock on its file "lock". The kernel lets go of it when
@@ -42,7 +42,7 @@ class store_files {
   bool exist() const;
   // Makes the unfinished file, empty and 0600 under any umask.
   void create_unfinished() const;
-  // Syncs it and gives it its final name, durably.
+  // Syncs it and gives it its final name, durably; so becomes the directory's.
   void finish() const;
   // Compares the database file's size with what its header says, before it is opened.
   // Throws corrupt_data when it is cut or is no database, newer_version for a later format.
@@ -51,8 +51,6 @@ class store_files {
   std::uint64_t size() const;
 
  private:
-  void sync_directory() const;
-
   std::string directory_;
   std::string database_;
   std::string unfinished_;
