@@ -7,6 +7,7 @@
 #include <cstdint>
 #include <memory>
 #include <mutex>
+#include <optional>
 #include <type_traits>
 #include <utility>
 #include <vector>
@@ -25,6 +26,27 @@ class object_cache;
 class read_round;
 class thread_attachment;
 class transaction;
+
+// What a session keeps with an open transaction; it goes when that ends.
+class transaction_companion {
+ public:
+  virtual ~transaction_companion() = default;
+};
+
+// Whose doing a transaction is.
+enum class caller : std::uint8_t { library, application };
+
+// While it lives, the calling thread is in a call of the library; see abort_on_read_lock_promotion.
+class GOODS_API library_call {
+ public:
+  library_call();
+  ~library_call();
+  library_call(const library_call&) = delete;
+  library_call& operator=(const library_call&) = delete;
+
+ private:
+  thread_attachment* thread_;
+};
 
 // The cache of one session: finds objects by identifier, loads them, drops what was least recently
 // used beyond the byte limit, applies other sessions' commits, and keeps each attached thread's
@@ -67,11 +89,25 @@ class GOODS_API cache_manager {
   // A transaction of one call: joins the one that is open, or runs `work` in its own and commits;
   // repeats it after a deadlock. What leaves as an exception has been rolled back; joined, it is a
   // changing_call.
+  // `whose`: of the application are those that the checks of a session apply to.
   template <std::invocable Work>
-  std::invoke_result_t<Work&> atomically(Work&& work);
+  std::invoke_result_t<Work&> atomically(Work&& work, caller whose = caller::library);
 
-  // Told of every object that the calling thread's transaction locks for writing, before it is.
-  virtual void joins_transaction(object_handle&) {}
+  // Runs `work`, which only reads, as if the calling thread had no transaction open: it sees what
+  // is committed and locks nothing.
+  template <std::invocable Work>
+  std::invoke_result_t<Work&> outside_transaction(Work&& work);
+
+  // Locks an object for the open transaction as a write access does; calls of the object's own may
+  // have changed it in the access that just ended. The commit leaves it out when it is unchanged.
+  void touched(object_handle& handle);
+
+  // Told of every object that the calling thread's transaction is about to lock for writing for the
+  // first time. What it throws leaves the write access.
+  virtual void joins_transaction(object_handle& handle) { add(&handle); }
+  void add(object_handle*) {}
+  // Ends the process; see abort_on_read_lock_promotion.
+  virtual void promotes_read_lock(object_handle& handle);
 
   // The cache's size in bytes of memory, handles and table included. Default 256 MiB; at least 1
   // MiB.
@@ -110,12 +146,21 @@ class GOODS_API cache_manager {
   object_cache& cache() const { return *cache_; }
   thread_attachment* attachment() const;  // the calling thread's; null when attached elsewhere
 
+ protected:
+  // Whether a transaction is open that the application began itself.
+  bool is_in_transaction_of_application() const;
+  // Whether end_transaction() would commit.
+  bool is_in_outermost_transaction() const;
+  // Of the open transaction; null when none is open, or none was set.
+  transaction_companion* companion() const;
+  void set_companion(std::unique_ptr<transaction_companion> companion);  // one must be open
+
  private:
   friend class read_round;
 
   class GOODS_API call_transaction {
    public:
-    explicit call_transaction(cache_manager& session);
+    call_transaction(cache_manager& session, caller whose);
     ~call_transaction();
     void commit();
     // In a handler: rolls back and tells whether repeating the work may help.
@@ -124,10 +169,24 @@ class GOODS_API cache_manager {
    private:
     cache_manager& session_;
     const changing_call call_;
+    std::optional<library_call> library_call_;  // of the library only
     const bool joined_;
     bool own_;  // neither joined nor committed nor rolled back yet
   };
   void close_transaction();
+
+  // Takes the thread's transaction away for as long as it lives.
+  class GOODS_API pause {
+   public:
+    explicit pause(cache_manager& session);
+    ~pause();
+    pause(const pause&) = delete;
+    pause& operator=(const pause&) = delete;
+
+   private:
+    thread_attachment* thread_;
+    std::unique_ptr<transaction> open_;
+  };
 
   database& db_;
   std::atomic<std::chrono::milliseconds> lock_timeout_{std::chrono::milliseconds(10'000)};

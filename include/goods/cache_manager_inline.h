@@ -42,9 +42,15 @@ std::invoke_result_t<Work&, reader&> read_here(Work&& work) {
 }
 
 template <std::invocable Work>
-std::invoke_result_t<Work&> cache_manager::atomically(Work&& work) {
+std::invoke_result_t<Work&> cache_manager::outside_transaction(Work&& work) {
+  const pause without(*this);
+  return work();
+}
+
+template <std::invocable Work>
+std::invoke_result_t<Work&> cache_manager::atomically(Work&& work, caller whose) {
   for (int attempt = 0;; ++attempt) {
-    call_transaction call(*this);
+    call_transaction call(*this, whose);
     try {
       if constexpr (std::is_void_v<std::invoke_result_t<Work&>>) {
         work();

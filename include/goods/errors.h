@@ -32,6 +32,9 @@ enum class error_code : std::uint32_t {
   usage = 111,  // address, configuration file or call that cannot be understood
 };
 
+// Whether a transaction that failed with this may succeed when it is run again from its beginning.
+constexpr bool is_repeatable(error_code code) { return code == error_code::deadlock; }
+
 // Mixed into whatever is thrown.
 class GOODS_API error_info {
  public:

@@ -1,6 +1,7 @@
 // How accesses to the objects of a class are synchronised.
 #pragma once
 
+#include <atomic>
 #include <cstdint>
 
 #include <goods/goods_api.h>
@@ -51,6 +52,12 @@ class GOODS_API pessimistic_metaobject : public metaobject {
   void begin_transaction() override;
   isolation_level end_transaction() override;
   void abort_transaction() override;
+
+  // Whether a transaction that reads an object and later writes it ends the process: two that do so
+  // at a time must end in a deadlock, which goes unnoticed in tests. Only what the application does
+  // in transactions that it began itself counts, and only accesses through references; look-ups by
+  // path, and what calls of the library read, do not. Off by default.
+  static std::atomic<bool> abort_on_read_lock_promotion;
 };
 
 extern GOODS_API pessimistic_metaobject pessimistic_scheme;

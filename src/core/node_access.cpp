@@ -139,6 +139,20 @@ TarnRef FindNode(const TarnRef& from, std::string_view path) {
   });
 }
 
+bool FindInIndex(const TarnRef& parent, std::string_view name, TarnRef& child) {
+  return goods::read_here([&](goods::reader& reader) {
+    child = nullptr;
+    const TarnObject* node = reader.get(parent);
+    if (!node->getClass().may_be_guest()) return false;
+    const TarnObjects* index = TarnNodeAccess::IndexOf(reader, *node);
+    if (index == nullptr) return true;
+    if (const auto entry = index->find(reader, name)) {
+      child = TarnRef::Trusted(goods::to_reference(entry->target));
+    }
+    return true;
+  });
+}
+
 bool TarnNodeAccess::IsParentLink(const TarnRef& child,
                                   const goods::ref<goods::set_member>& entry) {
   return goods::read_here([&](goods::reader& reader) {

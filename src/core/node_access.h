@@ -48,6 +48,10 @@ inline bool IsChildName(std::string_view name) {
 // The node at a path below `from`, or null.
 TarnRef FindNode(const TarnRef& from, std::string_view path);
 
+// The child of that name, found without looking at it: false when only the child itself, or its
+// parent's class, can tell. `child` is null when there is none.
+bool FindInIndex(const TarnRef& parent, std::string_view name, TarnRef& child);
+
 // Writes the value at `path`, as TarnObject::setValue() does: an existing one with a lock on
 // nothing but the value, a new one with what is missing on the way attached at once. Atomic.
 void StoreValue(const TarnRef& from, std::string_view path, const TarnData& value);

@@ -183,11 +183,13 @@ void Store(const TarnRef& from, std::string_view path, const TarnData& value, Mi
 
 void StoreValue(const TarnRef& from, std::string_view path, const TarnData& value) {
   if (from.is_null()) ThrowBadRef("NULL TarnRef write dereference");
+  const goods::library_call here;
   Store(from, UpToNul(path), value, Missing::kCreate);
 }
 
 void StoreExistingValue(const TarnRef& from, std::string_view path, const TarnData& value) {
   if (from.is_null()) ThrowBadRef("NULL TarnRef write dereference");
+  const goods::library_call here;
   Store(from, UpToNul(path), value, Missing::kRefuse);
 }
 
@@ -195,6 +197,7 @@ void PlaceNode(const TarnRef& from, std::string_view path, const TarnRef& node) 
   const std::string_view whole = UpToNul(path);
   VerifyBranches(from, whole);
   const std::string name(TarnBranches::LastOf(whole));
+  const goods::library_call here;
   const auto oneTransaction = *from;
   const goods::changing_call call;
   const TarnRef parent =
@@ -204,10 +207,12 @@ void PlaceNode(const TarnRef& from, std::string_view path, const TarnRef& node) 
 }
 
 TarnRef MakeBranch(const TarnRef& from, std::string_view path, std::string_view forPath) {
+  const goods::library_call here;
   return MakeVerifiedBranch(from, UpToNul(path), forPath, [](const TarnRef&) {});
 }
 
 bool AddMissingNode(const TarnRef& from, std::string_view path, const TarnRef& node) {
+  const goods::library_call here;
   const goods::changing_call call;
   const std::string_view whole = UpToNul(path);
   VerifyBranches(from, whole);

@@ -1,6 +1,8 @@
 #include <goods/cache_manager.h>
 
 #include <algorithm>
+#include <cstdio>
+#include <cstdlib>
 #include <random>
 #include <thread>
 
@@ -167,9 +169,59 @@ std::uint64_t cache_manager::relink_count() const { return cache_->relinks(); }
 
 object_ref cache_manager::find(object_id id) { return cache_->counted(id); }
 
-cache_manager::call_transaction::call_transaction(cache_manager& session)
+library_call::library_call() : thread_(fast_slot) {
+  if (thread_ != nullptr) ++thread_->library_calls;
+}
+
+// The thread may have left the session, and its attachment be gone.
+library_call::~library_call() {
+  if (thread_ != nullptr && thread_ == fast_slot) --thread_->library_calls;
+}
+
+cache_manager::pause::pause(cache_manager& session) : thread_(session.attachment()) {
+  if (thread_ != nullptr) open_ = thread_->close();
+}
+
+cache_manager::pause::~pause() {
+  if (open_ != nullptr) thread_->reopen(std::move(open_));
+}
+
+void cache_manager::touched(object_handle& handle) {
+  thread_attachment* const mine = attachment();
+  if (mine != nullptr && mine->open() != nullptr) mine->open()->touched(handle);
+}
+
+void cache_manager::promotes_read_lock(object_handle& handle) {
+  std::fprintf(stderr, "Error: a transaction writes object %u:%u after having read it.\n",
+               unsigned{storage_of(handle.id())}, unsigned{number_of(handle.id())});
+  std::abort();
+}
+
+bool cache_manager::is_in_transaction_of_application() const {
+  const thread_attachment* const mine = attachment();
+  return mine != nullptr && mine->open() != nullptr && mine->open()->is_of_application();
+}
+
+bool cache_manager::is_in_outermost_transaction() const {
+  const thread_attachment* const mine = attachment();
+  return mine != nullptr && mine->open() != nullptr && mine->open()->depth() == 1;
+}
+
+transaction_companion* cache_manager::companion() const {
+  const thread_attachment* const mine = attachment();
+  return mine != nullptr && mine->open() != nullptr ? mine->open()->companion.get() : nullptr;
+}
+
+void cache_manager::set_companion(std::unique_ptr<transaction_companion> companion) {
+  attachment()->open()->companion = std::move(companion);
+}
+
+cache_manager::call_transaction::call_transaction(cache_manager& session, caller whose)
     : session_(session), joined_(session.in_transaction()), own_(!joined_) {
-  if (own_) session_.begin_transaction();
+  if (whose == caller::library) library_call_.emplace();
+  if (!own_) return;
+  session_.begin_transaction();
+  if (whose == caller::library) session_.attachment()->open()->set_of_call();
 }
 
 cache_manager::call_transaction::~call_transaction() {
@@ -186,7 +238,7 @@ bool cache_manager::call_transaction::roll_back_and_retry(const error_info& erro
     return false;
   }
   if (std::exchange(own_, false)) session_.close_transaction();
-  if (error.code() != error_code::deadlock || attempt >= most_attempts) return false;
+  if (!is_repeatable(error.code()) || attempt >= most_attempts) return false;
   pause_before_repeating(attempt);
   return true;
 }

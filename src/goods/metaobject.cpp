@@ -11,6 +11,7 @@
 namespace goods {
 
 pessimistic_metaobject pessimistic_scheme;
+std::atomic<bool> pessimistic_metaobject::abort_on_read_lock_promotion{false};
 
 namespace {
 
@@ -40,6 +41,13 @@ const object* pinned_committed(object_cache& cache, object_handle& handle) {
   return body;
 }
 
+// Within another access, or a call of the library, it is that one's business.
+void note_read(const thread_attachment& thread, const object_handle& handle) {
+  if (!pessimistic_metaobject::abort_on_read_lock_promotion.load(std::memory_order_relaxed)) return;
+  if (thread.open() == nullptr || !thread.open()->is_of_application()) return;
+  if (thread.accesses == 0 && thread.library_calls == 0) thread.open()->note_read(handle.id());
+}
+
 // The thread's outermost access ends what it began without being asked to.
 void end_access(bool failed) {
   cache_manager* session = cache_manager::current();
@@ -56,6 +64,7 @@ void end_access(bool failed) {
 const object* pessimistic_metaobject::begin_read_access(object_handle& handle) {
   cache_manager& session = cache_manager::require();
   thread_attachment& thread = *session.attachment();
+  note_read(thread, handle);
   beginning_access beginning(thread);
   const object* body = thread.open() != nullptr ? thread.open()->read(handle)
                                                 : pinned_committed(session.cache(), handle);
@@ -67,7 +76,6 @@ object* pessimistic_metaobject::begin_write_access(object_handle& handle) {
   cache_manager& session = cache_manager::require();
   thread_attachment& thread = *session.attachment();
   beginning_access beginning(thread);
-  session.joins_transaction(handle);
   object* body = thread.open_or_join(false).write(handle);
   body->pin();
   beginning.begun();

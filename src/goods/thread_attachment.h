@@ -28,11 +28,14 @@ class thread_attachment {
   transaction& open_or_join(bool is_explicit);
   // Takes it away; it rolls back when destroyed without a commit.
   std::unique_ptr<transaction> close() { return std::move(transaction_); }
+  // Puts one back that was taken away.
+  void reopen(std::unique_ptr<transaction> taken) { transaction_ = std::move(taken); }
 
   lock_owner& locks() { return locks_; }
 
-  int accesses = 0;  // wrappers of persistent objects that are open
-  int reads = 0;     // nested cache_manager::read()
+  int accesses = 0;       // wrappers of persistent objects that are open
+  int reads = 0;          // nested cache_manager::read()
+  int library_calls = 0;  // nested, see library_call
   // Write accesses that have ended without an exception, to stored and to transient objects.
   std::uint32_t stored_writes = 0;
   std::uint32_t transient_writes = 0;

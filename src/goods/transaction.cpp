@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <atomic>
 
+#include <goods/byte_writer.h>
 #include <goods/cache_manager.h>
 #include <goods/class_descriptor.h>
 #include <goods/database.h>
@@ -22,6 +23,18 @@ namespace goods {
 namespace {
 
 std::atomic<std::uint64_t> last_number{0};
+
+bool refers_to_new_objects(object& body) {
+  class finder : public ref_visitor {
+   public:
+    void visit(ref_word& word, ref_kind) override {
+      found |= word.is_handle() && word.handle()->is_transient();
+    }
+    bool found = false;
+  } finder;
+  body.cls().visit_references(body, finder);
+  return finder.found;
+}
 
 struct body_unpinner {
   void operator()(object* body) const { body->unpin(); }
@@ -93,7 +106,13 @@ const object* transaction::read(object_handle& handle) {
 }
 
 object* transaction::write(object_handle& handle) {
-  if (object* own = own_copy(handle)) return own;
+  if (object* own = own_copy(handle)) {
+    if (!touched_.empty()) touched_.erase(own);
+    return own;
+  }
+  verify_not_doomed();
+  if (!read_.empty() && read_.contains(handle.id())) session_.promotes_read_lock(handle);
+  session_.joins_transaction(handle);
   object_ref keeps(&handle);
   lock(handle.id(), lock_mode::exclusive);
   const reader_section section;
@@ -109,6 +128,10 @@ object* transaction::write(object_handle& handle) {
   }
   handle.set_being_written(true);
   return copy.release();
+}
+
+void transaction::touched(object_handle& handle) {
+  if (object* own = own_copy(handle)) touched_.insert(own);
 }
 
 void transaction::replace(object_handle& handle, object& body) {
@@ -131,8 +154,34 @@ void transaction::add_root(object_ref root, storage_number storage) {
 
 void transaction::commit() {
   verify_not_doomed();
+  drop_unchanged();
   if (!changes_->copies.empty() || !roots_.empty()) commit_copies();
   finish();
+}
+
+void transaction::drop_unchanged() {
+  if (touched_.empty()) return;
+  const auto pack = [](const object& body, object_id id) {
+    byte_writer bytes;
+    body.cls().pack(body, bytes, id);
+    return bytes;
+  };
+  const auto is_unchanged = [&](const publication::copy& copy) {
+    if (!touched_.contains(copy.body) || refers_to_new_objects(*copy.body)) return false;
+    const reader_section section;
+    const object& committed = *session_.cache().loaded(*copy.keeps.handle());
+    return &committed.cls() == &copy.body->cls() &&
+           std::ranges::equal(pack(committed, copy.keeps.id()).bytes(),
+                              pack(*copy.body, copy.keeps.id()).bytes());
+  };
+  std::erase_if(changes_->copies, [&](const publication::copy& copy) {
+    if (!is_unchanged(copy)) return false;
+    copy.keeps.handle()->set_being_written(false);
+    copies_.erase(copy.keeps.handle());
+    copy.body->close();
+    copy.body->unpin();
+    return true;
+  });
 }
 
 void transaction::commit_copies() {
@@ -165,6 +214,8 @@ void transaction::finish() noexcept {
   }
   end_replacing();
   copies_.clear();
+  touched_.clear();
+  read_.clear();
   changes_.reset();
   changes_ = std::make_shared<publication>();
   roots_.clear();

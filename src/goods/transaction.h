@@ -6,6 +6,7 @@
 #include <optional>
 #include <string>
 #include <unordered_map>
+#include <unordered_set>
 #include <utility>
 #include <vector>
 
@@ -19,6 +20,7 @@ namespace goods {
 class cache_manager;
 class object;
 class publication;
+class transaction_companion;
 
 // Private copies of what was written, locks, and the way to commit or drop them.
 //
@@ -50,6 +52,10 @@ class transaction {
   bool leave() { return --depth_ == 0; }
   int depth() const { return depth_; }
 
+  // Whether the application began it itself, and not the library for one call.
+  bool is_of_application() const { return is_explicit() && !is_of_call_; }
+  void set_of_call() { is_of_call_ = true; }
+
   // Never the number of another transaction of this process, and never 0.
   std::uint64_t number() const { return number_; }
 
@@ -70,6 +76,16 @@ class transaction {
 
   // The private copy, locked exclusively and made at the first call. As read(), but not pinned.
   object* write(object_handle& handle);
+
+  // As write(), for an object that is locked and perhaps not changed: unless it is written again,
+  // the commit leaves it out when it would be stored as it is.
+  void touched(object_handle& handle);
+
+  // That the application has read it, see abort_on_read_lock_promotion.
+  void note_read(object_id id) { read_.insert(id); }
+
+  // What the session keeps with the transaction, see cache_manager.
+  std::unique_ptr<transaction_companion> companion;
 
   // Makes `body` the private copy of the object behind `handle`; rolled back, it returns to the
   // handle that it has now.
@@ -92,6 +108,7 @@ class transaction {
   void commit_copies();
   void end_replacing() noexcept;
   bool is_own(const object& body) const;
+  void drop_unchanged();
   [[noreturn]] void throw_doomed() const;
   void finish() noexcept;  // gives up copies that were not published, and the locks
 
@@ -103,12 +120,15 @@ class transaction {
   cache_manager& session_;
   const std::uint64_t number_;
   bool is_of_access_;
+  bool is_of_call_ = false;
   int depth_;  // begins without an end
   std::optional<end_before_its_time> doom_;
   bool is_committed_ = false;
   lock_owner& owner_;
   std::shared_ptr<publication> changes_;                // owns the copies until they are published
   std::unordered_map<object_handle*, object*> copies_;  // look-up into changes_
+  std::unordered_set<const object*> touched_;           // copies that may be unchanged
+  std::unordered_set<object_id> read_;                  // see note_read()
   std::vector<std::pair<object_ref, storage_number>> roots_;
   std::vector<std::pair<object_ref, object*>>
       replacing_;  // bodies that replace(), and their handles

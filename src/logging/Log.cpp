@@ -6,6 +6,7 @@
 #include <exception>
 #include <memory>
 #include <mutex>
+#include <span>
 #include <utility>
 
 namespace tarns {
@@ -55,11 +56,15 @@ bool IsControl(char character) {
   return (byte < 32 && character != '\t') || byte == 127;
 }
 
-Buffer Escaped(std::string_view line) {
+Buffer Escaped(std::string_view line, std::span<const std::size_t> breaks) {
   static constexpr char kDigits[] = "0123456789ABCDEF";
   Buffer escaped;
   for (const char& character : line) {
-    if (IsControl(character)) {
+    const auto place = static_cast<std::size_t>(&character - line.data());
+    if (!breaks.empty() && breaks.front() == place) {
+      breaks = breaks.subspan(1);
+      escaped << character;
+    } else if (IsControl(character)) {
       const auto byte = static_cast<unsigned char>(character);
       escaped << "\\x" << kDigits[byte >> 4] << kDigits[byte & 15];
     } else {
@@ -69,13 +74,13 @@ Buffer Escaped(std::string_view line) {
   return escaped;
 }
 
-void Write(Log::Level level, std::string_view line) {
+void Write(Log::Level level, std::string_view line, std::span<const std::size_t> breaks) {
   std::shared_ptr<const Log::Sink> sink;
   {
     const std::scoped_lock lock(TheRedirection().mutex);
     sink = TheRedirection().sink;
   }
-  const Buffer escaped = Escaped(line);
+  const Buffer escaped = Escaped(line, breaks);
   if (sink != nullptr) {
     (*sink)(level, escaped.view());
   } else {
@@ -89,9 +94,15 @@ void Write(Log::Level level, std::string_view line) {
 Log::~Log() {
   if (level_ < lowestLevel.load(std::memory_order_relaxed)) return;
   try {
-    Write(level_, line_.view());
+    Write(level_, line_.view(), breaks_);
   } catch (...) {  // NOLINT(bugprone-empty-catch): there is nowhere left to report it
   }
+}
+
+Log& Log::operator<<(LineBreak) {
+  breaks_.push_back(line_.getLength());
+  line_ << '\n';
+  return *this;
 }
 
 Log::Sink Log::Redirect(Sink sink) {

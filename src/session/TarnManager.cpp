@@ -112,6 +112,7 @@ void TarnManager::setCacheLimit(std::size_t bytes) { getCacheManager().setCacheL
 
 xcptref<TarnRoot> TarnManager::getRoot() const {
   xcptref<TarnRoot> root = getCacheManager().getRoot();
+  const goods::library_call here;
   root->initialize();
   return root;
 }

@@ -140,7 +140,7 @@ xcptref<TarnObject> TarnManager::createParents(TarnPath& path) {
 }
 
 xcptref<TarnObject> TarnManager::getNoFail(TarnPathText path, const char* typeName) {
-  return transaction([&] {
+  return getCacheManager().atomically([&] {
     TarnRef node = getObject(path);
     if (!node.is_null()) return node;
     node = TarnObject::CreateOfType(typeName);
@@ -153,7 +153,7 @@ xcptref<TarnObject> TarnManager::getNoFail(TarnPathText path, const char* typeNa
 }
 
 XString TarnManager::addUnique(TarnPathText path, xcptref<TarnObject> node) {
-  return transaction([&] {
+  return getCacheManager().atomically([&] {
     TarnPath rest(path.view());
     const TarnRef parent = createParents(rest);
     return modify(parent)->addUniqueChild(rest, node);
@@ -161,7 +161,7 @@ XString TarnManager::addUnique(TarnPathText path, xcptref<TarnObject> node) {
 }
 
 bool TarnManager::deleteBranch(TarnPathText path) {
-  return transaction([&] {
+  return getCacheManager().atomically([&] {
     const TarnRef parent = getObject(TarnBranches::ParentOf(path.view()));
     const XString name = NameOf(path.view());
     if (parent.is_null() || !parent->hasChild(name)) return false;
@@ -170,7 +170,7 @@ bool TarnManager::deleteBranch(TarnPathText path) {
 }
 
 void TarnManager::copyBranch(TarnPathText from, TarnPathText to) {
-  transaction([&] {
+  getCacheManager().atomically([&] {
     const TarnRef node = existing(from);
     VerifyNotRoot(to.view());
     set(to, node->deepClone());
@@ -178,7 +178,7 @@ void TarnManager::copyBranch(TarnPathText from, TarnPathText to) {
 }
 
 void TarnManager::moveBranch(TarnPathText from, TarnPathText to) {
-  transaction([&] {
+  getCacheManager().atomically([&] {
     const TarnRef node = existing(from);
     VerifyNotRoot(to.view());
     if (getObject(to) == node) return;
@@ -200,7 +200,7 @@ void TarnManager::moveNode(const TarnRef& node, std::string_view to) {
 }
 
 void TarnManager::mergeBranch(TarnPathText from, TarnPathText to, bool overwrite) {
-  transaction([&] {
+  getCacheManager().atomically([&] {
     const TarnRef node = existing(from);
     VerifyOutside(node, NearestNode(getRoot(), to.view()), from.view(), to.view());
     // First, so that a branch can be merged into one that it is in, whatever the names in it.
@@ -214,7 +214,7 @@ void TarnManager::mergeBranch(TarnPathText from, TarnPathText to, bool overwrite
 }
 
 void TarnManager::mergeBranch(xcptref<TarnObject> node, TarnPathText to, bool overwrite) {
-  transaction([&] {
+  getCacheManager().atomically([&] {
     VerifyOutside(node, NearestNode(getRoot(), to.view()), node->getName().view(), to.view());
     if (getObject(to).is_null()) {
       moveNode(node, to.view());

@@ -37,6 +37,12 @@ TEST(LogTest, LeavesNoControlBytesInALine) {
   EXPECT_THAT(log.lines(), ElementsAre("a\\x0Ab\\x0D\\x1B[2J\\x7F\tc\\x00\xC3\xA4"));
 }
 
+TEST(LogTest, BreaksLinesWhereItIsToldToOnly) {
+  const captured_log log;
+  Log() << "a\n" << Log::Break << Log::Break << "\nb" << '\n';
+  EXPECT_THAT(log.lines(), ElementsAre("a\\x0A\n\n\\x0Ab\\x0A"));
+}
+
 TEST(LogTest, DropsWhatIsBelowTheLevel) {
   const captured_log log;
   Log(Log::Debug) << "no";

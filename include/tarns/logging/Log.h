@@ -3,8 +3,10 @@
 #include <tarns/tarns_api.h>
 #include <tarns/util/Buffer.h>
 
+#include <cstddef>
 #include <functional>
 #include <string_view>
+#include <vector>
 
 namespace tarns {
 
@@ -14,7 +16,7 @@ namespace tarns {
 //
 // Lines go to standard error, each with date, time and level, until Redirect() sends them to the
 // application. Bytes that would end the line or steer a terminal (below 32 except the tab, and 127)
-// are written as \xNN, whatever a stored name holds.
+// are written as \xNN, whatever a stored name holds; only Log::Break begins a further line.
 // Threads: any; a line is handed on whole. One Log object is used by one thread.
 // Errors: streaming may throw std::bad_alloc. Writing lets nothing escape: a line that cannot be
 // written is lost.
@@ -22,9 +24,9 @@ class TARNS_API Log {
  public:
   enum Level { Debug, Info, Warning, Error };
 
-  // Receives finished lines without a line feed; the text is valid during the call only. Called on
-  // the thread that logs, by several threads at once, and with none of the library's log locks
-  // held. What it throws is dropped.
+  // Receives finished lines without a line feed at the end; the text is valid during the call only.
+  // Called on the thread that logs, by several threads at once, and with none of the library's log
+  // locks held. What it throws is dropped.
   using Sink = std::function<void(Level level, std::string_view line)>;
 
   explicit Log(Level level = Info) : level_(level) {}
@@ -39,6 +41,10 @@ class TARNS_API Log {
     return *this;
   }
 
+  // Streamed, it goes on in a new line of the same message.
+  enum LineBreak { Break };
+  Log& operator<<(LineBreak);
+
   // Sends the lines of all threads to `sink` from now on, and back to standard error for an empty
   // one; returns the sink before. A line being handed on meanwhile may still reach that one.
   static Sink Redirect(Sink sink);
@@ -49,6 +55,7 @@ class TARNS_API Log {
  private:
   const Level level_;
   Buffer line_;
+  std::vector<std::size_t> breaks_;  // places of line feeds in it, ascending
 };
 
 }  // namespace tarns

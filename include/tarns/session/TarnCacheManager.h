@@ -2,12 +2,16 @@
 
 #include <goods/cache_manager.h>
 #include <tarns/core/TarnData.h>
+#include <tarns/core/TarnObject.h>
+#include <tarns/core/TarnPath.h>
 #include <tarns/core/xcptref.h>
 #include <tarns/tarns_api.h>
+#include <tarns/util/XStringList.h>
 
 #include <atomic>
 #include <cstddef>
 #include <memory>
+#include <optional>
 #include <string_view>
 
 namespace tarns {
@@ -16,8 +20,18 @@ class RememberedValues;
 class TarnManager;
 class TarnRoot;
 
-// What a session keeps beside the objects of its cache: the way to the root, and what values were
-// lately read by path.
+// What a session keeps beside the objects of its cache: the way to the root, what values were
+// lately read by path, and in which order a thread's transaction has locked nodes.
+//
+// Checking transactions (off by default): two threads that lock the same nodes in different orders
+// end in a deadlock sooner or later, mostly not in tests. With checking on, the application's own
+// transactions (TarnTransaction, TarnManager::transaction) must lock nodes for writing in ascending
+// order of their paths (see TarnPath); a node that is locked already may be written again at any
+// time. Below a hierarchical locker L the order is free, but a node two or more levels below L may
+// be locked in a transaction that holds other nodes only after its ancestor directly below L. A
+// transaction that breaks this is an error in the program: it is logged, and abort() is called.
+// TarnTransaction::Lock() does it right. Calls outside such transactions, nodes that are not stored
+// yet and nodes without a way to the root are not checked; paths are those before the transaction.
 //
 // Ownership: the session's TarnDatabase. Threads: any attached one, but for setCacheLimit().
 // Errors: 110 on a thread that is not attached to this session.
@@ -28,6 +42,31 @@ class TARNS_API TarnCacheManager : public goods::cache_manager {
   ~TarnCacheManager() override;
 
   TarnManager& getManager() const { return manager_; }
+
+  // --- Checking transactions --------------------------------------------------------------------
+
+  // Also sets goods::pessimistic_metaobject::abort_on_read_lock_promotion.
+  static void EnableTransactionChecking(bool on);
+  static std::atomic<bool> McheckTransactions;
+  // Paths of the hierarchical lockers. Read without a lock: fill it before transactions begin.
+  static XStringList MhierarchicalLockers;
+  // Of the first locker above `path`: its child on the way there, which may be `path` itself. Empty
+  // when no locker is above.
+  static TarnPath GetHierarchicalLocker(const char* path);
+
+  // Checks an object that the thread's transaction is about to lock, and records its path.
+  void add(goods::object_handle* handle);
+  // The same by path. Nothing happens while checking is off or no transaction is open.
+  void addObjectToTransaction(TarnPath& path);
+  // Forgets the paths when the outermost transaction ends.
+  goods::isolation_level end_transaction() override;
+  // What the thread's transaction has locked so far, in that order; for tests and diagnosis.
+  XStringList getLockedPaths() const;
+
+  // The one way from the root to the node, as it is committed; none when there is no such way.
+  std::optional<TarnPath> getPhysicalPath(const xcptref<TarnObject>& node);
+
+  // --- Values and the root ----------------------------------------------------------------------
 
   // Throws 110 unless the calling thread is attached to this session.
   void verifyAttached() const;
@@ -49,6 +88,13 @@ class TARNS_API TarnCacheManager : public goods::cache_manager {
   // Whether values are remembered by path (they are by default): for measuring, and for programs
   // that never read a path twice. Before threads share the session.
   void rememberValues(bool on);
+
+ protected:
+  // Whether a locker governs the order in which `path` is locked. Ends the process when its parent
+  // had to be locked first.
+  bool enforceHierarchicalLocking(const TarnPath& path);
+  void joins_transaction(goods::object_handle& handle) override { add(&handle); }
+  void promotes_read_lock(goods::object_handle& handle) override;
 
  private:
   void makeRoot();

@@ -104,7 +104,7 @@ class TARNS_API TarnManager {
   // it after a deadlock, so it should have no effect but on the database. An exception rolls back.
   template <std::invocable Work>
   std::invoke_result_t<Work&> transaction(Work&& work) {
-    return getCacheManager().atomically(std::forward<Work>(work));
+    return getCacheManager().atomically(std::forward<Work>(work), goods::caller::application);
   }
 
   // --- Storages and counters --------------------------------------------------------------------
