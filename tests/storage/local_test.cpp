@@ -203,9 +203,15 @@ TEST_F(LocalTest, RefusesFilesThatAreNoStore) {
       {"newer",
        [&, this](auto& file) {
          write_file(file, good);
-         execute(file, "PRAGMA user_version=3");
+         execute(file, "PRAGMA user_version=4");
        },
-       error_code::newer_version, "format 3"},
+       error_code::newer_version, "format 4"},
+      {"older",
+       [&, this](auto& file) {
+         write_file(file, good);
+         execute(file, "PRAGMA user_version=2");
+       },
+       error_code::corrupt_data, "format 2"},
       {"trigger",
        [&, this](auto& file) {
          write_file(file, good);
@@ -234,19 +240,6 @@ TEST_F(LocalTest, RefusesFilesThatAreNoStore) {
     EXPECT_THAT([&] { open(c.what); },
                 fails_with(c.code, AllOf(HasSubstr(path(c.what)), HasSubstr(c.why))));
   }
-}
-
-// One of format 1, which has no commit log: programs that know of none must refuse it from now on.
-TEST_F(LocalTest, RaisesTheFormatOfAnOlderStore) {
-  commit_text(*open(), root_object_number, "old");
-  execute(path("store/store.db"), "PRAGMA user_version=1; PRAGMA wal_checkpoint(TRUNCATE)");
-  const auto format_in_file = [&] {
-    return static_cast<int>(read_file(path("store/store.db"))[63]);
-  };
-  ASSERT_EQ(format_in_file(), 1);
-  const auto storage = open();
-  EXPECT_EQ(format_in_file(), 2) << "in the file's first page, where others look";
-  EXPECT_EQ(load_text(*storage, root_object_number), "old");
 }
 
 // What a process leaves that is killed with a log full of commits.

@@ -48,7 +48,6 @@ bool open_store::prepare_files() {
     throw_error(
         error_code::input_output,
         fmt::format("The storage file \"{}\" cannot have a write-ahead log.", files.database()));
-  raise_format(connection);
   return true;
 }
 

@@ -1,6 +1,6 @@
 #include "storage/local/segment.h"
 
-#include <limits>
+#include <algorithm>
 
 #include "storage/local/byte_order.h"
 
@@ -12,29 +12,49 @@ segment::segment(segment_number number, std::uint64_t version, byte_block conten
   present_ = reader.number<std::uint64_t>();
   apart_ = reader.number<std::uint64_t>();
   if ((apart_ & ~present_) != 0) throw damaged_bytes("its directory contradicts itself");
-  const auto count = static_cast<unsigned>(std::popcount(present_));
-  entries_ = std::make_unique_for_overwrite<entry[]>(count);
+  count_ = static_cast<unsigned>(std::popcount(present_));
+  const auto apart_count = static_cast<unsigned>(std::popcount(apart_));
+  reader.take(4 * count_ + sizeof(std::uint32_t) * apart_count);
+  bodies_at_ = content_.size - reader.left();
+  check();
+}
 
-  entry* next = entries_.get();
-  for (std::uint64_t rest = present_; rest != 0; rest &= rest - 1) {
-    const std::uint64_t layout = reader.varint();
-    const std::uint64_t length = reader.varint();
-    const bool apart = is_apart(static_cast<unsigned>(std::countr_zero(rest)));
-    if (layout == 0 || layout > std::numeric_limits<class_number>::max())
-      throw damaged_bytes("a layout number is out of range");
-    if (length > (apart ? max_state_size : longest_in_segment))
-      throw damaged_bytes("an object is too long");
-    *next++ = {0, static_cast<std::uint32_t>(length), static_cast<class_number>(layout)};
+void segment::check() const {
+  unsigned longest = 0;
+  bool has_layouts = true;
+  for (unsigned place = 0; place < count_; ++place) {
+    longest = std::max(longest, pair_at(0, place));
+    has_layouts &= pair_at(2, place) != 0;
   }
+  if (!has_layouts) throw damaged_bytes("a layout number is out of range");
+  if (longest > longest_in_segment) throw damaged_bytes("an object is too long");
+  for (std::uint64_t rest = apart_; rest != 0; rest &= rest - 1) {
+    const auto slot = static_cast<unsigned>(std::countr_zero(rest));
+    if (pair_at(0, place_of(slot)) != 0) throw damaged_bytes("its directory contradicts itself");
+    if (apart_length(slot) > max_state_size) throw damaged_bytes("an object is too long");
+  }
+  if (bodies_at_ + bytes_before(count_) != content_.size)
+    throw damaged_bytes("its length does not fit its objects");
+}
 
-  std::size_t offset = content_.size - reader.left();
-  next = entries_.get();
-  for (std::uint64_t rest = present_; rest != 0; rest &= rest - 1, ++next) {
-    if (is_apart(static_cast<unsigned>(std::countr_zero(rest)))) continue;
-    next->offset = static_cast<std::uint32_t>(offset);
-    offset += next->length;
+std::size_t segment::bytes_before(unsigned place) const {
+  unsigned low = 0, high = 0;
+  for (unsigned i = 0; i < place; ++i) {
+    low += column(0)[i];
+    high += column(1)[i];
   }
-  if (offset != content_.size) throw damaged_bytes("its length does not fit its objects");
+  return low + std::size_t{high} * 256;
+}
+
+std::size_t segment::apart_length(unsigned slot) const {
+  const std::byte* const lengths = content_.bytes.get() + columns_at + 4 * count_;
+  return load_number<std::uint32_t>(lengths +
+                                    sizeof(std::uint32_t) * set_bits_below(apart_, slot));
+}
+
+std::span<const std::byte> segment::body(unsigned slot) const {
+  const unsigned place = place_of(slot);
+  return {content_.bytes.get() + bodies_at_ + bytes_before(place), pair_at(0, place)};
 }
 
 std::shared_ptr<const segment> segment::parse(segment_number number, std::uint64_t version,
@@ -44,8 +64,7 @@ std::shared_ptr<const segment> segment::parse(segment_number number, std::uint64
 
 std::size_t segment::memory() const {
   constexpr std::size_t overheads = 64;  // reference counts and the allocator's headers
-  return sizeof(segment) + overheads + content_.size +
-         static_cast<std::size_t>(std::popcount(present_)) * sizeof(entry);
+  return sizeof(segment) + overheads + content_.size;
 }
 
 segment_builder::segment_builder(segment_number number, const segment* old) : number_(number) {
@@ -81,23 +100,32 @@ void segment_builder::remove(unsigned slot) {
 }
 
 std::shared_ptr<const segment> segment_builder::build(std::uint64_t version) const {
-  std::size_t size = 2 * sizeof(std::uint64_t);
-  for (std::uint64_t rest = present_; rest != 0; rest &= rest - 1) {
-    const auto slot = static_cast<unsigned>(std::countr_zero(rest));
-    const source& from = sources_[slot];
-    size += varint_size(from.layout) + varint_size(from.length);
-    if ((apart_ >> slot & 1) == 0) size += from.length;
-  }
+  const auto count = static_cast<unsigned>(std::popcount(present_));
+  const auto apart_count = static_cast<unsigned>(std::popcount(apart_));
+  std::size_t size =
+      2 * sizeof(std::uint64_t) + 4 * count + sizeof(std::uint32_t) * apart_count;
+  for (std::uint64_t rest = present_ & ~apart_; rest != 0; rest &= rest - 1)
+    size += sources_[std::countr_zero(rest)].length;
 
   byte_block content = byte_block::of_size(size);
   std::byte* at = content.bytes.get();
   store_number(at, present_);
   store_number(at + sizeof present_, apart_);
-  at += 2 * sizeof(std::uint64_t);
-  for (std::uint64_t rest = present_; rest != 0; rest &= rest - 1) {
-    const source& from = sources_[std::countr_zero(rest)];
-    at = store_varint(at, from.layout);
-    at = store_varint(at, from.length);
+  std::byte* const columns = at + 2 * sizeof(std::uint64_t);
+  at = columns + 4 * count;
+  unsigned place = 0;
+  for (std::uint64_t rest = present_; rest != 0; rest &= rest - 1, ++place) {
+    const auto slot = static_cast<unsigned>(std::countr_zero(rest));
+    const source& from = sources_[slot];
+    const bool apart = (apart_ >> slot & 1) != 0;
+    const std::uint32_t length = apart ? 0 : from.length;
+    columns[place] = static_cast<std::byte>(length);
+    columns[count + place] = static_cast<std::byte>(length >> 8);
+    columns[2 * count + place] = static_cast<std::byte>(from.layout);
+    columns[3 * count + place] = static_cast<std::byte>(from.layout >> 8);
+    if (!apart) continue;
+    store_number(at, from.length);
+    at += sizeof from.length;
   }
   for (std::uint64_t rest = present_ & ~apart_; rest != 0; rest &= rest - 1) {
     const source& from = sources_[std::countr_zero(rest)];

@@ -27,9 +27,12 @@ inline constexpr std::size_t longest_in_segment = 1024;  // bytes
 //
 //   present   8 bytes  bit n: slot n holds an object
 //   apart     8 bytes  bit n: that object is stored in pieces; a subset of `present`
-//   then for each object in order: layout (varint), length in bytes (varint)
+//   four columns with one byte for each object, in order: low and high byte of its length (0 when
+//   it is apart), low and high byte of its layout
+//   then for each object apart, in order: its length, 4 bytes
 //   then the objects that are not apart, one directly after the other
 //
+// Nothing is taken apart in advance: most segments are read for two or three of their objects.
 // Threads: unchanging, so any. Shared between the cache and its readers.
 class segment {
  public:
@@ -48,37 +51,46 @@ class segment {
   bool has(unsigned slot) const { return (present_ >> slot & 1) != 0; }
   bool is_apart(unsigned slot) const { return (apart_ >> slot & 1) != 0; }
   // Only for slots that hold an object.
-  class_number layout(unsigned slot) const { return entry_of(slot).layout; }
-  std::size_t length(unsigned slot) const { return entry_of(slot).length; }
-  // Only for objects that are not apart.
-  std::span<const std::byte> body(unsigned slot) const {
-    const entry& e = entry_of(slot);
-    return {content_.bytes.get() + e.offset, e.length};
+  class_number layout(unsigned slot) const {
+    return static_cast<class_number>(pair_at(2, place_of(slot)));
   }
+  std::size_t length(unsigned slot) const {
+    return is_apart(slot) ? apart_length(slot) : pair_at(0, place_of(slot));
+  }
+  // Only for objects that are not apart.
+  std::span<const std::byte> body(unsigned slot) const;
   object_number object(unsigned slot) const { return number_ * segment_slots + slot; }
 
  private:
-  struct entry {
-    std::uint32_t offset;  // in content_
-    std::uint32_t length;
-    class_number layout;
-  };
-
-  const entry& entry_of(unsigned slot) const {
-    const std::uint64_t before = present_ & ((std::uint64_t{1} << slot) - 1);
-    return entries_[static_cast<unsigned>(std::popcount(before))];
+  // Objects are numbered in order, from 0, apart from their slots.
+  unsigned place_of(unsigned slot) const { return set_bits_below(present_, slot); }
+  static unsigned set_bits_below(std::uint64_t bits, unsigned bit) {
+    return static_cast<unsigned>(std::popcount(bits & ((std::uint64_t{1} << bit) - 1)));
   }
+  const std::uint8_t* column(unsigned n) const {
+    return reinterpret_cast<const std::uint8_t*>(content_.bytes.get()) + columns_at + n * count_;
+  }
+  // Of the columns n and n + 1.
+  unsigned pair_at(unsigned n, unsigned place) const {
+    return column(n)[place] | unsigned{column(n + 1)[place]} << 8;
+  }
+  std::size_t apart_length(unsigned slot) const;
+  std::size_t bytes_before(unsigned place) const;
+  void check() const;
+
+  static constexpr std::size_t columns_at = 16;
 
   segment_number number_;
+  unsigned count_ = 0;  // of objects
   std::uint64_t version_;
   std::uint64_t present_ = 0;
   std::uint64_t apart_ = 0;
-  std::unique_ptr<entry[]> entries_;  // one for each object present, in order
+  std::size_t bodies_at_ = 0;
   byte_block content_;
 };
 
 // The longest content that a segment can have.
-inline constexpr std::size_t longest_segment = 16 + segment_slots * (3 + 5 + longest_in_segment);
+inline constexpr std::size_t longest_segment = 16 + segment_slots * (4 + longest_in_segment);
 
 // A new version of a segment: the old one with some slots changed.
 // The bodies that are put in, and `old`, must stay until build() has returned.

@@ -107,14 +107,6 @@ void make_store(const std::string& file) {
   connection.execute("COMMIT; PRAGMA wal_checkpoint(TRUNCATE)");
 }
 
-void raise_format(sqlite_connection& connection) {
-  if (connection.integer("PRAGMA user_version") >= store_format) return;
-  connection.execute(fmt::format("PRAGMA synchronous=FULL; PRAGMA user_version={}; "
-                                 "PRAGMA wal_checkpoint(TRUNCATE)",
-                                 store_format)
-                         .c_str());
-}
-
 void check_database_header(const std::string& file, std::span<const unsigned char> header,
                            std::uint64_t file_size) {
   constexpr char magic[] = "SQLite format 3";  // and its NUL
@@ -130,6 +122,10 @@ void check_database_header(const std::string& file, std::span<const unsigned cha
                 fmt::format("The storage file \"{}\" has format {}, which is newer than {}, the "
                             "newest that this version knows.",
                             file, format, store_format));
+  if (format != 0 && format < store_format)
+    throw_not_a_store(file, fmt::format("it has format {}, of a time before the first release, "
+                                        "instead of {}",
+                                        format, store_format));
   std::uint64_t page_size = std::uint64_t{header[page_size_at]} << 8 | header[page_size_at + 1];
   if (page_size == 1) page_size = 65536;
   if (format == 0 || page_size < 512 || (page_size & (page_size - 1)) != 0)

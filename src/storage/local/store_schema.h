@@ -14,9 +14,9 @@
 
 namespace goods {
 
-// Written as SQLite's user_version. A store of a higher one is refused.
-// 1: there was no commit log. Who does not know of one would take the database alone for the store.
-inline constexpr std::uint32_t store_format = 2;
+// Written as SQLite's user_version. Stores of any other format are refused; those of 1 and 2 are of
+// the time before the first release.
+inline constexpr std::uint32_t store_format = 3;
 // SQLite's application_id of a store: "TARN".
 inline constexpr std::uint32_t store_application = 0x5441524e;
 
@@ -50,10 +50,6 @@ inline constexpr std::int64_t state_key = 2;
 
 // Makes tables and rows of an empty store in `file` and closes it.
 void make_store(const std::string& file);
-
-// Marks a store of an older format as one of ours, before anything is written that an older program
-// would not understand, in the first bytes of its file.
-void raise_format(sqlite_connection& connection);
 
 // Checks the first bytes of a store's file. `file_size` 0: not known.
 // Throws corrupt_data and newer_version.
