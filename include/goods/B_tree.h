@@ -10,6 +10,7 @@
 #include <vector>
 
 #include <goods/B_page.h>
+#include <goods/byte_reader.h>
 #include <goods/index_page.h>
 #include <goods/reader.h>
 #include <goods/ref.h>
@@ -17,13 +18,6 @@
 #include <goods/set_owner.h>
 
 namespace goods {
-
-// An entry as it stands in a page; valid as long as what it was read through.
-struct index_entry {
-  std::string_view name;
-  ref_word member;  // a set_member
-  ref_word target;  // the object that the entry stands for
-};
 
 // A copy of an entry. Its references hold identifiers where the page does: no handle is made before
 // somebody copies or follows one. The classes are not checked: look through a reader, or take
@@ -139,8 +133,13 @@ class GOODS_API B_tree : public set_owner {
   friend class B_tree_walk;
   friend class B_tree_writer;
 
+  const index_page& root() const;
+
   std::uint8_t page_number_ = 2;
-  index_page root_;
+  // A guest (see guest_scope) is mostly asked for one name: its entries stay packed until more is
+  // wanted. Only its reader sees it, so it may change while it is read.
+  mutable index_page root_;
+  mutable byte_reader packed_;  // nothing left: root_ is complete
 };
 
 }  // namespace goods

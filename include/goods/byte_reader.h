@@ -18,8 +18,13 @@ class GOODS_API byte_reader {
   // `self`: the object whose state is read; references are stored relative to it.
   byte_reader(std::span<const std::byte> bytes, object_id self)
       : next_(bytes.data()), end_(bytes.data() + bytes.size()), self_(self) {}
+  byte_reader() : byte_reader({}, 0) {}
 
   object_id self() const { return self_; }
+  // Whether the bytes stay as long as the object that is read from them, which may then read the
+  // rest when it is asked for it.
+  bool is_lasting() const { return is_lasting_; }
+  void set_lasting(bool lasting) { is_lasting_ = lasting; }
   std::size_t left() const { return static_cast<std::size_t>(end_ - next_); }
   bool at_end() const { return next_ == end_; }
   const std::byte* position() const { return next_; }
@@ -38,6 +43,7 @@ class GOODS_API byte_reader {
   float get_float();
   std::string_view get_text();  // points into the bytes
   object_id get_reference();    // 0 for none
+  void skip_reference();        // without looking where it leads
 
   // A number of elements that each take at least one byte: never more than there are bytes left, so
   // that it may be used to reserve memory.
@@ -52,6 +58,7 @@ class GOODS_API byte_reader {
   const std::byte* next_;
   const std::byte* end_;
   object_id self_;
+  bool is_lasting_ = false;
 };
 
 }  // namespace goods

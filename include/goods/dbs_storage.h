@@ -35,12 +35,24 @@ inline constexpr object_number first_object_number = 0x10000;
 inline constexpr object_number root_object_number = 0x10000;
 inline constexpr std::size_t max_state_size = std::size_t{1} << 30;  // bytes of one packed object
 
+struct object_state;
+
+// Objects that a backend keeps together, as they were in the version that load() has named: who
+// holds on to the group of one object need not load the others. Threads: any.
+class state_group : public std::enable_shared_from_this<state_group> {
+ public:
+  virtual ~state_group() = default;
+  // False for an object that is not in the group, whether it exists or not.
+  virtual bool find(object_number number, object_state& found) const = 0;
+};
+
 // One stored object as load() hands it over. `body` stays valid only during the call that passes
-// it.
+// it; where there is a group, for as long as that is held.
 struct object_state {
   object_number number;
   class_number layout;
   std::span<const std::byte> body;
+  const state_group* group = nullptr;  // not every object has one
 };
 
 // Receives what load() finds, in no particular order.

@@ -5,6 +5,7 @@
 #include <cstddef>
 #include <cstdint>
 #include <memory>
+#include <optional>
 #include <string_view>
 
 #include <goods/field_descriptor.h>
@@ -12,6 +13,13 @@
 #include <goods/object_ref.h>
 
 namespace goods {
+
+// An entry as it stands in a page; valid as long as what it was read through.
+struct index_entry {
+  std::string_view name;
+  ref_word member;  // a set_member
+  ref_word target;  // the object that the entry stands for
+};
 
 // Entries in byte-wise unsigned order of their names, equal names in the order of their insertion.
 //
@@ -74,6 +82,9 @@ class GOODS_API index_page {
   void pack(byte_writer& out, object_id self) const;
   // Into an empty page whose level is set. Checks order, names and counts; throws corrupt_data.
   void unpack(byte_reader& in);
+  // The first entry of this name in the varying parts of a leaf, without unpacking them: what is
+  // read is checked, the rest is not looked at. The entry's name points into the bytes.
+  static std::optional<index_entry> find_packed(byte_reader in, std::string_view name);
   void visit(ref_visitor& visitor);
   // Adds the members of a page that is part of `owner` to its description.
   void describe(field_descriptor*& list, const object& owner) const;

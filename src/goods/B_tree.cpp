@@ -77,7 +77,20 @@ void index_position::move_behind(const std::vector<held_entry>& batch) {
 // --- Reading
 // ---------------------------------------------------------------------------------------
 
+const index_page& B_tree::root() const {
+  if (!packed_.at_end()) {
+    byte_reader in = packed_;
+    index_page page;
+    page.unpack(in);
+    if (!in.at_end()) in.fail("has bytes behind its end");
+    root_ = std::move(page);
+    packed_ = {};
+  }
+  return root_;
+}
+
 std::optional<index_entry> B_tree::find(reader& in, std::string_view name) const {
+  if (!packed_.at_end()) return index_page::find_packed(packed_, name);
   B_tree_walk walk(in, *this);
   walk.seek_lower(name);
   if (walk.at_end()) return std::nullopt;
@@ -255,14 +268,20 @@ field_descriptor* B_tree::describe_components() {
   return list;
 }
 
-void B_tree::pack_varying(byte_writer& out, object_id self) const { root_.pack(out, self); }
+void B_tree::pack_varying(byte_writer& out, object_id self) const { root().pack(out, self); }
 
 void B_tree::unpack_varying(byte_reader& in, object_id) {
+  if (in.is_lasting() && root_.is_leaf()) {
+    packed_ = in;
+    if (in.get_count() != count()) in.fail("is an index with a wrong count");
+    in.get_bytes(in.left());
+    return;
+  }
   root_.unpack(in);
   if (root_.total() != count()) in.fail("is an index with a wrong count");
 }
 
-void B_tree::copy_varying(const object& from) { root_ = static_cast<const B_tree&>(from).root_; }
+void B_tree::copy_varying(const object& from) { root_ = static_cast<const B_tree&>(from).root(); }
 void B_tree::visit_varying(ref_visitor& visitor) { root_.visit(visitor); }
 
 }  // namespace goods

@@ -18,7 +18,7 @@ namespace goods {
 // as long as the reader.
 class B_tree_walk {
  public:
-  B_tree_walk(reader& in, const B_tree& tree) : in_(in), root_(tree.root_) {}
+  B_tree_walk(reader& in, const B_tree& tree) : in_(in), root_(tree.root()) {}
 
   // At the first entry whose name is not less (greater) than `name`, or at the end.
   void seek_lower(std::string_view name);

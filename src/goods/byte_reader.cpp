@@ -81,6 +81,11 @@ object_id byte_reader::get_reference() {
   return make_object_id(static_cast<storage_number>(storage), static_cast<object_number>(number));
 }
 
+void byte_reader::skip_reference() {
+  const std::uint64_t code = get_unsigned();
+  if (code != 0 && ((code - 1) & 1) != 0) get_unsigned();
+}
+
 std::size_t byte_reader::get_count() {
   const std::uint64_t count = get_unsigned();
   if (count > left()) fail("ends too early");

@@ -18,6 +18,7 @@ namespace {
 constexpr std::size_t first_size = 16;
 constexpr std::size_t most_at_once = 256;  // numbers in one call to the storage
 constexpr std::size_t most_kept = 8192;    // places that a thread keeps
+constexpr std::size_t groups_looked_at = 4;
 
 // What the thread keeps for its next read; destructors of other thread_local objects may still read
 // when it is gone.
@@ -38,19 +39,20 @@ class guest_list::sink : public state_sink {
       : list_(list), storage_(storage), number_(number) {}
 
   void found(const object_state& state) override {
+    list_.hold(number_, state.group);
     const object_id id = make_object_id(number_, state.number);
-    if (list_.find(id) != nullptr) return;
-    object* const body = storage_.catalog().instantiate_guest(list_.arena_, state);
-    if (body == nullptr) return;
-    storage_.count_read(state.body.size());
-    list_.add(id, *body);
+    last_ = list_.find(id);
+    if (last_ == nullptr) last_ = list_.take_in(storage_, id, state);
   }
   void missing(object_number) override {}
+
+  const object* last() const { return last_; }  // null for one that may not be a guest
 
  private:
   guest_list& list_;
   obj_storage& storage_;
   storage_number number_;
+  const object* last_ = nullptr;
 };
 
 std::unique_ptr<guest_list> guest_list::take() {
@@ -76,6 +78,42 @@ const object* guest_list::find(object_id id) const {
   if (bodies_.empty()) return nullptr;
   const place& found = places_[place_of(id)];
   return found.filling == filling_ ? bodies_[found.body] : nullptr;
+}
+
+const object* guest_list::load(cache_manager& session, object_id id) {
+  const storage_number storage = storage_of(id);
+  const object_number number = number_of(id);
+  sink into(*this, session.db().storage(storage), storage);
+  session.cache().load_for_guests(storage, {&number, 1}, into);
+  return into.last();
+}
+
+// What was loaded last is what the next one is near to.
+const object* guest_list::find_nearby(cache_manager& session, object_id id) {
+  if (const object* known = find(id)) return known;
+  const std::size_t count = std::min(groups_.size(), groups_looked_at);
+  for (std::size_t i = groups_.size(); i > groups_.size() - count; --i) {
+    const held_group& group = groups_[i - 1];
+    object_state state{};
+    if (group.storage == storage_of(id) && group.states->find(number_of(id), state)) {
+      return take_in(session.db().storage(group.storage), id, state);
+    }
+  }
+  return nullptr;
+}
+
+void guest_list::hold(storage_number storage, const state_group* group) {
+  if (group == nullptr || (!groups_.empty() && groups_.back().states.get() == group)) return;
+  groups_.push_back({storage, group->shared_from_this()});
+}
+
+// Null for a class that may not be a guest.
+const object* guest_list::take_in(obj_storage& storage, object_id id, const object_state& state) {
+  object* const body = storage.catalog().instantiate_guest(arena_, state);
+  if (body == nullptr) return nullptr;
+  storage.count_read(state.body.size());
+  add(id, *body);
+  return body;
 }
 
 void guest_list::add(object_id id, object& body) {
@@ -116,6 +154,7 @@ void guest_list::load(cache_manager& session, std::span<object_id> ids) {
 void guest_list::clear() noexcept {
   for (object* const body : bodies_) body->~object();
   bodies_.clear();
+  groups_.clear();
   arena_.reset();
   if (++filling_ == 0) {  // what was filled that often ago would seem to be there
     places_.clear();

@@ -7,6 +7,7 @@
 #include <span>
 #include <vector>
 
+#include <goods/dbs_storage.h>
 #include <goods/object_ref.h>
 
 #include "goods/body_arena.h"
@@ -14,6 +15,7 @@
 namespace goods {
 
 class cache_manager;
+class obj_storage;
 class object;
 
 // Bodies that were loaded for one round of one reader: they have no handle, the session's cache
@@ -36,6 +38,11 @@ class guest_list {
 
   // Null when it is not here.
   const object* find(object_id id) const;
+  // The same for what came along with the objects that are here. Costs less than asking the
+  // session's cache: that would have to be fetched from memory.
+  const object* find_nearby(cache_manager& session, object_id id);
+  // Loads one object; null for what the other load() passes over.
+  const object* load(cache_manager& session, object_id id);
 
   // Loads those objects that are of a class that may be a guest; passes over what is here already,
   // what nothing is stored under, and other classes. Throws corrupt_data. Changes the order of
@@ -52,11 +59,20 @@ class guest_list {
     std::uint32_t filling = 0;  // free unless it is filling_
   };
 
+  // What came along with an object of that storage.
+  struct held_group {
+    storage_number storage;
+    std::shared_ptr<const state_group> states;
+  };
+
   guest_list() = default;
   std::size_t place_of(object_id id) const;
+  const object* take_in(obj_storage& storage, object_id id, const object_state& state);
+  void hold(storage_number storage, const state_group* group);
   void add(object_id id, object& body);  // destroys it later, or at once when it throws
   void grow();
 
+  std::vector<held_group> groups_;  // they also keep the bytes that bodies refer to
   body_arena arena_;
   std::vector<object*> bodies_;
   std::vector<place> places_;  // open addressing with linear probing, at most half full

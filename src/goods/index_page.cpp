@@ -368,6 +368,24 @@ void index_page::unpack(byte_reader& in) {
   find_skip();
 }
 
+std::optional<index_entry> index_page::find_packed(byte_reader in, std::string_view name) {
+  for (std::size_t left = in.get_count(); left > 0; --left) {
+    const std::string_view text = in.get_text();
+    const int order = text.compare(name);
+    if (order > 0) break;
+    if (order < 0) {
+      in.skip_reference();
+      in.skip_reference();
+      continue;
+    }
+    const object_id member = in.get_reference();
+    const object_id target = in.get_reference();
+    if (member == 0) in.fail("is an index page with an impossible entry");
+    return index_entry{text, ref_word::of(member), target == 0 ? ref_word() : ref_word::of(target)};
+  }
+  return std::nullopt;
+}
+
 void index_page::visit(ref_visitor& visitor) {
   for (std::size_t i = 0; i < size_; ++i) {
     visitor.visit(word_at(static_cast<void*>(firsts() + i)), ref_kind::counted);

@@ -87,7 +87,9 @@ object* layout_catalog::instantiate(object_handle* handle, const object_state& s
 object* layout_catalog::instantiate_guest(body_arena& arena, const object_state& state) {
   const state_loader& with = loader(state.layout);
   if (!with.cls().may_be_guest()) return nullptr;
-  return with.load_guest(arena, state.body, make_object_id(number_, state.number));
+  byte_reader in(state.body, make_object_id(number_, state.number));
+  in.set_lasting(state.group != nullptr);
+  return with.load_guest(arena, in);
 }
 
 void layout_catalog::for_each_reference(const object_state& state,

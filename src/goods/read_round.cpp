@@ -97,11 +97,10 @@ const object* reader::look_in_cache(ref_word word, object_id id) const {
 const object* reader::look_in_passing(ref_word word) {
   object_id id = word.is_handle() ? word.handle()->id() : word.id();
   if (guests_ == nullptr) guests_ = guest_list::take();
-  if (const object* guest = guests_->find(id)) return guest;
+  if (const object* guest = guests_->find_nearby(*session_, id)) return guest;
   if (const object* body = look_in_cache(word, id)) return body;
   if (keeps_second_looks_ && session_->cache().was_passed_lately(id)) return nullptr;
-  guests_->load(*session_, {&id, 1});
-  return guests_->find(id);
+  return guests_->load(*session_, id);
 }
 
 void reader::prefetch(std::span<const ref_word> words) {

@@ -168,7 +168,8 @@ object* state_loader::load(object_handle* handle, std::span<const std::byte> sta
                            object_id self) const {
   object* const body = cls_.create(handle, static_cast<unsigned>(state.size()));
   try {
-    fill(*body, state, self);
+    byte_reader in(state, self);
+    fill(*body, in);
   } catch (...) {
     body->unpin();
     throw;
@@ -176,12 +177,11 @@ object* state_loader::load(object_handle* handle, std::span<const std::byte> sta
   return body;
 }
 
-object* state_loader::load_guest(body_arena& arena, std::span<const std::byte> state,
-                                 object_id self) const {
+object* state_loader::load_guest(body_arena& arena, byte_reader& state) const {
   const body_arena::next_body placed(arena);
-  object* const body = cls_.create(nullptr, static_cast<unsigned>(state.size()));
+  object* const body = cls_.create(nullptr, static_cast<unsigned>(state.left()));
   try {
-    fill(*body, state, self);
+    fill(*body, state);
   } catch (...) {
     body->~object();
     throw;
@@ -189,8 +189,7 @@ object* state_loader::load_guest(body_arena& arena, std::span<const std::byte> s
   return body;
 }
 
-void state_loader::fill(object& body, std::span<const std::byte> state, object_id self) const {
-  byte_reader in(state, self);
+void state_loader::fill(object& body, byte_reader& in) const {
   if (is_same_) {
     cls_.unpack(body, in);
   } else {

@@ -40,7 +40,7 @@ class state_loader {
   // A new body, pinned once. Throws corrupt_data.
   object* load(object_handle* handle, std::span<const std::byte> state, object_id self) const;
   // A new body without handle in an arena, to be destroyed and not to be unpinned.
-  object* load_guest(body_arena& arena, std::span<const std::byte> state, object_id self) const;
+  object* load_guest(body_arena& arena, byte_reader& state) const;
 
  private:
   struct member {
@@ -49,7 +49,7 @@ class state_loader {
     std::vector<member> components;
   };
 
-  void fill(object& body, std::span<const std::byte> state, object_id self) const;
+  void fill(object& body, byte_reader& in) const;
   std::vector<member> match(const std::vector<dbs_field_descriptor>& stored,
                             std::vector<const field_descriptor*> targets) const;
   void convert(object& body, byte_reader& in) const;

@@ -17,7 +17,7 @@ namespace tarns {
 // is compared depends on the number of changes after which paths may lead elsewhere
 // (cache_manager::relink_count()): with every such change all entries are forgotten, at no cost.
 //
-// Memory: taken from the system page by page as entries are made. Threads: any, without locks. An
+// Memory: taken from the system block by block as entries are made. Threads: any, without locks. An
 // entry is two words that are written one after the other; the first is kept xor the second, so
 // that a pair of halves of two entries matches no path.
 class PathShortcuts {
@@ -43,10 +43,12 @@ class PathShortcuts {
   // Starts fetching the entry from memory.
   void prefetch(const Key& key) const { __builtin_prefetch(&words_[placeOf(key)]); }
 
-  // `target` must not be 0. Whether the path's place was unused so far.
-  bool remember(const Key& key, std::uint64_t target);
+  // `target` must not be 0.
+  void remember(const Key& key, std::uint64_t target);
 
-  std::size_t size() const { return words_.size() * sizeof(std::uint64_t); }  // bytes, all in all
+  // Bytes: at most, and now.
+  std::size_t size() const { return words_.size() * sizeof(std::uint64_t); }
+  std::size_t memory() const { return words_.memory(); }
 
  private:
   // An entry is two words: the tag xor the target, and the target, which is 0 in an unused one. The

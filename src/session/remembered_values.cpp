@@ -10,7 +10,6 @@ namespace tarns {
 namespace {
 
 constexpr std::size_t kShareOfPaths = 4;  // of the memory: one part in so many
-constexpr std::size_t kPage = 4096;       // bytes that a new entry brings into memory
 constexpr std::size_t kChargeStep = std::size_t{64} << 10;
 
 // The text that the value of a node is in; 0 when it is in the node itself.
@@ -33,8 +32,7 @@ RememberedValues::~RememberedValues() {
 }
 
 void RememberedValues::chargeMemory() {
-  const std::size_t paths = std::min(entries_.load() * kPage, shortcuts_.size());
-  const std::size_t used = paths + values_.memory();
+  const std::size_t used = shortcuts_.memory() + values_.memory();
   std::size_t before = charged_.load();
   if (used < before + kChargeStep || !charged_.compare_exchange_strong(before, used)) return;
   session_.charge(static_cast<std::ptrdiff_t>(used - before));
@@ -77,7 +75,7 @@ void RememberedValues::Search::remember(const TarnData& value) {
   if (!keeps && known_.node == found_.node) return;
   const ValueRing::Position at = in_.values_.add(found_, keeps ? &value : nullptr);
   if (at == 0) return;
-  if (in_.shortcuts_.remember(key_, at)) ++in_.entries_;
+  in_.shortcuts_.remember(key_, at);
   in_.chargeMemory();
 }
 

@@ -64,7 +64,6 @@ class RememberedValues {
   goods::cache_manager& session_;
   PathShortcuts shortcuts_;
   ValueRing values_;
-  std::atomic<std::size_t> entries_{0};  // places of paths that came into use
   std::atomic<std::size_t> charged_{0};  // bytes
 };
 

@@ -56,7 +56,8 @@ void SetNumber(TarnData& out, TarnData::Type type, std::uint64_t word) {
 }  // namespace
 
 ValueRing::ValueRing(std::size_t bytes)
-    : words_(std::max(bytes / sizeof(std::uint64_t), 2 * kMostWords), MappedWords::Pages::kHuge),
+    : words_(std::max(bytes / sizeof(std::uint64_t), 2 * kMostWords),
+             MappedWords::Use::kFromOneEnd),
       end_(words_.size()) {}
 
 std::size_t ValueRing::memory() const {

@@ -130,6 +130,42 @@ TEST(IndexPageTest, IsTheSameAfterPackingAndUnpacking) {
   EXPECT_EQ(upper.upper_bound("b"), 3U);
 }
 
+TEST(IndexPageTest, IsSearchedInItsPackedForm) {
+  const index_page leaf = sample_leaf();
+  byte_writer out;
+  leaf.pack(out, self);
+  std::vector<std::byte> state(out.bytes().begin(), out.bytes().end());
+  std::vector<std::string> names{"", "a", "zz"};
+  for (std::size_t i = 0; i < leaf.size(); ++i) {
+    names.emplace_back(leaf.name(i));
+    names.push_back(names.back() + '\0');
+  }
+  const auto find = [&](std::string_view name) {
+    return index_page::find_packed(byte_reader(state, self), name);
+  };
+  for (const std::string& name : names) {
+    SCOPED_TRACE(name);
+    const std::size_t at = leaf.lower_bound(name);
+    const auto found = find(name);
+    ASSERT_EQ(found.has_value(), at < leaf.size() && leaf.name(at) == name);
+    if (!found) continue;
+    EXPECT_EQ(found->name, name);
+    EXPECT_EQ(found->member, leaf.member(at));
+    EXPECT_EQ(found->target, leaf.target(at));
+  }
+  for (std::size_t bit = 0; bit < state.size() * 8; ++bit) {
+    state[bit / 8] ^= std::byte{1} << bit % 8;
+    for (const std::string& name : names) {
+      const auto code = code_of([&] {
+        const auto found = find(name);
+        EXPECT_TRUE(!found || found->name == name);
+      });
+      EXPECT_TRUE(!code || code == error_code::corrupt_data) << bit;
+    }
+    state[bit / 8] ^= std::byte{1} << bit % 8;
+  }
+}
+
 TEST(IndexPageTest, RefusesWhatNoPageIs) {
   struct test_case {
     const char* what;

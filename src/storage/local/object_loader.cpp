@@ -15,7 +15,7 @@ constexpr int undisturbed_after = 8;
 void deliver(const segment& from, object_number number, state_sink& into) {
   const unsigned slot = slot_of(number);
   if (from.has(slot))
-    into.found({number, from.layout(slot), from.body(slot)});
+    into.found(from.state(slot));
   else
     into.missing(number);
 }

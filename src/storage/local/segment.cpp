@@ -1,7 +1,5 @@
 #include "storage/local/segment.h"
 
-#include <algorithm>
-
 #include "storage/local/byte_order.h"
 
 namespace goods {
@@ -19,42 +17,33 @@ segment::segment(segment_number number, std::uint64_t version, byte_block conten
   check();
 }
 
-void segment::check() const {
-  unsigned longest = 0;
-  bool has_layouts = true;
+void segment::check() {
+  std::size_t end = 0;
   for (unsigned place = 0; place < count_; ++place) {
-    longest = std::max(longest, pair_at(0, place));
-    has_layouts &= pair_at(2, place) != 0;
+    const unsigned length = pair_at(0, place);
+    if (length > longest_in_segment) throw damaged_bytes("an object is too long");
+    if (pair_at(2, place) == 0) throw damaged_bytes("a layout number is out of range");
+    starts_[place] = static_cast<std::uint16_t>(end);
+    end += length;
   }
-  if (!has_layouts) throw damaged_bytes("a layout number is out of range");
-  if (longest > longest_in_segment) throw damaged_bytes("an object is too long");
   for (std::uint64_t rest = apart_; rest != 0; rest &= rest - 1) {
     const auto slot = static_cast<unsigned>(std::countr_zero(rest));
     if (pair_at(0, place_of(slot)) != 0) throw damaged_bytes("its directory contradicts itself");
     if (apart_length(slot) > max_state_size) throw damaged_bytes("an object is too long");
   }
-  if (bodies_at_ + bytes_before(count_) != content_.size)
-    throw damaged_bytes("its length does not fit its objects");
-}
-
-std::size_t segment::bytes_before(unsigned place) const {
-  unsigned low = 0, high = 0;
-  for (unsigned i = 0; i < place; ++i) {
-    low += column(0)[i];
-    high += column(1)[i];
-  }
-  return low + std::size_t{high} * 256;
+  if (bodies_at_ + end != content_.size) throw damaged_bytes("its length does not fit its objects");
 }
 
 std::size_t segment::apart_length(unsigned slot) const {
   const std::byte* const lengths = content_.bytes.get() + columns_at + 4 * count_;
-  return load_number<std::uint32_t>(lengths +
-                                    sizeof(std::uint32_t) * set_bits_below(apart_, slot));
+  return load_number<std::uint32_t>(lengths + sizeof(std::uint32_t) * set_bits_below(apart_, slot));
 }
 
-std::span<const std::byte> segment::body(unsigned slot) const {
-  const unsigned place = place_of(slot);
-  return {content_.bytes.get() + bodies_at_ + bytes_before(place), pair_at(0, place)};
+bool segment::find(object_number number, object_state& found) const {
+  const unsigned slot = slot_of(number);
+  if (segment_of(number) != number_ || !has(slot) || is_apart(slot)) return false;
+  found = state(slot);
+  return true;
 }
 
 std::shared_ptr<const segment> segment::parse(segment_number number, std::uint64_t version,
@@ -102,8 +91,7 @@ void segment_builder::remove(unsigned slot) {
 std::shared_ptr<const segment> segment_builder::build(std::uint64_t version) const {
   const auto count = static_cast<unsigned>(std::popcount(present_));
   const auto apart_count = static_cast<unsigned>(std::popcount(apart_));
-  std::size_t size =
-      2 * sizeof(std::uint64_t) + 4 * count + sizeof(std::uint32_t) * apart_count;
+  std::size_t size = 2 * sizeof(std::uint64_t) + 4 * count + sizeof(std::uint32_t) * apart_count;
   for (std::uint64_t rest = present_ & ~apart_; rest != 0; rest &= rest - 1)
     size += sources_[std::countr_zero(rest)].length;
 

@@ -1,6 +1,7 @@
 // 64 consecutive objects, as they are stored and cached.
 #pragma once
 
+#include <array>
 #include <bit>
 #include <cstddef>
 #include <cstdint>
@@ -32,9 +33,10 @@ inline constexpr std::size_t longest_in_segment = 1024;  // bytes
 //   then for each object apart, in order: its length, 4 bytes
 //   then the objects that are not apart, one directly after the other
 //
-// Nothing is taken apart in advance: most segments are read for two or three of their objects.
+// Little is taken apart in advance: most segments are read for two or three of their objects. As a
+// group it has the objects that are not apart.
 // Threads: unchanging, so any. Shared between the cache and its readers.
-class segment {
+class segment : public state_group {
  public:
   // Takes a content apart. Throws damaged_bytes.
   static std::shared_ptr<const segment> parse(segment_number number, std::uint64_t version,
@@ -58,8 +60,14 @@ class segment {
     return is_apart(slot) ? apart_length(slot) : pair_at(0, place_of(slot));
   }
   // Only for objects that are not apart.
-  std::span<const std::byte> body(unsigned slot) const;
+  std::span<const std::byte> body(unsigned slot) const {
+    const unsigned place = place_of(slot);
+    return {content_.bytes.get() + bodies_at_ + starts_[place], pair_at(0, place)};
+  }
   object_number object(unsigned slot) const { return number_ * segment_slots + slot; }
+  // Requires an object that is not apart.
+  object_state state(unsigned slot) const { return {object(slot), layout(slot), body(slot), this}; }
+  bool find(object_number number, object_state& found) const override;
 
  private:
   // Objects are numbered in order, from 0, apart from their slots.
@@ -75,8 +83,7 @@ class segment {
     return column(n)[place] | unsigned{column(n + 1)[place]} << 8;
   }
   std::size_t apart_length(unsigned slot) const;
-  std::size_t bytes_before(unsigned place) const;
-  void check() const;
+  void check();
 
   static constexpr std::size_t columns_at = 16;
 
@@ -86,6 +93,7 @@ class segment {
   std::uint64_t present_ = 0;
   std::uint64_t apart_ = 0;
   std::size_t bodies_at_ = 0;
+  std::array<std::uint16_t, segment_slots> starts_;  // of each object's body, behind bodies_at_
   byte_block content_;
 };
 

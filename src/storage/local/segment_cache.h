@@ -40,45 +40,28 @@ class segment_cache {
  private:
   static constexpr std::size_t shards = 64;
 
-  struct entry {
-    std::shared_ptr<const segment> content;
-    bool used;
+  struct place {
+    segment_number number = 0;
+    bool used = false;
+    std::shared_ptr<const segment> content;  // null: a free place
   };
 
-  // Finds entries by segment: open addressing with linear probing, at most half full.
-  class index {
-   public:
-    static constexpr std::uint32_t none = ~std::uint32_t{0};
-
-    std::uint32_t find(segment_number number) const;
-    void set(segment_number number, std::uint32_t entry);  // adds or changes
-    void erase(segment_number number);
-
-   private:
-    struct place {
-      segment_number number;
-      std::uint32_t entry = none;
-    };
-
-    std::size_t home(segment_number number) const;
-    std::size_t place_of(segment_number number) const;  // where it is, or may be put
-    void grow();
-
-    std::vector<place> places_ = std::vector<place>(64);
-    std::size_t used_ = 0;
-  };
-
+  // Open addressing with linear probing, at most half full: a look-up touches one place.
   struct alignas(64) shard {
     guarded_mutex lock;
-    index places GUARDED_BY(lock);
-    std::vector<entry> entries GUARDED_BY(lock);
+    std::vector<place> places GUARDED_BY(lock) = std::vector<place>(64);
+    std::size_t entries GUARDED_BY(lock) = 0;
     std::size_t hand GUARDED_BY(lock) = 0;
     std::size_t bytes GUARDED_BY(lock) = 0;
     commit_version last_change GUARDED_BY(lock) = 0;  // of any segment of this shard
 
+    std::size_t home(segment_number number) const REQUIRES(lock);
+    place& place_of(segment_number number) REQUIRES(lock);  // where it is, or may be put
+    // Keeps nothing when there is no memory for it.
     void insert(std::shared_ptr<const segment> content, std::size_t limit) noexcept REQUIRES(lock);
-    std::shared_ptr<const segment> erase(std::uint32_t place) REQUIRES(lock);
+    std::shared_ptr<const segment> erase(std::size_t at) REQUIRES(lock);
     void make_room(std::size_t limit) REQUIRES(lock);
+    bool grow() noexcept REQUIRES(lock);  // false, and nothing changed, when there is no memory
   };
 
   shard& shard_of(segment_number number) { return shards_[number % shards]; }
