@@ -9,7 +9,8 @@
 namespace goods {
 
 // Makes the directory when it is missing (0700, under any umask; its parent must exist) and tells
-// which one it is; that it was made is durable once there is a store in it. Throws input_output naming it.
+// which one it is; that it was made is durable once there is a store in it. Throws input_output
+// naming it.
 directory_identity prepare_directory(const std::string& directory);
 
 // The exclusive hold on a directory, by a lock on its file "lock". The kernel lets go of it when
