@@ -3,11 +3,7 @@
 // A workload runs once, on a disk that writes down what is done to it. From that, images are made
 // of what the disk may hold after a loss of power at each moment; each is opened, and must have
 // everything that had been acknowledged by then and nothing of any commit in part.
-//
-// The environment variable TARNS_POWER_LOSS_IMAGES says how many images there are of all workloads
-// together; 5,000 unless it is set, and fewer where a sanitizer makes them slow.
 
-#include <cstdlib>
 #include <functional>
 #include <thread>
 
@@ -18,18 +14,6 @@
 
 namespace goods {
 namespace {
-
-#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
-constexpr unsigned default_images = 500;
-#else
-constexpr unsigned default_images = 5000;
-#endif
-
-unsigned all_images() {
-  // NOLINTNEXTLINE(concurrency-mt-unsafe): no test changes the environment
-  const char* wanted = std::getenv("TARNS_POWER_LOSS_IMAGES");
-  return wanted != nullptr ? static_cast<unsigned>(std::atoi(wanted)) : default_images;
-}
 
 // Larger than a file of the smallest log takes, so that it goes past the log.
 class long_commit : public numbered_commit {
@@ -196,19 +180,15 @@ class PowerLossTest : public testing::TestWithParam<workload> {
   // Makes so many images, spread over the whole trace. Returns how many are wrong.
   unsigned lose_power(const disk_trace& trace, unsigned images, std::minstd_rand& random,
                       conditions with) {
-    power_loss disk(trace.root, with.counts);
     unsigned wrong = 0, made = 0;
-    for (std::size_t i = 0; i < trace.events.size(); ++i) {
-      const disk_event& event = trace.events[i];
-      disk.apply(event);
-      if (event.what == disk_event::kind::note) follow(event.at, with.expected);
-      if (i < trace.begin) continue;
-      const std::size_t due = images * (i + 1 - trace.begin) / (trace.events.size() - trace.begin);
-      for (; made < due; ++made, ++images_) {
-        const bool twice = with.twice && made % 20 == 0;
-        wrong += check(disk.image(random), trace.root, with.expected, twice, random) ? 0 : 1;
-      }
-    }
+    for_each_loss(
+        trace, images, random, with.counts,
+        [&](std::uint64_t noted) { follow(noted, with.expected); },
+        [&](const disk_image& image) {
+          const bool twice = with.twice && made++ % 20 == 0;
+          wrong += check(image, trace.root, with.expected, twice, random) ? 0 : 1;
+        });
+    images_ += images;
     return wrong;
   }
 
@@ -232,7 +212,7 @@ class PowerLossTest : public testing::TestWithParam<workload> {
   unsigned share_of_images() const {
     double all = 0;
     for (const workload& one : workloads) all += one.share;
-    return static_cast<unsigned>(all_images() * GetParam().share / all);
+    return static_cast<unsigned>(power_loss_images() * GetParam().share / all);
   }
 
   faulty_vfs disk_;
@@ -272,6 +252,116 @@ TEST_P(PowerLossTest, FindsDisksThatDoNotSync) {
   for (const auto& c : cases) {
     SCOPED_TRACE(c.what);
     EXPECT_GT(lose_power(trace, 60, random, {c.counts, false}), 0U);
+  }
+}
+
+// ---- a disk that fails, and then loses its power
+
+struct fault_row {
+  const char* name;
+  faulty_vfs::operation what;
+  faulty_vfs::fault how;
+  bool for_good;
+  bool relaxed = false;  // may lose the last ones
+};
+
+void PrintTo(const fault_row& row, std::ostream* out) { *out << row.name; }
+
+class FailingPowerLossTest : public testing::TestWithParam<fault_row> {
+ protected:
+  static constexpr unsigned commits = 14;
+
+  // What may be found from one moment on.
+  struct moment {
+    contents certain;
+    std::optional<contents> other;
+  };
+
+  void next_moment(const contents& certain, const std::optional<contents>& other = {}) {
+    moments_.push_back({certain, other});
+    disk_.note(moments_.size() - 1);
+  }
+
+  // Commits on a disk of which one operation fails, or all from it on; until the store says that
+  // it must be opened again.
+  disk_trace run(std::uint64_t after) {
+    const scratch_directory scratch(scratch_directory::place::in_memory);
+    disk_.record(scratch.path().string());
+    moments_.clear();
+    contents all;
+    next_moment(all);
+    auto storage = open_storage(address(), scratch.path().string());
+    some_layout(*storage);
+    disk_.arm({faulty_vfs::bit(GetParam().what), after, GetParam().how, GetParam().for_good});
+    for (unsigned i = 0; i < commits; ++i) {
+      const numbered_commit next = commit_of(i);
+      contents with = all;
+      next.apply(with);
+      next_moment(all, with);
+      const auto failure = code_of([&] { storage->commit(next.request()); });
+      if (failure == error_code::outcome_unknown) break;
+      if (!failure) all = with;
+      next_moment(all);
+      // Leaves the background time to sync.
+      if (GetParam().relaxed && i == commits / 2)
+        std::this_thread::sleep_for(std::chrono::milliseconds(120));
+    }
+    storage.reset();
+    disk_.disarm();
+    return disk_.stop_recording();
+  }
+
+  static std::string address() {
+    return GetParam().relaxed ? "file:one?log=64K&durability=relaxed" : "file:one?log=64K";
+  }
+
+  std::string fault_of(const std::string& directory, std::size_t now) {
+    try {
+      const contents found = load_all(*open_storage(address(), directory));
+      if (found == moments_[now].certain || found == moments_[now].other) return {};
+      for (std::size_t i = 0; i < now && GetParam().relaxed; ++i)
+        if (found == moments_[i].certain) return {};
+      return "something else is in it";
+    } catch (const std::exception& error) {
+      return error.what();
+    }
+  }
+
+  faulty_vfs disk_;
+  std::vector<moment> moments_;
+};
+
+constexpr auto sync_operation = faulty_vfs::operation::sync;
+constexpr auto write_operation = faulty_vfs::operation::write;
+
+INSTANTIATE_TEST_SUITE_P(
+    Disks, FailingPowerLossTest,
+    testing::Values(
+        fault_row{"sync_once", sync_operation, faulty_vfs::fault::io_error, false},
+        fault_row{"sync_for_good", sync_operation, faulty_vfs::fault::io_error, true},
+        fault_row{"relaxed_sync_once", sync_operation, faulty_vfs::fault::io_error, false, true},
+        fault_row{"torn_write", write_operation, faulty_vfs::fault::torn, false},
+        fault_row{"written_but_failed", write_operation, faulty_vfs::fault::lost_sync, false},
+        fault_row{"full_for_good", write_operation, faulty_vfs::fault::full, true}),
+    [](const auto& row) { return std::string(row.param.name); });
+
+TEST_P(FailingPowerLossTest, LeavesWhatWasAcknowledgedAndNothingThatWasRefused) {
+  const unsigned seed = std::random_device{}();
+  SCOPED_TRACE(testing::Message() << "seed " << seed);
+  std::minstd_rand random(seed);
+  bool failed = true;
+  for (std::uint64_t after = 0; failed && !HasFailure(); ++after) {
+    SCOPED_TRACE(testing::Message() << "after " << after << " operations");
+    const disk_trace trace = run(after);
+    failed = disk_.has_failed();
+    std::size_t now = 0;
+    for_each_loss(
+        trace, 8, random, {}, [&](std::uint64_t note) { now = note; },
+        [&](const disk_image& image) {
+          const scratch_directory scratch(scratch_directory::place::in_memory);
+          write_image(image, trace.root, scratch.path());
+          EXPECT_EQ(fault_of(scratch.path().string(), now), "");
+        });
   }
 }
 

@@ -1,6 +1,7 @@
 #include "support/disk_trace.h"
 
 #include <algorithm>
+#include <cstdlib>
 #include <fstream>
 #include <span>
 
@@ -95,7 +96,7 @@ void power_loss::sync_names(const std::string& directory) {
   });
 }
 
-void power_loss::apply(const disk_event& event) {
+void power_loss::apply(const disk_event& event, std::minstd_rand& random) {
   switch (event.what) {
     case kind::make_directory:
     case kind::create:
@@ -112,6 +113,12 @@ void power_loss::apply(const disk_event& event) {
       held_file& file = files_[event.file];
       for (const disk_event* pending : file.pending) change(file.durable, *pending);
       file.pending.clear();
+      break;
+    }
+    case kind::failed_sync: {
+      luck of_file(random);
+      std::erase_if(files_[event.file].pending,
+                    [&](const disk_event*) { return !of_file.strikes(); });
       break;
     }
     case kind::sync_directory:
@@ -150,4 +157,31 @@ disk_image power_loss::image(std::minstd_rand& random) const {
     }
   }
   return result;
+}
+
+void for_each_loss(const disk_trace& trace, unsigned images, std::minstd_rand& random,
+                   const power_loss::sync_filter& counts,
+                   const std::function<void(std::uint64_t)>& noted,
+                   const std::function<void(const disk_image&)>& look) {
+  power_loss disk(trace.root, counts);
+  const std::size_t length = trace.events.size() - trace.begin;
+  for (std::size_t i = 0, made = 0; i < trace.events.size(); ++i) {
+    const disk_event& event = trace.events[i];
+    disk.apply(event, random);
+    if (event.what == kind::note) noted(event.at);
+    if (i < trace.begin) continue;
+    for (; made < images * (i + 1 - trace.begin) / length; ++made) look(disk.image(random));
+  }
+}
+
+unsigned power_loss_images() {
+#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
+  constexpr unsigned usual = 500;
+#else
+  constexpr unsigned usual = 5000;
+#endif
+  // NOLINTNEXTLINE(concurrency-mt-unsafe): no test changes the environment
+  const char* wanted = std::getenv("TARNS_POWER_LOSS_IMAGES");
+  // NOLINTNEXTLINE(cert-err34-c): nonsense means none, which fails
+  return wanted != nullptr ? static_cast<unsigned>(std::atoi(wanted)) : usual;
 }

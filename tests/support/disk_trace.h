@@ -21,6 +21,7 @@ struct disk_event {
     write,           // file, at, bytes
     truncate,        // file, at: its new size
     sync,            // file, path: its name when it was opened
+    failed_sync,     // likewise
     sync_directory,  // path
     note             // at: whatever the test says
   };
@@ -48,7 +49,8 @@ void write_image(const disk_image& image, const std::string& root,
 // What is known to survive: what was written to a file before it was synced, and names that were
 // given and taken before their directory was synced. Of the rest, each write, truncation and change
 // of a name may be there or not, whichever came first; a write may also be there in some of its
-// sectors of 512 bytes only. Every file and directory has its own luck.
+// sectors of 512 bytes only. Every file and directory has its own luck. A sync that fails drops
+// some of the writes before it for good: the next one that succeeds tells nothing of them.
 class power_loss {
  public:
   // `counts`: whether a sync has any effect; null: it has. For a disk that lies.
@@ -57,7 +59,7 @@ class power_loss {
       : root_(std::move(root)), counts_(std::move(counts)) {}
 
   // The next thing that is done. The event must stay.
-  void apply(const disk_event& event);
+  void apply(const disk_event& event, std::minstd_rand& random);
 
   // What is found when the power is lost now.
   disk_image image(std::minstd_rand& random) const;
@@ -78,3 +80,14 @@ class power_loss {
   entries durable_names_;
   std::vector<const disk_event*> pending_names_;
 };
+
+// Makes so many images, spread evenly over the whole trace, and calls `look` with each; and `noted`
+// with each note before what comes after it.
+void for_each_loss(const disk_trace& trace, unsigned images, std::minstd_rand& random,
+                   const power_loss::sync_filter& counts,
+                   const std::function<void(std::uint64_t)>& noted,
+                   const std::function<void(const disk_image&)>& look);
+
+// How many images the workloads of the embedded store make together: the environment variable
+// TARNS_POWER_LOSS_IMAGES, or 5,000; fewer where a sanitizer makes them slow.
+unsigned power_loss_images();

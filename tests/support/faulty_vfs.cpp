@@ -97,10 +97,10 @@ void note_truncate(std::uint64_t file, std::uint64_t size) {
   if (the_disk.recording) add({kind::truncate, {}, {}, file, size, {}});
 }
 
-void note_sync(std::uint64_t file, const std::string& path) {
+void note_sync(std::uint64_t file, const std::string& path, bool failed = false) {
   if (file == 0) return;
   const std::lock_guard guard(the_disk.lock);
-  if (the_disk.recording) add({kind::sync, path, {}, file, 0, {}});
+  if (the_disk.recording) add({failed ? kind::failed_sync : kind::sync, path, {}, file, 0, {}});
 }
 
 void note_sync_directory(const std::string& path) {
@@ -165,10 +165,11 @@ int truncate_file(sqlite3_file* file, sqlite3_int64 size) {
 }
 
 int sync_file(sqlite3_file* file, int) {
-  if (const auto failure = fault_of(operation::sync))
-    return error_for(*failure, SQLITE_IOERR_FSYNC);
-  if (!the_disk.recording || shim(file)->name == nullptr) return SQLITE_OK;
-  note_sync(shim(file)->number, shim(file)->name);
+  const auto failure = fault_of(operation::sync);
+  const bool recorded = the_disk.recording && shim(file)->name != nullptr;
+  if (recorded) note_sync(shim(file)->number, shim(file)->name, failure.has_value());
+  if (failure) return error_for(*failure, SQLITE_IOERR_FSYNC);
+  if (!recorded) return SQLITE_OK;
   if (std::exchange(shim(file)->syncs_directory, false))
     note_sync_directory(directory_of(shim(file)->name));
   return SQLITE_OK;
@@ -276,8 +277,9 @@ class faulty_file : public goods::storage_file {
   }
 
   void sync() override {
-    if (const auto failure = fault_of(operation::sync)) fail(*failure, path_);
-    note_sync(number_, path_);
+    const auto failure = fault_of(operation::sync);
+    note_sync(number_, path_, failure.has_value());
+    if (failure) fail(*failure, path_);
   }
 
  private:

@@ -14,7 +14,9 @@
 // The directory and configuration file of a database with some embedded storages.
 class test_store {
  public:
-  explicit test_store(int storages = 1, const std::string& options = {}) {
+  explicit test_store(int storages = 1, const std::string& options = {},
+                      scratch_directory::place where = scratch_directory::place::on_disk)
+      : directory_(where) {
     std::ofstream file(configuration());
     file << storages << '\n';
     for (int i = 0; i < storages; ++i) {
@@ -31,8 +33,9 @@ class test_store {
 // A session on a test_store; the thread that makes it is attached.
 class test_session {
  public:
-  explicit test_session(const test_store& store) {
-    if (!db_.open(store.configuration().c_str())) {
+  explicit test_session(const test_store& store) : test_session(store.configuration()) {}
+  explicit test_session(const std::string& configuration) {
+    if (!db_.open(configuration.c_str())) {
       throw std::runtime_error(db_.get_open_problem());
     }
     db_.attach();
