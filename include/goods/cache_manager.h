@@ -8,6 +8,7 @@
 #include <memory>
 #include <mutex>
 #include <optional>
+#include <string>
 #include <type_traits>
 #include <utility>
 #include <vector>
@@ -106,6 +107,8 @@ class GOODS_API cache_manager {
   // first time. What it throws leaves the write access.
   virtual void joins_transaction(object_handle& handle) { add(&handle); }
   void add(object_handle*) {}
+  // What messages call an object: by default "object 0:65600".
+  virtual std::string name_of(object_id id);
   // Ends the process; see abort_on_read_lock_promotion.
   virtual void promotes_read_lock(object_handle& handle);
 

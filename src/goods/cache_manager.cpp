@@ -191,9 +191,13 @@ void cache_manager::touched(object_handle& handle) {
   if (mine != nullptr && mine->open() != nullptr) mine->open()->touched(handle);
 }
 
+std::string cache_manager::name_of(object_id id) {
+  return "object " + std::to_string(storage_of(id)) + ":" + std::to_string(number_of(id));
+}
+
 void cache_manager::promotes_read_lock(object_handle& handle) {
-  std::fprintf(stderr, "Error: a transaction writes object %u:%u after having read it.\n",
-               unsigned{storage_of(handle.id())}, unsigned{number_of(handle.id())});
+  std::fprintf(stderr, "Error: a transaction writes %s after having read it.\n",
+               name_of(handle.id()).c_str());
   std::abort();
 }
 

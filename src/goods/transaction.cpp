@@ -13,6 +13,7 @@
 
 #include "goods/commit_builder.h"
 #include "goods/epoch.h"
+#include "goods/lock_errors.h"
 #include "goods/object_cache.h"
 #include "goods/publication.h"
 #include "goods/thread_attachment.h"
@@ -67,7 +68,10 @@ void transaction::lock(object_id id, lock_mode mode) {
     session_.cache().apply_notices(storage_of(id), newest);
   } catch (const error_info& error) {
     doom(error.code(), message_of(error));
-    throw;
+    if (error.code() != error_code::deadlock && error.code() != error_code::lock_timeout) throw;
+    // Others go on meanwhile: the locks are free.
+    doom_->reason = describe_conflict(session_, error.code(), id, mode, owner_.conflict());
+    throw_error(doom_->code, doom_->reason);
   }
 }
 

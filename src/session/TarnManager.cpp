@@ -110,6 +110,10 @@ void TarnManager::detach() { goods::cache_manager::detach(); }
 
 void TarnManager::setCacheLimit(std::size_t bytes) { getCacheManager().setCacheLimit(bytes); }
 
+void TarnManager::setLockTimeout(std::chrono::milliseconds limit) {
+  getCacheManager().set_lock_timeout(limit);
+}
+
 xcptref<TarnRoot> TarnManager::getRoot() const {
   xcptref<TarnRoot> root = getCacheManager().getRoot();
   const goods::library_call here;

@@ -128,21 +128,9 @@ XStringList TarnCacheManager::getLockedPaths() const {
 }
 
 void TarnCacheManager::promotes_read_lock(goods::object_handle& handle) {
-  std::optional<TarnPath> path;
-  outside_transaction([&] {
-    const TarnRef object = manager_.getObject(handle.id());
-    if (TarnObject::IsTarnObject(object)) path = getPhysicalPath(object);
-  });
-  {
-    Log line(Log::Error);
-    line << "Error: bad database transaction detected.  Trying to write after reading:"
-         << Log::Break << "  ";
-    if (path) {
-      line << *path;
-    } else {
-      line << goods::storage_of(handle.id()) << ":" << goods::number_of(handle.id());
-    }
-  }
+  const std::string name = name_of(handle.id());
+  Log(Log::Error) << "Error: bad database transaction detected.  Trying to write after reading:"
+                  << Log::Break << "  " << name;
   std::abort();
 }
 

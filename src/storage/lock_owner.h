@@ -10,9 +10,12 @@
 
 #include <goods/dbs_storage.h>
 
+#include "storage/lock_conflict.h"
+
 namespace goods {
 
 struct lock_grant;
+struct lock_waiter;
 
 // What one transaction holds, in all storages, and whom it waits for.
 //
@@ -39,6 +42,9 @@ class lock_owner {
 
   // Locks held, in all storages.
   std::size_t held() const { return held_count_; }
+
+  // Why the last lock() of the owner threw deadlock or lock_timeout.
+  const lock_conflict& conflict() const { return conflict_; }
 
   class door;  // for lock tables
 
@@ -70,8 +76,15 @@ class lock_owner {
   std::vector<std::unique_ptr<lock_grant[]>> chunks_;
 
   std::condition_variable_any wake_;
-  std::vector<lock_owner*> waits_for_;  // empty unless it waits
-  std::uint64_t visited_ = 0;           // by which search for a cycle
+  lock_conflict conflict_;
+
+  // Under the mutex of the waits-for graph.
+  const lock_waiter* waiter_ = nullptr;  // null unless it waits; on its thread's stack
+  std::vector<lock_edge> edges_;         // empty unless it waits
+  std::uint64_t visited_ = 0;            // by which search for a cycle
+  lock_owner* found_from_ = nullptr;     // by that search
+  const lock_edge* found_by_ = nullptr;
+  lock_owner* next_searched_ = nullptr;
 };
 
 }  // namespace goods

@@ -1,10 +1,11 @@
 #include "storage/object_locks.h"
 
 #include <fmt/format.h>
-#include <time.h>
 
+#include <algorithm>
 #include <utility>
 
+#include "storage/coarse_clock.h"
 #include "storage/lock_owner_door.h"
 #include "storage/storage_process.h"
 
@@ -13,11 +14,8 @@ namespace {
 
 constexpr std::size_t first_buckets = 64;
 
-std::int64_t coarse_now() {
-  timespec now;
-  ::clock_gettime(CLOCK_MONOTONIC_COARSE, &now);
-  return std::int64_t{now.tv_sec} * 1'000'000'000 + now.tv_nsec;
-}
+// A wait that is meant to have no end; so late a moment that adding to it cannot overflow.
+constexpr std::chrono::hours longest_wait{24};
 
 waits_for_graph& graph() { return storage_process::instance().waits(); }
 
@@ -62,13 +60,60 @@ void grant_waiting(lock_node& node) {
   if (node.queue != nullptr) graph().refresh(node);
 }
 
+// Without waiting; those that wait learn how it is held.
+void hold_and_tell(lock_node& node, lock_waiter& waiter) {
+  hold(node, *waiter.grant, waiter.mode, waiter.is_upgrade);
+  if (node.queue != nullptr) graph().refresh(node);
+}
+
 void remove_holder(lock_node& node, lock_grant& grant) {
   lock_grant** at = &node.holders;
   while (*at != &grant) at = &(*at)->next_holder;
   *at = grant.next_holder;
 }
 
+// Takes a request out of the queue again, unless it has been granted.
+class queued {
+ public:
+  queued(lock_node& node, lock_waiter& waiter) : node_(node), waiter_(waiter) {
+    enqueue(node_, waiter_);
+  }
+  ~queued() { leave(); }
+  queued(const queued&) = delete;
+  queued& operator=(const queued&) = delete;
+
+  void leave() noexcept {
+    if (waiter_.granted || has_left_) return;
+    has_left_ = true;
+    dequeue(node_, waiter_);
+    graph().clear(*waiter_.owner);
+    grant_waiting(node_);
+  }
+
+ private:
+  lock_node& node_;
+  lock_waiter& waiter_;
+  bool has_left_ = false;
+};
+
+// "thread 17 has held it exclusively for 12 ms, ..."
+std::string who_is_in_the_way(const lock_conflict& conflict, std::size_t most) {
+  std::string text;
+  for (const lock_wait& wait : conflict.waits) {
+    if (most-- == 0) break;
+    if (!text.empty()) text += ", ";
+    text += describe_in_the_way(wait, "it");
+  }
+  return text;
+}
+
 }  // namespace
+
+std::string describe_in_the_way(const lock_wait& wait, std::string_view object) {
+  if (!wait.is_held) return fmt::format("{} waits for {} longer", wait.in_the_way, object);
+  return fmt::format("{} has held {} {} for {} ms", wait.in_the_way, object,
+                     wait.held == lock_mode::shared ? "shared" : "exclusively", wait.milliseconds);
+}
 
 // ---- the shard's nodes
 
@@ -139,7 +184,7 @@ commit_version object_lock_table::lock(lock_owner& owner, object_number number, 
     guarded_scope scope(in.lock);
     lock_node& node = *in.need(number);
     if (can_hold(node, owner, mode) && (waiter.is_upgrade || node.queue == nullptr))
-      hold(node, *waiter.grant, mode, waiter.is_upgrade);
+      hold_and_tell(node, waiter);
     else
       wait(in, node, waiter, limit);
   } catch (...) {
@@ -153,52 +198,39 @@ commit_version object_lock_table::lock(lock_owner& owner, object_number number, 
 void object_lock_table::wait(shard& in, lock_node& node, lock_waiter& waiter,
                              std::chrono::milliseconds limit) {
   lock_owner& owner = *waiter.owner;
-  enqueue(node, waiter);
-  graph().refresh(node);
-  if (graph().is_cyclic(owner)) {
-    dequeue(node, waiter);
-    graph().clear(owner);
-    const bool may_pass = can_hold(node, owner, waiter.mode);
-    if (may_pass) hold(node, *waiter.grant, waiter.mode, waiter.is_upgrade);
-    grant_waiting(node);
-    if (may_pass) return;
+  graph().make_room(node, owner);
+  lock_conflict& conflict = lock_owner::door(owner).conflict();
+  conflict.waits.clear();
+  queued in_queue(node, waiter);
+  if (graph().closes_circle(node, waiter, conflict)) {
+    if (can_hold(node, owner, waiter.mode)) {
+      // It would only wait behind others that wait.
+      dequeue(node, waiter);
+      graph().clear(owner);
+      hold(node, *waiter.grant, waiter.mode, waiter.is_upgrade);
+      waiter.granted = true;
+      grant_waiting(node);
+      return;
+    }
     throw_error(
         error_code::deadlock,
         fmt::format("Object {} of the storage \"{}\" cannot be locked without a deadlock: {}.",
-                    waiter.grant->number, storage_.name(), explain(node, owner)));
+                    waiter.grant->number, storage_.name(), who_is_in_the_way(conflict, 1)));
   }
-  const auto deadline = std::chrono::steady_clock::now() + limit;
+  const auto deadline =
+      std::chrono::steady_clock::now() + std::min<std::chrono::milliseconds>(limit, longest_wait);
   auto& wake = lock_owner::door(owner).wake();
   while (!waiter.granted) {
     if (wake.wait_until(in.lock, deadline) == std::cv_status::no_timeout || waiter.granted)
       continue;
-    const std::string holders = explain(node, owner);
-    dequeue(node, waiter);
-    graph().clear(owner);
-    grant_waiting(node);
+    conflict = graph().in_the_way_of(waiter);
+    in_queue.leave();
     if (node.holders == nullptr && node.queue == nullptr) in.drop(&node);
     throw_error(error_code::lock_timeout,
                 fmt::format("Object {} of the storage \"{}\" could not be locked within {} ms: {}.",
-                            waiter.grant->number, storage_.name(), limit.count(), holders));
+                            waiter.grant->number, storage_.name(), limit.count(),
+                            who_is_in_the_way(conflict, conflict.waits.size())));
   }
-}
-
-// "thread 17 has held it exclusively for 12 ms, ..."
-std::string object_lock_table::explain(const lock_node& node, const lock_owner& but) const {
-  constexpr int most_named = 8;
-  std::string text;
-  int named = 0;
-  for (const lock_grant* holder = node.holders; holder != nullptr; holder = holder->next_holder) {
-    if (holder->owner == &but) continue;
-    if (++named > most_named) return text + " and others";
-    if (!text.empty()) text += ", ";
-    text += fmt::format("{} has held it {} for {} ms", holder->owner->description(),
-                        holder->mode == lock_mode::shared ? "shared" : "exclusively",
-                        (coarse_now() - holder->since) / 1'000'000);
-  }
-  if (text.empty() && node.queue != nullptr)
-    text = fmt::format("{} waits for it longer", node.queue->owner->description());
-  return text;
 }
 
 void object_lock_table::unlock_all(lock_owner& owner) noexcept {

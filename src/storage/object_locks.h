@@ -55,8 +55,10 @@ struct lock_node {
 // at once, unless it can be let in: a reader that waits only behind a writer that itself waits.
 //
 // Locks: one mutex for each shard of the table; under it, when somebody waits, the process-wide
-// mutex of the waits-for graph (storage_process). Waiting owners' edges (lock_owner::waits_for_)
+// mutex of the waits-for graph (storage_process). Waiting owners' edges (lock_owner::edges_)
 // are made anew whenever what they wait for changes, so that a search needs the graph's mutex only.
+//
+// Errors: a lock() that throws, also std::bad_alloc, leaves nothing of its request behind.
 class object_lock_table : public lock_table {
  public:
   explicit object_lock_table(const dbs_storage& storage);
@@ -65,6 +67,8 @@ class object_lock_table : public lock_table {
   commit_version lock(lock_owner& owner, object_number number, lock_mode mode,
                       std::chrono::milliseconds limit) override;
   void unlock_all(lock_owner& owner) noexcept override;
+
+  std::string storage_name() const { return storage_.name(); }
 
   // How many requests for the object wait at the moment.
   std::size_t waiting(object_number number);
@@ -89,7 +93,6 @@ class object_lock_table : public lock_table {
   void wait(shard& in, lock_node& node, lock_waiter& waiter, std::chrono::milliseconds limit)
       REQUIRES(in.lock);
   void release(lock_grant& grant) noexcept;
-  std::string explain(const lock_node& node, const lock_owner& but) const;
 
   const dbs_storage& storage_;
   std::array<shard, shards> shards_;

@@ -4,8 +4,10 @@
 #include <chrono>
 #include <future>
 #include <latch>
+#include <map>
 #include <thread>
 
+#include "goods/thread_attachment.h"
 #include "support/session_fixture.h"
 #include "support/throws_tarn.h"
 
@@ -14,6 +16,7 @@ namespace {
 
 using std::chrono::milliseconds;
 using testing::HasSubstr;
+using testing::MatchesRegex;
 
 class DoomedTransactionTest : public session_test {
  protected:
@@ -27,7 +30,7 @@ class DoomedTransactionTest : public session_test {
   }
   // Writes a, then waits for b, which another thread has locked and which then wants `wants`.
   void meet(const char* wants, milliseconds limit) {
-    manager().db().getCacheManager().set_lock_timeout(limit);
+    manager().setLockTimeout(limit);
     std::latch haveLocked(2);
     other_ = elsewhere([this, wants, &haveLocked] {
       TarnTransaction transaction(manager());
@@ -156,6 +159,12 @@ TEST_F(DoomedTransactionTest, TheVictimOfADeadlockLetsTheOthersGoOnAtOnce) {
     return;
   } catch (const TarnException& error) {
     EXPECT_EQ(error.getErrorID(), 100UL);
+    EXPECT_THAT(
+        error.what(),
+        MatchesRegex("\"b\" cannot be locked for reading without a deadlock: "
+                     "thread [0-9]+ waits, and thread [0-9]+ has held \"b\" exclusively for "
+                     "[0-9]+ ms; thread [0-9]+ waits, and thread [0-9]+ has held \"a\" "
+                     "exclusively for [0-9]+ ms\\."));
   }
   other_.get();  // while this scope is still open
   EXPECT_THAT([&] { manager().set("b", 1); }, ThrowsTarn(100, HasSubstr("deadlock")));
@@ -169,7 +178,10 @@ TEST_F(DoomedTransactionTest, ATimeOutKeepsItsCodeAndIsNotRepeated) {
   const auto work = [&] {
     ++attempts;
     meet("c", milliseconds(20));
-    EXPECT_THAT([&] { manager().set("b", 1); }, ThrowsTarn(101, testing::_));
+    EXPECT_THAT([&] { manager().set("b", 1); },
+                ThrowsTarn(101, MatchesRegex("\"b\" could not be locked for reading within 20 ms: "
+                                             "thread [0-9]+ has held it exclusively for [0-9]+ "
+                                             "ms\\.")));
     elsewhere([&] { manager().set("a", 7); }).get();  // its lock is free by now
     EXPECT_THAT([&] { manager().getSint32("a"); }, ThrowsTarn(101, HasSubstr("20 ms")));
   };
@@ -178,6 +190,60 @@ TEST_F(DoomedTransactionTest, ATimeOutKeepsItsCodeAndIsNotRepeated) {
   hasTimedOut_.set_value();
   other_.get();
   EXPECT_EQ(picture(), "a=7 b=2 c=2");
+}
+
+TEST_F(DoomedTransactionTest, SaysWhatOfANodeIsLocked) {
+  manager().set("n~v", 1);
+  manager().set("n~w", 2);
+  const TarnRef lost = manager().getNoFail("lost~n");
+  manager().deleteBranch("lost");
+  struct Case {
+    std::function<void()> holds, wants;
+    const char* message;
+  };
+  const Case cases[] = {
+      {[&] { manager().set("n~v", 3); }, [&] { manager().getSint32("n~v"); },
+       "\"n~v\" could not be locked for reading"},
+      {[&] { manager().set("n~x", 3); }, [&] { manager().getSint32("n~v"); },
+       "\"n\" could not be locked for reading"},
+      {[&] { modify(manager().getObject("n~v"))->setName("u"); },
+       [&] { manager().getSint32("n~w"); }, "the children of \"n\" could not be locked"},
+      {[&] { manager().getSint32("n~v"); }, [&] { manager().set("new", 3); },
+       "the root could not be locked for writing"},
+      {[&] { modify(lost)->touch(); }, [&] { modify(lost)->touch(); }, "object 0:"},
+  };
+  manager().setLockTimeout(milliseconds(1));
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.message);
+    std::latch hasLocked(1), over(1);
+    const auto other = elsewhere([&] {
+      TarnTransaction transaction(manager());
+      c.holds();
+      hasLocked.count_down();
+      over.wait();
+      transaction.rollback();
+    });
+    hasLocked.wait();
+    EXPECT_THAT([&] { manager().transaction(c.wants); },
+                ThrowsTarn(101, testing::StartsWith(c.message)));
+    over.count_down();
+  }
+}
+
+TEST_F(DoomedTransactionTest, EveryObjectHasAName) {
+  for (int i = 0; i < 200; ++i) manager().set("wide~" + std::to_string(i), i);
+  manager().set("text", "abc");
+  std::map<std::string, int> names;
+  TarnCacheManager& session = manager().db().getCacheManager();
+  const TarnTransaction locksNothing(manager());
+  for (goods::object_id id = 65'536; id < 66'200; ++id) ++names[session.name_of(id)];
+  EXPECT_EQ(names["the root"], 1);
+  EXPECT_EQ(names["\"wide~17\""], 1);
+  EXPECT_EQ(names["the entry \"17\" of \"wide\""], 1);
+  EXPECT_EQ(names["the children of the root"], 1);
+  EXPECT_GT(names["the children of \"wide\""], 2) << "the index and its pages";
+  EXPECT_EQ(names["object 0:66199"], 1) << "nothing";
+  EXPECT_EQ(session.attachment()->locks().held(), 0U);
 }
 
 TEST_F(DoomedTransactionTest, ALeftTransactionEndsNoOtherOne) {

@@ -87,7 +87,7 @@ TEST_F(TransactionChecksDeathTest, ABrokenOrderEndsTheProcessAndSaysWhatWasWrong
          EXPECT_EQ(b->getNumChildren(), 0U);
          m.set("b", 1);
        },
-       "Trying to write after reading:\n  b\n"},
+       "Trying to write after reading:\n  \"b\"\n"},
   };
   for (const Case& c : cases) {
     SCOPED_TRACE(c.message);

@@ -1,8 +1,11 @@
 // Memory that runs out, at every point of a workload.
 
+#include <atomic>
 #include <filesystem>
 #include <functional>
+#include <thread>
 
+#include "storage/lock_owner.h"
 #include "storage/multi_commit.h"
 #include "storage/numbered_commits.h"
 #include "storage/storage_fixture.h"
@@ -136,6 +139,49 @@ TEST_P(MemoryTest, OpeningRecoversOrSaysThatItCouldNot) {
       EXPECT_EQ(found[first_numbered], all[first_numbered]);
     }
     EXPECT_EQ(load_all(*open_storage("file:store", directory)), all);
+  });
+}
+
+// Without memory a request is refused as if it had never been made; nobody else is held up, and
+// nothing of it stays in the table.
+TEST_P(MemoryTest, ALockIsGivenOrRefusedAndOthersGetTheirs) {
+  at_every_point([](const std::string& directory, std::uint64_t after) {
+    using namespace std::chrono_literals;
+    constexpr object_number a = 0x10001, b = 0x10002;
+    const auto storage = open_storage("file:store", directory);
+    lock_table& locks = storage->locks();
+    lock_owner first("first"), second("second"), third("third");
+    const auto lock = [&](lock_owner& owner, object_number number, lock_mode mode,
+                          std::chrono::milliseconds limit) {
+      try {
+        locks.lock(owner, number, mode, limit);
+      } catch (const std::bad_alloc&) {
+      } catch (const error_info&) {  // deadlock and lock_timeout
+      }
+    };
+    locks.lock(first, a, lock_mode::exclusive, 0ms);
+    std::atomic<bool> has_begun = false;
+    std::thread other([&] {
+      locks.lock(second, b, lock_mode::exclusive, 0ms);
+      has_begun = true;
+      lock(second, a, lock_mode::exclusive, 60'000ms);
+      locks.unlock_all(second);
+    });
+    while (!has_begun) std::this_thread::yield();
+    {
+      const failing_memory memory(after, GetParam());
+      lock(third, a, lock_mode::shared, 1ms);       // time-out
+      lock(first, b, lock_mode::exclusive, 200ms);  // deadlock, unless the other one is not there
+      for (object_number number = b + 1; number < b + 40; ++number)
+        lock(third, number, lock_mode::shared, 0ms);
+      locks.unlock_all(first);
+    }
+    other.join();
+    locks.unlock_all(third);
+    EXPECT_EQ(first.held() + second.held() + third.held(), 0U);
+    for (object_number number = a; number < b + 40; ++number)
+      locks.lock(third, number, lock_mode::exclusive, 0ms);
+    locks.unlock_all(third);
   });
 }
 

@@ -195,6 +195,38 @@ TEST_F(ObjectLocksTest, AReaderPassesAWriterRatherThanDeadlock) {
   EXPECT_EQ(queued.failure(), "");
 }
 
+TEST_F(ObjectLocksTest, TellsAllThatAreInTheWay) {
+  lock_owner first("first"), second("second"), writer("writer"), late("late");
+  locks_.lock(first, a, shared, 0ms);
+  locks_.lock(second, a, shared, 0ms);
+  locking_thread queued(locks_, writer, a, exclusive, [&] { locks_.unlock_all(writer); });
+  await_waiting(locks_, a, 1);
+  EXPECT_FALSE(can_lock(locks_, late, a, exclusive));
+  std::vector<std::string> said;
+  for (const lock_wait& wait : late.conflict().waits) {
+    EXPECT_EQ(wait.wanted, exclusive);
+    said.push_back(describe_in_the_way(wait, "a").substr(0, 24));
+  }
+  EXPECT_THAT(said,
+              testing::UnorderedElementsAre("first has held a shared ", "second has held a shared",
+                                            "writer waits for a longe"));
+  locks_.unlock_all(first);
+  locks_.unlock_all(second);
+  EXPECT_EQ(queued.failure(), "");
+}
+
+TEST_F(ObjectLocksTest, WaitsWithoutALimit) {
+  lock_owner first, second;
+  locks_.lock(first, a, shared, 0ms);
+  std::thread patient([&] {
+    locks_.lock(second, a, exclusive, std::chrono::milliseconds::max());
+    locks_.unlock_all(second);
+  });
+  await_waiting(locks_, a, 1);
+  locks_.unlock_all(first);
+  patient.join();
+}
+
 // Each of n owners holds one object and waits for the next one's; the one that would close the
 // circle is refused, keeps what it has, and when it lets go the others get on.
 TEST_F(ObjectLocksTest, FindsCyclesThroughSeveralStoragesAtOnce) {
@@ -225,6 +257,18 @@ TEST_F(ObjectLocksTest, FindsCyclesThroughSeveralStoragesAtOnce) {
         fails_with(error_code::deadlock,
                    AllOf(HasSubstr("65537"), HasSubstr("owner 0 has held it exclusively"))));
     EXPECT_TRUE(owners[n - 1]->holds(table(n - 1), number(n - 1), exclusive));
+    // The circle as its victim is told: it waits for the first one, that one for the second one ...
+    const auto& waits = owners[n - 1]->conflict().waits;
+    ASSERT_EQ(waits.size(), n);
+    for (unsigned i = 0; i < n; ++i) {
+      EXPECT_EQ(waits[i].table, &table(i));
+      EXPECT_EQ(waits[i].number, number(i));
+      EXPECT_EQ(waits[i].waiting, "owner " + std::to_string((i + n - 1) % n));
+      EXPECT_EQ(waits[i].in_the_way, "owner " + std::to_string(i));
+      EXPECT_TRUE(waits[i].is_held);
+      EXPECT_EQ(waits[i].held, exclusive);
+      EXPECT_GE(waits[i].milliseconds, 0);
+    }
     release(n - 1);
     for (auto& thread : threads) EXPECT_EQ(thread->failure(), "");
   }

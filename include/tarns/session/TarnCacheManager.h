@@ -12,6 +12,7 @@
 #include <cstddef>
 #include <memory>
 #include <optional>
+#include <string>
 #include <string_view>
 
 namespace tarns {
@@ -65,6 +66,11 @@ class TARNS_API TarnCacheManager : public goods::cache_manager {
 
   // The one way from the root to the node, as it is committed; none when there is no such way.
   std::optional<TarnPath> getPhysicalPath(const xcptref<TarnObject>& node);
+
+  // The path of a node in quotation marks; what belongs to a node by that one's path, as far as it
+  // can be told: the children of "a", the entry "b" of "a". Else by number. Reads what is
+  // committed.
+  std::string name_of(goods::object_id id) override;
 
   // --- Values and the root ----------------------------------------------------------------------
 

@@ -97,6 +97,9 @@ class TARNS_API TarnManager {
   // the session.
   void setCacheLimit(std::size_t bytes);
 
+  // How long a transaction waits for a lock before it fails with 101. Default 10 s; 0: not at all.
+  void setLockTimeout(std::chrono::milliseconds limit);
+
   // The root node, made when the database is fresh.
   xcptref<TarnRoot> getRoot() const;
 
