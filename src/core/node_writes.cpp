@@ -44,6 +44,51 @@ Place Locate(const TarnRef& from, std::string_view path, Sought sought) {
   });
 }
 
+// A place as it was found without locks. Before its node can be locked, somebody may lead the path
+// elsewhere and take along what was there (a merge copies values and drops the nodes): what was
+// then written would be lost. So: find, lock the node by a write access, ask stillHolds().
+// In a transaction everything that was passed is locked, and every place holds.
+class Finding {
+ public:
+  Finding(const TarnRef& from, std::string_view path, Sought sought)
+      : from_(from),
+        path_(path),
+        sought_(sought),
+        session_(goods::cache_manager::current()),
+        isUnlocked_(session_ != nullptr && !session_->in_transaction()),
+        relinks_(isUnlocked_ ? session_->relink_count() : 0),
+        place_(Locate(from, path, sought)) {}
+
+  const Place* operator->() const { return &place_; }
+  const Place& operator*() const { return place_; }
+
+  // While place.node is held by a write access. When it returns false, the access must end without
+  // a change, and stores nothing.
+  bool stillHolds() const {
+    if (!isUnlocked_) return true;
+    session_->catch_up();  // the lock tells of its own storage only
+    if (session_->relink_count() == relinks_) return true;
+    const Place now =
+        session_->outside_transaction([this] { return Locate(from_, path_, sought_); });
+    if (now.kind == place_.kind && now.node == place_.node && now.rest == place_.rest) return true;
+    leaveUnchanged();
+    return false;
+  }
+  // The same access is found not to be needed.
+  void leaveUnchanged() const {
+    if (session_ != nullptr) session_->touched(*place_.node.handle());
+  }
+
+ private:
+  const TarnRef& from_;
+  const std::string_view path_;
+  const Sought sought_;
+  goods::cache_manager* const session_;
+  const bool isUnlocked_;
+  const std::uint64_t relinks_;
+  const Place place_;
+};
+
 // Names end at a NUL as C strings do.
 std::string_view UpToNul(std::string_view path) { return path.substr(0, path.find('\0')); }
 
@@ -75,15 +120,25 @@ TarnRef MakeDefaultChild(const TarnRef& parent, std::string_view name, std::stri
   return child;
 }
 
-// Adds a new child, or puts it into the reference member of that name. False, and nothing changed,
-// when somebody else has made that child meanwhile.
-bool Attach(const TarnRef& parent, std::string_view name, const TarnRef& child) {
+// What became of a child that was to be attached. Unless it is kDone, nothing has changed.
+enum class Attached {
+  kDone,
+  kTaken,  // somebody else has made that child meanwhile
+  kMoved   // the path leads elsewhere by now
+};
+
+// Adds a new child to the node of `parent`, or puts it into the reference member of that name.
+Attached Attach(const Finding& parent, std::string_view name, const TarnRef& child) {
   const std::string text(name);
-  auto node = modify(parent);
-  if (!node->getChildWithName(text.c_str()).is_null()) return false;
+  auto node = modify(parent->node);
+  if (!parent.stillHolds()) return Attached::kMoved;
+  if (!node->getChildWithName(text.c_str()).is_null()) {
+    parent.leaveUnchanged();
+    return Attached::kTaken;
+  }
   TarnRef placed = child;
   if (!node->setChildNode(text.c_str(), placed)) node->addChild(text.c_str(), child);
-  return true;
+  return Attached::kDone;
 }
 
 // The node at `path` below the new node `top`, made as far as it is missing.
@@ -91,11 +146,11 @@ TarnRef CompleteBranch(const TarnRef& top, std::string_view path, std::string_vi
   TarnRef at = top;
   std::string_view rest = path;
   while (true) {
-    const Place place = Locate(at, rest, Sought::kNode);
-    if (place.kind == Place::kNode) return place.node;
-    const auto branch = TarnBranches(place.rest).begin();
-    const TarnRef child = MakeDefaultChild(place.node, *branch, forPath);
-    Attach(place.node, *branch, child);
+    const Finding place(at, rest, Sought::kNode);
+    if (place->kind == Place::kNode) return place->node;
+    const auto branch = TarnBranches(place->rest).begin();
+    const TarnRef child = MakeDefaultChild(place->node, *branch, forPath);
+    Attach(place, *branch, child);
     at = child;
     rest = branch.tail();
   }
@@ -120,34 +175,31 @@ template <class Verify>
 TarnRef MakeVerifiedBranch(const TarnRef& from, std::string_view path, std::string_view forPath,
                            const Verify& verify) {
   while (true) {
-    const Place place = Locate(from, path, Sought::kNode);
-    if (place.kind == Place::kNode) {
-      verify(place.node);
-      return place.node;
+    const Finding place(from, path, Sought::kNode);
+    if (place->kind == Place::kNode) {
+      verify(place->node);
+      return place->node;
     }
-    VerifyBranches(place.node, place.rest);
-    const auto first = TarnBranches(place.rest).begin();
-    const TarnRef top = MakeDefaultChild(place.node, *first, forPath);
+    VerifyBranches(place->node, place->rest);
+    const auto first = TarnBranches(place->rest).begin();
+    const TarnRef top = MakeDefaultChild(place->node, *first, forPath);
     TarnRef bottom = CompleteBranch(top, first.tail(), forPath);
     verify(bottom);
-    if (Attach(place.node, *first, top)) return bottom;
+    if (Attach(place, *first, top) == Attached::kDone) return bottom;
   }
-}
-
-void StoreAtMember(const Place& place, const TarnData& value, std::string_view path) {
-  const std::string name(place.rest);
-  if (!modify(place.node)->setChildValue(name.c_str(), value)) ThrowNoValueToSet(path);
 }
 
 enum class Missing { kCreate, kRefuse };
 
-// Stores a value where something is; false when nothing is.
-bool StoreAt(const Place& place, const TarnData& value, std::string_view path) {
-  if (place.kind == Place::kMissing) return false;
-  if (place.kind == Place::kMember) {
-    StoreAtMember(place, value, path);
-  } else {
-    modify(place.node)->setValue(nullptr, value);
+// Stores a value where something is; false when nothing is, or the path leads elsewhere by now.
+bool StoreAt(const Finding& place, const TarnData& value, std::string_view path) {
+  if (place->kind == Place::kMissing) return false;
+  auto node = modify(place->node);
+  if (!place.stillHolds()) return false;
+  if (place->kind == Place::kNode) {
+    node->setValue(nullptr, value);
+  } else if (!node->setChildValue(std::string(place->rest).c_str(), value)) {
+    ThrowNoValueToSet(path);
   }
   return true;
 }
@@ -162,20 +214,21 @@ TarnRef MakeValueBranch(const TarnRef& node, std::string_view missing, const Tar
   TarnRef top = MakeDefaultChild(node, *first, path);
   const std::string_view name = TarnBranches::LastOf(missing);
   const TarnRef bottom = CompleteBranch(top, TarnBranches::ParentOf(first.tail()), path);
-  const Place place = Locate(bottom, name, Sought::kValue);
+  const Finding place(bottom, name, Sought::kValue);
   if (StoreAt(place, value, path)) return top;
   if (rule == Missing::kRefuse) ThrowNoValueToSet(path);
-  Attach(bottom, name, TarnValue::CreateValue(value));
+  Attach(place, name, TarnValue::CreateValue(value));
   return top;
 }
 
 void Store(const TarnRef& from, std::string_view path, const TarnData& value, Missing rule) {
   while (true) {
-    const Place place = Locate(from, path, Sought::kValue);
+    const Finding place(from, path, Sought::kValue);
     if (StoreAt(place, value, path)) return;
-    VerifyBranches(place.node, place.rest);
-    const TarnRef top = MakeValueBranch(place.node, place.rest, value, rule, path);
-    if (Attach(place.node, *TarnBranches(place.rest).begin(), top)) return;
+    if (place->kind != Place::kMissing) continue;
+    VerifyBranches(place->node, place->rest);
+    const TarnRef top = MakeValueBranch(place->node, place->rest, value, rule, path);
+    if (Attach(place, *TarnBranches(place->rest).begin(), top) == Attached::kDone) return;
   }
 }
 
@@ -200,10 +253,16 @@ void PlaceNode(const TarnRef& from, std::string_view path, const TarnRef& node) 
   const goods::library_call here;
   const auto oneTransaction = *from;
   const goods::changing_call call;
-  const TarnRef parent =
-      MakeVerifiedBranch(from, TarnBranches::ParentOf(whole), whole,
-                         [&](const TarnRef& made) { VerifyFits(made, name, node); });
-  modify(parent)->setNode(name.c_str(), node);
+  while (true) {
+    MakeVerifiedBranch(from, TarnBranches::ParentOf(whole), whole,
+                       [&](const TarnRef& made) { VerifyFits(made, name, node); });
+    const Finding parent(from, TarnBranches::ParentOf(whole), Sought::kNode);
+    if (parent->kind != Place::kNode) continue;  // removed again
+    auto holder = modify(parent->node);
+    if (!parent.stillHolds()) continue;
+    holder->setNode(name.c_str(), node);
+    return;
+  }
 }
 
 TarnRef MakeBranch(const TarnRef& from, std::string_view path, std::string_view forPath) {
@@ -217,10 +276,14 @@ bool AddMissingNode(const TarnRef& from, std::string_view path, const TarnRef& n
   const std::string_view whole = UpToNul(path);
   VerifyBranches(from, whole);
   const std::string_view name = TarnBranches::LastOf(whole);
-  const TarnRef parent =
-      MakeVerifiedBranch(from, TarnBranches::ParentOf(whole), whole,
-                         [&](const TarnRef& made) { VerifyFits(made, name, node); });
-  return Attach(parent, name, node);
+  while (true) {
+    MakeVerifiedBranch(from, TarnBranches::ParentOf(whole), whole,
+                       [&](const TarnRef& made) { VerifyFits(made, name, node); });
+    const Finding parent(from, TarnBranches::ParentOf(whole), Sought::kNode);
+    if (parent->kind != Place::kNode) continue;  // removed again
+    const Attached result = Attach(parent, name, node);
+    if (result != Attached::kMoved) return result == Attached::kDone;
+  }
 }
 
 }  // namespace tarns

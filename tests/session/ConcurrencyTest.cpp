@@ -44,6 +44,48 @@ TEST_F(ConcurrencyTest, IncrementsInTransactionsAreNotLost) {
   EXPECT_EQ(manager().getSint32("count"), 4 * kTimes);
 }
 
+// A merge copies values and children to where it leads them and drops the nodes that they had. What
+// is acknowledged comes before it, and is copied, or after it, and is at the old path.
+TEST_F(ConcurrencyTest, AWriteIsNotLostInABranchThatIsMergedAway) {
+  constexpr int kWrites = 20;
+  for (int round = 0; round < 20; ++round) {
+    SCOPED_TRACE(round);
+    for (const char* path : {"t~v", "t~n~v", "s~v", "s~n~v"}) manager().set(path, -1);
+    std::atomic<int> begun = 0;
+    const auto begin = [&] {
+      ++begun;
+      while (begun < 3) std::this_thread::yield();
+    };
+    {
+      std::vector<std::jthread> threads;
+      for (const bool inSameSession : {true, false}) {
+        threads.emplace_back([&, inSameSession] {
+          TarnManager& m = inSameSession ? manager() : other_;
+          const TarnAttachment attachment(m);
+          begin();
+          for (int i = 0; i < kWrites; ++i) {
+            if (inSameSession) m.set("s~v", i);
+            if (!inSameSession) m.set("s~n~new" + std::to_string(i), i);
+          }
+        });
+      }
+      threads.emplace_back([&] {
+        const TarnAttachment attachment(manager());
+        begin();
+        manager().mergeBranch("s", "t", true);
+      });
+    }
+    const auto last = manager().valueAt("s~v");
+    EXPECT_EQ(last ? last->getSint32() : manager().getSint32("t~v"), kWrites - 1);
+    for (int i = 0; i < kWrites; ++i) {
+      const std::string name = "n~new" + std::to_string(i);
+      EXPECT_TRUE(manager().valueAt("s~" + name) || manager().valueAt("t~" + name)) << name;
+    }
+    manager().deleteBranch("s");
+    manager().deleteBranch("t");
+  }
+}
+
 TEST_F(ConcurrencyTest, AReaderSeesAllOfACallOrNothing) {
   // Each call makes a branch of three nodes and a value, or removes it.
   std::atomic<int> writers = 2, wrong = 0;
