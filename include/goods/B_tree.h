@@ -137,7 +137,8 @@ class GOODS_API B_tree : public set_owner {
 
   std::uint8_t page_number_ = 2;
   // A guest (see guest_scope) is mostly asked for one name: its entries stay packed until more is
-  // wanted. Only its reader sees it, so it may change while it is read.
+  // wanted. Only its reader sees it, so it may change while it is read. A derived class that may be
+  // a guest has no varying parts of its own: what is left of the state is taken for entries.
   mutable index_page root_;
   mutable byte_reader packed_;  // nothing left: root_ is complete
 };

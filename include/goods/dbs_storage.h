@@ -38,7 +38,8 @@ inline constexpr std::size_t max_state_size = std::size_t{1} << 30;  // bytes of
 struct object_state;
 
 // Objects that a backend keeps together, as they were in the version that load() has named: who
-// holds on to the group of one object need not load the others. Threads: any.
+// holds on to the group of one object (with shared_from_this(), during the call that passes it)
+// need not load the others. Unchanging. Ownership: always a shared_ptr's. Threads: any.
 class state_group : public std::enable_shared_from_this<state_group> {
  public:
   virtual ~state_group() = default;

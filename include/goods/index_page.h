@@ -83,7 +83,8 @@ class GOODS_API index_page {
   // Into an empty page whose level is set. Checks order, names and counts; throws corrupt_data.
   void unpack(byte_reader& in);
   // The first entry of this name in the varying parts of a leaf, without unpacking them: what is
-  // read is checked, the rest is not looked at. The entry's name points into the bytes.
+  // passed is checked, what comes after the name is not looked at. The entry's name points into the
+  // bytes.
   static std::optional<index_entry> find_packed(byte_reader in, std::string_view name);
   void visit(ref_visitor& visitor);
   // Adds the members of a page that is part of `owner` to its description.

@@ -20,7 +20,8 @@ class transaction;
 //
 // Pointers that it hands out stay valid while the reader lives, are of the class asked for, and
 // belong to one state of the database: outside a transaction one that some commit left, inside one
-// the transaction's own.
+// the transaction's own. Within a guest_scope two looks at one object may give two bodies of the
+// same content: compare words, not pointers.
 // Reading through it allocates nothing, unless an object has to be loaded, and counts nothing.
 // Threads: the one that made it.
 class GOODS_API reader {

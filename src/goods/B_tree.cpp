@@ -282,6 +282,9 @@ void B_tree::unpack_varying(byte_reader& in, object_id) {
 }
 
 void B_tree::copy_varying(const object& from) { root_ = static_cast<const B_tree&>(from).root(); }
-void B_tree::visit_varying(ref_visitor& visitor) { root_.visit(visitor); }
+void B_tree::visit_varying(ref_visitor& visitor) {
+  root();
+  root_.visit(visitor);
+}
 
 }  // namespace goods

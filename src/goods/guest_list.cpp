@@ -18,6 +18,7 @@ namespace {
 constexpr std::size_t first_size = 16;
 constexpr std::size_t most_at_once = 256;  // numbers in one call to the storage
 constexpr std::size_t most_kept = 8192;    // places that a thread keeps
+constexpr std::size_t most_groups = 64;    // held in one round: of some kilobytes each
 constexpr std::size_t groups_looked_at = 4;
 
 // What the thread keeps for its next read; destructors of other thread_local objects may still read
@@ -39,10 +40,12 @@ class guest_list::sink : public state_sink {
       : list_(list), storage_(storage), number_(number) {}
 
   void found(const object_state& state) override {
-    list_.hold(number_, state.group);
     const object_id id = make_object_id(number_, state.number);
     last_ = list_.find(id);
-    if (last_ == nullptr) last_ = list_.take_in(storage_, id, state);
+    if (last_ != nullptr) return;
+    object_state taken = state;
+    if (!list_.hold(number_, state.group)) taken.group = nullptr;
+    last_ = list_.take_in(storage_, id, taken);
   }
   void missing(object_number) override {}
 
@@ -102,9 +105,13 @@ const object* guest_list::find_nearby(cache_manager& session, object_id id) {
   return nullptr;
 }
 
-void guest_list::hold(storage_number storage, const state_group* group) {
-  if (group == nullptr || (!groups_.empty() && groups_.back().states.get() == group)) return;
+// Whether the group stays as long as the list. A long walk does without most of its groups.
+bool guest_list::hold(storage_number storage, const state_group* group) {
+  if (group == nullptr) return false;
+  if (!groups_.empty() && groups_.back().states.get() == group) return true;
+  if (groups_.size() == most_groups) return false;
   groups_.push_back({storage, group->shared_from_this()});
+  return true;
 }
 
 // Null for a class that may not be a guest.

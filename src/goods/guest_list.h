@@ -68,7 +68,7 @@ class guest_list {
   guest_list() = default;
   std::size_t place_of(object_id id) const;
   const object* take_in(obj_storage& storage, object_id id, const object_state& state);
-  void hold(storage_number storage, const state_group* group);
+  bool hold(storage_number storage, const state_group* group);
   void add(object_id id, object& body);  // destroys it later, or at once when it throws
   void grow();
 

@@ -369,8 +369,14 @@ void index_page::unpack(byte_reader& in) {
 }
 
 std::optional<index_entry> index_page::find_packed(byte_reader in, std::string_view name) {
+  std::string_view before;
   for (std::size_t left = in.get_count(); left > 0; --left) {
     const std::string_view text = in.get_text();
+    if (text.size() > set_member::max_key_length) {
+      in.fail("is an index page with an impossible entry");
+    }
+    if (text < before) in.fail("is an index page out of order");
+    before = text;
     const int order = text.compare(name);
     if (order > 0) break;
     if (order < 0) {

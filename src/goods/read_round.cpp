@@ -97,7 +97,10 @@ const object* reader::look_in_cache(ref_word word, object_id id) const {
 const object* reader::look_in_passing(ref_word word) {
   object_id id = word.is_handle() ? word.handle()->id() : word.id();
   if (guests_ == nullptr) guests_ = guest_list::take();
-  if (const object* guest = guests_->find_nearby(*session_, id)) return guest;
+  if (const object* guest = guests_->find_nearby(*session_, id)) {
+    if (keeps_second_looks_) session_->cache().was_passed_lately(id);  // the next look is a second
+    return guest;
+  }
   if (const object* body = look_in_cache(word, id)) return body;
   if (keeps_second_looks_ && session_->cache().was_passed_lately(id)) return nullptr;
   return guests_->load(*session_, id);
@@ -111,7 +114,10 @@ void reader::prefetch(std::span<const ref_word> words) {
   for (const ref_word word : words) {
     if (word.is_null() || (word.is_handle() && word.handle()->is_transient())) continue;
     const object_id id = word.is_handle() ? word.handle()->id() : word.id();
-    if (guests_->find(id) == nullptr && look_in_cache(word, id) == nullptr) absent.push_back(id);
+    if (guests_->find_nearby(*session_, id) != nullptr || look_in_cache(word, id) != nullptr) {
+      continue;
+    }
+    absent.push_back(id);
   }
   guests_->load(*session_, absent);
 }

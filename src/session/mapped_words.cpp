@@ -24,7 +24,9 @@ void MappedWords::provideBlock(std::size_t i) {
   if ((provided_[i / (kBlock * kBits)].fetch_or(bit, std::memory_order_relaxed) & bit) != 0) return;
   const std::size_t first = i / kBlock * kBlock;
   const std::size_t bytes = std::min(kBlock, words_.size() - first) * sizeof(std::uint64_t);
+#ifdef MADV_POPULATE_WRITE
   ::madvise(&words_[first], bytes, MADV_POPULATE_WRITE);
+#endif
   memory_.fetch_add(bytes, std::memory_order_relaxed);
 }
 

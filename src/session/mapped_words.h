@@ -41,7 +41,7 @@ class MappedWords {
   std::size_t memory() const { return memory_.load(std::memory_order_relaxed); }  // bytes provided
 
  private:
-  static constexpr std::size_t kBlock = 8192;  // words
+  static constexpr std::size_t kBlock = 2048;  // words: some pages
   static constexpr std::size_t kBits = 64;
 
   static std::size_t blockBit(std::size_t i) { return i / kBlock % kBits; }

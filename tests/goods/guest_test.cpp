@@ -20,6 +20,18 @@ namespace {
 
 using testing::code_of;
 
+// An index that may be a guest.
+class passing_index : public B_tree {
+ public:
+  static class_descriptor self_class;
+  passing_index() : B_tree(self_class, nullptr, 2) {}
+  passing_index(object_handle* handle, class_descriptor& cls) : B_tree(handle, cls) {}
+};
+
+class_descriptor passing_index::self_class("passing_index", sizeof(passing_index),
+                                           &pessimistic_scheme, construct_object<passing_index>,
+                                           nullptr, &B_tree::self_class, 0, true);
+
 // Stores texts, each under its own name in an index that is the root. Returns where they are.
 std::vector<ref_word> store_texts(test_session& session, const std::vector<std::string>& texts) {
   const ref<B_tree> index = B_tree::create(nullptr, 2);
@@ -100,6 +112,38 @@ TEST(GuestTest, OnlyWhereTheClassAllowsItAndNoTransactionIsOpen) {
     EXPECT_EQ(code_of([&] { modify(held)->set("b"); }), error_code::lock_timeout);
   }).join();
   session.session().end_transaction();
+}
+
+// Searched as it is stored, unpacked when more is wanted.
+TEST(GuestTest, AnIndexAnswersAsOneInTheCacheDoes) {
+  for (const unsigned size : {0U, 1U, 20U, 3000U}) {  // the last one has pages
+    SCOPED_TRACE(size);
+    const test_store store;
+    {
+      test_session session(store);
+      const ref<passing_index> index(new passing_index);
+      for (unsigned i = 0; i < size; ++i) {
+        modify(index)->insert(set_member::create(String::create("x"), std::to_string(i * 2)));
+      }
+      session.db().set_root(index);
+    }
+    test_session session(store);
+    session.session().read([&](reader& in) {
+      const guest_scope guests(in);
+      const auto& index = static_cast<const B_tree&>(
+          *in.look(ref_word::of(make_object_id(0, root_object_number)), passing_index::self_class));
+      ASSERT_EQ(index.handle(), nullptr);
+      EXPECT_EQ(index.count(), size);
+      for (unsigned i = 0; i < std::min(size * 2, 200U); ++i) {
+        const auto entry = index.find(in, std::to_string(i));
+        ASSERT_EQ(entry.has_value(), i % 2 == 0) << i;
+        if (entry) EXPECT_EQ(entry->name, std::to_string(i));
+        if (entry) EXPECT_EQ(text_of(in, entry->target), "x");
+      }
+      EXPECT_EQ(index.entries_after(in, nullptr, size + 1).size(), size);
+      EXPECT_EQ(index.find(in, "0").has_value(), size > 0) << "unpacked by now";
+    });
+  }
 }
 
 TEST(GuestTest, WhatIsComeToAgainSoonIsKept) {

@@ -67,6 +67,24 @@ TEST(PathShortcutsTest, ThreadsNeverFindAnotherPathsEntry) {
   EXPECT_EQ(wrong, 0);
 }
 
+TEST(MappedWordsTest, BringsInMemoryAroundWhatIsUsed) {
+  constexpr std::size_t kCount = 100'001;  // ends within a block
+  MappedWords words(kCount, MappedWords::Use::kScattered);
+  EXPECT_EQ(words.memory(), 0U);
+  for (const std::size_t i : {kCount - 1, std::size_t{0}, kCount / 2}) {
+    EXPECT_FALSE(words.has(i));
+    words.provide(i);
+    EXPECT_TRUE(words.has(i));
+    EXPECT_EQ(words[i].load(), 0U);
+    words[i] = i + 1;
+  }
+  const std::size_t provided = words.memory();
+  EXPECT_LT(provided, kCount * sizeof(std::uint64_t) / 2);
+  words.provide(1);
+  EXPECT_EQ(words.memory(), provided) << "there already";
+  EXPECT_EQ(words[kCount - 1].load(), kCount);
+}
+
 constexpr auto kAnything = [](const ValueRing::Origin&) { return true; };
 
 TEST(ValueRingTest, GivesBackEveryTypeBitForBit) {

@@ -106,6 +106,44 @@ TEST_P(ContractTest, ReportsMissingAndRemovedObjects) {
   }
 }
 
+// What is kept together: the states as of the load, however long somebody holds them.
+TEST_P(ContractTest, GroupsKeepTheStatesOfTheirLoad) {
+  const class_number layout = storage_->intern_layout(bytes_of("layout"));
+  const object_number first = storage_->allocate(3);
+  const std::string long_text(5000, 'x');
+  storage_->commit(change_list(layout)
+                       .put(first, "a", true)
+                       .put(first + 1, "b", true)
+                       .put(first + 2, long_text, true)
+                       .request());
+  reopen();
+  struct group_sink : state_sink {
+    void found(const object_state& state) override {
+      body = state.body;
+      if (state.group != nullptr) group = state.group->shared_from_this();
+    }
+    void missing(object_number) override { FAIL(); }
+    std::span<const std::byte> body;
+    std::shared_ptr<const state_group> group;
+  } sink;
+  storage_->load({&first, 1}, 0, sink);
+  if (sink.group == nullptr) return;  // a backend need not have any
+  for (int i = 0; i < 3; ++i)
+    storage_->commit(change_list(layout).put(first, "A").put(first + 1, "B").request());
+  storage_->commit(change_list(layout).remove(first).request());
+  reopen();
+  EXPECT_EQ(text_of(sink.body), "a");
+  object_state state{};
+  ASSERT_TRUE(sink.group->find(first + 1, state));
+  EXPECT_EQ(state.number, first + 1);
+  EXPECT_EQ(state.layout, layout);
+  EXPECT_EQ(state.group, sink.group.get());
+  EXPECT_EQ(text_of(state.body), "b");
+  EXPECT_FALSE(sink.group->find(first + 3, state)) << "there is no such object";
+  EXPECT_FALSE(sink.group->find(first + 64, state)) << "not of this group";
+  if (sink.group->find(first + 2, state)) EXPECT_EQ(text_of(state.body), long_text);
+}
+
 TEST_P(ContractTest, TheLastOfSeveralChangesOfOneObjectCounts) {
   const object_number number = storage_->allocate(1);
   change_list changes(some_layout(*storage_));

@@ -86,14 +86,20 @@ TEST(FormatTest, HostileContentIsRefusedOrHarmless) {
     const auto good = build(any_contents());
     byte_vector content(good->content().begin(), good->content().end());
     for (int changes = *rc::gen::inRange(1, 6); changes > 0; --changes) {
-      const auto at = *rc::gen::inRange<std::size_t>(0, std::min<std::size_t>(content.size(), 60));
+      constexpr std::size_t longest_directory = 16 + 8 * segment_slots;
+      const auto at =
+          *rc::gen::inRange<std::size_t>(0, std::min(content.size(), longest_directory));
       content[at] = static_cast<std::byte>(*rc::gen::arbitrary<std::uint8_t>());
     }
     content.resize(*rc::gen::inRange<std::size_t>(0, content.size() + 2));
     std::size_t total = 0;
     try {
       const auto hostile = segment::parse(77, 5, block_of(content));
-      for (const auto& [slot, answer] : contents_of(*hostile)) total += answer.body.size();
+      for (const auto& [slot, answer] : contents_of(*hostile)) {
+        total += answer.body.size();
+        object_state found{};
+        RC_ASSERT(hostile->find(hostile->object(slot), found) != answer.apart);
+      }
     } catch (const damaged_bytes&) {
       return;
     }

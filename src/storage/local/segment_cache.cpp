@@ -18,7 +18,7 @@ std::shared_ptr<const segment> segment_cache::find(segment_number number) {
   shard& s = shard_of(number);
   guarded_scope scope(s.lock);
   place& found = s.place_of(number);
-  found.used = true;  // a free one is given anew when it is taken
+  if (found.content) found.used = true;
   return found.content;
 }
 
