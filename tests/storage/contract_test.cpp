@@ -141,7 +141,9 @@ TEST_P(ContractTest, GroupsKeepTheStatesOfTheirLoad) {
   EXPECT_EQ(text_of(state.body), "b");
   EXPECT_FALSE(sink.group->find(first + 3, state)) << "there is no such object";
   EXPECT_FALSE(sink.group->find(first + 64, state)) << "not of this group";
-  if (sink.group->find(first + 2, state)) EXPECT_EQ(text_of(state.body), long_text);
+  if (sink.group->find(first + 2, state)) {
+    EXPECT_EQ(text_of(state.body), long_text);
+  }
 }
 
 TEST_P(ContractTest, TheLastOfSeveralChangesOfOneObjectCounts) {

@@ -150,14 +150,14 @@ TEST(FormatTest, VariableLengthNumbers) {
     std::byte encoded[longest_varint];
     const std::size_t size = static_cast<std::size_t>(store_varint(encoded, value) - encoded);
     EXPECT_EQ(size, varint_size(value));
-    byte_reader reader({encoded, size});
+    row_reader reader({encoded, size});
     EXPECT_EQ(reader.varint(), value);
     EXPECT_EQ(reader.left(), 0U);
-    byte_reader cut({encoded, size - 1});
+    row_reader cut({encoded, size - 1});
     EXPECT_THROW(cut.varint(), damaged_bytes);
   }
   byte_vector too_long(10, std::byte{0xff});
-  byte_reader reader(too_long);
+  row_reader reader(too_long);
   EXPECT_THROW(reader.varint(), damaged_bytes);
 }
 

@@ -42,9 +42,9 @@ inline std::byte* store_varint(std::byte* at, std::uint64_t value) {
 }
 
 // Takes contents apart from front to back. Whatever does not fit throws damaged_bytes.
-class byte_reader {
+class row_reader {
  public:
-  explicit byte_reader(std::span<const std::byte> bytes) : rest_(bytes) {}
+  explicit row_reader(std::span<const std::byte> bytes) : rest_(bytes) {}
 
   template <std::unsigned_integral Number>
   Number number() {
@@ -86,22 +86,22 @@ class byte_reader {
 };
 
 // Puts contents together. For rows that are written seldom; segments are laid out in place.
-class byte_writer {
+class row_writer {
  public:
   template <std::unsigned_integral Number>
-  byte_writer& number(Number value) {
+  row_writer& number(Number value) {
     bytes_.resize(bytes_.size() + sizeof value);
     store_number(bytes_.data() + bytes_.size() - sizeof value, value);
     return *this;
   }
 
-  byte_writer& varint(std::uint64_t value) {
+  row_writer& varint(std::uint64_t value) {
     std::byte encoded[longest_varint];
     bytes_.insert(bytes_.end(), encoded, store_varint(encoded, value));
     return *this;
   }
 
-  byte_writer& append(std::span<const std::byte> bytes) {
+  row_writer& append(std::span<const std::byte> bytes) {
     bytes_.insert(bytes_.end(), bytes.begin(), bytes.end());
     return *this;
   }

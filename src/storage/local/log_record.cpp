@@ -144,7 +144,7 @@ std::optional<log_record> read_log_record(std::span<std::byte> bytes,
 
 void read_changes(log_record& record, std::vector<object_change>& into) {
   apply_mask(record.content, std::exchange(record.mask, 0));
-  byte_reader reader(record.content);
+  row_reader reader(record.content);
   for (std::uint32_t commit = 0; commit < record.commits; ++commit)
     for (std::uint64_t count = reader.varint(); count != 0; --count)
       into.push_back(read_change(reader));

@@ -10,12 +10,12 @@ namespace {
 constexpr std::size_t part_size = std::size_t{8} << 20;  // bytes of a prepared commit in one row
 
 template <class Identity>
-void write_pair(byte_writer& writer, const Identity& identity) {
+void write_pair(row_writer& writer, const Identity& identity) {
   writer.number(identity.high).number(identity.low);
 }
 
 template <class Identity>
-Identity read_pair(byte_reader& reader) {
+Identity read_pair(row_reader& reader) {
   Identity identity;
   identity.high = reader.number<std::uint64_t>();
   identity.low = reader.number<std::uint64_t>();
@@ -23,7 +23,7 @@ Identity read_pair(byte_reader& reader) {
 }
 
 std::vector<std::byte> serialize(const prepared_commit& about, const commit_request& request) {
-  byte_writer writer;
+  row_writer writer;
   write_pair(writer, about.coordinator);
   writer.varint(about.coordinator_name.size());
   writer.append(std::as_bytes(std::span(about.coordinator_name)));
@@ -37,7 +37,7 @@ std::unique_ptr<prepared_part> parse(const global_transaction& id, std::vector<s
   auto part = std::make_unique<prepared_part>();
   part->bytes = std::move(bytes);
   part->about.id = id;
-  byte_reader reader(part->bytes);
+  row_reader reader(part->bytes);
   part->about.coordinator = read_pair<storage_identity>(reader);
   const auto name = reader.take(reader.varint());
   part->about.coordinator_name.assign(reinterpret_cast<const char*>(name.data()), name.size());
@@ -48,7 +48,7 @@ std::unique_ptr<prepared_part> parse(const global_transaction& id, std::vector<s
 }
 
 commit_decision parse_decision(std::span<const std::byte> content) {
-  byte_reader reader(content);
+  row_reader reader(content);
   commit_decision decision;
   decision.id = read_pair<global_transaction>(reader);
   for (std::uint64_t count = reader.varint(); count != 0; --count)
@@ -71,7 +71,7 @@ void prepared_commits::load(store_reader& reader, const store_state& state) {
   const std::uint64_t rows = reader.for_each_row(
       "prepared", row_kind::prepared, [&](std::int64_t key, const byte_block& content) {
         next_key_ = std::max(next_key_, key + 1);
-        byte_reader row(content.view());
+        row_reader row(content.view());
         collected_rows& into = collected[read_pair<global_transaction>(row)];
         if (row.varint() != into.keys.size()) throw damaged_bytes("a part before it is missing");
         into.rows = row.varint();
@@ -110,7 +110,7 @@ prepared_commits::part_node prepared_commits::prepare(segment_store::transaction
   std::vector<std::int64_t> keys;
   const std::size_t rows = (bytes.size() + part_size - 1) / part_size;
   for (std::size_t i = 0; i < rows; ++i) {
-    byte_writer row;
+    row_writer row;
     write_pair(row, about.id);
     const std::size_t size = std::min(part_size, bytes.size() - i * part_size);
     row.varint(i).varint(rows).append(std::span(bytes).subspan(i * part_size, size));
@@ -132,7 +132,7 @@ void prepared_commits::erase(segment_store::transaction& from, const prepared_pa
 
 prepared_commits::decision_node prepared_commits::decide(segment_store::transaction& into,
                                                          const commit_decision& decision) {
-  byte_writer row;
+  row_writer row;
   write_pair(row, decision.id);
   row.varint(decision.participants.size());
   for (const storage_identity& participant : decision.participants) write_pair(row, participant);

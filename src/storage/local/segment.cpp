@@ -6,7 +6,7 @@ namespace goods {
 
 segment::segment(segment_number number, std::uint64_t version, byte_block content)
     : number_(number), version_(version), content_(std::move(content)) {
-  byte_reader reader(content_.view());
+  row_reader reader(content_.view());
   present_ = reader.number<std::uint64_t>();
   apart_ = reader.number<std::uint64_t>();
   if ((apart_ & ~present_) != 0) throw damaged_bytes("its directory contradicts itself");

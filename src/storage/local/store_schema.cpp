@@ -45,7 +45,7 @@ std::uint64_t random_number(std::random_device& source) {
 }  // namespace
 
 void store_state::write(std::vector<std::byte>& row) const {
-  byte_writer content;
+  row_writer content;
   content.varint(next_object).varint(segments).varint(layouts).varint(prepared_rows);
   content.varint(decisions).varint(settlements);
   write_row(row_kind::state, state_key, version, content.view(), row);
@@ -54,7 +54,7 @@ void store_state::write(std::vector<std::byte>& row) const {
 store_state store_state::read(std::span<const std::byte> row) {
   const framed_row framed = read_row(row_kind::state, state_key, longest_about, row);
   const byte_block content = framed.unpack();
-  byte_reader reader(content.view());
+  row_reader reader(content.view());
   store_state state;
   state.version = framed.version;
   state.next_object = reader.varint();
@@ -70,7 +70,7 @@ store_state store_state::read(std::span<const std::byte> row) {
 }
 
 void write_identity(const storage_identity& identity, std::vector<std::byte>& row) {
-  byte_writer content;
+  row_writer content;
   content.number(identity.high).number(identity.low);
   write_row(row_kind::identity, identity_key, 0, content.view(), row);
 }
@@ -78,7 +78,7 @@ void write_identity(const storage_identity& identity, std::vector<std::byte>& ro
 storage_identity read_identity(std::span<const std::byte> row) {
   const byte_block content =
       read_row(row_kind::identity, identity_key, longest_about, row).unpack();
-  byte_reader reader(content.view());
+  row_reader reader(content.view());
   storage_identity identity;
   identity.high = reader.number<std::uint64_t>();
   identity.low = reader.number<std::uint64_t>();

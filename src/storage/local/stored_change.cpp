@@ -27,7 +27,7 @@ std::byte* store_change(std::byte* at, const object_change& change) {
   return at + change.body.size();
 }
 
-object_change read_change(byte_reader& reader) {
+object_change read_change(row_reader& reader) {
   object_change change{};
   change.number = reader.number<std::uint32_t>();
   const auto flags = reader.number<std::uint8_t>();

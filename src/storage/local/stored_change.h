@@ -14,6 +14,6 @@ std::size_t stored_size(const object_change& change);
 // Returns the end of what it has written: stored_size() bytes.
 std::byte* store_change(std::byte* at, const object_change& change);
 // The body refers to the reader's bytes. Throws damaged_bytes.
-object_change read_change(byte_reader& reader);
+object_change read_change(row_reader& reader);
 
 }  // namespace goods
