@@ -20,7 +20,7 @@ MappedWords::~MappedWords() { ::munmap(words_.data(), words_.size_bytes()); }
 
 // Where the system cannot do it at once, the pages come one by one as they are written.
 void MappedWords::provideBlock(std::size_t i) {
-  const std::uint64_t bit = std::uint64_t{1} << blockBit(i);
+  const std::uint64_t bit = std::uint64_t{1} << BlockBit(i);
   if ((provided_[i / (kBlock * kBits)].fetch_or(bit, std::memory_order_relaxed) & bit) != 0) return;
   const std::size_t first = i / kBlock * kBlock;
   const std::size_t bytes = std::min(kBlock, words_.size() - first) * sizeof(std::uint64_t);

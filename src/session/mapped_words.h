@@ -31,7 +31,7 @@ class MappedWords {
   // Of scattered words. Whether there is memory behind word i; otherwise it is 0, and looking costs
   // a page fault.
   bool has(std::size_t i) const {
-    return (provided_[i / (kBlock * kBits)].load(std::memory_order_relaxed) >> blockBit(i) & 1) !=
+    return (provided_[i / (kBlock * kBits)].load(std::memory_order_relaxed) >> BlockBit(i) & 1) !=
            0;
   }
   // Brings in the memory around word i, many pages with one call.
@@ -44,7 +44,7 @@ class MappedWords {
   static constexpr std::size_t kBlock = 2048;  // words: some pages
   static constexpr std::size_t kBits = 64;
 
-  static std::size_t blockBit(std::size_t i) { return i / kBlock % kBits; }
+  static std::size_t BlockBit(std::size_t i) { return i / kBlock % kBits; }
   void provideBlock(std::size_t i);
 
   std::span<std::atomic<std::uint64_t>> words_;

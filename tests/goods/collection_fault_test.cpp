@@ -81,9 +81,9 @@ class CollectionFaultTest : public testing::Test {
   // Cuts off, adds and collects.
   void work(test_session& session) {
     for (int i = 0; i < steps; ++i) {
-      disk_.note(static_cast<std::uint64_t>(2 * i));
+      disk_.note(2 * static_cast<std::uint64_t>(i));
       apply(i, session);
-      disk_.note(static_cast<std::uint64_t>(2 * i + 1));
+      disk_.note(2 * static_cast<std::uint64_t>(i) + 1);
       if (i % 2 == 1) session.db().start_gc();
     }
   }

@@ -70,27 +70,27 @@ std::optional<apart_state> commit_overlay::find_apart(object_number number) cons
 
 commit_overlay::addition commit_overlay::prepare(const segment_changes& changes) {
   addition prepared;
-  prepared.segments.reserve(changes.changed.size());
-  prepared.apart.reserve(changes.apart.size());
+  prepared.segments_.reserve(changes.changed.size());
+  prepared.apart_.reserve(changes.apart.size());
   for (const auto& change : changes.changed)
-    prepared.segments.push_back(node_of<decltype(table::segments)>(change.number, change.now));
+    prepared.segments_.push_back(node_of<decltype(table::segments)>(change.number, change.now));
   for (const auto& change : changes.apart)
-    prepared.apart.push_back(
+    prepared.apart_.push_back(
         node_of<decltype(table::apart)>(change.number, {change.body, changes.version}));
-  prepared.next_object = changes.next_object;
-  prepared.version = changes.version;
+  prepared.next_object_ = changes.next_object;
+  prepared.version_ = changes.version;
   guarded_scope scope(lock_);
-  make_room(active_.segments, prepared.segments.size());
-  make_room(active_.apart, prepared.apart.size());
+  make_room(active_.segments, prepared.segments_.size());
+  make_room(active_.apart, prepared.apart_.size());
   return prepared;
 }
 
 void commit_overlay::add(addition&& prepared) noexcept {
   guarded_scope scope(lock_);
-  for (auto& node : prepared.segments) put(active_.segments, active_.bytes, std::move(node));
-  for (auto& node : prepared.apart) put(active_.apart, active_.bytes, std::move(node));
-  active_.next_object = std::max(active_.next_object, prepared.next_object);
-  active_.version = prepared.version;
+  for (auto& node : prepared.segments_) put(active_.segments, active_.bytes, std::move(node));
+  for (auto& node : prepared.apart_) put(active_.apart, active_.bytes, std::move(node));
+  active_.next_object = std::max(active_.next_object, prepared.next_object_);
+  active_.version = prepared.version_;
   note_size();
 }
 

@@ -62,10 +62,10 @@ class commit_overlay {
   // Commits that are about to be added.
   class addition {
     friend class commit_overlay;
-    std::vector<decltype(table::segments)::node_type> segments;
-    std::vector<decltype(table::apart)::node_type> apart;
-    std::uint64_t next_object = 0;
-    commit_version version = 0;
+    std::vector<decltype(table::segments)::node_type> segments_;
+    std::vector<decltype(table::apart)::node_type> apart_;
+    std::uint64_t next_object_ = 0;
+    commit_version version_ = 0;
   };
   // Takes the memory that adding them needs, before they become durable. Until then nothing else is
   // added or frozen.

@@ -98,7 +98,7 @@ class notice_board::subscription : public notice_subscription {
   const void* origin() const { return origin_; }
 
   // Under the board's lock.
-  void prepare() { prepared_ = shared_->prepared_for(origin_); }
+  void prepare(notice_queue next) { prepared_ = std::move(next); }
   void queue_prepared() noexcept {
     guarded_scope scope(lock_);
     newest_.store(prepared_.back()->version, std::memory_order_release);
@@ -153,7 +153,7 @@ void notice_board::prepare(std::span<const committed> commits) {
   guarded_scope scope(shared_->lock);
   shared_->plain.swap(plain);
   shared_->complete.swap(complete);
-  for (subscription* s : shared_->subscriptions) s->prepare();
+  for (subscription* s : shared_->subscriptions) s->prepare(shared_->prepared_for(s->origin()));
 }
 
 void notice_board::publish() noexcept {
