@@ -65,10 +65,15 @@ class GOODS_API database {
   void get_object(object_ref& object, object_number number, storage_number storage) const;
 
   // Removes stored objects that neither a root object nor any session's references lead to, while
-  // all sessions go on working; returns when that is done. A storage must not belong to several
-  // databases: what only another one's storages refer to would go. Returns 0 when a collection of
-  // this database is running already. Interrupted at any point it has removed garbage only. Throws
-  // corrupt_data when it meets a damaged object; then nothing has been removed.
+  // all sessions go on working; returns when that is done, however many commits keep arriving.
+  // Commits are held for moments at its end. A read that goes on for long delays it.
+  // What threads hold, or take out of what they read meanwhile, stays; an identifier that was kept
+  // in another form than a reference holds nothing. A storage must not belong to several databases:
+  // what only another one's storages refer to would go.
+  // Returns 0, and does nothing, when a collection of one of the storages is running already,
+  // whichever session it was started from. Interrupted at any point it has removed garbage only.
+  // Throws corrupt_data when it meets a damaged object; then nothing has been removed. Throws usage
+  // when it is called from within a read.
   unsigned start_gc();
   // Of the last collection that ran to its end.
   std::uint64_t get_num_collected_objects() const { return collected_; }
@@ -89,7 +94,6 @@ class GOODS_API database {
   std::vector<std::unique_ptr<obj_storage>> storages_;
   std::unique_ptr<cache_manager> session_;
   std::string open_problem_;
-  std::atomic<bool> collecting_{false};
   std::atomic<std::uint64_t> collected_{0};
 };
 

@@ -167,6 +167,13 @@ struct storage_statistics {
   std::uint64_t commit_groups = 0;  // flushes that carried them
 };
 
+// While it lives, its storage takes no commits: they wait. Keep it short, and wait for nothing that
+// may wait for a commit. Threads: any one may destroy it.
+class commit_pause {
+ public:
+  virtual ~commit_pause() = default;
+};
+
 class dbs_storage {
  public:
   virtual ~dbs_storage() = default;
@@ -187,6 +194,11 @@ class dbs_storage {
   // Returns the commit's version; by then every subscription has its notice. Throws input_output or
   // storage_full when nothing was committed, outcome_unknown when that cannot be told.
   virtual commit_version commit(const commit_request& request) = 0;
+
+  // Returns when no commit is on its way; what has been committed is visible, its notices queued.
+  // Begins in its turn, however many commits keep arriving. Who pauses several storages does so in
+  // the order of their identities.
+  virtual std::unique_ptr<commit_pause> pause_commits() = 0;
 
   // The number of a class layout, which becomes durable (at once, in a commit of its own) when this
   // storage has not seen it before. Equal bytes get equal numbers.

@@ -111,6 +111,7 @@ class GOODS_API object {
   void return_to(object_handle& handle) noexcept;
 
   void pin() const { pins_.fetch_add(1, std::memory_order_relaxed); }
+  bool is_pinned_once() const { return pins_.load(std::memory_order_acquire) == 1; }
   void unpin() const;  // destroys the body when it was the last
 
   // Ends writing to this version: it has been committed, or its transaction is over.

@@ -60,6 +60,14 @@ class GOODS_API object_handle {
   // Succeeds when nobody counts the handle; from then on try_add_reference() fails.
   bool try_retire();
 
+  // Undoes that, as long as it can still be found.
+  void revive() { references_.store(0, std::memory_order_release); }
+
+  // Whether somebody counted it while a collection was going on, since this was asked last: whoever
+  // looks at the handles one after the other may miss who passes from one to the next.
+  bool take_noted() { return noted_.exchange(false); }
+  bool is_noted() const { return noted_.load(); }
+
   // Set by readers, cleared by the hand of the cache's clock.
   void mark_used() {
     if (!used_.load(std::memory_order_relaxed)) used_.store(true, std::memory_order_relaxed);
@@ -89,6 +97,7 @@ class GOODS_API object_handle {
   std::atomic<std::int32_t> references_{0};   // negative once retired
   std::atomic<bool> used_{false};
   std::atomic<bool> being_written_{false};
+  std::atomic<bool> noted_{false};  // see take_noted()
   storage_number wanted_storage_ = no_storage;
   std::uint16_t offset_ = 0;              // in memory shared with a body; 0: memory of its own
   std::atomic<std::uint8_t> sharers_{0};  // who has not gone yet

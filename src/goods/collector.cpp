@@ -6,6 +6,7 @@
 #include <goods/database.h>
 #include <goods/obj_storage.h>
 
+#include "goods/epoch.h"
 #include "goods/layout_catalog.h"
 #include "goods/object_cache.h"
 #include "goods/session_registry.h"
@@ -16,6 +17,11 @@ namespace {
 
 constexpr std::size_t objects_per_load = 64;
 constexpr std::size_t objects_per_sweep = 4096;
+// How long commits may have to wait for readers; longer each time that it was not enough.
+constexpr std::chrono::milliseconds shortest_pause{50};
+constexpr std::chrono::milliseconds longest_pause{2000};
+constexpr std::size_t most_marked_in_pause = 2048;  // before each scan
+constexpr int most_scans_in_pause = 4;
 
 }  // namespace
 
@@ -53,24 +59,34 @@ collector::collector(database& db) : db_(db) {
     // Subscribed before anything is read: no change can fall in between. With an origin of its own:
     // what a commit carries for its session must not outlive that session here.
     storages_.push_back({&storage, storage.subscribe(this), {}, {}});
+    contracts_.push_back(&storage);
+    in_pausing_order_.push_back(&storage);
   }
+  std::ranges::sort(in_pausing_order_, {}, &dbs_storage::identity);
+  const auto twice = std::ranges::unique(in_pausing_order_);
+  in_pausing_order_.erase(twice.begin(), twice.end());
 }
 
 collector::~collector() = default;
 
 std::uint64_t collector::run() {
+  forget_notes();
   list_existing();
+  scan_held();
+  mark_pushed();
   mark_roots();
   mark_pushed();
-  // Held objects and changes may each lead to more of the other: what was put below an object that
-  // had been looked into could be taken out of it again, into somebody's hands.
-  do {
-    mark_held();
-    mark_pushed();
-  } while (mark_changed());
+  settle();
   std::uint64_t removed = 0;
   for (storage_state& state : storages_) removed += sweep(state);
   return removed;
+}
+
+// Those of a former collection would keep garbage.
+void collector::forget_notes() {
+  session_registry::get().for_each(contracts_, [](object_cache& session) {
+    session.for_each_held([](const dbs_storage&, object_number) {});
+  });
 }
 
 void collector::list_existing() {
@@ -88,10 +104,10 @@ void collector::mark_roots() {
   }
 }
 
-void collector::mark_held() {
-  std::vector<const dbs_storage*> concerned;
-  for (const storage_state& state : storages_) concerned.push_back(state.storage);
-  session_registry::get().for_each(concerned, [&](const object_cache& session) {
+// Looks at all handles of all sessions once. One that is counted before its turn, and not any more
+// when it comes, has noted that.
+void collector::scan_held() {
+  session_registry::get().for_each(contracts_, [&](object_cache& session) {
     session.for_each_held([&](const dbs_storage& storage, object_number number) {
       for (std::size_t s = 0; s < storages_.size(); ++s) {
         if (storages_[s].storage == &storage) {
@@ -102,20 +118,50 @@ void collector::mark_held() {
   });
 }
 
-// Looks again into what commits changed; false when there was nothing.
-bool collector::mark_changed() {
-  bool changed = false;
+// Returns after a moment as the class comment describes.
+void collector::settle() {
+  std::chrono::milliseconds longest_wait = shortest_pause;
+  while (true) {
+    // As much as possible while commits go on: what remains for the pause is little then.
+    push_changed();
+    mark_pushed();
+    scan_held();
+    mark_pushed();
+    while (!wait_for_sections(longest_pause)) continue;
+    if (try_settle(longest_wait)) return;
+    longest_wait = std::min(longest_wait * 2, longest_pause);
+  }
+}
+
+// False when readers, or much that turns up, would keep the commits waiting for long. A reader may
+// wait for a commit itself.
+bool collector::try_settle(std::chrono::milliseconds longest_wait) {
+  std::vector<std::unique_ptr<commit_pause>> pauses;
+  for (dbs_storage* const storage : in_pausing_order_) pauses.push_back(storage->pause_commits());
+  session_registry::get().for_each(contracts_, [](object_cache& session) {
+    session.catch_up();
+    session.stable_publish_count();
+  });
+  if (!wait_for_sections(longest_wait)) return false;
+  push_changed();
+  for (int scans = 0; scans < most_scans_in_pause; ++scans) {
+    if (!mark_pushed(most_marked_in_pause)) return false;
+    scan_held();
+    if (pushed_.empty()) return true;
+  }
+  return false;
+}
+
+// What commits have changed is to be looked into again.
+void collector::push_changed() {
   for (std::size_t s = 0; s < storages_.size(); ++s) {
     notice_subscription& changes = *storages_[s].changes;
     for (const auto& news : changes.take(changes.newest())) {
-      changed = true;
       for (const object_number number : news->changed) {
         push_again(make_object_id(static_cast<storage_number>(s), number));
       }
     }
   }
-  mark_pushed();
-  return changed;
 }
 
 void collector::push(object_id id) {
@@ -130,9 +176,11 @@ void collector::push_again(object_id id) {
   if (storages_[storage_of(id)].marked.contains(number_of(id))) pushed_.push_back(id);
 }
 
-void collector::mark_pushed() {
+// False when some are left after `most`.
+bool collector::mark_pushed(std::size_t most) {
   std::vector<object_number> batch;
-  while (!pushed_.empty()) {
+  for (std::size_t looked_into = 0; !pushed_.empty(); looked_into += batch.size()) {
+    if (looked_into >= most) return false;
     const storage_number from = storage_of(pushed_.back());
     batch.clear();
     while (!pushed_.empty() && batch.size() < objects_per_load &&
@@ -144,6 +192,7 @@ void collector::mark_pushed() {
     reference_sink sink(*this, db_.storage(from));
     storage.load(batch, storage.newest_version(), sink);
   }
+  return true;
 }
 
 std::uint64_t collector::sweep(storage_state& state) {

@@ -1,7 +1,10 @@
 // Finds and removes stored objects that nothing leads to.
 #pragma once
 
+#include <chrono>
+#include <cstddef>
 #include <cstdint>
+#include <limits>
 #include <memory>
 #include <vector>
 
@@ -15,13 +18,22 @@ class database;
 // One collection over all storages of a database, while sessions go on reading and committing.
 //
 // Marks what the root objects and the references held by any session lead to, reading current
-// states; whatever was changed meanwhile is looked at again. An object that is not marked in the
-// end can be reached by nobody: to refer to it one would have to hold it, or hold or find something
-// that leads to it, and all of that has been marked. Objects made after the beginning are left
-// alone. Back references count like others.
+// states; whatever was changed meanwhile is looked at again. Objects made after the beginning are
+// left alone. Back references count like others.
+//
+// Why nobody can reach an unmarked object in the end: settle() holds the commits for a moment, and
+// when it begins its last scan of the handles
+// - all that marked objects refer to is marked: what commits changed has been looked at again;
+// - no older version of an object is to be seen: all sessions have taken in all commits, readers
+//   that had found an older one have left, and those that accesses go on reading are
+//   outlived_bodies by then, which count as held;
+// - all that is held is marked: it was held throughout the first scan, or has noted since that it
+//   was counted; and the last scan finds nothing unmarked.
+// From there on, following and storing references leads to marked and to newer objects only.
 //
 // Interrupted at any point (also by a crash), nothing but garbage is missing; run it again.
-// Errors: those of loading and committing. Threads: one collection at a time for a database.
+// Errors: those of loading and committing; nothing has been removed before sweeping begins.
+// Threads: needs the collection_claim for the storages, and is not run in a reader_section.
 class collector {
  public:
   explicit collector(database& db);
@@ -48,17 +60,24 @@ class collector {
   };
   class reference_sink;
 
+  static constexpr std::size_t unlimited = std::numeric_limits<std::size_t>::max();
+
+  void forget_notes();
   void list_existing();
   void mark_roots();
-  void mark_held();
-  bool mark_changed();
+  void scan_held();
+  void settle();
+  bool try_settle(std::chrono::milliseconds longest_wait);
+  void push_changed();
   void push(object_id id);
   void push_again(object_id id);
-  void mark_pushed();
+  bool mark_pushed(std::size_t most = unlimited);
   std::uint64_t sweep(storage_state& state);
 
   database& db_;
   std::vector<storage_state> storages_;
+  std::vector<const dbs_storage*> contracts_;
+  std::vector<dbs_storage*> in_pausing_order_;
   std::vector<object_id> pushed_;  // marked, not looked into yet
 };
 

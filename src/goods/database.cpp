@@ -8,10 +8,12 @@
 #include <goods/object.h>
 #include <goods/object_handle.h>
 
+#include "goods/collection_claim.h"
 #include "goods/collector.h"
 #include "goods/configuration.h"
 #include "goods/epoch.h"
 #include "goods/object_cache.h"
+#include "goods/outlived_bodies.h"
 #include "goods/thread_attachment.h"
 #include "goods/transaction.h"
 #include "storage/multi_commit.h"
@@ -84,6 +86,7 @@ void database::close() {
   storages_.clear();
   // The classes of what the session leaves behind may go next, with their shared library.
   collect_retired();
+  outlived_bodies::get().tidy();
 }
 
 std::unique_ptr<cache_manager> database::create_session() {
@@ -145,11 +148,13 @@ void database::get_object(object_ref& object, object_number number, storage_numb
 }
 
 unsigned database::start_gc() {
-  if (collecting_.exchange(true)) return 0;
-  struct finished {
-    std::atomic<bool>& collecting;
-    ~finished() { collecting = false; }
-  } const at_the_end{collecting_};
+  if (reader_section::is_inside()) {
+    throw_error(error_code::usage, "A collection cannot be started from within a read.");
+  }
+  std::vector<const dbs_storage*> contracts;
+  for (const auto& storage : storages_) contracts.push_back(&storage->dbs());
+  const auto claim = collection_claim::take(std::move(contracts));
+  if (claim == nullptr) return 0;
   collected_ = collector(*this).run();
   return 1;
 }

@@ -6,6 +6,7 @@
 #include <iterator>
 #include <mutex>
 #include <new>
+#include <thread>
 #include <vector>
 
 namespace goods {
@@ -38,6 +39,8 @@ struct epoch_domain {
   std::mutex lock;
   std::vector<retired_item> retired;  // under lock; epochs ascend
   std::size_t retired_bytes = 0;      // under lock; since the last attempt to free
+  // Under lock: for each thread that is releasing items, the epoch of the first of them.
+  std::vector<std::uint64_t> releasing;
 
   static epoch_domain& get() {
     static auto* domain = new epoch_domain;
@@ -111,6 +114,8 @@ void reader_section::leave() {
   if (thread_ends) give_back_record();
 }
 
+bool reader_section::is_inside() { return this_record != nullptr && this_record->depth > 0; }
+
 void retire(void* what, void (*release)(void*), std::size_t bytes) noexcept {
   epoch_domain& domain = epoch_domain::get();
   bool collect = false;
@@ -137,13 +142,42 @@ void collect_retired() noexcept {
     const auto first_kept =
         std::find_if(domain.retired.begin(), domain.retired.end(),
                      [&](const retired_item& item) { return item.epoch >= oldest; });
+    if (first_kept == domain.retired.begin()) return;
     free.assign(domain.retired.begin(), first_kept);
+    domain.releasing.push_back(free.front().epoch);
     domain.retired.erase(domain.retired.begin(), first_kept);
   } catch (const std::bad_alloc&) {
     return;  // the next attempt frees them
   }
   // Outside the lock: releasing may retire more.
   for (const retired_item& item : free) item.release(item.what);
+  const std::lock_guard guard(domain.lock);
+  domain.releasing.erase(std::ranges::find(domain.releasing, free.front().epoch));
+}
+
+bool wait_for_sections(std::chrono::milliseconds limit) {
+  using clock = std::chrono::steady_clock;
+  constexpr auto pause = std::chrono::microseconds(50);
+  const clock::time_point until = clock::now() + limit;
+  epoch_domain& domain = epoch_domain::get();
+  std::uint64_t last = 0;  // of the sections and items that are waited for
+  {
+    const std::lock_guard guard(domain.lock);
+    last = domain.epoch.fetch_add(1);
+  }
+  const auto is_over = [&] {
+    const std::lock_guard guard(domain.lock);
+    return domain.oldest_section() > last &&
+           (domain.retired.empty() || domain.retired.front().epoch > last) &&
+           std::ranges::none_of(domain.releasing,
+                                [&](std::uint64_t epoch) { return epoch <= last; });
+  };
+  while (true) {
+    collect_retired();
+    if (is_over()) return true;
+    if (clock::now() >= until) return false;
+    std::this_thread::sleep_for(pause);
+  }
 }
 
 }  // namespace goods

@@ -1,6 +1,7 @@
 // When memory that readers look at without locks may be freed.
 #pragma once
 
+#include <chrono>
 #include <cstddef>
 #include <cstdint>
 
@@ -17,6 +18,7 @@ class reader_section {
 
   static void enter();
   static void leave();
+  static bool is_inside();  // whether the calling thread is in one
 };
 
 // Calls `release(what)` once no reader section is left that began before this call. `what` must no
@@ -28,5 +30,10 @@ void retire(void* what, void (*release)(void*), std::size_t bytes = 0) noexcept;
 
 // Frees what has become free; retire() does so now and then by itself.
 void collect_retired() noexcept;
+
+// Returns when no section is left that began before the call, and everything has been released that
+// was retired before it. False when `limit` passes first. Not within a section: it would wait for
+// itself.
+bool wait_for_sections(std::chrono::milliseconds limit);
 
 }  // namespace goods

@@ -11,8 +11,10 @@
 #include <goods/class_descriptor.h>
 #include <goods/object.h>
 
+#include "goods/collection_claim.h"
 #include "goods/epoch.h"
 #include "goods/layout_catalog.h"
+#include "goods/outlived_bodies.h"
 #include "goods/publication.h"
 #include "goods/session_registry.h"
 #include "storage/multi_commit.h"
@@ -24,7 +26,15 @@ namespace {
 constexpr std::size_t smallest_limit = std::size_t{1} << 20;
 constexpr std::size_t slots_per_step = 128;
 
-void release_body(void* body) { static_cast<object*>(body)->unpin(); }
+// No reader can find it any more; accesses that had it may go on.
+void release_body(void* body) {
+  auto* const replaced = static_cast<object*>(body);
+  if (replaced->is_pinned_once()) {
+    replaced->unpin();
+  } else {
+    outlived_bodies::get().add(*replaced);
+  }
+}
 void release_handle(void* handle) { object_handle::destroy(static_cast<object_handle*>(handle)); }
 
 publication& own(const notice& news) { return *static_cast<publication*>(news.attachment.get()); }
@@ -258,6 +268,7 @@ void object_cache::evict(object_handle& handle) {
   if (handle.is_being_written() || handle.take_used()) return;
   if (object* body = handle.exchange_body(nullptr)) discard_body(body);
   if (!handle.try_retire()) return;  // the identity stays
+  if (handle.is_noted() && collection_claim::is_any_taken()) return handle.revive();
   table_.erase(&handle);
   bytes_ -= handle.memory();
   retire(&handle, release_handle);
@@ -267,10 +278,14 @@ void object_cache::for_each_held(
     const std::function<void(const dbs_storage& storage, object_number number)>& visit) const {
   for (std::size_t shard = 0; shard < handle_table::shard_count; ++shard) {
     table_.sweep(shard, 0, std::numeric_limits<std::size_t>::max(), [&](object_handle& handle) {
-      if (!handle.is_referenced()) return;
+      const bool was_noted = handle.take_noted();
+      if (!was_noted && !handle.is_referenced()) return;
       visit(db_.storage(storage_of(handle.id())).dbs(), number_of(handle.id()));
     });
   }
+  outlived_bodies::get().for_each_reference(db_, [&](object_id id) {
+    if (storage_of(id) < applied_.size()) visit(db_.storage(storage_of(id)).dbs(), number_of(id));
+  });
 }
 
 void object_cache::shrink() {

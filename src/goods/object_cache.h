@@ -107,7 +107,9 @@ class object_cache {
   std::size_t bytes() const { return bytes_.load(std::memory_order_relaxed) + table_.memory(); }
   // Memory beside the objects that counts toward the limit.
   void charge(std::ptrdiff_t bytes) { bytes_ += static_cast<std::size_t>(bytes); }
-  // Shows every stored object that a reference or an open transaction of the session holds.
+  // Shows every stored object that a reference or an open transaction of the session holds, or held
+  // since the last call (see object_handle::take_noted()), and what those bodies refer to that
+  // accesses still read though they have been replaced.
   void for_each_held(
       const std::function<void(const dbs_storage& storage, object_number number)>& visit) const;
 

@@ -7,6 +7,8 @@
 #include <goods/class_descriptor.h>
 #include <goods/object.h>
 
+#include "goods/collection_claim.h"
+
 namespace goods {
 
 namespace {
@@ -98,7 +100,11 @@ void object_handle::leave_to_handle(void* room, std::size_t offset) noexcept {
 bool object_handle::try_add_reference() {
   std::int32_t count = references_.load(std::memory_order_relaxed);
   while (count >= 0) {
-    if (references_.compare_exchange_weak(count, count + 1, std::memory_order_acq_rel)) return true;
+    // Sequentially consistent with the look at the claims: when there is none yet, the first scan
+    // of a collection that begins now sees the count.
+    if (!references_.compare_exchange_weak(count, count + 1)) continue;
+    if (collection_claim::is_any_taken()) noted_.store(true);
+    return true;
   }
   return false;
 }

@@ -9,7 +9,7 @@ session_registry& session_registry::get() {
   return *registry;
 }
 
-void session_registry::add(const dbs_storage& storage, const object_cache& session) {
+void session_registry::add(const dbs_storage& storage, object_cache& session) {
   const std::lock_guard guard(lock_);
   entries_.push_back({&storage, &session});
 }
@@ -20,7 +20,7 @@ void session_registry::remove(const object_cache& session) {
 }
 
 void session_registry::for_each(const std::vector<const dbs_storage*>& storages,
-                                const std::function<void(const object_cache&)>& visit) {
+                                const std::function<void(object_cache&)>& visit) {
   const std::lock_guard guard(lock_);
   std::vector<const object_cache*> seen;
   for (const entry& e : entries_) {

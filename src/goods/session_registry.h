@@ -16,17 +16,17 @@ class session_registry {
  public:
   static session_registry& get();
 
-  void add(const dbs_storage& storage, const object_cache& session);
+  void add(const dbs_storage& storage, object_cache& session);
   void remove(const object_cache& session);
 
   // Calls `visit` for each session on any of `storages`, once; none can leave meanwhile.
   void for_each(const std::vector<const dbs_storage*>& storages,
-                const std::function<void(const object_cache&)>& visit);
+                const std::function<void(object_cache&)>& visit);
 
  private:
   struct entry {
     const dbs_storage* storage;
-    const object_cache* session;
+    object_cache* session;
   };
   std::mutex lock_;
   std::vector<entry> entries_;  // under lock_

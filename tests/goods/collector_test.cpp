@@ -1,13 +1,18 @@
 #include <gtest/gtest.h>
 
 #include <atomic>
+#include <chrono>
+#include <future>
+#include <optional>
 #include <random>
+#include <semaphore>
 #include <thread>
 #include <vector>
 
 #include <goods/errors.h>
 #include <goods/obj_storage.h>
 
+#include "goods/epoch.h"
 #include "support/cell.h"
 #include "support/test_database.h"
 
@@ -106,6 +111,168 @@ TEST(CollectorTest, LosesNothingThatThreadsMoveAround) {
   main_session.db().start_gc();
   EXPECT_EQ(stored_objects(main_session.db()),
             static_cast<std::size_t>(chain_length(main_session.root())));
+}
+
+// A chain of stored cells, each of them held.
+std::vector<ref<cell>> hold_chain(const ref<cell>& root, int length) {
+  std::vector<ref<cell>> held{new_cell(0)};
+  for (int n = 1; n < length; ++n) held.push_back(new_cell(n, held.back()));
+  modify(root)->next = held.back();
+  return held;
+}
+
+// One reference goes around a ring that nothing else leads to. A scan of the handles, which looks
+// at one after the other, may find it nowhere.
+TEST(CollectorTest, KeepsWhatAThreadIsWalkingAlong) {
+  constexpr int length = 4000;
+  constexpr int collections = 10;
+  const test_store store;
+  test_session session(store);
+  ref<cell> last = new_cell(0);
+  ref<cell> at = last;
+  for (int n = 1; n < length; ++n) at = new_cell(n, at);
+  const ref<cell> root = session.root();
+  session.session().atomically([&] {
+    modify(last)->next = at;
+    modify(root)->next = at;
+  });
+  last.clear();
+  const std::vector<ref<cell>> held = hold_chain(root, 50000);  // a scan takes its time
+  std::atomic<bool> collecting{true};
+  std::thread collector([&] {
+    for (int n = 0; n < collections; ++n) session.db().start_gc();
+    collecting = false;
+  });
+  try {
+    while (collecting) at = ref<cell>(at->next);
+    for (int n = 0; n < length; ++n) at = ref<cell>(at->next);
+  } catch (const database_error& error) {
+    ADD_FAILURE() << error.what();
+  }
+  collector.join();
+  at.clear();
+  session.db().start_gc();
+  EXPECT_EQ(stored_objects(session.db()), 1u + held.size());
+}
+
+// Whoever reads an object goes on reading the version that was current at the beginning.
+TEST(CollectorTest, KeepsWhatAnOldVersionLeadsTo) {
+  const test_store store;
+  test_session writer(store);
+  const ref<cell> root = writer.root();
+  enum class reading { in_the_same_session, in_another_session };
+  for (const reading where : {reading::in_the_same_session, reading::in_another_session}) {
+    SCOPED_TRACE(static_cast<int>(where));
+    modify(root)->next = new_cell(1, new_cell(2));
+    std::binary_semaphore is_reading(0);
+    std::binary_semaphore is_collected(0);
+    auto reader = std::async(std::launch::async, [&] {
+      std::optional<test_session> own;
+      if (where == reading::in_another_session) {
+        own.emplace(store);
+      } else {
+        writer.db().attach();
+      }
+      const ref<cell> seen = own ? own->root() : root;
+      const read_access<cell> old = *seen;
+      is_reading.release();
+      is_collected.acquire();
+      return chain_length(ref<cell>(old->next));
+    });
+    is_reading.acquire();
+    modify(root)->next = nullptr;
+    // The body that the reader has is out of the cache already, or still in it.
+    collect_retired();
+    EXPECT_EQ(writer.db().start_gc(), 1u);
+    is_collected.release();
+    try {
+      EXPECT_EQ(reader.get(), 2);
+    } catch (const database_error& error) {
+      ADD_FAILURE() << error.what();
+    }
+    writer.db().start_gc();
+    EXPECT_EQ(stored_objects(writer.db()), 1u) << "nobody reads it any more";
+  }
+}
+
+TEST(CollectorTest, EndsWhileThreadsCommitWithoutAPause) {
+  using namespace std::chrono_literals;
+  const test_store store(1, "?durability=relaxed");
+  test_session session(store);
+  const ref<cell> root = session.root();
+  for (int i = 0; i < 200; ++i) modify(root)->next = new_cell(i, ref<cell>(root->next));
+  modify(root)->next = nullptr;
+  // Looking at all that is held takes longer than the time between two commits.
+  const std::vector<ref<cell>> held = hold_chain(root, 50000);
+  std::atomic<bool> committing{true};
+  std::counting_semaphore<> has_begun(0);
+  std::vector<std::thread> threads;
+  for (int t = 0; t < 6; ++t) {
+    threads.emplace_back([&, in_session = t % 2 == 0] {
+      std::optional<test_session> own;
+      if (in_session) {
+        session.db().attach();
+      } else {
+        own.emplace(store);
+      }
+      const ref<cell> mine = new_cell(t);
+      cache_manager& here = in_session ? session.session() : own->session();
+      here.atomically([&] {
+        const ref<cell> top = in_session ? root : own->root();
+        modify(mine)->next = ref<cell>(top->next);
+        modify(top)->next = mine;
+      });
+      has_begun.release();
+      while (committing) modify(mine)->value = mine->value + 1;
+    });
+  }
+  for (std::size_t t = 0; t < threads.size(); ++t) has_begun.acquire();
+  auto collection = std::async(std::launch::async, [&] { return session.db().start_gc(); });
+  EXPECT_EQ(collection.wait_for(20s), std::future_status::ready);
+  committing = false;
+  for (std::thread& thread : threads) thread.join();
+  EXPECT_EQ(collection.get(), 1u);
+  EXPECT_EQ(session.db().get_num_collected_objects(), 200u);
+  EXPECT_EQ(chain_length(root), 50007);
+}
+
+// Also when they are started from different sessions. A read keeps the first one from ending.
+TEST(CollectorTest, RunsOnceAtATimeForAStorage) {
+  const test_store store;
+  test_session one(store);
+  test_session other(store);
+  one.db().attach();
+  const ref<cell> root = one.root();
+  std::binary_semaphore is_reading(0);
+  std::binary_semaphore is_read(0);
+  std::thread reader([&] {
+    one.db().attach();
+    one.session().read([&](class reader&) {
+      is_reading.release();
+      is_read.acquire();
+      is_read.release();
+    });
+  });
+  is_reading.acquire();
+  std::counting_semaphore<> has_ended(0);
+  std::atomic<unsigned> ran{0};
+  const auto collect = [&](database& db) {
+    ran += db.start_gc();
+    has_ended.release();
+  };
+  std::thread first(collect, std::ref(one.db()));
+  std::thread second(collect, std::ref(other.db()));
+  has_ended.acquire();
+  EXPECT_EQ(ran, 0u) << "one of them gives up at once";
+  is_read.release();
+  first.join();
+  second.join();
+  reader.join();
+  EXPECT_EQ(ran, 1u);
+  EXPECT_EQ(other.db().start_gc(), 1u);
+  one.session().read([&](class reader&) {
+    EXPECT_THROW(one.db().start_gc(), database_error) << "it would wait for its own caller";
+  });
 }
 
 }  // namespace

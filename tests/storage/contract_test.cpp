@@ -2,6 +2,7 @@
 
 #include <rapidcheck.h>
 
+#include <atomic>
 #include <functional>
 #include <numeric>
 #include <thread>
@@ -286,6 +287,36 @@ TEST_P(ContractTest, MergesUntakenNoticesOfOthers) {
   }
   EXPECT_EQ(told.count(first + 6), 1U);
   EXPECT_EQ(attached, told.count(first + 63));
+}
+
+// Threads that commit one after the other, without a pause, neither get past a pause nor keep it
+// from beginning; what had been committed by then is to be seen, and its notices are queued.
+TEST_P(ContractTest, HoldsCommitsThatKeepArriving) {
+  const object_number first = storage_->allocate(4);
+  const auto subscription = storage_->subscribe(nullptr);
+  std::atomic<bool> committing{true};
+  std::atomic<std::uint64_t> committed{0};
+  std::vector<std::thread> threads;
+  for (object_number mine = first; mine < first + 4; ++mine)
+    threads.emplace_back([&, mine] {
+      while (committing) {
+        commit_text(*storage_, mine, "text");
+        ++committed;
+      }
+    });
+  for (int pauses = 0; pauses < 20; ++pauses) {
+    const auto pause = storage_->pause_commits();
+    const commit_version held_at = storage_->newest_version();
+    EXPECT_EQ(subscription->newest(), held_at);
+    EXPECT_GE(held_at, committed);
+    for (object_number number = first; number < first + 4; ++number)
+      load_text(*storage_, number, held_at);
+    EXPECT_EQ(storage_->newest_version(), held_at);
+  }
+  const std::uint64_t before = committed;
+  while (committed == before) std::this_thread::yield();
+  committing = false;
+  for (std::thread& thread : threads) thread.join();
 }
 
 TEST_P(ContractTest, VisitsOneVersionWhileCommitsGoOn) {

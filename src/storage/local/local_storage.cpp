@@ -237,6 +237,18 @@ object_number local_storage::allocate(std::uint32_t count) {
   return static_cast<object_number>(first);
 }
 
+std::unique_ptr<commit_pause> local_storage::pause_commits() {
+  class turn_pause : public commit_pause {
+   public:
+    explicit turn_pause(writer_turn& turn) : turn_(turn) {}
+
+   private:
+    const writer_turn::hold turn_;
+  };
+  check_process();
+  return std::make_unique<turn_pause>(parts_->turn);
+}
+
 class_number local_storage::intern_layout(std::span<const std::byte> layout) {
   check_process();
   if (const class_number known = parts_->layouts.find(layout)) return known;

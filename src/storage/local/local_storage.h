@@ -40,6 +40,7 @@ class local_storage : public dbs_storage {
                       state_sink& into) override;
   object_number allocate(std::uint32_t count) override;
   commit_version commit(const commit_request& request) override;
+  std::unique_ptr<commit_pause> pause_commits() override;
   class_number intern_layout(std::span<const std::byte> layout) override;
   std::vector<layout_record> layouts() override;
   std::unique_ptr<notice_subscription> subscribe(const void* origin) override;
