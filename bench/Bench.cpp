@@ -14,8 +14,8 @@ namespace tarns::bench {
 
 const std::vector<std::string>& Bench::Items() {
   static const std::vector<std::string> items = {
-      "load", "disk",     "hot-1",    "hot-2",      "cold-read", "cold-walk", "memory",
-      "list", "update-1", "update-8", "update-100", "delete",    "wide"};
+      "load",   "disk", "hot-1",    "hot-2",    "hot-tx",     "lock",   "cold-read", "cold-walk",
+      "memory", "list", "update-1", "update-8", "update-100", "delete", "wide"};
   return items;
 }
 
@@ -26,6 +26,8 @@ void Bench::run() {
   load();
   if (wants("hot-1") || wants("hot-2")) hotReads(1);
   if (wants("hot-2")) hotReads(2);
+  if (wants("hot-tx")) transactionReads();
+  if (wants("lock")) locks();
   if (wants("cold-read")) coldReads();
   if (wants("cold-walk")) coldWalk();
   if (wants("memory")) memory();

@@ -56,6 +56,8 @@ class Bench {
 
   // ReadItems.cpp
   void hotReads(std::size_t threads);
+  void transactionReads();
+  void locks();
   void coldReads();
   void coldWalk();
   void memory();

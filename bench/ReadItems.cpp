@@ -1,12 +1,17 @@
 #include <fmt/format.h>
+#include <tarns/schema/TarnClassDescriptor.h>
+#include <tarns/session/TarnAttachment.h>
+#include <tarns/session/TarnTransaction.h>
 
 #include <algorithm>
 #include <barrier>
 #include <chrono>
+#include <vector>
 
 #include "Bench.h"
 #include "ColdProcess.h"
 #include "Machine.h"
+#include "TarnsStore.h"
 
 namespace tarns::bench {
 namespace {
@@ -75,6 +80,80 @@ void Bench::hotReads(std::size_t threads) {
           [&](const std::string& peer) {
             return HotReadsPerSecond(*open(peer), peer, all, parts, options_.rounds);
           });
+}
+
+// Values of which there are few enough for their nodes, indexes and texts to be in memory; outside
+// and within transactions.
+void Bench::transactionReads() {
+  constexpr std::size_t kPerTransaction = 1000;
+  const Reads reads = workload_.randomReads(10'000, 100);
+  const std::size_t turns = scaled(100);
+  const auto readAll = [&](StoreSession& session, const std::string& peer, std::size_t perBatch) {
+    std::uint64_t digests = 0;
+    for (std::size_t i = 0; i < reads.paths.size(); ++i) {
+      if (perBatch != 0 && i % perBatch == 0) session.begin();
+      std::uint64_t digest = 0;
+      session.read(reads.paths[i], digest);
+      digests += digest;
+      if (perBatch != 0 && (i + 1) % perBatch == 0) session.commit();
+    }
+    Verify(digests == reads.digests, peer, "reads of few values");
+  };
+  const auto perSecond = [&](const std::string& peer, std::size_t perBatch) {
+    const auto store = open(peer);
+    const auto session = store->session();
+    std::vector<double> figures;
+    for (int round = 0; round < options_.rounds; ++round) {
+      readAll(*session, peer, perBatch);
+      if (perBatch == 0) session->beginReads();
+      const Stopwatch watch;
+      for (std::size_t turn = 0; turn < turns; ++turn) readAll(*session, peer, perBatch);
+      figures.push_back(static_cast<double>(turns * reads.paths.size()) / watch.seconds());
+      if (perBatch == 0) session->endReads();
+    }
+    return Median(std::move(figures));
+  };
+  const std::string outside = "reads of 10,000 values";
+  measure(outside, "reads/s", {}, [&](const std::string& peer) { return perSecond(peer, 0); });
+  measure(
+      outside + ", 1,000 a transaction", "reads/s",
+      Target{Target::kAtLeast, 0.5, "", report_.figure(outside, "tarns").value_or(0), "outside"},
+      [&](const std::string& peer) { return perSecond(peer, kPerTransaction); });
+}
+
+// What a transaction pays for an object that nobody else uses: a read access to each of some nodes
+// that are in memory, less what the same accesses cost outside of one.
+void Bench::locks() {
+  if (std::ranges::find(options_.peers, "tarns") == options_.peers.end()) return;
+  const std::size_t rounds = scaled(2000);
+  const auto& packages = workload_.index().packages();
+  const std::size_t count = std::min<std::size_t>(packages.size(), 1000);
+  const auto store = open("tarns");
+  auto& manager = static_cast<TarnsStore&>(*store).manager();
+  const TarnAttachment attachment(manager);
+  std::vector<xcptref<TarnObject>> nodes;
+  for (std::size_t i = 0; i < count; ++i) {
+    nodes.push_back(manager.getObject(workload_.pathOf(packages[i])));
+  }
+  const auto accessAll = [&] {
+    for (const auto& node : nodes) Verify(node->getClass().isTarnsBaseClass(), "tarns", "a node");
+  };
+  const auto seconds = [&](const auto& work) {
+    work();
+    const Stopwatch watch;
+    for (std::size_t round = 0; round < rounds; ++round) work();
+    return watch.seconds();
+  };
+  const double locking = seconds([&] {
+    TarnTransaction transaction;
+    accessAll();
+    transaction.commit();
+  });
+  const double one = 1e9 / static_cast<double>(rounds * count);
+  report_.add({"lock and unlock an object",
+               "ns",
+               {{"tarns", (locking - seconds(accessAll)) * one}},
+               Target{Target::kAtMost, 1, "", 150, "150 ns"}});
 }
 
 void Bench::coldReads() {

@@ -19,6 +19,9 @@ class TarnsStore : public BenchStore {
   std::unique_ptr<StoreSession> session() override;
   std::size_t packagesPerCommit() const override;
 
+  // For what only tarns is measured in.
+  TarnManager& manager() { return manager_; }
+
  private:
   TarnManager manager_;
 };

@@ -57,17 +57,9 @@ class GOODS_API reader {
   const object* look_persistent(ref_word word);
   const object* look_in_passing(ref_word word);
   const object* look_in_cache(ref_word word, object_id id) const;
-  const object* look_locked(ref_word word);
 
   cache_manager* session_ = nullptr;    // null: only transient objects can be looked at
   transaction* transaction_ = nullptr;  // the calling thread's, while one is open
-  // What was read in a transaction: locks are waited for, and waiting in a section would keep all
-  // threads' memory from being freed.
-  struct pinned {
-    object_ref keeps;  // the handle, which the body names without counting it
-    const object* body;
-  };
-  std::vector<pinned> pinned_;
   std::unique_ptr<guest_list> guests_;  // null until there is one
   bool invites_guests_ = false;         // see guest_scope
   bool keeps_second_looks_ = false;

@@ -32,8 +32,7 @@ read_round::read_round(cache_manager* session) {
 
 read_round::~read_round() {
   if (holds_publishing_) reader_.session_->cache().release_publishing();
-  for (const reader::pinned& one : reader_.pinned_) one.body->unpin();
-  if (attachment_ != nullptr) --attachment_->reads;
+  if (attachment_ != nullptr && --attachment_->reads == 0) attachment_->known().release_displaced();
   if (in_section_) reader_section::leave();
 }
 
@@ -75,7 +74,7 @@ const object* reader::look_persistent(ref_word word) {
     throw_error(error_code::thread_not_attached,
                 "The calling thread is not attached to a session, but uses a stored object.");
   }
-  if (transaction_ != nullptr) return look_locked(word);
+  if (transaction_ != nullptr) return transaction_->look(word);
   if (invites_guests_) {
     if (const object* body = look_in_passing(word)) return body;
   }
@@ -120,15 +119,6 @@ void reader::prefetch(std::span<const ref_word> words) {
     absent.push_back(id);
   }
   guests_->load(*session_, absent);
-}
-
-const object* reader::look_locked(ref_word word) {
-  object_ref counted =
-      word.is_handle() ? object_ref(word.handle()) : session_->cache().counted(word.id());
-  pinned_.reserve(pinned_.size() + 1);
-  const object* body = transaction_->read(*counted.handle());
-  pinned_.push_back({std::move(counted), body});
-  return body;
 }
 
 }  // namespace goods

@@ -4,7 +4,7 @@ namespace goods {
 
 transaction& thread_attachment::open_or_join(bool is_explicit) {
   if (transaction_ == nullptr) {
-    transaction_ = std::make_unique<transaction>(*session_, locks_, is_explicit);
+    transaction_ = std::make_unique<transaction>(*session_, locks_, known_, is_explicit);
   } else if (is_explicit) {
     transaction_->verify_not_doomed();
     transaction_->join();

@@ -5,6 +5,7 @@
 #include <memory>
 #include <utility>
 
+#include "goods/known_objects.h"
 #include "goods/transaction.h"
 
 namespace goods {
@@ -32,6 +33,7 @@ class thread_attachment {
   void reopen(std::unique_ptr<transaction> taken) { transaction_ = std::move(taken); }
 
   lock_owner& locks() { return locks_; }
+  known_objects& known() { return known_; }
 
   int accesses = 0;       // wrappers of persistent objects that are open
   int reads = 0;          // nested cache_manager::read()
@@ -43,6 +45,7 @@ class thread_attachment {
  private:
   cache_manager* session_;
   lock_owner locks_;
+  known_objects known_;  // of the transaction
   std::unique_ptr<transaction> transaction_;
 };
 

@@ -13,6 +13,7 @@
 
 #include "goods/commit_builder.h"
 #include "goods/epoch.h"
+#include "goods/known_objects.h"
 #include "goods/lock_errors.h"
 #include "goods/object_cache.h"
 #include "goods/publication.h"
@@ -43,15 +44,20 @@ struct body_unpinner {
 
 }  // namespace
 
-transaction::transaction(cache_manager& session, lock_owner& owner, bool is_explicit)
+transaction::transaction(cache_manager& session, lock_owner& owner, known_objects& known,
+                         bool is_explicit)
     : session_(session),
       number_(last_number.fetch_add(1, std::memory_order_relaxed) + 1),
       is_of_access_(!is_explicit),
       depth_(is_explicit ? 1 : 0),
       owner_(owner),
+      known_(known),
       changes_(std::make_shared<publication>()) {}
 
-transaction::~transaction() { finish(); }
+transaction::~transaction() {
+  finish();
+  known_.clear();  // not sooner: a read may be in progress when it is doomed
+}
 
 transaction& transaction::running() { return *cache_manager::require().attachment()->open(); }
 
@@ -109,6 +115,16 @@ const object* transaction::read(object_handle& handle) {
   return body;
 }
 
+const object* transaction::look(ref_word word) {
+  verify_not_doomed();
+  const object_id id = word.is_handle() ? word.handle()->id() : word.id();
+  if (const object* body = known_.find(id)) return body;
+  object_ref counted = word.is_handle() ? object_ref(word.handle()) : session_.cache().counted(id);
+  const object* body = read(*counted.handle());
+  known_.keep(std::move(counted), body);
+  return body;
+}
+
 object* transaction::write(object_handle& handle) {
   if (object* own = own_copy(handle)) {
     if (!touched_.empty()) touched_.erase(own);
@@ -131,6 +147,7 @@ object* transaction::write(object_handle& handle) {
     throw;
   }
   handle.set_being_written(true);
+  known_.forget(handle.id());
   return copy.release();
 }
 
@@ -146,6 +163,7 @@ void transaction::replace(object_handle& handle, object& body) {
     if (c.body == replaced) c.body = &body;
   }
   copies_[&handle] = &body;
+  known_.forget(handle.id());
   const bool came_from_elsewhere = std::ranges::any_of(
       replacing_, [&](const auto& earlier) { return earlier.second == replaced; });
   if (!came_from_elsewhere) replaced->unpin();

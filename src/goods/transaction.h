@@ -18,6 +18,7 @@
 namespace goods {
 
 class cache_manager;
+class known_objects;
 class object;
 class publication;
 class transaction_companion;
@@ -35,7 +36,7 @@ class transaction_companion;
 // Threads: the one that opened it; publishing may run on another one while the owner waits.
 class transaction {
  public:
-  transaction(cache_manager& session, lock_owner& owner, bool is_explicit);
+  transaction(cache_manager& session, lock_owner& owner, known_objects& known, bool is_explicit);
   ~transaction();  // rolls back
   transaction(const transaction&) = delete;
   transaction& operator=(const transaction&) = delete;
@@ -73,6 +74,8 @@ class transaction {
   // The version to read: locked shared, the transaction's own copy when it has one. Valid to the
   // end of the caller's reader_section.
   const object* read(object_handle& handle);
+  // The same by reference, not pinned: it stays until the thread's outermost read is over.
+  const object* look(ref_word word);
 
   // The private copy, locked exclusively and made at the first call. As read(), but not pinned.
   object* write(object_handle& handle);
@@ -125,6 +128,7 @@ class transaction {
   std::optional<end_before_its_time> doom_;
   bool is_committed_ = false;
   lock_owner& owner_;
+  known_objects& known_;
   std::shared_ptr<publication> changes_;                // owns the copies until they are published
   std::unordered_map<object_handle*, object*> copies_;  // look-up into changes_
   std::unordered_set<const object*> touched_;           // copies that may be unchanged

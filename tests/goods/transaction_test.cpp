@@ -327,6 +327,44 @@ TEST(TransactionTest, ALongChainIsStoredReadAndDroppedWithoutDeepRecursion) {
   EXPECT_EQ(seen, length);
 }
 
+// More objects than a transaction keeps at hand, in one read and in many.
+TEST(TransactionTest, SeesItsOwnWritesAmongManyObjectsThatItHasRead) {
+  constexpr int length = 3000;
+  const test_store store;
+  test_session session(store);
+  const ref<cell> root = session.root();
+  std::vector<ref<cell>> cells;
+  session.session().atomically([&] {
+    for (int i = 0; i < length; ++i) {
+      cells.push_back(new_cell(i, i == 0 ? ref<cell>() : cells.back()));
+    }
+    modify(root)->next = cells.back();
+  });
+  session.session().set_cache_limit(1);
+  const auto read_all = [&] {
+    return session.session().read([&](reader& in) {
+      std::vector<const cell*> seen;
+      for (const ref<cell>& each : cells) seen.push_back(in.get(each));
+      std::int64_t sum = 0;
+      for (const cell* each : seen) sum += each->value;  // all are still there
+      return sum;
+    });
+  };
+  constexpr std::int64_t sum = std::int64_t{length} * (length - 1) / 2;
+  session.session().begin_transaction();
+  EXPECT_EQ(read_all(), sum);
+  modify(cells[7])->value += 100;
+  EXPECT_EQ(read_all(), sum + 100);
+  modify(cells[7])->value += 100;
+  modify(new_cell(8 + 1000, cells[7]))->become(cells[8]);
+  EXPECT_EQ(read_all(), sum + 1200);
+  session.session().abort_transaction();
+  EXPECT_EQ(read_all(), sum);
+  session.session().begin_transaction();
+  EXPECT_EQ(read_all(), sum);
+  session.session().end_transaction();
+}
+
 TEST(TransactionTest, WritersOfOneObjectTakeTurnsAndADeadlockIsRepeated) {
   constexpr int rounds = 200;
   const test_store store;

@@ -1,0 +1,37 @@
+#include "goods/known_objects.h"
+
+#include <goods/object_handle.h>
+
+namespace goods {
+
+void known_objects::keep(object_ref handle, const object* body) {
+  displaced fresh{std::unique_ptr<const object, unpinner>(body), std::move(handle)};
+  if (places_ == nullptr) {
+    used_.reserve(places);
+    places_ = std::make_unique<std::array<known, places>>();
+  }
+  const object_id id = fresh.keeps.handle()->id();
+  known& at = (*places_)[place_of(id)];
+  if (at.owned.body != nullptr) {
+    displaced_.push_back(std::move(at.owned));
+  } else {
+    used_.push_back(static_cast<std::uint16_t>(place_of(id)));
+  }
+  at.id = id;
+  at.body = body;
+  at.owned = std::move(fresh);
+}
+
+void known_objects::forget(object_id id) noexcept {
+  if (places_ == nullptr) return;
+  known& at = (*places_)[place_of(id)];
+  if (at.id == id) at.id = 0;
+}
+
+void known_objects::clear() noexcept {
+  for (const std::uint16_t place : used_) (*places_)[place] = {};
+  used_.clear();
+  release_displaced();
+}
+
+}  // namespace goods

@@ -1,0 +1,73 @@
+// What a transaction has read lately.
+#pragma once
+
+#include <array>
+#include <cstddef>
+#include <cstdint>
+#include <memory>
+#include <utility>
+#include <vector>
+
+#include <goods/object.h>
+#include <goods/object_ref.h>
+
+namespace goods {
+
+// Bodies of objects that the thread's transaction has locked, by identifier: while the lock is
+// held, the version that was read stays the one to be read until the transaction writes the object.
+// Looking here costs one look into memory, without counting, locking or pinning anything.
+//
+// One place for each of some values of a hash; what has to leave it stays in memory until the
+// reads that may have seen it are over (release_displaced()).
+// Ownership: pins the bodies and counts their handles. Threads: the one that runs the transaction.
+class known_objects {
+ public:
+  known_objects() = default;
+  known_objects(const known_objects&) = delete;
+  known_objects& operator=(const known_objects&) = delete;
+  ~known_objects() { clear(); }
+
+  // Null when it is not known.
+  const object* find(object_id id) const {
+    if (places_ == nullptr) return nullptr;
+    const known& at = (*places_)[place_of(id)];
+    return at.id == id ? at.body : nullptr;
+  }
+
+  // Takes over the caller's pin of `body`, the version of `handle` to be read; also when it throws
+  // std::bad_alloc.
+  void keep(object_ref handle, const object* body);
+  // The object is going to be written: find() does not know it any more.
+  void forget(object_id id) noexcept;
+  // When no read is in progress that may have seen what was displaced.
+  void release_displaced() noexcept {
+    if (!displaced_.empty()) displaced_.clear();
+  }
+  // At the end of the transaction.
+  void clear() noexcept;
+
+ private:
+  static constexpr std::size_t places = 512;
+
+  struct unpinner {
+    void operator()(const object* body) const { body->unpin(); }
+  };
+  struct displaced {
+    std::unique_ptr<const object, unpinner> body;
+    object_ref keeps;  // the handle, which the body names without counting it
+  };
+  struct known {
+    object_id id = 0;
+    const object* body = nullptr;
+    displaced owned = {};
+  };
+
+  static std::size_t place_of(object_id id) { return (id * 0x9E3779B97F4A7C15U) >> 55; }
+  static_assert(places == std::size_t{1} << (64 - 55));
+
+  std::unique_ptr<std::array<known, places>> places_;
+  std::vector<std::uint16_t> used_;  // places that hold something
+  std::vector<displaced> displaced_;
+};
+
+}  // namespace goods
