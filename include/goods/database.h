@@ -3,8 +3,10 @@
 
 #include <atomic>
 #include <cstdint>
+#include <functional>
 #include <memory>
 #include <string>
+#include <string_view>
 #include <vector>
 
 #include <goods/goods_api.h>
@@ -14,6 +16,25 @@ namespace goods {
 
 class cache_manager;
 class obj_storage;
+
+// How far a collection is.
+struct gc_progress {
+  std::uint64_t stored = 0;   // objects there were at the beginning
+  std::uint64_t marked = 0;   // found to be in use so far, newer ones included
+  std::uint64_t removed = 0;  // so far; in a dry run: that would be
+  bool is_removing = false;   // nothing more is marked
+};
+
+// What a collection is to do. The functions are called by the thread that collects, which holds
+// nothing meanwhile; what they throw ends the collection and reaches its caller.
+struct gc_options {
+  bool dry_run = false;  // finds out what would be removed, and leaves it
+  // Called often, and once at the end; false ends the collection. What has been removed by then was
+  // garbage, the rest is found by the next one.
+  std::function<bool(const gc_progress&)> progress;
+  // Shown each object, in the order of numbers, before it is removed.
+  std::function<void(object_id id, std::string_view class_name)> removes;
+};
 
 // Opens the storages, finds root objects and objects by identifier, and keeps the byte counters.
 //
@@ -74,8 +95,10 @@ class GOODS_API database {
   // whichever session it was started from. Interrupted at any point it has removed garbage only.
   // Throws corrupt_data when it meets a damaged object; then nothing has been removed. Throws usage
   // when it is called from within a read.
-  unsigned start_gc();
-  // Of the last collection that ran to its end.
+  unsigned start_gc() { return start_gc(gc_options()); }
+  // Returns 0 also when options.progress ended it.
+  unsigned start_gc(const gc_options& options);
+  // What the last collection removed, or in a dry run would have.
   std::uint64_t get_num_collected_objects() const { return collected_; }
 
   // Bytes of packed objects loaded from and committed to the storages, since opening or clearing.

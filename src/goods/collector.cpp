@@ -1,11 +1,12 @@
 #include "goods/collector.h"
 
 #include <algorithm>
-#include <array>
+#include <map>
 
 #include <goods/database.h>
 #include <goods/obj_storage.h>
 
+#include "goods/class_layout.h"
 #include "goods/epoch.h"
 #include "goods/layout_catalog.h"
 #include "goods/object_cache.h"
@@ -53,7 +54,7 @@ class collector::reference_sink : public state_sink {
   obj_storage& from_;
 };
 
-collector::collector(database& db) : db_(db) {
+collector::collector(database& db, const gc_options& options) : db_(db), options_(options) {
   for (std::uint32_t s = 0; s < db.get_number_of_storages(); ++s) {
     dbs_storage& storage = db.storage(static_cast<storage_number>(s)).dbs();
     // Subscribed before anything is read: no change can fall in between. With an origin of its own:
@@ -69,17 +70,26 @@ collector::collector(database& db) : db_(db) {
 
 collector::~collector() = default;
 
-std::uint64_t collector::run() {
-  forget_notes();
-  list_existing();
-  scan_held();
-  mark_pushed();
-  mark_roots();
-  mark_pushed();
-  settle();
-  std::uint64_t removed = 0;
-  for (storage_state& state : storages_) removed += sweep(state);
-  return removed;
+bool collector::run() {
+  try {
+    forget_notes();
+    list_existing();
+    scan_held();
+    mark_pushed();
+    mark_roots();
+    mark_pushed();
+    settle();
+    reached_.is_removing = true;
+    for (std::size_t s = 0; s < storages_.size(); ++s) sweep(static_cast<storage_number>(s));
+    report();
+  } catch (const stopped&) {
+    return false;
+  }
+  return true;
+}
+
+void collector::report() {
+  if (options_.progress && !options_.progress(reached_)) throw stopped();
 }
 
 // Those of a former collection would keep garbage.
@@ -95,6 +105,8 @@ void collector::list_existing() {
       state.existing.push_back(object.number);
       return true;
     });
+    reached_.stored += state.existing.size();
+    report();
   }
 }
 
@@ -127,7 +139,7 @@ void collector::settle() {
     mark_pushed();
     scan_held();
     mark_pushed();
-    while (!wait_for_sections(longest_pause)) continue;
+    while (!wait_for_sections(longest_wait)) report();
     if (try_settle(longest_wait)) return;
     longest_wait = std::min(longest_wait * 2, longest_pause);
   }
@@ -168,7 +180,9 @@ void collector::push(object_id id) {
   // What refers to a storage that the database does not have, or to a class layout, is damaged and
   // leads nowhere.
   if (storage_of(id) >= storages_.size() || number_of(id) < first_object_number) return;
-  if (storages_[storage_of(id)].marked.insert(number_of(id))) pushed_.push_back(id);
+  if (!storages_[storage_of(id)].marked.insert(number_of(id))) return;
+  pushed_.push_back(id);
+  ++reached_.marked;
 }
 
 void collector::push_again(object_id id) {
@@ -176,11 +190,12 @@ void collector::push_again(object_id id) {
   if (storages_[storage_of(id)].marked.contains(number_of(id))) pushed_.push_back(id);
 }
 
-// False when some are left after `most`.
+// False when some are left after `most`: commits are held, so nothing is reported.
 bool collector::mark_pushed(std::size_t most) {
   std::vector<object_number> batch;
   for (std::size_t looked_into = 0; !pushed_.empty(); looked_into += batch.size()) {
     if (looked_into >= most) return false;
+    if (most == unlimited) report();
     const storage_number from = storage_of(pushed_.back());
     batch.clear();
     while (!pushed_.empty() && batch.size() < objects_per_load &&
@@ -195,21 +210,49 @@ bool collector::mark_pushed(std::size_t most) {
   return true;
 }
 
-std::uint64_t collector::sweep(storage_state& state) {
-  std::uint64_t removed = 0;
-  std::vector<object_change> changes;
-  const auto commit = [&] {
-    state.storage->commit({.changes = changes, .origin = nullptr, .attachment = nullptr});
-    removed += changes.size();
-    changes.clear();
+void collector::sweep(storage_number storage) {
+  const storage_state& state = storages_[storage];
+  std::vector<object_number> unmarked;
+  const auto remove_them = [&] {
+    if (unmarked.empty()) return;
+    report();
+    show(storage, unmarked);
+    if (!options_.dry_run) remove(storage, unmarked);
+    reached_.removed += unmarked.size();
+    unmarked.clear();
   };
   for (const object_number number : state.existing) {
     if (state.marked.contains(number)) continue;
-    changes.push_back({.number = number, .layout = 0, .body = {}, .removed = true});
-    if (changes.size() == objects_per_sweep) commit();
+    unmarked.push_back(number);
+    if (unmarked.size() == objects_per_sweep) remove_them();
   }
-  if (!changes.empty()) commit();
-  return removed;
+  remove_them();
+}
+
+void collector::remove(storage_number storage, std::span<const object_number> numbers) {
+  std::vector<object_change> changes;
+  changes.reserve(numbers.size());
+  for (const object_number number : numbers) {
+    changes.push_back({.number = number, .layout = 0, .body = {}, .removed = true});
+  }
+  storages_[storage].storage->commit(
+      {.changes = changes, .origin = nullptr, .attachment = nullptr});
+}
+
+void collector::show(storage_number storage, std::span<const object_number> numbers) {
+  if (!options_.removes) return;
+  class layout_sink : public state_sink {
+   public:
+    void found(const object_state& state) override { layouts[state.number] = state.layout; }
+    void missing(object_number) override {}
+    std::map<object_number, class_number> layouts;
+  } sink;
+  dbs_storage& from = *storages_[storage].storage;
+  from.load(numbers, from.newest_version(), sink);
+  for (const auto& [number, layout] : sink.layouts) {
+    options_.removes(make_object_id(storage, number),
+                     db_.storage(storage).catalog().layout(layout).name);
+  }
 }
 
 }  // namespace goods

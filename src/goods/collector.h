@@ -6,14 +6,14 @@
 #include <cstdint>
 #include <limits>
 #include <memory>
+#include <span>
 #include <vector>
 
+#include <goods/database.h>
 #include <goods/dbs_storage.h>
 #include <goods/object_ref.h>
 
 namespace goods {
-
-class database;
 
 // One collection over all storages of a database, while sessions go on reading and committing.
 //
@@ -36,11 +36,12 @@ class database;
 // Threads: needs the collection_claim for the storages, and is not run in a reader_section.
 class collector {
  public:
-  explicit collector(database& db);
+  collector(database& db, const gc_options& options);  // `options` outlive it
   ~collector();
 
-  // Returns how many objects were removed.
-  std::uint64_t run();
+  // False when options.progress ended it.
+  bool run();
+  std::uint64_t removed() const { return reached_.removed; }
 
  private:
   // One bit for each object number from first_object_number up.
@@ -59,6 +60,7 @@ class collector {
     std::vector<object_number> existing;  // at the beginning, ascending
   };
   class reference_sink;
+  struct stopped {};
 
   static constexpr std::size_t unlimited = std::numeric_limits<std::size_t>::max();
 
@@ -72,9 +74,14 @@ class collector {
   void push(object_id id);
   void push_again(object_id id);
   bool mark_pushed(std::size_t most = unlimited);
-  std::uint64_t sweep(storage_state& state);
+  void sweep(storage_number storage);
+  void remove(storage_number storage, std::span<const object_number> numbers);
+  void show(storage_number storage, std::span<const object_number> numbers);
+  void report();
 
   database& db_;
+  const gc_options& options_;
+  gc_progress reached_;
   std::vector<storage_state> storages_;
   std::vector<const dbs_storage*> contracts_;
   std::vector<dbs_storage*> in_pausing_order_;

@@ -147,7 +147,7 @@ void database::get_object(object_ref& object, object_number number, storage_numb
   object = session().find(make_object_id(storage, number));
 }
 
-unsigned database::start_gc() {
+unsigned database::start_gc(const gc_options& options) {
   if (reader_section::is_inside()) {
     throw_error(error_code::usage, "A collection cannot be started from within a read.");
   }
@@ -155,8 +155,10 @@ unsigned database::start_gc() {
   for (const auto& storage : storages_) contracts.push_back(&storage->dbs());
   const auto claim = collection_claim::take(std::move(contracts));
   if (claim == nullptr) return 0;
-  collected_ = collector(*this).run();
-  return 1;
+  collector work(*this, options);
+  const bool has_ended = work.run();
+  collected_ = work.removed();
+  return has_ended ? 1 : 0;
 }
 
 std::uint64_t database::get_num_bytes_from_db() const {

@@ -163,4 +163,8 @@ void TarnManager::clearNumBytesFromStorage(unsigned long id) {
 
 bool TarnManager::startGarbageCollection() { return openDatabase().start_gc() != 0; }
 
+bool TarnManager::startGarbageCollection(const goods::gc_options& options) {
+  return openDatabase().start_gc(options) != 0;
+}
+
 }  // namespace tarns

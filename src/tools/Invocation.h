@@ -50,6 +50,7 @@ void AddCp(CLI::App& app, Invocation& invocation);
 void AddMv(CLI::App& app, Invocation& invocation);
 void AddFind(CLI::App& app, Invocation& invocation);
 void AddStat(CLI::App& app, Invocation& invocation);
+void AddGc(CLI::App& app, Invocation& invocation);
 void AddImport(CLI::App& app, Invocation& invocation);
 void AddExport(CLI::App& app, Invocation& invocation);
 

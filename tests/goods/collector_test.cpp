@@ -1,3 +1,4 @@
+#include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
 #include <atomic>
@@ -119,6 +120,55 @@ std::vector<ref<cell>> hold_chain(const ref<cell>& root, int length) {
   for (int n = 1; n < length; ++n) held.push_back(new_cell(n, held.back()));
   modify(root)->next = held.back();
   return held;
+}
+
+TEST(CollectorTest, ShowsWhatGoesAndEndsWhenItIsTold) {
+  const test_store store(2);
+  test_session session(store);
+  const ref<cell> root = session.root();
+  ref<cell> far = new_cell(1);
+  modify(far)->attach_to_storage(&session.db(), 1);
+  modify(root)->next = new_cell(2, new_cell(3, far));
+  const std::vector<object_id> garbage{root->next.id(), ref<cell>(root->next)->next.id(), far.id()};
+  far.clear();
+  modify(root)->next = nullptr;
+  std::vector<object_id> shown;
+  gc_progress last;
+  gc_options options;
+  options.removes = [&](object_id id, std::string_view class_name) {
+    EXPECT_EQ(class_name, "cell");
+    shown.push_back(id);
+  };
+  options.progress = [&](const gc_progress& reached) {
+    last = reached;
+    return true;
+  };
+  const auto objects = [&] {
+    return stored_objects(session.db()) + stored_objects(session.db(), 1);
+  };
+
+  options.dry_run = true;
+  EXPECT_EQ(session.db().start_gc(options), 1u);
+  EXPECT_THAT(shown, testing::UnorderedElementsAreArray(garbage));
+  EXPECT_EQ(last.stored, 4u);
+  EXPECT_EQ(last.removed, 3u);
+  EXPECT_EQ(objects(), 4u) << "a dry run";
+
+  options.dry_run = false;
+  for (const bool while_removing : {false, true}) {
+    options.progress = [&](const gc_progress& reached) {
+      return reached.is_removing != while_removing;
+    };
+    EXPECT_EQ(session.db().start_gc(options), 0u);
+    EXPECT_EQ(objects(), 4u) << "ended before it removed anything";
+  }
+
+  shown.clear();
+  options.progress = nullptr;
+  EXPECT_EQ(session.db().start_gc(options), 1u);
+  EXPECT_THAT(shown, testing::UnorderedElementsAreArray(garbage));
+  EXPECT_EQ(session.db().get_num_collected_objects(), 3u);
+  EXPECT_EQ(objects(), 1u);
 }
 
 // One reference goes around a ring that nothing else leads to. A scan of the handles, which looks

@@ -167,6 +167,7 @@ TEST_F(CommandTest, MistakesInUseAndMissingDatabases) {
       {{command, "-d", database(), "--format", "tree", "ls", "--limit", "1"}, 2, "--limit"},
       {{command, "-d", database(), "--format", "tree", "find"}, 2, "--format tree"},
       {{command, "-d", database(), "--format", "raw", "stat"}, 2, "formats"},
+      {{command, "-d", database(), "--format", "tree", "gc"}, 2, "formats"},
       {{command, "-d", database(), "find", "--type", "Wrong"}, 1, "\"Wrong\""},
       {{command, "-d", database(), "export", "out.json"}, 1, "before the file"},
       {{command, "-d", database(), "export", "out"}, 1, "\"out\" does not exist.\n"},
@@ -190,8 +191,8 @@ TEST_F(CommandTest, MistakesInUseAndMissingDatabases) {
 }
 
 TEST_F(CommandTest, EveryHelpEndsWithTwoExamples) {
-  for (const char* name :
-       {"init", "get", "set", "ls", "tree", "rm", "cp", "mv", "find", "stat", "import", "export"}) {
+  for (const char* name : {"init", "get", "set", "ls", "tree", "rm", "cp", "mv", "find", "stat",
+                           "gc", "import", "export"}) {
     SCOPED_TRACE(name);
     const program_result result = run_program({PROGRAM_TARNS_COMMAND, name, "--help"});
     EXPECT_EQ(result.status, 0);
@@ -201,6 +202,25 @@ TEST_F(CommandTest, EveryHelpEndsWithTwoExamples) {
     EXPECT_EQ(std::count(rest.begin(), rest.end(), '\n'), 3) << rest;
     EXPECT_THAT(rest, HasSubstr(std::string(" ") + name));
   }
+}
+
+TEST_F(CommandTest, GcListsAndRemovesWhatNoPathLeadsTo) {
+  const auto dryRun = [&] { return run({"gc", "--dry-run"}).out; };
+  ASSERT_EQ(run({"set", "kept~a", "1"}).status, 0);
+  ASSERT_EQ(run({"gc"}).status, 0);
+  EXPECT_EQ(dryRun(), "");
+  EXPECT_EQ(run({"--format", "json", "gc", "--dry-run"}).out, "[]\n");
+  ASSERT_EQ(run({"set", "gone~b", "2"}).status, 0);
+  ASSERT_EQ(run({"rm", "gone"}).status, 0);
+  const std::string listed = dryRun();
+  EXPECT_THAT(listed, testing::MatchesRegex("OBJECT +CLASS\n(0:[0-9]+ +.+\n)+"));
+  EXPECT_THAT(run({"--format", "json", "gc", "--dry-run"}).out, HasSubstr("\"object\": \"0:"));
+  EXPECT_EQ(dryRun(), listed) << "nothing has gone";
+  const program_result collected = run({"gc"});
+  EXPECT_EQ(collected.status, 0);
+  EXPECT_EQ(collected.out + collected.err, "");
+  EXPECT_EQ(dryRun(), "");
+  EXPECT_EQ(run({"get", "kept~a"}).out, "1\n");
 }
 
 TEST_F(CommandTest, ControlBytesAreShownAsEscapes) {

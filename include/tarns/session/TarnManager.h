@@ -131,6 +131,8 @@ class TARNS_API TarnManager {
   // gives their room back; returns when that is done, while other threads may go on working. False
   // when a collection is running already. See goods::database::start_gc.
   bool startGarbageCollection();
+  // The same with options; false also when options.progress ended it.
+  bool startGarbageCollection(const goods::gc_options& options);
 
   // --- Reading values: conversions are TarnData's -----------------------------------------------
 
