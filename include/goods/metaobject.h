@@ -55,8 +55,9 @@ class GOODS_API pessimistic_metaobject : public metaobject {
 
   // Whether a transaction that reads an object and later writes it ends the process: two that do so
   // at a time must end in a deadlock, which goes unnoticed in tests. Only what the application does
-  // in transactions that it began itself counts, and only accesses through references; look-ups by
-  // path, and what calls of the library read, do not. Off by default.
+  // in transactions that it began itself counts, and only accesses through references: its own and
+  // those of calls that go through a node (children(), getChildNames(), getNumChildren()), not
+  // look-ups by path and what calls that write read first. Off by default.
   static std::atomic<bool> abort_on_read_lock_promotion;
 };
 
