@@ -41,7 +41,9 @@ class known_objects {
   void forget(object_id id) noexcept;
   // When no read is in progress that may have seen what was displaced.
   void release_displaced() noexcept {
-    if (!displaced_.empty()) displaced_.clear();
+    if (displaced_.empty()) return;
+    for (displaced& one : displaced_) one.body.reset();  // while its handle is counted
+    displaced_.clear();
   }
   // At the end of the transaction.
   void clear() noexcept;
