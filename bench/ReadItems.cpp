@@ -104,8 +104,8 @@ void Bench::transactionReads() {
     const auto session = store->session();
     std::vector<double> figures;
     for (int round = 0; round < options_.rounds; ++round) {
-      readAll(*session, peer, perBatch);
       if (perBatch == 0) session->beginReads();
+      readAll(*session, peer, perBatch);
       const Stopwatch watch;
       for (std::size_t turn = 0; turn < turns; ++turn) readAll(*session, peer, perBatch);
       figures.push_back(static_cast<double>(turns * reads.paths.size()) / watch.seconds());

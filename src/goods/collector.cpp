@@ -21,7 +21,7 @@ constexpr std::size_t objects_per_sweep = 4096;
 // How long commits may have to wait for readers; longer each time that it was not enough.
 constexpr std::chrono::milliseconds shortest_pause{50};
 constexpr std::chrono::milliseconds longest_pause{2000};
-constexpr std::size_t most_marked_in_pause = 2048;  // before each scan
+constexpr std::size_t most_marked_in_pause = 2048;  // before each scan; doubles likewise
 constexpr int most_scans_in_pause = 4;
 
 }  // namespace
@@ -81,7 +81,7 @@ bool collector::run() {
     settle();
     reached_.is_removing = true;
     for (std::size_t s = 0; s < storages_.size(); ++s) sweep(static_cast<storage_number>(s));
-    report();
+    if (options_.progress) options_.progress(reached_);  // there is nothing left to stop
   } catch (const stopped&) {
     return false;
   }
@@ -133,31 +133,36 @@ void collector::scan_held() {
 // Returns after a moment as the class comment describes.
 void collector::settle() {
   std::chrono::milliseconds longest_wait = shortest_pause;
+  std::size_t most_marked = most_marked_in_pause;
   while (true) {
     // As much as possible while commits go on: what remains for the pause is little then.
     push_changed();
     mark_pushed();
     scan_held();
     mark_pushed();
-    while (!wait_for_sections(longest_wait)) report();
-    if (try_settle(longest_wait)) return;
+    const std::uint64_t moment = moment_of_sections();
+    while (!wait_for_sections(moment, longest_wait)) report();
+    push_changed();
+    mark_pushed();
+    if (try_settle(longest_wait, most_marked)) return;
     longest_wait = std::min(longest_wait * 2, longest_pause);
+    most_marked *= 2;
   }
 }
 
 // False when readers, or much that turns up, would keep the commits waiting for long. A reader may
 // wait for a commit itself.
-bool collector::try_settle(std::chrono::milliseconds longest_wait) {
+bool collector::try_settle(std::chrono::milliseconds longest_wait, std::size_t most_marked) {
   std::vector<std::unique_ptr<commit_pause>> pauses;
   for (dbs_storage* const storage : in_pausing_order_) pauses.push_back(storage->pause_commits());
   session_registry::get().for_each(contracts_, [](object_cache& session) {
     session.catch_up();
     session.stable_publish_count();
   });
-  if (!wait_for_sections(longest_wait)) return false;
+  if (!wait_for_sections(moment_of_sections(), longest_wait)) return false;
   push_changed();
   for (int scans = 0; scans < most_scans_in_pause; ++scans) {
-    if (!mark_pushed(most_marked_in_pause)) return false;
+    if (!mark_pushed(most_marked)) return false;
     scan_held();
     if (pushed_.empty()) return true;
   }

@@ -69,7 +69,7 @@ class collector {
   void mark_roots();
   void scan_held();
   void settle();
-  bool try_settle(std::chrono::milliseconds longest_wait);
+  bool try_settle(std::chrono::milliseconds longest_wait, std::size_t most_marked);
   void push_changed();
   void push(object_id id);
   void push_again(object_id id);

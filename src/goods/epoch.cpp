@@ -155,22 +155,23 @@ void collect_retired() noexcept {
   domain.releasing.erase(std::ranges::find(domain.releasing, free.front().epoch));
 }
 
-bool wait_for_sections(std::chrono::milliseconds limit) {
+std::uint64_t moment_of_sections() {
+  epoch_domain& domain = epoch_domain::get();
+  const std::lock_guard guard(domain.lock);
+  return domain.epoch.fetch_add(1);
+}
+
+bool wait_for_sections(std::uint64_t moment, std::chrono::milliseconds limit) {
   using clock = std::chrono::steady_clock;
   constexpr auto pause = std::chrono::microseconds(50);
   const clock::time_point until = clock::now() + limit;
   epoch_domain& domain = epoch_domain::get();
-  std::uint64_t last = 0;  // of the sections and items that are waited for
-  {
-    const std::lock_guard guard(domain.lock);
-    last = domain.epoch.fetch_add(1);
-  }
   const auto is_over = [&] {
     const std::lock_guard guard(domain.lock);
-    return domain.oldest_section() > last &&
-           (domain.retired.empty() || domain.retired.front().epoch > last) &&
+    return domain.oldest_section() > moment &&
+           (domain.retired.empty() || domain.retired.front().epoch > moment) &&
            std::ranges::none_of(domain.releasing,
-                                [&](std::uint64_t epoch) { return epoch <= last; });
+                                [&](std::uint64_t epoch) { return epoch <= moment; });
   };
   while (true) {
     collect_retired();

@@ -31,9 +31,12 @@ void retire(void* what, void (*release)(void*), std::size_t bytes = 0) noexcept;
 // Frees what has become free; retire() does so now and then by itself.
 void collect_retired() noexcept;
 
-// Returns when no section is left that began before the call, and everything has been released that
-// was retired before it. False when `limit` passes first. Not within a section: it would wait for
-// itself.
-bool wait_for_sections(std::chrono::milliseconds limit);
+// Now, for wait_for_sections().
+std::uint64_t moment_of_sections();
+
+// Returns when no section is left that began before that moment, and everything has been released
+// that was retired before it. False when `limit` passes first; waiting for the same moment again
+// ends, however many sections begin meanwhile. Not within a section: it would wait for itself.
+bool wait_for_sections(std::uint64_t moment, std::chrono::milliseconds limit);
 
 }  // namespace goods

@@ -5,7 +5,7 @@
 namespace goods {
 
 void known_objects::keep(object_ref handle, const object* body) {
-  displaced fresh{std::unique_ptr<const object, unpinner>(body), std::move(handle)};
+  displaced fresh{std::move(handle), std::unique_ptr<const object, unpinner>(body)};
   if (places_ == nullptr) {
     used_.reserve(places);
     places_ = std::make_unique<std::array<known, places>>();
@@ -29,7 +29,11 @@ void known_objects::forget(object_id id) noexcept {
 }
 
 void known_objects::clear() noexcept {
-  for (const std::uint16_t place : used_) (*places_)[place] = {};
+  for (const std::uint16_t place : used_) {
+    known& at = (*places_)[place];
+    at.owned.body.reset();
+    at = {};
+  }
   used_.clear();
   release_displaced();
 }

@@ -41,9 +41,7 @@ class known_objects {
   void forget(object_id id) noexcept;
   // When no read is in progress that may have seen what was displaced.
   void release_displaced() noexcept {
-    if (displaced_.empty()) return;
-    for (displaced& one : displaced_) one.body.reset();  // while its handle is counted
-    displaced_.clear();
+    if (!displaced_.empty()) displaced_.clear();
   }
   // At the end of the transaction.
   void clear() noexcept;
@@ -54,9 +52,10 @@ class known_objects {
   struct unpinner {
     void operator()(const object* body) const { body->unpin(); }
   };
+  // A body that is pinned names its handle, which must be counted until after that.
   struct displaced {
+    object_ref keeps;
     std::unique_ptr<const object, unpinner> body;
-    object_ref keeps;  // the handle, which the body names without counting it
   };
   struct known {
     object_id id = 0;

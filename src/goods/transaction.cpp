@@ -190,14 +190,22 @@ void transaction::drop_unchanged() {
   };
   const auto is_unchanged = [&](const publication::copy& copy) {
     if (!touched_.contains(copy.body) || refers_to_new_objects(*copy.body)) return false;
+    const auto is_it = [&](const auto& one) { return one.second == copy.body; };
+    if (std::ranges::any_of(replacing_, is_it)) return false;  // end_replacing() looks at it
     const reader_section section;
     const object& committed = *session_.cache().loaded(*copy.keeps.handle());
     return &committed.cls() == &copy.body->cls() &&
            std::ranges::equal(pack(committed, copy.keeps.id()).bytes(),
                               pack(*copy.body, copy.keeps.id()).bytes());
   };
+  // All that may fail first: what is dropped below is not looked at again.
+  std::vector<const object*> unchanged;
+  for (const publication::copy& copy : changes_->copies) {
+    if (is_unchanged(copy)) unchanged.push_back(copy.body);
+  }
+  std::ranges::sort(unchanged);
   std::erase_if(changes_->copies, [&](const publication::copy& copy) {
-    if (!is_unchanged(copy)) return false;
+    if (!std::ranges::binary_search(unchanged, copy.body)) return false;
     copy.keeps.handle()->set_being_written(false);
     copies_.erase(copy.keeps.handle());
     copy.body->close();
