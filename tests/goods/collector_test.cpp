@@ -258,7 +258,8 @@ TEST(CollectorTest, EndsWhileThreadsCommitWithoutAPause) {
   std::counting_semaphore<> has_begun(0);
   std::vector<std::thread> threads;
   for (int t = 0; t < 6; ++t) {
-    threads.emplace_back([&, in_session = t % 2 == 0] {
+    threads.emplace_back([&, t] {
+      const bool in_session = t % 2 == 0;
       std::optional<test_session> own;
       if (in_session) {
         session.db().attach();
