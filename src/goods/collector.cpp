@@ -64,8 +64,8 @@ collector::collector(database& db, const gc_options& options) : db_(db), options
     in_pausing_order_.push_back(&storage);
   }
   std::ranges::sort(in_pausing_order_, {}, &dbs_storage::identity);
-  const auto twice = std::ranges::unique(in_pausing_order_);
-  in_pausing_order_.erase(twice.begin(), twice.end());
+  in_pausing_order_.erase(std::unique(in_pausing_order_.begin(), in_pausing_order_.end()),
+                          in_pausing_order_.end());
 }
 
 collector::~collector() = default;
