@@ -139,17 +139,22 @@ TarnRef FindNode(const TarnRef& from, std::string_view path) {
   });
 }
 
+bool FindInIndex(goods::reader& reader, const TarnObject& node, std::string_view name,
+                 goods::ref_word& child) {
+  child = {};
+  if (!node.getClass().may_be_guest()) return false;  // it may find children elsewhere
+  const TarnObjects* index = TarnNodeAccess::IndexOf(reader, node);
+  if (index == nullptr) return true;
+  if (const auto entry = index->find(reader, name)) child = entry->target;
+  return true;
+}
+
 bool FindInIndex(const TarnRef& parent, std::string_view name, TarnRef& child) {
   return goods::read_here([&](goods::reader& reader) {
-    child = nullptr;
-    const TarnObject* node = reader.get(parent);
-    if (!node->getClass().may_be_guest()) return false;
-    const TarnObjects* index = TarnNodeAccess::IndexOf(reader, *node);
-    if (index == nullptr) return true;
-    if (const auto entry = index->find(reader, name)) {
-      child = TarnRef::Trusted(goods::to_reference(entry->target));
-    }
-    return true;
+    goods::ref_word found;
+    const bool isKnown = FindInIndex(reader, *reader.get(parent), name, found);
+    child = found.is_null() ? TarnRef() : TarnRef::Trusted(goods::to_reference(found));
+    return isKnown;
   });
 }
 

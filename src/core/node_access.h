@@ -34,6 +34,11 @@ const TarnObject* PassToChild(goods::reader& reader, const TarnObject& node, std
 // As FindNode(), for a node that is only looked at in this round: it need not have a handle.
 const TarnObject* PassToNode(goods::reader& reader, const TarnObject& from, std::string_view path);
 
+// The child of that name, found without looking at it: false when only the child itself, or the
+// node's class, can tell. `child` is null when there is none.
+bool FindInIndex(goods::reader& reader, const TarnObject& node, std::string_view name,
+                 goods::ref_word& child);
+
 // The current state of the node behind `body`, which may be one that was current earlier.
 const TarnObject& Current(goods::reader& reader, const TarnObject& body);
 
@@ -48,8 +53,7 @@ inline bool IsChildName(std::string_view name) {
 // The node at a path below `from`, or null.
 TarnRef FindNode(const TarnRef& from, std::string_view path);
 
-// The child of that name, found without looking at it: false when only the child itself, or its
-// parent's class, can tell. `child` is null when there is none.
+// As the one above.
 bool FindInIndex(const TarnRef& parent, std::string_view name, TarnRef& child);
 
 // Writes the value at `path`, as TarnObject::setValue() does: an existing one with a lock on

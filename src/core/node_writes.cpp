@@ -36,6 +36,14 @@ Place Locate(const TarnRef& from, std::string_view path, Sought sought) {
       if (sought == Sought::kValue && branch.isLast() && IsMember(*node, *branch)) {
         return {Place::kMember, node->getSelf(), *branch};
       }
+      goods::ref_word value;
+      // What is going to be written must not be looked at: it would be locked for reading before it
+      // is locked for writing, and two that do so wait for each other.
+      if (sought == Sought::kValue && branch.isLast() && reader.in_transaction() &&
+          FindInIndex(reader, *node, *branch, value)) {
+        if (value.is_null()) return {Place::kMissing, node->getSelf(), branch.rest()};
+        return {Place::kNode, TarnRef::Trusted(goods::to_reference(value)), {}};
+      }
       const TarnObject* next = node->findChild(reader, *branch);
       if (next == nullptr) return {Place::kMissing, node->getSelf(), branch.rest()};
       node = next;

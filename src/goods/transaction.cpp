@@ -81,7 +81,7 @@ void transaction::lock(object_id id, lock_mode mode) {
   }
 }
 
-void transaction::doom(error_code code, const std::string& reason) noexcept {
+void transaction::doom(error_code code, const char* reason) noexcept {
   if (doom_ && (doom_->code != error_code::usage || code == error_code::usage)) return;
   doom_.emplace(end_before_its_time{code, {}});
   try {
@@ -236,6 +236,7 @@ void transaction::commit_copies() {
 }
 
 void transaction::finish() noexcept {
+  if (changes_ == nullptr) return;
   for (publication::copy& c : changes_->copies) {
     if (c.body == nullptr) continue;
     c.keeps.handle()->set_being_written(false);
@@ -247,7 +248,6 @@ void transaction::finish() noexcept {
   touched_.clear();
   read_.clear();
   changes_.reset();
-  changes_ = std::make_shared<publication>();
   roots_.clear();
   if (owner_.held() == 0) return;
   for (std::uint32_t s = 0; s < session_.db().get_number_of_storages(); ++s) {

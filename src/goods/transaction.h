@@ -65,7 +65,7 @@ class transaction {
 
   // Rolls back now; see above. `reason` is a sentence. The first one counts, unless it was told
   // without the code that a later one has.
-  void doom(error_code code, const std::string& reason) noexcept;
+  void doom(error_code code, const char* reason) noexcept;
   bool is_doomed() const { return doom_.has_value(); }
   void verify_not_doomed() const {
     if (doom_) throw_doomed();
@@ -129,7 +129,7 @@ class transaction {
   bool is_committed_ = false;
   lock_owner& owner_;
   known_objects& known_;
-  std::shared_ptr<publication> changes_;                // owns the copies until they are published
+  std::shared_ptr<publication> changes_;                // owns the copies; null when it is over
   std::unordered_map<object_handle*, object*> copies_;  // look-up into changes_
   std::unordered_set<const object*> touched_;           // copies that may be unchanged
   std::unordered_set<object_id> read_;                  // see note_read()

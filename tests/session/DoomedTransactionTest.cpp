@@ -49,6 +49,29 @@ class DoomedTransactionTest : public session_test {
   std::future<void> other_;
 };
 
+// One that only sets a value waits for it without having locked it for reading.
+TEST_F(DoomedTransactionTest, SettingOneValueMeetsInNoDeadlock) {
+  for (const char* path : {"b", "n~value"}) {
+    SCOPED_TRACE(path);
+    manager().set(path, 1);
+    std::latch isReady(2);
+    TarnTransaction transaction(manager());
+    EXPECT_EQ(manager().getSint32(path, 0), 1);
+    auto other = elsewhere([this, path, &isReady] {
+      TarnTransaction waiting(manager());
+      isReady.arrive_and_wait();
+      manager().set(path, 2);
+      waiting.commit();
+    });
+    isReady.arrive_and_wait();
+    EXPECT_EQ(other.wait_for(milliseconds(50)), std::future_status::timeout);
+    manager().set(path, 3);
+    transaction.commit();
+    other.get();
+    EXPECT_EQ(manager().getSint32(path, 0), 2);
+  }
+}
+
 TEST_F(DoomedTransactionTest, NothingInItsScopeIsKeptAndEverythingSaysWhy) {
   struct Case {
     const char* name;
@@ -161,7 +184,7 @@ TEST_F(DoomedTransactionTest, TheVictimOfADeadlockLetsTheOthersGoOnAtOnce) {
     EXPECT_EQ(error.getErrorID(), 100UL);
     EXPECT_THAT(
         error.what(),
-        MatchesRegex("\"b\" cannot be locked for reading without a deadlock: "
+        MatchesRegex("\"b\" cannot be locked for writing without a deadlock: "
                      "thread [0-9]+ waits, and thread [0-9]+ has held \"b\" exclusively for "
                      "[0-9]+ ms; thread [0-9]+ waits, and thread [0-9]+ has held \"a\" "
                      "exclusively for [0-9]+ ms\\."));
@@ -179,7 +202,7 @@ TEST_F(DoomedTransactionTest, ATimeOutKeepsItsCodeAndIsNotRepeated) {
     ++attempts;
     meet("c", milliseconds(20));
     EXPECT_THAT([&] { manager().set("b", 1); },
-                ThrowsTarn(101, MatchesRegex("\"b\" could not be locked for reading within 20 ms: "
+                ThrowsTarn(101, MatchesRegex("\"b\" could not be locked for writing within 20 ms: "
                                              "thread [0-9]+ has held it exclusively for [0-9]+ "
                                              "ms\\.")));
     elsewhere([&] { manager().set("a", 7); }).get();  // its lock is free by now

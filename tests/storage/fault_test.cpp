@@ -233,6 +233,14 @@ TEST_F(RelaxedTest, WhatCouldNotBeSyncedGoesIntoTheDatabaseWithoutWaitingForACom
 
 TEST_F(RelaxedTest, WhatCannotBecomeDurableIsToldByCommitsAndReadsGoOn) {
   fail_to_sync(true);
+  await([this] {  // the thread that syncs has yet to tell
+    try {
+      commit_text(*storage_, first, "not synced");
+    } catch (const database_error&) {
+      return true;
+    }
+    return false;
+  });
   for (int i = 0; i < 2; ++i)
     EXPECT_THAT([this] { commit_text(*storage_, first + 1, "refused"); },
                 fails_with(error_code::input_output, testing::HasSubstr(path("store"))));

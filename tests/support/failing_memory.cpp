@@ -4,7 +4,8 @@
 
 #include <atomic>
 #include <cstdlib>
-#include <new>
+
+#include "support/replaced_new.h"
 
 namespace {
 
@@ -17,10 +18,6 @@ bool is_to_fail() {
   if (number < fails_after || (number > fails_after && !fails_for_good)) return false;
   failed = true;
   return true;
-}
-
-void* allocate(std::size_t size) noexcept {
-  return is_to_fail() ? nullptr : std::malloc(size != 0 ? size : 1);
 }
 
 // ---- SQLite's
@@ -43,6 +40,8 @@ const bool installed = [] {
 
 }  // namespace
 
+bool may_allocate() noexcept { return !is_to_fail(); }
+
 failing_memory::failing_memory(std::uint64_t after, bool for_good) {
   if (!installed) std::abort();
   failed = false;
@@ -55,19 +54,3 @@ failing_memory::failing_memory(std::uint64_t after, bool for_good) {
 failing_memory::~failing_memory() { armed = false; }
 
 bool failing_memory::has_failed() { return failed; }
-
-// All forms but those for over-aligned types: in programs with a sanitizer, the forms that are left
-// out do not call these.
-void* operator new(std::size_t size) {
-  if (void* memory = allocate(size)) return memory;
-  throw std::bad_alloc();
-}
-void* operator new[](std::size_t size) { return operator new(size); }
-void* operator new(std::size_t size, const std::nothrow_t&) noexcept { return allocate(size); }
-void* operator new[](std::size_t size, const std::nothrow_t&) noexcept { return allocate(size); }
-void operator delete(void* memory) noexcept { std::free(memory); }
-void operator delete[](void* memory) noexcept { std::free(memory); }
-void operator delete(void* memory, std::size_t) noexcept { std::free(memory); }
-void operator delete[](void* memory, std::size_t) noexcept { std::free(memory); }
-void operator delete(void* memory, const std::nothrow_t&) noexcept { std::free(memory); }
-void operator delete[](void* memory, const std::nothrow_t&) noexcept { std::free(memory); }

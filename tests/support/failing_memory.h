@@ -3,7 +3,8 @@
 #include <cstdint>
 
 // Memory that runs out, for C++ and for SQLite. A program that uses it lists
-// support/failing_memory.cpp, which replaces new, delete and what SQLite allocates with.
+// support/failing_memory.cpp, which replaces what SQLite allocates with, and
+// support/replaced_new.cpp.
 //
 // While one exists, the allocation after the first `after` ones fails, in whatever thread; and with
 // `for_good` all later ones. Only one at a time; nothing of the test's own should allocate then.
