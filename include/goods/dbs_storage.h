@@ -174,6 +174,42 @@ class commit_pause {
   virtual ~commit_pause() = default;
 };
 
+// What is wrong with what a storage keeps.
+struct storage_fault {
+  // The objects that cannot be read because of it, as far as they exist; 0 when it is not about
+  // certain objects.
+  object_number first = 0, last = 0;
+  std::string text;  // as "the checksum does not match"
+};
+
+// Receives what a check finds. Each function returns false to end the check.
+class check_sink {
+ public:
+  virtual ~check_sink() = default;
+  // An object that can be read, in the order of numbers.
+  virtual bool found(const object_state& state) = 0;
+  virtual bool fault(const storage_fault& fault) = 0;
+  // Called often, at least every few milliseconds while nothing is found.
+  virtual bool goes_on() { return true; }
+};
+
+// A storage as it was at one moment, while commits go on. Long-lived views keep the storage's
+// write-ahead log from shrinking. Threads: one at a time. Outlived by its storage.
+class storage_view {
+ public:
+  virtual ~storage_view() = default;
+
+  virtual commit_version version() const = 0;
+  // As dbs_storage::load(). Throws corrupt_data at the first object that cannot be read.
+  virtual void load(std::span<const object_number> numbers, state_sink& into) = 0;
+
+  // Verifies what the backend itself is responsible for, beside the objects' contents: that it has
+  // what it says it has, and that it reads as it was written. Goes on after each fault. With `full`
+  // everything is read; otherwise only what is about the storage as a whole, and no object.
+  // Returns false when the sink ended it. Throws only for lack of memory, and what the sink throws.
+  virtual bool check(bool full, check_sink& into) = 0;
+};
+
 class dbs_storage {
  public:
   virtual ~dbs_storage() = default;
@@ -247,6 +283,10 @@ class dbs_storage {
   // Calls `visit` for every object in number order, all as of one version, while commits go on.
   // `visit` returns false to stop. Long visits keep the storage's write-ahead log from shrinking.
   virtual void for_each(const std::function<bool(const object_state&)>& visit) = 0;
+
+  // The storage as it is during a pause of its commits (of this storage): views of several storages
+  // that are taken while all are paused belong together. Throws as for_each().
+  virtual std::unique_ptr<storage_view> view(const commit_pause& during) = 0;
 
   virtual storage_statistics statistics() = 0;
 };

@@ -15,6 +15,7 @@
 #include "storage/storage_fixture.h"
 #include "storage/storage_rows.h"
 #include "support/killed_process.h"
+#include "support/replaced_rows.h"
 
 namespace goods {
 namespace {
@@ -28,29 +29,12 @@ class LocalTest : public storage_test {
  protected:
   LocalTest() { fs::create_directory(path("plain")); }
 
-  void execute(const std::string& file, const char* sql) {
-    sqlite3* handle = nullptr;
-    ASSERT_EQ(::sqlite3_open(file.c_str(), &handle), SQLITE_OK);
-    char* message = nullptr;
-    EXPECT_EQ(::sqlite3_exec(handle, sql, nullptr, nullptr, &message), SQLITE_OK) << message;
-    ::sqlite3_close(handle);
-  }
-
   static unsigned mode_of(const fs::path& file) {
     struct stat status;
     EXPECT_EQ(::stat(file.c_str(), &status), 0) << file;
     return status.st_mode & 07777;
   }
 };
-
-std::string read_file(const std::string& file) {
-  std::ifstream in(file, std::ios::binary);
-  return {std::istreambuf_iterator<char>(in), {}};
-}
-
-void write_file(const std::string& file, const std::string& content) {
-  std::ofstream(file, std::ios::binary | std::ios::trunc) << content;
-}
 
 TEST_F(LocalTest, RefusesAddressesItDoesNotUnderstand) {
   const struct {
@@ -315,6 +299,7 @@ TEST_F(LocalTest, KeepsWhatAKilledProcessHasAcknowledged) {
       EXPECT_GE(stored, acknowledged[thread]) << "cycle " << cycle;
       EXPECT_LE(stored, acknowledged[thread] + 1) << "cycle " << cycle;
     }
+    EXPECT_THAT(faults_of(*storage), testing::IsEmpty()) << "cycle " << cycle;
   }
   EXPECT_GT(commits, cycles);
 }

@@ -93,6 +93,41 @@ inline std::map<object_number, std::string> load_all(dbs_storage& storage) {
   return all;
 }
 
+// Keeps what a check finds: faults as "FIRST-LAST: TEXT".
+class recording_sink : public check_sink {
+ public:
+  bool found(const object_state& state) override {
+    EXPECT_TRUE(objects_.emplace(state.number, text_of(state.body)).second) << state.number;
+    return objects_.size() != most_;
+  }
+  bool fault(const storage_fault& fault) override {
+    faults_.push_back(std::to_string(fault.first) + "-" + std::to_string(fault.last) + ": " +
+                      fault.text);
+    return true;
+  }
+  void stop_after(std::size_t objects) { most_ = objects; }
+
+  const std::map<object_number, std::string>& objects() const { return objects_; }
+  const std::vector<std::string>& faults() const { return faults_; }
+
+ private:
+  std::map<object_number, std::string> objects_;
+  std::vector<std::string> faults_;
+  std::size_t most_ = 0;
+};
+
+inline std::unique_ptr<storage_view> view_of(dbs_storage& storage) {
+  const auto pause = storage.pause_commits();
+  return storage.view(*pause);
+}
+
+// What a full check finds.
+inline std::vector<std::string> faults_of(dbs_storage& storage) {
+  recording_sink sink;
+  EXPECT_TRUE(view_of(storage)->check(true, sink));
+  return sink.faults();
+}
+
 inline class_number some_layout(dbs_storage& storage) {
   return storage.intern_layout(bytes_of("some layout"));
 }

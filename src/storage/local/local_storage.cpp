@@ -8,6 +8,7 @@
 #include "storage/local/change_merger.h"
 #include "storage/local/open_store.h"
 #include "storage/local/segment_writer.h"
+#include "storage/local/store_view.h"
 #include "storage/local/store_walk.h"
 #include "storage/outcome_unknown.h"
 #include "storage/storage_process.h"
@@ -403,21 +404,30 @@ std::vector<commit_decision> local_storage::decisions() {
 
 // ---- all objects, figures
 
+void local_storage::check_nothing_hidden() const {
+  if (!parts_->versions.has_hidden) return;
+  throw_error(error_code::outcome_unknown,
+              fmt::format("The storage \"{}\" must be opened again before all its objects can be "
+                          "visited: a commit over several storages is unfinished.",
+                          name_));
+}
+
 void local_storage::for_each(const std::function<bool(const object_state&)>& visit) {
   check_process();
   // Between commits, so that it begins with one version, and a hidden one is not in it.
   std::optional<store_walk> walk;
   {
     writer_turn::hold turn(parts_->turn);
-    if (parts_->versions.has_hidden)
-      throw_error(
-          error_code::outcome_unknown,
-          fmt::format("The storage \"{}\" must be opened again before all its objects can be "
-                      "visited: a commit over several storages is unfinished.",
-                      name_));
+    check_nothing_hidden();
     walk.emplace(parts_->settings, parts_->overlay.copy());
   }
   walk->visit(visit);
+}
+
+std::unique_ptr<storage_view> local_storage::view(const commit_pause&) {
+  check_process();
+  check_nothing_hidden();
+  return std::make_unique<store_view>(*parts_, next_object_);
 }
 
 storage_statistics local_storage::statistics() {

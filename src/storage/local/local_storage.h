@@ -61,12 +61,14 @@ class local_storage : public dbs_storage {
   std::vector<commit_decision> decisions() override;
 
   void for_each(const std::function<bool(const object_state&)>& visit) override;
+  std::unique_ptr<storage_view> view(const commit_pause& during) override;
   storage_statistics statistics() override;
 
  private:
   struct hidden_commit;
 
   void check_process() const;
+  void check_nothing_hidden() const;
   void check_usable() const;
   void check_request(const commit_request& request) const;
 
