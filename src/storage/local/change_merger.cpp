@@ -9,6 +9,20 @@ bool holds_apart(const segment* in, unsigned slot) {
   return in != nullptr && in->has(slot) && in->is_apart(slot);
 }
 
+bool is_apart(const object_change& change) {
+  return !change.removed && change.body.size() > longest_in_segment;
+}
+
+void put(segment_builder& into, const object_change& change) {
+  const unsigned slot = slot_of(change.number);
+  if (change.removed)
+    into.remove(slot);
+  else if (is_apart(change))
+    into.put_apart(slot, change.layout, change.body.size());
+  else
+    into.put(slot, change.layout, change.body);
+}
+
 std::shared_ptr<const byte_block> copy_of(std::span<const std::byte> body) {
   auto block = std::make_shared<byte_block>(byte_block::of_size(body.size()));
   std::ranges::copy(body, block->bytes.get());
@@ -39,38 +53,35 @@ segment_changes change_merger::merge(std::vector<const object_change*> changes,
 
 void change_merger::merge_segment(segment_number number, change_list changes) {
   auto old = newest_.find(number, as_of_);
-  segment_builder builder(number, old.get());
+  segment_builder changed(number, nullptr);
+  std::uint64_t removed = 0;
   for (std::size_t i = 0; i < changes.size(); ++i) {
     // Of several changes of one object in the group, the last.
     if (i + 1 < changes.size() && changes[i + 1]->number == changes[i]->number) continue;
-    change_slot(builder, old.get(), *changes[i]);
+    change_apart(old.get(), *changes[i]);
+    put(changed, *changes[i]);
+    if (changes[i]->removed) removed |= std::uint64_t{1} << slot_of(changes[i]->number);
   }
-  if (builder.is_empty() && !old) return;
-  auto now = builder.is_empty() ? nullptr : builder.build(result_.version);
-  result_.changed.push_back({number, std::move(old), std::move(now)});
+  const bool is_left = !changed.is_empty() || (old && (old->present() & ~removed) != 0);
+  if (!is_left && !old) return;
+  const bool is_whole = !is_left || !old;
+  auto patch = std::make_shared<const segment_patch>(number, result_.version, is_whole,
+                                                     is_whole ? 0 : removed, changed.content());
+  auto now = old && is_left ? patched(*patch, old.get()) : nullptr;
+  result_.changed.push_back({number, is_left, std::move(old), std::move(now), std::move(patch)});
 }
 
-void change_merger::change_slot(segment_builder& builder, const segment* old,
-                                const object_change& change) {
-  const unsigned slot = slot_of(change.number);
-  const bool becomes_apart = !change.removed && change.body.size() > longest_in_segment;
-  if (becomes_apart)
+void change_merger::change_apart(const segment* old, const object_change& change) {
+  if (is_apart(change))
     result_.apart.push_back({change.number, copy_of(change.body)});
-  else if (holds_apart(old, slot))
+  else if (holds_apart(old, slot_of(change.number)))
     result_.apart.push_back({change.number, nullptr});
-
-  if (change.removed)
-    builder.remove(slot);
-  else if (becomes_apart)
-    builder.put_apart(slot, change.layout, change.body.size());
-  else
-    builder.put(slot, change.layout, change.body);
 }
 
 commit_overlay::table replaced_states(const segment_changes& changes, newest_states& newest) {
   commit_overlay::table old_states;
   for (const auto& change : changes.changed) {
-    old_states.segments[change.number] = change.before;
+    old_states.segments[change.number] = segment_patch::whole(change.number, change.before.get());
     for (unsigned slot = 0; change.before && slot < segment_slots; ++slot) {
       if (!holds_apart(change.before.get(), slot)) continue;
       const object_number number = change.before->object(slot);

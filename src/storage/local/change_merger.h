@@ -12,7 +12,8 @@
 
 namespace goods {
 
-// Builds new segments in memory and writes nothing.
+// Builds patches, and new segments for the cache, in memory and writes nothing. The segments that
+// change are looked at, so that damage is found before anything is durable.
 //
 // Each segment is built once however many objects of it change. Threads: the holder of the writer's
 // turn.
@@ -29,7 +30,7 @@ class change_merger {
   using change_list = std::span<const object_change* const>;
 
   void merge_segment(segment_number number, change_list changes);
-  void change_slot(segment_builder& builder, const segment* old, const object_change& change);
+  void change_apart(const segment* old, const object_change& change);
 
   newest_states& newest_;
   const commit_version as_of_;

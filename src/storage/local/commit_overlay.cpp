@@ -8,63 +8,54 @@ namespace {
 
 constexpr std::size_t entry_overhead = 64;  // bytes: a node of the table and its share of buckets
 
-std::size_t cost(const std::shared_ptr<const segment>& content) {
-  return entry_overhead + (content ? content->memory() : 0);
+std::size_t cost(const std::shared_ptr<const segment_patch>& patch) {
+  return patch ? patch->memory() : 0;
 }
 
-std::size_t cost(const apart_state& state) {
-  return entry_overhead + (state.body ? state.body->size : 0);
-}
+std::size_t cost(const apart_state& state) { return state.body ? state.body->size : 0; }
 
 template <class Map>
-std::optional<typename Map::mapped_type> find_in(const Map& map, typename Map::key_type key) {
+typename Map::mapped_type find_in(const Map& map, typename Map::key_type key) {
   const auto found = map.find(key);
-  if (found == map.end()) return std::nullopt;
-  return found->second;
+  return found == map.end() ? typename Map::mapped_type{} : found->second;
 }
 
+// Where the value of `key` is, or will be: until it is put there, it is as if there was none.
 template <class Map>
-typename Map::node_type node_of(typename Map::key_type key, typename Map::mapped_type value) {
-  Map one;
-  one.emplace(key, std::move(value));
-  return one.extract(one.begin());
-}
-
-// So many more can be inserted without taking memory.
-template <class Map>
-void make_room(Map& map, std::size_t added) {
-  const std::size_t needed = map.size() + added;
-  if (needed >= map.bucket_count()) map.reserve(2 * needed);
-}
-
-template <class Map>
-void put(Map& map, std::size_t& bytes, typename Map::node_type&& node) noexcept {
-  bytes += cost(node.mapped());
-  auto result = map.insert(std::move(node));
-  if (result.inserted) return;
-  bytes -= cost(result.position->second);
-  std::swap(result.position->second, result.node.mapped());
+typename Map::mapped_type& place_for(Map& map, std::size_t& bytes, typename Map::key_type key) {
+  const auto [place, is_new] = map.try_emplace(key);
+  if (is_new) bytes += entry_overhead;
+  return place->second;
 }
 
 }  // namespace
 
-std::optional<std::shared_ptr<const segment>> commit_overlay::find(segment_number number) const {
-  if (is_empty_.load(std::memory_order_acquire)) return std::nullopt;
+std::shared_ptr<const segment_patch> commit_overlay::table::find(segment_number number) const {
+  return find_in(segments, number);
+}
+
+apart_state commit_overlay::table::find_apart(object_number number) const {
+  return find_in(apart, number);
+}
+
+commit_overlay::layers commit_overlay::find(segment_number number) const {
+  layers found;
+  if (is_empty_.load(std::memory_order_acquire)) return found;
   guarded_scope scope(lock_);
-  if (auto found = find_in(active_.segments, number)) return found;
+  found.newer = active_.find(number);
+  if (found.newer && found.newer->is_whole()) return found;
   for (const auto& behind : {&frozen_, &held_})
-    if (*behind)
-      if (auto found = find_in((*behind)->segments, number)) return found;
-  return std::nullopt;
+    if (*behind && !found.older) found.older = (*behind)->find(number);
+  return found;
 }
 
 std::optional<apart_state> commit_overlay::find_apart(object_number number) const {
   if (is_empty_.load(std::memory_order_acquire)) return std::nullopt;
   guarded_scope scope(lock_);
-  if (auto found = find_in(active_.apart, number)) return found;
+  if (auto found = active_.find_apart(number); found.version != 0) return found;
   for (const auto& behind : {&frozen_, &held_})
     if (*behind)
-      if (auto found = find_in((*behind)->apart, number)) return found;
+      if (auto found = (*behind)->find_apart(number); found.version != 0) return found;
   return std::nullopt;
 }
 
@@ -72,23 +63,28 @@ commit_overlay::addition commit_overlay::prepare(const segment_changes& changes)
   addition prepared;
   prepared.segments_.reserve(changes.changed.size());
   prepared.apart_.reserve(changes.apart.size());
-  for (const auto& change : changes.changed)
-    prepared.segments_.push_back(node_of<decltype(table::segments)>(change.number, change.now));
-  for (const auto& change : changes.apart)
-    prepared.apart_.push_back(
-        node_of<decltype(table::apart)>(change.number, {change.body, changes.version}));
   prepared.next_object_ = changes.next_object;
   prepared.version_ = changes.version;
   guarded_scope scope(lock_);
-  make_room(active_.segments, prepared.segments_.size());
-  make_room(active_.apart, prepared.apart_.size());
+  for (const auto& change : changes.changed) {
+    auto& place = place_for(active_.segments, active_.bytes, change.number);
+    prepared.segments_.push_back({&place, segment_patch::combine(place, change.patch)});
+  }
+  for (const auto& change : changes.apart)
+    prepared.apart_.push_back(
+        {&place_for(active_.apart, active_.bytes, change.number), {change.body, changes.version}});
   return prepared;
 }
 
 void commit_overlay::add(addition&& prepared) noexcept {
   guarded_scope scope(lock_);
-  for (auto& node : prepared.segments_) put(active_.segments, active_.bytes, std::move(node));
-  for (auto& node : prepared.apart_) put(active_.apart, active_.bytes, std::move(node));
+  const auto put = [&](auto& replacement) {
+    active_.bytes += cost(replacement.by);
+    active_.bytes -= cost(*replacement.place);
+    std::swap(*replacement.place, replacement.by);
+  };
+  for (auto& replacement : prepared.segments_) put(replacement);
+  for (auto& replacement : prepared.apart_) put(replacement);
   active_.next_object = std::max(active_.next_object, prepared.next_object_);
   active_.version = prepared.version_;
   note_size();
@@ -143,9 +139,16 @@ commit_overlay::table commit_overlay::copy() const {
   all = active_;
   for (const auto& behind : {&frozen_, &held_}) {
     if (!*behind) continue;
-    all.segments.insert((*behind)->segments.begin(), (*behind)->segments.end());
-    all.apart.insert((*behind)->apart.begin(), (*behind)->apart.end());
+    for (const auto& [number, older] : (*behind)->segments) {
+      if (!older) continue;
+      auto& place = all.segments[number];
+      place = place ? segment_patch::combine(older, place) : older;
+    }
+    for (const auto& [number, older] : (*behind)->apart)
+      if (auto& place = all.apart[number]; place.version == 0) place = older;
   }
+  std::erase_if(all.segments, [](const auto& entry) { return !entry.second; });
+  std::erase_if(all.apart, [](const auto& entry) { return entry.second.version == 0; });
   return all;
 }
 

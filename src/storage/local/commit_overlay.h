@@ -11,7 +11,7 @@
 #include <goods/dbs_storage.h>
 
 #include "storage/guarded_mutex.h"
-#include "storage/local/segment.h"
+#include "storage/local/segment_patch.h"
 
 namespace goods {
 
@@ -25,8 +25,10 @@ struct apart_state {
 struct segment_changes {
   struct change {
     segment_number number;
-    std::shared_ptr<const segment> before;  // null: there was none
-    std::shared_ptr<const segment> now;     // null: there is none any more
+    bool exists;                                 // afterwards
+    std::shared_ptr<const segment> before;       // null: there was none
+    std::shared_ptr<const segment> now;          // null: there is none any more, or none was before
+    std::shared_ptr<const segment_patch> patch;  // from the one to the other
   };
   struct apart_change {
     object_number number;
@@ -38,32 +40,48 @@ struct segment_changes {
   commit_version version = 0;       // of the last commit
 };
 
-// Segments in memory that stand in front of those in the database: newer ones that a merge will
-// write there, or, while a commit over several storages is hidden, the older ones that it replaced.
+// What is laid over the segments of the database: what commits did to them, until a merge has
+// written it there, or, while a commit over several storages is hidden, the older segments that it
+// replaced.
 //
 // Commits go into the active table. A merge freezes it and begins a new one; loads look into both
-// until the merge has written the frozen one.
+// until the merge has written the frozen one. It holds the objects that have changed and not their
+// neighbours, so that many commits are merged by writing each segment once.
 // Threads: any; one mutex, held for a look-up or while a group is put in.
 class commit_overlay {
  public:
   struct table {
-    std::unordered_map<segment_number, std::shared_ptr<const segment>> segments;  // null: none
+    // Those that were never put in, in the table that is active: null, and of version 0.
+    std::unordered_map<segment_number, std::shared_ptr<const segment_patch>> segments;
     std::unordered_map<object_number, apart_state> apart;
     std::size_t bytes = 0;  // of memory
     std::uint64_t next_object = 0;
     commit_version version = 0;  // 0: nothing was committed into it
+
+    // Null: nothing is known of it here.
+    std::shared_ptr<const segment_patch> find(segment_number number) const;
+    // Of version 0: likewise.
+    apart_state find_apart(object_number number) const;
   };
 
-  // Nothing: ask the database. A null segment: there is none.
-  std::optional<std::shared_ptr<const segment>> find(segment_number number) const;
+  // What is to be laid over the segment in the database: `newer` over `older`. Either may be null.
+  struct layers {
+    std::shared_ptr<const segment_patch> newer, older;
+  };
+  layers find(segment_number number) const;
   // Nothing: ask the database. A null body: the object is not apart.
   std::optional<apart_state> find_apart(object_number number) const;
 
   // Commits that are about to be added.
   class addition {
     friend class commit_overlay;
-    std::vector<decltype(table::segments)::node_type> segments_;
-    std::vector<decltype(table::apart)::node_type> apart_;
+    template <class Value>
+    struct replacement {
+      Value* place;  // in the active table
+      Value by;
+    };
+    std::vector<replacement<std::shared_ptr<const segment_patch>>> segments_;
+    std::vector<replacement<apart_state>> apart_;
     std::uint64_t next_object_ = 0;
     commit_version version_ = 0;
   };
@@ -86,7 +104,7 @@ class commit_overlay {
 
   bool is_active_empty() const;
   std::size_t active_bytes() const;
-  // Everything in one table; held states included.
+  // Everything in one table, and nothing else; held states included.
   table copy() const;
 
  private:

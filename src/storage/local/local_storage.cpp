@@ -191,7 +191,7 @@ void local_storage::write_past_log(commit_queue::commit_group group) {
 void local_storage::prepare_to_show(const segment_changes& changes,
                                     std::span<const committed> commits) {
   for (const auto& change : changes.changed)
-    if (change.now) parts_->presence.reserve(change.number);
+    if (change.exists) parts_->presence.reserve(change.number);
   parts_->notices.prepare(commits);
 }
 
@@ -204,7 +204,7 @@ void local_storage::show(const segment_changes& changes, std::size_t commits,
     guarded_scope scope(versions.publishing);
     versions.publications.fetch_add(1, std::memory_order_acq_rel);
     for (const auto& change : changes.changed)
-      if (!change.before || !change.now) parts_->presence.set(change.number, change.now != nullptr);
+      if (!change.before || !change.exists) parts_->presence.set(change.number, change.exists);
     if (unmerged != nullptr) {
       parts_->overlay.add(std::move(*unmerged));
     } else {

@@ -19,17 +19,32 @@ bool newest_states::file_is_ahead(commit_version as_of) const {
 
 std::shared_ptr<const segment> newest_states::find(segment_number number, commit_version as_of) {
   if (auto cached = from_.cache.find(number)) return cached;
-  if (auto committed = from_.overlay.find(number)) {
-    if (*committed && (*committed)->version() <= as_of) from_.cache.offer(*committed, as_of);
-    return *committed;
+  const commit_overlay::layers unmerged = from_.overlay.find(number);
+  const auto patch =
+      unmerged.newer ? segment_patch::combine(unmerged.older, unmerged.newer) : unmerged.older;
+  std::shared_ptr<const segment> found;
+  if (!patch) {
+    // Before the database is asked: what was there then must be there.
+    const bool expected = from_.presence.has(number);
+    if (!expected) return nullptr;
+    found = read(number);
+  } else if (patch->is_whole()) {
+    if (patch->is_empty()) return nullptr;
+    found = patched(*patch, nullptr);
+  } else {
+    found = read(number);
+    // Merges may have come in between: of the patch, which then is laid over it once more, and of
+    // later commits, with which the patch is too old.
+    if (found->version() <= patch->version()) found = patched(*patch, found.get());
   }
-  // Before the database is asked: what was there then must be there.
-  const bool expected = from_.presence.has(number);
-  if (!expected) return nullptr;
+  // Of a commit that is not visible yet, and may stay hidden, nothing is kept.
+  if (found->version() <= as_of) from_.cache.offer(found, as_of);
+  return found;
+}
+
+std::shared_ptr<const segment> newest_states::read(segment_number number) {
   auto stored = merged_snapshot().reader().read_segment(number);
   if (!stored) throw_damaged_segment(from_.store, number, "their row is missing");
-  // Of a commit that is not visible yet, and may stay hidden, nothing is kept.
-  if (stored->version() <= as_of) from_.cache.offer(stored, as_of);
   return stored;
 }
 

@@ -16,8 +16,8 @@
 namespace goods {
 
 // Looks into the cache, the overlay and the database, in this order: whatever is not in one of them
-// is as new in the next. The answers are the states of the last publication before each call, or of
-// a later one that is on its way.
+// is as new in the next, and what the overlay has is laid over what the database has. The answers
+// are the states of the last publication before each call, or of a later one that is on its way.
 //
 // Made for one load or one commit; takes a snapshot of the database when it first needs one, and a
 // newer one whenever a merge has moved states there. Threads: one.
@@ -47,6 +47,7 @@ class newest_states {
 
  private:
   snapshot& merged_snapshot();
+  std::shared_ptr<const segment> read(segment_number number);
 
   const sources& from_;
   std::optional<snapshot_pool::lease> snapshot_;

@@ -91,8 +91,8 @@ void open_store::replay_log() {
     change_merger replaying(current, versions.visible);
     const segment_changes replayed = replaying.merge(std::move(changes), found.newest());
     for (const auto& change : replayed.changed) {
-      if (change.now) presence.reserve(change.number);
-      presence.set(change.number, change.now != nullptr);
+      if (change.exists) presence.reserve(change.number);
+      presence.set(change.number, change.exists);
       cache.publish(change.number, change.now, replayed.version);
     }
     overlay.add(overlay.prepare(replayed));

@@ -4,20 +4,21 @@
 
 namespace goods {
 
-segment::segment(segment_number number, std::uint64_t version, byte_block content)
-    : number_(number), version_(version), content_(std::move(content)) {
-  row_reader reader(content_.view());
+segment_view::segment_view(segment_number number, std::uint64_t version,
+                           std::span<const std::byte> content)
+    : number_(number), version_(version), content_(content.data()), size_(content.size()) {
+  row_reader reader(content);
   present_ = reader.number<std::uint64_t>();
   apart_ = reader.number<std::uint64_t>();
   if ((apart_ & ~present_) != 0) throw damaged_bytes("its directory contradicts itself");
   count_ = static_cast<unsigned>(std::popcount(present_));
   const auto apart_count = static_cast<unsigned>(std::popcount(apart_));
   reader.take(4 * count_ + sizeof(std::uint32_t) * apart_count);
-  bodies_at_ = content_.size - reader.left();
+  bodies_at_ = size_ - reader.left();
   check();
 }
 
-void segment::check() {
+void segment_view::check() {
   std::size_t end = 0;
   for (unsigned place = 0; place < count_; ++place) {
     const unsigned length = pair_at(0, place);
@@ -31,17 +32,17 @@ void segment::check() {
     if (pair_at(0, place_of(slot)) != 0) throw damaged_bytes("its directory contradicts itself");
     if (apart_length(slot) > max_state_size) throw damaged_bytes("an object is too long");
   }
-  if (bodies_at_ + end != content_.size) throw damaged_bytes("its length does not fit its objects");
+  if (bodies_at_ + end != size_) throw damaged_bytes("its length does not fit its objects");
 }
 
-std::size_t segment::apart_length(unsigned slot) const {
-  const std::byte* const lengths = content_.bytes.get() + columns_at + 4 * count_;
+std::size_t segment_view::apart_length(unsigned slot) const {
+  const std::byte* const lengths = content_ + columns_at + 4 * count_;
   return load_number<std::uint32_t>(lengths + sizeof(std::uint32_t) * set_bits_below(apart_, slot));
 }
 
 bool segment::find(object_number number, object_state& found) const {
   const unsigned slot = slot_of(number);
-  if (segment_of(number) != number_ || !has(slot) || is_apart(slot)) return false;
+  if (segment_of(number) != this->number() || !has(slot) || is_apart(slot)) return false;
   found = state(slot);
   return true;
 }
@@ -56,14 +57,17 @@ std::size_t segment::memory() const {
   return sizeof(segment) + overheads + content_.size;
 }
 
-segment_builder::segment_builder(segment_number number, const segment* old) : number_(number) {
-  if (old == nullptr) return;
-  for (std::uint64_t rest = old->present(); rest != 0; rest &= rest - 1) {
+segment_builder::segment_builder(segment_number number, const segment_view* old) : number_(number) {
+  if (old != nullptr) put_all(*old);
+}
+
+void segment_builder::put_all(const segment_view& from) {
+  for (std::uint64_t rest = from.present(); rest != 0; rest &= rest - 1) {
     const auto slot = static_cast<unsigned>(std::countr_zero(rest));
-    if (old->is_apart(slot))
-      put_apart(slot, old->layout(slot), old->length(slot));
+    if (from.is_apart(slot))
+      put_apart(slot, from.layout(slot), from.length(slot));
     else
-      put(slot, old->layout(slot), old->body(slot));
+      put(slot, from.layout(slot), from.body(slot));
   }
 }
 
@@ -88,7 +92,7 @@ void segment_builder::remove(unsigned slot) {
   apart_ &= ~bit;
 }
 
-std::shared_ptr<const segment> segment_builder::build(std::uint64_t version) const {
+byte_block segment_builder::content() const {
   const auto count = static_cast<unsigned>(std::popcount(present_));
   const auto apart_count = static_cast<unsigned>(std::popcount(apart_));
   std::size_t size = 2 * sizeof(std::uint64_t) + 4 * count + sizeof(std::uint32_t) * apart_count;
@@ -120,7 +124,11 @@ std::shared_ptr<const segment> segment_builder::build(std::uint64_t version) con
     if (from.length != 0) std::memcpy(at, from.body, from.length);
     at += from.length;
   }
-  return segment::parse(number_, version, std::move(content));
+  return content;
+}
+
+std::shared_ptr<const segment> segment_builder::build(std::uint64_t version) const {
+  return segment::parse(number_, version, content());
 }
 
 }  // namespace goods

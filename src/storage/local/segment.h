@@ -7,6 +7,7 @@
 #include <cstdint>
 #include <memory>
 #include <span>
+#include <utility>
 
 #include <goods/dbs_storage.h>
 
@@ -33,22 +34,17 @@ inline constexpr std::size_t longest_in_segment = 1024;  // bytes
 //   then for each object apart, in order: its length, 4 bytes
 //   then the objects that are not apart, one directly after the other
 //
-// Little is taken apart in advance: most segments are read for two or three of their objects. As a
-// group it has the objects that are not apart.
-// Threads: unchanging, so any. Shared between the cache and its readers.
-class segment : public state_group {
+// Little is taken apart in advance: most segments are read for two or three of their objects.
+// Ownership: the bytes are somebody else's, who keeps them. Threads: unchanging, so any.
+class segment_view {
  public:
   // Takes a content apart. Throws damaged_bytes.
-  static std::shared_ptr<const segment> parse(segment_number number, std::uint64_t version,
-                                              byte_block content);
-
-  segment(segment_number number, std::uint64_t version, byte_block content);
+  segment_view(segment_number number, std::uint64_t version, std::span<const std::byte> content);
 
   segment_number number() const { return number_; }
   std::uint64_t version() const { return version_; }  // of the commit that wrote it
   std::uint64_t present() const { return present_; }
-  std::span<const std::byte> content() const { return content_.view(); }
-  std::size_t memory() const;  // bytes, all in all
+  std::span<const std::byte> content() const { return {content_, size_}; }
 
   bool has(unsigned slot) const { return (present_ >> slot & 1) != 0; }
   bool is_apart(unsigned slot) const { return (apart_ >> slot & 1) != 0; }
@@ -62,12 +58,9 @@ class segment : public state_group {
   // Only for objects that are not apart.
   std::span<const std::byte> body(unsigned slot) const {
     const unsigned place = place_of(slot);
-    return {content_.bytes.get() + bodies_at_ + starts_[place], pair_at(0, place)};
+    return {content_ + bodies_at_ + starts_[place], pair_at(0, place)};
   }
   object_number object(unsigned slot) const { return number_ * segment_slots + slot; }
-  // Requires an object that is not apart.
-  object_state state(unsigned slot) const { return {object(slot), layout(slot), body(slot), this}; }
-  bool find(object_number number, object_state& found) const override;
 
  private:
   // Objects are numbered in order, from 0, apart from their slots.
@@ -76,7 +69,7 @@ class segment : public state_group {
     return static_cast<unsigned>(std::popcount(bits & ((std::uint64_t{1} << bit) - 1)));
   }
   const std::uint8_t* column(unsigned n) const {
-    return reinterpret_cast<const std::uint8_t*>(content_.bytes.get()) + columns_at + n * count_;
+    return reinterpret_cast<const std::uint8_t*>(content_) + columns_at + n * count_;
   }
   // Of the columns n and n + 1.
   unsigned pair_at(unsigned n, unsigned place) const {
@@ -93,7 +86,29 @@ class segment : public state_group {
   std::uint64_t present_ = 0;
   std::uint64_t apart_ = 0;
   std::size_t bodies_at_ = 0;
+  const std::byte* content_;
+  std::size_t size_;
   std::array<std::uint16_t, segment_slots> starts_;  // of each object's body, behind bodies_at_
+};
+
+// A segment with its content. As a group it has the objects that are not apart.
+// Shared between the cache and its readers.
+class segment : public state_group, public segment_view {
+ public:
+  // Throws damaged_bytes.
+  static std::shared_ptr<const segment> parse(segment_number number, std::uint64_t version,
+                                              byte_block content);
+
+  segment(segment_number number, std::uint64_t version, byte_block content)
+      : segment_view(number, version, content.view()), content_(std::move(content)) {}
+
+  std::size_t memory() const;  // bytes, all in all
+
+  // Requires an object that is not apart.
+  object_state state(unsigned slot) const { return {object(slot), layout(slot), body(slot), this}; }
+  bool find(object_number number, object_state& found) const override;
+
+ private:
   byte_block content_;
 };
 
@@ -101,17 +116,20 @@ class segment : public state_group {
 inline constexpr std::size_t longest_segment = 16 + segment_slots * (4 + longest_in_segment);
 
 // A new version of a segment: the old one with some slots changed.
-// The bodies that are put in, and `old`, must stay until build() has returned.
+// The bytes of what is put in must stay until content() or build() has returned.
 class segment_builder {
  public:
   // `old`: null when the segment is new.
-  segment_builder(segment_number number, const segment* old);
+  segment_builder(segment_number number, const segment_view* old);
 
   void put(unsigned slot, class_number layout, std::span<const std::byte> body);
   void put_apart(unsigned slot, class_number layout, std::size_t length);
+  void put_all(const segment_view& from);  // all objects of it
   void remove(unsigned slot);
+  void remove_all() { present_ = apart_ = 0; }
 
   bool is_empty() const { return present_ == 0; }
+  byte_block content() const;
   std::shared_ptr<const segment> build(std::uint64_t version) const;
 
  private:

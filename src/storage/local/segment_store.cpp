@@ -133,7 +133,7 @@ void segment_store::transaction::commit() {
   open_ = false;
 }
 
-void segment_store::transaction::write_segment(const segment& content) {
+void segment_store::transaction::write_segment(const segment_view& content) {
   store_.write(store_.write_segment_, row_kind::segment, content.number(), content.version(),
                content.content());
 }

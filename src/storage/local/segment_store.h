@@ -50,7 +50,9 @@ class segment_store {
     transaction& operator=(const transaction&) = delete;
 
     store_state& state() { return store_.state_; }
-    void write_segment(const segment& content);
+    store_reader& reader() { return store_.reader_; }  // with what has been written
+    const std::string& store_name() const { return store_.store_; }
+    void write_segment(const segment_view& content);
     void remove_segment(segment_number number);
     void write_apart(object_number object, std::span<const std::byte> body, commit_version version);
     void remove_apart(object_number object);

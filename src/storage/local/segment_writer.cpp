@@ -6,38 +6,57 @@
 namespace goods {
 
 void segment_writer::write(const commit_overlay::table& changes) {
-  std::vector<std::pair<segment_number, const segment*>> segments;
-  segments.reserve(changes.segments.size());
-  for (const auto& [number, now] : changes.segments) segments.emplace_back(number, now.get());
-  std::ranges::sort(segments);
-  for (const auto& [number, now] : segments) write_segment(number, now);
+  std::vector<const segment_patch*> patches;
+  patches.reserve(changes.segments.size());
+  for (const auto& [number, patch] : changes.segments)
+    if (patch) patches.push_back(patch.get());
+  std::ranges::sort(patches, {}, &segment_patch::number);
+  for (const segment_patch* patch : patches) write_patch(*patch);
 
   std::vector<std::pair<object_number, const apart_state*>> apart;
-  for (const auto& [number, state] : changes.apart) apart.emplace_back(number, &state);
+  for (const auto& [number, state] : changes.apart)
+    if (state.version != 0) apart.emplace_back(number, &state);
   std::ranges::sort(apart);
   for (const auto& [number, state] : apart) write_apart(number, state->body.get(), state->version);
   finish(changes.version, changes.next_object);
 }
 
 void segment_writer::write(const segment_changes& changes) {
-  for (const auto& change : changes.changed) write_segment(change.number, change.now.get());
+  for (const auto& change : changes.changed)
+    if (change.now)
+      write_segment(*change.now);
+    else
+      write_patch(*change.patch);
   for (const auto& change : changes.apart)
     write_apart(change.number, change.body.get(), changes.version);
   finish(changes.version, changes.next_object);
 }
 
-void segment_writer::write_segment(segment_number number, const segment* now) {
-  const bool existed = stored_.has(number);
-  if (now != nullptr) {
-    into_.write_segment(*now);
-    if (existed) return;
-    added_.push_back(number);
-    ++into_.state().segments;
-  } else if (existed) {
-    into_.remove_segment(number);
-    removed_.push_back(number);
-    --into_.state().segments;
+void segment_writer::write_patch(const segment_patch& patch) {
+  if (patch.is_whole()) {
+    if (patch.is_empty())
+      remove_segment(patch.number());
+    else
+      write_segment(patch.objects());
+    return;
   }
+  const auto below = into_.reader().read_segment(patch.number());
+  if (!below) throw_damaged_segment(into_.store_name(), patch.number(), "their row is missing");
+  write_segment(*patched(patch, below.get()));
+}
+
+void segment_writer::write_segment(const segment_view& now) {
+  into_.write_segment(now);
+  if (stored_.has(now.number())) return;
+  added_.push_back(now.number());
+  ++into_.state().segments;
+}
+
+void segment_writer::remove_segment(segment_number number) {
+  if (!stored_.has(number)) return;
+  into_.remove_segment(number);
+  removed_.push_back(number);
+  --into_.state().segments;
 }
 
 // Pieces that are there already may be more than the new ones.

@@ -12,6 +12,7 @@
 namespace goods {
 
 // Writes within one transaction, segments in ascending order, which appends where they are new.
+// What patches leave alone is read there.
 // Threads: the holder of the database's turn.
 class segment_writer {
  public:
@@ -26,7 +27,9 @@ class segment_writer {
   void note_committed() noexcept;
 
  private:
-  void write_segment(segment_number number, const segment* now);
+  void write_patch(const segment_patch& patch);
+  void write_segment(const segment_view& now);
+  void remove_segment(segment_number number);
   void write_apart(object_number number, const byte_block* body, commit_version version);
   void finish(commit_version version, std::uint64_t next_object);
   void write_presence();

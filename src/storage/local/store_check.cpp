@@ -300,22 +300,21 @@ void store_check::take_segment(segment_number number, std::span<const std::byte>
   } catch (const damaged_bytes& damage) {
     report_segment(number, damage.what());
   }
-  if (unmerged_.segments.contains(number)) {
-    show_unmerged(std::uint64_t{number} + 1);
-  } else if (found) {
-    show(*found);
+  if (found && unmerged_.segments.contains(number)) {
+    ++unmerged_shown_;
+    found = patched(*unmerged_.find(number), found.get());
   }
+  if (found) show(*found);
 }
 
+// Those of which the database has nothing, or nothing that is good.
 void store_check::show_unmerged(std::uint64_t before) {
   for (; unmerged_shown_ < unmerged_order_.size() && unmerged_order_[unmerged_shown_] < before;
-       ++unmerged_shown_) {
-    if (const auto& changed = unmerged_.segments.at(unmerged_order_[unmerged_shown_]))
-      show(*changed);
-  }
+       ++unmerged_shown_)
+    show(unmerged_.find(unmerged_order_[unmerged_shown_])->objects());
 }
 
-void store_check::show(const segment& in) {
+void store_check::show(const segment_view& in) {
   for (std::uint64_t rest = in.present(); rest != 0; rest &= rest - 1) {
     const auto slot = static_cast<unsigned>(std::countr_zero(rest));
     object_state state{in.object(slot), in.layout(slot), {}};
@@ -333,7 +332,7 @@ void store_check::show(const segment& in) {
   }
 }
 
-bool store_check::show_apart(const segment& in, unsigned slot, object_state& state) {
+bool store_check::show_apart(const segment_view& in, unsigned slot, object_state& state) {
   const auto newer = unmerged_.apart.find(state.number);
   byte_block read;
   try {

@@ -69,8 +69,8 @@ class store_check {
   std::shared_ptr<const segment> parse_segment(segment_number number,
                                                std::span<const std::byte> row);
   void show_unmerged(std::uint64_t before);
-  void show(const segment& in);
-  bool show_apart(const segment& in, unsigned slot, object_state& state);
+  void show(const segment_view& in);
+  bool show_apart(const segment_view& in, unsigned slot, object_state& state);
   void check_pieces();
   bool is_owned(std::int64_t piece);
 

@@ -7,7 +7,8 @@
 
 namespace goods {
 
-// A merge may come in between; what it puts into the database is in `unmerged_` as well.
+// A merge may come in between; what it puts into the database is in `unmerged_` as well,
+// and laid over it once more.
 store_view::store_view(open_store& of, std::uint64_t next_object)
     : store_(of),
       settings_{of.settings.file, of.settings.store, false},
@@ -19,14 +20,17 @@ store_view::store_view(open_store& of, std::uint64_t next_object)
 }
 
 std::shared_ptr<const segment> store_view::find(segment_number number) {
-  if (const auto newer = unmerged_.segments.find(number); newer != unmerged_.segments.end())
-    return newer->second;
   std::shared_ptr<const segment>& cached = cache_[number % cached_segments];
-  if (!cached || cached->number() != number) {
-    auto read = merged_.reader().read_segment(number);
-    if (!read) return nullptr;
-    cached = std::move(read);
+  if (cached && cached->number() == number) return cached;
+  const auto patch = unmerged_.find(number);
+  auto read = patch && patch->is_whole() ? nullptr : merged_.reader().read_segment(number);
+  if (patch) {
+    if (!read && !patch->is_whole())
+      throw_damaged_segment(settings_.store, number, "their row is missing");
+    read = patched(*patch, read.get());
   }
+  if (!read) return nullptr;
+  cached = std::move(read);
   return cached;
 }
 

@@ -4,7 +4,8 @@
 
 namespace goods {
 
-// A merge may come in between; what it puts into the database is in `unmerged` as well.
+// A merge may come in between; what it puts into the database is in `unmerged` as well, and laid
+// over it once more.
 store_walk::store_walk(const connection_settings& settings, commit_overlay::table unmerged)
     : settings_(settings),
       merged_(settings),
@@ -23,7 +24,7 @@ void store_walk::visit(const std::function<bool(const object_state&)>& visitor) 
         if (newer == unmerged_.end()) {
           visit_segment(*next);
         } else {
-          if (newer->second) visit_segment(*newer->second);
+          visit_segment(*patched(*newer->second, next.get()));
           unmerged_.erase(newer);
         }
         return !stopped_;
@@ -39,11 +40,13 @@ void store_walk::visit(const std::function<bool(const object_state&)>& visitor) 
 void store_walk::visit_unmerged(segment_number before) {
   while (!stopped_ && !unmerged_.empty() && unmerged_.begin()->first < before) {
     const auto next = unmerged_.extract(unmerged_.begin());
-    if (next.mapped()) visit_segment(*next.mapped());
+    if (!next.mapped()->is_whole())
+      throw_damaged_segment(settings_.store, next.key(), "their row is missing");
+    visit_segment(next.mapped()->objects());
   }
 }
 
-void store_walk::visit_segment(const segment& in) {
+void store_walk::visit_segment(const segment_view& in) {
   for (unsigned slot = 0; slot < segment_slots && !stopped_; ++slot) {
     if (!in.has(slot)) continue;
     object_state state{in.object(slot), in.layout(slot), {}};

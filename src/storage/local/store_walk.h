@@ -24,11 +24,11 @@ class store_walk {
 
  private:
   void visit_unmerged(segment_number before);
-  void visit_segment(const segment& in);
+  void visit_segment(const segment_view& in);
 
   const connection_settings& settings_;
   snapshot merged_;
-  std::map<segment_number, std::shared_ptr<const segment>> unmerged_;
+  std::map<segment_number, std::shared_ptr<const segment_patch>> unmerged_;
   std::unordered_map<object_number, apart_state> apart_;
   const std::function<bool(const object_state&)>* visitor_ = nullptr;
   bool stopped_ = false;
