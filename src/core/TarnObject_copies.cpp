@@ -234,9 +234,11 @@ class MemberCopy {
 }  // namespace
 
 const xcptref<TarnObjects>& TarnNodeAccess::MakeIndex(TarnObject& node) {
-  if (node.children_.is_null()) {
-    node.children_ = TarnObjects::Create(node.getSelf(), node.getPageN());
-  }
+  return MakeIndex(node, node.getPageN());
+}
+
+const xcptref<TarnObjects>& TarnNodeAccess::MakeIndex(TarnObject& node, unsigned char pageN) {
+  if (node.children_.is_null()) node.children_ = TarnObjects::Create(node.getSelf(), pageN);
   return node.children_;
 }
 

@@ -23,6 +23,24 @@ bool TarnStringValue::write(const char* name, GOODSinOut& out) {
   return TarnValue::write(name, out) && out.write("Value", value_);
 }
 
+bool TarnStringValue::writeConcreteMembers(PInOut& out) const {
+  const bool isWritten = value_.isNull() ? out.write("Value") : out.write("Value", value_.str());
+  return isWritten && TarnValue::writeConcreteMembers(out);
+}
+
+bool TarnStringValue::read(PInOut& in) {
+  do {
+    TarnValue::read(in);
+    if (!in.isCmd("Value")) return true;
+    if (in.hasValue()) {
+      value_.set(in.getValue());
+    } else {
+      value_.clear();
+    }
+  } while (in.readLine() == PInOut::Continue);
+  return true;
+}
+
 bool TarnStringValue::readValue(goods::reader& reader, TarnData& out) const {
   out.set(value_.look(reader));
   return true;

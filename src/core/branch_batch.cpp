@@ -145,9 +145,13 @@ void BranchBatch::readStep(Frame& frame) {
   step.isLast = frame.place->at_end();
   step.hasValue = child->readValue(in_, step.value);
   if (!step.hasValue) step.value.empty();
+  const bool isAtHome =
+      WalkKeyOf(TarnNodeAccess::ParentLinkOf(*child)) == WalkKeyOf(entry.member);
+  step.lister = isAtHome ? TarnRef() : TarnRef::Trusted(goods::keep_word(frame.node));
   step.numChildren = 0;
   step.isCircle = false;
   const goods::ref_word word = TarnNodeAccess::ChildrenOf(*child).word();
+  step.hasIndex = !word.is_null();
   if (word.is_null()) return;
   const auto* index = static_cast<const TarnObjects*>(in_.look(word, TarnObjects::self_class));
   step.numChildren = index->count();

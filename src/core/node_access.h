@@ -101,9 +101,14 @@ class TarnNodeAccess {
   static xcptref<TarnObjects> IndexNow(const TarnObject& body);
   // The index of `node`, made when there is none.
   static const xcptref<TarnObjects>& MakeIndex(TarnObject& node);
+  static const xcptref<TarnObjects>& MakeIndex(TarnObject& node, unsigned char pageN);
   // Makes the members of `to`, of the same class, copies of those of `from`; children and parent of
   // `to` stay. Texts are copied, not shared.
   static void CopyState(const TarnObject& from, TarnObject& to);
+  // Writes as ExportMinLockingTo() does.
+  static void WriteMinLocking(const char* name, const TarnRef& node, PInOut& out) {
+    TarnObject::ExportMinLockingTo(name, node, out);
+  }
   // Whether `child` has its parent through `entry`.
   static bool IsParentLink(const TarnRef& child, const goods::ref<goods::set_member>& entry);
   // Takes its parent from `child` where it has that through `entry`; null is no child.

@@ -1,14 +1,12 @@
 #include <tarns/schema/GOODSinOut.h>
 #include <tarns/schema/TarnEnumFieldDescriptor.h>
 
-#include <cstring>
-
 namespace tarns {
 
 GOODSinOut::~GOODSinOut() { goods::field_descriptor::destroy_list(fields_); }
 
 bool GOODSinOut::isDerivedFrom(const char* typeName) const {
-  return typeName != nullptr && std::strcmp(typeName, GetType()) == 0;
+  return ViewOf(typeName) == GetType() || PInOut::isDerivedFrom(typeName);
 }
 
 bool GOODSinOut::write(const char* name, TarnString* members, unsigned long count) {

@@ -38,6 +38,9 @@ class TARNS_API TarnBranchWalk {
     const TarnClassDescriptor* cls = nullptr;
     std::size_t depth = 0;          // from 1 for a child of the node
     unsigned long numChildren = 0;  // abstract ones
+    bool hasIndex = false;          // also true for one that is empty
+    xcptref<TarnObject> lister;     // the node that lists it here; null where that is its place, so
+                                    // that its parent link is this very entry
     bool hasValue = false;
     TarnData value;         // empty where there is none
     bool isLast = false;    // of its parent's children

@@ -7,12 +7,14 @@
 #include <tarns/schema/TarnClassMacros.h>
 #include <tarns/tarns_api.h>
 #include <tarns/util/Buffer.h>
+#include <tarns/util/PInOut.h>
 #include <tarns/util/XString.h>
 #include <tarns/util/XStringList.h>
 
 #include <cstddef>
 #include <cstdint>
 #include <functional>
+#include <iosfwd>
 #include <optional>
 #include <string>
 #include <string_view>
@@ -351,6 +353,36 @@ class TARNS_API TarnObject : public goods::object {
   // same target. For a copy of one state of the branch, call it within a transaction.
   xcptref<TarnObject> deepClone() const;
 
+  // --- As text: see docs/text-format.md ---------------------------------------------------------
+  //
+  // The branch of a node is the node, its children at any depth and the nodes that reflected
+  // members refer to. Each is written once, in full where it is met first; further places refer to
+  // that one. Each batch of nodes is of one state; for one state throughout: a transaction.
+  // Errors: 16 when writing fails; what is wrong with a text names the line.
+
+  // Writes the branch under the node's own name.
+  void exportTo(PInOut& out) const;
+  void exportTo(const char* file) const;  // complete or not at all; permissions 0600
+  void exportTo(std::ostream& out) const;
+  // To a new file in $TMPDIR or /tmp, permissions 0600, which is the caller's to delete.
+  XString exportToTempFile() const;
+  // The same with each node looked at only while its own lines are written, also in a transaction:
+  // for branches that others are changing.
+  static XString ExportMinLockingToTempFile(const xcptref<TarnObject>& node, const char* name);
+
+  // Writes the node's block to `out`, a PInOut.
+  static void Write(const char* name, xcptref<TarnObject> node, const void* out);
+  // The lines of the block but its header.
+  bool writeMembers(const char* name, PInOut& out) const;
+  // The lines of the members. A class with state that its members do not show adds lines of its
+  // own, and reads them in read().
+  virtual bool writeConcreteMembers(PInOut& out) const;
+  // Reads the lines of a block from the one behind its header on, as far as the class knows them:
+  // true, with the first line that it does not know as the current one. Called again behind what
+  // is nested, so what overrides it loops as TarnValue's classes do. `in` must stand at the level
+  // of the lines.
+  virtual bool read(PInOut& in);
+
   // --- For derived classes ----------------------------------------------------------------------
 
   // The abstract child or reference member called `name`, or null. A class with its own way of
@@ -376,6 +408,10 @@ class TARNS_API TarnObject : public goods::object {
 
  protected:
   explicit TarnObject(goods::class_descriptor& cls);
+
+  static void ExportMinLockingTo(const char* name, const xcptref<TarnObject>& node, PInOut& out);
+  // Reads a line that gives the node another name in its parent.
+  PInOut::Status readName(PInOut& in);
 
  private:
   friend class TarnNodeAccess;  // the small door for look-ups in src/core

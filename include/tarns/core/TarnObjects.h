@@ -4,6 +4,7 @@
 #include <goods/set_member.h>
 #include <tarns/core/xcptref.h>
 #include <tarns/tarns_api.h>
+#include <tarns/util/PInOut.h>
 
 #include <string_view>
 
@@ -55,6 +56,13 @@ class TARNS_API TarnObjects : public goods::B_tree {
   unsigned long getNumWithName(const char* name) const;
 
   goods::field_descriptor* describe_components() override;
+
+  // As text: the lines "Children {" to "}", nothing for null; false when writing fails. For a
+  // GOODSinOut it declares the member instead.
+  static bool Write(const xcptref<TarnObjects>& children, const char* name, PInOut& out);
+  // Reads what Write() wrote, from the line "Children {" on, into new children of `parent`, whose
+  // index is made with `pageN` when there is none. Children of unknown classes are left out.
+  static PInOut::Status Read(TarnObject* parent, PInOut& in, unsigned char pageN);
 
  private:
   TarnObjects(const xcptref<TarnObject>& parent, unsigned char pageN);

@@ -20,6 +20,16 @@ class TarnScalarValue : public TarnValue {
     return TarnValue::write(name, out) && out.write("Value", value_);
   }
 
+  bool writeConcreteMembers(PInOut& out) const override {
+    return out.write("Value", value_) && TarnValue::writeConcreteMembers(out);
+  }
+  bool read(PInOut& in) override {
+    do {
+      TarnValue::read(in);
+    } while (in.isCmd("Value") && in.read(value_) == PInOut::Continue);
+    return true;
+  }
+
  protected:
   explicit TarnScalarValue(goods::class_descriptor& cls) : TarnValue(cls) {}
 

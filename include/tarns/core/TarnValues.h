@@ -62,6 +62,9 @@ class TARNS_API TarnStringValue : public TarnValue {
   bool write(const char* name, GOODSinOut& out) override;
   bool readValue(goods::reader& reader, TarnData& out) const override;
 
+  bool writeConcreteMembers(PInOut& out) const override;
+  bool read(PInOut& in) override;
+
   // The text as it is stored.
   const TarnString& getTarnString() const { return value_; }
 

@@ -12,6 +12,7 @@
 #include <tarns/schema/TarnString.h>
 #include <tarns/schema/TarnStringList.h>
 #include <tarns/tarns_api.h>
+#include <tarns/util/PInOut.h>
 
 #include <concepts>
 #include <cstddef>
@@ -30,17 +31,15 @@ concept TarnEnumeration = sizeof(T) <= 4 && (std::unsigned_integral<T> || std::i
 // Arrays are given as pointer and number of items, or as they are. All functions return true, so
 // that a class can return the last one's result. Ownership: the list is the caller's once taken.
 // Threads: one.
-class TARNS_API GOODSinOut {
+class TARNS_API GOODSinOut : public PInOut {
  public:
   // `node` is the one whose members are handed over.
   explicit GOODSinOut(const goods::object& node) : node_(node) {}
-  GOODSinOut(const GOODSinOut&) = delete;
-  GOODSinOut& operator=(const GOODSinOut&) = delete;
-  virtual ~GOODSinOut();
+  ~GOODSinOut() override;
 
   static const char* GetType() { return "GOODSinOut"; }
-  virtual const char* getType() const { return GetType(); }
-  virtual bool isDerivedFrom(const char* typeName) const;
+  const char* getType() const override { return GetType(); }
+  bool isDerivedFrom(const char* typeName) const override;
 
   template <TarnScalar T>
   bool write(const char* name, T& member) {
@@ -98,6 +97,19 @@ class TARNS_API GOODSinOut {
   // Says that the member declared last, whose name must be `member`, used to be stored under
   // another name; false otherwise.
   bool addFormerName(const char* member, const char* formerName);
+
+  // --- Members as text, with any PInOut; see docs/text-format.md --------------------------------
+
+  // Writes the lines of all reflected members of the node; false when writing fails. Throws for
+  // members that cannot be written as text.
+  static bool WriteMembers(const TarnObject& node, PInOut& out);
+  // Those of one member; of one that is no array, or an element, under that name.
+  static bool WriteMember(const TarnObject& node, const TarnFieldDescriptor& field, PInOut& out);
+  static bool WriteMemberWithName(const TarnObject& node, const TarnFieldDescriptor& field,
+                                  const char* name, PInOut& out);
+  // Reads the member that the current line names; End when the class has none of that name. A value
+  // that the member cannot have throws.
+  static PInOut::Status ReadMember(TarnObject& node, PInOut& in);
 
   // The circular list of what was taken down, which is forgotten here. Null for none.
   goods::field_descriptor* takeFieldDescriptors();

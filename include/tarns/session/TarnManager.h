@@ -249,6 +249,29 @@ class TARNS_API TarnManager {
   // made.
   XString addUnique(TarnPathText path, xcptref<TarnObject> node);
 
+  // --- Branches as text: see docs/text-format.md ------------------------------------------------
+
+  // Write the branch at `path`; throw 7 when there is none, 16 when writing fails. A file appears
+  // when it is complete, with permissions 0600; the temporary one is the caller's to delete. For
+  // one state throughout: a transaction.
+  void exportTo(TarnPathText path, PInOut& out) const;
+  void exportTo(TarnPathText path, const char* file) const;
+  void exportTo(TarnPathText path, std::ostream& out) const;
+  XString exportToTempFile(TarnPathText path) const;
+  // To a PInOut, with each node looked at only while its own lines are written.
+  void exportMinLockingTo(TarnPathText path, PInOut& out) const;
+
+  // Make the nodes that a text describes; the first is returned, has no parent and is not stored.
+  // Null when its class is not known. `name`, when not null, becomes the name that it was exported
+  // under. What is wrong with the text throws, with the number of the line, 15 or what the node
+  // throws; the nodes made until then are gone. The file form throws 17 when there is no such file,
+  // 15 when it cannot be opened.
+  xcptref<TarnObject> importFromFile(const char* path, XString* name = nullptr,
+                                     XProgressReporter* reporter = nullptr) const;
+  xcptref<TarnObject> importFrom(PInOut& in, XString* name = nullptr) const;
+  xcptref<TarnObject> importFrom(std::istream& in, XString* name = nullptr,
+                                 XProgressReporter* reporter = nullptr) const;
+
  protected:
   // Closes and destroys the database, if there is one.
   void freeDB();

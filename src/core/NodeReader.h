@@ -1,0 +1,81 @@
+// Makes branches from text without recursion.
+#pragma once
+
+#include <tarns/core/TarnObject.h>
+#include <tarns/core/TarnObjects.h>
+#include <tarns/util/PInOut.h>
+
+#include <string>
+#include <string_view>
+#include <vector>
+
+namespace tarns {
+
+class TarnFieldDescriptor;
+
+// One branch. A node's read() takes the lines of its block up to where something nested begins,
+// which is only noted (see Pending); the reader goes through that and then calls read() again.
+//
+// New nodes are put below their parent before their own lines are read, so that references to
+// places lead to them.
+// Memory: what the nodes take, and a few dozen bytes for each level that is open.
+// Errors: TarnException with the number of the line. Threads: one.
+class NodeReader : public PInOut::Nesting {
+ public:
+  explicit NodeReader(PInOut& in);
+  NodeReader(const NodeReader&) = delete;
+  NodeReader& operator=(const NodeReader&) = delete;
+  ~NodeReader() override;
+
+  // The node whose header is the current line, at level 0 of a whole text; null when its class is
+  // not known. `name`, when not null, becomes what the header says.
+  TarnRef readAll(XString* name);
+
+  // What TarnObjects::Read() and GOODSinOut::ReadMember() come to: read the children of a node, or
+  // the node of a member, from the current line on. Within a reader's work that is put off: the
+  // result is End, and the PInOut shows no more lines.
+  static PInOut::Status ReadChildren(TarnObject& parent, unsigned char pageN, PInOut& in);
+  static PInOut::Status ReadMember(TarnObject& holder, const TarnFieldDescriptor& field,
+                                   const std::string& name, PInOut& in);
+
+ private:
+  // Something nested that read() has come to.
+  struct Pending {
+    enum Kind { kNothing, kChildren, kMember };
+    Kind kind = kNothing;
+    TarnRef holder;
+    std::size_t level = 0;  // of the line
+    unsigned char pageN = 0;
+    const TarnFieldDescriptor* field = nullptr;
+    std::string name;
+  };
+  // A block, or a list of children, that is open.
+  struct Open {
+    TarnRef node;       // whose lines, or whose children, are read
+    std::size_t level;  // of those lines
+    bool isList;
+    bool isSkipped = false;  // a line has been met that the class does not know
+  };
+
+  void work();
+  void readLines(std::size_t at);
+  void beginPending();
+  void beginChildren();
+  void beginMember();
+  void readChild(const Open& list);
+  void addChild(const TarnRef& parent, const std::string& name, const TarnRef& child);
+  void skipBlock(std::size_t level);
+  bool isReference() const;
+  TarnRef readReference(bool& isHome);
+  template <class Work>
+  auto withLineNumber(Work&& work) const;
+
+  PInOut& in_;
+  PInOut::Nesting* const before_;
+  const std::size_t level_;
+  TarnRef top_;
+  std::vector<Open> open_;
+  Pending pending_;
+};
+
+}  // namespace tarns

@@ -1,0 +1,212 @@
+#include "core/NodeWriter.h"
+
+#include <tarns/core/TarnException.h>
+#include <tarns/core/TarnObjects.h>
+#include <tarns/core/TarnValues.h>
+#include <tarns/schema/TarnClassDescriptor.h>
+
+#include <utility>
+
+#include "core/text_words.h"
+
+namespace tarns {
+
+namespace {
+
+// Lets the writer be found from the PInOut while it works, and keeps what is written together.
+class Writing {
+ public:
+  Writing(PInOut& out, PInOut::Nesting* writer)
+      : out_(out), before_(out.getNesting()), level_(out.getLevel()) {
+    out_.setNesting(writer);
+  }
+  Writing(const Writing&) = delete;
+  Writing& operator=(const Writing&) = delete;
+  ~Writing() {
+    out_.setNesting(before_);
+    out_.setLevel(level_);
+  }
+
+ private:
+  PInOut& out_;
+  PInOut::Nesting* before_;
+  std::size_t level_;
+};
+
+class Hold {
+ public:
+  explicit Hold(PInOut& out) : out_(out) { out_.hold(); }
+  Hold(const Hold&) = delete;
+  Hold& operator=(const Hold&) = delete;
+  ~Hold() { out_.release(); }  // a failure is kept, see PInOut::hasFailed()
+
+ private:
+  PInOut& out_;
+};
+
+}  // namespace
+
+void NodeWriter::verify(bool isWritten) const {
+  if (isWritten) return;
+  throw TarnException("Error while writing to temporary file; is the disk full?",
+                      ErrorID::TempFileFailure);
+}
+
+void NodeWriter::defer(std::string_view name, const TarnRef& node) {
+  deferred_.push_back({out_.pending().size(), out_.getLevel(), std::string(name), node});
+}
+
+void NodeWriter::write(std::string_view name, const TarnRef& node) {
+  if (node.is_null()) ThrowBadRef("NULL TarnRef read dereference");
+  const Writing here(out_, this);
+  places_.emplace(node);
+  places_->note(node);
+  begin(name, node, out_.getLevel());
+  while (!blocks_.empty()) step();
+  verify(!out_.hasFailed());
+}
+
+// Each step writes one node's lines, or ends a block.
+void NodeWriter::step() {
+  Block& block = *blocks_.back();
+  if (block.next < block.deferred.size()) {
+    writeDeferred(block);
+  } else {
+    if (!block.lines.empty()) {
+      out_.pending() += block.lines;
+      block.lines = {};
+      const Hold handOn(out_);
+    }
+    writeNext(block);
+  }
+  verify(!out_.hasFailed());
+}
+
+void NodeWriter::begin(std::string_view name, const TarnRef& node, std::size_t level) {
+  auto block = std::make_unique<Block>();
+  block->top = node;
+  block->level = level;
+  writeOwnLines(*block, name, node, level);
+  block->hasEmptyIndex = form_ == Form::kWhole && !node->getChildren().is_null() &&
+                         node->getNumAbstractChildren() == 0;
+  blocks_.push_back(std::move(block));
+}
+
+void NodeWriter::writeOwnLines(Block& block, std::string_view name, const TarnRef& node,
+                               std::size_t level) {
+  const Hold together(out_);
+  deferred_.clear();
+  const auto body = *node;
+  out_.setLevel(level);
+  verify(out_.write(body->getType(), name));
+  out_.setLevel(level + 1);
+  if (form_ == Form::kMinLocking && !HasMemberCalledName(*body)) {
+    verify(out_.write(TextWord::kName, name));
+  }
+  verify(body->writeConcreteMembers(out_));
+  if (deferred_.empty()) return;
+  // What stands behind the first block among the lines waits for it.
+  std::string& pending = out_.pending();
+  const std::size_t first = deferred_.front().offset;
+  block.lines = pending.substr(first);
+  pending.resize(first);
+  for (Deferred& deferred : deferred_) deferred.offset -= first;
+  block.deferred = std::exchange(deferred_, {});
+  block.next = 0;
+  block.holder = node;
+}
+
+void NodeWriter::writeDeferred(Block& block) {
+  const Deferred deferred = std::move(block.deferred[block.next]);
+  const std::size_t from = block.next == 0 ? 0 : block.deferred[block.next - 1].offset;
+  out_.pending().append(block.lines, from, deferred.offset - from);
+  ++block.next;
+  if (block.next == block.deferred.size()) {
+    block.lines.erase(0, deferred.offset);
+    block.deferred.clear();
+    block.next = 0;
+  }
+  if (!places_->note(deferred.node) &&
+      writeReference(deferred.name, deferred.node, deferred.level, false)) {
+    return;
+  }
+  places_->noteAway(deferred.node, block.holder, deferred.name, true);
+  begin(deferred.name, deferred.node, deferred.level);
+}
+
+// The next node of the walk, or the end of the block.
+void NodeWriter::writeNext(Block& block) {
+  if (!block.walk) block.walk.emplace(block.top);
+  const TarnBranchWalk::Step* const step = block.walk->next();
+  if (step != nullptr) {
+    writeChild(block, *step);
+    return;
+  }
+  moveTo(block, 0);
+  blocks_.pop_back();
+}
+
+void NodeWriter::writeChild(Block& block, const TarnBranchWalk::Step& step) {
+  moveTo(block, step.depth);
+  const std::size_t level = block.level + 2 * step.depth;
+  const bool isHome = step.lister.is_null();
+  if (!places_->note(step.node) && writeReference(step.name, step.node, level, isHome)) {
+    block.walk->skipChildren();
+    block.hasEmptyIndex = false;
+    return;
+  }
+  if (!isHome) places_->noteAway(step.node, step.lister, step.name, false);
+  block.hasEmptyIndex = form_ == Form::kWhole && step.hasIndex && step.numChildren == 0;
+  if (!writeValueLines(step, level)) writeOwnLines(block, step.name, step.node, level);
+}
+
+// The lines of the library's own value classes, which the walk has read already.
+bool NodeWriter::writeValueLines(const TarnBranchWalk::Step& step, std::size_t level) {
+  if (!step.hasValue || &TarnValueClassOf(step.value.getType()) != step.cls) return false;
+  const TarnData& value = step.value;
+  if (value.isString() && value.getText().empty()) return false;  // which may be null
+  out_.setLevel(level);
+  bool isWritten = out_.write(step.cls->name(), std::string_view(step.name));
+  out_.setLevel(level + 1);
+  if (form_ == Form::kMinLocking) {
+    isWritten = isWritten && out_.write(TextWord::kName, std::string_view(step.name));
+  }
+  verify(isWritten && WriteValue(out_, TextWord::kValue, value));
+  return true;
+}
+
+// A block that only says where the node has been written. False when that cannot be told.
+bool NodeWriter::writeReference(std::string_view name, const TarnRef& node, std::size_t level,
+                                bool isHome) {
+  std::string place;
+  if (!places_->find(node, place)) return false;
+  out_.setLevel(level);
+  const bool isWritten = out_.write(node->getType(), name);
+  out_.setLevel(level + 1);
+  verify(isWritten && out_.write(isHome ? TextWord::kHome : TextWord::kSame, place));
+  return true;
+}
+
+// Ends and begins lists of children so that a node of `depth` can follow.
+void NodeWriter::moveTo(Block& block, std::size_t depth) {
+  if (depth == block.depth + 1) {
+    out_.setLevel(block.level + 2 * block.depth + 1);
+    verify(out_.write(TextWord::kChildren, TextWord::kOpen));
+  } else {
+    endIndex(block);
+    for (std::size_t open = block.depth; open-- > depth;) {
+      out_.setLevel(block.level + 2 * open + 1);
+      verify(out_.write(TextWord::kClose));
+    }
+  }
+  block.depth = depth;
+}
+
+// An index without entries is written as such.
+void NodeWriter::endIndex(Block& block) {
+  if (!std::exchange(block.hasEmptyIndex, false)) return;
+  out_.setLevel(block.level + 2 * block.depth + 1);
+  verify(out_.write(TextWord::kChildren, TextWord::kOpen) && out_.write(TextWord::kClose));
+}
+
+}  // namespace tarns

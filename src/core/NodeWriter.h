@@ -1,0 +1,76 @@
+// Writes branches as text without recursion.
+#pragma once
+
+#include <tarns/core/TarnBranchWalk.h>
+#include <tarns/core/TarnObject.h>
+#include <tarns/util/PInOut.h>
+
+#include <memory>
+#include <optional>
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include "core/NodePlaces.h"
+
+namespace tarns {
+
+// One branch. While the lines of a node are written, blocks that belong in between are only noted,
+// with the place where they go (defer()); the lines behind such a place wait until the block has
+// been written.
+// Errors: 16 when writing fails; what the nodes' classes throw. Threads: one.
+class NodeWriter : public PInOut::Nesting {
+ public:
+  enum class Form { kWhole, kMinLocking };
+
+  NodeWriter(PInOut& out, Form form) : out_(out), form_(form) {}
+
+  // Writes the block of `node` at the level of the PInOut.
+  void write(std::string_view name, const TarnRef& node);
+
+  // Within a class's writeConcreteMembers(): writes the block here, at the level of the PInOut,
+  // later.
+  void defer(std::string_view name, const TarnRef& node);
+
+ private:
+  // A block that was noted among a node's lines.
+  struct Deferred {
+    std::size_t offset;  // in those lines
+    std::size_t level;
+    std::string name;
+    TarnRef node;
+  };
+  // A node and everything below it.
+  struct Block {
+    TarnRef top;
+    std::size_t level;
+    std::optional<TarnBranchWalk> walk;  // once the top's lines have been written
+    std::size_t depth = 0;               // of the node whose lines were written last
+    bool hasEmptyIndex = false;          // of that node
+    // Lines of that node that wait, and the blocks among them from `next` on.
+    std::string lines;
+    std::vector<Deferred> deferred;
+    std::size_t next = 0;
+    TarnRef holder;  // that node, when there are any
+  };
+
+  void step();
+  void begin(std::string_view name, const TarnRef& node, std::size_t level);
+  void writeDeferred(Block& block);
+  void writeNext(Block& block);
+  void writeChild(Block& block, const TarnBranchWalk::Step& step);
+  void writeOwnLines(Block& block, std::string_view name, const TarnRef& node, std::size_t level);
+  bool writeValueLines(const TarnBranchWalk::Step& step, std::size_t level);
+  bool writeReference(std::string_view name, const TarnRef& node, std::size_t level, bool isHome);
+  void moveTo(Block& block, std::size_t depth);
+  void endIndex(Block& block);
+  void verify(bool isWritten) const;
+
+  PInOut& out_;
+  const Form form_;
+  std::optional<NodePlaces> places_;
+  std::vector<std::unique_ptr<Block>> blocks_;  // each is written within the one before it
+  std::vector<Deferred> deferred_;              // of the node whose lines are being written
+};
+
+}  // namespace tarns
