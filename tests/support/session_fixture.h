@@ -15,10 +15,12 @@
 // A database in a directory of its own with one session on it, to which the thread is attached.
 class session_test : public testing::Test {
  protected:
-  explicit session_test(int storages = 1) {
+  explicit session_test(int storages = 1, const std::string& options = {},
+                        scratch_directory::place where = scratch_directory::place::on_disk)
+      : directory_(where) {
     std::ofstream file(configuration());
     file << storages << '\n';
-    for (int i = 0; i < storages; ++i) file << i << ": file:./data" << i << '\n';
+    for (int i = 0; i < storages; ++i) file << i << ": file:./data" << i << options << '\n';
     file.close();
     tarns::TarnManager::Initialize();
     open();
