@@ -15,6 +15,7 @@
 namespace goods {
 
 class cache_manager;
+class check_rules;
 class obj_storage;
 
 // How far a collection is.
@@ -34,6 +35,42 @@ struct gc_options {
   std::function<bool(const gc_progress&)> progress;
   // Shown each object, in the order of numbers, before it is removed.
   std::function<void(object_id id, std::string_view class_name)> removes;
+};
+
+// How far a check is.
+struct check_progress {
+  std::uint64_t read = 0;     // objects whose storage has been verified
+  std::uint64_t checked = 0;  // objects that have been followed and compared with others
+  std::uint64_t faults = 0;
+};
+
+// Something that is wrong with a database.
+struct check_finding {
+  object_id id = 0;         // the object that it is about; 0: none in particular
+  object_id last = 0;       // the objects from `id` to this one, as far as they exist; or `id`
+  std::string path;         // names from the root, joined by '~'; empty when none leads there
+  std::string class_name;   // empty when it is not known
+  std::string text;         // as "refers to object 0:65600, which is not there"
+  storage_number storage = 0;
+};
+
+// What a check is to do. The functions are called by the thread that checks, which holds nothing
+// meanwhile; what they throw ends the check and reaches its caller.
+struct check_options {
+  bool full = false;  // reads and compares everything; otherwise each storage's own tables
+  // Called often; false ends the check.
+  std::function<bool(const check_progress&)> progress;
+  std::function<void(const check_finding&)> found;
+  // Shown each object that nothing leads to from a root. This is no fault: deleting leaves such
+  // objects, and a collection removes them.
+  std::function<void(object_id id, std::string_view class_name)> unreachable;
+};
+
+struct check_result {
+  bool has_ended = true;  // options.progress did not end it
+  std::uint64_t objects = 0;
+  std::uint64_t faults = 0;
+  std::uint64_t unreachable = 0;
 };
 
 // Opens the storages, finds root objects and objects by identifier, and keeps the byte counters.
@@ -101,6 +138,15 @@ class GOODS_API database {
   // What the last collection removed, or in a dry run would have.
   std::uint64_t get_num_collected_objects() const { return collected_; }
 
+  // Verifies what is stored, as of one moment, while all sessions go on working; commits are held
+  // for moments at its beginning, and with `full` while the commit log is read. Trusts nothing that
+  // is stored, runs no code of the objects' classes, and goes on after each fault. Classes that
+  // this process does not know are no faults: the storage says how their objects are stored.
+  // Memory: a byte for each object number, the way from a root to the object that is being looked
+  // at, and a few MiB. Throws usage when it is called from within a read; faults are found, not
+  // thrown.
+  check_result check(const check_options& options);
+
   // Bytes of packed objects loaded from and committed to the storages, since opening or clearing.
   std::uint64_t get_num_bytes_from_db() const;
   std::uint64_t get_num_bytes_to_db() const;
@@ -112,6 +158,8 @@ class GOODS_API database {
  protected:
   // Lets a derived class supply its own cache manager.
   virtual std::unique_ptr<cache_manager> create_session();
+  // Lets a derived class add to what check() looks for; null for nothing.
+  virtual std::unique_ptr<check_rules> create_check_rules();
 
  private:
   std::vector<std::unique_ptr<obj_storage>> storages_;

@@ -8,9 +8,11 @@
 #include <goods/object.h>
 #include <goods/object_handle.h>
 
+#include "goods/check_rules.h"
 #include "goods/collection_claim.h"
 #include "goods/collector.h"
 #include "goods/configuration.h"
+#include "goods/database_check.h"
 #include "goods/epoch.h"
 #include "goods/object_cache.h"
 #include "goods/outlived_bodies.h"
@@ -145,6 +147,16 @@ bool database::set_root(const object_ref& root, storage_number number) {
 
 void database::get_object(object_ref& object, object_number number, storage_number storage) const {
   object = session().find(make_object_id(storage, number));
+}
+
+std::unique_ptr<check_rules> database::create_check_rules() { return nullptr; }
+
+check_result database::check(const check_options& options) {
+  if (reader_section::is_inside()) {
+    throw_error(error_code::usage, "A check cannot be started from within a read.");
+  }
+  const auto rules = create_check_rules();
+  return database_check(*this, options, rules.get()).run();
 }
 
 unsigned database::start_gc(const gc_options& options) {

@@ -2,6 +2,8 @@
 #include <tarns/session/TarnCacheManager.h>
 #include <tarns/session/TarnDatabase.h>
 
+#include "core/tree_check.h"
+
 namespace tarns {
 
 TarnDatabase::TarnDatabase(TarnManager& manager) : manager_(manager) {}
@@ -20,6 +22,10 @@ void TarnDatabase::attach() {
 
 std::unique_ptr<goods::cache_manager> TarnDatabase::create_session() {
   return std::make_unique<TarnCacheManager>(manager_);
+}
+
+std::unique_ptr<goods::check_rules> TarnDatabase::create_check_rules() {
+  return std::make_unique<TreeCheck>();
 }
 
 }  // namespace tarns

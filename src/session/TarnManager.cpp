@@ -167,4 +167,8 @@ bool TarnManager::startGarbageCollection(const goods::gc_options& options) {
   return openDatabase().start_gc(options) != 0;
 }
 
+goods::check_result TarnManager::check(const goods::check_options& options) {
+  return openDatabase().check(options);
+}
+
 }  // namespace tarns

@@ -63,6 +63,14 @@ TEST_F(CrashTest, NothingAcknowledgedIsLostAndNothingIsHalfWritten) {
       }
     }
     ASSERT_EQ(stateOf(last + 1), 0);
+    if (cycle % 50 == 49) {
+      goods::check_options options;
+      options.full = true;
+      options.found = [](const goods::check_finding& finding) {
+        ADD_FAILURE() << finding.path << " (" << finding.id << "): " << finding.text;
+      };
+      EXPECT_GT(manager().check(options).objects, 0U);
+    }
   }
   EXPECT_GT(checked, kCycles / 2);
 }

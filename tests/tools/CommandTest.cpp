@@ -5,6 +5,8 @@
 #include <chrono>
 #include <filesystem>
 #include <fstream>
+#include <random>
+#include <string>
 #include <thread>
 
 #include "support/killed_process.h"
@@ -168,6 +170,7 @@ TEST_F(CommandTest, MistakesInUseAndMissingDatabases) {
       {{command, "-d", database(), "--format", "tree", "find"}, 2, "--format tree"},
       {{command, "-d", database(), "--format", "raw", "stat"}, 2, "formats"},
       {{command, "-d", database(), "--format", "tree", "gc"}, 2, "formats"},
+      {{command, "-d", database(), "--format", "raw", "check"}, 2, "formats"},
       {{command, "-d", database(), "find", "--type", "Wrong"}, 1, "\"Wrong\""},
       {{command, "-d", database(), "export", "out.json"}, 1, "before the file"},
       {{command, "-d", database(), "export", "out"}, 1, "\"out\" does not exist.\n"},
@@ -192,7 +195,7 @@ TEST_F(CommandTest, MistakesInUseAndMissingDatabases) {
 
 TEST_F(CommandTest, EveryHelpEndsWithTwoExamples) {
   for (const char* name : {"init", "get", "set", "ls", "tree", "rm", "cp", "mv", "find", "stat",
-                           "gc", "import", "export"}) {
+                           "gc", "check", "import", "export"}) {
     SCOPED_TRACE(name);
     const program_result result = run_program({PROGRAM_TARNS_COMMAND, name, "--help"});
     EXPECT_EQ(result.status, 0);
@@ -202,6 +205,37 @@ TEST_F(CommandTest, EveryHelpEndsWithTwoExamples) {
     EXPECT_EQ(std::count(rest.begin(), rest.end(), '\n'), 3) << rest;
     EXPECT_THAT(rest, HasSubstr(std::string(" ") + name));
   }
+}
+
+TEST_F(CommandTest, CheckNamesWhatIsDamagedAndTellsByItsExitStatus) {
+  std::minstd_rand random(7);
+  std::string text(3000, 'x');
+  for (char& character : text) character = static_cast<char>('a' + random() % 26);
+  ASSERT_EQ(run({"set", "a~label", text}).status, 0);
+  ASSERT_EQ(run({"set", "a~b", "1"}).status, 0);
+  EXPECT_EQ(run({"check"}).out, "0 faults; the objects were not looked at (--full does)\n");
+  const program_result good = run({"check", "--full"});
+  EXPECT_EQ(good.status, 0);
+  EXPECT_THAT(good.out, testing::StartsWith("0 faults in "));
+  EXPECT_EQ(run({"--format", "json", "check", "--full"}).out, "[]\n");
+
+  const std::string file = database() + "/data/store.db";
+  std::ifstream in(file, std::ios::binary);
+  std::string content(std::istreambuf_iterator<char>(in), {});
+  const std::size_t at = content.find(text.substr(100, 20));
+  ASSERT_NE(at, std::string::npos);
+  content[at] = '?';
+  std::ofstream(file, std::ios::binary) << content;
+  const program_result bad = run({"check", "--full"});
+  EXPECT_EQ(bad.status, 4);
+  EXPECT_THAT(bad.out, HasSubstr("the checksum does not match"));
+  EXPECT_THAT(bad.out, testing::ContainsRegex("\na~label.* \\(object 0:[0-9]+\\): cannot be read"));
+  EXPECT_THAT(run({"--format", "json", "check", "--full"}).out, HasSubstr("\"path\": \"a~label"));
+
+  std::ofstream(file, std::ios::binary) << content.substr(0, 5000);
+  const program_result cut = run({"check"});
+  EXPECT_EQ(cut.status, 4);
+  EXPECT_THAT(cut.out, testing::StartsWith("storage 0: "));
 }
 
 TEST_F(CommandTest, GcListsAndRemovesWhatNoPathLeadsTo) {

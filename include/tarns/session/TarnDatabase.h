@@ -30,6 +30,7 @@ class TARNS_API TarnDatabase : public goods::database {
 
  protected:
   std::unique_ptr<goods::cache_manager> create_session() override;
+  std::unique_ptr<goods::check_rules> create_check_rules() override;
 
  private:
   TarnManager& manager_;

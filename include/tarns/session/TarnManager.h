@@ -134,6 +134,10 @@ class TARNS_API TarnManager {
   // The same with options; false also when options.progress ended it.
   bool startGarbageCollection(const goods::gc_options& options);
 
+  // Verifies what is stored while other threads go on working; what is wrong is told, by path and
+  // identifier, and never thrown. See goods::database::check.
+  goods::check_result check(const goods::check_options& options);
+
   // --- Reading values: conversions are TarnData's -----------------------------------------------
 
   // False when there is no value at the path; `out` is then as before.

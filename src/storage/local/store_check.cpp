@@ -6,6 +6,7 @@
 #include <algorithm>
 #include <bit>
 #include <cstring>
+#include <exception>
 
 #include "storage/local/prepared_commits.h"
 #include "storage/local/store_directory.h"
@@ -176,8 +177,21 @@ void store_check::check_prepared() {
 // What SQLite itself knows about its pages.
 void store_check::check_structure() {
   sqlite3* const handle = merged_.connection().handle();
-  const auto look = [](void* self) { return static_cast<check_sink*>(self)->goes_on() ? 0 : 1; };
-  ::sqlite3_progress_handler(handle, instructions_per_look, look, &into_);
+  // Nothing is thrown through SQLite.
+  struct looking {
+    check_sink& into;
+    std::exception_ptr thrown;
+  } state{into_, nullptr};
+  const auto look = [](void* self) {
+    auto& now = *static_cast<looking*>(self);
+    try {
+      return now.into.goes_on() ? 0 : 1;
+    } catch (...) {
+      now.thrown = std::current_exception();
+      return 1;
+    }
+  };
+  ::sqlite3_progress_handler(handle, instructions_per_look, look, &state);
   std::vector<std::string> problems;
   bool was_stopped = false;
   try {
@@ -188,6 +202,7 @@ void store_check::check_structure() {
     if (!was_stopped) problems.push_back(text_of_failure());
   }
   ::sqlite3_progress_handler(handle, 0, nullptr, nullptr);
+  if (state.thrown) std::rethrow_exception(state.thrown);
   if (was_stopped) throw stopped();
   for (std::string& problem : problems)
     if (problem != "ok") report(0, 0, "SQLite: " + problem);
