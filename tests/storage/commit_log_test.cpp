@@ -83,10 +83,14 @@ class CommitLogTest : public testing::Test {
   // What opening finds. Every commit must be its own.
   commit_version recover(const memory_disk::image& image) const {
     const memory_disk disk(image);
-    const log_recovery found("", "store", store, merged_);
+    log_recovery found("", "store", store, merged_);
     commit_version version = merged_;
-    for (const object_change& change : found.changes())
-      EXPECT_TRUE(text_of(change.body) == texts_.at(version++)) << "commit " << version;
+    std::vector<object_change> changes;
+    while (const commit_version through = found.take(200, changes)) {
+      for (const object_change& change : changes)
+        EXPECT_TRUE(text_of(change.body) == texts_.at(version++)) << "commit " << version;
+      EXPECT_EQ(version, through);
+    }
     EXPECT_EQ(version, found.newest());
     return found.newest();
   }

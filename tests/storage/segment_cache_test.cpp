@@ -9,13 +9,56 @@
 namespace goods {
 namespace {
 
-std::shared_ptr<const segment> make_segment(segment_number number, commit_version version,
-                                            std::size_t size) {
+using patch = segment_cache::patch;
+
+patch put(segment_number number, commit_version version, unsigned slot, std::size_t size) {
   segment_builder builder(number, nullptr);
   const std::string body(size, 'x');
-  builder.put(0, 1, bytes_of(body));
-  return builder.build(version);
+  builder.put(slot, static_cast<class_number>(version % 60'000 + 1), bytes_of(body));
+  return std::make_shared<const segment_patch>(number, version, false, 0, builder.content());
 }
+
+std::shared_ptr<const segment> make_segment(segment_number number, commit_version version,
+                                            std::size_t size) {
+  return patched(*put(number, version, 0, size), nullptr);
+}
+
+bool are_equal(const std::shared_ptr<const segment>& a, const std::shared_ptr<const segment>& b) {
+  return a && b && a->version() == b->version() && std::ranges::equal(a->content(), b->content());
+}
+
+// What a store does with its cache, beside what must come out.
+class cached_store {
+ public:
+  explicit cached_store(segment_cache& cache) : cache_(cache) {}
+
+  void change(segment_number number, const patch& commit) {
+    version_ = commit->version();
+    const auto before = newest_.find(number);
+    newest_[number] = patched(*commit, before == newest_.end() ? nullptr : before->second.get());
+    const patch merged_with = unmerged_[number];
+    unmerged_[number] = segment_patch::combine(merged_with, commit);
+    cache_.publish(number, merged_with, unmerged_[number], version_);
+  }
+  void remove(segment_number number) {
+    newest_.erase(number);
+    unmerged_.erase(number);
+    cache_.publish(number, nullptr, nullptr, ++version_);
+  }
+  void read(segment_number number) {
+    if (newest_.contains(number)) cache_.offer(newest_[number], version_);
+  }
+  void merge() { unmerged_.clear(); }
+
+  commit_version version() const { return version_; }
+  const std::shared_ptr<const segment>& newest(segment_number number) { return newest_[number]; }
+
+ private:
+  segment_cache& cache_;
+  commit_version version_ = 1;
+  std::map<segment_number, std::shared_ptr<const segment>> newest_;
+  std::map<segment_number, patch> unmerged_;
+};
 
 // Against a map of what is newest: whatever the cache answers is that, and it stays in its limit.
 TEST(SegmentCacheTest, AnswersTheNewestStateOrNone) {
@@ -25,33 +68,30 @@ TEST(SegmentCacheTest, AnswersTheNewestStateOrNone) {
     SCOPED_TRACE(seed);
     std::mt19937 random(seed);
     segment_cache cache(limit);
-    std::map<segment_number, std::shared_ptr<const segment>> newest;
+    cached_store store(cache);
     std::size_t found = 0;
-    commit_version version = 1;
     for (int step = 0; step < 60'000; ++step) {
       const auto number = static_cast<segment_number>(random() % numbers);
       switch (random() % 8) {
         case 0:
-          newest[number] = make_segment(number, ++version, random() % 1024);
-          cache.publish(number, newest[number], version);
-          break;
         case 1:
-          newest.erase(number);
-          cache.publish(number, nullptr, ++version);
+          for (unsigned i = 0; i < 1 + random() % 3; ++i)
+            store.change(number, put(number, store.version() + 1, random() % 3, random() % 700));
           break;
         case 2:  // a reader whose snapshot is behind
-          newest.erase(number);
-          cache.publish(number, nullptr, ++version);
-          cache.offer(make_segment(number, version - 1, 10), version - 1);
+          store.remove(number);
+          cache.offer(make_segment(number, store.version() - 1, 10), store.version() - 1);
           ASSERT_EQ(cache.find(number), nullptr) << "step " << step;
           break;
         case 3:
-          if (newest.contains(number)) cache.offer(newest[number], version);
+          store.read(number);
           break;
         default:
+          if (random() % 1000 == 0) store.merge();
           const auto answer = cache.find(number);
           found += answer != nullptr ? 1 : 0;
-          ASSERT_TRUE(answer == nullptr || answer == newest[number]) << "step " << step;
+          ASSERT_TRUE(answer == nullptr || are_equal(answer, store.newest(number)))
+              << "step " << step;
       }
     }
     EXPECT_GT(found, 500U) << "nothing was kept";
@@ -65,15 +105,39 @@ TEST(SegmentCacheTest, AnswersTheNewestStateOrNone) {
 TEST(SegmentCacheTest, KeepsWhatIsUsedAndRefusesWhatMayBeOld) {
   segment_cache cache(64 * 4096);  // some ten of these segments in each of its parts
   constexpr segment_number part = 64;
-  cache.publish(0, make_segment(0, 1, 300), 1);
+  cache.offer(make_segment(0, 1, 300), 1);
   for (segment_number i = 1; i < 200; ++i) {
     EXPECT_NE(cache.find(0), nullptr) << i;
     cache.offer(make_segment(i * part, 1, 300), 1);
   }
   EXPECT_EQ(cache.find(part), nullptr) << "it was used once, long ago";
-  cache.publish(2 * part, nullptr, 5);
+  cache.publish(2 * part, nullptr, nullptr, 5);
   cache.offer(make_segment(2 * part, 4, 300), 4);
   EXPECT_EQ(cache.find(2 * part), nullptr) << "the snapshot was older than the removal";
+}
+
+// What is laid over a segment counts, and is not laid over it when it does not say all.
+TEST(SegmentCacheTest, DropsWhatItCannotFollow) {
+  segment_cache cache(64 * 4096);
+  const patch first = put(0, 2, 1, 300), second = put(0, 3, 2, 300);
+  cache.offer(make_segment(0, 1, 300), 1);
+  cache.publish(0, nullptr, first, 2);
+  cache.publish(0, first, segment_patch::combine(first, second), 3);
+  ASSERT_NE(cache.find(0), nullptr);
+  EXPECT_EQ(cache.find(0)->present(), 7U);
+
+  cache.publish(0, nullptr, put(0, 4, 3, 300), 4);
+  cache.publish(0, nullptr, put(0, 5, 4, 300), 5);  // grown from nothing: there was a merge
+  EXPECT_FALSE(cache.contains(0));
+
+  cache.offer(make_segment(64, 5, 300), 5);
+  patch grown;
+  for (unsigned slot = 0; slot < 12; ++slot) {
+    const patch next = segment_patch::combine(grown, put(64, 6 + slot, slot, 1000));
+    cache.publish(64, grown, next, 6 + slot);
+    grown = next;
+  }
+  EXPECT_FALSE(cache.contains(64)) << "it is larger than its part of the cache";
 }
 
 }  // namespace

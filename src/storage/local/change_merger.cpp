@@ -52,7 +52,10 @@ segment_changes change_merger::merge(std::vector<const object_change*> changes,
 }
 
 void change_merger::merge_segment(segment_number number, change_list changes) {
-  auto old = newest_.find(number, as_of_);
+  const bool removes = std::ranges::any_of(changes, &object_change::removed);
+  const bool needs_old = keeps_old_ || removes;  // whether anything is left
+  auto old = needs_old ? newest_.find(number, as_of_) : nullptr;
+  const bool existed = needs_old ? old != nullptr : newest_.has(number, as_of_);
   segment_builder changed(number, nullptr);
   std::uint64_t removed = 0;
   for (std::size_t i = 0; i < changes.size(); ++i) {
@@ -63,12 +66,11 @@ void change_merger::merge_segment(segment_number number, change_list changes) {
     if (changes[i]->removed) removed |= std::uint64_t{1} << slot_of(changes[i]->number);
   }
   const bool is_left = !changed.is_empty() || (old && (old->present() & ~removed) != 0);
-  if (!is_left && !old) return;
-  const bool is_whole = !is_left || !old;
+  if (!is_left && !existed) return;
+  const bool is_whole = !is_left || !existed;
   auto patch = std::make_shared<const segment_patch>(number, result_.version, is_whole,
                                                      is_whole ? 0 : removed, changed.content());
-  auto now = old && is_left ? patched(*patch, old.get()) : nullptr;
-  result_.changed.push_back({number, is_left, std::move(old), std::move(now), std::move(patch)});
+  result_.changed.push_back({number, existed, is_left, std::move(old), std::move(patch)});
 }
 
 void change_merger::change_apart(const segment* old, const object_change& change) {

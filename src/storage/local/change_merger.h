@@ -12,15 +12,17 @@
 
 namespace goods {
 
-// Builds patches, and new segments for the cache, in memory and writes nothing. The segments that
-// change are looked at, so that damage is found before anything is durable.
+// Builds patches in memory and writes nothing. The segments that change are looked at, so that
+// damage is found before anything is durable.
 //
-// Each segment is built once however many objects of it change. Threads: the holder of the writer's
-// turn.
+// Each patch is built once however many objects of its segment change. Threads: the holder of the
+// writer's turn.
 class change_merger {
  public:
-  // `newest`: the states that the changes replace. `as_of`: the newest version.
-  change_merger(newest_states& newest, commit_version as_of) : newest_(newest), as_of_(as_of) {}
+  // `newest`: the states that the changes replace. `as_of`: the newest version. `keeps_old`:
+  // whether the segments as they were before are wanted.
+  change_merger(newest_states& newest, commit_version as_of, bool keeps_old = false)
+      : newest_(newest), as_of_(as_of), keeps_old_(keeps_old) {}
 
   // `changes` in commit order; the last one of an object wins. `version`: of the group's last
   // commit.
@@ -34,10 +36,11 @@ class change_merger {
 
   newest_states& newest_;
   const commit_version as_of_;
+  const bool keeps_old_;
   segment_changes result_;
 };
 
-// What `changes` replace, for standing in for it.
+// What `changes`, with the old segments, replace, for standing in for it.
 commit_overlay::table replaced_states(const segment_changes& changes, newest_states& newest);
 
 }  // namespace goods

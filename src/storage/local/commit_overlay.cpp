@@ -76,7 +76,7 @@ commit_overlay::addition commit_overlay::prepare(const segment_changes& changes)
   return prepared;
 }
 
-void commit_overlay::add(addition&& prepared) noexcept {
+void commit_overlay::add(addition& prepared) noexcept {
   guarded_scope scope(lock_);
   const auto put = [&](auto& replacement) {
     active_.bytes += cost(replacement.by);

@@ -25,9 +25,8 @@ struct apart_state {
 struct segment_changes {
   struct change {
     segment_number number;
-    bool exists;                                 // afterwards
-    std::shared_ptr<const segment> before;       // null: there was none
-    std::shared_ptr<const segment> now;          // null: there is none any more, or none was before
+    bool existed, exists;                        // before and afterwards
+    std::shared_ptr<const segment> before;       // where that was asked for
     std::shared_ptr<const segment_patch> patch;  // from the one to the other
   };
   struct apart_change {
@@ -74,6 +73,17 @@ class commit_overlay {
 
   // Commits that are about to be added.
   class addition {
+   public:
+    // When they have been added: what is now laid over the n-th segment that changes, and what was
+    // before.
+    const std::shared_ptr<const segment_patch>& now(std::size_t n) const {
+      return *segments_[n].place;
+    }
+    const std::shared_ptr<const segment_patch>& before(std::size_t n) const {
+      return segments_[n].by;
+    }
+
+   private:
     friend class commit_overlay;
     template <class Value>
     struct replacement {
@@ -89,7 +99,7 @@ class commit_overlay {
   // added or frozen.
   addition prepare(const segment_changes& changes);
   // Adds commits to the active table.
-  void add(addition&& prepared) noexcept;
+  void add(addition& prepared) noexcept;
   // Makes the active table the frozen one, of which there was none.
   void freeze();
   // Null when there is none. It does not change until drop_frozen().

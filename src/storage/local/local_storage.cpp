@@ -146,7 +146,7 @@ std::shared_ptr<local_storage::hidden_commit> local_storage::commit_to_database(
   std::vector<const object_change*> changes;
   for (const object_change& change : request.changes) changes.push_back(&change);
   newest_states newest(parts_->newest);
-  change_merger merger(newest, newest_version());
+  change_merger merger(newest, newest_version(), hides);
   commit->changes = merger.merge(std::move(changes), newest_version() + 1);
   segment_store::transaction transaction(parts_->store);
   segment_writer writer(transaction, parts_->stored_presence);
@@ -204,16 +204,23 @@ void local_storage::show(const segment_changes& changes, std::size_t commits,
     guarded_scope scope(versions.publishing);
     versions.publications.fetch_add(1, std::memory_order_acq_rel);
     for (const auto& change : changes.changed)
-      if (!change.before || !change.exists) parts_->presence.set(change.number, change.exists);
+      if (change.existed != change.exists) parts_->presence.set(change.number, change.exists);
     if (unmerged != nullptr) {
-      parts_->overlay.add(std::move(*unmerged));
+      parts_->overlay.add(*unmerged);
     } else {
       versions.merged.store(changes.version, std::memory_order_release);
       versions.has_hidden.store(false, std::memory_order_release);
       parts_->overlay.drop_held();
     }
-    for (const auto& change : changes.changed)
-      parts_->cache.publish(change.number, change.now, changes.version);
+    const segment_cache::patch none;
+    for (std::size_t i = 0; i < changes.changed.size(); ++i) {
+      const auto& change = changes.changed[i];
+      parts_->cache.publish(change.number, unmerged != nullptr ? unmerged->before(i) : none,
+                            !change.exists        ? none
+                            : unmerged != nullptr ? unmerged->now(i)
+                                                  : change.patch,
+                            changes.version);
+    }
     parts_->notices.publish();
     versions.visible.store(changes.version, std::memory_order_release);
     versions.publications.fetch_add(1, std::memory_order_acq_rel);

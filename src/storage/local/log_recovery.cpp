@@ -27,7 +27,7 @@ log_recovery::log_recovery(const std::string& directory, const std::string& stor
     return file.records.empty() ? ~commit_version{0} : file.records.front().first;
   };
   std::ranges::sort(files_, {}, begins);
-  for (log_content& file : files_) take(file);
+  for (log_content& file : files_) follow(file);
   for (const log_content& file : files_) check_rest(file);
 }
 
@@ -58,17 +58,29 @@ void log_recovery::read(log_content& file) {
   }
 }
 
-void log_recovery::take(log_content& file) {
+void log_recovery::follow(log_content& file) {
   for (log_record& record : file.records) {
     if (record.last() <= newest_) continue;
     if (record.first != newest_ + 1) return;
-    try {
-      read_changes(record, changes_);
-    } catch (const damaged_bytes& damage) {
-      throw_damaged(file.path, damage.what());
-    }
+    next_.push_back({&file, &record});
     newest_ = record.last();
   }
+}
+
+commit_version log_recovery::take(std::size_t bytes, std::vector<object_change>& changes) {
+  changes.clear();
+  commit_version through = 0;
+  for (std::size_t size = 0; size < bytes && taken_ < next_.size(); ++taken_) {
+    const auto& [file, record] = next_[taken_];
+    try {
+      read_changes(*record, changes);
+    } catch (const damaged_bytes& damage) {
+      throw_damaged(file->path, damage.what());
+    }
+    size += record->content.size();
+    through = record->last();
+  }
+  return through;
 }
 
 // Looks for witnesses that more has been here: the headers of the records that were found, and

@@ -28,8 +28,10 @@ class log_recovery {
   bool found_files() const { return found_; }
   // The newest version of all.
   commit_version newest() const { return newest_; }
-  // Of all commits after `merged`; bodies are kept here.
-  const std::vector<object_change>& changes() const { return changes_; }
+  // Replaces `changes` by those of the next commits after `merged`, in order, as many as take about
+  // so many bytes of the log; bodies are kept here. Returns the version of the last one, 0 when
+  // there are no more. Throws as above.
+  commit_version take(std::size_t bytes, std::vector<object_change>& changes);
 
  private:
   struct log_content {
@@ -39,7 +41,7 @@ class log_recovery {
   };
 
   void read(log_content& file);
-  void take(log_content& file);
+  void follow(log_content& file);
   void check_rest(const log_content& file) const;
   void check_witness(const log_header& header, const log_content& file) const;
   [[noreturn]] void throw_damaged(const std::string& path, std::string_view what) const;
@@ -50,7 +52,12 @@ class log_recovery {
   bool found_ = false;
   commit_version newest_;
   std::vector<log_content> files_;
-  std::vector<object_change> changes_;
+  struct next_record {
+    const log_content* file;
+    log_record* record;
+  };
+  std::vector<next_record> next_;  // after `merged`, in order
+  std::size_t taken_ = 0;          // of them
 };
 
 }  // namespace goods

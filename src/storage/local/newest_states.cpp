@@ -42,6 +42,13 @@ std::shared_ptr<const segment> newest_states::find(segment_number number, commit
   return found;
 }
 
+bool newest_states::has(segment_number number, commit_version as_of) {
+  if (!from_.presence.has(number)) return false;
+  if (from_.cache.contains(number)) return true;
+  const commit_overlay::layers unmerged = from_.overlay.find(number);
+  return unmerged.newer || unmerged.older || find(number, as_of);
+}
+
 std::shared_ptr<const segment> newest_states::read(segment_number number) {
   auto stored = merged_snapshot().reader().read_segment(number);
   if (!stored) throw_damaged_segment(from_.store, number, "their row is missing");

@@ -39,6 +39,10 @@ class newest_states {
   // from the database is offered to the cache as of it.
   std::shared_ptr<const segment> find(segment_number number, commit_version as_of);
 
+  // Whether there is such a segment. Whoever holds the writer's turn may ask: where it was not
+  // looked at before, it is now, and what find() throws is thrown.
+  bool has(segment_number number, commit_version as_of);
+
   // The body of an object apart, of the segment that find() has returned.
   std::shared_ptr<const byte_block> find_apart(const segment& in, unsigned slot);
 

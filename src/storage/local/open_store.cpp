@@ -9,6 +9,11 @@
 #include "storage/local/segment_writer.h"
 
 namespace goods {
+namespace {
+
+constexpr std::size_t replayed_at_once = std::size_t{32} << 20;  // bytes of the log
+
+}  // namespace
 
 open_store::open_store(const storage_address& address, const std::string& name,
                        dbs_storage& locks_for, commit_queue::writer write)
@@ -75,32 +80,40 @@ void open_store::load_tables() {
   prepared.load(store.reader(), store.state());
 }
 
-// All at once: what an object was in between is of no interest any more.
+// Some at a time, so that a long log takes no more memory than itself; what has been merged when
+// this ends early is left out the next time.
 void open_store::replay_log() {
-  const log_recovery found(files.directory(), settings.store, identity, versions.merged);
-  std::vector<const object_change*> changes;
-  for (const object_change& change : found.changes()) {
+  log_recovery found(files.directory(), settings.store, identity, versions.merged);
+  std::vector<object_change> changes;
+  const writer_turn::hold scope(turn);
+  while (const commit_version through = found.take(replayed_at_once, changes))
+    replay(changes, through);
+  log.note_durable(found.newest());
+  if (found.found_files()) log.remove();
+}
+
+// What an object was in between is of no interest any more.
+void open_store::replay(std::span<const object_change> changes, commit_version through) {
+  std::vector<const object_change*> all;
+  all.reserve(changes.size());
+  for (const object_change& change : changes) {
     if (!change.removed && change.layout > layouts.count())
       throw_damaged_object(settings.store, change.number,
                            fmt::format("the log has it with the unknown layout {}", change.layout));
-    changes.push_back(&change);
+    all.push_back(&change);
   }
-  writer_turn::hold scope(turn);
-  if (found.newest() != versions.merged) {
-    newest_states current(newest);
-    change_merger replaying(current, versions.visible);
-    const segment_changes replayed = replaying.merge(std::move(changes), found.newest());
-    for (const auto& change : replayed.changed) {
-      if (change.exists) presence.reserve(change.number);
-      presence.set(change.number, change.exists);
-      cache.publish(change.number, change.now, replayed.version);
-    }
-    overlay.add(overlay.prepare(replayed));
-    versions.visible = found.newest();
-    merger.merge_all();
+  newest_states current(newest);
+  change_merger replaying(current, versions.visible);
+  const segment_changes replayed = replaying.merge(std::move(all), through);
+  for (const auto& change : replayed.changed) {
+    if (change.exists) presence.reserve(change.number);
+    presence.set(change.number, change.exists);
+    cache.publish(change.number, nullptr, change.exists ? change.patch : nullptr, through);
   }
-  log.note_durable(found.newest());
-  if (found.found_files()) log.remove();
+  auto unmerged = overlay.prepare(replayed);
+  overlay.add(unmerged);
+  versions.visible = through;
+  merger.merge_all();
 }
 
 open_store::~open_store() {

@@ -2,6 +2,7 @@
 #pragma once
 
 #include <cstdint>
+#include <span>
 #include <string>
 
 #include <goods/dbs_storage.h>
@@ -71,6 +72,7 @@ struct open_store {
   commit_version load_everything();
   void load_tables();
   void replay_log();
+  void replay(std::span<const object_change> changes, commit_version through);
 };
 
 }  // namespace goods

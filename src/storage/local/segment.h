@@ -44,6 +44,7 @@ class segment_view {
   segment_number number() const { return number_; }
   std::uint64_t version() const { return version_; }  // of the commit that wrote it
   std::uint64_t present() const { return present_; }
+  std::uint64_t apart() const { return apart_; }
   std::span<const std::byte> content() const { return {content_, size_}; }
 
   bool has(unsigned slot) const { return (present_ >> slot & 1) != 0; }

@@ -8,46 +8,67 @@ namespace {
 
 constexpr std::size_t place_cost = 64;  // bytes of the table for each entry
 
-std::size_t cost(const segment& content) { return content.memory() + place_cost; }
+std::size_t cost_of(const segment& content) { return content.memory() + place_cost; }
 
 }  // namespace
 
+std::size_t segment_cache::place::cost() const {
+  return cost_of(*content) + (newer ? newer->memory() : 0);
+}
+
 segment_cache::segment_cache(std::size_t limit) : shard_limit_(limit / shards) {}
 
-std::shared_ptr<const segment> segment_cache::find(segment_number number) {
+bool segment_cache::contains(segment_number number) {
   shard& s = shard_of(number);
   guarded_scope scope(s.lock);
   place& found = s.place_of(number);
-  if (found.content) found.used = true;
-  return found.content;
+  found.used = found.content != nullptr;
+  return found.used;
+}
+
+std::shared_ptr<const segment> segment_cache::find(segment_number number) {
+  shard& s = shard_of(number);
+  std::shared_ptr<const segment> content;
+  patch newer;
+  {
+    guarded_scope scope(s.lock);
+    place& found = s.place_of(number);
+    if (found.content) found.used = true;
+    if (!found.newer) return found.content;
+    content = found.content;
+    newer = found.newer;
+  }
+  auto now = patched(*newer, content.get());
+  place dropped;
+  guarded_scope scope(s.lock);
+  place& found = s.place_of(number);
+  if (found.content == content && found.newer == newer)
+    dropped = s.replace(found, now, nullptr, shard_limit_);
+  return now;
 }
 
 void segment_cache::offer(const std::shared_ptr<const segment>& found, commit_version as_of) {
-  if (cost(*found) > shard_limit_) return;
+  if (cost_of(*found) > shard_limit_) return;
   shard& s = shard_of(found->number());
   guarded_scope scope(s.lock);
   if (s.last_change > as_of || s.place_of(found->number()).content) return;
   s.insert(found, shard_limit_);
 }
 
-void segment_cache::publish(segment_number number, std::shared_ptr<const segment> now,
+void segment_cache::publish(segment_number number, const patch& before, const patch& now,
                             commit_version version) noexcept {
-  std::shared_ptr<const segment> before;  // dropped after the mutex
+  place dropped;  // after the mutex
   shard& s = shard_of(number);
   guarded_scope scope(s.lock);
   s.last_change = version;
   place& known = s.place_of(number);
-  const bool keep = now != nullptr && cost(*now) <= shard_limit_;
-  if (!known.content) {
-    if (keep) s.insert(std::move(now), shard_limit_);
-  } else if (!keep) {
-    before = s.erase(static_cast<std::size_t>(&known - s.places.data()));
+  if (!known.content) return;
+  // `now` may lack what a patch has that it has not grown from: that one has been merged meanwhile.
+  if (!now || (known.newer && known.newer != before)) {
+    dropped = s.erase(known);
   } else {
-    s.bytes += cost(*now);
-    s.bytes -= cost(*known.content);
-    before = std::exchange(known.content, std::move(now));
     known.used = true;
-    s.make_room(shard_limit_);
+    dropped = s.replace(known, known.content, now, shard_limit_);
   }
 }
 
@@ -66,18 +87,33 @@ segment_cache::place& segment_cache::shard::place_of(segment_number number) {
 
 void segment_cache::shard::insert(std::shared_ptr<const segment> content,
                                   std::size_t limit) noexcept {
-  const std::size_t added = cost(*content);
+  const std::size_t added = cost_of(*content);
   make_room(limit - added);
   if ((entries + 1) * 2 > places.size() && !grow()) return;
   const segment_number number = content->number();
-  place_of(number) = {number, false, std::move(content)};
+  place_of(number) = {number, false, std::move(content), nullptr};
   ++entries;
   bytes += added;
 }
 
+segment_cache::place segment_cache::shard::replace(place& known,
+                                                   std::shared_ptr<const segment> content,
+                                                   patch newer, std::size_t limit) noexcept {
+  place before =
+      std::exchange(known, {known.number, known.used, std::move(content), std::move(newer)});
+  bytes += known.cost();
+  bytes -= before.cost();
+  if (known.cost() > limit) {
+    erase(known);
+  } else {
+    make_room(limit);
+  }
+  return before;
+}
+
 // Moves back what the gap would hide.
-std::shared_ptr<const segment> segment_cache::shard::erase(std::size_t gap) {
-  auto erased = std::exchange(places[gap].content, nullptr);
+segment_cache::place segment_cache::shard::erase(std::size_t gap) {
+  place erased = std::exchange(places[gap], {});
   const std::size_t mask = places.size() - 1;
   for (std::size_t at = (gap + 1) & mask; places[at].content; at = (at + 1) & mask) {
     if (((at - home(places[at].number)) & mask) < ((at - gap) & mask)) continue;
@@ -85,7 +121,7 @@ std::shared_ptr<const segment> segment_cache::shard::erase(std::size_t gap) {
     gap = at;
   }
   --entries;
-  bytes -= cost(*erased);
+  bytes -= erased.cost();
   return erased;
 }
 

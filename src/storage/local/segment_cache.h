@@ -10,7 +10,7 @@
 #include <goods/dbs_storage.h>
 
 #include "storage/guarded_mutex.h"
-#include "storage/local/segment.h"
+#include "storage/local/segment_patch.h"
 
 namespace goods {
 
@@ -18,9 +18,10 @@ namespace goods {
 // the clock: an entry that was used since the hand last passed stays.
 //
 // An entry e that find() returns is the segment's state in every version v with e.version() <= v
-// that was published when find() was called: publish() replaces entries before it makes their
-// version known, and offer() refuses what may be older than that. Threads: any. One mutex for each
-// shard, held for a look-up; nothing is called under it.
+// that was published when find() was called: entries change by publish() before the version is made
+// known, and offer() refuses what may be older than that. What a commit changes is laid over an
+// entry when that is looked for the next time: whoever commits does not wait for it, and many never
+// are. Threads: any. One mutex for each shard, held for a look-up; nothing is called under it.
 class segment_cache {
  public:
   explicit segment_cache(std::size_t limit);  // bytes
@@ -30,9 +31,12 @@ class segment_cache {
   // What a reader has found in the snapshot of version `as_of`.
   void offer(const std::shared_ptr<const segment>& found, commit_version as_of);
 
-  // `now` is the segment's state from `version` on; null when it has none or is not to be kept.
-  // Called in version order.
-  void publish(segment_number number, std::shared_ptr<const segment> now,
+  bool contains(segment_number number);
+
+  // From `version` on, `now` is laid over the segment; null: there is none. `before`: what `now`
+  // has grown from, or null. Called in version order.
+  using patch = std::shared_ptr<const segment_patch>;
+  void publish(segment_number number, const patch& before, const patch& now,
                commit_version version) noexcept;
 
   std::size_t limit() const { return shard_limit_ * shards; }
@@ -44,6 +48,9 @@ class segment_cache {
     segment_number number = 0;
     bool used = false;
     std::shared_ptr<const segment> content;  // null: a free place
+    patch newer;                             // to be laid over it; null: nothing
+
+    std::size_t cost() const;  // bytes
   };
 
   // Open addressing with linear probing, at most half full: a look-up touches one place.
@@ -59,7 +66,13 @@ class segment_cache {
     place& place_of(segment_number number) REQUIRES(lock);  // where it is, or may be put
     // Keeps nothing when there is no memory for it.
     void insert(std::shared_ptr<const segment> content, std::size_t limit) noexcept REQUIRES(lock);
-    std::shared_ptr<const segment> erase(std::size_t at) REQUIRES(lock);
+    place erase(std::size_t at) REQUIRES(lock);
+    place erase(const place& known) REQUIRES(lock) {
+      return erase(static_cast<std::size_t>(&known - places.data()));
+    }
+    // Returns what is to be dropped after the mutex.
+    place replace(place& known, std::shared_ptr<const segment> content, patch newer,
+                  std::size_t limit) noexcept REQUIRES(lock);
     void make_room(std::size_t limit) REQUIRES(lock);
     bool grow() noexcept REQUIRES(lock);  // false, and nothing changed, when there is no memory
   };

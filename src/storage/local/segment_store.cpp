@@ -153,10 +153,10 @@ void segment_store::transaction::write_apart(object_number object, std::span<con
   }
 }
 
-void segment_store::transaction::remove_apart(object_number object) {
+void segment_store::transaction::remove_apart(object_number first, object_number last) {
   constexpr std::size_t last_piece = (std::size_t{1} << piece_bits) - 1;
-  store_.remove_pieces_.bind(0, piece_key(object, 0));
-  store_.remove_pieces_.bind(1, piece_key(object, last_piece));
+  store_.remove_pieces_.bind(0, piece_key(first, 0));
+  store_.remove_pieces_.bind(1, piece_key(last, last_piece));
   store_.remove_pieces_.run();
 }
 

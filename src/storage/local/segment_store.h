@@ -55,7 +55,7 @@ class segment_store {
     void write_segment(const segment_view& content);
     void remove_segment(segment_number number);
     void write_apart(object_number object, std::span<const std::byte> body, commit_version version);
-    void remove_apart(object_number object);
+    void remove_apart(object_number first, object_number last);
     void write_presence(std::uint32_t chunk, const presence_map::content& bits);
     void write_layout(class_number number, std::span<const std::byte> layout);
     void write_prepared(std::int64_t key, std::span<const std::byte> content);

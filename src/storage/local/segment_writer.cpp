@@ -1,9 +1,19 @@
 #include "storage/local/segment_writer.h"
 
 #include <algorithm>
+#include <bit>
 #include <map>
 
 namespace goods {
+namespace {
+
+bool is_apart_in(const segment_patch* patch, object_number number) {
+  if (patch == nullptr) return false;
+  const segment_view objects = patch->objects();
+  return objects.has(slot_of(number)) && objects.is_apart(slot_of(number));
+}
+
+}  // namespace
 
 void segment_writer::write(const commit_overlay::table& changes) {
   std::vector<const segment_patch*> patches;
@@ -17,32 +27,42 @@ void segment_writer::write(const commit_overlay::table& changes) {
   for (const auto& [number, state] : changes.apart)
     if (state.version != 0) apart.emplace_back(number, &state);
   std::ranges::sort(apart);
-  for (const auto& [number, state] : apart) write_apart(number, state->body.get(), state->version);
+  for (const auto& [number, state] : apart) {
+    // A later commit may have made it small, or removed it.
+    const bool stays = is_apart_in(changes.find(segment_of(number)).get(), number);
+    write_apart(number, stays ? state->body.get() : nullptr, state->version);
+  }
   finish(changes.version, changes.next_object);
 }
 
 void segment_writer::write(const segment_changes& changes) {
-  for (const auto& change : changes.changed)
-    if (change.now)
-      write_segment(*change.now);
-    else
-      write_patch(*change.patch);
+  for (const auto& change : changes.changed) write_patch(*change.patch);
   for (const auto& change : changes.apart)
     write_apart(change.number, change.body.get(), changes.version);
   finish(changes.version, changes.next_object);
 }
 
+// Pieces of what is not apart any more go; the bodies of what has become apart follow.
 void segment_writer::write_patch(const segment_patch& patch) {
+  const segment_number number = patch.number();
+  const bool existed = stored_.has(number);
   if (patch.is_whole()) {
-    if (patch.is_empty())
-      remove_segment(patch.number());
-    else
-      write_segment(patch.objects());
+    const segment_view now = patch.objects();
+    if (existed) into_.remove_apart(now.object(0), now.object(segment_slots - 1));
+    if (now.present() != 0)
+      write_segment(now);
+    else if (existed)
+      remove_segment(number);
     return;
   }
-  const auto below = into_.reader().read_segment(patch.number());
-  if (!below) throw_damaged_segment(into_.store_name(), patch.number(), "their row is missing");
-  write_segment(*patched(patch, below.get()));
+  const auto below = into_.reader().read_segment(number);
+  if (!below) throw_damaged_segment(into_.store_name(), number, "their row is missing");
+  const auto now = patched(patch, below.get());
+  for (std::uint64_t rest = below->apart() & ~now->apart(); rest != 0; rest &= rest - 1) {
+    const object_number object = now->object(static_cast<unsigned>(std::countr_zero(rest)));
+    into_.remove_apart(object, object);
+  }
+  write_segment(*now);
 }
 
 void segment_writer::write_segment(const segment_view& now) {
@@ -53,7 +73,6 @@ void segment_writer::write_segment(const segment_view& now) {
 }
 
 void segment_writer::remove_segment(segment_number number) {
-  if (!stored_.has(number)) return;
   into_.remove_segment(number);
   removed_.push_back(number);
   --into_.state().segments;
@@ -62,7 +81,7 @@ void segment_writer::remove_segment(segment_number number) {
 // Pieces that are there already may be more than the new ones.
 void segment_writer::write_apart(object_number number, const byte_block* body,
                                  commit_version version) {
-  into_.remove_apart(number);
+  into_.remove_apart(number, number);
   if (body != nullptr) into_.write_apart(number, body->view(), version);
 }
 
