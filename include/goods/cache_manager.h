@@ -8,6 +8,7 @@
 #include <memory>
 #include <mutex>
 #include <optional>
+#include <span>
 #include <string>
 #include <type_traits>
 #include <utility>
@@ -136,6 +137,14 @@ class GOODS_API cache_manager {
   // long as the object's counter stays what it was in the read that it was taken from.
   static std::uint16_t change_counter_of(object_id id);
   std::uint32_t changes(std::uint16_t counter) const;
+
+  // The same for what was read in a transaction and depends on several objects (passed_objects).
+  // In the transaction that has read it: the sum of their counters, or nothing when it depends on
+  // what the transaction has changed itself.
+  std::optional<std::uint32_t> changes_of_locked(std::span<const object_id> objects) const;
+  // In any later transaction: locks the objects as reading them again would, and tells whether they
+  // are as they were when that sum was taken. Where that can be told before, nothing is locked.
+  bool lock_unchanged(std::span<const object_id> objects, std::uint32_t sum);
 
   // Grows with every published change after which a path may lead to another object than before.
   std::uint64_t relink_count() const;

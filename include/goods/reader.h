@@ -1,6 +1,8 @@
 // Looking at many objects at once.
 #pragma once
 
+#include <array>
+#include <cstddef>
 #include <cstdint>
 #include <memory>
 #include <span>
@@ -15,6 +17,24 @@ namespace goods {
 class cache_manager;
 class guest_list;
 class transaction;
+
+// The stored objects that were looked at, one after the other: what the result depends on.
+class passed_objects {
+ public:
+  static constexpr std::size_t most = 32;
+
+  // Empty when there were more.
+  std::span<const object_id> all() const { return {ids_.data(), count_ <= most ? count_ : 0}; }
+
+  void add(object_id id) {
+    if (count_ < most) ids_[count_] = id;
+    if (count_ <= most) ++count_;
+  }
+
+ private:
+  std::array<object_id, most> ids_;
+  std::size_t count_ = 0;
+};
 
 // What a function that reads several objects works through; see cache_manager::read().
 //
@@ -53,6 +73,7 @@ class GOODS_API reader {
  private:
   friend class cache_manager;
   friend class guest_scope;
+  friend class passing_scope;
   friend class read_round;
   const object* look_persistent(ref_word word);
   const object* look_in_passing(ref_word word);
@@ -60,6 +81,7 @@ class GOODS_API reader {
 
   cache_manager* session_ = nullptr;    // null: only transient objects can be looked at
   transaction* transaction_ = nullptr;  // the calling thread's, while one is open
+  passed_objects* passed_ = nullptr;    // see passing_scope
   std::unique_ptr<guest_list> guests_;  // null until there is one
   bool invites_guests_ = false;         // see guest_scope
   bool keeps_second_looks_ = false;
@@ -94,6 +116,22 @@ class GOODS_API guest_scope {
   reader& in_;
   const bool invited_before_;
   const bool kept_before_;
+};
+
+// While it lives, `passed` receives what the reader looks at in a transaction (outside one
+// nothing).
+class GOODS_API passing_scope {
+ public:
+  passing_scope(reader& in, passed_objects& passed) : in_(in), before_(in.passed_) {
+    in.passed_ = &passed;
+  }
+  ~passing_scope() { in_.passed_ = before_; }
+  passing_scope(const passing_scope&) = delete;
+  passing_scope& operator=(const passing_scope&) = delete;
+
+ private:
+  reader& in_;
+  passed_objects* const before_;
 };
 
 }  // namespace goods

@@ -165,6 +165,19 @@ std::uint16_t cache_manager::change_counter_of(object_id id) {
 std::uint32_t cache_manager::changes(std::uint16_t counter) const {
   return cache_->changes().at(counter);
 }
+
+std::optional<std::uint32_t> cache_manager::changes_of_locked(
+    std::span<const object_id> objects) const {
+  const thread_attachment* const mine = attachment();
+  if (mine == nullptr || mine->open() == nullptr || mine->open()->has_written(objects)) return {};
+  return cache_->changes().sum_of(objects);
+}
+
+bool cache_manager::lock_unchanged(std::span<const object_id> objects, std::uint32_t sum) {
+  thread_attachment* const mine = attachment();
+  return mine != nullptr && mine->open() != nullptr && mine->open()->lock_unchanged(objects, sum);
+}
+
 std::uint64_t cache_manager::relink_count() const { return cache_->relinks(); }
 
 object_ref cache_manager::find(object_id id) { return cache_->counted(id); }

@@ -5,6 +5,7 @@
 #include <cstddef>
 #include <cstdint>
 #include <memory>
+#include <span>
 
 #include <goods/object_ref.h>
 
@@ -26,6 +27,12 @@ class change_counters {
 
   std::uint32_t at(std::uint16_t place) const {
     return counters_[place].load(std::memory_order_acquire);
+  }
+  // Stays what it was exactly as long as all of them do.
+  std::uint32_t sum_of(std::span<const object_id> objects) const {
+    std::uint32_t sum = 0;
+    for (const object_id id : objects) sum += at(place_of(id));
+    return sum;
   }
   void note_change(object_id id) {
     counters_[place_of(id)].fetch_add(1, std::memory_order_release);

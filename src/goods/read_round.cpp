@@ -74,7 +74,10 @@ const object* reader::look_persistent(ref_word word) {
     throw_error(error_code::thread_not_attached,
                 "The calling thread is not attached to a session, but uses a stored object.");
   }
-  if (transaction_ != nullptr) return transaction_->look(word);
+  if (transaction_ != nullptr) {
+    if (passed_ != nullptr) passed_->add(word.is_handle() ? word.handle()->id() : word.id());
+    return transaction_->look(word);
+  }
   if (invites_guests_) {
     if (const object* body = look_in_passing(word)) return body;
   }

@@ -125,6 +125,22 @@ const object* transaction::look(ref_word word) {
   return body;
 }
 
+bool transaction::has_written(std::span<const object_id> objects) const {
+  return !copies_.empty() && std::ranges::any_of(objects, [&](object_id id) {
+    return owner_.holds(session_.db().storage(storage_of(id)).dbs().locks(), number_of(id),
+                        lock_mode::exclusive);
+  });
+}
+
+// What is looked at before the locks only spares those that a stale sum would take.
+bool transaction::lock_unchanged(std::span<const object_id> objects, std::uint32_t sum) {
+  verify_not_doomed();
+  const change_counters& changes = session_.cache().changes();
+  if (changes.sum_of(objects) != sum || has_written(objects)) return false;
+  for (const object_id id : objects) lock(id, lock_mode::shared);
+  return changes.sum_of(objects) == sum;
+}
+
 object* transaction::write(object_handle& handle) {
   if (object* own = own_copy(handle)) {
     if (!touched_.empty()) touched_.erase(own);

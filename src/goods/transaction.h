@@ -4,6 +4,7 @@
 #include <cstdint>
 #include <memory>
 #include <optional>
+#include <span>
 #include <string>
 #include <unordered_map>
 #include <unordered_set>
@@ -76,6 +77,11 @@ class transaction {
   const object* read(object_handle& handle);
   // The same by reference, not pinned: it stays until the thread's outermost read is over.
   const object* look(ref_word word);
+
+  // See cache_manager. Throws what look() would.
+  bool lock_unchanged(std::span<const object_id> objects, std::uint32_t sum);
+  // Whether it has private copies of some of these.
+  bool has_written(std::span<const object_id> objects) const;
 
   // The private copy, locked exclusively and made at the first call. As read(), but not pinned.
   object* write(object_handle& handle);

@@ -136,9 +136,9 @@ void TarnCacheManager::setFreshRoot() {
 bool TarnCacheManager::readValue(std::string_view path, TarnData& out) {
   verifyAttached();
   if (!hasRoot_.load(std::memory_order_acquire)) makeRoot();
-  // In a transaction a read must lock what it passes, index pages included: no way around them.
+  if (remembered_ != nullptr && in_transaction()) return readLocking(path, out);
   // Within another read only that one knows whether all belongs to one state.
-  if (remembered_ == nullptr || in_transaction() || is_reading()) {
+  if (remembered_ == nullptr || is_reading()) {
     return readRepeatably(out, [&](goods::reader& reader) {
       return ReadValue(reader, LookAtNode(reader, kRootWord), path, out);
     });
@@ -153,6 +153,21 @@ bool TarnCacheManager::readValue(std::string_view path, TarnData& out) {
   });
   // Only now is it certain that what was read belongs to one state.
   if (exists) search.remember(out);
+  return exists;
+}
+
+// In a transaction a read locks what it passes, index pages included, whether it walks there or is
+// spared that.
+bool TarnCacheManager::readLocking(std::string_view path, TarnData& out) {
+  RememberedValues::Search search(*remembered_, path);
+  if (search.readLocking(out)) return true;
+  goods::passed_objects passed;
+  const bool exists = read([&](goods::reader& reader) {
+    search.beginRound();
+    const goods::passing_scope notes(reader, passed);
+    return ReadAndLocate(reader, path, out, search);
+  });
+  if (exists) search.rememberLocking(out, passed);
   return exists;
 }
 

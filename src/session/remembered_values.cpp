@@ -51,6 +51,14 @@ bool RememberedValues::Search::read(TarnData& out) {
   });
 }
 
+bool RememberedValues::Search::readLocking(TarnData& out) {
+  key_ = in_.shortcuts_.withRelinks(path_, in_.session_.relink_count());
+  const ValueRing::Position at = in_.shortcuts_.find(key_);
+  return at != 0 && in_.values_.readLocking(at, out, [&](const ValueRing::Locks& locks) {
+    return in_.session_.lock_unchanged(locks.objects, locks.changes);
+  });
+}
+
 goods::object_id RememberedValues::Search::beginRound() {
   found_ = {};
   const PathShortcuts::Key now = in_.shortcuts_.withRelinks(path_, in_.session_.relink_count());
@@ -73,7 +81,17 @@ void RememberedValues::Search::remember(const TarnData& value) {
   if (found_.node == 0) return;
   const bool keeps = canKeep_ && CanKeep(value);
   if (!keeps && known_.node == found_.node) return;
-  const ValueRing::Position at = in_.values_.add(found_, keeps ? &value : nullptr);
+  keep(in_.values_.add(found_, keeps ? &value : nullptr));
+}
+
+void RememberedValues::Search::rememberLocking(const TarnData& value,
+                                               const goods::passed_objects& passed) {
+  if (found_.node == 0 || passed.all().empty() || !canKeep_ || !CanKeep(value)) return;
+  const auto changes = in_.session_.changes_of_locked(passed.all());
+  if (changes) keep(in_.values_.add(found_, &value, {passed.all(), *changes}));
+}
+
+void RememberedValues::Search::keep(ValueRing::Position at) {
   if (at == 0) return;
   in_.shortcuts_.remember(key_, at);
   in_.chargeMemory();

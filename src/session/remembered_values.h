@@ -36,6 +36,9 @@ class RememberedValues {
     // The value, when it is known. Call it when the session has caught up.
     bool read(TarnData& out);
 
+    // In a transaction: locks what the value depends on, then the same.
+    bool readLocking(TarnData& out);
+
     // Within each round of a read elsewhere, first: the path's node, or 0 when it must be looked
     // for.
     goods::object_id beginRound();
@@ -43,10 +46,14 @@ class RememberedValues {
     // by the path as long as nothing is relinked.
     void found(goods::object_id id, const TarnObject& node);
 
-    // When the read has seen one state throughout: keeps what was found.
+    // When the read has seen one state throughout: keeps what was found. `passed`: in a
+    // transaction, what the read has looked at.
     void remember(const TarnData& value);
+    void rememberLocking(const TarnData& value, const goods::passed_objects& passed);
 
    private:
+    void keep(ValueRing::Position at);
+
     RememberedValues& in_;
     PathShortcuts::Key path_;
     PathShortcuts::Key key_;   // for the number of relinks that was looked for

@@ -9,9 +9,11 @@ namespace tarns {
 
 namespace {
 
-// The first word: the node's identifier in 48 bits, the value's type, the text's length.
+// The first word: the node's identifier in 48 bits, the value's type, whether there are locks, the
+// text's length.
 constexpr unsigned kTypeShift = 48;
-constexpr unsigned kLengthShift = 52;
+constexpr unsigned kLocksShift = 52;
+constexpr unsigned kLengthShift = 53;
 constexpr std::uint64_t kNodeMask = (std::uint64_t{1} << kTypeShift) - 1;
 constexpr std::uint64_t kTypeMask = 15;
 static_assert(ValueRing::kLongestText < std::size_t{1} << (64 - kLengthShift));
@@ -77,12 +79,22 @@ bool ValueRing::fetch(Position at, Record& record) const {
   const std::size_t valueWords = record.type == TarnData::String ? WordsFor(record.length)
                                  : record.type == TarnData::None ? 0
                                                                  : 1;
-  // Of a record that is being overwritten the length may be anything.
-  const std::size_t count =
-      std::min({valueWords, record.content.size(), words_.size() - begin - kHeadWords});
-  for (std::size_t i = 0; i < count; ++i) {
-    record.content[i] = words_[begin + kHeadWords + i].load(std::memory_order_acquire);
+  // Of a record that is being overwritten, what is a number of words may be anything.
+  std::size_t next = begin + kHeadWords;
+  const auto load = [&](auto& into, std::size_t count) {
+    count = std::min({count, into.size(), words_.size() - std::min(next, words_.size())});
+    for (std::size_t i = 0; i < count; ++i) {
+      into[i] = words_[next++].load(std::memory_order_acquire);
+    }
+    return count;
+  };
+  record.locks = 0;
+  if ((head >> kLocksShift & 1) != 0) {
+    const std::uint64_t locks = words_[next++].load(std::memory_order_acquire);
+    record.lockChanges = static_cast<std::uint32_t>(locks >> 32);
+    record.locks = load(record.objects, static_cast<std::uint32_t>(locks));
   }
+  load(record.content, valueWords);
   return end_.load(std::memory_order_relaxed) <= at + words_.size();
 }
 
@@ -94,19 +106,27 @@ void ValueRing::Record::copyTo(TarnData& out) const {
   }
 }
 
-ValueRing::Position ValueRing::add(const Origin& origin, const TarnData* value) {
+ValueRing::Position ValueRing::add(const Origin& origin, const TarnData* value,
+                                   const Locks& locks) {
   const bool isText = value != nullptr && value->isString();
   const std::string_view text = isText ? value->getText() : std::string_view();
   if (text.size() > kLongestText) return add(origin, nullptr);
+  const bool hasLocks = !locks.objects.empty() && locks.objects.size() <= kMostLocks;
   std::array<std::uint64_t, kMostWords> words;
   std::size_t count = kHeadWords;
   const auto type = static_cast<std::uint64_t>(value != nullptr ? value->getType() : 0);
-  words[0] = origin.node | type << kTypeShift | std::uint64_t{text.size()} << kLengthShift;
+  words[0] = origin.node | type << kTypeShift | std::uint64_t{hasLocks} << kLocksShift |
+             std::uint64_t{text.size()} << kLengthShift;
   words[1] = origin.nodeCounter | std::uint64_t{origin.textCounter} << 16 |
              std::uint64_t{origin.changes} << 32;
+  if (hasLocks) {
+    words[count++] = locks.objects.size() | std::uint64_t{locks.changes} << 32;
+    for (const goods::object_id id : locks.objects) words[count++] = id;
+  }
   if (isText) {
+    char* const into = reinterpret_cast<char*>(&words[count]);
     for (std::size_t left = WordsFor(text.size()); left > 0; --left) words[count++] = 0;
-    text.copy(reinterpret_cast<char*>(&words[kHeadWords]), text.size());
+    text.copy(into, text.size());
   } else if (value != nullptr) {
     words[count++] = NumberOf(*value);
   }

@@ -2,6 +2,7 @@
 #pragma once
 
 #include <goods/object_ref.h>
+#include <goods/reader.h>
 #include <tarns/core/TarnData.h>
 
 #include <array>
@@ -34,6 +35,13 @@ class ValueRing {
     std::uint32_t changes = 0;      // of both counters together
   };
 
+  // What a transaction has to lock before it may use a value, and the sum of these objects' changes
+  // (cache_manager::changes_of_locked()).
+  struct Locks {
+    std::span<const goods::object_id> objects;  // at most goods::passed_objects::most
+    std::uint32_t changes;
+  };
+
   // Values that take more are not copied, only where they are.
   static constexpr std::size_t kLongestText = 1000;  // bytes
 
@@ -51,22 +59,40 @@ class ValueRing {
     return true;
   }
 
+  // The same in a transaction: whether there are a value and locks and `holds(locks)`.
+  template <class Holds>
+  bool readLocking(Position at, TarnData& out, const Holds& holds) const {
+    Record record;
+    if (!fetch(at, record) || record.locks == 0 || record.type == TarnData::None) return false;
+    if (!holds(Locks{std::span(record.objects).first(record.locks), record.lockChanges})) {
+      return false;
+    }
+    record.copyTo(out);
+    return true;
+  }
+
   // Adds a copy; `value` null for a node whose value is not to be kept. 0 when another thread is
   // adding one.
-  Position add(const Origin& origin, const TarnData* value);
+  Position add(const Origin& origin, const TarnData* value, const Locks& locks = {});
 
   // Bytes of memory in use: what was filled once stays.
   std::size_t memory() const;
 
  private:
-  // A record: node and what follows, the counters, then a number in a word or the bytes of a text.
+  // A record: node and what follows, the counters; if there are locks, their number with the sum,
+  // and the objects; then a number in a word or the bytes of a text.
   static constexpr std::size_t kHeadWords = 2;
-  static constexpr std::size_t kMostWords = kHeadWords + (kLongestText + 7) / 8;
+  static constexpr std::size_t kMostLocks = goods::passed_objects::most;
+  static constexpr std::size_t kMostContent = (kLongestText + 7) / 8;
+  static constexpr std::size_t kMostWords = kHeadWords + 1 + kMostLocks + kMostContent;
   struct Record {
     Origin origin;
     TarnData::Type type;
     std::size_t length;  // of a text
-    std::array<std::uint64_t, kMostWords - kHeadWords> content;
+    std::size_t locks;   // how many objects
+    std::uint32_t lockChanges;
+    std::array<goods::object_id, kMostLocks> objects;
+    std::array<std::uint64_t, kMostContent> content;
     void copyTo(TarnData& out) const;
   };
 

@@ -122,6 +122,35 @@ TEST(ValueRingTest, GivesBackEveryTypeBitForBit) {
   }
 }
 
+TEST(ValueRingTest, GivesBackWhatATransactionHasToLock) {
+  ValueRing ring(1 << 20);
+  const TarnData value("a text of some words");
+  std::vector<goods::object_id> ids;
+  for (std::uint64_t i = 0; i <= goods::passed_objects::most; ++i) {
+    SCOPED_TRACE(i);
+    const ValueRing::Position at = ring.add({.node = 9}, &value, {ids, 0xFFFF'FFFF});
+    TarnData out, outside;
+    ValueRing::Origin origin;
+    std::vector<goods::object_id> locks;
+    const auto isKept = [&](const ValueRing::Locks& found) {
+      EXPECT_EQ(found.changes, 0xFFFF'FFFFU);
+      locks.assign(found.objects.begin(), found.objects.end());
+      return true;
+    };
+    EXPECT_EQ(ring.readLocking(at, out, isKept), !ids.empty());
+    EXPECT_EQ(locks, ids);
+    EXPECT_STREQ(out.getString(), ids.empty() ? "" : value.getString());
+    EXPECT_FALSE(ring.readLocking(at, outside, [](const auto&) { return false; }));
+    EXPECT_TRUE(ring.read(at, origin, outside, kAnything));
+    EXPECT_EQ(outside.compare(value), 0);
+    ids.push_back(0xFFFF'0000'0000 + i);
+  }
+  TarnData out;
+  EXPECT_FALSE(ring.readLocking(ring.add({.node = 9}, &value, {ids, 1}), out, [](const auto&) {
+    return true;
+  })) << "too many";
+}
+
 TEST(ValueRingTest, LeavesOutWhatIsTooLongOrHoldsNoLonger) {
   ValueRing ring(1 << 20);
   const TarnData longer(std::string(ValueRing::kLongestText + 1, 'x')), kept(5);

@@ -105,6 +105,7 @@ class TARNS_API TarnCacheManager : public goods::cache_manager {
  private:
   void makeRoot();
   void setFreshRoot();
+  bool readLocking(std::string_view path, TarnData& out);
   // Runs a read that sets `out`, which is as it came at the beginning of every round.
   template <class Work>
   bool readRepeatably(TarnData& out, const Work& work);
