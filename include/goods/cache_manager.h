@@ -141,10 +141,10 @@ class GOODS_API cache_manager {
   // The same for what was read in a transaction and depends on several objects (passed_objects).
   // In the transaction that has read it: the sum of their counters, or nothing when it depends on
   // what the transaction has changed itself.
-  std::optional<std::uint32_t> changes_of_locked(std::span<const object_id> objects) const;
+  std::optional<std::uint32_t> changes_of_locked(std::span<const stored_neighbours> objects) const;
   // In any later transaction: locks the objects as reading them again would, and tells whether they
   // are as they were when that sum was taken. Where that can be told before, nothing is locked.
-  bool lock_unchanged(std::span<const object_id> objects, std::uint32_t sum);
+  bool lock_unchanged(std::span<const stored_neighbours> objects, std::uint32_t sum);
 
   // Grows with every published change after which a path may lead to another object than before.
   std::uint64_t relink_count() const;

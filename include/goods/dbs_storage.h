@@ -13,6 +13,7 @@
 // directory or address and, where one is concerned, the object number.
 #pragma once
 
+#include <bit>
 #include <chrono>
 #include <cstddef>
 #include <cstdint>
@@ -132,6 +133,18 @@ class notice_subscription {
 
 enum class lock_mode : std::uint8_t { shared, exclusive };
 
+// Some of 64 neighbours: the object of number 64 * group + i for each bit i of `members`.
+struct neighbours {
+  static constexpr object_number most = 64;
+  static constexpr object_number group_of(object_number number) { return number / most; }
+  static constexpr std::uint64_t member_of(object_number number) {
+    return std::uint64_t{1} << (number % most);
+  }
+
+  object_number group = 0;
+  std::uint64_t members = 0;
+};
+
 // A transaction as the lock tables see it. One owner may hold locks in several storages; waiting
 // owners of all storages of the process form one graph, so that a cycle through two storages is
 // found as well.
@@ -150,6 +163,17 @@ class lock_table {
   // up to it may be stale.
   virtual commit_version lock(lock_owner& owner, object_number number, lock_mode mode,
                               std::chrono::milliseconds limit) = 0;
+
+  // lock() of each of them, shared and in ascending order; may cost little more than one.
+  virtual commit_version lock_shared(lock_owner& owner, const neighbours& objects,
+                                     std::chrono::milliseconds limit) {
+    commit_version newest = 0;
+    for (std::uint64_t left = objects.members; left != 0; left &= left - 1) {
+      const auto i = static_cast<object_number>(std::countr_zero(left));
+      newest = lock(owner, objects.group * neighbours::most + i, lock_mode::shared, limit);
+    }
+    return newest;
+  }
 
   // Releases all that `owner` holds here.
   virtual void unlock_all(lock_owner& owner) noexcept = 0;

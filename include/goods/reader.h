@@ -1,6 +1,7 @@
 // Looking at many objects at once.
 #pragma once
 
+#include <algorithm>
 #include <array>
 #include <cstddef>
 #include <cstdint>
@@ -18,21 +19,41 @@ class cache_manager;
 class guest_list;
 class transaction;
 
-// The stored objects that were looked at, one after the other: what the result depends on.
+// Neighbours in one storage.
+struct stored_neighbours {
+  storage_number storage = 0;
+  neighbours objects;
+  object_id first() const { return make_object_id(storage, objects.group * neighbours::most); }
+};
+
+// The stored objects that were looked at: what the result depends on. Neighbours are kept together,
+// in the order in which their groups were met.
 class passed_objects {
  public:
-  static constexpr std::size_t most = 32;
+  static constexpr std::size_t most = 20;  // groups
 
   // Empty when there were more.
-  std::span<const object_id> all() const { return {ids_.data(), count_ <= most ? count_ : 0}; }
+  std::span<const stored_neighbours> all() const {
+    return {groups_.data(), count_ <= most ? count_ : 0};
+  }
 
   void add(object_id id) {
-    if (count_ < most) ids_[count_] = id;
-    if (count_ <= most) ++count_;
+    const object_number group = neighbours::group_of(number_of(id));
+    for (std::size_t i = std::min(count_, most); i-- > 0;) {
+      stored_neighbours& known = groups_[i];
+      if (known.objects.group != group || known.storage != storage_of(id)) continue;
+      known.objects.members |= neighbours::member_of(number_of(id));
+      return;
+    }
+    if (count_ > most) return;
+    if (count_ < most) {
+      groups_[count_] = {storage_of(id), {group, neighbours::member_of(number_of(id))}};
+    }
+    ++count_;
   }
 
  private:
-  std::array<object_id, most> ids_;
+  std::array<stored_neighbours, most> groups_;
   std::size_t count_ = 0;
 };
 

@@ -167,13 +167,13 @@ std::uint32_t cache_manager::changes(std::uint16_t counter) const {
 }
 
 std::optional<std::uint32_t> cache_manager::changes_of_locked(
-    std::span<const object_id> objects) const {
+    std::span<const stored_neighbours> objects) const {
   const thread_attachment* const mine = attachment();
   if (mine == nullptr || mine->open() == nullptr || mine->open()->has_written(objects)) return {};
   return cache_->changes().sum_of(objects);
 }
 
-bool cache_manager::lock_unchanged(std::span<const object_id> objects, std::uint32_t sum) {
+bool cache_manager::lock_unchanged(std::span<const stored_neighbours> objects, std::uint32_t sum) {
   thread_attachment* const mine = attachment();
   return mine != nullptr && mine->open() != nullptr && mine->open()->lock_unchanged(objects, sum);
 }

@@ -8,6 +8,7 @@
 #include <span>
 
 #include <goods/object_ref.h>
+#include <goods/reader.h>
 
 namespace goods {
 
@@ -20,18 +21,18 @@ namespace goods {
 // Threads: any.
 class change_counters {
  public:
+  // The same for neighbours.
   static std::uint16_t place_of(object_id id) {
-    constexpr unsigned neighbours = 6;  // bits
-    return static_cast<std::uint16_t>(((id >> neighbours) * 0x9E3779B97F4A7C15u) >> 48);
+    return static_cast<std::uint16_t>(((id / neighbours::most) * 0x9E3779B97F4A7C15u) >> 48);
   }
 
   std::uint32_t at(std::uint16_t place) const {
     return counters_[place].load(std::memory_order_acquire);
   }
   // Stays what it was exactly as long as all of them do.
-  std::uint32_t sum_of(std::span<const object_id> objects) const {
+  std::uint32_t sum_of(std::span<const stored_neighbours> objects) const {
     std::uint32_t sum = 0;
-    for (const object_id id : objects) sum += at(place_of(id));
+    for (const stored_neighbours& some : objects) sum += at(place_of(some.first()));
     return sum;
   }
   void note_change(object_id id) {

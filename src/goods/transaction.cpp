@@ -73,12 +73,17 @@ void transaction::lock(object_id id, lock_mode mode) {
         storage.dbs().locks().lock(owner_, number_of(id), mode, session_.lock_timeout());
     session_.cache().apply_notices(storage_of(id), newest);
   } catch (const error_info& error) {
-    doom(error.code(), message_of(error));
-    if (error.code() != error_code::deadlock && error.code() != error_code::lock_timeout) throw;
-    // Others go on meanwhile: the locks are free.
-    doom_->reason = describe_conflict(session_, error.code(), id, mode, owner_.conflict());
-    throw_error(doom_->code, doom_->reason);
+    refused(error, id, mode);
   }
+}
+
+// In a handler.
+void transaction::refused(const error_info& error, object_id id, lock_mode mode) {
+  doom(error.code(), message_of(error));
+  if (error.code() != error_code::deadlock && error.code() != error_code::lock_timeout) throw;
+  // Others go on meanwhile: the locks are free.
+  doom_->reason = describe_conflict(session_, error.code(), id, mode, owner_.conflict());
+  throw_error(doom_->code, doom_->reason);
 }
 
 void transaction::doom(error_code code, const char* reason) noexcept {
@@ -125,20 +130,41 @@ const object* transaction::look(ref_word word) {
   return body;
 }
 
-bool transaction::has_written(std::span<const object_id> objects) const {
-  return !copies_.empty() && std::ranges::any_of(objects, [&](object_id id) {
-    return owner_.holds(session_.db().storage(storage_of(id)).dbs().locks(), number_of(id),
-                        lock_mode::exclusive);
+bool transaction::has_written(std::span<const stored_neighbours> objects) const {
+  return !copies_.empty() && std::ranges::any_of(objects, [&](const stored_neighbours& some) {
+    return owner_.holds_exclusively(session_.db().storage(some.storage).dbs().locks(),
+                                    some.objects);
   });
 }
 
 // What is looked at before the locks only spares those that a stale sum would take.
-bool transaction::lock_unchanged(std::span<const object_id> objects, std::uint32_t sum) {
+bool transaction::lock_unchanged(std::span<const stored_neighbours> objects, std::uint32_t sum) {
   verify_not_doomed();
   const change_counters& changes = session_.cache().changes();
   if (changes.sum_of(objects) != sum || has_written(objects)) return false;
-  for (const object_id id : objects) lock(id, lock_mode::shared);
+  lock_shared(objects);
   return changes.sum_of(objects) == sum;
+}
+
+void transaction::lock_shared(std::span<const stored_neighbours> objects) {
+  const auto limit = session_.lock_timeout();
+  for (std::size_t next = 0; next < objects.size();) {
+    const storage_number storage = objects[next].storage;
+    lock_table& locks = session_.db().storage(storage).dbs().locks();
+    commit_version newest = 0;
+    for (; next < objects.size() && objects[next].storage == storage; ++next) {
+      try {
+        newest = locks.lock_shared(owner_, objects[next].objects, limit);
+      } catch (const error_info& error) {
+        const auto& waits = owner_.conflict().waits;  // the first one's is the thread's
+        refused(
+            error,
+            waits.empty() ? objects[next].first() : make_object_id(storage, waits.front().number),
+            lock_mode::shared);
+      }
+    }
+    session_.cache().apply_notices(storage, newest);
+  }
 }
 
 object* transaction::write(object_handle& handle) {
@@ -265,7 +291,7 @@ void transaction::finish() noexcept {
   read_.clear();
   changes_.reset();
   roots_.clear();
-  if (owner_.held() == 0) return;
+  if (owner_.holds_nothing()) return;
   for (std::uint32_t s = 0; s < session_.db().get_number_of_storages(); ++s) {
     session_.db().storage(static_cast<storage_number>(s)).dbs().locks().unlock_all(owner_);
   }

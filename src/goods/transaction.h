@@ -13,6 +13,7 @@
 
 #include <goods/errors.h>
 #include <goods/object_ref.h>
+#include <goods/reader.h>
 
 #include "storage/lock_owner.h"
 
@@ -79,9 +80,9 @@ class transaction {
   const object* look(ref_word word);
 
   // See cache_manager. Throws what look() would.
-  bool lock_unchanged(std::span<const object_id> objects, std::uint32_t sum);
+  bool lock_unchanged(std::span<const stored_neighbours> objects, std::uint32_t sum);
   // Whether it has private copies of some of these.
-  bool has_written(std::span<const object_id> objects) const;
+  bool has_written(std::span<const stored_neighbours> objects) const;
 
   // The private copy, locked exclusively and made at the first call. As read(), but not pinned.
   object* write(object_handle& handle);
@@ -114,6 +115,8 @@ class transaction {
  private:
   object* own_copy(object_handle& handle) const;
   void lock(object_id id, lock_mode mode);
+  void lock_shared(std::span<const stored_neighbours> objects);
+  [[noreturn]] void refused(const error_info& error, object_id id, lock_mode mode);
   void commit_copies();
   void end_replacing() noexcept;
   bool is_own(const object& body) const;

@@ -81,20 +81,23 @@ bool ValueRing::fetch(Position at, Record& record) const {
                                                                  : 1;
   // Of a record that is being overwritten, what is a number of words may be anything.
   std::size_t next = begin + kHeadWords;
-  const auto load = [&](auto& into, std::size_t count) {
-    count = std::min({count, into.size(), words_.size() - std::min(next, words_.size())});
-    for (std::size_t i = 0; i < count; ++i) {
-      into[i] = words_[next++].load(std::memory_order_acquire);
-    }
-    return count;
+  const auto load = [&] { return words_[next++].load(std::memory_order_acquire); };
+  const auto upTo = [&](std::size_t count, std::size_t most, std::size_t wordsEach) {
+    return std::min({count, most, (words_.size() - std::min(next, words_.size())) / wordsEach});
   };
   record.locks = 0;
   if ((head >> kLocksShift & 1) != 0) {
-    const std::uint64_t locks = words_[next++].load(std::memory_order_acquire);
+    const std::uint64_t locks = load();
     record.lockChanges = static_cast<std::uint32_t>(locks >> 32);
-    record.locks = load(record.objects, static_cast<std::uint32_t>(locks));
+    record.locks = upTo(static_cast<std::uint32_t>(locks), kMostLocks, 2);
+    for (std::size_t i = 0; i < record.locks; ++i) {
+      const std::uint64_t group = load();
+      record.objects[i] = {static_cast<goods::storage_number>(group >> 32),
+                           {static_cast<goods::object_number>(group), load()}};
+    }
   }
-  load(record.content, valueWords);
+  const std::size_t count = upTo(valueWords, kMostContent, 1);
+  for (std::size_t i = 0; i < count; ++i) record.content[i] = load();
   return end_.load(std::memory_order_relaxed) <= at + words_.size();
 }
 
@@ -121,7 +124,10 @@ ValueRing::Position ValueRing::add(const Origin& origin, const TarnData* value,
              std::uint64_t{origin.changes} << 32;
   if (hasLocks) {
     words[count++] = locks.objects.size() | std::uint64_t{locks.changes} << 32;
-    for (const goods::object_id id : locks.objects) words[count++] = id;
+    for (const goods::stored_neighbours& some : locks.objects) {
+      words[count++] = some.objects.group | std::uint64_t{some.storage} << 32;
+      words[count++] = some.objects.members;
+    }
   }
   if (isText) {
     char* const into = reinterpret_cast<char*>(&words[count]);

@@ -38,7 +38,7 @@ class ValueRing {
   // What a transaction has to lock before it may use a value, and the sum of these objects' changes
   // (cache_manager::changes_of_locked()).
   struct Locks {
-    std::span<const goods::object_id> objects;  // at most goods::passed_objects::most
+    std::span<const goods::stored_neighbours> objects;  // at most goods::passed_objects::most
     std::uint32_t changes;
   };
 
@@ -79,19 +79,19 @@ class ValueRing {
   std::size_t memory() const;
 
  private:
-  // A record: node and what follows, the counters; if there are locks, their number with the sum,
-  // and the objects; then a number in a word or the bytes of a text.
+  // A record: node and what follows, the counters; if there are locks, the number of groups with
+  // the sum, and each group in two words; then a number in a word or the bytes of a text.
   static constexpr std::size_t kHeadWords = 2;
   static constexpr std::size_t kMostLocks = goods::passed_objects::most;
   static constexpr std::size_t kMostContent = (kLongestText + 7) / 8;
-  static constexpr std::size_t kMostWords = kHeadWords + 1 + kMostLocks + kMostContent;
+  static constexpr std::size_t kMostWords = kHeadWords + 1 + 2 * kMostLocks + kMostContent;
   struct Record {
     Origin origin;
     TarnData::Type type;
     std::size_t length;  // of a text
-    std::size_t locks;   // how many objects
+    std::size_t locks;   // how many groups
     std::uint32_t lockChanges;
-    std::array<goods::object_id, kMostLocks> objects;
+    std::array<goods::stored_neighbours, kMostLocks> objects;
     std::array<std::uint64_t, kMostContent> content;
     void copyTo(TarnData& out) const;
   };

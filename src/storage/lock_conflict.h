@@ -13,9 +13,11 @@ namespace goods {
 // Whom an owner waits for, as of the last change to the object that it wants.
 struct lock_edge {
   lock_owner* to;
-  lock_mode mode;      // in which `to` holds the object, or wants it
-  bool is_held;        // otherwise `to` waits in front
-  std::int64_t since;  // when it was given the lock: coarse monotonic clock, nanoseconds
+  lock_mode mode;  // in which `to` holds the object, or wants it
+  bool is_held;    // otherwise `to` waits in front
+  // When it was given the lock, or before that one like it on a neighbour of the object: coarse
+  // monotonic clock, nanoseconds.
+  std::int64_t since;
 };
 
 // One owner that waits for another one, in words.

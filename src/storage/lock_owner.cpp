@@ -4,6 +4,7 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <bit>
 #include <utility>
 
 #include "storage/lock_owner_door.h"
@@ -14,11 +15,11 @@ namespace {
 
 constexpr std::size_t first_chunk = 16;      // grants
 constexpr std::size_t largest_chunk = 4096;  // grants
-// Above so many locks an owner gives its memory back when they are released.
-constexpr std::size_t usual_locks = 4096;
+// Above so many an owner gives its memory back when they are released.
+constexpr std::size_t usual_grants = 4096;
 
-std::size_t hash_of(object_number number) {
-  return static_cast<std::size_t>((number * std::uint64_t{0x9E3779B97F4A7C15}) >> 32);
+std::size_t hash_of(object_number group) {
+  return static_cast<std::size_t>((group * std::uint64_t{0x9E3779B97F4A7C15}) >> 32);
 }
 
 }  // namespace
@@ -31,23 +32,33 @@ lock_owner::~lock_owner() {
   while (held_ != nullptr) held_->table->unlock_all(*this);
 }
 
-lock_grant* lock_owner::find(const lock_table& table, object_number number) const {
-  for (std::size_t at = hash_of(number) & mask_; places_[at].grant != nullptr;
-       at = (at + 1) & mask_)
-    if (places_[at].number == number && places_[at].grant->table == &table)
-      return places_[at].grant;
+lock_grant* lock_owner::find(const lock_table& table, object_number group) const {
+  for (std::size_t at = hash_of(group) & mask_; places_[at].grant != nullptr; at = (at + 1) & mask_)
+    if (places_[at].group == group && places_[at].grant->table == &table) return places_[at].grant;
   return nullptr;
 }
 
 bool lock_owner::holds(const lock_table& table, object_number number, lock_mode mode) const {
-  const lock_grant* grant = find(table, number);
-  return grant != nullptr && grant->mode >= mode;
+  const lock_grant* grant = find(table, neighbours::group_of(number));
+  return grant != nullptr && grant->holds(neighbours::member_of(number), mode);
+}
+
+bool lock_owner::holds_exclusively(const lock_table& table, const neighbours& objects) const {
+  const lock_grant* grant = find(table, objects.group);
+  return grant != nullptr && (grant->exclusive & objects.members) != 0;
+}
+
+std::size_t lock_owner::held() const {
+  std::size_t count = 0;
+  for (const lock_grant* grant = held_; grant != nullptr; grant = grant->next_held)
+    count += static_cast<std::size_t>(std::popcount(grant->shared | grant->exclusive));
+  return count;
 }
 
 void lock_owner::put(lock_grant* grant) {
-  std::size_t at = hash_of(grant->number) & mask_;
+  std::size_t at = hash_of(grant->group) & mask_;
   while (places_[at].grant != nullptr) at = (at + 1) & mask_;
-  places_[at] = {grant, grant->number};
+  places_[at] = {grant, grant->group};
 }
 
 void lock_owner::insert(lock_grant* grant) {
@@ -87,7 +98,7 @@ void lock_owner::forget(const lock_table& table) {
   } else {
     // Every place that is taken belongs to a grant; a probe finds it as long as none is emptied.
     for (lock_grant* grant = held_; grant != nullptr; grant = grant->next_held) {
-      std::size_t at = hash_of(grant->number) & mask_;
+      std::size_t at = hash_of(grant->group) & mask_;
       while (places_[at].grant != grant) at = (at + 1) & mask_;
       grant->place = at;
     }
@@ -102,7 +113,7 @@ void lock_owner::forget(const lock_table& table) {
   }
   held_ = kept;
   for (lock_grant* grant = held_; grant != nullptr; grant = grant->next_held) put(grant);
-  if (held_count_ == 0 && before > usual_locks) give_back_memory();
+  if (held_count_ == 0 && before > usual_grants) give_back_memory();
 }
 
 void lock_owner::give_back_memory() {

@@ -40,8 +40,12 @@ class lock_owner {
   // threads write to.
   bool holds(const lock_table& table, object_number number, lock_mode mode) const;
 
-  // Locks held, in all storages.
-  std::size_t held() const { return held_count_; }
+  // Whether it holds one of several objects exclusively.
+  bool holds_exclusively(const lock_table& table, const neighbours& objects) const;
+
+  bool holds_nothing() const { return held_ == nullptr; }
+  // Locks held, in all storages; counts them.
+  std::size_t held() const;
 
   // Why the last lock() of the owner threw deadlock or lock_timeout.
   const lock_conflict& conflict() const { return conflict_; }
@@ -49,14 +53,14 @@ class lock_owner {
   class door;  // for lock tables
 
  private:
-  // Grants by number and table: open addressing, at most half full, a power of two in size.
+  // Grants by group and table: open addressing, at most half full, a power of two in size.
   struct place {
     lock_grant* grant = nullptr;
-    object_number number = 0;
+    object_number group = 0;
   };
   static constexpr std::size_t few = 32;
 
-  lock_grant* find(const lock_table& table, object_number number) const;
+  lock_grant* find(const lock_table& table, object_number group) const;
   void insert(lock_grant* grant);
   void put(lock_grant* grant);
   void grow();

@@ -9,8 +9,8 @@ class lock_owner::door {
  public:
   explicit door(lock_owner& owner) : owner_(owner) {}
 
-  lock_grant* find(const lock_table& table, object_number number) const {
-    return owner_.find(table, number);
+  lock_grant* find(const lock_table& table, object_number group) const {
+    return owner_.find(table, group);
   }
   // An unused grant; it and the place to record it in are there when this returns.
   lock_grant* new_grant() { return owner_.new_grant(); }

@@ -19,18 +19,30 @@ constexpr std::chrono::hours longest_wait{24};
 
 waits_for_graph& graph() { return storage_process::instance().waits(); }
 
-bool can_hold(const lock_node& node, const lock_owner& owner, lock_mode mode) {
-  for (const lock_grant* holder = node.holders; holder != nullptr; holder = holder->next_holder) {
-    if (holder->owner == &owner) continue;
-    if (mode == lock_mode::exclusive || holder->mode == lock_mode::exclusive) return false;
-  }
+bool can_hold(const lock_node& node, const lock_waiter& request) {
+  for (const lock_grant* holder = node.holders; holder != nullptr; holder = holder->next_holder)
+    if (holder->owner != request.owner && holder->excludes(request.members, request.mode))
+      return false;
   return true;
 }
 
-void hold(lock_node& node, lock_grant& grant, lock_mode mode, bool is_upgrade) {
-  grant.mode = mode;
-  grant.since = coarse_now();
-  if (is_upgrade) return;
+bool is_awaited(const lock_node& node, std::uint64_t members) {
+  for (const lock_waiter* waiter = node.queue; waiter != nullptr; waiter = waiter->next)
+    if ((waiter->members & members) != 0) return true;
+  return false;
+}
+
+void hold(lock_node& node, const lock_waiter& request) {
+  lock_grant& grant = *request.grant;
+  if (request.mode == lock_mode::exclusive) {
+    if (grant.exclusive == 0) grant.exclusive_since = coarse_now();
+    grant.exclusive |= request.members;
+    grant.shared &= ~request.members;
+  } else {
+    if (grant.shared == 0) grant.shared_since = coarse_now();
+    grant.shared |= request.members & ~grant.exclusive;
+  }
+  if (!request.is_first) return;
   grant.node = &node;
   grant.next_holder = std::exchange(node.holders, &grant);
 }
@@ -47,22 +59,27 @@ void dequeue(lock_node& node, lock_waiter& waiter) {
   *at = waiter.next;
 }
 
-// Lets in whoever comes first, as far as they go together.
-void grant_waiting(lock_node& node) {
-  while (node.queue != nullptr && can_hold(node, *node.queue->owner, node.queue->mode)) {
-    lock_waiter& first = *node.queue;
-    node.queue = first.next;
-    hold(node, *first.grant, first.mode, first.is_upgrade);
-    graph().clear(*first.owner);
-    first.granted = true;
-    lock_owner::door(*first.owner).wake().notify_one();
+// Lets in whoever comes first for each of these, as far as they go together.
+void grant_waiting(lock_node& node, std::uint64_t members) {
+  for (lock_waiter** at = &node.queue; *at != nullptr;) {
+    lock_waiter& next = **at;
+    if ((next.members & members) == 0 || !can_hold(node, next)) {
+      members &= ~next.members;  // who wants the same waits behind it
+      at = &next.next;
+      continue;
+    }
+    *at = next.next;
+    hold(node, next);
+    graph().clear(*next.owner);
+    next.granted = true;
+    lock_owner::door(*next.owner).wake().notify_one();
   }
   if (node.queue != nullptr) graph().refresh(node);
 }
 
 // Without waiting; those that wait learn how it is held.
-void hold_and_tell(lock_node& node, lock_waiter& waiter) {
-  hold(node, *waiter.grant, waiter.mode, waiter.is_upgrade);
+void hold_and_tell(lock_node& node, const lock_waiter& request) {
+  hold(node, request);
   if (node.queue != nullptr) graph().refresh(node);
 }
 
@@ -87,7 +104,7 @@ class queued {
     has_left_ = true;
     dequeue(node_, waiter_);
     graph().clear(*waiter_.owner);
-    grant_waiting(node_);
+    grant_waiting(node_, waiter_.members);
   }
 
  private:
@@ -117,28 +134,28 @@ std::string describe_in_the_way(const lock_wait& wait, std::string_view object) 
 
 // ---- the shard's nodes
 
-lock_node*& object_lock_table::shard::bucket_of(object_number number) {
-  return buckets[(number / shards) & (buckets.size() - 1)];
+lock_node*& object_lock_table::shard::bucket_of(object_number group) {
+  return buckets[(group / shards) & (buckets.size() - 1)];
 }
 
-lock_node* object_lock_table::shard::need(object_number number) {
+lock_node* object_lock_table::shard::need(object_number group) {
   if (used >= buckets.size()) grow();
-  lock_node*& bucket = bucket_of(number);
+  lock_node*& bucket = bucket_of(group);
   for (lock_node* node = bucket; node != nullptr; node = node->next)
-    if (node->number == number) return node;
+    if (node->group == group) return node;
   lock_node* node = unused;
   if (node != nullptr)
     unused = node->next;
   else
     node = &nodes.emplace_back();
-  node->number = number;
+  node->group = group;
   node->next = std::exchange(bucket, node);
   ++used;
   return node;
 }
 
 void object_lock_table::shard::drop(lock_node* node) {
-  lock_node** at = &bucket_of(node->number);
+  lock_node** at = &bucket_of(node->group);
   while (*at != node) at = &(*at)->next;
   *at = node->next;
   node->next = std::exchange(unused, node);
@@ -151,7 +168,7 @@ void object_lock_table::shard::grow() {
   for (lock_node* chain : larger) {
     while (chain != nullptr) {
       lock_node* node = std::exchange(chain, chain->next);
-      lock_node*& bucket = bucket_of(node->number);
+      lock_node*& bucket = bucket_of(node->group);
       node->next = std::exchange(bucket, node);
     }
   }
@@ -163,36 +180,59 @@ object_lock_table::object_lock_table(const dbs_storage& storage) : storage_(stor
 
 object_lock_table::~object_lock_table() = default;
 
-object_lock_table::shard& object_lock_table::shard_of(object_number number) {
-  return shards_[number % shards];
+object_lock_table::shard& object_lock_table::shard_of(object_number group) {
+  return shards_[group % shards];
 }
 
 commit_version object_lock_table::lock(lock_owner& owner, object_number number, lock_mode mode,
                                        std::chrono::milliseconds limit) {
-  lock_owner::door door(owner);
-  lock_grant* held = door.find(*this, number);
-  if (held != nullptr && held->mode >= mode) return storage_.newest_version();
+  const object_number group = neighbours::group_of(number);
+  const std::uint64_t member = neighbours::member_of(number);
+  lock_grant* held = lock_owner::door(owner).find(*this, group);
+  if (held != nullptr && held->holds(member, mode)) return storage_.newest_version();
+  lock_waiter wanted{&owner,          held,
+                     member,          mode,
+                     held == nullptr, held != nullptr && held->holds(member, lock_mode::shared)};
+  request(wanted, group, true, limit);
+  return storage_.newest_version();
+}
 
-  lock_waiter waiter{&owner, held != nullptr ? held : door.new_grant(), mode, held != nullptr};
-  if (!waiter.is_upgrade) {
-    waiter.grant->table = this;
-    waiter.grant->owner = &owner;
-    waiter.grant->number = number;
+commit_version object_lock_table::lock_shared(lock_owner& owner, const neighbours& objects,
+                                              std::chrono::milliseconds limit) {
+  lock_grant* held = lock_owner::door(owner).find(*this, objects.group);
+  const std::uint64_t known = held != nullptr ? held->shared | held->exclusive : 0;
+  const std::uint64_t missing = objects.members & ~known;
+  if (missing == 0) return storage_.newest_version();
+  lock_waiter wanted{&owner, held, missing, lock_mode::shared, held == nullptr, false};
+  if (request(wanted, objects.group, false, limit)) return storage_.newest_version();
+  return lock_table::lock_shared(owner, {objects.group, missing}, limit);
+}
+
+bool object_lock_table::request(lock_waiter& wanted, object_number group, bool waits,
+                                std::chrono::milliseconds limit) {
+  lock_owner::door door(*wanted.owner);
+  if (wanted.is_first) {
+    wanted.grant = door.new_grant();
+    *wanted.grant = {.table = this, .owner = wanted.owner, .group = group};
   }
-  shard& in = shard_of(number);
+  bool is_granted = true;
+  shard& in = shard_of(group);
   try {
     guarded_scope scope(in.lock);
-    lock_node& node = *in.need(number);
-    if (can_hold(node, owner, mode) && (waiter.is_upgrade || node.queue == nullptr))
-      hold_and_tell(node, waiter);
+    lock_node& node = *in.need(group);
+    if (can_hold(node, wanted) && (wanted.is_upgrade || !is_awaited(node, wanted.members)))
+      hold_and_tell(node, wanted);
+    else if (waits)
+      wait(in, node, wanted, limit);
     else
-      wait(in, node, waiter, limit);
+      is_granted = false;
   } catch (...) {
-    if (!waiter.is_upgrade) door.put_back(waiter.grant);
+    if (wanted.is_first) door.put_back(wanted.grant);
     throw;
   }
-  if (!waiter.is_upgrade) door.insert(waiter.grant);
-  return storage_.newest_version();
+  if (!wanted.is_first) return is_granted;
+  is_granted ? door.insert(wanted.grant) : door.put_back(wanted.grant);
+  return is_granted;
 }
 
 void object_lock_table::wait(shard& in, lock_node& node, lock_waiter& waiter,
@@ -203,19 +243,19 @@ void object_lock_table::wait(shard& in, lock_node& node, lock_waiter& waiter,
   conflict.waits.clear();
   queued in_queue(node, waiter);
   if (graph().closes_circle(node, waiter, conflict)) {
-    if (can_hold(node, owner, waiter.mode)) {
+    if (can_hold(node, waiter)) {
       // It would only wait behind others that wait.
       dequeue(node, waiter);
       graph().clear(owner);
-      hold(node, *waiter.grant, waiter.mode, waiter.is_upgrade);
+      hold(node, waiter);
       waiter.granted = true;
-      grant_waiting(node);
+      grant_waiting(node, waiter.members);
       return;
     }
     throw_error(
         error_code::deadlock,
         fmt::format("Object {} of the storage \"{}\" cannot be locked without a deadlock: {}.",
-                    waiter.grant->number, storage_.name(), who_is_in_the_way(conflict, 1)));
+                    waiter.number(), storage_.name(), who_is_in_the_way(conflict, 1)));
   }
   const auto deadline =
       std::chrono::steady_clock::now() + std::min<std::chrono::milliseconds>(limit, longest_wait);
@@ -228,7 +268,7 @@ void object_lock_table::wait(shard& in, lock_node& node, lock_waiter& waiter,
     if (node.holders == nullptr && node.queue == nullptr) in.drop(&node);
     throw_error(error_code::lock_timeout,
                 fmt::format("Object {} of the storage \"{}\" could not be locked within {} ms: {}.",
-                            waiter.grant->number, storage_.name(), limit.count(),
+                            waiter.number(), storage_.name(), limit.count(),
                             who_is_in_the_way(conflict, conflict.waits.size())));
   }
 }
@@ -241,23 +281,25 @@ void object_lock_table::unlock_all(lock_owner& owner) noexcept {
 }
 
 std::size_t object_lock_table::waiting(object_number number) {
-  shard& in = shard_of(number);
+  const object_number group = neighbours::group_of(number);
+  shard& in = shard_of(group);
   guarded_scope scope(in.lock);
   if (in.buckets.empty()) return 0;
   std::size_t count = 0;
-  for (const lock_node* node = in.bucket_of(number); node != nullptr; node = node->next) {
-    if (node->number != number) continue;
-    for (const lock_waiter* waiter = node->queue; waiter != nullptr; waiter = waiter->next) ++count;
+  for (const lock_node* node = in.bucket_of(group); node != nullptr; node = node->next) {
+    if (node->group != group) continue;
+    for (const lock_waiter* waiter = node->queue; waiter != nullptr; waiter = waiter->next)
+      count += waiter->members == neighbours::member_of(number) ? 1 : 0;
   }
   return count;
 }
 
 void object_lock_table::release(lock_grant& grant) noexcept {
-  shard& in = shard_of(grant.number);
+  shard& in = shard_of(grant.group);
   guarded_scope scope(in.lock);
   lock_node& node = *grant.node;
   remove_holder(node, grant);
-  if (node.queue != nullptr) grant_waiting(node);
+  if (node.queue != nullptr) grant_waiting(node, ~std::uint64_t{0});
   if (node.holders == nullptr && node.queue == nullptr) in.drop(&node);
 }
 

@@ -27,7 +27,7 @@ std::size_t count_waiting(const lock_node& node) {
 
 lock_wait describe(const lock_waiter& waiter, const lock_edge& edge) {
   return {.table = waiter.grant->table,
-          .number = waiter.grant->number,
+          .number = waiter.number(),
           .storage = waiter.grant->table->storage_name(),
           .waiting = waiter.owner->description(),
           .in_the_way = edge.to->description(),
@@ -57,23 +57,26 @@ void waits_for_graph::refresh(const lock_node& node) noexcept {
   make_edges(node);
 }
 
-// A waiter waits for the holders that it is not compatible with and, by way of the one before it in
-// the queue, for all that those before it wait for.
+// A waiter waits for the holders that it is not compatible with and, by way of the one before it
+// that wants the same object, for all that those before it wait for.
 void waits_for_graph::make_edges(const lock_node& node) noexcept {
-  const lock_waiter* before = nullptr;
   for (const lock_waiter* waiter = node.queue; waiter != nullptr; waiter = waiter->next) {
     lock_owner::door door(*waiter->owner);
     door.waits(waiter);
     auto& edges = door.edges();
     edges.clear();
     for (const lock_grant* holder = node.holders; holder != nullptr; holder = holder->next_holder) {
-      const bool compatible =
-          waiter->mode == lock_mode::shared && holder->mode == lock_mode::shared;
-      if (!compatible && holder->owner != waiter->owner)
-        edges.push_back({holder->owner, holder->mode, true, holder->since});
+      if (holder->owner == waiter->owner || !holder->excludes(waiter->members, waiter->mode))
+        continue;
+      if ((holder->exclusive & waiter->members) != 0)
+        edges.push_back({holder->owner, lock_mode::exclusive, true, holder->exclusive_since});
+      else
+        edges.push_back({holder->owner, lock_mode::shared, true, holder->shared_since});
     }
+    const lock_waiter* before = nullptr;
+    for (const lock_waiter* other = node.queue; other != waiter; other = other->next)
+      if (other->members == waiter->members) before = other;
     if (before != nullptr) edges.push_back({before->owner, before->mode, false, 0});
-    before = waiter;
   }
 }
 

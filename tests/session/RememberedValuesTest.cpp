@@ -125,28 +125,36 @@ TEST(ValueRingTest, GivesBackEveryTypeBitForBit) {
 TEST(ValueRingTest, GivesBackWhatATransactionHasToLock) {
   ValueRing ring(1 << 20);
   const TarnData value("a text of some words");
-  std::vector<goods::object_id> ids;
-  for (std::uint64_t i = 0; i <= goods::passed_objects::most; ++i) {
+  std::vector<goods::stored_neighbours> groups;
+  const auto words = [](const auto& some) {
+    std::vector<std::uint64_t> all;
+    for (const goods::stored_neighbours& g : some) {
+      all.insert(all.end(), {g.storage, g.objects.group, g.objects.members});
+    }
+    return all;
+  };
+  for (unsigned i = 0; i <= goods::passed_objects::most; ++i) {
     SCOPED_TRACE(i);
-    const ValueRing::Position at = ring.add({.node = 9}, &value, {ids, 0xFFFF'FFFF});
+    const ValueRing::Position at = ring.add({.node = 9}, &value, {groups, 0xFFFF'FFFF});
     TarnData out, outside;
     ValueRing::Origin origin;
-    std::vector<goods::object_id> locks;
+    std::vector<std::uint64_t> locks;
     const auto isKept = [&](const ValueRing::Locks& found) {
       EXPECT_EQ(found.changes, 0xFFFF'FFFFU);
-      locks.assign(found.objects.begin(), found.objects.end());
+      locks = words(found.objects);
       return true;
     };
-    EXPECT_EQ(ring.readLocking(at, out, isKept), !ids.empty());
-    EXPECT_EQ(locks, ids);
-    EXPECT_STREQ(out.getString(), ids.empty() ? "" : value.getString());
+    EXPECT_EQ(ring.readLocking(at, out, isKept), !groups.empty());
+    EXPECT_EQ(locks, words(groups));
+    EXPECT_STREQ(out.getString(), groups.empty() ? "" : value.getString());
     EXPECT_FALSE(ring.readLocking(at, outside, [](const auto&) { return false; }));
     EXPECT_TRUE(ring.read(at, origin, outside, kAnything));
     EXPECT_EQ(outside.compare(value), 0);
-    ids.push_back(0xFFFF'0000'0000 + i);
+    groups.push_back(
+        {static_cast<goods::storage_number>(0xFFFF - i), {0x03FF'FFFF - i, ~std::uint64_t{0} - i}});
   }
   TarnData out;
-  EXPECT_FALSE(ring.readLocking(ring.add({.node = 9}, &value, {ids, 1}), out, [](const auto&) {
+  EXPECT_FALSE(ring.readLocking(ring.add({.node = 9}, &value, {groups, 1}), out, [](const auto&) {
     return true;
   })) << "too many";
 }
