@@ -25,8 +25,10 @@ GOODS_API void check_body(const object& body, const class_descriptor& expected);
 // stays open until its scope ends, and whatever is called in it until then, and its end, throws an
 // error that tells why. Its code is that of the failure as far as the storage reported that, else
 // usage. A call that fails before it has changed anything leaves the transaction as it was.
-// "Changed" means that a write access has ended without an exception; changes to transient objects
-// count if the transaction had changed something before.
+// "Changed" means that a write access has ended without an exception, or was left by one when the
+// stored object that it wrote was not what is committed: with half of a change, perhaps, that could
+// not be told from what an earlier access had changed. Changes to transient objects count when such
+// an access has ended well, if the transaction had changed something before.
 // Threads: made and destroyed by the same thread.
 class GOODS_API changing_call {
  public:

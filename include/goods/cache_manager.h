@@ -129,6 +129,17 @@ class GOODS_API cache_manager {
     return lock_timeout_.load(std::memory_order_relaxed);
   }
 
+  // How much memory, in bytes, one transaction may take for what it has changed and made, and for
+  // its locks; roughly, since not everything is measured: new objects count from the beginning of
+  // the transaction on. Default 4 GiB, on smaller machines half of the memory. A transaction that needs more throws storage_full from a write access, or from
+  // its commit, and is doomed: everything that it took is given back, and the session goes on.
+  void set_transaction_limit(std::size_t bytes) {
+    transaction_limit_.store(bytes, std::memory_order_relaxed);
+  }
+  std::size_t transaction_limit() const {
+    return transaction_limit_.load(std::memory_order_relaxed);
+  }
+
   // Takes in all commits that have returned to their callers, in this session or another one, and
   // returns when reads see them. Every read outside a transaction begins with this.
   void catch_up() const;
@@ -202,6 +213,7 @@ class GOODS_API cache_manager {
 
   database& db_;
   std::atomic<std::chrono::milliseconds> lock_timeout_{std::chrono::milliseconds(10'000)};
+  std::atomic<std::size_t> transaction_limit_;
   [[noreturn]] void require_attached() const;
 
   std::unique_ptr<object_cache> cache_;

@@ -41,6 +41,17 @@ void count_write(bool is_transient) {
   if (thread != nullptr) ++(is_transient ? thread->transient_writes : thread->stored_writes);
 }
 
+void verify_limit() {
+  const thread_attachment* const thread = here();
+  if (thread != nullptr && thread->open() != nullptr) thread->open()->verify_limit();
+}
+
+// Whether a write access that an exception leaves may have changed something that stays.
+bool has_half_changed(object_handle& handle) {
+  const thread_attachment* const thread = here();
+  return thread != nullptr && thread->open() != nullptr && thread->open()->has_changed(handle);
+}
+
 // The scheme of the object's class, and its body for a transient object.
 struct looked_up {
   metaobject* scheme = nullptr;
@@ -116,10 +127,21 @@ read_access_base::~read_access_base() noexcept(false) {
 
 write_access_base::write_access_base(object_ref reference)
     : reference_(counted(std::move(reference))),
-      body_(begin_access(*reference_.handle(), scheme_, &metaobject::begin_write_access)) {}
+      body_(begin_access(*reference_.handle(), scheme_, &metaobject::begin_write_access)) {
+  if (scheme_ != nullptr) return;
+  try {
+    verify_limit();  // of stored objects the transaction does it itself
+  } catch (...) {
+    body_->unpin();
+    throw;
+  }
+}
 
 write_access_base::~write_access_base() noexcept(false) {
-  if (std::uncaught_exceptions() <= exceptions_) count_write(scheme_ == nullptr);
+  const bool has_ended_well = std::uncaught_exceptions() <= exceptions_;
+  if (has_ended_well || (scheme_ != nullptr && has_half_changed(*reference_.handle()))) {
+    count_write(scheme_ == nullptr);
+  }
   end_access(*reference_.handle(), scheme_, body_, exceptions_, &metaobject::end_write_access);
 }
 

@@ -1,5 +1,7 @@
 #include <goods/cache_manager.h>
 
+#include <unistd.h>
+
 #include <algorithm>
 #include <cstdio>
 #include <cstdlib>
@@ -40,12 +42,21 @@ void pause_before_repeating(int attempt) {
       std::chrono::microseconds(std::uniform_int_distribution(0, longest)(random)));
 }
 
+std::size_t usual_transaction_limit() {
+  constexpr std::size_t most = std::size_t{4} << 30;
+  const long pages = ::sysconf(_SC_PHYS_PAGES), bytes = ::sysconf(_SC_PAGESIZE);
+  if (pages <= 0 || bytes <= 0) return most;
+  return std::min(most, static_cast<std::size_t>(pages) / 2 * static_cast<std::size_t>(bytes));
+}
+
 }  // namespace
 
 std::atomic<bool> cache_manager::cooperative_mode{false};
 
 cache_manager::cache_manager(database& db)
-    : db_(db), cache_(std::make_unique<object_cache>(db, *this)) {}
+    : db_(db),
+      transaction_limit_(usual_transaction_limit()),
+      cache_(std::make_unique<object_cache>(db, *this)) {}
 
 cache_manager::~cache_manager() {
   const std::lock_guard guard(attachments_lock_);

@@ -17,8 +17,8 @@ namespace goods {
 // held, the version that was read stays the one to be read until the transaction writes the object.
 // Looking here costs one look into memory, without counting, locking or pinning anything.
 //
-// One place for each of some values of a hash; what has to leave it stays in memory until the
-// reads that may have seen it are over (release_displaced()).
+// One place for each of some values of a hash, and some megabytes for all; what has to leave stays
+// in memory until the reads that may have seen it are over (release_displaced()).
 // Ownership: pins the bodies and counts their handles. Threads: the one that runs the transaction.
 class known_objects {
  public:
@@ -48,6 +48,8 @@ class known_objects {
 
  private:
   static constexpr std::size_t places = 512;
+  // Of all bodies. One that is larger alone is kept as long as it is the last.
+  static constexpr std::size_t most_bytes = std::size_t{4} << 20;
 
   struct unpinner {
     void operator()(const object* body) const { body->unpin(); }
@@ -60,6 +62,7 @@ class known_objects {
   struct known {
     object_id id = 0;
     const object* body = nullptr;
+    std::size_t bytes = 0;
     displaced owned = {};
   };
 
@@ -68,6 +71,9 @@ class known_objects {
 
   std::unique_ptr<std::array<known, places>> places_;
   std::vector<std::uint16_t> used_;  // places that hold something
+  void displace_all();
+
+  std::size_t bytes_ = 0;  // of the bodies, when they came; not of what was displaced
   std::vector<displaced> displaced_;
 };
 

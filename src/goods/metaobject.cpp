@@ -87,7 +87,10 @@ void pessimistic_metaobject::end_read_access(object_handle&, const object* body,
   end_access(failed);
 }
 
-void pessimistic_metaobject::end_write_access(object_handle&, object* body, bool failed) {
+void pessimistic_metaobject::end_write_access(object_handle& handle, object* body, bool failed) {
+  const cache_manager* const session = cache_manager::current();
+  transaction* const open = session != nullptr ? session->attachment()->open() : nullptr;
+  if (open != nullptr) open->written(handle);
   body->unpin();
   end_access(failed);
 }

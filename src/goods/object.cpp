@@ -9,6 +9,7 @@
 #include <goods/object_handle.h>
 
 #include "goods/body_arena.h"
+#include "goods/new_objects.h"
 #include "goods/transaction.h"
 
 namespace goods {
@@ -31,6 +32,7 @@ void* object::allocate_with_handle(std::size_t size) {
   constexpr std::size_t step = alignof(object_handle);
   const std::size_t offset = (size + step - 1) / step * step;
   taken_last = {};
+  new_object_bytes::add(static_cast<std::int64_t>(offset + sizeof(object_handle)));
   if (offset + sizeof(object_handle) > most_shared_bytes) return ::operator new(size);
   taken_last = {::operator new(offset + sizeof(object_handle)), offset};
   return taken_last.room;

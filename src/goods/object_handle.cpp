@@ -8,6 +8,7 @@
 #include <goods/object.h>
 
 #include "goods/collection_claim.h"
+#include "goods/new_objects.h"
 
 namespace goods {
 
@@ -45,6 +46,9 @@ void destroy_transient(object_handle* handle) {
   if (object* body = handle->exchange_body(nullptr)) {
     held_object_visitor visitor(handle);
     body->cls().visit_references(*body, visitor);
+    const std::size_t bytes =
+        body->lies_with_handle() ? handle->memory() : body->cls().body_bytes(*body);
+    new_object_bytes::add(-static_cast<std::int64_t>(bytes));
     body->unpin();
   }
   object_handle::destroy(handle);

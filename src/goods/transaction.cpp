@@ -2,6 +2,9 @@
 
 #include <algorithm>
 #include <atomic>
+#include <new>
+
+#include <fmt/format.h>
 
 #include <goods/byte_writer.h>
 #include <goods/cache_manager.h>
@@ -15,6 +18,7 @@
 #include "goods/epoch.h"
 #include "goods/known_objects.h"
 #include "goods/lock_errors.h"
+#include "goods/new_objects.h"
 #include "goods/object_cache.h"
 #include "goods/publication.h"
 #include "goods/thread_attachment.h"
@@ -52,7 +56,8 @@ transaction::transaction(cache_manager& session, lock_owner& owner, known_object
       depth_(is_explicit ? 1 : 0),
       owner_(owner),
       known_(known),
-      changes_(std::make_shared<publication>()) {}
+      changes_(std::make_shared<publication>()),
+      made_before_(new_object_bytes::count()) {}
 
 transaction::~transaction() {
   finish();
@@ -82,7 +87,10 @@ void transaction::refused(const error_info& error, object_id id, lock_mode mode)
   doom(error.code(), message_of(error));
   if (error.code() != error_code::deadlock && error.code() != error_code::lock_timeout) throw;
   // Others go on meanwhile: the locks are free.
-  doom_->reason = describe_conflict(session_, error.code(), id, mode, owner_.conflict());
+  try {
+    doom_->reason = describe_conflict(session_, error.code(), id, mode, owner_.conflict());
+  } catch (const std::bad_alloc&) {  // NOLINT(bugprone-empty-catch): the lock table's words remain
+  }
   throw_error(doom_->code, doom_->reason);
 }
 
@@ -104,7 +112,7 @@ void transaction::throw_doomed() const {
 object* transaction::own_copy(object_handle& handle) const {
   if (!handle.is_being_written()) return nullptr;
   const auto own = copies_.find(&handle);
-  return own == copies_.end() ? nullptr : own->second;
+  return own == copies_.end() ? nullptr : own->second.body;
 }
 
 const object* transaction::read(object_handle& handle) {
@@ -170,9 +178,11 @@ void transaction::lock_shared(std::span<const stored_neighbours> objects) {
 object* transaction::write(object_handle& handle) {
   if (object* own = own_copy(handle)) {
     if (!touched_.empty()) touched_.erase(own);
+    verify_limit();
     return own;
   }
   verify_not_doomed();
+  verify_limit();
   if (!read_.empty() && read_.contains(handle.id())) session_.promotes_read_lock(handle);
   session_.joins_transaction(handle);
   object_ref keeps(&handle);
@@ -181,16 +191,47 @@ object* transaction::write(object_handle& handle) {
   const object& committed = *session_.cache().loaded(handle);
   std::unique_ptr<object, body_unpinner> copy(committed.cls().create(&handle));
   committed.cls().copy_state(committed, *copy);
-  const auto entry = copies_.emplace(&handle, copy.get()).first;
+  const std::size_t bytes = copy->cls().body_bytes(*copy);
+  const auto entry = copies_.emplace(&handle, measured_copy{copy.get(), bytes}).first;
   try {
     changes_->copies.push_back({std::move(keeps), copy.get()});
   } catch (...) {
     copies_.erase(entry);
     throw;
   }
+  copied_bytes_ += bytes;
   handle.set_being_written(true);
   known_.forget(handle.id());
   return copy.release();
+}
+
+void transaction::written(object_handle& handle) noexcept {
+  const auto own = copies_.find(&handle);
+  if (own == copies_.end()) return;
+  const std::size_t bytes = own->second.body->cls().body_bytes(*own->second.body);
+  copied_bytes_ += bytes - std::exchange(own->second.bytes, bytes);
+}
+
+void transaction::verify_limit() {
+  if (is_doomed()) return;
+  const std::int64_t made = std::max<std::int64_t>(new_object_bytes::count() - made_before_, 0);
+  const std::size_t limit = session_.transaction_limit();
+  if (copied_bytes_ + static_cast<std::size_t>(made) + owner_.memory() <= limit) return;
+  const std::string reason = fmt::format(
+      "A transaction has taken more than the {} MiB of memory that it may: change less in one, or "
+      "raise the limit.",
+      limit >> 20);
+  doom(error_code::storage_full, reason.c_str());
+  throw_error(error_code::storage_full, reason);
+}
+
+bool transaction::has_changed(object_handle& handle) const noexcept {
+  object* const own = own_copy(handle);
+  try {
+    return own != nullptr && !is_as_committed(handle, *own);
+  } catch (...) {
+    return true;
+  }
 }
 
 void transaction::touched(object_handle& handle) {
@@ -204,7 +245,7 @@ void transaction::replace(object_handle& handle, object& body) {
   for (publication::copy& c : changes_->copies) {
     if (c.body == replaced) c.body = &body;
   }
-  copies_[&handle] = &body;
+  copies_[&handle].body = &body;
   known_.forget(handle.id());
   const bool came_from_elsewhere = std::ranges::any_of(
       replacing_, [&](const auto& earlier) { return earlier.second == replaced; });
@@ -218,27 +259,31 @@ void transaction::add_root(object_ref root, storage_number storage) {
 
 void transaction::commit() {
   verify_not_doomed();
+  verify_limit();
   drop_unchanged();
   if (!changes_->copies.empty() || !roots_.empty()) commit_copies();
   finish();
 }
 
-void transaction::drop_unchanged() {
-  if (touched_.empty()) return;
-  const auto pack = [](const object& body, object_id id) {
+bool transaction::is_as_committed(object_handle& handle, object& copy) const {
+  if (refers_to_new_objects(copy)) return false;
+  const auto is_it = [&](const auto& one) { return one.second == &copy; };
+  if (std::ranges::any_of(replacing_, is_it)) return false;  // end_replacing() looks at it
+  const auto pack = [&](const object& body) {
     byte_writer bytes;
-    body.cls().pack(body, bytes, id);
+    body.cls().pack(body, bytes, handle.id());
     return bytes;
   };
+  const reader_section section;
+  const object& committed = *session_.cache().loaded(handle);
+  return &committed.cls() == &copy.cls() &&
+         std::ranges::equal(pack(committed).bytes(), pack(copy).bytes());
+}
+
+void transaction::drop_unchanged() {
+  if (touched_.empty()) return;
   const auto is_unchanged = [&](const publication::copy& copy) {
-    if (!touched_.contains(copy.body) || refers_to_new_objects(*copy.body)) return false;
-    const auto is_it = [&](const auto& one) { return one.second == copy.body; };
-    if (std::ranges::any_of(replacing_, is_it)) return false;  // end_replacing() looks at it
-    const reader_section section;
-    const object& committed = *session_.cache().loaded(*copy.keeps.handle());
-    return &committed.cls() == &copy.body->cls() &&
-           std::ranges::equal(pack(committed, copy.keeps.id()).bytes(),
-                              pack(*copy.body, copy.keeps.id()).bytes());
+    return touched_.contains(copy.body) && is_as_committed(*copy.keeps.handle(), *copy.body);
   };
   // All that may fail first: what is dropped below is not looked at again.
   std::vector<const object*> unchanged;
@@ -313,7 +358,7 @@ void transaction::end_replacing() noexcept {
 }
 
 bool transaction::is_own(const object& body) const {
-  return std::ranges::any_of(copies_, [&](const auto& copy) { return copy.second == &body; });
+  return std::ranges::any_of(copies_, [&](const auto& copy) { return copy.second.body == &body; });
 }
 
 void transaction::roll_back() noexcept { finish(); }

@@ -87,6 +87,14 @@ class transaction {
   // The private copy, locked exclusively and made at the first call. As read(), but not pinned.
   object* write(object_handle& handle);
 
+  // Before something is written, a transient object included: dooms it and throws when it takes more
+  // memory than it may. No effect on a doomed one.
+  void verify_limit();
+  // A write access has ended: takes in by how much the copy has grown.
+  void written(object_handle& handle) noexcept;
+  // Whether there is a private copy that differs from what is committed, as far as can be told.
+  bool has_changed(object_handle& handle) const noexcept;
+
   // As write(), for an object that is locked and perhaps not changed: unless it is written again,
   // the commit leaves it out when it would be stored as it is.
   void touched(object_handle& handle);
@@ -120,6 +128,7 @@ class transaction {
   void commit_copies();
   void end_replacing() noexcept;
   bool is_own(const object& body) const;
+  bool is_as_committed(object_handle& handle, object& copy) const;
   void drop_unchanged();
   [[noreturn]] void throw_doomed() const;
   void finish() noexcept;  // gives up copies that were not published, and the locks
@@ -138,10 +147,16 @@ class transaction {
   bool is_committed_ = false;
   lock_owner& owner_;
   known_objects& known_;
-  std::shared_ptr<publication> changes_;                // owns the copies; null when it is over
-  std::unordered_map<object_handle*, object*> copies_;  // look-up into changes_
-  std::unordered_set<const object*> touched_;           // copies that may be unchanged
-  std::unordered_set<object_id> read_;                  // see note_read()
+  std::shared_ptr<publication> changes_;  // owns the copies; null when it is over
+  struct measured_copy {
+    object* body;
+    std::size_t bytes;  // when it was measured last
+  };
+  std::unordered_map<object_handle*, measured_copy> copies_;  // look-up into changes_
+  std::size_t copied_bytes_ = 0;                              // of all of them
+  const std::int64_t made_before_;                            // see new_object_bytes
+  std::unordered_set<const object*> touched_;                 // copies that may be unchanged
+  std::unordered_set<object_id> read_;                        // see note_read()
   std::vector<std::pair<object_ref, storage_number>> roots_;
   std::vector<std::pair<object_ref, object*>>
       replacing_;  // bodies that replace(), and their handles

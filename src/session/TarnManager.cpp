@@ -110,6 +110,10 @@ void TarnManager::detach() { goods::cache_manager::detach(); }
 
 void TarnManager::setCacheLimit(std::size_t bytes) { getCacheManager().setCacheLimit(bytes); }
 
+void TarnManager::setTransactionLimit(std::size_t bytes) {
+  getCacheManager().set_transaction_limit(bytes);
+}
+
 void TarnManager::setLockTimeout(std::chrono::milliseconds limit) {
   getCacheManager().set_lock_timeout(limit);
 }

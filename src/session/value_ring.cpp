@@ -86,7 +86,7 @@ bool ValueRing::fetch(Position at, Record& record) const {
     return std::min({count, most, (words_.size() - std::min(next, words_.size())) / wordsEach});
   };
   record.locks = 0;
-  if ((head >> kLocksShift & 1) != 0) {
+  if ((head >> kLocksShift & 1) != 0 && next < words_.size()) {
     const std::uint64_t locks = load();
     record.lockChanges = static_cast<std::uint32_t>(locks >> 32);
     record.locks = upTo(static_cast<std::uint32_t>(locks), kMostLocks, 2);

@@ -78,6 +78,10 @@ int Import(const Invocation& invocation, const ImportOptions& options) {
     batches.finish();
   } catch (const TarnException& error) {
     SayWhatWasKept(kept, error.getErrorID() != ErrorID::OutcomeUnknown);
+    if (error.getErrorID() == ErrorID::StorageFull && options.batch == 0) {
+      std::fputs("tarns: Where one transaction takes too much memory, --batch N makes several.\n",
+                 stderr);
+    }
     throw;
   } catch (...) {
     SayWhatWasKept(kept, true);

@@ -104,6 +104,30 @@ TEST_F(DoomedTransactionTest, NothingInItsScopeIsKeptAndEverythingSaysWhy) {
       {"an exception of the application in transaction()",
        [](auto& m) { EXPECT_THROW(m.transaction([&] { m.set("a", 1), throw 5; }), int); },
        "half of its changes"},
+      {"a write access that is left when it has changed the node",
+       [](auto& m) {
+         const TarnRef node = m.getObject("v");
+         EXPECT_THROW(
+             {
+               const auto access = modify(node);
+               access->setValue(nullptr, TarnData(7));
+               throw 5;
+             },
+             int);
+       },
+       "half of its changes"},
+      {"one that is left when an earlier one had",
+       [](auto& m) {
+         const TarnRef node = m.getObject("v");
+         modify(node)->setValue(nullptr, TarnData(7));
+         EXPECT_THROW(
+             {
+               const auto access = modify(node);
+               throw 5;
+             },
+             int);
+       },
+       "half of its changes"},
       {"a call of a node that fails halfway",
        [](auto& m) {
          const TarnRef node = m.getObject("v");
@@ -162,6 +186,17 @@ TEST_F(DoomedTransactionTest, ACallThatFailsBeforeItChangesAnythingLeavesTheTran
     EXPECT_THAT([&] { modify(manager().getRoot())->addChild("", manager().getObject("n")); },
                 ThrowsTarn(0, testing::_));
     EXPECT_THAT([&] { manager().getSint32("x"); }, ThrowsTarn(7, testing::_));
+    for (const int value : {5, 5, 6, 5}) {
+      const TarnRef node = manager().getObject("n~v");
+      try {
+        const auto access = modify(node);
+        access->setValue(nullptr, TarnData(value));
+        access->setValue(nullptr, TarnData(5));
+        throw 5;
+      } catch (int) {
+        SCOPED_TRACE("the node is what it was");
+      }
+    }
     manager().set("b", 2);
     transaction.commit();
   }

@@ -2,15 +2,20 @@
 #include <gmock/gmock.h>
 #include <goods/task.h>
 #include <tarns/core/TarnBranchWalk.h>
+#include <tarns/core/TarnValue.h>
 
 #include <algorithm>
 #include <exception>
+#include <functional>
+#include <string>
 
 #include "support/session_fixture.h"
 #include "support/throws_tarn.h"
 
 namespace tarns {
 namespace {
+
+using testing::HasSubstr;
 
 class LimitsTest : public session_test {};
 
@@ -88,6 +93,64 @@ TEST_F(LimitsTest, AChainOfManyLevelsOnASmallStack) {
   if (work.failure) std::rethrow_exception(work.failure);
   reopen();
   EXPECT_EQ(manager().getSint32("moved" + path.substr(1) + "~value", 0), 42);
+}
+
+// Whatever takes the memory, the transaction ends with an error that says so; nothing of it is
+// kept, its memory is given back, and the session goes on.
+TEST_F(LimitsTest, ATransactionThatTakesTooMuchMemory) {
+  constexpr std::size_t kLimit = std::size_t{4} << 20;
+  manager().setTransactionLimit(kLimit);
+  for (int i = 0; i < 100; ++i) manager().set("there~" + std::to_string(i), std::to_string(i));
+  const std::string large(kLimit / 16, 'x');
+  const std::string before = picture();
+  struct Case {
+    const char* what;
+    std::function<void(TarnManager&, int)> step;
+  };
+  const Case cases[] = {
+      {"new values", [](auto& m, int i) { m.set("new~" + std::to_string(i), i); }},
+      {"new nodes at once",
+       [](auto& m, int) {
+         const TarnRef node = TarnObject::Create();
+         for (int k = 0; k < 100; ++k) {
+           modify(node)->addChild(std::to_string(k).c_str(), TarnValue::CreateValue(TarnData(k)));
+         }
+         m.addUnique("new", node);
+       }},
+      {"large texts", [&](auto& m, int i) { m.set("text~" + std::to_string(i), large); }},
+      {"large texts in place of others",
+       [&](auto& m, int i) { m.set("there~" + std::to_string(i % 100), large); }},
+      {"a text that grows",
+       [&](auto& m, int i) {
+         m.set("there~7", std::string(static_cast<std::size_t>(i) * (kLimit / 16), 'x'));
+       }},
+  };
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.what);
+    const auto isRefused = ThrowsTarn(103, HasSubstr("more than the 4 MiB of memory"));
+    for (int round = 0; round < 2; ++round) {
+      TarnTransaction transaction(manager());
+      EXPECT_THAT(
+          [&] {
+            for (int i = 0; i < 100'000; ++i) c.step(manager(), i);
+            transaction.commit();
+          },
+          isRefused);
+      EXPECT_THAT([&] { manager().set("there~0", 1); }, isRefused);
+      EXPECT_THAT([&] { transaction.commit(); }, isRefused);
+    }
+    EXPECT_EQ(picture(), before);
+    manager().transaction([&] {  // less is possible, again and again
+      for (int i = 0; i < 100; ++i) manager().set("there~" + std::to_string(i), std::to_string(i));
+    });
+  }
+  EXPECT_THAT([&] { manager().set("there~7", std::string(2 * kLimit, 'x')); },
+              ThrowsTarn(103, HasSubstr("more than the 4 MiB")))
+      << "a call by itself";
+  EXPECT_EQ(picture(), before);
+  manager().setTransactionLimit(4 * kLimit);
+  manager().set("there~7", std::string(2 * kLimit, 'x'));
+  EXPECT_EQ(manager().valueAt("there~7")->getText().size(), 2 * kLimit);
 }
 
 }  // namespace

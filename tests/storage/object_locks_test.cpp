@@ -130,6 +130,78 @@ TEST_F(ObjectLocksTest, AReaderMayBecomeAWriter) {
   EXPECT_TRUE(first.holds(locks_, a, exclusive));
 }
 
+TEST_F(ObjectLocksTest, SeveralNeighboursAreLockedAsIfOneByOne) {
+  constexpr object_number beside = a + 9, other_group = a + 64;
+  const neighbours wanted = {neighbours::group_of(a), neighbours::member_of(a) |
+                                                          neighbours::member_of(b) |
+                                                          neighbours::member_of(c)};
+  struct row {
+    const char* what;
+    std::function<void(lock_owner& mine, lock_owner& other)> before;
+    bool granted;
+  };
+  const row rows[] = {
+      {"free", [](auto&, auto&) {}, true},
+      {"one held already", [&](auto& mine, auto&) { locks_.lock(mine, b, shared, 0ms); }, true},
+      {"one held exclusively", [&](auto& mine, auto&) { locks_.lock(mine, b, exclusive, 0ms); },
+       true},
+      {"all held", [&](auto& mine, auto&) { locks_.lock_shared(mine, wanted, 0ms); }, true},
+      {"another reader", [&](auto&, auto& other) { locks_.lock_shared(other, wanted, 0ms); }, true},
+      {"a writer beside", [&](auto&, auto& other) { locks_.lock(other, beside, exclusive, 0ms); },
+       true},
+      {"a writer of one", [&](auto&, auto& other) { locks_.lock(other, b, exclusive, 0ms); },
+       false},
+  };
+  for (const row& r : rows) {
+    SCOPED_TRACE(r.what);
+    lock_owner mine, other, late;
+    r.before(mine, other);
+    const bool had_b = mine.holds(locks_, b, exclusive);
+    if (r.granted) {
+      EXPECT_EQ(locks_.lock_shared(mine, wanted, 0ms), storage_->newest_version());
+    } else {
+      EXPECT_THAT([&] { locks_.lock_shared(mine, wanted, 0ms); },
+                  fails_with(error_code::lock_timeout, HasSubstr(std::to_string(b))));
+    }
+    EXPECT_TRUE(mine.holds(locks_, a, shared));
+    EXPECT_EQ(mine.holds(locks_, b, shared), r.granted);
+    EXPECT_EQ(mine.holds(locks_, b, exclusive), had_b);
+    EXPECT_EQ(mine.holds_exclusively(locks_, wanted), had_b);
+    EXPECT_EQ(mine.holds(locks_, c, shared), r.granted);
+    EXPECT_EQ(mine.held(), r.granted ? 3U : 1U);
+    EXPECT_FALSE(mine.holds(locks_, beside, shared));
+    EXPECT_FALSE(can_lock(locks_, late, a, exclusive));
+    EXPECT_EQ(can_lock(locks_, late, c, exclusive), !r.granted);
+    EXPECT_TRUE(can_lock(locks_, late, other_group, exclusive));
+    for (lock_owner* owner : {&mine, &other, &late}) locks_.unlock_all(*owner);
+    EXPECT_TRUE(can_lock(locks_, late, a, exclusive));
+  }
+}
+
+TEST_F(ObjectLocksTest, WhoWaitsForNeighboursWaitsForEachByItself) {
+  lock_owner first, second, reader, writer, late;
+  locks_.lock(first, a, exclusive, 0ms);
+  locks_.lock(second, b, shared, 0ms);
+  locking_thread for_a(locks_, reader, a, shared, [&] { locks_.unlock_all(reader); });
+  await_waiting(locks_, a, 1);
+  locking_thread for_b(locks_, writer, b, exclusive, [&] { locks_.unlock_all(writer); });
+  await_waiting(locks_, b, 1);
+  EXPECT_THAT(
+      [&] {
+        locks_.lock_shared(late, {neighbours::group_of(b), neighbours::member_of(b)}, 0ms);
+      },
+      fails_with(error_code::lock_timeout, HasSubstr("waits for it longer")))
+      << "it came after the writer";
+  locks_.lock(late, c, exclusive, 0ms);
+  locks_.unlock_all(second);
+  EXPECT_EQ(for_b.failure(), "");
+  EXPECT_EQ(static_cast<object_lock_table&>(locks_).waiting(a), 1U);
+  EXPECT_FALSE(can_lock(locks_, second, a, shared));
+  locks_.unlock_all(first);
+  EXPECT_EQ(for_a.failure(), "");
+  EXPECT_FALSE(can_lock(locks_, second, c, shared)) << "held to the end";
+}
+
 TEST_F(ObjectLocksTest, AnUpgradeGoesBeforeThoseThatWait) {
   lock_owner first, second, writer;
   locks_.lock(first, a, shared, 0ms);
