@@ -1,0 +1,328 @@
+#include <tarns/session/TarnSalvage.h>
+
+#include <goods/B_tree.h>
+#include <goods/cache_manager.h>
+#include <goods/database.h>
+#include <goods/reader.h>
+#include <goods/salvage.h>
+#include <goods/set_member.h>
+#include <tarns/core/TarnException.h>
+#include <tarns/core/TarnObject.h>
+#include <tarns/core/TarnObjects.h>
+#include <tarns/core/TarnPath.h>
+#include <tarns/core/TarnValue.h>
+#include <tarns/session/TarnDatabase.h>
+#include <tarns/session/TarnManager.h>
+#include <tarns/session/TarnRoot.h>
+
+#include <algorithm>
+#include <map>
+#include <string_view>
+#include <utility>
+
+#include "core/node_access.h"
+
+namespace tarns {
+
+namespace {
+
+using goods::object_id;
+
+constexpr object_id kRoot = goods::make_object_id(0, goods::root_object_number);
+constexpr std::size_t kStepsPerCommit = 500;
+constexpr const char* kLost = "lost";
+
+std::string IdText(object_id id) {
+  return std::to_string(goods::storage_of(id)) + ":" + std::to_string(goods::number_of(id));
+}
+
+// What a lost node is called below "lost".
+std::string LostName(object_id id) {
+  std::string number = std::to_string(goods::number_of(id));
+  if (goods::storage_of(id) == 0) return number;
+  return std::to_string(goods::storage_of(id)) + ":" + number;
+}
+
+// What `read()` answers, or `otherwise` for an object that is damaged in a way that checksums do
+// not show, or for what is left of an index that was not whole.
+template <class Answer, class Read>
+Answer UnlessDamaged(Answer otherwise, Read&& read) {
+  try {
+    return read();
+  } catch (const TarnException& error) {
+    const unsigned long id = error.getErrorID();
+    if (id != ErrorID::CorruptData && id != ErrorID::BadTypecast) throw;
+    return otherwise;
+  }
+}
+
+// Puts the tree together again from what goods::salvage() has left.
+class TreeMender {
+ public:
+  TreeMender(TarnManager& into, goods::salvage_result& found) : into_(into), found_(found) {}
+
+  TarnSalvageResult run() {
+    result_.objects = found_.objects;
+    into_.getRoot();
+    findOwners();
+    placeStandIns();
+    putBackEntries();
+    placeUnreachable();
+    tellMissing();
+    return std::move(result_);
+  }
+
+ private:
+  void findOwners();
+  void placeStandIns();
+  void putBackEntries();
+  void placeUnreachable();
+  bool placeTops(bool any);
+  void dropValue(const TarnRef& value);
+  void tellMissing();
+
+  TarnRef standInFor(object_id lost);
+  TarnRef ownerOf(object_id index);
+  void moveEntries(object_id index, const TarnRef& node);
+  TarnRef lostBranch();
+  std::string pathOf(object_id id) const;
+  static std::string PathOf(const TarnRef& node);
+  // Calls `work(i)` for each number below `count`, some in one transaction.
+  template <class Work>
+  void inTransactions(std::size_t count, Work&& work);
+  goods::object_ref object(object_id id) const;
+  TarnRef node(object_id id) const;
+
+  TarnManager& into_;
+  goods::salvage_result& found_;
+  TarnSalvageResult result_;
+  std::map<object_id, object_id> nodeOfLostIndex_;
+  // Indexes whose node is lost, by that.
+  std::multimap<object_id, object_id> indexesOfLost_;
+  std::map<object_id, TarnRef> standIns_;  // of lost nodes, and of lost indexes without a node
+  std::map<object_id, bool> isPlaced_;     // stand-ins that have got their place
+  TarnRef lostBranch_;
+};
+
+template <class Work>
+void TreeMender::inTransactions(std::size_t count, Work&& work) {
+  for (std::size_t from = 0; from < count; from += kStepsPerCommit) {
+    const std::size_t to = std::min(count, from + kStepsPerCommit);
+    into_.transaction([&] {
+      for (std::size_t i = from; i < to; ++i) work(i);
+    });
+  }
+}
+
+goods::object_ref TreeMender::object(object_id id) const {
+  goods::object_ref found;
+  into_.db().get_object(found, goods::number_of(id), goods::storage_of(id));
+  return found;
+}
+
+TarnRef TreeMender::node(object_id id) const {
+  const goods::object_ref found = object(id);
+  const bool isNode = UnlessDamaged(false, [&] { return TarnObject::IsTarnObject(found); });
+  return isNode ? checked_cast<TarnObject>(found) : TarnRef();
+}
+
+std::string TreeMender::PathOf(const TarnRef& node) {
+  TarnPath path;
+  TarnObject::GetPath(node, path);
+  return std::string(path.view());
+}
+
+void TreeMender::findOwners() {
+  for (const goods::lost_reference& lost : found_.lost) {
+    if (lost.member == "Children") nodeOfLostIndex_[lost.target] = lost.from;
+    if (lost.member == "mParent") indexesOfLost_.emplace(lost.target, lost.from);
+  }
+}
+
+TarnRef TreeMender::lostBranch() {
+  if (lostBranch_.is_null()) {
+    const TarnRef root = into_.getRoot();
+    lostBranch_ = TarnObject::Create();
+    const XString name = modify(root)->addUniqueChild(kLost, lostBranch_);
+    result_.lostName = std::string(name.view());
+  }
+  return lostBranch_;
+}
+
+// The node in the place of one that is lost; it gets its own place later.
+TarnRef TreeMender::standInFor(object_id lost) {
+  if (lost == kRoot) return into_.getRoot();
+  TarnRef& found = standIns_[lost];
+  if (found.is_null()) {
+    found = TarnObject::Create();
+    isPlaced_[lost] = false;
+  }
+  return found;
+}
+
+// The node that an index which is lost, or has been emptied, belongs to; null for an index of
+// something else than children.
+TarnRef TreeMender::ownerOf(object_id index) {
+  if (const auto known = nodeOfLostIndex_.find(index); known != nodeOfLostIndex_.end())
+    return node(known->second);
+  for (const auto& [lost, of] : indexesOfLost_) {
+    if (of == index) return standInFor(lost);
+  }
+  goods::object_ref found = object(index);
+  bool isThere = false, isChildren = false;
+  try {
+    isChildren = goods::cache_manager::current()->read([&](goods::reader& reader) {
+      const goods::object* body = reader.get(goods::ref<goods::object>::trusted(found));
+      isThere = body != nullptr;
+      return isThere && TarnObjects::self_class.is_superclass_for(body->cls());
+    });
+  } catch (const goods::error_info& error) {
+    if (error.code() != goods::error_code::object_deleted) throw;
+  }
+  if (!isThere) return standInFor(index);
+  if (!isChildren) return nullptr;
+  return checked_cast<TarnObjects>(found)->getParent();
+}
+
+// Hands the children of an index without node to `node`.
+void TreeMender::moveEntries(object_id index, const TarnRef& node) {
+  const auto from = checked_cast<TarnObjects>(object(index));
+  std::vector<std::pair<std::string, TarnRef>> children;
+  ForEachEntry(from, [&](const goods::held_entry& entry, const TarnRef& child) {
+    children.emplace_back(entry.name, child);
+    return true;
+  });
+  inTransactions(children.size(), [&](std::size_t i) {
+    modify(node)->addChild(children[i].first.c_str(), children[i].second);
+  });
+}
+
+// Stand-ins go where an entry still names the node that they stand for, and otherwise to what is
+// lost; all of this before they get children, so that these are stored one by one.
+void TreeMender::placeStandIns() {
+  for (const auto& [lost, index] : indexesOfLost_) standInFor(lost);
+  for (const goods::loose_entry& entry : found_.loose) {
+    if (!entry.is_lost) ownerOf(entry.index);
+  }
+  for (const goods::loose_entry& entry : found_.loose) {
+    const auto standIn = standIns_.find(entry.target);
+    if (!entry.is_lost || standIn == standIns_.end() || isPlaced_[entry.target]) continue;
+    const TarnRef owner = ownerOf(entry.index);
+    if (owner.is_null()) continue;
+    into_.transaction([&] { modify(owner)->addChild(entry.name.c_str(), standIn->second); });
+    isPlaced_[entry.target] = true;
+  }
+  // Those that were put below another stand-in have been stored with that.
+  for (const bool wasPlaced : {false, true}) {
+    for (const auto& [lost, isPlaced] : isPlaced_) {
+      const TarnRef standIn = standIns_.at(lost);
+      if (isPlaced != wasPlaced || TarnObject::GetObjectID(standIn) != 0) continue;
+      into_.transaction([&] { modify(lostBranch())->addChild(LostName(lost).c_str(), standIn); });
+      ++result_.lostBranches;
+    }
+  }
+  for (const auto& [lost, index] : indexesOfLost_) moveEntries(index, standInFor(lost));
+}
+
+void TreeMender::putBackEntries() {
+  inTransactions(found_.loose.size(), [&](std::size_t i) {
+    const goods::loose_entry& entry = found_.loose[i];
+    if (entry.is_lost) return;
+    if (const TarnRef owner = ownerOf(entry.index); !owner.is_null()) {
+      const TarnRef child = node(entry.target);
+      if (!child.is_null() && IsChildName(entry.name)) {
+        modify(owner)->addChild(entry.name.c_str(), child);
+      }
+      return;
+    }
+    const auto index = goods::checked_cast<goods::B_tree>(object(entry.index));
+    goods::modify(index)->insert(goods::set_member::create(object(entry.target), entry.name));
+  });
+}
+
+// Nodes that nothing leads to: those without a parent first, with all that is below them; then, as
+// long as there are any (that are below each other), one of them.
+void TreeMender::placeUnreachable() {
+  while (placeTops(false)) continue;
+  while (placeTops(true)) continue;
+}
+
+bool TreeMender::placeTops(bool any) {
+  std::vector<object_id> unreachable;
+  goods::check_options options;
+  options.full = true;
+  options.unreachable = [&](object_id id, std::string_view) { unreachable.push_back(id); };
+  into_.check(options);
+  std::vector<object_id> tops;
+  for (const object_id id : unreachable) {
+    const TarnRef lost = node(id);
+    if (lost.is_null() || (!any && UnlessDamaged(false, [&] { return lost->hasParent(); })))
+      continue;
+    tops.push_back(id);
+    if (any) break;
+  }
+  inTransactions(tops.size(), [&](std::size_t i) {
+    modify(lostBranch())->addChild(LostName(tops[i]).c_str(), node(tops[i]));
+  });
+  result_.lostBranches += tops.size();
+  return !tops.empty();
+}
+
+// Empty for what is no node.
+std::string TreeMender::pathOf(object_id id) const {
+  const TarnRef at = node(id);
+  return at.is_null() ? "" : PathOf(at);
+}
+
+// A value without its text would read as an empty one: it goes, or leaves a plain node in its place
+// when it has children.
+void TreeMender::dropValue(const TarnRef& value) {
+  if (value.is_null() || !value->isDerivedFrom(TarnValue::GetType())) return;
+  const TarnRef parent = value->getParent();
+  if (parent.is_null()) return;
+  into_.transaction([&] {
+    const std::string name(value->getName().view());
+    TarnRef plain = TarnObject::Create();
+    const bool hasChildren = value->getNumAbstractChildren() != 0;
+    if (hasChildren) modify(value)->bequeathChildren(plain);
+    modify(parent)->deleteChild(value);
+    if (hasChildren) modify(parent)->addChild(name.c_str(), plain);
+  });
+}
+
+void TreeMender::tellMissing() {
+  const auto add = [&](std::string text) { result_.missing.push_back(std::move(text)); };
+  for (const auto& [first, last] : found_.lost_ranges) {
+    add("objects " + IdText(first) + " to " + IdText(last) + " cannot be read");
+  }
+  for (const goods::loose_entry& entry : found_.loose) {
+    if (!entry.is_lost) continue;
+    const TarnRef owner = ownerOf(entry.index);
+    std::string path = owner.is_null() ? "" : PathOf(owner);
+    if (!path.empty()) path += '~';
+    const bool hasStandIn = standIns_.contains(entry.target);
+    add(path + entry.name + " (object " + IdText(entry.target) + ") cannot be read" +
+        (hasStandIn ? "; a plain node takes its place" : ""));
+  }
+  for (const goods::lost_reference& lost : found_.lost) {
+    if (lost.member == "mParent" || lost.member == "ParentLink" || lost.member == "Children" ||
+        lost.member == "owner" || lost.member == "object" || lost.member == "entries") {
+      continue;
+    }
+    std::string path = pathOf(lost.from);
+    if (!path.empty()) path += '~';
+    add(path + lost.member + " (object " + IdText(lost.target) + ", a member of object " +
+        IdText(lost.from) + ") cannot be read");
+    dropValue(node(lost.from));
+  }
+}
+
+}  // namespace
+
+TarnSalvageResult Salvage(const std::string& from, TarnManager& into,
+                          const std::function<void(std::uint64_t)>& progress) {
+  goods::salvage_result found = goods::salvage(from, into.db(), progress);
+  return TreeMender(into, found).run();
+}
+
+}  // namespace tarns

@@ -1,0 +1,265 @@
+// Bringing what can be read of a damaged database into a new one.
+#include <gmock/gmock.h>
+#include <tarns/core/TarnException.h>
+#include <tarns/core/TarnIterator.h>
+#include <tarns/core/TarnObjects.h>
+#include <tarns/session/TarnSalvage.h>
+
+#include <algorithm>
+#include <filesystem>
+#include <functional>
+#include <map>
+#include <random>
+#include <set>
+
+#include "support/rewritten_objects.h"
+#include "support/session_fixture.h"
+
+namespace tarns {
+namespace {
+
+using goods::object_id;
+using testing::Contains;
+using testing::HasSubstr;
+using testing::IsEmpty;
+namespace fs = std::filesystem;
+
+using Values = std::map<std::string, std::string>;  // by path
+
+// A database on a disk of memory, its files, and what is in it.
+class SalvageTest : public testing::Test {
+ protected:
+  SalvageTest() : directory_(scratch_directory::place::in_memory) {
+    TarnManager::Initialize();
+    inDamaged([&](TarnManager& manager) {
+      manager.transaction([&] { fill(manager); });
+      for (const auto& [path, value] : values_) note(manager, path);
+      for (const char* path : {"", "machines", "machines~press", "many", "many~n150"})
+        note(manager, path);
+    });
+    file_ = directory_.file("old/data/store.db");
+    good_ = goods::read_file(file_);
+  }
+
+  void fill(TarnManager& manager) {
+    const auto set = [&](const std::string& path, const std::string& value) {
+      manager.set(path, value);
+      values_[path] = value;
+    };
+    set("machines~press~speed", "41");
+    set("machines~press~label", std::string(3000, 'l'));
+    set("machines~saw~speed", "5");
+    for (int i = 0; i < 300; ++i)
+      set("many~n" + std::to_string(1000 + i).substr(1), "value " + std::to_string(i));
+  }
+
+  void note(TarnManager& manager, const std::string& path) {
+    const TarnRef node = manager.getObject(path);
+    ids_[path] = node.id();
+    if (const auto index = node->getChildren(); !index.is_null())
+      ids_[path + " index"] = index.id();
+    const std::size_t last = path.rfind('~');
+    if (last == std::string::npos) return;
+    ids_[path + " entry"] = manager.getObject(path.substr(0, last))
+                                ->getIterTo(path.substr(last + 1).c_str())
+                                .getEntry()
+                                .id();
+  }
+
+  template <class Work>
+  void in(const std::string& place, Work&& work) {
+    fs::create_directories(directory_.file(place));
+    const std::string configuration = directory_.file(place + "/tarns.conf");
+    std::ofstream(configuration) << "1\n0: file:./data?durability=relaxed\n";
+    TarnManager manager;
+    manager.connect(configuration.c_str());
+    const TarnAttachment attachment(manager);
+    work(manager);
+  }
+  template <class Work>
+  void inDamaged(Work&& work) {
+    in("old", work);
+  }
+
+  // Salvages, checks what comes out, and gives all its values.
+  Values salvage() {
+    fs::remove_all(directory_.file("new"));
+    Values found;
+    in("new", [&](TarnManager& manager) {
+      result_ = Salvage(directory_.file("old/tarns.conf"), manager);
+      goods::check_options options;
+      options.full = true;
+      options.found = [](const goods::check_finding& finding) {
+        ADD_FAILURE() << finding.path << " (" << finding.id << "): " << finding.text;
+      };
+      manager.check(options);
+      found = pictureOf(manager);
+    });
+    return found;
+  }
+
+  static Values pictureOf(TarnManager& manager) {
+    Values found;
+    std::vector<std::string> open{""};
+    while (!open.empty()) {
+      const std::string path = std::move(open.back());
+      open.pop_back();
+      for (const auto& [name, child] : manager.children(path)) {
+        const std::string below = path.empty() ? name : path + "~" + name;
+        if (const auto value = manager.valueAt(below)) found[below] = std::string(value->getText());
+        open.push_back(below);
+      }
+    }
+    return found;
+  }
+
+  object_id id(const std::string& what) const { return ids_.at(what); }
+  void remove(const std::string& what) {
+    const goods::object_number number = goods::number_of(id(what));
+    goods::rewrite_segment(file_, number, [&](goods::segment_builder& builder, const auto&) {
+      builder.remove(goods::slot_of(number));
+    });
+  }
+  std::string numberOf(const std::string& what) const {
+    return std::to_string(goods::number_of(id(what)));
+  }
+
+  scratch_directory directory_;
+  std::string file_, good_;
+  Values values_;
+  std::map<std::string, object_id> ids_;
+  TarnSalvageResult result_;
+};
+
+TEST_F(SalvageTest, AGoodDatabaseComesOverAsItIs) {
+  EXPECT_EQ(salvage(), values_);
+  EXPECT_THAT(result_.missing, IsEmpty());
+  EXPECT_EQ(result_.lostBranches, 0U);
+  EXPECT_EQ(goods::read_file(file_), good_) << "nothing is written";
+  in("new", [&](TarnManager& manager) {
+    EXPECT_EQ(manager.getObject("machines~press").id(), id("machines~press"));
+    EXPECT_STREQ(manager.getObject("machines~press~speed")->getType(), "TarnStringValue");
+    manager.set("machines~press~speed", "42");
+    EXPECT_EQ(manager.getXString("machines~press~speed", ""), XString("42"));
+  });
+}
+
+TEST_F(SalvageTest, WhatIsMissingIsToldAndEverythingElseKeepsItsPlace) {
+  const struct {
+    const char* what;
+    const char* lost;  // object
+    const char* gone;  // values below this are missing; none when it is empty
+    const char* told;  // in a line about it
+  } cases[] = {
+      {"a value", "machines~press~speed", "machines~press~speed",
+       "machines~press~speed (object 0:"},
+      {"a node between", "machines~press", "", "machines~press (object 0:"},
+      {"its index", "machines~press index", "", nullptr},
+      {"an entry", "machines~press~speed entry", "", nullptr},
+      {"a large index", "many index", "", nullptr},
+      {"the root", "", "", nullptr},
+  };
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.what);
+    goods::write_file(file_, good_);
+    remove(c.lost);
+    Values expected = values_;
+    std::erase_if(expected, [&](const auto& value) { return *c.gone && value.first == c.gone; });
+    EXPECT_EQ(salvage(), expected);
+    if (c.told != nullptr) {
+      EXPECT_THAT(result_.missing, Contains(HasSubstr(c.told)));
+    }
+    EXPECT_EQ(result_.lostBranches, 0U);
+  }
+}
+
+// What no path leads to any more is below "lost".
+TEST_F(SalvageTest, BranchesWithoutAPathAreKept) {
+  goods::rewrite_members(file_, id("machines~press entry"),
+                         {.reference = [](auto, unsigned, object_id) { return object_id{0}; },
+                          .text = {},
+                          .number = {}});
+  remove("machines index");
+  remove("machines");
+  const Values found = salvage();
+  EXPECT_EQ(result_.lostName, "lost");
+  EXPECT_EQ(found.at("lost~" + numberOf("machines~press") + "~speed"), "41");
+  EXPECT_EQ(found.at("many~n007"), "value 7");
+}
+
+// Commits that were only in the log when the process ended.
+TEST_F(SalvageTest, TheLogCountsAndDamageToItTakesOnlyWhatIsThere) {
+  inDamaged([&](TarnManager& manager) {
+    manager.set("machines~press~speed", "100");
+    manager.set("new", "1");
+    fs::copy(directory_.file("old"), directory_.file("open"), fs::copy_options::recursive);
+  });
+  fs::remove_all(directory_.file("old"));
+  fs::rename(directory_.file("open"), directory_.file("old"));
+  values_["machines~press~speed"] = "100";
+  values_["new"] = "1";
+  EXPECT_EQ(salvage(), values_);
+}
+
+// The database under any damage: what could be read is there, and nothing else is.
+TEST_F(SalvageTest, WhatCouldBeReadIsThereAndNothingIsWrong) {
+  const unsigned seed = std::random_device{}();
+  SCOPED_TRACE(testing::Message() << "seed " << seed);
+  std::minstd_rand random(seed);
+  std::set<std::string> known;
+  for (const auto& [path, value] : values_) known.insert(value);
+  unsigned complete = 0;
+  for (int damage = 0; damage < 500 && !HasFailure(); ++damage) {
+    SCOPED_TRACE(testing::Message() << "damage " << damage);
+    std::string content = good_;
+    const auto at = [&] {
+      return static_cast<std::ptrdiff_t>(random() % (content.size() / 512) * 512);
+    };
+    switch (damage % 5) {
+      case 0:
+        content.resize(random() % content.size());
+        break;
+      case 1:
+        std::fill_n(content.begin() + at(), 512, '\0');
+        break;
+      case 2: {
+        const auto one = content.begin() + at();
+        std::swap_ranges(one, one + 512, content.begin() + at());
+        break;
+      }
+      default: {
+        const std::size_t bit = random() % (content.size() * 8);
+        content[bit / 8] = static_cast<char>(content[bit / 8] ^ 1 << bit % 8);
+      }
+    }
+    goods::write_file(file_, content);
+    const Values found = salvage();
+    for (const auto& [path, value] : found) {
+      const auto should = values_.find(path);
+      if (path.starts_with("lost~"))
+        EXPECT_TRUE(known.contains(value)) << path;
+      else
+        EXPECT_TRUE(should != values_.end() && should->second == value) << path;
+    }
+    complete += found == values_ ? 1 : 0;
+    try {
+      inDamaged([&](TarnManager& manager) {
+        for (const auto& [path, value] : values_) {
+          try {
+            if (!manager.valueAt(path)) continue;
+          } catch (const TarnException&) {
+            continue;
+          }
+          EXPECT_TRUE(found.contains(path)) << path << " could be read";
+        }
+      });
+    } catch (const TarnException&) {  // NOLINT(bugprone-empty-catch): it cannot be opened
+    }
+    fs::remove_all(directory_.file("old/data"));
+    fs::create_directory(directory_.file("old/data"));
+  }
+  EXPECT_GT(complete, 50U);
+}
+
+}  // namespace
+}  // namespace tarns
