@@ -36,7 +36,7 @@ void Bench::run() {
     report_.note(fmt::format("the disk syncs {:.0f} writes of 4 KiB a second",
                              SyncsPerSecond(options_.scratch)));
   }
-  if (wants("update-1") || wants("update-8")) singleUpdates(1);
+  if (wants("update-1")) singleUpdates(1);
   if (wants("update-8")) singleUpdates(8);
   if (wants("update-100")) batchedUpdates();
   if (wants("delete")) deletes();
