@@ -18,7 +18,7 @@ struct ExitStatus {
   static constexpr int kNotFound = 1;
   static constexpr int kUsage = 2;
   static constexpr int kFailure = 3;
-  static constexpr int kFindings = 4;  // of check
+  static constexpr int kFindings = 4;  // of check and salvage
 };
 
 // Arguments that contradict each other or cannot be understood, found while a command runs.
@@ -53,6 +53,7 @@ void AddFind(CLI::App& app, Invocation& invocation);
 void AddStat(CLI::App& app, Invocation& invocation);
 void AddGc(CLI::App& app, Invocation& invocation);
 void AddCheck(CLI::App& app, Invocation& invocation);
+void AddSalvage(CLI::App& app, Invocation& invocation);
 void AddImport(CLI::App& app, Invocation& invocation);
 void AddExport(CLI::App& app, Invocation& invocation);
 

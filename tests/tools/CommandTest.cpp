@@ -195,7 +195,7 @@ TEST_F(CommandTest, MistakesInUseAndMissingDatabases) {
 
 TEST_F(CommandTest, EveryHelpEndsWithTwoExamples) {
   for (const char* name : {"init", "get", "set", "ls", "tree", "rm", "cp", "mv", "find", "stat",
-                           "gc", "check", "import", "export"}) {
+                           "gc", "check", "salvage", "import", "export"}) {
     SCOPED_TRACE(name);
     const program_result result = run_program({PROGRAM_TARNS_COMMAND, name, "--help"});
     EXPECT_EQ(result.status, 0);
@@ -207,7 +207,7 @@ TEST_F(CommandTest, EveryHelpEndsWithTwoExamples) {
   }
 }
 
-TEST_F(CommandTest, CheckNamesWhatIsDamagedAndTellsByItsExitStatus) {
+TEST_F(CommandTest, CheckNamesWhatIsDamagedAndSalvageBringsTheRest) {
   std::minstd_rand random(7);
   std::string text(3000, 'x');
   for (char& character : text) character = static_cast<char>('a' + random() % 26);
@@ -236,6 +236,17 @@ TEST_F(CommandTest, CheckNamesWhatIsDamagedAndTellsByItsExitStatus) {
   const program_result cut = run({"check"});
   EXPECT_EQ(cut.status, 4);
   EXPECT_THAT(cut.out, testing::StartsWith("storage 0: "));
+
+  // All but the text with the changed byte can be read.
+  std::ofstream(file, std::ios::binary) << content;
+  const std::string rescued = directory().file("rescued");
+  const program_result salvaged = run({"salvage", rescued});
+  EXPECT_EQ(salvaged.status, 4) << salvaged.err;
+  EXPECT_THAT(salvaged.out, HasSubstr("cannot be read"));
+  const std::string command = PROGRAM_TARNS_COMMAND;
+  EXPECT_EQ(run_program({command, "-d", rescued, "get", "a~b"}).out, "1\n");
+  EXPECT_EQ(run_program({command, "-d", rescued, "check", "--full"}).status, 0);
+  EXPECT_EQ(run({"salvage", rescued}).status, 3) << "something is there";
 }
 
 TEST_F(CommandTest, GcListsAndRemovesWhatNoPathLeadsTo) {
