@@ -2,6 +2,7 @@
 #pragma once
 
 #include <atomic>
+#include <chrono>
 #include <cstdint>
 #include <functional>
 #include <memory>
@@ -46,11 +47,11 @@ struct check_progress {
 
 // Something that is wrong with a database.
 struct check_finding {
-  object_id id = 0;         // the object that it is about; 0: none in particular
-  object_id last = 0;       // the objects from `id` to this one, as far as they exist; or `id`
-  std::string path;         // names from the root, joined by '~'; empty when none leads there
-  std::string class_name;   // empty when it is not known
-  std::string text;         // as "refers to object 0:65600, which is not there"
+  object_id id = 0;        // the object that it is about; 0: none in particular
+  object_id last = 0;      // the objects from `id` to this one, as far as they exist; or `id`
+  std::string path;        // names from the root, joined by '~'; empty when none leads there
+  std::string class_name;  // empty when it is not known
+  std::string text;        // as "refers to object 0:65600, which is not there"
   storage_number storage = 0;
 };
 
@@ -71,6 +72,21 @@ struct check_result {
   std::uint64_t objects = 0;
   std::uint64_t faults = 0;
   std::uint64_t unreachable = 0;
+};
+
+// How far a copy is.
+struct copy_progress {
+  std::uint64_t bytes = 0;     // that it will have, about
+  std::uint64_t written = 0;   // of these
+  std::uint64_t verified = 0;  // of these, read back and found to be right
+  // For how long commits were kept waiting, at the beginning.
+  std::chrono::microseconds commits_held{0};
+};
+
+struct copy_options {
+  // Called often, by the thread that copies, and once at the end; false ends the copying, and so
+  // does what it throws, which reaches the caller.
+  std::function<bool(const copy_progress&)> progress;
 };
 
 // Opens the storages, finds root objects and objects by identifier, and keeps the byte counters.
@@ -96,6 +112,9 @@ class GOODS_API database {
   // configuration file that is missing or cannot be understood (file and line are named),
   // input_output, corrupt_data, newer_version.
   virtual bool open(const char* configuration_path);
+  // Throws usage when one of the storages that the file describes is not there, which open() would
+  // make; otherwise as open(). Opens nothing.
+  static void expect_storages(const char* configuration_path);
   // Why the last open() returned false.
   const std::string& get_open_problem() const { return open_problem_; }
   virtual void close();
@@ -147,6 +166,31 @@ class GOODS_API database {
   // thrown.
   check_result check(const check_options& options);
 
+  // Makes a copy of the database in a new directory, while all sessions go on working: everything
+  // that was committed before one moment, over all storages, and nothing that was committed later.
+  // Commits are held for moments at the beginning. Uncommitted changes, also the caller's, are not
+  // in it. All of the copy is read back and checked; damage that is found may well be the
+  // database's.
+  //
+  // The copy is a database: a configuration file "tarns.conf" with the options of this one, and the
+  // storages in "data" (of several: "data0", "data1", ...). Its storages have identities of their
+  // own, so that it may be opened beside this one. Copying it back, by this function or as files
+  // while it is closed, restores it. Mode 0700, files 0600.
+  //
+  // `directory` must not be there, its parent must. The copy is put together as
+  // "DIRECTORY.unfinished" and gets its name when it is complete and durable, so that there is none
+  // or a whole one after any crash; what a crash leaves under the other name is removed by the next
+  // copy to `directory`. Room is needed for all of the copy; while it is made, the write-ahead
+  // files of this database do not shrink.
+  //
+  // Returns false, and leaves nothing, when options.progress ended it. Throws usage when there is
+  // something at `directory`, or at "DIRECTORY.unfinished" and not left by a copy, and when it is
+  // called from within a read; database_in_use when a copy to it is being made; corrupt_data,
+  // input_output and storage_full. Nothing is left then either, as far as the disk allows; an
+  // error of the very last step, syncing the name, leaves the copy.
+  // Threads: any, attached or not.
+  bool copy_to(const std::string& directory, const copy_options& options = {}) const;
+
   // Bytes of packed objects loaded from and committed to the storages, since opening or clearing.
   std::uint64_t get_num_bytes_from_db() const;
   std::uint64_t get_num_bytes_to_db() const;
@@ -163,6 +207,7 @@ class GOODS_API database {
 
  private:
   std::vector<std::unique_ptr<obj_storage>> storages_;
+  std::vector<std::string> addresses_;  // of the storages, as in the configuration file
   std::unique_ptr<cache_manager> session_;
   std::string open_problem_;
   std::atomic<std::uint64_t> collected_{0};

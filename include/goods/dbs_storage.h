@@ -234,6 +234,30 @@ class storage_view {
   virtual bool check(bool full, check_sink& into) = 0;
 };
 
+// Copies a storage, as it is at one moment, while commits go on.
+// Threads: one at a time. The storage outlives it.
+class storage_copier {
+ public:
+  virtual ~storage_copier() = default;
+
+  // Does beforehand what would make fix() take long.
+  virtual void prepare() = 0;
+  // The copy is to be of this moment. Called once, with commits paused; they may go on afterwards.
+  virtual void fix() = 0;
+  // What the copy will take, about; after fix().
+  virtual std::uint64_t bytes() const = 0;
+
+  // How much of bytes() has been written, and how much of that read back and found to be right;
+  // false ends write().
+  using progress = std::function<bool(std::uint64_t written, std::uint64_t verified)>;
+
+  // Makes an embedded storage in `directory`, which it makes as well, with an identity of its own
+  // and nothing left of commits over several storages; syncs it, reads all of it back and checks
+  // that. Returns false when `told` has ended it. Then, and when this throws, what has been made is
+  // the caller's to remove. Throws corrupt_data also when the storage itself is damaged.
+  virtual bool write(const std::string& directory, const progress& told) = 0;
+};
+
 class dbs_storage {
  public:
   virtual ~dbs_storage() = default;
@@ -312,6 +336,8 @@ class dbs_storage {
   // that are taken while all are paused belong together. Throws as for_each().
   virtual std::unique_ptr<storage_view> view(const commit_pause& during) = 0;
 
+  virtual std::unique_ptr<storage_copier> copier() = 0;
+
   virtual storage_statistics statistics() = 0;
 };
 
@@ -325,5 +351,8 @@ class dbs_storage {
 // usage: what its parent opened is its parent's.
 std::shared_ptr<dbs_storage> open_storage(const std::string& address,
                                           const std::string& base_directory);
+
+// Whether there is a storage, which open_storage() would not have to make.
+bool has_storage(const std::string& address, const std::string& base_directory);
 
 }  // namespace goods

@@ -13,6 +13,7 @@
 #include "goods/collector.h"
 #include "goods/configuration.h"
 #include "goods/database_check.h"
+#include "goods/database_copier.h"
 #include "goods/epoch.h"
 #include "goods/object_cache.h"
 #include "goods/outlived_bodies.h"
@@ -58,7 +59,7 @@ database::~database() { close(); }
 
 bool database::open(const char* configuration_path) {
   close();
-  const configuration config = read_configuration(configuration_path);
+  configuration config = read_configuration(configuration_path);
   std::vector<std::unique_ptr<obj_storage>> opened;
   std::vector<dbs_storage*> contracts;
   try {
@@ -78,8 +79,19 @@ bool database::open(const char* configuration_path) {
     return false;
   }
   storages_ = std::move(opened);
+  addresses_ = std::move(config.addresses);
   session_ = create_session();
   return true;
+}
+
+void database::expect_storages(const char* configuration_path) {
+  const configuration config = read_configuration(configuration_path);
+  for (const std::string& address : config.addresses) {
+    if (has_storage(address, config.directory)) continue;
+    throw_error(error_code::usage, "There is no storage at \"" + address +
+                                       "\", which the configuration file \"" + configuration_path +
+                                       "\" names.");
+  }
 }
 
 void database::close() {
@@ -171,6 +183,16 @@ unsigned database::start_gc(const gc_options& options) {
   const bool has_ended = work.run();
   collected_ = work.removed();
   return has_ended ? 1 : 0;
+}
+
+bool database::copy_to(const std::string& directory, const copy_options& options) const {
+  session();  // it must be open
+  if (reader_section::is_inside()) {
+    throw_error(error_code::usage, "A database cannot be copied from within a read.");
+  }
+  std::vector<dbs_storage*> contracts;
+  for (const auto& storage : storages_) contracts.push_back(&storage->dbs());
+  return database_copier(std::move(contracts), addresses_, options).run(directory);
 }
 
 std::uint64_t database::get_num_bytes_from_db() const {

@@ -175,4 +175,16 @@ goods::check_result TarnManager::check(const goods::check_options& options) {
   return openDatabase().check(options);
 }
 
+bool TarnManager::backup(const char* directory, const goods::copy_options& options) const {
+  return openDatabase().copy_to(directory == nullptr ? "" : directory, options);
+}
+
+bool TarnManager::Restore(const char* configPath, const char* directory,
+                          const goods::copy_options& options, std::chrono::milliseconds limit) {
+  goods::database::expect_storages(configPath == nullptr ? "" : configPath);
+  TarnManager manager;
+  manager.connect(configPath, limit);
+  return manager.backup(directory, options);
+}
+
 }  // namespace tarns

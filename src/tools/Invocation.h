@@ -54,6 +54,8 @@ void AddStat(CLI::App& app, Invocation& invocation);
 void AddGc(CLI::App& app, Invocation& invocation);
 void AddCheck(CLI::App& app, Invocation& invocation);
 void AddSalvage(CLI::App& app, Invocation& invocation);
+void AddBackup(CLI::App& app, Invocation& invocation);
+void AddRestore(CLI::App& app, Invocation& invocation);
 void AddImport(CLI::App& app, Invocation& invocation);
 void AddExport(CLI::App& app, Invocation& invocation);
 

@@ -319,10 +319,29 @@ class faulty_disk : public goods::storage_disk {
     check(operation::read, path);
     return machine().size(path);
   }
-  void make_directory(const std::string& path) override {
+  bool make_directory(const std::string& path) override {
     check(operation::name, path);
-    machine().make_directory(path);
+    if (!machine().make_directory(path)) return false;
     note_directory(path);
+    return true;
+  }
+  void remove_directory(const std::string& path) override {
+    check(operation::name, path);
+    machine().remove_directory(path);
+    note_remove(path);
+  }
+  std::vector<std::string> list(const std::string& path) override {
+    check(operation::open, path);
+    return machine().list(path);
+  }
+  bool is_there(const std::string& path) override {
+    check(operation::read, path);
+    return machine().is_there(path);
+  }
+  void rename_to_new(const std::string& from, const std::string& to) override {
+    check(operation::name, from);
+    machine().rename_to_new(from, to);
+    note_rename(from, to);
   }
   void sync_directory(const std::string& path) override {
     check(operation::sync, path);

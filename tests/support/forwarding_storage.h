@@ -60,6 +60,7 @@ class forwarding_storage : public goods::dbs_storage {
   std::unique_ptr<goods::storage_view> view(const goods::commit_pause& during) override {
     return to_->view(during);
   }
+  std::unique_ptr<goods::storage_copier> copier() override { return to_->copier(); }
   goods::storage_statistics statistics() override { return to_->statistics(); }
 
  protected:

@@ -47,7 +47,11 @@ class memory_disk : public storage_disk {
     if (found == files_.end()) return std::nullopt;
     return found->second.now.size();
   }
-  void make_directory(const std::string&) override {}
+  bool make_directory(const std::string&) override { return true; }
+  void remove_directory(const std::string&) override {}
+  std::vector<std::string> list(const std::string&) override { return {}; }
+  bool is_there(const std::string& path) override { return files_.count(path) != 0; }
+  void rename_to_new(const std::string& from, const std::string& to) override { rename(from, to); }
   int lock(const std::string&) override { return -1; }
   void sync_directory(const std::string&) override {
     for (auto& [path, held] : files_) held.is_listed = true;

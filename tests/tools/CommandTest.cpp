@@ -195,7 +195,7 @@ TEST_F(CommandTest, MistakesInUseAndMissingDatabases) {
 
 TEST_F(CommandTest, EveryHelpEndsWithTwoExamples) {
   for (const char* name : {"init", "get", "set", "ls", "tree", "rm", "cp", "mv", "find", "stat",
-                           "gc", "check", "salvage", "import", "export"}) {
+                           "gc", "check", "salvage", "backup", "restore", "import", "export"}) {
     SCOPED_TRACE(name);
     const program_result result = run_program({PROGRAM_TARNS_COMMAND, name, "--help"});
     EXPECT_EQ(result.status, 0);
@@ -266,6 +266,95 @@ TEST_F(CommandTest, GcListsAndRemovesWhatNoPathLeadsTo) {
   EXPECT_EQ(collected.out + collected.err, "");
   EXPECT_EQ(dryRun(), "");
   EXPECT_EQ(run({"get", "kept~a"}).out, "1\n");
+}
+
+TEST_F(CommandTest, ABackupIsADatabaseAndCanBeRestored) {
+  const std::string backup = directory().file("backup"), again = directory().file("again");
+  const std::string text(100'000, 'x');
+  ASSERT_EQ(run({"set", "long", text}).status, 0);
+  ASSERT_EQ(run({"set", "a~b", "1"}).status, 0);
+  const program_result made = run({"backup", backup});
+  EXPECT_EQ(made.status, 0);
+  EXPECT_EQ(made.out + made.err, "");
+  ASSERT_EQ(run({"set", "a~b", "2"}).status, 0);
+  EXPECT_EQ(run_program({PROGRAM_TARNS_COMMAND, "-d", backup, "get", "a~b"}).out, "1\n");
+  ASSERT_EQ(run_program({PROGRAM_TARNS_COMMAND, "restore", backup, again}).status, 0);
+  EXPECT_EQ(run_program({PROGRAM_TARNS_COMMAND, "-d", again, "get", "a~b", "long"}).out,
+            "1\n" + text + '\n');
+
+  struct Case {
+    std::vector<std::string> arguments;
+    int status;
+    std::string err;
+  };
+  const std::string empty = directory().file("empty");
+  std::filesystem::create_directories(empty);
+  std::ofstream(empty + "/tarns.conf") << "1\n0: file:./data\n";
+  const Case cases[] = {
+      {{"-d", database(), "backup", backup}, 3, "already"},
+      {{"-d", database(), "backup", directory().file("no/where")}, 3, "No such file"},
+      {{"-d", database(), "backup"}, 2, "DIR"},
+      {{"-d", database(), "restore", backup}, 3, "already"},
+      {{"restore", backup}, 2, "Name the directory"},
+      {{"restore", directory().file("none"), directory().file("x")}, 3, "There is no database"},
+      {{"restore", empty, directory().file("x")}, 3, "There is no storage"},
+  };
+  for (const Case& c : cases) {
+    SCOPED_TRACE(testing::PrintToString(c.arguments));
+    std::vector<std::string> all{PROGRAM_TARNS_COMMAND};
+    all.insert(all.end(), c.arguments.begin(), c.arguments.end());
+    const program_result result = run_program(all);
+    EXPECT_EQ(result.status, c.status);
+    EXPECT_THAT(result.err, HasSubstr(c.err));
+  }
+  EXPECT_FALSE(std::filesystem::exists(directory().file("x")));
+  EXPECT_FALSE(std::filesystem::exists(empty + "/data"));
+}
+
+// Killed or interrupted while it makes or restores a backup: there is none, or a whole one.
+TEST_F(CommandTest, ABackupThatIsKilledIsWholeOrNotThere) {
+  const std::string backup = directory().file("backup"), again = directory().file("again");
+  for (int i = 0; i < 30; ++i) {
+    ASSERT_EQ(run({"set", "t~" + std::to_string(i), std::string(100'000, 'x')}).status, 0);
+  }
+  const auto begin = std::chrono::steady_clock::now();
+  ASSERT_EQ(run({"backup", backup}).status, 0);
+  const auto time = std::chrono::steady_clock::now() - begin;
+  const auto longest = std::chrono::duration_cast<std::chrono::microseconds>(time * 3 / 2).count();
+  const std::string expected = run({"--format", "json", "tree"}).out;
+  const auto seed = std::random_device()();
+  SCOPED_TRACE(testing::Message() << "seed " << seed);
+  std::minstd_rand random(seed);
+  int none = 0;
+  for (int cycle = 0; cycle < 60; ++cycle) {
+    const bool restores = cycle % 2 == 0;
+    {
+      killed_process command(
+          restores
+              ? std::vector<std::string>{PROGRAM_TARNS_COMMAND, "restore", backup, again}
+              : std::vector<std::string>{PROGRAM_TARNS_COMMAND, "-d", database(), "backup", again});
+      command.kill_after(std::chrono::microseconds(random() % longest));
+    }
+    if (!std::filesystem::exists(again)) {
+      ++none;
+      continue;
+    }
+    ASSERT_EQ(run_program({PROGRAM_TARNS_COMMAND, "-d", again, "--format", "json", "tree"}).out,
+              expected);
+    std::filesystem::remove_all(again);
+  }
+  EXPECT_GT(none, 0);
+  EXPECT_EQ(run({"backup", again}).status, 0);
+  EXPECT_FALSE(std::filesystem::exists(again + ".unfinished"));
+  std::filesystem::remove_all(again);
+  // An interrupted one tidies up.
+  const std::string script = "\"$0\" \"$@\" & until [ -e '" + again + ".unfinished' -o -e '" +
+                             again + "' ]; do :; done; kill -INT $!; wait $!";
+  const program_result interrupted = run_program(
+      {"/bin/bash", "-mc", script, PROGRAM_TARNS_COMMAND, "-d", database(), "backup", again});
+  EXPECT_THAT(interrupted.status, testing::AnyOf(0, 128 + SIGINT));
+  EXPECT_FALSE(std::filesystem::exists(again + ".unfinished"));
+  EXPECT_EQ(std::filesystem::exists(again), interrupted.status == 0);
 }
 
 TEST_F(CommandTest, ControlBytesAreShownAsEscapes) {

@@ -142,6 +142,20 @@ class TARNS_API TarnManager {
   // identifier, and never thrown. See goods::database::check.
   goods::check_result check(const goods::check_options& options);
 
+  // Makes a copy of the whole database, as of one moment, in a new directory, while other threads
+  // may go on working; it is checked, complete or not there, and a database itself, to which
+  // connect() takes its "tarns.conf". False when options.progress ended it. The calling thread need
+  // not be attached. See goods::database::copy_to.
+  bool backup(const char* directory, const goods::copy_options& options = {}) const;
+
+  // Makes a database in a new directory from the backup whose configuration file this is: opens it,
+  // which it must not be elsewhere for longer than `limit`, and has it copied as backup() does. The
+  // backup stays. False when options.progress ended it; otherwise as backup() and connect(), but
+  // nothing is made when a storage of the backup is missing: that throws 111.
+  static bool Restore(const char* configPath, const char* directory,
+                      const goods::copy_options& options = {},
+                      std::chrono::milliseconds limit = std::chrono::milliseconds(0));
+
   // --- Reading values: conversions are TarnData's -----------------------------------------------
 
   // False when there is no value at the path; `out` is then as before.

@@ -8,6 +8,7 @@
 #include "storage/local/change_merger.h"
 #include "storage/local/open_store.h"
 #include "storage/local/segment_writer.h"
+#include "storage/local/store_copier.h"
 #include "storage/local/store_view.h"
 #include "storage/local/store_walk.h"
 #include "storage/outcome_unknown.h"
@@ -435,6 +436,11 @@ std::unique_ptr<storage_view> local_storage::view(const commit_pause&) {
   check_process();
   check_nothing_hidden();
   return std::make_unique<store_view>(*parts_, next_object_);
+}
+
+std::unique_ptr<storage_copier> local_storage::copier() {
+  check_process();
+  return std::make_unique<store_copier>(*parts_);
 }
 
 storage_statistics local_storage::statistics() {

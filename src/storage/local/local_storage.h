@@ -62,6 +62,7 @@ class local_storage : public dbs_storage {
 
   void for_each(const std::function<bool(const object_state&)>& visit) override;
   std::unique_ptr<storage_view> view(const commit_pause& during) override;
+  std::unique_ptr<storage_copier> copier() override;
   storage_statistics statistics() override;
 
  private:

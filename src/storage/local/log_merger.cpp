@@ -47,6 +47,14 @@ void log_merger::merge_all() {
   wait();
 }
 
+void log_merger::start() {
+  {
+    guarded_scope scope(lock_);
+    if (pending_) return;
+  }
+  begin();
+}
+
 void log_merger::begin() {
   const bool merges = !with_.overlay.is_active_empty();
   if (merges) with_.overlay.freeze();  // may throw: the log goes on as it was then

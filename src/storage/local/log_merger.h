@@ -53,9 +53,13 @@ class log_merger {
   // Returns when everything is in the database, or throws why that failed.
   void merge_all();
 
+  // Begins to merge what there is, unless a merge is on its way.
+  void start();
+  // Returns when no merge is on its way, or throws why one failed. Any thread.
+  void wait();
+
  private:
   void begin();
-  void wait();
   void run();
   bool wait_for_work(bool failed) REQUIRES(lock_);
   void merge();

@@ -1,13 +1,16 @@
 #include "storage/local/storage_file.h"
 
+#include <dirent.h>
 #include <fcntl.h>
 #include <fmt/format.h>
 #include <sys/file.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <atomic>
 #include <cerrno>
+#include <cstdio>
 #include <cstring>
 
 namespace goods {
@@ -110,12 +113,54 @@ class machine_disk : public storage_disk {
     return std::nullopt;
   }
 
-  void make_directory(const std::string& path) override {
+  bool make_directory(const std::string& path) override {
     if (::mkdir(path.c_str(), 0700) != 0) {
-      if (errno == EEXIST) return;
+      if (errno == EEXIST) return false;
       throw_system_error("making the directory", path, errno);
     }
     if (::chmod(path.c_str(), 0700) != 0) throw_system_error("changing its mode", path, errno);
+    return true;
+  }
+
+  void remove_directory(const std::string& path) override {
+    if (::rmdir(path.c_str()) != 0) throw_system_error("removing it", path, errno);
+  }
+
+  std::vector<std::string> list(const std::string& path) override {
+    const int descriptor = ::open(path.c_str(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC);
+    if (descriptor < 0) throw_system_error("opening it", path, errno);
+    const std::unique_ptr<DIR, int (*)(DIR*)> directory(::fdopendir(descriptor), ::closedir);
+    if (!directory) {
+      const int error = errno;
+      ::close(descriptor);
+      throw_system_error("opening it", path, error);
+    }
+    std::vector<std::string> names;
+    errno = 0;
+    // NOLINTNEXTLINE(concurrency-mt-unsafe): a directory stream of our own
+    while (const dirent* entry = ::readdir(directory.get())) {
+      const std::string name(&entry->d_name[0]);
+      if (name != "." && name != "..") names.push_back(name);
+      errno = 0;
+    }
+    if (errno != 0) throw_system_error("reading it", path, errno);
+    std::ranges::sort(names);
+    return names;
+  }
+
+  bool is_there(const std::string& path) override {
+    struct stat status;
+    if (::lstat(path.c_str(), &status) == 0) return true;
+    if (errno != ENOENT) throw_system_error("looking at it", path, errno);
+    return false;
+  }
+
+  void rename_to_new(const std::string& from, const std::string& to) override {
+    if (::renameat2(AT_FDCWD, from.c_str(), AT_FDCWD, to.c_str(), RENAME_NOREPLACE) == 0) return;
+    // Not every file system can; a directory replaces nothing but an empty one then.
+    if (errno != EINVAL && errno != ENOSYS) throw_system_error("making it", to, errno);
+    if (is_there(to)) throw_system_error("making it", to, EEXIST);
+    rename(from, to);
   }
 
   void sync_directory(const std::string& path) override {

@@ -7,6 +7,7 @@
 #include <optional>
 #include <span>
 #include <string>
+#include <vector>
 
 #include <goods/errors.h>
 
@@ -51,8 +52,16 @@ class storage_disk {
   virtual void rename(const std::string& from, const std::string& to) = 0;
   // Bytes of the file; nothing when there is none.
   virtual std::optional<std::uint64_t> size(const std::string& path) = 0;
-  // 0700 under any umask. Does nothing when there is something of that name.
-  virtual void make_directory(const std::string& path) = 0;
+  // 0700 under any umask. False, and nothing is done, when there is something of that name.
+  virtual bool make_directory(const std::string& path) = 0;
+  // An empty one.
+  virtual void remove_directory(const std::string& path) = 0;
+  // The names in a directory, in order; refuses a symbolic link to one.
+  virtual std::vector<std::string> list(const std::string& path) = 0;
+  // Whether there is anything of that name; a symbolic link is something.
+  virtual bool is_there(const std::string& path) = 0;
+  // Fails when there is something of the new name.
+  virtual void rename_to_new(const std::string& from, const std::string& to) = 0;
   // Returns once names given and taken in the directory are so after a loss of power.
   virtual void sync_directory(const std::string& path) = 0;
   // Opens the file, or makes it as create() does, and locks it exclusively until the descriptor is

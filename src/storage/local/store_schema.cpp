@@ -38,8 +38,25 @@ std::uint32_t big_endian(const unsigned char* at) {
               fmt::format("The file \"{}\" is no store, or it is damaged: {}.", file, why));
 }
 
-std::uint64_t random_number(std::random_device& source) {
-  return std::uint64_t{source()} << 32 | source();
+storage_identity new_identity() {
+  std::random_device source;
+  const auto number = [&] { return std::uint64_t{source()} << 32 | source(); };
+  const std::uint64_t high = number();
+  return {high, number()};
+}
+
+void write_about(sqlite_connection& connection, const storage_identity& identity,
+                 const store_state& state) {
+  std::vector<std::byte> row;
+  sqlite_statement replace(connection, "REPLACE INTO about(id, body) VALUES(?, ?)");
+  write_identity(identity, row);
+  replace.bind(0, identity_key);
+  replace.bind(1, row);
+  replace.run();
+  state.write(row);
+  replace.bind(0, state_key);
+  replace.bind(1, row);
+  replace.run();
 }
 
 }  // namespace
@@ -93,18 +110,18 @@ void make_store(const std::string& file) {
   connection.execute(fmt::format("PRAGMA application_id={}; PRAGMA user_version={}",
                                  store_application, store_format)
                          .c_str());
-  std::random_device source;
-  std::vector<std::byte> row;
-  sqlite_statement insert(connection, "INSERT INTO about(id, body) VALUES(?, ?)");
-  write_identity({random_number(source), random_number(source)}, row);
-  insert.bind(0, identity_key);
-  insert.bind(1, row);
-  insert.run();
-  store_state{}.write(row);
-  insert.bind(0, state_key);
-  insert.bind(1, row);
-  insert.run();
+  write_about(connection, new_identity(), {});
   connection.execute("COMMIT; PRAGMA wal_checkpoint(TRUNCATE)");
+}
+
+storage_identity renew_store(const std::string& file, store_state state) {
+  const storage_identity identity = new_identity();
+  state.prepared_rows = state.decisions = 0;
+  sqlite_connection connection(file, sqlite_connection::access::read_write);
+  connection.execute("BEGIN IMMEDIATE; DELETE FROM prepared; DELETE FROM decisions");
+  write_about(connection, identity, state);
+  connection.execute("COMMIT; PRAGMA wal_checkpoint(TRUNCATE)");
+  return identity;
 }
 
 void check_database_header(const std::string& file, std::span<const unsigned char> header,

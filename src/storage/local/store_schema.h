@@ -51,6 +51,11 @@ inline constexpr std::int64_t state_key = 2;
 // Makes tables and rows of an empty store in `file` and closes it.
 void make_store(const std::string& file);
 
+// Makes the copy of a store that `file` holds a store of its own: with a new identity, which it
+// returns, and without what the other one has to do with commits over several storages. `state`:
+// the store's.
+storage_identity renew_store(const std::string& file, store_state state);
+
 // Checks the first bytes of a store's file. `file_size` 0: not known.
 // Throws corrupt_data and newer_version.
 void check_database_header(const std::string& file, std::span<const unsigned char> header,
