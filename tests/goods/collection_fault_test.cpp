@@ -1,8 +1,11 @@
 // Collections on a disk that fails or loses its power.
 
 #include <gtest/gtest.h>
+#include <sys/wait.h>
+#include <unistd.h>
 
 #include <algorithm>
+#include <csignal>
 #include <numeric>
 #include <random>
 #include <vector>
@@ -168,6 +171,39 @@ TEST_F(CollectionFaultTest, ADiskThatFailsAtAnyPointLosesNothingThatIsNeeded) {
       ASSERT_EQ(fault_of(scratch.path().string(), steps, steps), "");
       if (!failed) break;
     }
+}
+
+// Each file operation in turn is the last one of a process that collects; the next collection
+// removes all the rest.
+TEST_F(CollectionFaultTest, AProcessKilledAtAnyPointLosesNothingThatIsNeeded) {
+  const test_store good(storages, options, scratch_directory::place::in_memory);
+  {
+    test_session session(good);
+    for (int i = 0; i < steps; ++i) apply(i, session);
+  }
+  bool was_killed = true;
+  for (std::uint64_t operations = 0; was_killed; ++operations) {
+    SCOPED_TRACE(testing::Message() << "killed after " << operations << " operations");
+    const scratch_directory scratch(scratch_directory::place::in_memory);
+    std::filesystem::copy(good.directory().path(), scratch.path(),
+                          std::filesystem::copy_options::recursive);
+    const pid_t child = ::fork();
+    if (child == 0) {
+      try {
+        // Opened, collected and closed: nothing of it is spared.
+        disk_.arm({faulty_vfs::all_operations, operations, faulty_vfs::fault::kill, true});
+        test_session(scratch.file("test.cfg")).db().start_gc();
+        ::_exit(0);
+      } catch (...) {
+        ::_exit(1);
+      }
+    }
+    int status = 0;
+    ASSERT_EQ(::waitpid(child, &status, 0), child);
+    was_killed = WIFSIGNALED(status) && WTERMSIG(status) == SIGKILL;
+    ASSERT_TRUE(was_killed || (WIFEXITED(status) && WEXITSTATUS(status) == 0)) << status;
+    ASSERT_EQ(fault_of(scratch.path().string(), steps, steps), "");
+  }
 }
 
 }  // namespace
