@@ -82,9 +82,9 @@ int RunCommand(int argc, char** argv) {
   app.require_subcommand(1);
   app.footer("Examples:\n  tarns -d data init\n  tarns -d data set machines~press~speed 40");
   AddSharedOptions(app, invocation);
-  for (const auto add : {AddInit, AddGet, AddSet, AddLs, AddTree, AddRm, AddCp, AddMv, AddFind,
-                         AddStat, AddGc, AddCheck, AddSalvage, AddBackup, AddRestore, AddImport,
-                         AddExport}) {
+  for (const auto add :
+       {AddInit, AddGet, AddSet, AddLs, AddTree, AddRm, AddCp, AddMv, AddFind, AddStat, AddGc,
+        AddCheck, AddSalvage, AddBackup, AddRestore, AddImport, AddExport}) {
     add(app, invocation);
   }
   try {
