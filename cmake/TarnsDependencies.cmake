@@ -11,6 +11,7 @@ if(TARNS_BUILD_TOOL)
   find_package(CLI11 2.1 REQUIRED)
   find_package(nlohmann_json 3.11 REQUIRED)
   pkg_check_modules(utf8proc REQUIRED IMPORTED_TARGET libutf8proc)
+  pkg_check_modules(zstd REQUIRED IMPORTED_TARGET libzstd)
 endif()
 
 if(TARNS_BUILD_TESTS)

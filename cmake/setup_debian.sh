@@ -7,7 +7,7 @@ set -euo pipefail
 # shellcheck disable=SC2034  # the lists are used by their names
 build=(g++ cmake ninja-build pkgconf
   libsqlite3-dev libxxhash-dev liblz4-dev libfmt-dev libspdlog-dev
-  libcli11-dev nlohmann-json3-dev libutf8proc-dev)
+  libcli11-dev nlohmann-json3-dev libutf8proc-dev libzstd-dev)
 # shellcheck disable=SC2034
 test=(libgtest-dev libgmock-dev librapidcheck-dev liblmdb-dev locales)
 # shellcheck disable=SC2034

@@ -84,7 +84,7 @@ int RunCommand(int argc, char** argv) {
   AddSharedOptions(app, invocation);
   for (const auto add :
        {AddInit, AddGet, AddSet, AddLs, AddTree, AddRm, AddCp, AddMv, AddFind, AddStat, AddGc,
-        AddCheck, AddSalvage, AddBackup, AddRestore, AddImport, AddExport}) {
+        AddCheck, AddSalvage, AddBackup, AddRestore, AddImport, AddExport, AddEdit}) {
     add(app, invocation);
   }
   try {

@@ -8,6 +8,7 @@
 #include "tools/OpenDatabase.h"
 #include "tools/Output.h"
 #include "tools/Progress.h"
+#include "tools/TextFile.h"
 
 namespace tarns {
 
@@ -16,6 +17,7 @@ namespace {
 struct ExportOptions {
   std::string path;
   std::string file = "-";
+  std::string format;  // "json", "text" or empty
 };
 
 // A file given alone is taken for the branch.
@@ -31,10 +33,27 @@ struct ExportOptions {
   throw error;
 }
 
+void ExportText(const TarnRef& node, const std::string& file) {
+  TextOutput output(file);
+  PInOut out;
+  out.writeTo(output.sink());
+  node->exportTo(out);
+  out.close();
+  output.finish();
+}
+
 int Export(const Invocation& invocation, const ExportOptions& options) {
+  const BranchForm form = FormFor(options.format, options.file);
+  if (form == BranchForm::kJson && IsCompressed(options.file)) {
+    throw UsageError{"Only the text form is compressed: name the file .txt.zst"};
+  }
   OpenDatabase database(invocation);
   const TarnRef node = database->getObject(options.path);
   if (node.is_null()) ThrowNothingAt(options);
+  if (form == BranchForm::kText) {
+    ExportText(node, options.file);
+    return ExitStatus::kDone;
+  }
   Output out(options.file);
   std::optional<Progress> progress;
   if (!out.isTerminal()) progress.emplace("Exporting", 0);
@@ -49,12 +68,17 @@ int Export(const Invocation& invocation, const ExportOptions& options) {
 
 void AddExport(CLI::App& app, Invocation& invocation) {
   CLI::App& command = AddCommand(
-      app, "export", "Write a branch as JSON, from which import makes it again",
-      "tarns -d data export machines machines.json", "tarns -d data export | gzip > all.gz");
+      app, "export", "Write a branch as JSON or as text, from which import makes it again",
+      "tarns -d data export machines machines.json", "tarns -d data export \"\" all.txt.zst");
   auto options = std::make_shared<ExportOptions>();
   command.add_option("PATH", options->path, "The branch; without it everything");
   command.add_option("FILE", options->file,
-                     "The file, which appears when it is complete; - is standard output (default)");
+                     "The file, which appears when it is complete; - is standard output "
+                     "(default). Names that end with .txt or .tarns are text, with .zst behind "
+                     "that compressed");
+  command.add_option("--format", options->format, "json or text, whatever the file is called")
+      ->type_name("FORMAT")
+      ->check(CLI::IsMember({"json", "text"}).description(""));
   command.callback([&invocation, options] {
     invocation.action = [&invocation, options] { return Export(invocation, *options); };
   });

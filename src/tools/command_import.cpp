@@ -9,6 +9,8 @@
 #include "tools/JsonImporter.h"
 #include "tools/OpenDatabase.h"
 #include "tools/Progress.h"
+#include "tools/TextFile.h"
+#include "tools/branch_text.h"
 #include "tools/signals.h"
 
 namespace tarns {
@@ -19,6 +21,10 @@ struct ImportOptions {
   std::string file;
   std::string path;
   std::uint64_t batch = 0;  // values per transaction; 0: all in one
+  std::string format;       // "json", "text" or empty
+  bool merges = false;      // which is what happens without as well
+  bool replaces = false;
+  bool isDryRun = false;
 };
 
 // The import's transaction, or one after the other when batches are wanted.
@@ -36,6 +42,10 @@ class Batches {
   }
   void finish() {
     transaction_->commit();
+    transaction_.reset();
+  }
+  void undo() {
+    transaction_->rollback();
     transaction_.reset();
   }
   std::uint64_t getKept() const { return kept_; }  // values that are stored whatever happens
@@ -59,7 +69,60 @@ void SayWhatWasKept(std::uint64_t kept, bool isKnown) {
   }
 }
 
+class ImportProgress : public XProgressReporter {
+ public:
+  explicit ImportProgress(const TextInput& input)
+      : input_(input), progress_("Importing", input.getSize(), "KiB") {}
+  void reportProgress(std::uint64_t, std::uint64_t) override {
+    ThrowIfInterrupted();
+    progress_.show(input_.getPosition(), input_.getPosition() / 1024);
+  }
+
+ private:
+  const TextInput& input_;
+  Progress progress_;
+};
+
+int ImportText(const Invocation& invocation, const ImportOptions& options) {
+  TextInput input(options.file);
+  OpenDatabase database(invocation);
+  TarnRef node;
+  {
+    ImportProgress progress(input);
+    PInOut in;
+    in.reportProgressTo(&progress);
+    in.readFrom(input.source(), input.getSize());
+    node = ImportKnown(*database, in);
+  }
+  TarnTransaction transaction(*database);
+  const std::string before = options.isDryRun ? TextAt(*database, options.path) : std::string();
+  PlaceBranch(*database, options.path, node, options.replaces);
+  if (options.isDryRun) {
+    PrintChanges(*database, options.path, before);
+    transaction.rollback();
+  } else {
+    transaction.commit();
+  }
+  return ExitStatus::kDone;
+}
+
+void Verify(const ImportOptions& options, BranchForm form) {
+  const bool isJson = form == BranchForm::kJson;
+  if (isJson && IsCompressed(options.file)) {
+    throw UsageError{"Only the text form is compressed: zstd -dc FILE | tarns import -"};
+  }
+  if (isJson && (options.isDryRun || options.replaces) && options.batch != 0) {
+    throw UsageError{"--batch goes with neither --dry-run nor --replace"};
+  }
+  if (!isJson && options.batch != 0) throw UsageError{"--batch goes with JSON only"};
+  if (options.merges && options.replaces)
+    throw UsageError{"--merge and --replace exclude each other"};
+}
+
 int Import(const Invocation& invocation, const ImportOptions& options) {
+  const BranchForm form = FormFor(options.format, options.file);
+  Verify(options, form);
+  if (form == BranchForm::kText) return ImportText(invocation, options);
   JsonInput input(options.file);
   OpenDatabase database(invocation);
   std::uint64_t kept = 0;
@@ -67,6 +130,8 @@ int Import(const Invocation& invocation, const ImportOptions& options) {
     SignalWatch watch;  // to say what was kept
     Progress progress("Importing", input.getSize());
     Batches batches(*database, options.batch);
+    const std::string before = options.isDryRun ? TextAt(*database, options.path) : std::string();
+    if (options.replaces) RemoveBranch(*database, options.path);
     JsonImporter importer(*database, input, [&](std::uint64_t count) {
       batches.countTo(count);
       kept = batches.getKept();
@@ -74,6 +139,11 @@ int Import(const Invocation& invocation, const ImportOptions& options) {
     });
     importer.read(options.path);
     watch.end();
+    if (options.isDryRun) {
+      PrintChanges(*database, options.path, before);
+      batches.undo();
+      return ExitStatus::kDone;
+    }
     progress.showLastStep("storing");
     batches.finish();
   } catch (const TarnException& error) {
@@ -95,12 +165,17 @@ int Import(const Invocation& invocation, const ImportOptions& options) {
 void AddImport(CLI::App& app, Invocation& invocation) {
   CLI::App& command = AddCommand(
       app, "import",
-      "Read JSON into a branch: objects are merged into the nodes that are there, everything else "
-      "replaces. The whole is one transaction",
-      "tarns -d data import machines.json machines",
+      "Read JSON or text into a branch: nodes are merged into the nodes that are there, everything "
+      "else replaces. The whole is one transaction",
+      "tarns -d data import machines.txt machines --dry-run",
       "zcat all.gz | tarns -d data import - packages --batch 100000");
   auto options = std::make_shared<ImportOptions>();
-  command.add_option("FILE", options->file, "The JSON; - is standard input")->required();
+  command
+      .add_option(
+          "FILE", options->file,
+          "The file; - is standard input. Names that end with .txt or .tarns are text, with "
+          ".zst behind that compressed")
+      ->required();
   command.add_option("PATH", options->path, "Where to; without it the root");
   command
       .add_option("--batch", options->batch,
@@ -108,6 +183,13 @@ void AddImport(CLI::App& app, Invocation& invocation) {
                   "whole when something fails")
       ->type_name("N")
       ->check(CLI::NonNegativeNumber);
+  command.add_option("--format", options->format, "json or text, whatever the file is called")
+      ->type_name("FORMAT")
+      ->check(CLI::IsMember({"json", "text"}).description(""));
+  command.add_flag("--merge", options->merges, "Merge into what is there, which is the default");
+  command.add_flag("--replace", options->replaces, "Remove first what is there");
+  command.add_flag("--dry-run", options->isDryRun,
+                   "Change nothing, and print the lines of the text form that would go and come");
   command.callback([&invocation, options] {
     invocation.action = [&invocation, options] { return Import(invocation, *options); };
   });

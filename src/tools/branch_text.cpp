@@ -1,0 +1,60 @@
+#include "tools/branch_text.h"
+
+#include <tarns/core/TarnException.h>
+#include <tarns/session/TarnRoot.h>
+
+#include <sstream>
+
+#include "tools/BranchChanges.h"
+#include "tools/Output.h"
+#include "tools/shown_text.h"
+
+namespace tarns {
+
+std::string TextAt(const TarnManager& manager, const std::string& path) {
+  const TarnRef node = manager.getObject(path);
+  if (node.is_null()) return {};
+  std::ostringstream text;
+  node->exportTo(text);
+  return text.str();
+}
+
+void PrintChanges(const TarnManager& manager, const std::string& path, const std::string& before) {
+  Output out;
+  for (const std::string& line : BranchChanges(before, TextAt(manager, path))) {
+    out << Shown(line) << '\n';
+  }
+  out.finish();
+}
+
+void RemoveBranch(TarnManager& manager, const std::string& path) {
+  if (path.empty()) {
+    modify(TarnRef(manager.getRoot()))->deleteChildren();
+  } else {
+    manager.deleteBranch(path);
+  }
+}
+
+void PlaceBranch(TarnManager& manager, const std::string& path, TarnRef node, bool replaces) {
+  if (replaces) RemoveBranch(manager, path);
+  if (path.empty() && node->isOfType(TarnRoot::GetType())) {
+    TarnRef plain = TarnObject::Create();
+    modify(node)->bequeathChildren(plain);
+    node = plain;
+  }
+  if (manager.getObject(path).is_null()) {
+    manager.set(path, node);
+  } else {
+    manager.mergeBranch(node, path, true);
+  }
+}
+
+TarnRef ImportKnown(const TarnManager& manager, PInOut& in) {
+  const std::string type = in.getCommand();
+  TarnRef node = manager.importFrom(in);
+  if (!node.is_null()) return node;
+  throw TarnException(("Line 1: there is no class \"" + type + "\".").c_str(),
+                      ErrorID::BadExportFile);
+}
+
+}  // namespace tarns

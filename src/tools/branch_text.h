@@ -1,0 +1,26 @@
+// Branches of the database as text, for the commands that import and edit.
+#pragma once
+
+#include <tarns/session/TarnManager.h>
+
+#include <string>
+
+namespace tarns {
+
+// The branch at `path` as text; empty when there is none.
+std::string TextAt(const TarnManager& manager, const std::string& path);
+
+// Prints what has changed at the path, which was `before`, as BranchChanges() says it.
+void PrintChanges(const TarnManager& manager, const std::string& path, const std::string& before);
+
+// Removes what is at the path; of the root its children.
+void RemoveBranch(TarnManager& manager, const std::string& path);
+
+// Puts a node that is in no tree at the path, merging it into what is there, or removing that
+// first. The root stays and gets the children. Within a transaction.
+void PlaceBranch(TarnManager& manager, const std::string& path, TarnRef node, bool replaces);
+
+// The node that a text describes; where its class is not known, 15 that says so. `in` is open.
+TarnRef ImportKnown(const TarnManager& manager, PInOut& in);
+
+}  // namespace tarns

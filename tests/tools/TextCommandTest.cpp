@@ -1,0 +1,174 @@
+// The command with branches as text.
+#include <gmock/gmock.h>
+
+#include <filesystem>
+#include <fstream>
+#include <iterator>
+#include <string>
+#include <vector>
+
+#include "support/run_program.h"
+#include "support/scratch_directory.h"
+#include "tools/BranchChanges.h"
+
+namespace tarns {
+namespace {
+
+using testing::ElementsAre;
+using testing::HasSubstr;
+
+class TextCommandTest : public testing::Test {
+ protected:
+  TextCommandTest() {
+    EXPECT_EQ(run({"init"}).status, 0);
+    EXPECT_EQ(run({"set", "m~press~speed", "40"}).status, 0);
+    EXPECT_EQ(run({"set", "m~press~label", "a\nb"}).status, 0);
+    EXPECT_EQ(run({"set", "m~saw~on", "true"}).status, 0);
+  }
+
+  program_result run(const std::vector<std::string>& arguments, const std::string& input = {}) {
+    std::vector<std::string> all{PROGRAM_TARNS_COMMAND, "-d", file("db")};
+    all.insert(all.end(), arguments.begin(), arguments.end());
+    return run_program(all, input);
+  }
+  // With an editor, which is a line for the shell.
+  program_result edit(const std::string& editor, const std::string& path) {
+    return run_program(
+        {"/usr/bin/env", "-u", "VISUAL", "EDITOR=" + editor, "TMPDIR=" + directory_.path().string(),
+         PROGRAM_TARNS_COMMAND, "-d", file("db"), "edit", path},
+        {});
+  }
+  std::string text(const std::string& path = "") {
+    return run({"export", path, "-", "--format", "text"}).out;
+  }
+  std::string file(const char* name) const { return directory_.file(name); }
+  std::string bytesOf(const char* name) const {
+    std::ifstream in(file(name), std::ios::binary);
+    return {std::istreambuf_iterator<char>(in), {}};
+  }
+  int numTemporaryFiles() const {
+    int count = 0;
+    for (const auto& entry : std::filesystem::directory_iterator(directory_.path())) {
+      count += static_cast<int>(entry.path().filename().string().starts_with("tarns-"));
+    }
+    return count;
+  }
+
+ private:
+  scratch_directory directory_;
+};
+
+TEST_F(TextCommandTest, WritesAndReadsFilesByTheirEnding) {
+  const std::string all = text();
+  ASSERT_THAT(all, HasSubstr("\n        TarnObject press\n"));
+  for (const char* name : {"a.txt", "a.tarns", "a.txt.zst", "a.tarns.zst"}) {
+    SCOPED_TRACE(name);
+    ASSERT_EQ(run({"export", "", file(name)}).status, 0);
+    const bool isPlain = !std::string(name).ends_with(".zst");
+    EXPECT_EQ(bytesOf(name) == all, isPlain);
+    ASSERT_EQ(run({"rm", "m"}).status, 0);
+    const program_result imported = run({"import", file(name)});
+    EXPECT_EQ(imported.status, 0) << imported.err;
+    EXPECT_EQ(text(), all);
+  }
+  EXPECT_EQ(run({"export", "", file("a.json")}).status, 0);
+  EXPECT_THAT(bytesOf("a.json"), testing::StartsWith("{"));
+  EXPECT_EQ(run({"import", "-", "copy", "--format", "text"}, text("m")).status, 0);
+  EXPECT_EQ(run({"get", "copy~press~speed"}).out, "40\n");
+}
+
+TEST_F(TextCommandTest, MergesOrReplacesOrOnlySaysWhatWouldChange) {
+  const std::string before = text("m");
+  const std::string part =
+      "TarnObject m\n  Children {\n    TarnObject press\n      Children {\n"
+      "        TarnSint64Value speed\n          Value 41\n      }\n  }\n";
+  const auto import = [&](const std::vector<std::string>& options) {
+    std::vector<std::string> all{"import", "-", "m", "--format", "text"};
+    all.insert(all.end(), options.begin(), options.end());
+    return run(all, part);
+  };
+  EXPECT_EQ(import({"--dry-run"}).out, "- press~speed: Value 40\n+ press~speed: Value 41\n");
+  EXPECT_EQ(import({"--dry-run", "--replace"}).out,
+            "- press: TarnStringValue label\n- press~label: Value a\\nb\n- press~speed: Value 40\n"
+            "- TarnObject saw\n- saw: TarnBooleanValue on\n- saw~on: Value True\n"
+            "+ press~speed: Value 41\n");
+  EXPECT_EQ(run({"import", "-", "m", "--dry-run"}, R"({"new": 1})").out,
+            "+ TarnSint64Value new\n+ new: Value 1\n");
+  EXPECT_EQ(text("m"), before);
+  EXPECT_EQ(import({"--merge"}).status, 0);
+  EXPECT_EQ(run({"get", "m~press~speed", "m~saw~on"}).out, "41\ntrue\n");
+  EXPECT_EQ(import({"--replace"}).status, 0);
+  EXPECT_EQ(text("m"), part);
+  EXPECT_EQ(run({"import", "-", "m", "--replace"}, R"({"new": 1})").status, 0);
+  EXPECT_EQ(run({"ls", "m"}).out, "new\n");
+}
+
+TEST_F(TextCommandTest, ChangesNothingWhenSomethingIsWrong) {
+  const std::string before = text();
+  ASSERT_EQ(run({"export", "", file("a.txt.zst")}).status, 0);
+  const std::string compressed = bytesOf("a.txt.zst");
+  struct Case {
+    const char* file;
+    std::string bytes, error;
+  };
+  const Case cases[] = {
+      {"cut.txt.zst", compressed.substr(0, compressed.size() / 2), "the file was cut"},
+      {"bad.txt.zst", "no zstd", "Cannot decompress"},
+      {"cut.txt", before.substr(0, before.size() - 4), "the } that ends the children is missing"},
+      {"bad.txt", "TarnObject a\n   b\n", "Line 2: "},
+      {"class.txt", "Nobody a\n", "there is no class \"Nobody\""},
+      {"empty.txt", "", "there is no node in the file"},
+  };
+  for (const Case& c : cases) {
+    std::ofstream(file(c.file), std::ios::binary) << c.bytes;
+    const program_result result = run({"import", file(c.file), "m", "--replace"});
+    EXPECT_EQ(result.status, 3) << c.file;
+    EXPECT_THAT(result.err, HasSubstr(c.error));
+  }
+  for (const auto& arguments :
+       std::vector<std::vector<std::string>>{{"import", file("cut.txt"), "--merge", "--replace"},
+                                             {"import", file("cut.txt"), "--batch", "5"},
+                                             {"import", "-", "--batch", "5", "--dry-run"},
+                                             {"import", file("a.json.zst")},
+                                             {"export", "", file("a.json.zst")},
+                                             {"export", "", "-", "--format", "xml"}}) {
+    EXPECT_EQ(run(arguments).status, 2) << arguments.back();
+  }
+  EXPECT_EQ(text(), before);
+}
+
+TEST_F(TextCommandTest, TakesOverWhatAnEditorLeaves) {
+  const program_result changed = edit("sed -i s/40/41/", "m~press");
+  EXPECT_EQ(changed.status, 0) << changed.err;
+  EXPECT_EQ(changed.out, "- speed: Value 40\n+ speed: Value 41\n");
+  EXPECT_EQ(run({"get", "m~press~speed"}).out, "41\n");
+  EXPECT_EQ(edit("true", "m").out, "");
+  EXPECT_EQ(edit("sed -i s/41/42/", "").status, 0);
+  EXPECT_EQ(run({"get", "m~press~speed"}).out, "42\n");
+  EXPECT_EQ(numTemporaryFiles(), 0);
+
+  const std::string before = text();
+  EXPECT_EQ(edit("false", "m").status, 3);
+  EXPECT_EQ(edit("true", "none").status, 1);
+  const program_result damaged = edit("sed -i s/42/x/", "m");
+  EXPECT_EQ(damaged.status, 3);
+  EXPECT_THAT(damaged.err, HasSubstr("this is no number that fits"));
+  EXPECT_THAT(damaged.err, HasSubstr("The text is still in"));
+  EXPECT_EQ(numTemporaryFiles(), 2) << "what was typed is kept";
+  EXPECT_EQ(text(), before);
+}
+
+TEST(BranchChangesTest, NamesLinesByTheirNodes) {
+  const std::string old =
+      "TarnObject a\n  Children {\n    Machine m\n      Speed 1\n      On True\n  }\n";
+  const std::string fresh =
+      "TarnObject a\n  Children {\n    Machine m\n      Speed 2\n      On True\n"
+      "    TarnObject n\n  }\n";
+  EXPECT_THAT(BranchChanges(old, fresh),
+              ElementsAre("- m: Speed 1", "+ m: Speed 2", "+ TarnObject n"));
+  EXPECT_THAT(BranchChanges(old, old), ElementsAre());
+  EXPECT_EQ(BranchChanges("", old).size(), 4U);
+}
+
+}  // namespace
+}  // namespace tarns
