@@ -131,8 +131,9 @@ class GOODS_API cache_manager {
 
   // How much memory, in bytes, one transaction may take for what it has changed and made, and for
   // its locks; roughly, since not everything is measured: new objects count from the beginning of
-  // the transaction on. Default 4 GiB, on smaller machines half of the memory. A transaction that needs more throws storage_full from a write access, or from
-  // its commit, and is doomed: everything that it took is given back, and the session goes on.
+  // the transaction on. Default 4 GiB, on smaller machines half of the memory. A transaction that
+  // needs more throws storage_full from a write access, or from its commit, and is doomed:
+  // everything that it took is given back, and the session goes on.
   void set_transaction_limit(std::size_t bytes) {
     transaction_limit_.store(bytes, std::memory_order_relaxed);
   }

@@ -145,8 +145,7 @@ void BranchBatch::readStep(Frame& frame) {
   step.isLast = frame.place->at_end();
   step.hasValue = child->readValue(in_, step.value);
   if (!step.hasValue) step.value.empty();
-  const bool isAtHome =
-      WalkKeyOf(TarnNodeAccess::ParentLinkOf(*child)) == WalkKeyOf(entry.member);
+  const bool isAtHome = WalkKeyOf(TarnNodeAccess::ParentLinkOf(*child)) == WalkKeyOf(entry.member);
   step.lister = isAtHome ? TarnRef() : TarnRef::Trusted(goods::keep_word(frame.node));
   step.numChildren = 0;
   step.isCircle = false;

@@ -87,8 +87,8 @@ class transaction {
   // The private copy, locked exclusively and made at the first call. As read(), but not pinned.
   object* write(object_handle& handle);
 
-  // Before something is written, a transient object included: dooms it and throws when it takes more
-  // memory than it may. No effect on a doomed one.
+  // Before something is written, a transient object included: dooms it and throws when it takes
+  // more memory than it may. No effect on a doomed one.
   void verify_limit();
   // A write access has ended: takes in by how much the copy has grown.
   void written(object_handle& handle) noexcept;

@@ -99,8 +99,8 @@ class TARNS_API TarnManager {
 
   // How long a transaction waits for a lock before it fails with 101. Default 10 s; 0: not at all.
   void setLockTimeout(std::chrono::milliseconds limit);
-  // How much memory (bytes) one transaction may take, see goods::cache_manager: 4 GiB by default, or
-  // half of the machine's memory. Beyond it calls in the transaction throw 103, and it is rolled
+  // How much memory (bytes) one transaction may take, see goods::cache_manager: 4 GiB by default,
+  // or half of the machine's memory. Beyond it calls in the transaction throw 103, and it is rolled
   // back. From any thread, at any time.
   void setTransactionLimit(std::size_t bytes);
 
