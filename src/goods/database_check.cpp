@@ -111,6 +111,7 @@ void database_check::add(check_finding finding) {
 // One moment for all: a commit over several storages is in all of the views or in none.
 void database_check::open_views() {
   std::vector<dbs_storage*> order;
+  order.reserve(storages_.size());
   for (std::size_t s = 0; s < storages_.size(); ++s) {
     storages_[s].dbs = &db_.storage(static_cast<storage_number>(s)).dbs();
     order.push_back(storages_[s].dbs);
@@ -118,6 +119,7 @@ void database_check::open_views() {
   std::ranges::sort(order, {}, &dbs_storage::identity);
   order.erase(std::unique(order.begin(), order.end()), order.end());
   std::vector<std::unique_ptr<commit_pause>> pauses;
+  pauses.reserve(order.size());
   for (dbs_storage* const storage : order) pauses.push_back(storage->pause_commits());
   for (std::size_t s = 0; s < storages_.size(); ++s) {
     const auto place = std::ranges::find(order, storages_[s].dbs);

@@ -30,11 +30,11 @@ void database_copier::fix_all() {
   for (const auto& copier : copiers_) copier->prepare();
   std::vector<dbs_storage*> ordered = storages_;
   std::ranges::sort(ordered, {}, [](const dbs_storage* storage) { return storage->identity(); });
-  const auto twice = std::ranges::unique(ordered);
-  ordered.erase(twice.begin(), twice.end());
+  ordered.erase(std::unique(ordered.begin(), ordered.end()), ordered.end());
 
   std::vector<std::unique_ptr<commit_pause>> pauses;
   const auto begin = std::chrono::steady_clock::now();
+  pauses.reserve(ordered.size());
   for (dbs_storage* storage : ordered) pauses.push_back(storage->pause_commits());
   for (const auto& copier : copiers_) copier->fix();
   pauses.clear();

@@ -214,9 +214,10 @@ void TreeMender::placeStandIns() {
   }
   // Those that were put below another stand-in have been stored with that.
   for (const bool wasPlaced : {false, true}) {
-    for (const auto& [lost, isPlaced] : isPlaced_) {
+    for (const auto& place : isPlaced_) {
+      const auto lost = place.first;
       const TarnRef standIn = standIns_.at(lost);
-      if (isPlaced != wasPlaced || TarnObject::GetObjectID(standIn) != 0) continue;
+      if (place.second != wasPlaced || TarnObject::GetObjectID(standIn) != 0) continue;
       into_.transaction([&] { modify(lostBranch())->addChild(LostName(lost).c_str(), standIn); });
       ++result_.lostBranches;
     }

@@ -78,9 +78,9 @@ commit_overlay::addition commit_overlay::prepare(const segment_changes& changes)
 
 void commit_overlay::add(addition& prepared) noexcept {
   guarded_scope scope(lock_);
-  const auto put = [&](auto& replacement) {
-    active_.bytes += cost(replacement.by);
-    active_.bytes -= cost(*replacement.place);
+  const auto put = [&bytes = active_.bytes](auto& replacement) {
+    bytes += cost(replacement.by);
+    bytes -= cost(*replacement.place);
     std::swap(*replacement.place, replacement.by);
   };
   for (auto& replacement : prepared.segments_) put(replacement);
