@@ -78,7 +78,8 @@ commit_overlay::addition commit_overlay::prepare(const segment_changes& changes)
 
 void commit_overlay::add(addition& prepared) noexcept {
   guarded_scope scope(lock_);
-  const auto put = [&bytes = active_.bytes](auto& replacement) {
+  std::size_t& bytes = active_.bytes;
+  const auto put = [&bytes](auto& replacement) {
     bytes += cost(replacement.by);
     bytes -= cost(*replacement.place);
     std::swap(*replacement.place, replacement.by);
