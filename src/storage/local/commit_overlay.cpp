@@ -76,14 +76,15 @@ commit_overlay::addition commit_overlay::prepare(const segment_changes& changes)
   return prepared;
 }
 
+template <class Replacement>
+void commit_overlay::put(Replacement& replacement) {
+  active_.bytes += cost(replacement.by);
+  active_.bytes -= cost(*replacement.place);
+  std::swap(*replacement.place, replacement.by);
+}
+
 void commit_overlay::add(addition& prepared) noexcept {
   guarded_scope scope(lock_);
-  std::size_t& bytes = active_.bytes;
-  const auto put = [&bytes](auto& replacement) {
-    bytes += cost(replacement.by);
-    bytes -= cost(*replacement.place);
-    std::swap(*replacement.place, replacement.by);
-  };
   for (auto& replacement : prepared.segments_) put(replacement);
   for (auto& replacement : prepared.apart_) put(replacement);
   active_.next_object = std::max(active_.next_object, prepared.next_object_);

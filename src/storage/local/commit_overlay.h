@@ -124,6 +124,8 @@ class commit_overlay {
   std::shared_ptr<const table> frozen_ GUARDED_BY(lock_);
   std::shared_ptr<const table> held_ GUARDED_BY(lock_);
 
+  template <class Replacement>
+  void put(Replacement& replacement) REQUIRES(lock_);
   void note_size() REQUIRES(lock_);
 };
 
