@@ -33,8 +33,10 @@ std::vector<std::string> LinesOf(const std::string& text) {
     const bool isList = value == "{" || command == "}";
     names[level] = isList ? std::string() : in.hasValue() ? value : command;
     if (!isList) {
-      lines.push_back((path.empty() ? "" : path + ": ") + command +
-                      (in.hasValue() ? " " + value : ""));
+      if (!path.empty()) path += ": ";
+      path += command;
+      if (in.hasValue()) path.append(" ").append(value);
+      lines.push_back(path);
     }
     in.readLine();
   }
