@@ -16,6 +16,7 @@
 #include <ostream>
 #include <utility>
 
+#include "util/file_error.h"
 #include "util/pinout_text.h"
 
 namespace tarns {
@@ -53,10 +54,7 @@ class PInOut::File {
       const ssize_t count = ::read(descriptor_, into, size);
       if (count >= 0) return static_cast<std::size_t>(count);
       if (errno == EINTR) continue;
-      const int reason = errno;
-      XException error;
-      error << "Cannot read the file \"" << path << "\": " << std::strerror(reason) << ".";
-      throw error;
+      ThrowFileError("read the file", path);
     }
   }
   bool write(std::string_view bytes) const {

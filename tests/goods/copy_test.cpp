@@ -186,14 +186,14 @@ TEST_F(CopyTest, RefusesPlacesWhereSomethingIs) {
   fs::create_directories(path("a.unfinished/mine"));
   fs::create_symlink(path("empty"), path("b.unfinished"));
   fs::create_directory(path("c.unfinished"));
-  std::ofstream(path("c.unfinished/unfinished-copy"));
+  std::ofstream(path("c.unfinished/unfinished-copy")) << "";
   std::ofstream(path("c.unfinished/mine")) << 'x';
   const auto before = beside();
-  struct Case {
+  struct row {
     std::string target;
     error_code code;
   };
-  const Case cases[] = {
+  const row cases[] = {
       {path("empty"), error_code::usage},
       {path("file"), error_code::usage},
       {path("link"), error_code::usage},
@@ -207,7 +207,7 @@ TEST_F(CopyTest, RefusesPlacesWhereSomethingIs) {
       {"/", error_code::usage},
   };
   test_session session(store_);
-  for (const Case& c : cases) {
+  for (const row& c : cases) {
     SCOPED_TRACE(c.target);
     EXPECT_EQ(code_of([&] { session.db().copy_to(c.target); }), c.code);
     EXPECT_EQ(beside(), before);
@@ -302,12 +302,12 @@ class CopyFaultTest : public CopyTest {
 };
 
 TEST_F(CopyFaultTest, ADiskThatFailsAtAnyPointLeavesNoCopyOrAWholeOne) {
-  struct Case {
+  struct row {
     operation what;
     fault how;
     bool for_good;
   };
-  const Case cases[] = {
+  const row cases[] = {
       {operation::open, fault::io_error, false},  {operation::read, fault::io_error, false},
       {operation::write, fault::io_error, false}, {operation::write, fault::full, true},
       {operation::write, fault::torn, false},     {operation::sync, fault::io_error, false},
@@ -315,7 +315,7 @@ TEST_F(CopyFaultTest, ADiskThatFailsAtAnyPointLeavesNoCopyOrAWholeOne) {
       {operation::name, fault::io_error, false},  {operation::name, fault::io_error, true},
       {operation::lock, fault::io_error, false},
   };
-  for (const Case& c : cases) {
+  for (const row& c : cases) {
     for (std::uint64_t after = 0;; ++after) {
       SCOPED_TRACE(::testing::Message() << "operation " << static_cast<int>(c.what) << ", fault "
                                         << static_cast<int>(c.how) << ", after " << after);

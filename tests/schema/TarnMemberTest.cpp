@@ -250,7 +250,7 @@ TEST(TarnMemberTest, HandsValuesOutAsNodes) {
   std::vector<std::string> lines;
   const auto hand = [&](auto value) {
     TarnMember::IterateValueRef(Collect, &lines, "v", value);
-    const std::string line = lines.back();
+    std::string line = lines.back();
     lines.pop_back();
     return line;
   };

@@ -18,7 +18,6 @@ using goods::object_id;
 using testing::Contains;
 using testing::HasSubstr;
 using testing::IsEmpty;
-using testing::Pair;
 
 constexpr int kMany = 1000;  // children, so that their index has pages
 
@@ -203,7 +202,7 @@ class PlantedFaultTest : public CheckTest {
   void rename(const std::string& what, unsigned entry, const std::string& name) {
     change(what, {.reference = {},
                   .text = [&](std::string_view, unsigned at,
-                              std::string old) { return at == entry ? name : old; },
+                              const std::string& old) { return at == entry ? name : old; },
                   .number = {}});
   }
   void remove(const std::string& what) {
