@@ -63,7 +63,7 @@ class LockingReadsTest : public session_test {
   // In a transaction that reads nothing else. `isRemembered`: whether no object was looked at; one
   // of two could be forgotten again by then.
   XString readIn(TarnManager& m, const std::string& path, bool& isRemembered) {
-    const XString text = Text(m, path);
+    XString text = Text(m, path);
     const TarnRef node =
         m.db().getCacheManager().outside_transaction([&] { return m.getObject(path.c_str()); });
     const goods::object_id ids[] = {goods::make_object_id(0, goods::root_object_number),

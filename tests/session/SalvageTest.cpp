@@ -93,12 +93,12 @@ class SalvageTest : public testing::Test {
         ADD_FAILURE() << finding.path << " (" << finding.id << "): " << finding.text;
       };
       manager.check(options);
-      found = pictureOf(manager);
+      found = PictureOf(manager);
     });
     return found;
   }
 
-  static Values pictureOf(TarnManager& manager) {
+  static Values PictureOf(TarnManager& manager) {
     Values found;
     std::vector<std::string> open{""};
     while (!open.empty()) {

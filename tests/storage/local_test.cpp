@@ -182,34 +182,34 @@ TEST_F(LocalTest, RefusesFilesThatAreNoStore) {
       {"empty", [](auto& file) { write_file(file, ""); }, error_code::corrupt_data, "too short"},
       {"text", [](auto& file) { write_file(file, std::string(500, 'x')); },
        error_code::corrupt_data, "no database"},
-      {"foreign", [this](auto& file) { execute(file, "CREATE TABLE t(x)"); },
-       error_code::corrupt_data, "another application"},
+      {"foreign", [](auto& file) { execute(file, "CREATE TABLE t(x)"); }, error_code::corrupt_data,
+       "another application"},
       {"newer",
-       [&, this](auto& file) {
+       [&](auto& file) {
          write_file(file, good);
          execute(file, "PRAGMA user_version=4");
        },
        error_code::newer_version, "format 4"},
       {"older",
-       [&, this](auto& file) {
+       [&](auto& file) {
          write_file(file, good);
          execute(file, "PRAGMA user_version=2");
        },
        error_code::corrupt_data, "format 2"},
       {"trigger",
-       [&, this](auto& file) {
+       [&](auto& file) {
          write_file(file, good);
          execute(file, "CREATE TRIGGER x AFTER INSERT ON segments BEGIN DELETE FROM about; END");
        },
        error_code::corrupt_data, "does not belong"},
       {"other_table",
-       [&, this](auto& file) {
+       [&](auto& file) {
          write_file(file, good);
          execute(file, "DROP TABLE layouts; CREATE TABLE layouts(a, b)");
        },
        error_code::corrupt_data, "layouts"},
       {"no_state",
-       [&, this](auto& file) {
+       [&](auto& file) {
          write_file(file, good);
          execute(file, "DELETE FROM about WHERE id=2");
        },
