@@ -1,33 +1,114 @@
-// Counts in a database and writes each number on a line of its own once it is durable. Is killed.
+// Works on a database until it is killed: session_writer CONFIGURATION MODE.
+//
+// Each of some threads counts: every number leaves traces in two storages (counted_numbers.h),
+// replaces those of an older one, and is written to the standard output ("THREAD NUMBER") once it
+// is durable. Meanwhile one thread collects garbage and another one makes backups. Modes: "work";
+// and, for those who check the traces to show that they would notice, "early" acknowledges before
+// it commits, and "torn" makes two transactions of one.
+#include <goods/database.h>
+#include <goods/errors.h>
 #include <tarns/core/TarnException.h>
 #include <tarns/session/TarnAttachment.h>
 #include <tarns/session/TarnManager.h>
+#include <unistd.h>
 
 #include <chrono>
 #include <cstdio>
+#include <cstdlib>
+#include <exception>
+#include <filesystem>
 #include <string>
+#include <thread>
+#include <vector>
+
+#include "session/counted_numbers.h"
+
+namespace {
+
+using namespace tarns;
+
+void Acknowledge(int thread, int number) {
+  char line[32];
+  const int length = std::snprintf(line, sizeof line, "%d %d\n", thread, number);
+  if (::write(STDOUT_FILENO, line, static_cast<std::size_t>(length)) != length) std::_Exit(1);
+}
+
+// Calls of their own may meet in deadlocks, and are then to be repeated by whoever made them.
+template <class Work>
+void Repeat(const Work& work) {
+  while (true) {
+    try {
+      return work();
+    } catch (const TarnException& error) {
+      if (error.getErrorID() != static_cast<unsigned long>(goods::error_code::deadlock)) throw;
+    }
+  }
+}
+
+void Count(TarnManager& manager, int thread, const std::string& mode) {
+  const int last = LastNumber(manager, thread);
+  // What a crash may have prevented.
+  if (last > 0) Repeat([&] { PutTree(manager, thread, last); });
+  for (int number = last + 1;; ++number) {
+    if (mode == "early") Acknowledge(thread, number);
+    if (mode == "torn") {
+      Repeat([&] { PutNear(manager, thread, number); });
+      Repeat([&] { PutFar(manager, thread, number); });
+    } else {
+      Repeat([&] {
+        manager.transaction([&] {
+          PutNear(manager, thread, number);
+          PutFar(manager, thread, number);
+        });
+      });
+    }
+    Repeat([&] { PutTree(manager, thread, number); });
+    if (mode != "early") Acknowledge(thread, number);
+  }
+}
+
+// Each is left for the parent to look at; after a crash the first names are used again.
+void BackUp(TarnManager& manager, const std::string& place) {
+  for (int i = 0;; ++i) {
+    std::string name = place;
+    name += "/backup";
+    name += std::to_string(i);
+    if (!std::filesystem::exists(name)) manager.backup(name.c_str());
+  }
+}
+
+template <class Work>
+void RunAttached(TarnManager& manager, const Work& work) try {
+  const TarnAttachment attachment(manager);
+  work();
+} catch (const std::exception& error) {
+  std::fprintf(stderr, "%s\n", error.what());
+  std::_Exit(1);
+}
+
+}  // namespace
 
 int main(int argc, char** argv) {
-  using namespace tarns;
-  if (argc != 2) return 2;
+  if (argc != 3) return 2;
+  const std::string configuration = argv[1], mode = argv[2];
+  const std::string place = std::filesystem::path(configuration).parent_path();
+  TarnManager::Initialize();
+  TarnManager manager;
   try {
-    TarnManager::Initialize();
-    TarnManager manager;
-    manager.connect(argv[1], std::chrono::seconds(20));
-    const TarnAttachment attachment(manager);
-    for (int number = manager.getSint32("last", 0) + 1;; ++number) {
-      // Three calls as one, and one call that makes several nodes.
-      manager.transaction([&] {
-        manager.set("last", number);
-        manager.set("log~" + std::to_string(number) + "~half", number);
-        manager.set("log~" + std::to_string(number) + "~other half", -number);
-      });
-      manager.set("tree~" + std::to_string(number) + "~leaf", number);
-      std::printf("%d\n", number);
-      std::fflush(stdout);
-    }
-  } catch (const TarnException& error) {
-    std::fprintf(stderr, "%s\n", error.getError());
+    manager.connect(configuration.c_str(), std::chrono::seconds(20));
+  } catch (const std::exception& error) {
+    std::fprintf(stderr, "%s\n", error.what());
     return 1;
   }
+  std::vector<std::thread> threads;
+  for (int i = 0; i < kCountingThreads; ++i) {
+    threads.emplace_back([&, i] { RunAttached(manager, [&] { Count(manager, i, mode); }); });
+  }
+  threads.emplace_back([&] {
+    RunAttached(manager, [&] {
+      while (true) manager.startGarbageCollection();
+    });
+  });
+  threads.emplace_back([&] { RunAttached(manager, [&] { BackUp(manager, place); }); });
+  for (std::thread& thread : threads) thread.join();
 }

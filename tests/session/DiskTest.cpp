@@ -1,79 +1,15 @@
-// What is left when a program is killed, and when the disk fails.
+// What is left when the disk fails.
 #include <gmock/gmock.h>
 
 #include <cstdlib>
 #include <random>
 
 #include "support/faulty_vfs.h"
-#include "support/killed_process.h"
 #include "support/session_fixture.h"
 #include "support/throws_tarn.h"
 
 namespace tarns {
 namespace {
-
-class CrashTest : public session_test {
- protected:
-  // Whether what the writer did for a number is there as a whole (1), not at all (0) or in part
-  // (-1).
-  int stateOf(int number) {
-    const std::string name = std::to_string(number);
-    const bool half = manager().getSint32("log~" + name + "~half", 0) == number;
-    const bool other = manager().getSint32("log~" + name + "~other half", 0) == -number;
-    const TarnRef branch = manager().getObject("tree~" + name);
-    const bool leaf = manager().getSint32("tree~" + name + "~leaf", 0) == number;
-    if (half != other || (leaf && !half) || (!branch.is_null() && !leaf)) return -1;
-    return leaf ? 1 : 0;
-  }
-};
-
-TEST_F(CrashTest, NothingAcknowledgedIsLostAndNothingIsHalfWritten) {
-  constexpr int kCycles = 500;
-  constexpr std::chrono::seconds kLimit(20);
-  const unsigned seed = std::random_device()();
-  SCOPED_TRACE(testing::Message() << "seed " << seed);
-  std::minstd_rand random(seed);
-  int checked = 0;
-  for (int cycle = 0; cycle < kCycles; ++cycle) {
-    SCOPED_TRACE(testing::Message() << "cycle " << cycle);
-    close();
-    int acknowledged = checked;
-    {
-      killed_process writer({PROGRAM_SESSION_WRITER, configuration()});
-      // Every fourth is killed while it opens the database.
-      if (cycle % 4 != 0) {
-        const std::string first = writer.next_line(kLimit);
-        ASSERT_FALSE(first.empty());
-        acknowledged = std::stoi(first);
-      }
-      for (const std::string& line :
-           writer.kill_after(std::chrono::microseconds(random() % 8000))) {
-        acknowledged = std::stoi(line);
-      }
-    }
-    open();
-    const int last = manager().getSint32("last", 0);
-    ASSERT_GE(last, acknowledged);
-    for (; checked < last; ++checked) {
-      const int number = checked + 1;
-      ASSERT_NE(stateOf(number), -1) << number;
-      // Of the last number the second call may be missing.
-      if (number <= acknowledged) {
-        ASSERT_EQ(stateOf(number), 1) << number;
-      }
-    }
-    ASSERT_EQ(stateOf(last + 1), 0);
-    if (cycle % 50 == 49) {
-      goods::check_options options;
-      options.full = true;
-      options.found = [](const goods::check_finding& finding) {
-        ADD_FAILURE() << finding.path << " (" << finding.id << "): " << finding.text;
-      };
-      EXPECT_GT(manager().check(options).objects, 0U);
-    }
-  }
-  EXPECT_GT(checked, kCycles / 2);
-}
 
 // Takes the disk over before the database is opened.
 class DiskTest : public testing::Test {
