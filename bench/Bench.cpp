@@ -15,7 +15,7 @@ namespace tarns::bench {
 const std::vector<std::string>& Bench::Items() {
   static const std::vector<std::string> items = {
       "load",   "disk", "hot-1",    "hot-2",    "hot-tx",     "lock",   "cold-read", "cold-walk",
-      "memory", "list", "update-1", "update-8", "update-100", "delete", "wide"};
+      "memory", "list", "update-1", "update-8", "update-100", "delete", "wide",      "reopen"};
   return items;
 }
 
@@ -41,6 +41,7 @@ void Bench::run() {
   if (wants("update-100")) batchedUpdates();
   if (wants("delete")) deletes();
   if (wants("wide")) wide();
+  if (wants("reopen")) reopen();
 }
 
 bool Bench::wants(std::string_view item) const {

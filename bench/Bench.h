@@ -74,6 +74,9 @@ class Bench {
   // WideItems.cpp
   void wide();
 
+  // ReopenItem.cpp
+  void reopen();
+
   void checkWholeTree(const std::string& peer) const;
   void checkUpdates(const std::string& peer, const std::vector<Update>& updates) const;
 
