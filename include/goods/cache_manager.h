@@ -251,6 +251,13 @@ class GOODS_API read_round {
 template <std::invocable<reader&> Work>
 std::invoke_result_t<Work&, reader&> read_here(Work&& work);
 
+// Runs `work`, a call whose accesses are transactions of their own, on whatever session the calling
+// thread is attached to, and repeats it after a deadlock: what it has made so far is committed or
+// rolled back, and it must cope with finding it. In a transaction it runs once, for only the whole
+// of that can be repeated.
+template <std::invocable Work>
+std::invoke_result_t<Work&> repeat_here(Work&& work);
+
 }  // namespace goods
 
 #include <goods/cache_manager_inline.h>

@@ -240,31 +240,14 @@ void Store(const TarnRef& from, std::string_view path, const TarnData& value, Mi
   }
 }
 
-}  // namespace
-
-void StoreValue(const TarnRef& from, std::string_view path, const TarnData& value) {
-  if (from.is_null()) ThrowBadRef("NULL TarnRef write dereference");
-  const goods::library_call here;
-  Store(from, UpToNul(path), value, Missing::kCreate);
-}
-
-void StoreExistingValue(const TarnRef& from, std::string_view path, const TarnData& value) {
-  if (from.is_null()) ThrowBadRef("NULL TarnRef write dereference");
-  const goods::library_call here;
-  Store(from, UpToNul(path), value, Missing::kRefuse);
-}
-
-void PlaceNode(const TarnRef& from, std::string_view path, const TarnRef& node) {
-  const std::string_view whole = UpToNul(path);
-  VerifyBranches(from, whole);
-  const std::string name(TarnBranches::LastOf(whole));
-  const goods::library_call here;
+void PlaceAt(const TarnRef& from, std::string_view path, const TarnRef& node) {
+  const std::string name(TarnBranches::LastOf(path));
   const auto oneTransaction = *from;
   const goods::changing_call call;
   while (true) {
-    MakeVerifiedBranch(from, TarnBranches::ParentOf(whole), whole,
+    MakeVerifiedBranch(from, TarnBranches::ParentOf(path), path,
                        [&](const TarnRef& made) { VerifyFits(made, name, node); });
-    const Finding parent(from, TarnBranches::ParentOf(whole), Sought::kNode);
+    const Finding parent(from, TarnBranches::ParentOf(path), Sought::kNode);
     if (parent->kind != Place::kNode) continue;  // removed again
     auto holder = modify(parent->node);
     if (!parent.stillHolds()) continue;
@@ -273,25 +256,51 @@ void PlaceNode(const TarnRef& from, std::string_view path, const TarnRef& node) 
   }
 }
 
-TarnRef MakeBranch(const TarnRef& from, std::string_view path, std::string_view forPath) {
-  const goods::library_call here;
-  return MakeVerifiedBranch(from, UpToNul(path), forPath, [](const TarnRef&) {});
-}
-
-bool AddMissingNode(const TarnRef& from, std::string_view path, const TarnRef& node) {
-  const goods::library_call here;
+bool AddAt(const TarnRef& from, std::string_view path, const TarnRef& node) {
+  const std::string_view name = TarnBranches::LastOf(path);
   const goods::changing_call call;
-  const std::string_view whole = UpToNul(path);
-  VerifyBranches(from, whole);
-  const std::string_view name = TarnBranches::LastOf(whole);
   while (true) {
-    MakeVerifiedBranch(from, TarnBranches::ParentOf(whole), whole,
+    MakeVerifiedBranch(from, TarnBranches::ParentOf(path), path,
                        [&](const TarnRef& made) { VerifyFits(made, name, node); });
-    const Finding parent(from, TarnBranches::ParentOf(whole), Sought::kNode);
+    const Finding parent(from, TarnBranches::ParentOf(path), Sought::kNode);
     if (parent->kind != Place::kNode) continue;  // removed again
     const Attached result = Attach(parent, name, node);
     if (result != Attached::kMoved) return result == Attached::kDone;
   }
+}
+
+}  // namespace
+
+void StoreValue(const TarnRef& from, std::string_view path, const TarnData& value) {
+  if (from.is_null()) ThrowBadRef("NULL TarnRef write dereference");
+  const goods::library_call here;
+  goods::repeat_here([&] { Store(from, UpToNul(path), value, Missing::kCreate); });
+}
+
+void StoreExistingValue(const TarnRef& from, std::string_view path, const TarnData& value) {
+  if (from.is_null()) ThrowBadRef("NULL TarnRef write dereference");
+  const goods::library_call here;
+  goods::repeat_here([&] { Store(from, UpToNul(path), value, Missing::kRefuse); });
+}
+
+void PlaceNode(const TarnRef& from, std::string_view path, const TarnRef& node) {
+  const std::string_view whole = UpToNul(path);
+  VerifyBranches(from, whole);
+  const goods::library_call here;
+  goods::repeat_here([&] { PlaceAt(from, whole, node); });
+}
+
+TarnRef MakeBranch(const TarnRef& from, std::string_view path, std::string_view forPath) {
+  const goods::library_call here;
+  return goods::repeat_here(
+      [&] { return MakeVerifiedBranch(from, UpToNul(path), forPath, [](const TarnRef&) {}); });
+}
+
+bool AddMissingNode(const TarnRef& from, std::string_view path, const TarnRef& node) {
+  const std::string_view whole = UpToNul(path);
+  VerifyBranches(from, whole);
+  const goods::library_call here;
+  return goods::repeat_here([&] { return AddAt(from, whole, node); });
 }
 
 }  // namespace tarns

@@ -34,14 +34,6 @@ thread_slot& slot() {
 // The same without the check for construction that each use of a thread_local object costs.
 [[gnu::tls_model("initial-exec")]] thread_local thread_attachment* fast_slot = nullptr;
 
-// Two that met in a deadlock should not meet again.
-void pause_before_repeating(int attempt) {
-  thread_local std::minstd_rand random{std::random_device{}()};
-  const int longest = std::min(longest_pause, 20 << std::min(attempt, 10));
-  std::this_thread::sleep_for(
-      std::chrono::microseconds(std::uniform_int_distribution(0, longest)(random)));
-}
-
 std::size_t usual_transaction_limit() {
   constexpr std::size_t most = std::size_t{4} << 30;
   const long pages = ::sysconf(_SC_PHYS_PAGES), bytes = ::sysconf(_SC_PAGESIZE);
@@ -266,9 +258,20 @@ bool cache_manager::call_transaction::roll_back_and_retry(const error_info& erro
     return false;
   }
   if (std::exchange(own_, false)) session_.close_transaction();
+  return internal::pause_before_repeating(error, attempt);
+}
+
+namespace internal {
+
+bool pause_before_repeating(const error_info& error, int attempt) {
   if (!is_repeatable(error.code()) || attempt >= most_attempts) return false;
-  pause_before_repeating(attempt);
+  thread_local std::minstd_rand random{std::random_device{}()};
+  const int longest = std::min(longest_pause, 20 << std::min(attempt, 10));
+  std::this_thread::sleep_for(
+      std::chrono::microseconds(std::uniform_int_distribution(0, longest)(random)));
   return true;
 }
+
+}  // namespace internal
 
 }  // namespace goods

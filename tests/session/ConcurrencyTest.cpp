@@ -86,6 +86,31 @@ TEST_F(ConcurrencyTest, AWriteIsNotLostInABranchThatIsMergedAway) {
   }
 }
 
+// Who makes a branch and who removes one lock the same objects in different orders. A call that is
+// a transaction of its own is repeated; it never ends in a deadlock.
+TEST_F(ConcurrencyTest, CallsBelowTheSameParentsDoNotFail) {
+  constexpr int kTimes = 100;
+  const auto place = [](int number, int i) {
+    return "tree~" + std::to_string(i % 4) + "~of" + std::to_string(number) + "~n" +
+           std::to_string(i);
+  };
+  onFourThreads([&](TarnManager& m, int number) {
+    for (int i = 0; i < kTimes; ++i) {
+      EXPECT_NO_THROW({
+        m.set(place(number, i) + "~leaf", i);
+        m.set(place(number, i) + "~node~inner", TarnObject::Create());
+        m.deleteBranch(place(number, i - 2));
+        if (i % 4 == 3) m.deleteBranch(TarnBranches::ParentOf(place(number, i - 3)));
+      });
+    }
+  });
+  for (int number = 0; number < 4; ++number) {
+    for (int i = kTimes - 2; i < kTimes; ++i) {
+      EXPECT_EQ(manager().getSint32(place(number, i) + "~leaf"), i);
+    }
+  }
+}
+
 TEST_F(ConcurrencyTest, AReaderSeesAllOfACallOrNothing) {
   // Each call makes a branch of three nodes and a value, or removes it.
   std::atomic<int> writers = 2, wrong = 0;

@@ -88,7 +88,7 @@ class KillTest : public testing::TestWithParam<KillShard> {
   }
 
   // What a full check finds.
-  static std::string damageOf(const std::string& path) {
+  static std::string DamageOf(const std::string& path) {
     TarnManager manager;
     manager.connect(path.c_str());
     std::string damage;
@@ -133,7 +133,7 @@ TEST_P(KillTest, NothingAcknowledgedIsLostAndNothingIsHalfThere) {
     ASSERT_EQ(faultOfDatabase(), "");
     ASSERT_EQ(faultOfBackups(), "");
     if (cycle % 50 == 49) {
-      ASSERT_EQ(damageOf(configuration()), "");
+      ASSERT_EQ(DamageOf(configuration()), "");
     }
   }
   EXPECT_GT(count_, cycles / 2);

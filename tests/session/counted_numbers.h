@@ -66,8 +66,8 @@ inline std::string FaultOf(TarnManager& manager, int thread, int acknowledged) {
     if (far != expected || has("far", number) != expected) return fault(number, "far");
     if (leaf != has("tree", number)) return fault(number, "half a branch");
     // The last call may be missing, of it the second half as well.
-    const bool is_certain = last == acknowledged || (number < last && number > last - kTraces);
-    if (is_certain && number > last - kTraces && leaf != expected) return fault(number, "tree");
+    const bool isCertain = last == acknowledged || (number < last && number > last - kTraces);
+    if (isCertain && number > last - kTraces && leaf != expected) return fault(number, "tree");
   }
   return {};
 }

@@ -6,7 +6,6 @@
 // and, for those who check the traces to show that they would notice, "early" acknowledges before
 // it commits, and "torn" makes two transactions of one.
 #include <goods/database.h>
-#include <goods/errors.h>
 #include <tarns/core/TarnException.h>
 #include <tarns/session/TarnAttachment.h>
 #include <tarns/session/TarnManager.h>
@@ -33,36 +32,22 @@ void Acknowledge(int thread, int number) {
   if (::write(STDOUT_FILENO, line, static_cast<std::size_t>(length)) != length) std::_Exit(1);
 }
 
-// Calls of their own may meet in deadlocks, and are then to be repeated by whoever made them.
-template <class Work>
-void Repeat(const Work& work) {
-  while (true) {
-    try {
-      return work();
-    } catch (const TarnException& error) {
-      if (error.getErrorID() != static_cast<unsigned long>(goods::error_code::deadlock)) throw;
-    }
-  }
-}
-
 void Count(TarnManager& manager, int thread, const std::string& mode) {
   const int last = LastNumber(manager, thread);
   // What a crash may have prevented.
-  if (last > 0) Repeat([&] { PutTree(manager, thread, last); });
+  if (last > 0) PutTree(manager, thread, last);
   for (int number = last + 1;; ++number) {
     if (mode == "early") Acknowledge(thread, number);
     if (mode == "torn") {
-      Repeat([&] { PutNear(manager, thread, number); });
-      Repeat([&] { PutFar(manager, thread, number); });
+      PutNear(manager, thread, number);
+      PutFar(manager, thread, number);
     } else {
-      Repeat([&] {
-        manager.transaction([&] {
-          PutNear(manager, thread, number);
-          PutFar(manager, thread, number);
-        });
+      manager.transaction([&] {
+        PutNear(manager, thread, number);
+        PutFar(manager, thread, number);
       });
     }
-    Repeat([&] { PutTree(manager, thread, number); });
+    PutTree(manager, thread, number);
     if (mode != "early") Acknowledge(thread, number);
   }
 }
