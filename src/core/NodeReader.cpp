@@ -57,35 +57,31 @@ TarnRef NodeReader::readAll(XString* name) {
     open_.push_back({node, 1, false});
     work();
     if (!in_.isAtEnd()) in_.fail("something follows the end of the first node");
+    warnWhereCut();
     return node;
   });
 }
 
 PInOut::Status NodeReader::ReadChildren(TarnObject& parent, unsigned char pageN, PInOut& in) {
-  Pending pending{.kind = Pending::kChildren,
-                  .holder = parent.getSelf(),
-                  .level = in.getLevel(),
-                  .pageN = pageN,
-                  .name = {}};
-  if (auto* const reader = dynamic_cast<NodeReader*>(in.getNesting())) {
-    reader->pending_ = std::move(pending);
-    in.setLevel(kNoLevel);
-    return PInOut::End;
-  }
-  NodeReader reader(in);
-  reader.top_ = pending.holder;
-  reader.pending_ = std::move(pending);
-  reader.withLineNumber([&] { reader.work(); });
-  return PInOut::Continue;
+  return ReadNested({.kind = Pending::kChildren,
+                     .holder = parent.getSelf(),
+                     .level = in.getLevel(),
+                     .pageN = pageN,
+                     .name = {}},
+                    in);
 }
 
 PInOut::Status NodeReader::ReadMember(TarnObject& holder, const TarnFieldDescriptor& field,
                                       const std::string& name, PInOut& in) {
-  Pending pending{.kind = Pending::kMember,
-                  .holder = holder.getSelf(),
-                  .level = in.getLevel(),
-                  .field = &field,
-                  .name = name};
+  return ReadNested({.kind = Pending::kMember,
+                     .holder = holder.getSelf(),
+                     .level = in.getLevel(),
+                     .field = &field,
+                     .name = name},
+                    in);
+}
+
+PInOut::Status NodeReader::ReadNested(Pending pending, PInOut& in) {
   if (auto* const reader = dynamic_cast<NodeReader*>(in.getNesting())) {
     reader->pending_ = std::move(pending);
     in.setLevel(kNoLevel);
@@ -108,6 +104,15 @@ void NodeReader::work() {
       readLines(open_.size() - 1);
     }
   }
+  takeHome();
+}
+
+// Only when everything stands in its place: until then a node may be where it was met first, and
+// its place in the tree below that.
+void NodeReader::takeHome() {
+  for (const Homecoming& coming : homecomings_) modify(coming.node)->makeOrphan();
+  for (const Homecoming& coming : homecomings_) modify(coming.index)->becomeHome(coming.entry);
+  homecomings_.clear();
 }
 
 // Lets the node read up to what is nested or ends its block.
@@ -164,7 +169,7 @@ void NodeReader::beginMember() {
   TarnRef node = isElsewhere ? readReference(isHome) : TarnObject::CreateOfType(type.c_str());
   pending.field->copyTo(node, &*modify(pending.holder), pending.name.c_str());
   if (node.is_null() || isElsewhere) {
-    skipBlock(pending.level + 2);
+    in_.skip(pending.level + 2);
   } else {
     open_.push_back({std::move(node), pending.level + 2, false});
   }
@@ -176,6 +181,7 @@ void NodeReader::readChild(const Open& list) {
   const std::size_t level = list.level;
   in_.setLevel(level - 1);
   if (in_.getLineLevel() == level - 1 && in_.isCmd(TextWord::kClose)) {
+    lineOfLastClose_ = in_.getLineNumber();
     in_.readLine();
     open_.pop_back();
     return;
@@ -187,16 +193,8 @@ void NodeReader::readChild(const Open& list) {
   in_.readLine();
   in_.setLevel(level + 1);
   if (isReference()) {
-    bool isHome = false;
-    const TarnRef node = readReference(isHome);
-    TarnObject::VerifyChildName(parent, name);
-    const xcptref<TarnObjects> index = parent->getChildren();
-    if (isHome) {
-      modify(index)->insert(name, node);
-    } else {
-      modify(index)->link(name, node);
-    }
-    skipBlock(level + 1);
+    readListed(parent, name);
+    in_.skip(level + 1);
     return;
   }
   const TarnRef child = TarnObject::CreateOfType(type.c_str());
@@ -204,7 +202,7 @@ void NodeReader::readChild(const Open& list) {
     Log log(Log::Level::Warning);
     log << "Line " << in_.getLineNumber() << ": there is no class \"" << type << "\"; the node \""
         << name << "\" is left out.";
-    skipBlock(level + 1);
+    in_.skip(level + 1);
     return;
   }
   // A line "Name" has the last word.
@@ -214,7 +212,24 @@ void NodeReader::readChild(const Open& list) {
   open_.push_back({child, level + 1, false});
 }
 
-void NodeReader::skipBlock(std::size_t level) { in_.skip(level); }
+// A list of children that does not end is refused; a node without children may end anywhere, and
+// editors leave the last line without a line feed, too.
+void NodeReader::warnWhereCut() const {
+  if (!in_.isLastLineOpen() || in_.getLineNumber() == lineOfLastClose_) return;
+  Log log(Log::Level::Warning);
+  log << "Line " << in_.getLineNumber()
+      << ": the last line does not end; the file may have been cut within it.";
+}
+
+// A child that stands elsewhere in the file.
+void NodeReader::readListed(const TarnRef& parent, const std::string& name) {
+  bool isHome = false;
+  const TarnRef node = readReference(isHome);
+  TarnObject::VerifyChildName(parent, name);
+  const xcptref<TarnObjects> index = parent->getChildren();
+  const auto entry = modify(index)->link(name, node);
+  if (isHome) homecomings_.push_back({node, index, entry});
+}
 
 bool NodeReader::isReference() const {
   return in_.isCmd(TextWord::kSame) || in_.isCmd(TextWord::kHome);

@@ -18,7 +18,7 @@ class TarnFieldDescriptor;
 //
 // New nodes are put below their parent before their own lines are read, so that references to
 // places lead to them.
-// Memory: what the nodes take, and a few dozen bytes for each level that is open.
+// Memory: what the nodes and their entries take, and a few dozen bytes for each level that is open.
 // Errors: TarnException with the number of the line. Threads: one.
 class NodeReader : public PInOut::Nesting {
  public:
@@ -54,17 +54,24 @@ class NodeReader : public PInOut::Nesting {
     TarnRef node;       // whose lines, or whose children, are read
     std::size_t level;  // of those lines
     bool isList;
-    bool isSkipped = false;  // a line has been met that the class does not know
+  };
+  // A node that has been read and the entry that is to lead to it as its place in the tree.
+  struct Homecoming {
+    TarnRef node;
+    xcptref<TarnObjects> index;
+    goods::ref<goods::set_member> entry;
   };
 
+  static PInOut::Status ReadNested(Pending pending, PInOut& in);
   void work();
   void readLines(std::size_t at);
   void beginPending();
   void beginChildren();
   void beginMember();
   void readChild(const Open& list);
-  void addChild(const TarnRef& parent, const std::string& name, const TarnRef& child);
-  void skipBlock(std::size_t level);
+  void readListed(const TarnRef& parent, const std::string& name);
+  void takeHome();
+  void warnWhereCut() const;
   bool isReference() const;
   TarnRef readReference(bool& isHome);
   template <class Work>
@@ -75,7 +82,9 @@ class NodeReader : public PInOut::Nesting {
   const std::size_t level_;
   TarnRef top_;
   std::vector<Open> open_;
+  std::vector<Homecoming> homecomings_;  // for the end, see takeHome()
   Pending pending_;
+  std::uint64_t lineOfLastClose_ = 0;  // of the } that ended a list of children last
 };
 
 }  // namespace tarns

@@ -100,8 +100,16 @@ void TarnObjects::insert(std::string_view name, const xcptref<TarnObject>& child
   adopt(entry, child);
 }
 
-void TarnObjects::link(std::string_view name, const xcptref<TarnObject>& child) {
-  B_tree::insert(goods::set_member::create(child, name));
+goods::ref<goods::set_member> TarnObjects::link(std::string_view name,
+                                                const xcptref<TarnObject>& child) {
+  auto entry = goods::set_member::create(child, name);
+  B_tree::insert(entry);
+  return entry;
+}
+
+void TarnObjects::becomeHome(const goods::ref<goods::set_member>& entry) {
+  adopt(entry, TarnRef::Trusted(entry->target()));
+  note_relinked();
 }
 
 void TarnObjects::replaceChild(const goods::ref<goods::set_member>& entry,

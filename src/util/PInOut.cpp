@@ -179,7 +179,7 @@ bool PInOut::startWriting(Sink sink) {
 
 void PInOut::startReading() {
   level_ = 0;
-  isSourceAtEnd_ = false;
+  isSourceAtEnd_ = isLastLineOpen_ = false;
   done_ = 0;
   at_ = filled_ = 0;
   line_ = Line{};
@@ -297,6 +297,7 @@ bool PInOut::nextRawLine(std::string_view& line) {
     if (at_ == filled_) return false;
     line = std::string_view(buffer_.data() + at_, filled_ - at_);
     at_ = filled_;
+    isLastLineOpen_ = true;
     return true;
   }
 }
@@ -308,7 +309,10 @@ PInOut::Status PInOut::readLine() {
     ++line_.number;
     if (line_.number == 1 && line.starts_with(kMark)) line.remove_prefix(kMark.size());
     if (line.ends_with('\r')) line.remove_suffix(1);
-    if (line.find_first_not_of(" \t") == std::string_view::npos) continue;
+    if (line.find_first_not_of(" \t") == std::string_view::npos) {
+      isLastLineOpen_ = false;  // as far as anything stands in it
+      continue;
+    }
     line_.isEnd = false;
     parse(line);
     return Continue;

@@ -13,16 +13,15 @@
 #include <unistd.h>
 
 #include <atomic>
-#include <bit>
 #include <cmath>
 #include <limits>
-#include <map>
 #include <sstream>
 #include <string>
 #include <thread>
 #include <utility>
 #include <vector>
 
+#include "support/branch_picture.h"
 #include "support/captured_log.h"
 #include "support/session_fixture.h"
 #include "support/throws_tarn.h"
@@ -84,91 +83,25 @@ std::string Export(const TarnRef& node) {
   return out.str();
 }
 
-// What a branch is, looked at through nodes and not through text: for each place that leads to a
-// node its class and value, or the place where the node was met before.
-class Picture {
- public:
-  explicit Picture(const TarnRef& top) {
-    std::vector<std::pair<std::string, TarnRef>> open{{"", top}};
-    while (!open.empty()) {
-      const auto [path, node] = open.back();
-      open.pop_back();
-      const auto [met, isNew] = met_.emplace(node.handle(), path);
-      held_.push_back(node);
-      if (!isNew) {
-        lines_[path] = "same as " + met->second;
-        continue;
-      }
-      lines_[path] = node->getType() + std::string(" ") + ValueOf(node);
-      addMembers(path, node, open);
-      std::map<std::string, int> numbers;
-      for (const auto& [name, child] : node->children()) {
-        const int number = numbers[name]++;
-        const std::string below = path + "~" + name + "#" + std::to_string(number);
-        lines_[below + "?"] = child->getParent() == node ? "at home" : "listed";
-        open.emplace_back(below, child);
-      }
-    }
+// What the classes above hold that no member or value shows.
+std::vector<branch_picture::Line> DetailsOf(const TarnRef& node) {
+  std::vector<branch_picture::Line> lines;
+  if (node.isA<Tagged>()) lines.emplace_back("!tag", std::to_string(xcptref<Tagged>(node)->tag_));
+  if (!node.isA<TextKinds>()) return lines;
+  const xcptref<TextKinds> kinds(node);
+  std::string notes;
+  kinds->notes_.iterateChildren([&](std::string_view name, const TarnString& text) {
+    notes += std::string(name) + "=" + (text.isNull() ? "null" : text.str()) + ";";
+  });
+  lines.emplace_back("!Notes", notes);
+  for (int i : {0, 1}) {
+    const TarnString& text = kinds->texts_[i];
+    lines.emplace_back("!text" + std::to_string(i), text.isNull() ? "null" : text.str());
   }
+  return lines;
+}
 
-  friend bool operator==(const Picture& left, const Picture& right) {
-    return left.lines_ == right.lines_;
-  }
-  friend void PrintTo(const Picture& picture, std::ostream* out) {
-    for (const auto& [path, line] : picture.lines_) *out << path << " : " << line << '\n';
-  }
-
- private:
-  static std::string Bits(const TarnData& value) {
-    std::string text = value.getTypeAsString();
-    if (value.isRealNumber()) {
-      const double number = value.getDouble();
-      return text + (std::isnan(number)
-                         ? " nan"
-                         : " " + std::to_string(std::bit_cast<std::uint64_t>(number)));
-    }
-    return text + " " + std::string(value.getText());
-  }
-  static std::string ValueOf(const TarnRef& node) {
-    TarnData value;
-    std::string text = node->get(nullptr, value) ? Bits(value) : "-";
-    if (node.isA<Tagged>()) text += " " + std::to_string(xcptref<Tagged>(node)->tag_);
-    return text;
-  }
-  void addMembers(const std::string& path, const TarnRef& node,
-                  std::vector<std::pair<std::string, TarnRef>>& open) {
-    const auto body = *node;
-    if (node.isA<TextKinds>()) {
-      const xcptref<TextKinds> kinds(node);
-      kinds->notes_.iterateChildren([&](std::string_view name, const TarnString& text) {
-        lines_[path + "!Notes"] +=
-            std::string(name) + "=" + (text.isNull() ? "null" : text.str()) + ";";
-      });
-      for (int i : {0, 1}) {
-        const TarnString& text = kinds->texts_[i];
-        lines_[path + "!text" + std::to_string(i)] = text.isNull() ? "null" : text.str();
-      }
-    }
-    const unsigned long count = body->getClass().getNumDataMembers();
-    for (unsigned long i = 0; i < count; ++i) {
-      const XString name = body->getChildName(i);
-      const std::string below = path + "." + std::string(name.view());
-      const TarnFieldDescriptor* field = body->getClass().findMember(name.getText());
-      TarnRef target;
-      if (field->isForNodes()) field->copyFrom(&*body, target, name);
-      if (!target.is_null()) {
-        open.emplace_back(below, target);
-        continue;
-      }
-      TarnData value(TarnData::Uint64);
-      if (field->getValue(*body, name, value)) lines_[below] = Bits(value);
-    }
-  }
-
-  std::map<std::string, std::string> lines_;
-  std::map<const void*, std::string> met_;
-  std::vector<TarnRef> held_;
-};
+branch_picture PictureOf(const TarnRef& node) { return branch_picture(node, DetailsOf); }
 
 class TextFormTest : public session_test {
  protected:
@@ -184,7 +117,7 @@ class TextFormTest : public session_test {
     ASSERT_FALSE(copy.is_null());
     EXPECT_EQ(name, node->getName());
     EXPECT_FALSE(copy->hasParent());
-    EXPECT_EQ(Picture(copy), Picture(node)) << text;
+    EXPECT_EQ(PictureOf(copy), PictureOf(node)) << text;
     modify(TarnRef(manager().getRoot()))->deleteChild("copies");
     manager().set("copies", TarnRef(TarnObject::Create()));
     const TarnRef home = manager().getObject("copies");
@@ -292,11 +225,11 @@ TEST_F(TextFormTest, LetsClassesHaveLinesOfTheirOwn) {
   modify(tagged)->tag_ = 5;
   modify(tagged)->setValue(nullptr, 7);
   modify(tagged)->setValue("below", 8);
-  EXPECT_EQ(Picture(import(Export(tagged))), Picture(tagged));
+  EXPECT_EQ(PictureOf(import(Export(tagged))), PictureOf(tagged));
   // In another order, with something nested in between.
-  EXPECT_EQ(Picture(import("Tagged x\n  Value 7\n  Children {\n    TarnSint32Value below\n"
-                           "      Value 8\n  }\n  Tag 5\n")),
-            Picture(tagged));
+  EXPECT_EQ(PictureOf(import("Tagged x\n  Value 7\n  Children {\n    TarnSint32Value below\n"
+                             "      Value 8\n  }\n  Tag 5\n")),
+            PictureOf(tagged));
 }
 
 TEST_F(TextFormTest, KeepsMembersOfEveryKind) {
@@ -353,6 +286,23 @@ TEST_F(TextFormTest, KeepsSharedNodesAndCircles) {
   modify(top)->becomeParentOf("zz");
   manager().set("top", top);
   expectRoundTrip(manager().getObject("top"));
+}
+
+// "a" is written where "c" lists it, and its place in the tree is below "b", which it lists.
+TEST_F(TextFormTest, FindsThePlaceOfANodeBelowTheNodeItself) {
+  const TarnRef top = TarnObject::Create();
+  modify(top)->addChild("z", TarnObject::Create());
+  const TarnRef b = top->getChildWithName("z");
+  const TarnRef a = TarnObject::Create();
+  const TarnRef c = TarnObject::Create();
+  modify(c)->addChild("a", a);
+  modify(b)->addChild("a", a);
+  modify(a)->addChild("b", b);  // is above it
+  modify(top)->addChild("c", c);
+  manager().set("top", top);
+  const TarnRef stored = manager().getObject("top");
+  ASSERT_EQ(stored->getChildWithName("c~a")->getParent(), stored->getChildWithName("z"));
+  expectRoundTrip(stored);
 }
 
 TEST_F(TextFormTest, KeepsEmptyIndexesAndNothingElseOfDeletedChildren) {
@@ -511,6 +461,21 @@ TEST_F(TextFormTest, RefusesEveryCutWithinAList) {
     } catch (const TarnException& error) {
       EXPECT_THAT(error.what(), HasSubstr("Line "));
     }
+  }
+}
+
+TEST_F(TextFormTest, SaysWhereAFileMayHaveBeenCut) {
+  const auto warnings = [&](const char* text) {
+    captured_log log;
+    import(text);
+    return log.lines();
+  };
+  EXPECT_THAT(warnings("TarnStringValue a\n  Value 12"),
+              testing::ElementsAre(HasSubstr("Line 2: the last line does not end")));
+  for (const char* whole :
+       {"TarnStringValue a\n  Value 12\n", "TarnStringValue a\n  Value 12\n  ",
+        "TarnObject a\n  Children {\n  }", "TarnObject a\n  Children {\n  }\n "}) {
+    EXPECT_THAT(warnings(whole), testing::IsEmpty()) << whole;
   }
 }
 

@@ -37,7 +37,10 @@ class TARNS_API TarnObjects : public goods::B_tree {
   // parent, unless it is that parent or above it.
   void insert(std::string_view name, const xcptref<TarnObject>& child);
   // Adds an entry that the child knows nothing of.
-  void link(std::string_view name, const xcptref<TarnObject>& child);
+  goods::ref<goods::set_member> link(std::string_view name, const xcptref<TarnObject>& child);
+  // Lets the child of an entry of this index take it as the link to its parent, unless it is that
+  // parent or above it.
+  void becomeHome(const goods::ref<goods::set_member>& entry);
   // Puts `child` in the place of the entry's child, which loses the parent that it has through it.
   void replaceChild(const goods::ref<goods::set_member>& entry, const xcptref<TarnObject>& child);
   // Removes an entry; its child loses the parent that it has through it. False when the entry is

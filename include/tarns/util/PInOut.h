@@ -111,6 +111,8 @@ class TARNS_API PInOut {
   // Goes on to the next line; End when there is none.
   Status readLine();
   bool isAtEnd() const { return line_.isEnd; }
+  // At the end: whether the last line had no line feed, as when the text was cut within it.
+  bool isLastLineOpen() const { return isLastLineOpen_; }
   // "" for a line that is less deep than the level, and at the end.
   const char* getCommand() const;
   bool isCmd(const char* command) const { return ViewOf(command) == getCommand(); }
@@ -201,6 +203,7 @@ class TARNS_API PInOut {
   std::size_t at_ = 0, filled_ = 0;  // in buffer_
   bool isSourceAtEnd_ = true;
   Line line_;
+  bool isLastLineOpen_ = false;
   std::string command_;
   std::string_view value_;  // as it stands in buffer_
   XProgressReporter* reporter_ = nullptr;
