@@ -35,6 +35,12 @@ class transaction_companion {
   virtual ~transaction_companion() = default;
 };
 
+// What a library above keeps with a session, see cache_manager::companion_for().
+class session_companion {
+ public:
+  virtual ~session_companion() = default;
+};
+
 // Whose doing a transaction is.
 enum class caller : std::uint8_t { library, application };
 
@@ -164,6 +170,14 @@ class GOODS_API cache_manager {
   // A counted handle for `id`, without loading the object.
   object_ref find(object_id id);
 
+  // Loads those of the objects that are not in memory, with one call to each storage. Only a hint:
+  // what does not exist, or is changed meanwhile, is left out. Locks nothing. Throws corrupt_data.
+  void load(std::span<const object_ref> objects);
+
+  // What a library above keeps with the session, found by the address of something of its own; made
+  // at the first call, destroyed with the session. Its functions are safe from any thread.
+  session_companion& companion_for(const void* owner, std::unique_ptr<session_companion> (*make)());
+
   // Kept for applications that set it: tasks are always preemptive threads here.
   static std::atomic<bool> cooperative_mode;
 
@@ -220,6 +234,9 @@ class GOODS_API cache_manager {
   std::unique_ptr<object_cache> cache_;
   std::mutex attachments_lock_;
   std::vector<std::shared_ptr<thread_attachment>> attachments_;  // under attachments_lock_
+  std::mutex companions_lock_;
+  std::vector<std::pair<const void*, std::unique_ptr<session_companion>>>
+      companions_;  // under companions_lock_
 };
 
 // One round after the other of cache_manager::read(): holds the section in which bodies stay in

@@ -45,7 +45,9 @@ TarnRef NodeOfMember(const TarnRef& node, std::string_view member) {
   TarnRef target;
   const auto body = *node;
   const TarnFieldDescriptor* field = body->getClass().findMember(name.c_str());
-  if (field != nullptr && field->mayHoldNodes()) field->copyFrom(&*body, target, name.c_str());
+  // A class may keep what it writes as its member's node elsewhere, and find it by its name.
+  if (field == nullptr) return body->getChildWithName(name.c_str());
+  if (field->mayHoldNodes()) field->copyFrom(&*body, target, name.c_str());
   return target;
 }
 

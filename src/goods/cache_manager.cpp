@@ -183,6 +183,17 @@ bool cache_manager::lock_unchanged(std::span<const stored_neighbours> objects, s
 
 std::uint64_t cache_manager::relink_count() const { return cache_->relinks(); }
 
+void cache_manager::load(std::span<const object_ref> objects) { cache_->load(objects); }
+
+session_companion& cache_manager::companion_for(const void* owner,
+                                                std::unique_ptr<session_companion> (*make)()) {
+  const std::lock_guard guard(companions_lock_);
+  for (const auto& [key, companion] : companions_) {
+    if (key == owner) return *companion;
+  }
+  return *companions_.emplace_back(owner, make()).second;
+}
+
 object_ref cache_manager::find(object_id id) { return cache_->counted(id); }
 
 library_call::library_call() : thread_(fast_slot) {

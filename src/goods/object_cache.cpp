@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <limits>
+#include <map>
 #include <memory>
 #include <string>
 #include <thread>
@@ -60,6 +61,38 @@ class body_sink : public state_sink {
   obj_storage& storage_;
   object_handle& handle_;
   object* body_ = nullptr;
+};
+
+// Turns many states into bodies.
+class bodies_sink : public state_sink {
+ public:
+  using handles = std::map<object_number, object_handle*>;
+
+  bodies_sink(obj_storage& storage, const handles& wanted) : storage_(storage), wanted_(wanted) {}
+  bodies_sink(const bodies_sink&) = delete;
+  bodies_sink& operator=(const bodies_sink&) = delete;
+  ~bodies_sink() override {
+    for (const auto& [handle, body] : bodies_) {
+      if (body != nullptr) body->unpin();
+    }
+  }
+
+  void found(const object_state& state) override {
+    const auto wanted = wanted_.find(state.number);
+    if (wanted == wanted_.end()) return;
+    storage_.count_read(state.body.size());
+    bodies_.reserve(wanted_.size());
+    bodies_.emplace_back(wanted->second, storage_.catalog().instantiate(wanted->second, state));
+  }
+  void missing(object_number) override {}
+
+  // The caller sets to null what it takes over.
+  std::vector<std::pair<object_handle*, object*>>& bodies() { return bodies_; }
+
+ private:
+  obj_storage& storage_;
+  const handles& wanted_;
+  std::vector<std::pair<object_handle*, object*>> bodies_;
 };
 
 }  // namespace
@@ -125,6 +158,30 @@ object* object_cache::load(object_handle& handle) {
     shrink_if_full();
     return body;
   }
+}
+
+void object_cache::load(std::span<const object_ref> objects) {
+  std::map<storage_number, bodies_sink::handles> absent;
+  for (const object_ref& object : objects) {
+    object_handle* const handle = object.handle();
+    if (handle == nullptr || handle->is_transient() || handle->body() != nullptr) continue;
+    absent[storage_of(handle->id())].emplace(number_of(handle->id()), handle);
+  }
+  for (const auto& [storage, handles] : absent) {
+    std::vector<object_number> numbers;
+    numbers.reserve(handles.size());
+    for (const auto& [number, handle] : handles) numbers.push_back(number);
+    bodies_sink sink(db_.storage(storage), handles);
+    const commit_version as_of =
+        db_.storage(storage).dbs().load(numbers, applied_[storage].load(), sink);
+    apply_notices(storage, as_of);
+    for (auto& [handle, fresh] : sink.bodies()) {
+      const reader_section section;
+      object* body = nullptr;
+      keep_loaded(*handle, std::exchange(fresh, nullptr), as_of, body);
+    }
+  }
+  shrink_if_full();
 }
 
 // Installs `fresh` (null: nothing is stored) unless another thread was first; `body` is what

@@ -53,6 +53,9 @@ class object_cache {
     return body;
   }
 
+  // See cache_manager::load().
+  void load(std::span<const object_ref> objects);
+
   // Hands states to `into` that nobody but the caller's read round will see (see guest_list). They
   // are as of the version that the session has applied; where that changes, the round is repeated.
   void load_for_guests(storage_number storage, std::span<const object_number> numbers,

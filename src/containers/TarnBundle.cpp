@@ -1,0 +1,279 @@
+#include <goods/cache_manager.h>
+#include <tarns/containers/TarnBundle.h>
+#include <tarns/core/TarnException.h>
+#include <tarns/core/TarnObjects.h>
+#include <tarns/schema/GOODSinOut.h>
+#include <tarns/schema/TarnClassDescriptor.h>
+#include <tarns/schema/TarnClassRegistration.h>
+
+#include <algorithm>
+#include <string>
+
+#include "containers/block_ranges.h"
+#include "core/node_access.h"
+
+namespace tarns {
+
+TARN_REGISTER(TarnBundle, TarnObject);
+
+namespace {
+
+constexpr unsigned short kAllFree = TarnBundleBlock::kCapacity;
+
+goods::ref<goods::set_member> EntryCalled(const TarnRef& node, const char* name) {
+  return node.is_null() ? nullptr : node->getIterTo(name).getEntry();
+}
+
+goods::ref<goods::set_member> ParentLinkOf(const TarnRef& node) {
+  return goods::read_here([&](goods::reader& reader) {
+    return goods::ref<goods::set_member>::trusted(
+        goods::to_reference(TarnNodeAccess::ParentLinkOf(*reader.get(node))));
+  });
+}
+
+// Whether a block's name says that so many slots are free.
+bool SaysNumber(std::string_view name, std::string_view base) {
+  return name.starts_with(base) && (name.size() == base.size() || name[base.size()] == '_');
+}
+
+// Makes an object what a new one of its class is; its place in the tree stays.
+void Renew(const TarnRef& object) {
+  auto body = modify(object);
+  if (body->getNumAbstractChildren() > 0) body->deleteChildren();
+  if (&body->cls() != &TarnObject::self_class) {
+    const TarnRef fresh = body->constructor();
+    TarnNodeAccess::CopyState(*fresh.read(), *body);
+  }
+  body->initialize();
+}
+
+// What is known of a block when its objects have identifiers.
+std::optional<BlockRanges::Range> RangeOf(const xcptref<TarnBundleBlock>& block) {
+  BlockRanges::Range range{block.id(), ~goods::object_id{0}, 0};
+  const auto body = *block;
+  for (unsigned short slot = 0; slot < TarnBundleBlock::kCapacity; ++slot) {
+    const goods::object_id object = TarnObject::GetObjectID(body->getAt(slot));
+    if (object == 0) return std::nullopt;
+    range.first = std::min(range.first, object);
+    range.last = std::max(range.last, object);
+  }
+  return range;
+}
+
+// Finds the block that holds an object: by what the session knows, then by looking at each.
+class BlockSearch {
+ public:
+  BlockSearch(TarnRef blocks, TarnRef object)
+      : blocks_(std::move(blocks)), object_(std::move(object)) {
+    goods::cache_manager* const session = goods::cache_manager::current();
+    if (session == nullptr || blocks_.id() == 0 || object_.id() == 0) return;
+    session_ = session;
+    ranges_ = &BlockRanges::Of(*session);
+  }
+
+  xcptref<TarnBundleBlock> find() const {
+    xcptref<TarnBundleBlock> found = ranges_ != nullptr ? findKnown() : nullptr;
+    if (found.is_null() && ranges_ != nullptr) found = findAmong(true);
+    return found.is_null() ? findAmong(false) : found;
+  }
+
+ private:
+  bool isIn(const xcptref<TarnBundleBlock>& block) const {
+    return block->getIndexOf(object_) < TarnBundleBlock::kCapacity;
+  }
+
+  xcptref<TarnBundleBlock> findKnown() const {
+    for (const goods::object_id id : ranges_->candidates(blocks_.id(), object_.id())) {
+      try {
+        const TarnRef block = TarnRef::Trusted(session_->find(id));
+        if (block.isA<TarnBundleBlock>() && block->getParent() == blocks_) {
+          if (xcptref<TarnBundleBlock> found(block); isIn(found)) return found;
+          continue;
+        }
+      } catch (const TarnException& error) {
+        if (error.getErrorID() != ErrorID::ObjectGone) throw;
+      }
+      ranges_->forget(blocks_.id(), id);
+    }
+    return nullptr;
+  }
+
+  // In the order of the blocks' names. `onlyNew`: those that nothing is known of.
+  xcptref<TarnBundleBlock> findAmong(bool onlyNew) const {
+    xcptref<TarnBundleBlock> found;
+    ForEachEntry(blocks_->getChildren(), [&](const goods::held_entry&, const TarnRef& child) {
+      if (onlyNew && ranges_->knows(blocks_.id(), child.id())) return true;
+      const xcptref<TarnBundleBlock> block(child);
+      if (ranges_ != nullptr && block.id() != 0) {
+        if (const auto range = RangeOf(block)) ranges_->add(blocks_.id(), *range);
+      }
+      if (isIn(block)) found = block;
+      return found.is_null();
+    });
+    return found;
+  }
+
+  const TarnRef blocks_, object_;
+  goods::cache_manager* session_ = nullptr;
+  BlockRanges* ranges_ = nullptr;  // null where nothing can be known
+};
+
+}  // namespace
+
+TarnBundle::TarnBundle(const char* className) : TarnBundle(className, SelfClass()) {}
+
+TarnBundle::TarnBundle(const char* className, goods::class_descriptor& cls) : TarnBundle(cls) {
+  initClassName(className);
+}
+
+TarnBundle::~TarnBundle() = default;
+
+bool TarnBundle::write(const char* name, GOODSinOut& out) {
+  TarnObject::write(name, out);
+  return out.write("ClassName", className_);
+}
+
+void TarnBundle::initClassName(const char* className) {
+  if (className_.str().empty()) className_.set(className);
+}
+
+XString TarnBundle::getClassName() const { return XString(className_.str()); }
+
+void TarnBundle::addChild(const char* name, xcptref<TarnObject> child) {
+  TarnObject::addChild(name, std::move(child));
+}
+
+XString TarnBundle::addUniqueChild(const char* name, xcptref<TarnObject> child) {
+  return TarnObject::addUniqueChild(name, std::move(child));
+}
+
+bool TarnBundle::deleteChild(const char* name) { return TarnObject::deleteChild(name); }
+
+xcptref<TarnObject> TarnBundle::bundledChildren() const {
+  return getChildWithName(kBundledChildren);
+}
+
+xcptref<TarnObject> TarnBundle::blocks() const { return getChildWithName(kBlocks); }
+
+// --- Creating -----------------------------------------------------------------------------------
+
+xcptref<TarnObject> TarnBundle::newChild(const char* name) {
+  VerifyChildName(getSelf(), ViewOf(name));
+  const TarnRef children = getChildWithNameNoFail(kBundledChildren, TarnObject::GetType());
+  XString oldName;
+  const xcptref<TarnBundleBlock> block(getFullestBlockWithSpace(&oldName));
+  const unsigned short slot = modify(block)->allocateNextUnused();
+  if (block->getAt(slot).is_null()) refill(block, slot);
+  TarnRef child = block->getAt(slot);
+  Renew(child);
+  modify(children)->addChild(name, child);
+  updateBlockName(block, oldName);
+  return child;
+}
+
+xcptref<TarnObject> TarnBundle::getFullestBlockWithSpace(XString* blockName) {
+  const TarnRef blocks = getChildWithNameNoFail(kBlocks, TarnObject::GetType());
+  const TarnIterator place = blocks->getIterToOrAfter(TarnBundleBlock::GetBaseNameFor(1));
+  XString name(place.getEntryName());
+  TarnRef block = place.isNull() ? TarnRef(addBlock(blocks, name)) : place.get(nullptr);
+  if (blockName != nullptr) *blockName = name;
+  return block;
+}
+
+xcptref<TarnBundleBlock> TarnBundle::addBlock(const xcptref<TarnObject>& blocks, XString& name) {
+  auto block = TarnBundleBlock::Create();
+  modify(block)->initialize(getClassName());
+  name = modify(blocks)->addUniqueChild(TarnBundleBlock::GetBaseNameFor(kAllFree), block);
+  return block;
+}
+
+// A slot whose object was lost with a damaged database gets another one.
+void TarnBundle::refill(const xcptref<TarnBundleBlock>& block, unsigned short slot) const {
+  const TarnRef child = CreateOfType(getClassName());
+  if (child.is_null()) TarnException::ThrowMissingDescriptor(getClassName());
+  modify(block)->setAt(slot, child);
+}
+
+void TarnBundle::updateBlockName(xcptref<TarnObject> block, const char* oldName) {
+  const XString base = xcptref<TarnBundleBlock>(block)->getBaseName();
+  const TarnRef blocks = this->blocks();
+  if (blocks.is_null()) return;
+  const goods::ref<goods::set_member> entry = ParentLinkOf(block);
+  // An entry that gets another name is the same one: nothing is left behind.
+  if (!SaysNumber(ViewOf(oldName), base.view()) && !entry.is_null() &&
+      entry->key() == ViewOf(oldName) && block->getParent() == blocks) {
+    const XString unique = blocks->getUniqueChildName(base);
+    modify(blocks->getChildren())->rename(entry, unique.view());
+    return;
+  }
+  auto list = modify(blocks);
+  list->deleteChild(oldName);
+  list->addUniqueChild(base, block);
+}
+
+// --- Deleting and renaming ----------------------------------------------------------------------
+
+bool TarnBundle::deleteBundledChild(const char* name) {
+  const TarnRef children = bundledChildren();
+  const auto entry = EntryCalled(children, name);
+  if (entry.is_null()) return false;
+  const TarnRef child = TarnRef::Trusted(entry->target());
+  modify(children->getChildren())->removeEntry(entry);
+  const xcptref<TarnBundleBlock> block = findBlockOf(child);
+  if (block.is_null()) return true;  // put there by others
+  const XString oldName = block->getName();
+  modify(block)->markAsFree(child);
+  updateBlockName(block, oldName);
+  return true;
+}
+
+xcptref<TarnBundleBlock> TarnBundle::findBlockOf(const xcptref<TarnObject>& child) const {
+  const TarnRef blocks = this->blocks();
+  return blocks.is_null() ? nullptr : BlockSearch(blocks, child).find();
+}
+
+bool TarnBundle::renameBundledChild(const char* oldName, const char* newName) {
+  const TarnRef children = bundledChildren();
+  const auto entry = EntryCalled(children, oldName);
+  if (entry.is_null()) return false;
+  VerifyChildName(children, ViewOf(newName));
+  if (ViewOf(oldName) != ViewOf(newName)) {
+    modify(children->getChildren())->rename(entry, ViewOf(newName));
+  }
+  return true;
+}
+
+// --- Finding ------------------------------------------------------------------------------------
+
+xcptref<TarnObject> TarnBundle::getBundledChildWithName(const char* name) const {
+  const TarnRef children = bundledChildren();
+  return children.is_null() ? nullptr : children->getChildWithName(name);
+}
+
+xcptref<TarnObject> TarnBundle::getBundledChildWithNameNoFail(const char* name) const {
+  return getBundledChildWithName(name);
+}
+
+void TarnBundle::getBundledChildNames(XStringList& names) const {
+  if (const TarnRef children = bundledChildren(); !children.is_null()) {
+    children->getChildNames(names);
+  }
+}
+
+unsigned long TarnBundle::getNumBundledChildren() const {
+  const TarnRef children = bundledChildren();
+  return children.is_null() ? 0 : children->getNumChildren();
+}
+
+unsigned long TarnBundle::getNumBlocks() const {
+  const TarnRef blocks = this->blocks();
+  return blocks.is_null() ? 0 : blocks->getNumChildren();
+}
+
+TarnBundleIter TarnBundle::first() const {
+  const TarnRef blocks = this->blocks();
+  return blocks.is_null() ? TarnBundleIter()
+                          : TarnBundleIter(blocks->getIterToFirstAbstractChild());
+}
+
+}  // namespace tarns

@@ -1,0 +1,231 @@
+#include <fmt/format.h>
+#include <goods/cache_manager.h>
+#include <tarns/containers/BundleExportFilter.h>
+#include <tarns/containers/TarnBundleBlock.h>
+#include <tarns/core/TarnException.h>
+#include <tarns/schema/GOODSinOut.h>
+#include <tarns/schema/TarnClassRegistration.h>
+#include <tarns/schema/TarnFactory.h>
+#include <tarns/schema/TarnMember.h>
+
+#include <algorithm>
+#include <bit>
+#include <string>
+#include <vector>
+
+#include "containers/TarnBundleSlots.h"
+
+namespace tarns {
+
+TARN_REGISTER(TarnBundleBlock, TarnObject);
+
+namespace {
+
+constexpr const char* kSlots = "Slots";
+constexpr const char* kFreeMap = "FreeMap";
+constexpr const char* kNameFormat = "{:04}";
+
+[[noreturn]] void ThrowBadIndex(unsigned short index) {
+  TarnException error;
+  error << "Invalid bundle block index " << index << "; must be in the range [0 .. "
+        << TarnBundleBlock::kCapacity << "].";
+  throw error;
+}
+
+// The slot that a name stands for; kCapacity when it is no slot's.
+unsigned short SlotCalled(std::string_view name) {
+  constexpr std::string_view kPrefix = TarnBundleSlots::kElementPrefix;
+  if (!name.starts_with(kPrefix)) return TarnBundleBlock::kCapacity;
+  const auto index = TarnMember::ParseIndex(std::string(name.substr(kPrefix.size())).c_str());
+  if (!index || *index < 0 || *index >= TarnBundleBlock::kCapacity) {
+    return TarnBundleBlock::kCapacity;
+  }
+  return static_cast<unsigned short>(*index);
+}
+
+// Writes the lines of a member unless it is the reference to the slots.
+struct MemberLines {
+  const TarnObject& node;
+  PInOut& out;
+  bool isWritten = true;
+};
+
+bool WriteMemberLines(const TarnFieldDescriptor& field, const void* arg) {
+  auto& lines = *static_cast<MemberLines*>(const_cast<void*>(arg));
+  if (!field.hasName(kSlots)) {
+    lines.isWritten = GOODSinOut::WriteMember(lines.node, field, lines.out);
+  }
+  return lines.isWritten;
+}
+
+}  // namespace
+
+TarnBundleBlock::~TarnBundleBlock() = default;
+
+bool TarnBundleBlock::write(const char* name, GOODSinOut& out) {
+  TarnObject::write(name, out);
+  out.write(kSlots, &slots_, 1);
+  return out.write(kFreeMap, freeMap_.data(), kMapWords);
+}
+
+const xcptref<TarnBundleSlots>& TarnBundleBlock::makeSlots() {
+  if (slots_.is_null()) slots_ = TarnBundleSlots::Create();
+  return slots_;
+}
+
+void TarnBundleBlock::initialize(const char* className) {
+  if (className == nullptr) className = "";
+  if (CreateOfType(className).is_null()) TarnException::ThrowMissingDescriptor(className);
+  auto slots = modify(makeSlots());
+  for (std::size_t index = 0; index < kCapacity; ++index) {
+    slots->setAt(index, CreateOfType(className));
+  }
+}
+
+// --- The free map -------------------------------------------------------------------------------
+
+unsigned short TarnBundleBlock::allocateNextUnused() {
+  unsigned short word = 0;
+  while (word < kMapWords && freeMap_[word] == 0) ++word;
+  if (word == kMapWords) return kMapWords * kWordBits;
+  const auto index =
+      static_cast<unsigned short>(word * kWordBits + std::countl_zero(freeMap_[word]));
+  freeMap_[word] &= ~MaskOf(index);
+  return index;
+}
+
+xcptref<TarnObject> TarnBundleBlock::newChild() { return getAt(allocateNextUnused()); }
+
+bool TarnBundleBlock::markAsFree(unsigned long index) {
+  if (index >= kCapacity) return false;
+  freeMap_[index / kWordBits] |= MaskOf(index);
+  return true;
+}
+
+bool TarnBundleBlock::markAsFree(xcptref<TarnObject> child) {
+  return markAsFree(static_cast<unsigned long>(getIndexOf(child)));
+}
+
+bool TarnBundleBlock::isFree(unsigned short index) const {
+  return index < kCapacity && (freeMap_[index / kWordBits] & MaskOf(index)) != 0;
+}
+
+unsigned short TarnBundleBlock::getNextUsed(unsigned short from) const {
+  for (unsigned long index = from; index < kCapacity;) {
+    const std::uint32_t bit = MaskOf(index);
+    // The used ones of the word, from this one on.
+    const std::uint32_t used = ~freeMap_[index / kWordBits] & (bit | (bit - 1));
+    index -= index % kWordBits;
+    if (used != 0) {
+      const unsigned long found = index + static_cast<unsigned long>(std::countl_zero(used));
+      return static_cast<unsigned short>(std::min<unsigned long>(found, kCapacity));
+    }
+    index += kWordBits;
+  }
+  return std::max(from, kCapacity);
+}
+
+unsigned short TarnBundleBlock::GetNumUnused(const std::uint32_t* words, unsigned short wordCount) {
+  unsigned number = 0;
+  for (unsigned short word = 0; word < wordCount; ++word) {
+    number += static_cast<unsigned>(std::popcount(words[word]));
+  }
+  return static_cast<unsigned short>(number);
+}
+
+unsigned short TarnBundleBlock::getNumUnused() const {
+  return GetNumUnused(freeMap_.data(), kMapWords);
+}
+
+XString TarnBundleBlock::GetBaseNameFor(unsigned short numUnused) {
+  return {fmt::format(kNameFormat, numUnused)};
+}
+
+XString TarnBundleBlock::getBaseName() const { return GetBaseNameFor(getNumUnused()); }
+
+// --- The objects --------------------------------------------------------------------------------
+
+xcptref<TarnObject> TarnBundleBlock::getAt(unsigned short index) const {
+  if (index >= kCapacity) ThrowBadIndex(index);
+  if (slots_.is_null()) return nullptr;
+  return slots_->at(index);
+}
+
+void TarnBundleBlock::setAt(unsigned short index, const xcptref<TarnObject>& child) {
+  if (index >= kCapacity) ThrowBadIndex(index);
+  modify(makeSlots())->setAt(index, child);
+}
+
+unsigned short TarnBundleBlock::getIndexOf(const xcptref<TarnObject>& child) const {
+  if (slots_.is_null() || child.is_null()) return kCapacity;
+  const auto slots = *slots_;
+  unsigned short index = 0;
+  while (index < kCapacity && slots->at(index) != child) ++index;
+  return index;
+}
+
+void TarnBundleBlock::preload() const {
+  goods::cache_manager* const session = goods::cache_manager::current();
+  if (session == nullptr || slots_.is_null()) return;
+  const auto slots = *slots_;
+  std::vector<goods::object_ref> objects;
+  objects.reserve(kCapacity);
+  for (std::size_t index = 0; index < kCapacity; ++index) {
+    if (slots->at(index).id() != 0) objects.emplace_back(slots->at(index));
+  }
+  session->load(objects);
+}
+
+const TarnObject* TarnBundleBlock::findChild(goods::reader& reader, std::string_view name) const {
+  if (const unsigned short index = SlotCalled(name); index < kCapacity) {
+    const TarnBundleSlots* slots = reader.get(slots_);
+    return slots != nullptr ? reader.get(slots->at(index)) : nullptr;
+  }
+  return TarnObject::findChild(reader, name);
+}
+
+// --- Copies and text ----------------------------------------------------------------------------
+
+xcptref<TarnObject> TarnBundleBlock::clone() const {
+  const xcptref<TarnBundleBlock> copy(TarnObject::clone());
+  if (!slots_.is_null()) modify(copy)->slots_ = xcptref<TarnBundleSlots>(slots_->clone());
+  return copy;
+}
+
+void TarnBundleBlock::copyFrom(xcptref<TarnObject> other) {
+  const xcptref<TarnBundleSlots> own = slots_;
+  TarnObject::copyFrom(std::move(other));
+  if (!slots_.is_null() && slots_ != own) slots_ = xcptref<TarnBundleSlots>(slots_->clone());
+}
+
+bool TarnBundleBlock::writeConcreteMembers(PInOut& out) const {
+  if (!slots_.is_null() && !slots_->writeConcreteMembers(out)) return false;
+  MemberLines lines{*this, out};
+  getClass().iterateFields(WriteMemberLines, &lines, true);
+  return lines.isWritten;
+}
+
+bool TarnBundleBlock::read(PInOut& in) {
+  do {
+    TarnObject::read(in);
+    if (SlotCalled(in.getCommand()) == kCapacity) return true;
+  } while (GOODSinOut::ReadMember(*modify(makeSlots()), in) == PInOut::Continue);
+  return true;
+}
+
+XString TarnBundleBlock::exportToTempFile(BundleExportFilter* filter) const {
+  const xcptref<TarnBundleBlock> copy(clone());
+  for (unsigned short index = getNextUsed(0); filter != nullptr && index < kCapacity;
+       index = getNextUsed(index + 1)) {
+    if (!filter->shouldExport(getAt(index)))
+      modify(copy)->markAsFree(static_cast<unsigned long>(index));
+  }
+  // Gives the copy its name; both go when the file has been written.
+  const TarnRef parent = TarnObject::Create();
+  const XString name = getName();
+  if (name.isEmpty()) return copy->exportToTempFile();
+  modify(parent)->addChild(name, copy);
+  return copy->exportToTempFile();
+}
+
+}  // namespace tarns

@@ -1,0 +1,40 @@
+// Which block of a bundle an object is probably in.
+#pragma once
+
+#include <goods/cache_manager.h>
+#include <goods/object_ref.h>
+
+#include <mutex>
+#include <optional>
+#include <unordered_map>
+#include <vector>
+
+namespace tarns {
+
+// What a session has learned about the blocks of its bundles: the least and the greatest identifier
+// of each one's objects, which are mostly neighbours, since they were stored together.
+//
+// Only hints: a block may be gone, and an object may have been put into another one since. Memory:
+// 32 bytes for a block. Threads: any.
+class BlockRanges : public goods::session_companion {
+ public:
+  struct Range {
+    goods::object_id block, first, last;
+  };
+
+  static BlockRanges& Of(goods::cache_manager& session);
+
+  // The blocks, of those listed by the node `blocks`, whose range the object is in.
+  std::vector<goods::object_id> candidates(goods::object_id blocks, goods::object_id object) const;
+  bool knows(goods::object_id blocks, goods::object_id block) const;
+  void add(goods::object_id blocks, const Range& range);
+  void forget(goods::object_id blocks, goods::object_id block);
+
+ private:
+  using Ranges = std::unordered_map<goods::object_id, Range>;  // by block
+
+  mutable std::mutex lock_;
+  std::unordered_map<goods::object_id, Ranges> ranges_;  // by the node that lists them; under lock_
+};
+
+}  // namespace tarns
