@@ -74,6 +74,8 @@ class GOODS_API B_tree : public set_owner {
   ~B_tree() override;
 
   unsigned page_number() const { return page_number_; }
+  // Levels of pages, this object's own included: 1 for a small index, also for an empty one.
+  unsigned height() const { return root().level() + 1; }
 
   // The first entry of this name.
   std::optional<index_entry> find(reader& in, std::string_view name) const;

@@ -1,0 +1,230 @@
+// Collections, and balancing them one thread at a time.
+#include <gmock/gmock.h>
+#include <tarns/containers/TarnBundle.h>
+#include <tarns/containers/TarnCollection.h>
+#include <tarns/core/TarnException.h>
+#include <tarns/schema/GOODSinOut.h>
+#include <tarns/schema/TarnClassRegistration.h>
+
+#include <map>
+#include <sstream>
+
+#include "support/session_fixture.h"
+#include "support/throws_tarn.h"
+
+namespace tarns {
+
+// Counts how often it is touched, and throws at a chosen time.
+class TouchCounter : public TarnObject {
+  TARN_CLASS(TouchCounter, TarnObject)
+
+ public:
+  static inline int touched = 0;
+  static inline int fails = -1;  // when it has been touched so often
+
+  void touch() override {
+    if (touched == fails) throw std::runtime_error("interrupted");
+    ++touched;
+  }
+};
+TARN_REGISTER(TouchCounter, TarnObject);
+
+namespace {
+
+using testing::ElementsAre;
+using testing::HasSubstr;
+
+class CollectionTest : public session_test {
+ protected:
+  CollectionTest() {
+    TouchCounter::touched = 0;
+    TouchCounter::fails = -1;
+  }
+  // A plain node "c" with children called 0, 1, ... of these values.
+  void addPlain(int count) {
+    manager().transaction([&] {
+      manager().set("c");
+      for (int i = 0; i < count; ++i) manager().set("c~" + std::to_string(i), i);
+    });
+  }
+  void balance(const TarnRef& progress = nullptr) {
+    TarnCollection::Balance(manager(), manager().getRoot(), "c", progress);
+  }
+  xcptref<TarnCollection> collection() { return xcptref<TarnCollection>(manager().getObject("c")); }
+  // Names of the children of both nodes, and how many nodes have each.
+  std::map<std::string, int> places() {
+    std::map<std::string, int> places;
+    for (const auto& [name, child] : collection()->children()) ++places[name];
+    if (const TarnRef old = collection()->getOld(); !old.is_null()) {
+      for (const auto& [name, child] : old->children()) ++places[name];
+    }
+    return places;
+  }
+  // A balance that is interrupted after so many steps.
+  void balanceSteps(int steps) {
+    TouchCounter::fails = TouchCounter::touched + steps;
+    EXPECT_ANY_THROW(balance(TouchCounter::Create()));
+    TouchCounter::fails = -1;
+  }
+};
+
+TEST(OptimalHeightTest, FollowsItsWrappingLimit) {
+  struct Case {
+    unsigned long children, height;
+  };
+  const Case cases[] = {
+      {0, 0}, {1, 1}, {292, 1}, {293, 2}, {85264, 2}, {2974982400, 2}, {2974982401, 4}, {~0UL, 4},
+  };
+  for (const Case& c : cases) {
+    EXPECT_EQ(TarnCollection::GetOptimalHeightFor(c.children), c.height) << c.children;
+  }
+}
+
+TEST_F(CollectionTest, CountsChildrenAndHasAHeight) {
+  manager().set("c", TarnCollection::Create());
+  EXPECT_EQ(collection()->getNumChildren(), 0U);
+  EXPECT_EQ(collection()->getHeight(), 0U);
+  EXPECT_EQ(collection()->getOptimalHeight(), 0U);
+  addPlain(292);
+  EXPECT_EQ(manager().getNumChildren("c"), 292U);
+  EXPECT_EQ(collection()->getHeight(), 1U);
+  EXPECT_EQ(collection()->getOptimalHeight(), 1U);
+  manager().set("c~one more", 1);
+  EXPECT_EQ(collection()->getOptimalHeight(), 2U);
+  EXPECT_EQ(collection()->getHeight(), 2U);
+  manager().set("c", 12);
+  EXPECT_EQ(manager().getUint32("c"), 12U) << "it is a value, too";
+}
+
+TEST_F(CollectionTest, BalancingKeepsChildrenAndTheirOrder) {
+  addPlain(700);
+  const TarnRef seven = manager().getObject("c~7");
+  modify(manager().getObject("c"))->addChild("7", TarnValue::CreateValue(TarnData("second")));
+  manager().set("d", TarnRef(TarnObject::Create()));
+  modify(manager().getObject("c"))->addChild("guest", manager().getObject("d"));
+  modify(manager().getRoot())->becomeParentOf("d");
+  const auto progress = TouchCounter::Create();
+  balance(progress);
+  EXPECT_EQ(TouchCounter::touched, 1 + 702 + 1);
+  ASSERT_TRUE(manager().getObject("c").isA<TarnCollection>());
+  EXPECT_FALSE(collection()->isBalancing());
+  EXPECT_EQ(collection()->getNumChildren(), 702U);
+  EXPECT_EQ(collection()->getPageN(), 146);
+  EXPECT_EQ(manager().getObject("c~7"), seven);
+  EXPECT_EQ(seven->getParent(), manager().getObject("c"));
+  EXPECT_EQ(manager().getObject("d")->getParentName(), XString("")) << "the root has no name";
+  EXPECT_EQ(manager().getObject("c~guest"), manager().getObject("d"));
+  const auto first = collection()->getIterTo("7");
+  auto second = first;
+  second.next(nullptr);
+  EXPECT_STREQ(second.get(nullptr)->getXString(nullptr), "second");
+  reopen();
+  for (int i = 0; i < 700; ++i) ASSERT_EQ(manager().getSint32("c~" + std::to_string(i), -1), i);
+}
+
+TEST_F(CollectionTest, InterruptedItFindsDeletesCountsAndAddsInBothNodes) {
+  addPlain(20);
+  balanceSteps(6);  // the collection, and five children: 0, 1, 10, 11, 12
+  ASSERT_TRUE(collection()->isBalancing());
+  const std::uint64_t made = manager().getObjectID("c");
+  EXPECT_EQ(collection()->getNumAbstractChildren(), 5U);
+  EXPECT_EQ(collection()->getNumChildren(), 20U);
+  EXPECT_EQ(manager().getSint32("c~11"), 11);
+  EXPECT_EQ(manager().getSint32("c~5"), 5);
+  EXPECT_EQ(manager().getSint32("c~Old~5"), 5);
+  EXPECT_TRUE(manager().getObject("c~Old~11").is_null());
+  manager().set("c~5", 500);  // written where it is
+  EXPECT_EQ(manager().getSint32("c~Old~5"), 500);
+  EXPECT_TRUE(manager().deleteBranch("c~10"));
+  EXPECT_TRUE(manager().deleteBranch("c~9"));
+  EXPECT_FALSE(modify(collection())->deleteChild("9"));
+  manager().set("c~new", 1);
+  manager().set("c~8", TarnValue::CreateValue(TarnData("exchanged")));
+  EXPECT_EQ(collection()->getNumChildren(), 19U);
+  EXPECT_THAT(collection()->getAllChildNames("15", 5), ElementsAre("16", "17", "18", "19", "2"));
+  EXPECT_EQ(collection()->getAllChildNames("", 100).size(), 19U);
+  for (const auto& [name, nodes] : places()) EXPECT_EQ(nodes, 1) << name;
+  reopen();
+  balance();
+  EXPECT_EQ(manager().getObjectID("c"), made) << "no second collection";
+  EXPECT_FALSE(collection()->isBalancing());
+  EXPECT_EQ(collection()->getNumChildren(), 19U);
+  EXPECT_EQ(manager().getSint32("c~5"), 500);
+  EXPECT_STREQ(manager().getXString("c~8"), "exchanged");
+}
+
+// Every step is tried as the one that fails.
+TEST_F(CollectionTest, AnInterruptionAtAnyStepLeavesEveryChildOnceAndCanBeResumed) {
+  constexpr int kChildren = 6;
+  for (int steps = 0; steps <= kChildren + 1; ++steps) {
+    SCOPED_TRACE(testing::Message() << steps << " steps");
+    manager().deleteBranch("c");
+    addPlain(kChildren);
+    balanceSteps(steps);
+    EXPECT_EQ(manager().getObject("c").isA<TarnCollection>(), steps > 0);
+    if (steps > 0) {
+      const std::map<std::string, int> found = places();
+      EXPECT_EQ(found.size(), static_cast<std::size_t>(kChildren));
+      for (const auto& [name, nodes] : found) EXPECT_EQ(nodes, 1) << name;
+      EXPECT_EQ(collection()->getNumAbstractChildren(),
+                static_cast<unsigned long>(std::min(steps - 1, kChildren)));
+    }
+    balance();
+    EXPECT_FALSE(collection()->isBalancing());
+    for (int i = 0; i < kChildren; ++i) {
+      EXPECT_EQ(manager().getSint32("c~" + std::to_string(i), -1), i);
+    }
+  }
+}
+
+TEST_F(CollectionTest, ABalancedCollectionCanBeBalancedAgain) {
+  addPlain(10);
+  manager().set("c~Old", "a child of that name");
+  balance();
+  EXPECT_STREQ(manager().getObject("c~Old")->getXString(nullptr), "a child of that name");
+  manager().set("c", 77);
+  const std::uint64_t first = manager().getObjectID("c");
+  balance();
+  EXPECT_NE(manager().getObjectID("c"), first);
+  EXPECT_EQ(manager().getUint32("c"), 77U) << "the value is kept";
+  EXPECT_EQ(collection()->getNumChildren(), 11U);
+  EXPECT_STREQ(manager().getObject("c~Old")->getXString(nullptr), "a child of that name");
+}
+
+TEST_F(CollectionTest, BalancingNothingDoesNothing) {
+  for (const char* name : {"c", "", "a~b"}) {
+    TarnCollection::Balance(manager(), manager().getRoot(), name, TouchCounter::Create());
+  }
+  TarnCollection::Balance(manager(), manager().getRoot(), nullptr, nullptr);
+  EXPECT_EQ(TouchCounter::touched, 0);
+  EXPECT_EQ(manager().getNumChildren(""), 0U);
+  EXPECT_THAT([&] { TarnCollection::Balance(manager(), nullptr, "c", nullptr); },
+              ThrowsTarn(0, HasSubstr("NULL TarnRef")));
+}
+
+TEST_F(CollectionTest, JoinsTheTransactionOfTheCaller) {
+  addPlain(30);
+  EXPECT_ANY_THROW(manager().transaction([&] {
+    balance();
+    EXPECT_EQ(manager().getNumChildren("c"), 30U);
+    throw std::runtime_error("no");
+  }));
+  EXPECT_FALSE(manager().getObject("c").isA<TarnCollection>());
+  EXPECT_EQ(manager().getNumChildren("c"), 30U);
+}
+
+TEST_F(CollectionTest, KeepsWhatMovesThroughTheTextForm) {
+  addPlain(12);
+  balanceSteps(4);
+  std::stringstream text;
+  manager().exportTo("c", text);
+  PInOut in;
+  in.readFrom(text);
+  manager().set("copy", manager().importFrom(in));
+  EXPECT_EQ(picture("copy"), picture("c"));
+  TarnCollection::Balance(manager(), manager().getRoot(), "copy", nullptr);
+  for (int i = 0; i < 12; ++i) EXPECT_EQ(manager().getSint32("copy~" + std::to_string(i), -1), i);
+}
+
+}  // namespace
+}  // namespace tarns
