@@ -120,7 +120,8 @@ class GOODS_API cache_manager {
   virtual void promotes_read_lock(object_handle& handle);
 
   // The cache's size in bytes of memory, handles and table included. Default 256 MiB; at least 1
-  // MiB.
+  // MiB. The database's storages may keep half as much beside it, all together, unless their
+  // addresses say how much.
   void set_cache_limit(std::size_t bytes);
   std::size_t cache_limit() const;
   std::size_t cached_bytes() const;

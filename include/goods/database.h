@@ -206,6 +206,11 @@ class GOODS_API database {
   virtual std::unique_ptr<check_rules> create_check_rules();
 
  private:
+  friend class cache_manager;
+
+  // Suggests to the storages how much memory they may keep, all together.
+  void divide_cache(std::size_t bytes);
+
   std::vector<std::unique_ptr<obj_storage>> storages_;
   std::vector<std::string> addresses_;  // of the storages, as in the configuration file
   std::unique_ptr<cache_manager> session_;

@@ -339,6 +339,11 @@ class dbs_storage {
   virtual std::unique_ptr<storage_copier> copier() = 0;
 
   virtual storage_statistics statistics() = 0;
+
+  // How much memory, in bytes, the storage may keep for itself as far as `user` is concerned; 0:
+  // that one is gone. The largest counts, unless the address says how much. Storages that keep
+  // nothing ignore it. Throws nothing but bad_alloc, and never for 0.
+  virtual void suggest_cache(const void* /*user*/, std::size_t /*bytes*/) {}
 };
 
 // Opens the storage that `address` names (for example "file:./data"), creating it when missing. A

@@ -29,6 +29,9 @@ class GOODS_API obj_storage {
   layout_catalog& catalog() const { return *catalog_; }
   number_pool& numbers() const { return *numbers_; }
 
+  // The session's part in how much memory the storage keeps beside the session's cache.
+  void suggest_cache(std::size_t bytes) { storage_->suggest_cache(this, bytes); }
+
   // Bytes of packed objects that the session has loaded from and committed to the storage.
   std::uint64_t bytes_read() const { return read_.load(std::memory_order_relaxed); }
   std::uint64_t bytes_written() const { return written_.load(std::memory_order_relaxed); }

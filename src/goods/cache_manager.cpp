@@ -152,7 +152,10 @@ void cache_manager::require_attached() const {
               "The calling thread is not attached to this session; call attach() first.");
 }
 
-void cache_manager::set_cache_limit(std::size_t bytes) { cache_->set_limit(bytes); }
+void cache_manager::set_cache_limit(std::size_t bytes) {
+  cache_->set_limit(bytes);
+  db_.divide_cache(bytes / 2);
+}
 std::size_t cache_manager::cache_limit() const { return cache_->limit(); }
 std::size_t cache_manager::cached_bytes() const { return cache_->bytes(); }
 void cache_manager::charge(std::ptrdiff_t bytes) { cache_->charge(bytes); }

@@ -81,7 +81,12 @@ bool database::open(const char* configuration_path) {
   storages_ = std::move(opened);
   addresses_ = std::move(config.addresses);
   session_ = create_session();
+  divide_cache(session_->cache_limit() / 2);
   return true;
+}
+
+void database::divide_cache(std::size_t bytes) {
+  for (const auto& storage : storages_) storage->suggest_cache(bytes / storages_.size());
 }
 
 void database::expect_storages(const char* configuration_path) {

@@ -10,7 +10,7 @@ obj_storage::obj_storage(std::shared_ptr<dbs_storage> storage, storage_number nu
       catalog_(std::make_unique<layout_catalog>(*storage_, number)),
       numbers_(std::make_unique<number_pool>(*storage_)) {}
 
-obj_storage::~obj_storage() = default;
+obj_storage::~obj_storage() { storage_->suggest_cache(this, 0); }
 
 std::uint64_t obj_storage::get_used_size() const { return storage_->statistics().used_bytes; }
 

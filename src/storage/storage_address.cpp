@@ -46,7 +46,7 @@ bool parse_choice(std::string_view value, std::string_view yes, std::string_view
 bool parse_option(std::string_view name, std::string_view value, local_options& options) {
   if (name == "durability") return parse_choice(value, "relaxed", "full", options.relaxed);
   if (name == "mmap") return parse_choice(value, "on", "off", options.mapped);
-  if (name == "cache") return parse_bytes(value, options.cache_bytes);
+  if (name == "cache") return parse_bytes(value, options.cache_bytes.emplace());
   if (name == "log")
     return parse_bytes(value, options.log_bytes) && options.log_bytes >= smallest_log &&
            options.log_bytes <= largest_log;

@@ -2,6 +2,7 @@
 #pragma once
 
 #include <cstddef>
+#include <optional>
 #include <string>
 #include <string_view>
 
@@ -15,8 +16,9 @@ struct local_options {
   // mmap=on (default): pages are read through a mapping of the file. Faster, but whoever cuts the
   // file from outside while it is open ends the process.
   bool mapped = true;
-  // cache=BYTES, also with K, M or G (default 32M): memory for segments that were read or written.
-  std::size_t cache_bytes = std::size_t{32} << 20;
+  // cache=BYTES, also with K, M or G (default: what the sessions suggest): memory for segments that
+  // were read or written.
+  std::optional<std::size_t> cache_bytes;
   // log=BYTES (64K to 1G, default 32M): the most that is committed and not yet merged into the
   // database; commits wait beyond it.
   std::size_t log_bytes = std::size_t{32} << 20;

@@ -4,6 +4,7 @@
 
 #include <random>
 
+#include "storage/local/suggested_cache_size.h"
 #include "storage/storage_fixture.h"
 
 namespace goods {
@@ -99,7 +100,32 @@ TEST(SegmentCacheTest, AnswersTheNewestStateOrNone) {
     for (segment_number number = 0; number < numbers; ++number)
       if (const auto kept = cache.find(number)) memory += kept->memory();
     EXPECT_LE(memory, limit);
+    EXPECT_GT(memory, limit / 2);
+    cache.set_limit(limit / 2);
+    memory = 0;
+    for (segment_number number = 0; number < numbers; ++number)
+      if (const auto kept = cache.find(number)) memory += kept->memory();
+    EXPECT_LE(memory, limit / 2);
+    EXPECT_GT(memory, limit / 4);
   }
+}
+
+TEST(SegmentCacheTest, IsAsLargeAsTheLargestSuggestion) {
+  constexpr std::size_t usual = suggested_cache_size::without_any, small = 1 << 20, large = 3 << 20;
+  segment_cache cache(usual);
+  suggested_cache_size size(cache, true);
+  const int one = 1, other = 2;
+  size.suggest(&one, large);
+  EXPECT_EQ(cache.limit(), large);
+  size.suggest(&other, small);
+  EXPECT_EQ(cache.limit(), large);
+  size.suggest(&one, 0);
+  EXPECT_EQ(cache.limit(), small);
+  size.suggest(&other, 0);
+  EXPECT_EQ(cache.limit(), usual);
+  suggested_cache_size settled(cache, false);
+  settled.suggest(&one, small);
+  EXPECT_EQ(cache.limit(), usual);
 }
 
 TEST(SegmentCacheTest, KeepsWhatIsUsedAndRefusesWhatMayBeOld) {

@@ -62,6 +62,9 @@ class forwarding_storage : public goods::dbs_storage {
   }
   std::unique_ptr<goods::storage_copier> copier() override { return to_->copier(); }
   goods::storage_statistics statistics() override { return to_->statistics(); }
+  void suggest_cache(const void* user, std::size_t bytes) override {
+    to_->suggest_cache(user, bytes);
+  }
 
  protected:
   goods::dbs_storage& to() const { return *to_; }

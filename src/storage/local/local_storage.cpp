@@ -443,6 +443,10 @@ std::unique_ptr<storage_copier> local_storage::copier() {
   return std::make_unique<store_copier>(*parts_);
 }
 
+void local_storage::suggest_cache(const void* user, std::size_t bytes) {
+  parts_->cache_size.suggest(user, bytes);
+}
+
 storage_statistics local_storage::statistics() {
   check_process();
   storage_statistics result;
@@ -462,10 +466,11 @@ storage_statistics local_storage::statistics() {
 
 std::shared_ptr<dbs_storage> open_local_storage(const storage_address& address) {
   const directory_identity identity = prepare_directory(address.directory);
-  const std::string options = fmt::format("durability={}&mmap={}&cache={}&log={}",
-                                          address.options.relaxed ? "relaxed" : "full",
-                                          address.options.mapped ? "on" : "off",
-                                          address.options.cache_bytes, address.options.log_bytes);
+  const auto& cache_bytes = address.options.cache_bytes;
+  const std::string cache = cache_bytes ? std::to_string(*cache_bytes) : "suggested";
+  const std::string options = fmt::format(
+      "durability={}&mmap={}&cache={}&log={}", address.options.relaxed ? "relaxed" : "full",
+      address.options.mapped ? "on" : "off", cache, address.options.log_bytes);
   return storage_process::instance().find_or_open(
       identity, options, [&] { return std::make_unique<local_storage>(address); });
 }

@@ -64,6 +64,7 @@ class local_storage : public dbs_storage {
   std::unique_ptr<storage_view> view(const commit_pause& during) override;
   std::unique_ptr<storage_copier> copier() override;
   storage_statistics statistics() override;
+  void suggest_cache(const void* user, std::size_t bytes) override;
 
  private:
   struct hidden_commit;

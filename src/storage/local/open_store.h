@@ -22,6 +22,7 @@
 #include "storage/local/snapshot_pool.h"
 #include "storage/local/store_directory.h"
 #include "storage/local/store_versions.h"
+#include "storage/local/suggested_cache_size.h"
 #include "storage/local/writer_turn.h"
 #include "storage/object_locks.h"
 #include "storage/storage_address.h"
@@ -56,6 +57,7 @@ struct open_store {
   prepared_commits prepared;  // of the holder of `database_turn`
   store_versions versions;
   segment_cache cache;
+  suggested_cache_size cache_size;
   snapshot_pool readers;
   commit_overlay overlay;
   const newest_states::sources newest;

@@ -8,15 +8,21 @@ namespace {
 
 constexpr std::size_t place_cost = 64;  // bytes of the table for each entry
 
-std::size_t cost_of(const segment& content) { return content.memory() + place_cost; }
+std::size_t cost_of(const segment& content, const segment_patch* newer = nullptr) {
+  return content.memory() + place_cost + (newer != nullptr ? newer->memory() : 0);
+}
 
 }  // namespace
 
-std::size_t segment_cache::place::cost() const {
-  return cost_of(*content) + (newer ? newer->memory() : 0);
-}
-
 segment_cache::segment_cache(std::size_t limit) : shard_limit_(limit / shards) {}
+
+void segment_cache::set_limit(std::size_t bytes) noexcept {
+  if (shard_limit_.exchange(bytes / shards) <= bytes / shards) return;
+  for (shard& s : shards_) {
+    guarded_scope scope(s.lock);
+    s.make_room(bytes / shards);
+  }
+}
 
 bool segment_cache::contains(segment_number number) {
   shard& s = shard_of(number);
@@ -48,11 +54,12 @@ std::shared_ptr<const segment> segment_cache::find(segment_number number) {
 }
 
 void segment_cache::offer(const std::shared_ptr<const segment>& found, commit_version as_of) {
-  if (cost_of(*found) > shard_limit_) return;
+  const std::size_t limit = shard_limit_.load(std::memory_order_relaxed);
+  if (cost_of(*found) > limit) return;
   shard& s = shard_of(found->number());
   guarded_scope scope(s.lock);
   if (s.last_change > as_of || s.place_of(found->number()).content) return;
-  s.insert(found, shard_limit_);
+  s.insert(found, limit);
 }
 
 void segment_cache::publish(segment_number number, const patch& before, const patch& now,
@@ -91,7 +98,7 @@ void segment_cache::shard::insert(std::shared_ptr<const segment> content,
   make_room(limit - added);
   if ((entries + 1) * 2 > places.size() && !grow()) return;
   const segment_number number = content->number();
-  place_of(number) = {number, false, std::move(content), nullptr};
+  place_of(number) = {number, false, std::move(content), nullptr, added};
   ++entries;
   bytes += added;
 }
@@ -99,11 +106,12 @@ void segment_cache::shard::insert(std::shared_ptr<const segment> content,
 segment_cache::place segment_cache::shard::replace(place& known,
                                                    std::shared_ptr<const segment> content,
                                                    patch newer, std::size_t limit) noexcept {
+  const std::size_t cost = cost_of(*content, newer.get());
   place before =
-      std::exchange(known, {known.number, known.used, std::move(content), std::move(newer)});
-  bytes += known.cost();
-  bytes -= before.cost();
-  if (known.cost() > limit) {
+      std::exchange(known, {known.number, known.used, std::move(content), std::move(newer), cost});
+  bytes += known.bytes;
+  bytes -= before.bytes;
+  if (known.bytes > limit) {
     erase(known);
   } else {
     make_room(limit);
@@ -121,7 +129,7 @@ segment_cache::place segment_cache::shard::erase(std::size_t gap) {
     gap = at;
   }
   --entries;
-  bytes -= erased.cost();
+  bytes -= erased.bytes;
   return erased;
 }
 

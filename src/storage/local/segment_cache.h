@@ -2,6 +2,7 @@
 #pragma once
 
 #include <array>
+#include <atomic>
 #include <cstddef>
 #include <cstdint>
 #include <memory>
@@ -39,7 +40,8 @@ class segment_cache {
   void publish(segment_number number, const patch& before, const patch& now,
                commit_version version) noexcept;
 
-  std::size_t limit() const { return shard_limit_ * shards; }
+  std::size_t limit() const { return shard_limit_.load(std::memory_order_relaxed) * shards; }
+  void set_limit(std::size_t bytes) noexcept;
 
  private:
   static constexpr std::size_t shards = 64;
@@ -50,7 +52,7 @@ class segment_cache {
     std::shared_ptr<const segment> content;  // null: a free place
     patch newer;                             // to be laid over it; null: nothing
 
-    std::size_t cost() const;  // bytes
+    std::size_t bytes = 0;  // of memory, what is to be laid over it included
   };
 
   // Open addressing with linear probing, at most half full: a look-up touches one place.
@@ -79,7 +81,7 @@ class segment_cache {
 
   shard& shard_of(segment_number number) { return shards_[number % shards]; }
 
-  const std::size_t shard_limit_;
+  std::atomic<std::size_t> shard_limit_;
   std::array<shard, shards> shards_;
 };
 
