@@ -183,7 +183,7 @@ TEST_F(ManagerConnectionTest, FreshRootsAreMadeOnceAlsoInsideOfTransactions) {
 
 TEST_F(ManagerConnectionTest, ConnectWaitsUntilTheDatabaseIsFreeOrAttemptsEnd) {
   close();
-  killed_process holder({PROGRAM_SESSION_WRITER, configuration()});
+  killed_process holder({PROGRAM_SESSION_WRITER, configuration(), "work"});
   ASSERT_FALSE(holder.next_line(20s).empty());
   const auto connecting = [this] {
     return std::async(std::launch::async, [this] {
@@ -203,7 +203,7 @@ TEST_F(ManagerConnectionTest, ConnectWaitsUntilTheDatabaseIsFreeOrAttemptsEnd) {
   holder.kill_after(0us);
   const auto m = waiting.get();
   const TarnAttachment attachment(*m);
-  EXPECT_GT(m->getSint32("last"), 0);
+  EXPECT_GT(m->getNumChildren("last"), 0U);
 }
 
 TEST_F(ManagerConnectionTest, ConnectingAnewLeavesTheDatabaseBefore) {
