@@ -1,0 +1,206 @@
+// Queries: single conditions, how they are joined, and what they are evaluated against.
+#include <gmock/gmock.h>
+#include <tarns/select/TarnQuery.h>
+#include <tarns/session/TarnManager.h>
+
+#include <limits>
+#include <random>
+#include <string>
+
+#include "support/node_test.h"
+#include "support/session_fixture.h"
+#include "support/throws_tarn.h"
+
+namespace tarns {
+namespace {
+
+using testing::ElementsAre;
+using Element = TarnQueryElement;
+
+bool Evaluate(const xcptref<Element>& element, const char* subject) {
+  XString text(subject);
+  return element->evaluate(text);
+}
+
+bool Holds(const char* subject, std::uint32_t op, const char* reference) {
+  const TarnRef node = TarnObject::Create();
+  modify(node)->setValue("s", TarnData(subject));
+  return Element::Create("s", static_cast<Element::OperatorType>(op), reference)->evaluate(node);
+}
+
+TEST(QueryElementTest, ComparesWithoutRegardToCase) {
+  const struct {
+    const char* subject;
+    const char* reference;
+    const char* holds;  // a character for each operator from 0 on
+  } cases[] = {
+      {"abc", "ABC", "..E.GLSC"},
+      {"abc", "abd", "L..N.L.."},
+      {"b", "abd", ".G.NG..."},
+      {"abc", "aB", ".G.NG.SC"},
+      {"AB", "ab", "..E.GLSC"},
+      {"cab", "ab", ".G.NG..C"},
+      {"aab", "ab", "L..N.L.C"},
+      {"a", "ab", "L..N.L.."},
+      {"10", "9", "L..N.L.."},
+      {"", "", "........"},
+      {"", "x", "........"},
+      {"x", "", "........"},
+      {"", "*", "********"},
+      {"x", "*", "********"},
+      {"x*", "**", ".G.NG..."},
+      {"\xC3\xA4", "\xC3\x84", ".G.NG..."},  // letters beyond ASCII keep their case
+  };
+  for (const auto& test : cases) {
+    for (std::uint32_t op = 0; op < 8; ++op) {
+      EXPECT_EQ(Holds(test.subject, op, test.reference), test.holds[op] != '.')
+          << '"' << test.subject << "\" " << op << " \"" << test.reference << '"';
+    }
+    const bool isAnything = std::string_view(test.reference) == "*";
+    EXPECT_EQ(Holds(test.subject, 8, test.reference), isAnything);
+    EXPECT_EQ(Holds(test.subject, std::numeric_limits<std::uint32_t>::max(), test.reference),
+              isAnything);
+  }
+}
+
+// The operators with single texts against each other, each of which says it in another way.
+TEST(QueryElementTest, OperatorsAgree) {
+  std::mt19937 random(7);
+  const auto anyText = [&] {
+    std::string text(1 + random() % 4, ' ');
+    for (char& c : text) c = "aAbBzZ[_0\xE4"[random() % 10];
+    return text;
+  };
+  for (int i = 0; i < 2000; ++i) {
+    const std::string s = anyText(), v = anyText();
+    const auto holds = [&](std::uint32_t op) { return Holds(s.c_str(), op, v.c_str()); };
+    ASSERT_EQ(holds(Element::Less) + holds(Element::Equal) + holds(Element::Greater), 1) << s << v;
+    ASSERT_NE(holds(Element::Equal), holds(Element::NotEqual)) << s << v;
+    ASSERT_NE(holds(Element::Less), holds(Element::GreaterOrEqual)) << s << v;
+    ASSERT_NE(holds(Element::Greater), holds(Element::LessOrEqual)) << s << v;
+    ASSERT_EQ(holds(Element::Equal), Holds(v.c_str(), Element::Equal, s.c_str())) << s << v;
+    ASSERT_TRUE(holds(Element::Contains) || !holds(Element::StartsWith)) << s << v;
+    ASSERT_TRUE(Holds((s + v).c_str(), Element::Contains, v.c_str())) << s << v;
+    ASSERT_TRUE(Holds((v + s).c_str(), Element::StartsWith, v.c_str())) << s << v;
+  }
+}
+
+TEST(QueryElementTest, AGivenSubjectIsComparedAsItIs) {
+  EXPECT_FALSE(Evaluate(Element::Create("", Element::Equal, "abc"), "abc"));
+  EXPECT_TRUE(Evaluate(Element::Create("", Element::Equal, "abc"), "ABC"));
+  EXPECT_TRUE(Evaluate(Element::Create("", Element::StartsWith, "aBc"), "AbCd"));
+  EXPECT_TRUE(Evaluate(Element::Create("", Element::Contains, "bc"), "aBCd"));
+  EXPECT_TRUE(Evaluate(Element::Create("", Element::NotEqual, "*"), ""));
+}
+
+TEST(QueryElementTest, HasDefaults) {
+  const xcptref<Element> element = Element::Create();
+  EXPECT_EQ(element->getElementName(), "");
+  EXPECT_EQ(element->getQueryValue(), "");
+  EXPECT_EQ(element->getOperator(), Element::Less);
+  EXPECT_EQ(element->getLogic(), Element::And);
+  EXPECT_FALSE(element->hasExplicitValue());
+  EXPECT_FALSE(element->evaluate(TarnObject::Create()));
+  modify(element)->setQueryValue("value");
+  EXPECT_FALSE(element->hasExplicitValue());
+  modify(element)->setQueryValue("Value");
+  EXPECT_TRUE(element->hasExplicitValue());
+  modify(element)->setQueryValue("*");
+  EXPECT_FALSE(element->evaluate(TarnObject::Create())) << "it names no subject";
+}
+
+class QueryTest : public node_test {
+ protected:
+  static void add(const xcptref<TarnQuery>& query, const char* value,
+                  Element::LogicType logic = Element::And) {
+    modify(query)->addElement(Element::Create("s", Element::Equal, value, logic));
+  }
+};
+
+INSTANTIATE_NODE_TEST(QueryTest);
+
+TEST_P(QueryTest, JoinsFromLeftToRight) {
+  constexpr auto kNone = static_cast<Element::LogicType>(2);
+  const struct {
+    std::vector<std::pair<bool, Element::LogicType>> elements;
+    bool expected;
+  } cases[] = {
+      {{}, false},
+      {{{true, Element::Or}}, true},
+      {{{false, Element::Or}}, false},
+      {{{true, Element::Or}, {false, Element::And}, {true, Element::And}}, true},
+      {{{true, Element::Or}, {true, Element::And}, {false, Element::Or}}, false},
+      {{{false, Element::And}, {true, Element::Or}, {true, Element::And}}, true},
+      {{{true, kNone}, {false, Element::And}}, true},
+      {{{false, kNone}, {true, Element::And}}, false},
+      {{{true, kNone}, {false, Element::And}, {false, Element::And}}, false},
+  };
+  const TarnRef node = node_test::add("node");
+  modify(node)->setValue("s", "yes");
+  for (const auto& test : cases) {
+    const xcptref<TarnQuery> query = TarnQuery::Create();
+    for (const auto& [holds, logic] : test.elements) add(query, holds ? "yes" : "no", logic);
+    modify(root())->setNode("query", query);
+    EXPECT_EQ(query->evaluate(node), test.expected) << &test - cases;
+    XString subject("YES");
+    EXPECT_EQ(query->evaluate(subject), test.expected) << &test - cases;
+  }
+}
+
+TEST_P(QueryTest, KeepsItsElementsInTheTree) {
+  const xcptref<TarnQuery> made = TarnQuery::Create();
+  modify(root())->addChild("query", made);
+  for (int i = 0; i < 12; ++i) add(made, std::to_string(i).c_str());
+  reload();
+  const xcptref<TarnQuery> query(root()->getChildWithName("query"));
+  EXPECT_EQ(query->getUint32("Count"), 12U);
+  for (unsigned long i = 0; i < 12; ++i) {
+    EXPECT_EQ(query->getElement(i)->getQueryValue(), std::to_string(i).c_str());
+  }
+  EXPECT_TRUE(query->getElement(12).is_null());
+  EXPECT_EQ(root()->getXString("query~Elem_10~Value"), "10");
+  // What Count does not reach is evaluated, and what is missing ends the query.
+  modify(query)->setValue("Count", 3U);
+  EXPECT_TRUE(query->getElement(3).is_null());
+  modify(query)->deleteChild("Elem_1");
+  EXPECT_TRUE(query->getElement(1).is_null());
+  modify(root())->setValue("s", "0");
+  EXPECT_TRUE(query->evaluate(root()));
+}
+
+TEST_P(QueryTest, GivesValuesUpToTheFirstThatHasOne) {
+  const xcptref<TarnQuery> query = TarnQuery::Create();
+  modify(root())->addChild("query", query);
+  for (const char* value : {"value", "value", "X", "value"}) add(query, value);
+  modify(query)->setAllQueryValues("given");
+  std::vector<std::string> values;
+  for (unsigned long i = 0; i < 4; ++i) {
+    values.emplace_back(query->getElement(i)->getQueryValue().view());
+  }
+  EXPECT_THAT(values, ElementsAre("given", "given", "X", "value"));
+}
+
+class QuerySessionTest : public session_test {};
+
+TEST_F(QuerySessionTest, ReadsSubjectsOfAnyTypeFromTheRoot) {
+  manager().set("machines~press~Speed", 40);
+  manager().set("machines~press~Label", "Press");
+  const xcptref<TarnQuery> query = TarnQuery::Create();
+  modify(query)->addElement(Element::Create("machines~press~Speed", Element::Equal, "40"));
+  modify(query)->addElement(Element::Create("machines~press~Label", Element::StartsWith, "pr"));
+  EXPECT_TRUE(query->evaluate(manager()));
+  manager().set("machines~press~Speed", 41);
+  EXPECT_FALSE(query->evaluate(manager()));
+  EXPECT_FALSE(Element::Create("none~such", Element::NotEqual, "x")->evaluate(manager()));
+  // As text and back it is the same query.
+  manager().set("query", TarnRef(query));
+  const XString file = query->exportToTempFile();
+  const xcptref<TarnQuery> imported(manager().importFromFile(file));
+  std::remove(file);
+  EXPECT_FALSE(imported->evaluate(manager()));
+  manager().set("machines~press~Speed", 40);
+  EXPECT_TRUE(imported->evaluate(manager()));
+}
+
+}  // namespace
+}  // namespace tarns
