@@ -5,6 +5,7 @@
 #include <tarns/schema/TarnClassDescriptor.h>
 
 #include <charconv>
+#include <functional>
 #include <utility>
 #include <vector>
 
@@ -19,16 +20,14 @@ constexpr std::size_t kMostSteps = std::size_t{1} << 24;  // parents may form a 
 
 std::uint64_t KeyOf(const TarnRef& node) { return WalkKeyOf(node.word()); }
 
-// The step to a child of `holder`, with its number among those of its name.
+// The step to a child of `holder` as it is now.
 std::string StepTo(const TarnRef& holder, std::string_view name, const TarnRef& child) {
-  std::string step(name);
   unsigned long number = 1;
-  for (TarnIterator place = holder->getIterTo(step.c_str());
+  for (TarnIterator place = holder->getIterTo(std::string(name).c_str());
        !place.isNull() && place.getEntryName() == name; ++number) {
     if (place.next(nullptr) == child) break;
   }
-  if (number > 1) step += "~~" + std::to_string(number);
-  return step;
+  return NodePlaces::ChildStep(name, number);
 }
 
 TarnRef ChildAt(const TarnRef& node, std::string_view name, unsigned long number) {
@@ -72,21 +71,38 @@ bool NodePlaces::note(const TarnRef& node) {
   return isNew;
 }
 
-void NodePlaces::noteAway(const TarnRef& node, const TarnRef& holder, std::string_view name,
-                          bool isMember) {
-  std::string step = isMember ? "~." + std::string(name) : StepTo(holder, name, node);
+void NodePlaces::noteAway(const TarnRef& node, const TarnRef& holder, std::string step) {
   away_.emplace(KeyOf(node), Away{holder, std::move(step)});
 }
 
+void NodePlaces::noteAgain(const TarnRef& node, std::string place, Check check) {
+  again_.insert_or_assign(KeyOf(node), Again{std::move(place), check});
+}
+
+// Transient nodes are those of the thread that writes.
+void NodePlaces::notePlace(const TarnRef& node, Check check) {
+  const std::uint64_t id = node.id();
+  if (id == 0) return;
+  auto& chunk = checks_[id / kChunk];
+  if (chunk == nullptr) chunk = std::make_unique<std::array<ShortCheck, kChunk>>();
+  (*chunk)[id % kChunk] = static_cast<ShortCheck>(check);
+}
+
 bool NodePlaces::find(const TarnRef& node, std::string& place) const {
+  place.clear();
+  Check check = 0;
   std::vector<std::string> steps;
   const std::uint64_t top = KeyOf(top_);
   for (TarnRef at = node; KeyOf(at) != top;) {
     if (steps.size() == kMostSteps) return false;
-    const auto found = away_.find(KeyOf(at));
-    if (found != away_.end()) {
-      steps.push_back(found->second.step);
-      at = found->second.holder;
+    if (const auto again = again_.find(KeyOf(at)); again != again_.end()) {
+      place = again->second.place;
+      check = again->second.check;
+      break;
+    }
+    if (const auto away = away_.find(KeyOf(at)); away != away_.end()) {
+      steps.push_back(away->second.step);
+      at = away->second.holder;
       continue;
     }
     const TarnRef parent = at->getParent();
@@ -94,12 +110,29 @@ bool NodePlaces::find(const TarnRef& node, std::string& place) const {
     steps.push_back(StepTo(parent, at->getName().view(), at));
     at = parent;
   }
-  place.clear();
   for (auto step = steps.rbegin(); step != steps.rend(); ++step) {
-    if (step != steps.rbegin()) place += '~';
+    if (!place.empty()) place += '~';
     place += *step;
+    check = CheckBehind(check, *step);
   }
-  return true;
+  const std::uint64_t id = node.id();
+  if (!mayMove_ || id == 0) return true;
+  const auto chunk = checks_.find(id / kChunk);
+  return chunk != checks_.end() && (*chunk->second)[id % kChunk] == static_cast<ShortCheck>(check);
+}
+
+std::string NodePlaces::MemberStep(std::string_view member) { return "~." + std::string(member); }
+
+std::string NodePlaces::ChildStep(std::string_view name, unsigned long number) {
+  std::string step(name);
+  if (number > 1) step += "~~" + std::to_string(number);
+  return step;
+}
+
+NodePlaces::Check NodePlaces::CheckBehind(Check before, std::string_view step) {
+  constexpr Check kFactor = 0x9E3779B97F4A7C15;
+  const Check mixed = (before + std::hash<std::string_view>()(step)) * kFactor;
+  return mixed ^ (mixed >> 32);
 }
 
 // A step is looked for when it is known whether a number follows.

@@ -4,6 +4,7 @@
 
 #include <tarns/core/TarnObject.h>
 
+#include <array>
 #include <bitset>
 #include <cstdint>
 #include <memory>
@@ -21,18 +22,33 @@ namespace tarns {
 // or "N" for the Nth (from 2) of the children called as the step before. Names hold no "~" and are
 // not empty, so nothing else looks like that.
 //
-// Memory: a bit for each object number in the neighbourhood of a written node.
+// Places are not kept but found from the nodes' parents. Where others may move nodes meanwhile, a
+// check of each place is kept, so that a node is not looked for in the text where it is now.
+// Memory: a bit for each object number in the neighbourhood of a written node; where nodes may move
+// also four bytes.
 class NodePlaces {
  public:
-  explicit NodePlaces(TarnRef top) : top_(std::move(top)) {}
+  // Tells places apart; that of the first node is 0.
+  using Check = std::uint64_t;
+
+  NodePlaces(TarnRef top, bool mayMove) : top_(std::move(top)), mayMove_(mayMove) {}
 
   // False when it has been noted before.
   bool note(const TarnRef& node);
-  // A node that was written as `holder`'s member or, with an empty `member`, as a child called
-  // `name` that has its own place elsewhere.
-  void noteAway(const TarnRef& node, const TarnRef& holder, std::string_view name, bool isMember);
+  // A node that was written one step from `holder`, but not as a child below its parent.
+  void noteAway(const TarnRef& node, const TarnRef& holder, std::string step);
+  // A node that was written once more since find() could not tell its place.
+  void noteAgain(const TarnRef& node, std::string place, Check check);
+  // To be called for each node that is written when nodes may move.
+  void notePlace(const TarnRef& node, Check check);
   // The place of a node that was written; false when it cannot be told, since others have moved it.
   bool find(const TarnRef& node, std::string& place) const;
+
+  // The step to a node's member; to the child of that name and number among those of its name.
+  static std::string MemberStep(std::string_view member);
+  static std::string ChildStep(std::string_view name, unsigned long number);
+  // The check of a place from that of the place one step before.
+  static Check CheckBehind(Check before, std::string_view step);
 
   // The node at a place below `top`; null when there is none.
   static TarnRef NodeAt(const TarnRef& top, std::string_view place);
@@ -42,12 +58,20 @@ class NodePlaces {
     TarnRef holder;
     std::string step;
   };
+  struct Again {
+    std::string place;
+    Check check;
+  };
   static constexpr std::size_t kChunk = 4096;
+  using ShortCheck = std::uint32_t;
 
-  TarnRef top_;
+  const TarnRef top_;
+  const bool mayMove_;
   std::unordered_map<std::uint64_t, std::unique_ptr<std::bitset<kChunk>>> stored_;
   std::unordered_set<const void*> transient_;
   std::unordered_map<std::uint64_t, Away> away_;
+  std::unordered_map<std::uint64_t, Again> again_;
+  std::unordered_map<std::uint64_t, std::unique_ptr<std::array<ShortCheck, kChunk>>> checks_;
 };
 
 }  // namespace tarns

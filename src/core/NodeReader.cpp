@@ -6,6 +6,7 @@
 #include <tarns/schema/TarnClassDescriptor.h>
 #include <tarns/schema/TarnFieldDescriptor.h>
 
+#include <exception>
 #include <limits>
 #include <utility>
 
@@ -26,6 +27,7 @@ NodeReader::NodeReader(PInOut& in) : in_(in), before_(in.getNesting()), level_(i
 }
 
 NodeReader::~NodeReader() {
+  undoLinks();
   in_.setNesting(before_);
   in_.setLevel(level_);
 }
@@ -58,6 +60,7 @@ TarnRef NodeReader::readAll(XString* name) {
     work();
     if (!in_.isAtEnd()) in_.fail("something follows the end of the first node");
     warnWhereCut();
+    keepLinks();
     return node;
   });
 }
@@ -91,6 +94,7 @@ PInOut::Status NodeReader::ReadNested(Pending pending, PInOut& in) {
   reader.top_ = pending.holder;
   reader.pending_ = std::move(pending);
   reader.withLineNumber([&] { reader.work(); });
+  reader.keepLinks();
   return PInOut::Continue;
 }
 
@@ -110,9 +114,32 @@ void NodeReader::work() {
 // Only when everything stands in its place: until then a node may be where it was met first, and
 // its place in the tree below that.
 void NodeReader::takeHome() {
-  for (const Homecoming& coming : homecomings_) modify(coming.node)->makeOrphan();
-  for (const Homecoming& coming : homecomings_) modify(coming.index)->becomeHome(coming.entry);
-  homecomings_.clear();
+  for (const Listing& listing : listings_) {
+    if (listing.isHome) modify(listing.node)->makeOrphan();
+  }
+  for (const Listing& listing : listings_) {
+    if (listing.isHome) modify(listing.index)->becomeHome(listing.entry);
+  }
+}
+
+// The text was good to its end.
+void NodeReader::keepLinks() {
+  listings_.clear();
+  links_.clear();
+}
+
+// After a failure: nodes that refer to each other in a circle would never be freed.
+void NodeReader::undoLinks() {
+  try {
+    for (const Listing& listing : listings_) modify(listing.index)->removeEntry(listing.entry);
+    for (const Link& link : links_) {
+      TarnRef nothing;
+      link.field->copyTo(nothing, &*modify(link.holder), link.name.c_str());
+    }
+  } catch (const std::exception& error) {
+    Log log(Log::Level::Warning);
+    log << "Nodes of an import that failed stay in memory: " << error.what();
+  }
 }
 
 // Lets the node read up to what is nested or ends its block.
@@ -168,6 +195,7 @@ void NodeReader::beginMember() {
   const bool isElsewhere = isReference();
   TarnRef node = isElsewhere ? readReference(isHome) : TarnObject::CreateOfType(type.c_str());
   pending.field->copyTo(node, &*modify(pending.holder), pending.name.c_str());
+  if (isElsewhere) links_.push_back({pending.holder, pending.field, pending.name});
   if (node.is_null() || isElsewhere) {
     in_.skip(pending.level + 2);
   } else {
@@ -228,7 +256,7 @@ void NodeReader::readListed(const TarnRef& parent, const std::string& name) {
   TarnObject::VerifyChildName(parent, name);
   const xcptref<TarnObjects> index = parent->getChildren();
   const auto entry = modify(index)->link(name, node);
-  if (isHome) homecomings_.push_back({node, index, entry});
+  listings_.push_back({node, index, entry, isHome});
 }
 
 bool NodeReader::isReference() const {

@@ -55,11 +55,18 @@ class NodeReader : public PInOut::Nesting {
     std::size_t level;  // of those lines
     bool isList;
   };
-  // A node that has been read and the entry that is to lead to it as its place in the tree.
-  struct Homecoming {
+  // What leads to a node that stands elsewhere in the file: an entry, which may be to become its
+  // place in the tree, or a member.
+  struct Listing {
     TarnRef node;
     xcptref<TarnObjects> index;
     goods::ref<goods::set_member> entry;
+    bool isHome;
+  };
+  struct Link {
+    TarnRef holder;
+    const TarnFieldDescriptor* field;
+    std::string name;
   };
 
   static PInOut::Status ReadNested(Pending pending, PInOut& in);
@@ -71,6 +78,8 @@ class NodeReader : public PInOut::Nesting {
   void readChild(const Open& list);
   void readListed(const TarnRef& parent, const std::string& name);
   void takeHome();
+  void keepLinks();
+  void undoLinks();
   void warnWhereCut() const;
   bool isReference() const;
   TarnRef readReference(bool& isHome);
@@ -82,7 +91,8 @@ class NodeReader : public PInOut::Nesting {
   const std::size_t level_;
   TarnRef top_;
   std::vector<Open> open_;
-  std::vector<Homecoming> homecomings_;  // for the end, see takeHome()
+  std::vector<Listing> listings_;
+  std::vector<Link> links_;
   Pending pending_;
   std::uint64_t lineOfLastClose_ = 0;  // of the } that ended a list of children last
 };

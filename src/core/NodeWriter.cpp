@@ -59,8 +59,8 @@ void NodeWriter::defer(std::string_view name, const TarnRef& node) {
 void NodeWriter::write(std::string_view name, const TarnRef& node) {
   if (node.is_null()) ThrowBadRef("NULL TarnRef read dereference");
   const Writing here(out_, this);
-  places_.emplace(node);
-  places_->note(node);
+  places_.emplace(node, form_ == Form::kMinLocking);
+  arrive(node, name, out_.getLevel(), true, 0);
   begin(name, node, out_.getLevel());
   while (!blocks_.empty()) step();
   verify(!out_.hasFailed());
@@ -82,10 +82,13 @@ void NodeWriter::step() {
   verify(!out_.hasFailed());
 }
 
-void NodeWriter::begin(std::string_view name, const TarnRef& node, std::size_t level) {
+void NodeWriter::begin(std::string_view name, const TarnRef& node, std::size_t level,
+                       std::string step, NodePlaces::Check check) {
   auto block = std::make_unique<Block>();
   block->top = node;
   block->level = level;
+  block->step = std::move(step);
+  block->check = check;
   writeOwnLines(*block, name, node, level);
   block->hasEmptyIndex = form_ == Form::kWhole && !node->getChildren().is_null() &&
                          node->getNumAbstractChildren() == 0;
@@ -126,12 +129,39 @@ void NodeWriter::writeDeferred(Block& block) {
     block.deferred.clear();
     block.next = 0;
   }
-  if (!places_->note(deferred.node) &&
-      writeReference(deferred.name, deferred.node, deferred.level, false)) {
-    return;
+  std::string step = NodePlaces::MemberStep(deferred.name);
+  const NodePlaces::Check check = NodePlaces::CheckBehind(CheckOf(block), step);
+  const Arrival arrival = arrive(deferred.node, deferred.name, deferred.level, false, check);
+  if (arrival == Arrival::kIsWritten) return;
+  if (arrival == Arrival::kFirst) places_->noteAway(deferred.node, block.holder, step);
+  begin(deferred.name, deferred.node, deferred.level, std::move(step), check);
+  if (arrival == Arrival::kAgain) places_->noteAgain(deferred.node, placeNow(), check);
+}
+
+// What to do at a node that the writer has come to. kIsWritten: a block has been written that only
+// says where it stands.
+NodeWriter::Arrival NodeWriter::arrive(const TarnRef& node, std::string_view name,
+                                       std::size_t level, bool isHome, NodePlaces::Check check) {
+  const bool isFirst = places_->note(node);
+  if (!isFirst && writeReference(name, node, level, isHome)) return Arrival::kIsWritten;
+  if (form_ == Form::kMinLocking) places_->notePlace(node, check);
+  return isFirst ? Arrival::kFirst : Arrival::kAgain;
+}
+
+// Of the node that is being written.
+std::string NodeWriter::placeNow() const {
+  std::string place;
+  const auto add = [&place](const std::string& step) {
+    if (!place.empty()) place += '~';
+    place += step;
+  };
+  for (const auto& block : blocks_) {
+    if (!block->step.empty()) add(block->step);
+    for (std::size_t i = 0; i < block->depth; ++i) {
+      add(NodePlaces::ChildStep(block->way[i].name, block->way[i].number));
+    }
   }
-  places_->noteAway(deferred.node, block.holder, deferred.name, true);
-  begin(deferred.name, deferred.node, deferred.level);
+  return place;
 }
 
 // The next node of the walk, or the end of the block.
@@ -148,14 +178,21 @@ void NodeWriter::writeNext(Block& block) {
 
 void NodeWriter::writeChild(Block& block, const TarnBranchWalk::Step& step) {
   moveTo(block, step.depth);
+  noteStep(block, step);
   const std::size_t level = block.level + 2 * step.depth;
   const bool isHome = step.lister.is_null();
-  if (!places_->note(step.node) && writeReference(step.name, step.node, level, isHome)) {
+  const Block::Step& here = block.way[step.depth - 1];
+  const Arrival arrival = arrive(step.node, step.name, level, isHome, here.check);
+  if (arrival == Arrival::kIsWritten) {
     block.walk->skipChildren();
     block.hasEmptyIndex = false;
     return;
   }
-  if (!isHome) places_->noteAway(step.node, step.lister, step.name, false);
+  if (arrival == Arrival::kAgain) {
+    places_->noteAgain(step.node, placeNow(), here.check);
+  } else if (!isHome) {
+    places_->noteAway(step.node, step.lister, NodePlaces::ChildStep(here.name, here.number));
+  }
   block.hasEmptyIndex = form_ == Form::kWhole && step.hasIndex && step.numChildren == 0;
   if (!writeValueLines(step, level)) writeOwnLines(block, step.name, step.node, level);
 }
@@ -185,6 +222,19 @@ bool NodeWriter::writeReference(std::string_view name, const TarnRef& node, std:
   out_.setLevel(level + 1);
   verify(isWritten && out_.write(isHome ? TextWord::kHome : TextWord::kSame, place));
   return true;
+}
+
+// Keeps the block's way to the node that is written next.
+void NodeWriter::noteStep(Block& block, const TarnBranchWalk::Step& step) {
+  if (block.way.size() < step.depth) block.way.resize(step.depth);
+  Block::Step& here = block.way[step.depth - 1];
+  // Those below are of another parent from now on.
+  if (block.way.size() > step.depth) block.way[step.depth].number = 0;
+  here.number = here.number != 0 && here.name == step.name ? here.number + 1 : 1;
+  here.name = step.name;
+  if (form_ != Form::kMinLocking) return;
+  const NodePlaces::Check before = step.depth == 1 ? block.check : block.way[step.depth - 2].check;
+  here.check = NodePlaces::CheckBehind(before, NodePlaces::ChildStep(here.name, here.number));
 }
 
 // Ends and begins lists of children so that a node of `depth` can follow.

@@ -44,6 +44,15 @@ class NodeWriter : public PInOut::Nesting {
   struct Block {
     TarnRef top;
     std::size_t level;
+    std::string step;             // to the top from the node of the block before
+    NodePlaces::Check check = 0;  // of the top's place
+    // The way from the top to the node whose lines were written last: the first `depth`.
+    struct Step {
+      std::string name;
+      unsigned long number = 0;  // among the children of that name
+      NodePlaces::Check check = 0;
+    };
+    std::vector<Step> way;
     std::optional<TarnBranchWalk> walk;  // once the top's lines have been written
     std::size_t depth = 0;               // of the node whose lines were written last
     bool hasEmptyIndex = false;          // of that node
@@ -55,7 +64,16 @@ class NodeWriter : public PInOut::Nesting {
   };
 
   void step();
-  void begin(std::string_view name, const TarnRef& node, std::size_t level);
+  void begin(std::string_view name, const TarnRef& node, std::size_t level, std::string step = {},
+             NodePlaces::Check check = 0);
+  enum class Arrival { kFirst, kAgain, kIsWritten };
+  Arrival arrive(const TarnRef& node, std::string_view name, std::size_t level, bool isHome,
+                 NodePlaces::Check check);
+  static NodePlaces::Check CheckOf(const Block& block) {
+    return block.depth == 0 ? block.check : block.way[block.depth - 1].check;
+  }
+  std::string placeNow() const;
+  void noteStep(Block& block, const TarnBranchWalk::Step& step);
   void writeDeferred(Block& block);
   void writeNext(Block& block);
   void writeChild(Block& block, const TarnBranchWalk::Step& step);

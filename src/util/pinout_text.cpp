@@ -3,6 +3,8 @@
 #include <tarns/util/Stringer.h>
 
 #include <array>
+#include <cstdint>
+#include <cstring>
 #include <utility>
 
 namespace tarns {
@@ -12,6 +14,22 @@ namespace {
 bool IsControl(unsigned char byte) { return byte < 0x20 || byte == 0x7F; }
 
 bool IsContinuation(unsigned char byte) { return (byte & 0xC0) == 0x80; }
+
+constexpr std::size_t kWord = sizeof(std::uint64_t);
+
+// Whether the eight bytes from `text` on are printable ASCII and no quotation marks. Finds most
+// texts plain without a look at each byte; it may say no where that is not so.
+bool AreUsualCharacters(const char* text) {
+  constexpr std::uint64_t kOnes = 0x0101010101010101, kHighBits = 0x8080808080808080;
+  std::uint64_t word = 0;
+  std::memcpy(&word, text, kWord);
+  // The high bit of each byte is set where it is one of those; a carry only adds to them.
+  const std::uint64_t quotes = word ^ (kOnes * '"');
+  const std::uint64_t belowBlank = word - kOnes * 0x20;
+  const std::uint64_t isQuote = quotes - kOnes;
+  const std::uint64_t isDelete = word + kOnes;  // 0x7F
+  return ((word | belowBlank | isQuote | isDelete) & kHighBits) == 0;
+}
 
 // The length of the valid UTF-8 sequence of several bytes that the text begins with; 0 for none.
 std::size_t SequenceLength(std::string_view text) {
@@ -81,6 +99,10 @@ void AppendHex(std::string& out, unsigned char byte) {
 bool IsPlainText(std::string_view text) {
   if (text.empty() || text.front() == ' ' || text.back() == ' ') return false;
   for (std::size_t i = 0; i < text.size();) {
+    if (i + kWord <= text.size() && AreUsualCharacters(text.data() + i)) {
+      i += kWord;
+      continue;
+    }
     const auto byte = static_cast<unsigned char>(text[i]);
     if (IsControl(byte) || byte == '"') return false;
     const std::size_t length = byte < 0x80 ? 1 : SequenceLength(text.substr(i));

@@ -546,6 +546,49 @@ TEST_F(TextFormTest, KeepsVeryLargeValues) {
   EXPECT_TRUE(copy->getXString(nullptr).view() == large);
 }
 
+// What was written below "a" is met again below "z", and through members that lead to it.
+TEST_F(TextFormTest, TellsNoWrongPlaceOfNodesThatMoveDuringTheExport) {
+  const auto first = Machine::Create(), second = Machine::Create(), third = Machine::Create();
+  manager().transaction([&] {
+    modify(first)->setFeeder(second);
+    modify(second)->setFeeder(first);
+    modify(third)->setFeeder(second);
+    manager().set("top~a~x", TarnRef(first));
+    manager().set("top~a~x~below", 7);
+    manager().set("top~z~third", TarnRef(third));
+    for (int i = 0; i < 3000; ++i)
+      manager().set("top~m~" + std::to_string(i), std::string(90, 'v'));
+  });
+  for (const bool isMinLocking : {true, false}) {
+    bool hasMoved = false;
+    std::string text;
+    PInOut out;
+    out.writeTo([&](std::string_view bytes) {
+      text += bytes;
+      if (!std::exchange(hasMoved, true)) manager().moveBranch("top~a~x", "top~z~x");
+      return true;
+    });
+    if (isMinLocking) {
+      manager().exportMinLockingTo("top", out);
+    } else {
+      manager().exportTo("top", out);
+    }
+    ASSERT_TRUE(out.close());
+    ASSERT_TRUE(hasMoved);
+    if (isMinLocking) {
+      const TarnRef copy = import(text);
+      EXPECT_EQ(copy->getChildWithName("m")->getNumAbstractChildren(), 3000U);
+      for (const char* place : {"a~x", "z~x"}) {
+        const xcptref<Machine> machine(copy->getChildWithName(place));
+        ASSERT_FALSE(machine.is_null()) << place;
+        EXPECT_EQ(machine->getSint32("below"), 7);
+        EXPECT_EQ(machine->getFeeder()->getFeeder(), machine) << place;
+      }
+    }
+    manager().moveBranch("top~z~x", "top~a~x");
+  }
+}
+
 TEST_F(TextFormTest, ExportsWhileOthersChangeTheBranch) {
   for (int i = 0; i < 50; ++i) manager().set("a~" + std::to_string(i) + "~fixed", i);
   std::atomic<bool> isDone = false;
