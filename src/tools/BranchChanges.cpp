@@ -43,29 +43,38 @@ std::vector<std::string> LinesOf(const std::string& text) {
   return lines;
 }
 
-using Counts = std::unordered_map<std::string_view, long>;
+using Lines = std::vector<std::string>;
 
-Counts CountsOf(const std::vector<std::string>& lines) {
-  Counts counts;
-  for (const std::string& line : lines) ++counts[line];
-  return counts;
+// Which of `lines` the others have as well.
+std::vector<bool> FoundIn(const Lines& others, const Lines& lines) {
+  std::unordered_map<std::string_view, long> counts;
+  for (const std::string& line : others) ++counts[line];
+  std::vector<bool> found;
+  found.reserve(lines.size());
+  for (const std::string& line : lines) found.push_back(--counts[line] >= 0);
+  return found;
 }
 
-// Adds those of `lines` that the others do not have.
-void AddMissing(const std::vector<std::string>& lines, Counts others, char sign,
-                std::vector<std::string>& changes) {
-  for (const std::string& line : lines) {
-    if (--others[line] < 0) changes.push_back(std::string(1, sign) + " " + line);
+// Adds the lines from `at` on up to one that both texts have, and moves behind that.
+void AddMissing(const Lines& lines, const std::vector<bool>& found, char sign, std::size_t& at,
+                Lines& changes) {
+  for (; at < lines.size() && !found[at]; ++at) {
+    changes.push_back(std::string(1, sign) + " " + lines[at]);
   }
+  ++at;
 }
 
 }  // namespace
 
+// Both texts have as many lines in common, and mostly in the same order.
 std::vector<std::string> BranchChanges(const std::string& before, const std::string& after) {
-  const std::vector<std::string> old = LinesOf(before), fresh = LinesOf(after);
-  std::vector<std::string> changes;
-  AddMissing(old, CountsOf(fresh), '-', changes);
-  AddMissing(fresh, CountsOf(old), '+', changes);
+  const Lines old = LinesOf(before), fresh = LinesOf(after);
+  const std::vector<bool> kept = FoundIn(fresh, old), known = FoundIn(old, fresh);
+  Lines changes;
+  for (std::size_t i = 0, j = 0; i < old.size() || j < fresh.size();) {
+    AddMissing(old, kept, '-', i, changes);
+    AddMissing(fresh, known, '+', j, changes);
+  }
   return changes;
 }
 

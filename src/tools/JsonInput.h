@@ -1,26 +1,22 @@
 #pragma once
 
 #include <cstddef>
-#include <cstdint>
 #include <iterator>
 #include <string>
 #include <vector>
 
+#include "tools/InputFile.h"
+
 namespace tarns {
 
-// The bytes of a file or of standard input, read as they are asked for, with a count of the lines.
+// The bytes of an InputFile, read as they are asked for, with a count of the lines.
 //
-// Errors: std::system_error, which names the file; Interrupted while it waits for input, see
-// signals.h. Threads: one.
+// Errors: those of InputFile. Threads: one.
 class JsonInput {
  public:
-  explicit JsonInput(const std::string& path);  // "-" is standard input
-  ~JsonInput();
-  JsonInput(const JsonInput&) = delete;
-  JsonInput& operator=(const JsonInput&) = delete;
+  explicit JsonInput(const std::string& file) : file_(file) { fill(); }  // "-": standard input
 
-  std::uint64_t getSize() const { return size_; }  // bytes; 0 when it is not known
-  std::uint64_t getPosition() const { return before_ + at_; }
+  const InputFile& getFile() const { return file_; }
   std::size_t getLine() const { return line_; }  // from 1, of the byte read last
 
   class Iterator {
@@ -57,12 +53,13 @@ class JsonInput {
     if (buffer_[at_] == '\n') ++line_;
     if (++at_ == buffer_.size()) fill();
   }
-  void fill();
+  void fill() {
+    at_ = 0;
+    buffer_.resize(kBufferSize);
+    buffer_.resize(file_.read(buffer_.data(), buffer_.size()));
+  }
 
-  std::string path_;
-  int file_;
-  std::uint64_t size_ = 0;
-  std::uint64_t before_ = 0;  // bytes before the buffer
+  InputFile file_;
   std::vector<char> buffer_;  // empty at the end of the input
   std::size_t at_ = 0;
   std::size_t line_ = 1;

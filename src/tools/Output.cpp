@@ -34,6 +34,7 @@ std::string BehindLinks(std::filesystem::path path) {
 Output::Output(const std::string& path) {
   if (path == "-") return;
   path_ = path;
+  if (IsCompressed(path)) compressor_ = std::make_unique<Compressor>();
   const std::string target = BehindLinks(path);
   struct stat info {};
   const bool exists = ::stat(target.c_str(), &info) == 0;
@@ -72,20 +73,32 @@ void Output::throwCannotWrite() const {
       path_.empty() ? "Cannot write the output" : "Cannot write \"" + path_ + "\"");
 }
 
-void Output::flush() {
-  std::string_view rest = buffer_;
-  while (!rest.empty()) {
-    const ssize_t written = ::write(file_, rest.data(), rest.size());
-    if (written < 0 && errno == EINTR) continue;
-    if (written < 0 && errno == EPIPE) throw OutputClosed();
-    if (written < 0) throwCannotWrite();
-    rest.remove_prefix(static_cast<std::size_t>(written));
+void Output::flush() { pass(false); }
+
+// Writes what is in the buffer.
+void Output::pass(bool isEnd) {
+  if (compressor_ == nullptr) {
+    writeAll(buffer_);
+  } else {
+    std::string compressed;
+    compressor_->write(buffer_, isEnd, compressed);
+    writeAll(compressed);
   }
   buffer_.clear();
 }
 
+void Output::writeAll(std::string_view bytes) {
+  while (!bytes.empty()) {
+    const ssize_t written = ::write(file_, bytes.data(), bytes.size());
+    if (written < 0 && errno == EINTR) continue;
+    if (written < 0 && errno == EPIPE) throw OutputClosed();
+    if (written < 0) throwCannotWrite();
+    bytes.remove_prefix(static_cast<std::size_t>(written));
+  }
+}
+
 void Output::finish() {
-  flush();
+  pass(true);
   if (path_.empty()) return;
   const int file = std::exchange(file_, -1);
   const bool isStored = ::fsync(file) == 0 || errno == EINVAL;

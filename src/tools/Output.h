@@ -1,10 +1,12 @@
 #pragma once
 
 #include <cstddef>
+#include <memory>
 #include <optional>
 #include <string>
 #include <string_view>
 
+#include "tools/compression.h"
 #include "tools/signals.h"
 
 namespace tarns {
@@ -17,6 +19,7 @@ struct OutputClosed {};
 // its owner only; what is no regular file (a pipe, a device) is written to as it is. Symbolic links
 // are followed.
 //
+// A file whose name ends with .zst is compressed.
 // Buffered. Errors: std::system_error when writing fails, naming the file; OutputClosed. Signals
 // are watched for while there is an incomplete file. Threads: one.
 class Output {
@@ -47,10 +50,13 @@ class Output {
   static constexpr std::size_t kBufferSize = 64 * 1024;  // bytes
 
   void openPart(const std::string& target);
+  void pass(bool isEnd);
+  void writeAll(std::string_view bytes);
   [[noreturn]] void throwCannotWrite() const;
 
   std::string buffer_;
-  std::string path_;        // as it was given; empty for standard output
+  std::unique_ptr<Compressor> compressor_;  // null for a plain file
+  std::string path_;                        // as it was given; empty for standard output
   std::string targetPath_;  // where the file comes to be; empty when it is written to as it is
   std::string partPath_;    // the file until it is complete; empty when there is none
   std::optional<SignalWatch> watch_;  // to remove that

@@ -19,7 +19,7 @@ Progress::~Progress() {
 }
 
 void Progress::show(std::uint64_t done, std::uint64_t count) {
-  if (!isWanted_ || ++calls_ % kCallsPerLook != 0) return;
+  if (!isWanted_ || (unit_ != kKibibytes && ++calls_ % kCallsPerLook != 0)) return;
   const Clock::time_point now = Clock::now();
   if (now < next_) return;
   next_ = now + kInterval;

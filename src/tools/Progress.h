@@ -12,8 +12,10 @@ namespace tarns {
 // the task has taken a second.
 class Progress {
  public:
-  // `total` in bytes; 0: not known. `unit`: what is counted.
+  // `total` in bytes; 0: not known. `unit`: what is counted, and show() is called for each.
   Progress(std::string task, std::uint64_t total, std::string unit = "values");
+  // Counts KiB; show() is called for blocks of many.
+  static constexpr const char* kKibibytes = "KiB";
   ~Progress();  // wipes the line
   Progress(const Progress&) = delete;
   Progress& operator=(const Progress&) = delete;

@@ -7,9 +7,16 @@
 
 #include "tools/BranchChanges.h"
 #include "tools/Output.h"
+#include "tools/compression.h"
 #include "tools/shown_text.h"
 
 namespace tarns {
+
+BranchForm FormFor(const std::string& format, const std::string& file) {
+  if (!format.empty()) return format == "text" ? BranchForm::kText : BranchForm::kJson;
+  const std::string_view name = WithoutCompression(file);
+  return name.ends_with(".txt") || name.ends_with(".tarns") ? BranchForm::kText : BranchForm::kJson;
+}
 
 std::string TextAt(const TarnManager& manager, const std::string& path) {
   const TarnRef node = manager.getObject(path);

@@ -7,6 +7,13 @@
 
 namespace tarns {
 
+// The forms in which branches are written and read.
+enum class BranchForm { kJson, kText };
+
+// What `--format` says ("json" or "text"), otherwise what the file's name ends with: .txt and
+// .tarns are text, everything else is JSON. An ending .zst does not count.
+BranchForm FormFor(const std::string& format, const std::string& file);
+
 // The branch at `path` as text; empty when there is none.
 std::string TextAt(const TarnManager& manager, const std::string& path);
 

@@ -12,6 +12,7 @@
 #include <stdexcept>
 #include <system_error>
 
+#include "tools/BranchChanges.h"
 #include "tools/Invocation.h"
 #include "tools/OpenDatabase.h"
 #include "tools/branch_text.h"
@@ -58,6 +59,7 @@ class EditedText {
     }
   }
   const char* getFile() const { return file_; }
+  // All that is in the file now.
   std::string read() const { return FileFP::ReadBytes(file_); }
   void done() { isDone_ = true; }
 
@@ -66,15 +68,28 @@ class EditedText {
   bool isDone_ = false;
 };
 
+// Others may have used the database while the editor ran.
+void VerifyUnchanged(const TarnManager& manager, const std::string& path,
+                     const std::string& before) {
+  const std::string now = TextAt(manager, path);
+  if (now == before) return;
+  std::fputs("tarns: Others have changed the branch meanwhile:\n", stderr);
+  for (const std::string& line : BranchChanges(before, now)) {
+    std::fprintf(stderr, "%s\n", Shown(line).c_str());
+  }
+  throw std::runtime_error("The branch is not what was edited any more; nothing has changed.");
+}
+
 int Edit(const Invocation& invocation, const std::string& path) {
-  OpenDatabase database(invocation);
-  EditedText text(database.node(path));
+  EditedText text(OpenDatabase(invocation).node(path));
   const std::string before = text.read();
   RunEditor(text.getFile());
   if (text.read() == before) {
     text.done();
     return ExitStatus::kDone;
   }
+  OpenDatabase database(invocation);
+  VerifyUnchanged(*database, path, before);
   PInOut in;
   if (!in.openForRead(text.getFile())) {
     throw std::system_error(errno, std::generic_category(), "Cannot read the text");
@@ -94,7 +109,8 @@ void AddEdit(CLI::App& app, Invocation& invocation) {
   CLI::App& command = AddCommand(
       app, "edit",
       "Open a branch as text in $VISUAL, $EDITOR or vi, put the result in its place in one "
-      "transaction, and print what has changed. No other program uses the database meanwhile",
+      "transaction, and print what has changed. Others may use the database meanwhile; when they "
+      "change the branch, the result is refused",
       "tarns -d data edit machines~press", "EDITOR='code --wait' tarns -d data edit machines");
   auto path = std::make_shared<std::string>();
   command.add_option("PATH", *path, "The branch; without it everything");

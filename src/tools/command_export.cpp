@@ -8,7 +8,8 @@
 #include "tools/OpenDatabase.h"
 #include "tools/Output.h"
 #include "tools/Progress.h"
-#include "tools/TextFile.h"
+#include "tools/branch_text.h"
+#include "tools/signals.h"
 
 namespace tarns {
 
@@ -33,33 +34,36 @@ struct ExportOptions {
   throw error;
 }
 
-void ExportText(const TarnRef& node, const std::string& file) {
-  TextOutput output(file);
+void ExportText(const TarnRef& node, Output& output, Progress* progress) {
+  std::uint64_t written = 0;
   PInOut out;
-  out.writeTo(output.sink());
+  out.writeTo([&](std::string_view bytes) {
+    ThrowIfInterrupted();
+    output << bytes;
+    written += bytes.size();
+    if (progress != nullptr) progress->show(0, written / 1024);
+    return true;
+  });
   node->exportTo(out);
   out.close();
-  output.finish();
+}
+
+void ExportJson(const TarnRef& node, Output& output, Progress* progress) {
+  JsonWriter(output, [&](std::uint64_t count) {
+    if (progress != nullptr) progress->show(0, count);
+  }).write(node);
 }
 
 int Export(const Invocation& invocation, const ExportOptions& options) {
   const BranchForm form = FormFor(options.format, options.file);
-  if (form == BranchForm::kJson && IsCompressed(options.file)) {
-    throw UsageError{"Only the text form is compressed: name the file .txt.zst"};
-  }
   OpenDatabase database(invocation);
   const TarnRef node = database->getObject(options.path);
   if (node.is_null()) ThrowNothingAt(options);
-  if (form == BranchForm::kText) {
-    ExportText(node, options.file);
-    return ExitStatus::kDone;
-  }
+  const bool isText = form == BranchForm::kText;
   Output out(options.file);
   std::optional<Progress> progress;
-  if (!out.isTerminal()) progress.emplace("Exporting", 0);
-  JsonWriter(out, [&](std::uint64_t count) {
-    if (progress) progress->show(0, count);
-  }).write(node);
+  if (!out.isTerminal()) progress.emplace("Exporting", 0, isText ? Progress::kKibibytes : "values");
+  (isText ? ExportText : ExportJson)(node, out, progress ? &*progress : nullptr);
   out.finish();
   return ExitStatus::kDone;
 }
@@ -74,8 +78,8 @@ void AddExport(CLI::App& app, Invocation& invocation) {
   command.add_option("PATH", options->path, "The branch; without it everything");
   command.add_option("FILE", options->file,
                      "The file, which appears when it is complete; - is standard output "
-                     "(default). Names that end with .txt or .tarns are text, with .zst behind "
-                     "that compressed");
+                     "(default). Names that end with .txt or .tarns are text, others JSON; with "
+                     ".zst behind that compressed");
   command.add_option("--format", options->format, "json or text, whatever the file is called")
       ->type_name("FORMAT")
       ->check(CLI::IsMember({"json", "text"}).description(""));

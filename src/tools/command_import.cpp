@@ -5,11 +5,11 @@
 #include <memory>
 #include <optional>
 
+#include "tools/InputFile.h"
 #include "tools/Invocation.h"
 #include "tools/JsonImporter.h"
 #include "tools/OpenDatabase.h"
 #include "tools/Progress.h"
-#include "tools/TextFile.h"
 #include "tools/branch_text.h"
 #include "tools/signals.h"
 
@@ -71,27 +71,27 @@ void SayWhatWasKept(std::uint64_t kept, bool isKnown) {
 
 class ImportProgress : public XProgressReporter {
  public:
-  explicit ImportProgress(const TextInput& input)
-      : input_(input), progress_("Importing", input.getSize(), "KiB") {}
+  explicit ImportProgress(const InputFile& input)
+      : input_(input), progress_("Importing", input.getSize(), Progress::kKibibytes) {}
   void reportProgress(std::uint64_t, std::uint64_t) override {
     ThrowIfInterrupted();
     progress_.show(input_.getPosition(), input_.getPosition() / 1024);
   }
 
  private:
-  const TextInput& input_;
+  const InputFile& input_;
   Progress progress_;
 };
 
 int ImportText(const Invocation& invocation, const ImportOptions& options) {
-  TextInput input(options.file);
+  InputFile input(options.file);
   OpenDatabase database(invocation);
   TarnRef node;
   {
     ImportProgress progress(input);
     PInOut in;
     in.reportProgressTo(&progress);
-    in.readFrom(input.source(), input.getSize());
+    in.readFrom([&](char* into, std::size_t size) { return input.read(into, size); });
     node = ImportKnown(*database, in);
   }
   TarnTransaction transaction(*database);
@@ -108,9 +108,6 @@ int ImportText(const Invocation& invocation, const ImportOptions& options) {
 
 void Verify(const ImportOptions& options, BranchForm form) {
   const bool isJson = form == BranchForm::kJson;
-  if (isJson && IsCompressed(options.file)) {
-    throw UsageError{"Only the text form is compressed: zstd -dc FILE | tarns import -"};
-  }
   if (isJson && (options.isDryRun || options.replaces) && options.batch != 0) {
     throw UsageError{"--batch goes with neither --dry-run nor --replace"};
   }
@@ -128,14 +125,15 @@ int Import(const Invocation& invocation, const ImportOptions& options) {
   std::uint64_t kept = 0;
   try {
     SignalWatch watch;  // to say what was kept
-    Progress progress("Importing", input.getSize());
+    const InputFile& file = input.getFile();
+    Progress progress("Importing", file.getSize());
     Batches batches(*database, options.batch);
     const std::string before = options.isDryRun ? TextAt(*database, options.path) : std::string();
     if (options.replaces) RemoveBranch(*database, options.path);
     JsonImporter importer(*database, input, [&](std::uint64_t count) {
       batches.countTo(count);
       kept = batches.getKept();
-      progress.show(input.getPosition(), count);
+      progress.show(file.getPosition(), count);
     });
     importer.read(options.path);
     watch.end();
@@ -171,10 +169,10 @@ void AddImport(CLI::App& app, Invocation& invocation) {
       "zcat all.gz | tarns -d data import - packages --batch 100000");
   auto options = std::make_shared<ImportOptions>();
   command
-      .add_option(
-          "FILE", options->file,
-          "The file; - is standard input. Names that end with .txt or .tarns are text, with "
-          ".zst behind that compressed")
+      .add_option("FILE", options->file,
+                  "The file; - is standard input. Names that end with .txt or .tarns are text, "
+                  "others JSON; "
+                  "with .zst behind that compressed")
       ->required();
   command.add_option("PATH", options->path, "Where to; without it the root");
   command

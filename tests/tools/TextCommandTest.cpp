@@ -61,18 +61,18 @@ class TextCommandTest : public testing::Test {
 TEST_F(TextCommandTest, WritesAndReadsFilesByTheirEnding) {
   const std::string all = text();
   ASSERT_THAT(all, HasSubstr("\n        TarnObject press\n"));
-  for (const char* name : {"a.txt", "a.tarns", "a.txt.zst", "a.tarns.zst"}) {
+  const std::string json = run({"export", ""}).out;
+  for (const std::string name :
+       {"a.txt", "a.tarns", "a.txt.zst", "a.tarns.zst", "a.json", "a", "a.json.zst", "a.zst"}) {
     SCOPED_TRACE(name);
-    ASSERT_EQ(run({"export", "", file(name)}).status, 0);
-    const bool isPlain = !std::string(name).ends_with(".zst");
-    EXPECT_EQ(bytesOf(name) == all, isPlain);
+    ASSERT_EQ(run({"export", "", file(name.c_str())}).status, 0);
+    const bool isText = name.starts_with("a.t");
+    EXPECT_EQ(bytesOf(name.c_str()) == (isText ? all : json), !name.ends_with(".zst"));
     ASSERT_EQ(run({"rm", "m"}).status, 0);
-    const program_result imported = run({"import", file(name)});
+    const program_result imported = run({"import", file(name.c_str())});
     EXPECT_EQ(imported.status, 0) << imported.err;
     EXPECT_EQ(text(), all);
   }
-  EXPECT_EQ(run({"export", "", file("a.json")}).status, 0);
-  EXPECT_THAT(bytesOf("a.json"), testing::StartsWith("{"));
   EXPECT_EQ(run({"import", "-", "copy", "--format", "text"}, text("m")).status, 0);
   EXPECT_EQ(run({"get", "copy~press~speed"}).out, "40\n");
 }
@@ -129,8 +129,6 @@ TEST_F(TextCommandTest, ChangesNothingWhenSomethingIsWrong) {
        std::vector<std::vector<std::string>>{{"import", file("cut.txt"), "--merge", "--replace"},
                                              {"import", file("cut.txt"), "--batch", "5"},
                                              {"import", "-", "--batch", "5", "--dry-run"},
-                                             {"import", file("a.json.zst")},
-                                             {"export", "", file("a.json.zst")},
                                              {"export", "", "-", "--format", "xml"}}) {
     EXPECT_EQ(run(arguments).status, 2) << arguments.back();
   }
@@ -158,6 +156,32 @@ TEST_F(TextCommandTest, TakesOverWhatAnEditorLeaves) {
   EXPECT_EQ(text(), before);
 }
 
+TEST_F(TextCommandTest, LetsOthersUseTheDatabaseWhileTheEditorRuns) {
+  const auto editor = [&](const std::string& change) {
+    std::ofstream script(file("editor"));
+    script << PROGRAM_TARNS_COMMAND << " -d " << file("db") << ' ' << change
+           << " && sed -i s/40/41/ \"$1\"\n";
+    script.close();
+    return "sh " + file("editor");
+  };
+  const program_result elsewhere = edit(editor("set other 5"), "m");
+  EXPECT_EQ(elsewhere.status, 0) << elsewhere.err;
+  EXPECT_EQ(elsewhere.out, "- press~speed: Value 40\n+ press~speed: Value 41\n");
+  EXPECT_EQ(run({"get", "other", "m~press~speed"}).out, "5\n41\n");
+
+  ASSERT_EQ(run({"set", "m~press~speed", "40"}).status, 0);
+  for (const char* change : {"set m~press~new 7", "rm m"}) {
+    const program_result refused = edit(editor(change), "m");
+    EXPECT_EQ(refused.status, 3);
+    EXPECT_EQ(refused.out, "");
+    EXPECT_THAT(refused.err, HasSubstr("The text is still in"));
+    EXPECT_THAT(refused.err,
+                HasSubstr(*change == 's' ? "+ press~new: Value 7\n" : "- press~speed: Value 40\n"));
+  }
+  EXPECT_EQ(run({"get", "m"}).status, 1) << "what was removed does not come back";
+  EXPECT_EQ(numTemporaryFiles(), 2);
+}
+
 TEST(BranchChangesTest, NamesLinesByTheirNodes) {
   const std::string old =
       "TarnObject a\n  Children {\n    Machine m\n      Speed 1\n      On True\n  }\n";
@@ -166,6 +190,17 @@ TEST(BranchChangesTest, NamesLinesByTheirNodes) {
       "    TarnObject n\n  }\n";
   EXPECT_THAT(BranchChanges(old, fresh),
               ElementsAre("- m: Speed 1", "+ m: Speed 2", "+ TarnObject n"));
+  const auto list = [](const std::string& values) {
+    std::string text = "TarnObject a\n  Children {\n";
+    for (const char value : values) {
+      text += std::string("    TarnStringValue ") + value + "\n      Value " + value + "\n";
+    }
+    return text + "  }\n";
+  };
+  EXPECT_THAT(
+      BranchChanges(list("abcd"), list("bxde")),
+      ElementsAre("- TarnStringValue a", "- a: Value a", "- TarnStringValue c", "- c: Value c",
+                  "+ TarnStringValue x", "+ x: Value x", "+ TarnStringValue e", "+ e: Value e"));
   EXPECT_THAT(BranchChanges(old, old), ElementsAre());
   EXPECT_EQ(BranchChanges("", old).size(), 4U);
 }
