@@ -14,8 +14,9 @@ namespace tarns::bench {
 
 const std::vector<std::string>& Bench::Items() {
   static const std::vector<std::string> items = {
-      "load",   "disk", "hot-1",    "hot-2",    "hot-tx",     "lock",   "cold-read", "cold-walk",
-      "memory", "list", "update-1", "update-8", "update-100", "delete", "wide",      "reopen"};
+      "load",      "disk",      "hot-1",      "hot-2",  "hot-tx", "lock",
+      "cold-read", "cold-walk", "memory",     "list",   "export", "import",
+      "update-1",  "update-8",  "update-100", "delete", "wide",   "reopen"};
   return items;
 }
 
@@ -32,6 +33,7 @@ void Bench::run() {
   if (wants("cold-walk")) coldWalk();
   if (wants("memory")) memory();
   if (wants("list")) lists();
+  if (wants("export") || wants("import")) text();
   if (wants("update-1") || wants("update-8") || wants("update-100")) {
     report_.note(fmt::format("the disk syncs {:.0f} writes of 4 KiB a second",
                              SyncsPerSecond(options_.scratch)));
@@ -64,9 +66,9 @@ void Bench::measure(const std::string& item, const std::string& unit, std::optio
   report_.add(std::move(row));
 }
 
-void Bench::checkWholeTree(const std::string& peer) const {
+void Bench::checkWholeTree(const std::string& peer, const BenchStore::Options& options) const {
   WalkSum sum;
-  const auto store = open(peer);
+  const auto store = BenchStore::Open(peer, options);
   const auto session = store->session();
   session->beginReads();
   session->walk(sum);

@@ -63,6 +63,9 @@ class Bench {
   void memory();
   void lists();
 
+  // TextItems.cpp
+  void text();
+
   // WriteItems.cpp
   void load();
   void singleUpdates(std::size_t threads);
@@ -77,7 +80,8 @@ class Bench {
   // ReopenItem.cpp
   void reopen();
 
-  void checkWholeTree(const std::string& peer) const;
+  void checkWholeTree(const std::string& peer) const { checkWholeTree(peer, optionsOf(peer)); }
+  void checkWholeTree(const std::string& peer, const BenchStore::Options& options) const;
   void checkUpdates(const std::string& peer, const std::vector<Update>& updates) const;
 
   const BenchOptions options_;

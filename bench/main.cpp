@@ -17,6 +17,7 @@
 #include "Bench.h"
 #include "ColdProcess.h"
 #include "Machine.h"
+#include "TextProcess.h"
 
 namespace tarns::bench {
 namespace {
@@ -210,6 +211,8 @@ int main(int argc, char** argv) {
       PrintUsage(stdout);
     } else if (first == "--cold") {
       ServeColdProcess(argc - 2, argv + 2);
+    } else if (first == "--text") {
+      ServeTextProcess(argc - 2, argv + 2);
     } else {
       Run(Parse(argc, argv));
     }
