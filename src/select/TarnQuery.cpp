@@ -6,6 +6,8 @@
 
 #include <utility>
 
+#include "select/QueryConditions.h"
+
 namespace tarns {
 
 TARN_REGISTER(TarnQuery, TarnObject);
@@ -14,17 +16,6 @@ namespace {
 
 XString ElementName(unsigned long index) {
   return TarnMember::GetElementName(TarnQuery::kElement, index);
-}
-
-bool Join(bool left, TarnQueryElement::LogicType logic, bool right) {
-  switch (logic) {
-    case TarnQueryElement::And:
-      return left && right;
-    case TarnQueryElement::Or:
-      return left || right;
-    default:
-      return left;
-  }
 }
 
 }  // namespace
@@ -47,6 +38,15 @@ xcptref<TarnQueryElement> TarnQuery::getElement(unsigned long index) const {
   return getChildWithName(ElementName(index).getText());
 }
 
+void TarnQuery::visitElements(
+    const std::function<void(const TarnQueryElement& element)>& visit) const {
+  for (unsigned long i = 0;; ++i) {
+    const xcptref<TarnQueryElement> element = getChildWithName(ElementName(i).getText());
+    if (element.is_null()) return;
+    visit(*element.read());
+  }
+}
+
 void TarnQuery::setAllQueryValues(const char* value) {
   for (unsigned long i = 0;; ++i) {
     const xcptref<TarnQueryElement> element = getElement(i);
@@ -65,17 +65,15 @@ bool TarnQuery::evaluate(XString& subject) const { return evaluate(nullptr, null
 
 bool TarnQuery::evaluate(TarnRef node, TarnManager* manager, XString* subject) const {
   bool result = false;
-  TarnQueryElement::LogicType logic = TarnQueryElement::And;
-  for (unsigned long i = 0;; ++i) {
-    const xcptref<TarnQueryElement> element = getChildWithName(ElementName(i).getText());
-    if (element.is_null()) return result;
-    const auto body = *element;
-    const bool holds = subject != nullptr   ? body->evaluate(*subject)
-                       : manager != nullptr ? body->evaluate(*manager)
-                                            : body->evaluate(node);
-    result = i == 0 ? holds : Join(result, logic, holds);
-    logic = body->getLogic();
-  }
+  TarnQueryElement::LogicType logic = TarnQueryElement::Or;  // the first one counts as it is
+  visitElements([&](const TarnQueryElement& element) {
+    const bool holds = subject != nullptr   ? element.evaluate(*subject)
+                       : manager != nullptr ? element.evaluate(*manager)
+                                            : element.evaluate(node);
+    result = JoinResults(result, logic, holds);
+    logic = element.getLogic();
+  });
+  return result;
 }
 
 }  // namespace tarns

@@ -1,6 +1,7 @@
 // Queries: single conditions, how they are joined, and what they are evaluated against.
 #include <gmock/gmock.h>
 #include <tarns/select/TarnQuery.h>
+#include <tarns/select/TarnSelection.h>
 #include <tarns/session/TarnManager.h>
 
 #include <limits>
@@ -180,7 +181,100 @@ TEST_P(QueryTest, GivesValuesUpToTheFirstThatHasOne) {
   EXPECT_THAT(values, ElementsAre("given", "given", "X", "value"));
 }
 
-class QuerySessionTest : public session_test {};
+class QuerySessionTest : public session_test {
+ protected:
+  // Children c0, c1, ... whose values "v" run through 0 to 9, and "t" through three words.
+  TarnRef makeChildren(int count) {
+    manager().transaction([&] {
+      for (int i = 0; i < count; ++i) {
+        const std::string child = "parent~c" + std::to_string(i);
+        manager().set(child + "~v", i % 10);
+        if (i % 7 != 0) manager().set(child + "~in~t", i % 3 == 0 ? "Red" : "green");
+      }
+    });
+    return manager().getObject("parent");
+  }
+  static xcptref<TarnQuery> Both() {
+    xcptref<TarnQuery> query = TarnQuery::Create();
+    modify(query)->addElement(Element::Create("v", Element::Less, "3"));
+    modify(query)->addElement(Element::Create("in~t", Element::Contains, "RE", Element::Or));
+    modify(query)->addElement(Element::Create("none", Element::NotEqual, "x"));
+    return query;
+  }
+};
+
+std::vector<std::string> NamesIn(TarnSelection& selection) {
+  std::vector<std::string> names;
+  for (const auto& [name, child] : selection) names.push_back(name);
+  return names;
+}
+
+TEST_F(QuerySessionTest, ASelectionFindsWhatEvaluationSays) {
+  const TarnRef parent = makeChildren(2000);
+  const xcptref<TarnQuery> query = Both();
+  std::vector<std::string> expected;
+  for (const auto& [name, child] : parent->children()) {
+    if (query->evaluate(child)) expected.push_back(name);
+  }
+  ASSERT_GT(expected.size(), 300U);
+  TarnSelection all(parent, query);
+  EXPECT_EQ(NamesIn(all), expected);
+  EXPECT_TRUE(all.isAtEnd());
+  EXPECT_EQ(all.getNumLooked(), 2000U);
+  EXPECT_EQ(all.getLastName(), "c999");
+
+  // In pages, each resumed behind the last name of the one before.
+  std::vector<std::string> paged;
+  std::string behind;
+  for (bool isAtEnd = false; !isAtEnd;) {
+    TarnSelection page(parent, query);
+    page.limitTo(70);
+    if (!behind.empty()) page.startBehind(behind);
+    const std::vector<std::string> names = NamesIn(page);
+    EXPECT_TRUE(names.size() == 70 || page.isAtEnd());
+    paged.insert(paged.end(), names.begin(), names.end());
+    behind = page.getLastName();
+    isAtEnd = page.isAtEnd();
+  }
+  EXPECT_EQ(paged, expected);
+}
+
+TEST_F(QuerySessionTest, ASelectionGoesOnWhileItsChildrenChange) {
+  const TarnRef parent = makeChildren(TarnSelection::kBatchSize + 50);
+  for (int i = 0; i < 3; ++i) modify(parent)->addChild("same", TarnObject::Create());
+  const xcptref<TarnQuery> all = TarnQuery::Create();
+  modify(all)->addElement(Element::Create("v", Element::Equal, "*"));
+  TarnSelection selection(parent, all);
+  std::size_t met = 0, same = 0;
+  for (const auto& [name, child] : selection) {
+    ++met;
+    same += name == "same" ? 1 : 0;
+    modify(parent)->deleteChild(child);
+  }
+  EXPECT_EQ(met, TarnSelection::kBatchSize + 53);
+  EXPECT_EQ(same, 3U);
+  EXPECT_EQ(parent->getNumAbstractChildren(), 0U);
+  TarnSelection nothing(parent, all);
+  EXPECT_TRUE(NamesIn(nothing).empty());
+  TarnSelection childless(TarnObject::Create(), all);
+  EXPECT_TRUE(NamesIn(childless).empty());
+}
+
+TEST_F(QuerySessionTest, OrdersByAValue) {
+  const TarnRef parent = makeChildren(12);
+  manager().deleteBranch("parent~c4~v");
+  const xcptref<TarnQuery> all = TarnQuery::Create();
+  modify(all)->addElement(Element::Create("v", Element::Equal, "*"));
+  const auto namesBy = [&](bool isDescending) {
+    TarnSelection selection(parent, all);
+    selection.startBehind("c0");
+    std::string names;
+    for (const TarnChild& child : selection.orderedBy("v", isDescending)) names += child.name + " ";
+    return names;
+  };
+  EXPECT_EQ(namesBy(false), "c4 c10 c1 c11 c2 c3 c5 c6 c7 c8 c9 ");
+  EXPECT_EQ(namesBy(true), "c9 c8 c7 c6 c5 c3 c2 c1 c11 c10 c4 ");
+}
 
 TEST_F(QuerySessionTest, ReadsSubjectsOfAnyTypeFromTheRoot) {
   manager().set("machines~press~Speed", 40);

@@ -4,6 +4,8 @@
 #include <tarns/select/TarnQueryElement.h>
 #include <tarns/tarns_api.h>
 
+#include <functional>
+
 namespace tarns {
 
 class TarnManager;
@@ -37,6 +39,9 @@ class TARNS_API TarnQuery : public TarnObject {
   void addElement(xcptref<TarnQueryElement> element);
   // Null when `index` is not below Count, or there is no such child.
   xcptref<TarnQueryElement> getElement(unsigned long index) const;
+
+  // Calls `visit` for each element that is evaluated, in their order.
+  void visitElements(const std::function<void(const TarnQueryElement& element)>& visit) const;
 
   // Gives the first elements this reference text, up to the one that has an explicit one.
   virtual void setAllQueryValues(const char* value);

@@ -1,0 +1,45 @@
+// A query as it is evaluated against many nodes.
+#pragma once
+
+#include <goods/reader.h>
+#include <tarns/core/TarnObject.h>
+#include <tarns/select/TarnQuery.h>
+
+#include <string>
+#include <vector>
+
+namespace tarns {
+
+// The conditions of a TarnQuery, read once. Means what TarnQuery::evaluate(node) means.
+// Threads: any, as long as each has a Subject of its own.
+class QueryConditions {
+ public:
+  // Room for the texts that are compared, kept from one node to the next.
+  struct Subject {
+    TarnData value;
+    std::string text;
+  };
+
+  explicit QueryConditions(const TarnQuery& query);
+
+  // Within goods::cache_manager::read().
+  bool hold(goods::reader& reader, const TarnObject& node, Subject& subject) const;
+
+ private:
+  struct Condition {
+    std::string path;       // empty: never true
+    std::string reference;  // in upper case; empty: never true
+    std::uint32_t op;
+    TarnQueryElement::LogicType logic;  // joins it to the next one
+    bool isAnything;                    // whatever the subject is
+  };
+  static bool Holds(const Condition& condition, goods::reader& reader, const TarnObject& node,
+                    Subject& subject);
+
+  std::vector<Condition> conditions_;
+};
+
+// The result of all conditions so far, joined with that of the next one.
+bool JoinResults(bool left, TarnQueryElement::LogicType logic, bool right);
+
+}  // namespace tarns
