@@ -50,6 +50,7 @@ void AddRm(CLI::App& app, Invocation& invocation);
 void AddCp(CLI::App& app, Invocation& invocation);
 void AddMv(CLI::App& app, Invocation& invocation);
 void AddFind(CLI::App& app, Invocation& invocation);
+void AddQuery(CLI::App& app, Invocation& invocation);
 void AddStat(CLI::App& app, Invocation& invocation);
 void AddGc(CLI::App& app, Invocation& invocation);
 void AddCheck(CLI::App& app, Invocation& invocation);

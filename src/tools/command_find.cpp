@@ -6,15 +6,15 @@
 #include <optional>
 
 #include "tools/BranchWalk.h"
+#include "tools/Findings.h"
 #include "tools/Invocation.h"
-#include "tools/Listing.h"
 #include "tools/OpenDatabase.h"
 #include "tools/Output.h"
 #include "tools/Progress.h"
-#include "tools/json_names.h"
-#include "tools/json_values.h"
+#include "tools/selection_command.h"
 #include "tools/shown_text.h"
 #include "tools/value_text.h"
+#include "tools/where_clause.h"
 
 namespace tarns {
 
@@ -25,6 +25,8 @@ struct FindOptions {
   std::optional<std::string> name;
   std::optional<std::string> value;
   std::optional<std::string> type;
+  std::optional<std::string> where;
+  bool explains = false;
   std::size_t limit = std::numeric_limits<std::size_t>::max();
 };
 
@@ -38,46 +40,6 @@ bool IsWanted(const FindOptions& options, const BranchWalk::Step& step, const No
   return !options.value || (view.value && Matches(options.value, ValueText(*view.value)));
 }
 
-// Writes what was found one by one, in the format wanted.
-class Findings {
- public:
-  Findings(Output& out, Format format)
-      : out_(out), format_(format), listing_(out, {"PATH", "TYPE", "VALUE"}) {}
-
-  void add(const std::string& path, const NodeView& view) {
-    switch (format_) {
-      case Format::kTable:
-        listing_.add({Shown(path), TypeOf(view), SummaryOf(view)});
-        break;
-      case Format::kJson:
-        out_ << (count_ == 0 ? "[" : ",") << "\n  {\"path\": " << Quoted(TextOfName(path))
-             << ", \"type\": " << Quoted(TypeOf(view));
-        if (view.value) out_ << ", \"value\": " << JsonOfValue(*view.value);
-        out_ << "}";
-        break;
-      case Format::kRaw:
-        out_ << path << '\n';
-        break;
-      default:
-        out_ << Shown(path) << '\n';
-    }
-    ++count_;
-  }
-
-  std::size_t finish() {
-    if (format_ == Format::kTable) listing_.finish();
-    if (format_ == Format::kJson) out_ << (count_ == 0 ? "[]\n" : "\n]\n");
-    out_.finish();
-    return count_;
-  }
-
- private:
-  Output& out_;
-  Format format_;
-  Listing listing_;
-  std::size_t count_ = 0;
-};
-
 // A class may be one that only other programs know, so it cannot be told from a mistake.
 int SayNothingWasFound(const FindOptions& options) {
   const bool isClass = options.type && *options.type != "Node" && !TypeByName(*options.type);
@@ -88,8 +50,20 @@ int SayNothingWasFound(const FindOptions& options) {
   return ExitStatus::kNotFound;
 }
 
+int FindWhere(const Invocation& invocation, const FindOptions& options) {
+  if (options.name || options.value || options.type) {
+    throw UsageError{"--where goes with --limit and --explain, not with patterns."};
+  }
+  const xcptref<TarnQuery> query = ParseWhere(*options.where);
+  OpenDatabase database(invocation);
+  return PrintSelection(database, options.path, query,
+                        {invocation.format, options.limit, options.explains});
+}
+
 int Find(const Invocation& invocation, const FindOptions& options) {
   if (invocation.format == Format::kTree) throw UsageError{"find has no --format tree."};
+  if (options.where) return FindWhere(invocation, options);
+  if (options.explains) throw UsageError{"--explain goes with --where."};
   OpenDatabase database(invocation);
   Output out;
   Findings findings(out, invocation.format);
@@ -116,12 +90,19 @@ void AddFind(CLI::App& app, Invocation& invocation) {
       app, "find",
       "Print the paths of nodes that match all patterns; * ? and [...] are as in file names",
       "tarns -d data find packages --name 'lib*dev'",
-      "tarns -d data --format table find --type Sint64 --value '40*'");
+      "tarns -d data find packages --where 'Section = libs and Package starts libx' --limit 5");
   auto options = std::make_shared<FindOptions>();
   command.add_option("PATH", options->path, "The branch to look in; without it everything");
   command.add_option("--name", options->name, "A pattern for the name")->type_name("PATTERN");
   command.add_option("--value", options->value, "A pattern for the value")->type_name("PATTERN");
   command.add_option("--type", options->type, "A value's type, Node, or a class");
+  command
+      .add_option("--where", options->where,
+                  "Conditions on the values below each child of PATH: Name OP TEXT [and|or ...]; "
+                  "OP is < > = != >= <= starts or contains")
+      ->type_name("CONDITIONS");
+  command.add_flag("--explain", options->explains,
+                   "Tell on standard error how many children --where has looked at");
   command.add_option("--limit", options->limit, "Stop after so many")
       ->check(CLI::NonNegativeNumber);
   command.callback([&invocation, options] {

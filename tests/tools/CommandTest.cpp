@@ -104,6 +104,28 @@ TEST_F(CommandTest, AnswersAsInTheManual) {
        "[\n  {\"path\": \"m~press~serial\", \"type\": \"String\", \"value\": \"0042\"}\n]\n",
        ""},
       {{"find", "--name", "none"}, "", 1, "", ""},
+      {{"find", "m", "--where", "speed = 40 and serial starts 00"}, "", 0, "m~press\n", ""},
+      {{"find", "m", "--where", "speed = 41 or \"serial\" contains \"04\"", "--explain"},
+       "",
+       0,
+       "m~press\n",
+       "looked at 2 children of \"m\", 1 found."},
+      {{"find", "m", "--where", "speed = 41"}, "", 1, "", ""},
+      {{"find", "m", "--where", "speed is 40"}, "", 2, "", "\"is\" is no operator"},
+      {{"find", "m", "--where", "speed = 40 and"}, "", 2, "", "ends too early"},
+      {{"find", "m", "--where", "speed = 40 xor a = b"}, "", 2, "", "\"xor\""},
+      {{"find", "m", "--where", "speed = \"40"}, "", 2, "", "quotation mark"},
+      {{"find", "--where", "a = b", "--name", "c"}, "", 2, "", "--where"},
+      {{"query", "save", "q~fast", "speed >= 40 or serial = \"a \\\"b\\\"\""}, "", 0, "", ""},
+      {{"--format", "raw", "query", "show", "q~fast"},
+       "",
+       0,
+       "speed >= 40 or serial = \"a \\\"b\\\"\"\n",
+       ""},
+      {{"query", "run", "q~fast", "m"}, "", 0, "m~press\n", ""},
+      {{"query", "run", "m~press", "m"}, "", 2, "", "is no query"},
+      {{"query", "run", "q~none", "m"}, "", 1, "", "q~none"},
+      {{"rm", "q"}, "", 0, "", ""},
       {{"set", "m~press~speed", "fast"}, "", 2, "", "\"fast\" is no Sint64."},
       {{"set", "m~press~speed", "fast", "--type", "String"}, "", 0, "", ""},
       {{"set", "m~press~speed", "300", "--type", "Uint8"}, "", 2, "", "\"300\" is no Uint8."},
@@ -194,8 +216,9 @@ TEST_F(CommandTest, MistakesInUseAndMissingDatabases) {
 }
 
 TEST_F(CommandTest, EveryHelpEndsWithTwoExamples) {
-  for (const char* name : {"init", "get", "set", "ls", "tree", "rm", "cp", "mv", "find", "stat",
-                           "gc", "check", "salvage", "backup", "restore", "import", "export"}) {
+  for (const char* name :
+       {"init", "get", "set", "ls", "tree", "rm", "cp", "mv", "find", "query", "stat", "gc",
+        "check", "salvage", "backup", "restore", "import", "export"}) {
     SCOPED_TRACE(name);
     const program_result result = run_program({PROGRAM_TARNS_COMMAND, name, "--help"});
     EXPECT_EQ(result.status, 0);

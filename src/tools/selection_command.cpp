@@ -1,0 +1,40 @@
+#include "tools/selection_command.h"
+
+#include <tarns/select/TarnSelection.h>
+
+#include <cstdio>
+#include <optional>
+
+#include "tools/Findings.h"
+#include "tools/Output.h"
+#include "tools/Progress.h"
+#include "tools/shown_text.h"
+#include "tools/where_clause.h"
+
+namespace tarns {
+
+int PrintSelection(OpenDatabase& database, const std::string& path, const xcptref<TarnQuery>& query,
+                   const SelectionOptions& options) {
+  if (options.format == Format::kTree) throw UsageError{"This command has no --format tree."};
+  Output out;
+  Findings findings(out, options.format);
+  std::optional<Progress> progress;
+  if (!out.isTerminal()) progress.emplace("Searching", 0, "nodes");
+  const std::string prefix = path.empty() ? "" : path + "~";
+  TarnSelection selection(database.node(path), query);
+  selection.limitTo(options.limit);
+  for (const auto& [name, child] : selection) {
+    findings.add(prefix + name, NodeView(child));
+    if (progress) progress->show(0, selection.getNumLooked());
+  }
+  const std::size_t found = findings.finish();
+  if (options.explains) {
+    std::fprintf(stderr, "tarns: %s: looked at %llu children of \"%s\"%s, %zu found.\n",
+                 Shown(WhereOf(*query.read())).c_str(),
+                 static_cast<unsigned long long>(selection.getNumLooked()), Shown(path).c_str(),
+                 selection.isAtEnd() ? "" : " and not at all", found);
+  }
+  return found != 0 ? ExitStatus::kDone : ExitStatus::kNotFound;
+}
+
+}  // namespace tarns
