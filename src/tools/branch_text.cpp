@@ -1,11 +1,11 @@
 #include "tools/branch_text.h"
 
 #include <tarns/core/TarnException.h>
-#include <tarns/session/TarnRoot.h>
 
 #include <sstream>
 
 #include "tools/BranchChanges.h"
+#include "tools/BranchPlacer.h"
 #include "tools/Output.h"
 #include "tools/compression.h"
 #include "tools/shown_text.h"
@@ -42,18 +42,10 @@ void RemoveBranch(TarnManager& manager, const std::string& path) {
   }
 }
 
-void PlaceBranch(TarnManager& manager, const std::string& path, TarnRef node, bool replaces) {
+void PlaceBranch(TarnManager& manager, const std::string& path, const TarnRef& node,
+                 bool replaces) {
   if (replaces) RemoveBranch(manager, path);
-  if (path.empty() && node->isOfType(TarnRoot::GetType())) {
-    TarnRef plain = TarnObject::Create();
-    modify(node)->bequeathChildren(plain);
-    node = plain;
-  }
-  if (manager.getObject(path).is_null()) {
-    manager.set(path, node);
-  } else {
-    manager.mergeBranch(node, path, true);
-  }
+  BranchPlacer(manager, {}).place(path, node);
 }
 
 TarnRef ImportKnown(const TarnManager& manager, PInOut& in) {

@@ -25,7 +25,7 @@ void RemoveBranch(TarnManager& manager, const std::string& path);
 
 // Puts a node that is in no tree at the path, merging it into what is there, or removing that
 // first. The root stays and gets the children. Within a transaction.
-void PlaceBranch(TarnManager& manager, const std::string& path, TarnRef node, bool replaces);
+void PlaceBranch(TarnManager& manager, const std::string& path, const TarnRef& node, bool replaces);
 
 // The node that a text describes; where its class is not known, 15 that says so. `in` is open.
 TarnRef ImportKnown(const TarnManager& manager, PInOut& in);

@@ -1,10 +1,12 @@
 #include <tarns/core/TarnException.h>
 #include <tarns/session/TarnTransaction.h>
 
+#include <algorithm>
 #include <cstdio>
 #include <memory>
 #include <optional>
 
+#include "tools/BranchPlacer.h"
 #include "tools/InputFile.h"
 #include "tools/Invocation.h"
 #include "tools/JsonImporter.h"
@@ -20,7 +22,8 @@ namespace {
 struct ImportOptions {
   std::string file;
   std::string path;
-  std::uint64_t batch = 0;  // values per transaction; 0: all in one
+  std::uint64_t batch = 0;  // values (of text: nodes) per transaction; 0: all in one
+  std::uint64_t skip = 0;   // nodes of a text that an earlier run has imported
   std::string format;       // "json", "text" or empty
   bool merges = false;      // which is what happens without as well
   bool replaces = false;
@@ -58,14 +61,14 @@ class Batches {
 };
 
 // `isKnown`: false when the outcome of a commit is not.
-void SayWhatWasKept(std::uint64_t kept, bool isKnown) {
+void SayWhatWasKept(std::uint64_t kept, bool isKnown, const char* unit = "values") {
   if (!isKnown) {
     std::fputs("tarns: It is not known how much was imported.\n", stderr);
   } else if (kept == 0) {
     std::fputs("tarns: Nothing was imported.\n", stderr);
   } else {
-    std::fprintf(stderr, "tarns: The first %llu values were imported.\n",
-                 static_cast<unsigned long long>(kept));
+    std::fprintf(stderr, "tarns: The first %llu %s were imported.\n",
+                 static_cast<unsigned long long>(kept), unit);
   }
 }
 
@@ -83,6 +86,35 @@ class ImportProgress : public XProgressReporter {
   Progress progress_;
 };
 
+// What is kept when a part fails can be passed over by the next run.
+void PlaceInBatches(TarnManager& manager, const TarnRef& node, const ImportOptions& options) {
+  std::uint64_t kept = options.skip;
+  const auto say = [&kept](bool isKnown) {
+    SayWhatWasKept(kept, isKnown, "nodes");
+    if (kept == 0 || !isKnown) return;
+    std::fprintf(stderr, "tarns: With --skip %llu the others can be imported.\n",
+                 static_cast<unsigned long long>(kept));
+  };
+  try {
+    SignalWatch watch;
+    Batches batches(manager, options.batch);
+    BranchPlacer::Options placing{.isNodeByNode = true, .skip = options.skip};
+    placing.placed = [&](std::uint64_t count) {
+      batches.countTo(count);
+      kept = std::max(kept, batches.getKept());
+    };
+    BranchPlacer(manager, placing).place(options.path, node);
+    watch.end();
+    batches.finish();
+  } catch (const TarnException& error) {
+    say(error.getErrorID() != ErrorID::OutcomeUnknown);
+    throw;
+  } catch (...) {
+    say(true);
+    throw;
+  }
+}
+
 int ImportText(const Invocation& invocation, const ImportOptions& options) {
   InputFile input(options.file);
   OpenDatabase database(invocation);
@@ -93,6 +125,10 @@ int ImportText(const Invocation& invocation, const ImportOptions& options) {
     in.reportProgressTo(&progress);
     in.readFrom([&](char* into, std::size_t size) { return input.read(into, size); });
     node = ImportKnown(*database, in);
+  }
+  if (options.batch != 0) {
+    PlaceInBatches(*database, node, options);
+    return ExitStatus::kDone;
   }
   TarnTransaction transaction(*database);
   const std::string before = options.isDryRun ? TextAt(*database, options.path) : std::string();
@@ -108,10 +144,12 @@ int ImportText(const Invocation& invocation, const ImportOptions& options) {
 
 void Verify(const ImportOptions& options, BranchForm form) {
   const bool isJson = form == BranchForm::kJson;
-  if (isJson && (options.isDryRun || options.replaces) && options.batch != 0) {
+  if ((options.isDryRun || options.replaces) && options.batch != 0) {
     throw UsageError{"--batch goes with neither --dry-run nor --replace"};
   }
-  if (!isJson && options.batch != 0) throw UsageError{"--batch goes with JSON only"};
+  if (options.skip != 0 && (isJson || options.batch == 0)) {
+    throw UsageError{"--skip goes with text and --batch"};
+  }
   if (options.merges && options.replaces)
     throw UsageError{"--merge and --replace exclude each other"};
 }
@@ -176,9 +214,16 @@ void AddImport(CLI::App& app, Invocation& invocation) {
       ->required();
   command.add_option("PATH", options->path, "Where to; without it the root");
   command
-      .add_option("--batch", options->batch,
-                  "Commit after each so many values: needs less memory, but is not undone as a "
-                  "whole when something fails")
+      .add_option(
+          "--batch", options->batch,
+          "Commit after each so many values (of text: nodes): small transactions, but not undone "
+          "as a whole when something fails")
+      ->type_name("N")
+      ->check(CLI::NonNegativeNumber);
+  command
+      .add_option(
+          "--skip", options->skip,
+          "Of text: pass over the first N nodes, which an earlier run with --batch imported")
       ->type_name("N")
       ->check(CLI::NonNegativeNumber);
   command.add_option("--format", options->format, "json or text, whatever the file is called")

@@ -8,6 +8,7 @@
 #include "support/branch_picture.h"
 #include "support/random_tree.h"
 #include "support/session_fixture.h"
+#include "tools/BranchPlacer.h"
 #include "tools/JsonImporter.h"
 #include "tools/JsonWriter.h"
 
@@ -102,6 +103,17 @@ TEST_F(RoundTripTest, TheTextFormWithMinimalLockingKeepsEveryTree) {
     manager().exportMinLockingTo("original", out);
     EXPECT_TRUE(out.close());
     manager().set("copy", manager().importFrom(lines));
+  });
+}
+
+TEST_F(RoundTripTest, PlacingNodeByNodeKeepsEveryTree) {
+  compareAll(random_tree::links::any, [&] {
+    std::stringstream lines;
+    PInOut out;
+    out.writeTo(lines);
+    manager().exportTo("original", out);
+    EXPECT_TRUE(out.close());
+    BranchPlacer(manager(), {.isNodeByNode = true}).place("copy", manager().importFrom(lines));
   });
 }
 

@@ -127,12 +127,60 @@ TEST_F(TextCommandTest, ChangesNothingWhenSomethingIsWrong) {
   }
   for (const auto& arguments :
        std::vector<std::vector<std::string>>{{"import", file("cut.txt"), "--merge", "--replace"},
-                                             {"import", file("cut.txt"), "--batch", "5"},
+                                             {"import", file("cut.txt"), "--skip", "5"},
+                                             {"import", "-", "--batch", "5", "--skip", "5"},
                                              {"import", "-", "--batch", "5", "--dry-run"},
                                              {"export", "", "-", "--format", "xml"}}) {
     EXPECT_EQ(run(arguments).status, 2) << arguments.back();
   }
   EXPECT_EQ(text(), before);
+}
+
+// Also several children of one name, and a node that is listed before its place.
+TEST_F(TextCommandTest, ImportsInBatchesAndGoesOnWhereItStopped) {
+  const std::string part =
+      "TarnObject x\n  Children {\n    TarnObject a\n      Children {\n        TarnObject l\n"
+      "          Children {\n            TarnSint32Value v\n              Value 1\n          }\n"
+      "      }\n    TarnSint32Value b\n      Value 2\n    TarnSint32Value b\n      Value 3\n"
+      "      Children {\n        TarnObject below\n      }\n    TarnObject c\n      Children {\n"
+      "        TarnObject l\n          == a~l\n      }\n  }\n";
+  ASSERT_EQ(run({"import", "-", "x", "--format", "text"}, part).status, 0);
+  EXPECT_EQ(text("x"), part);
+  const auto import = [&](const std::string& path, const std::string& batch,
+                          const std::string& skip) {
+    return run({"import", "-", path, "--format", "text", "--batch", batch, "--skip", skip}, part);
+  };
+  for (const char* batch : {"1", "2", "3", "100"}) {
+    ASSERT_EQ(run({"rm", "x"}).status, 0);
+    const program_result imported = import("x", batch, "0");
+    EXPECT_EQ(imported.status, 0) << imported.err;
+    EXPECT_EQ(text("x"), part) << batch;
+  }
+  // What an earlier run placed is left as it is, whatever it is by now.
+  ASSERT_EQ(run({"set", "x~b", "7"}).status, 0);
+  ASSERT_EQ(run({"rm", "x~c"}).status, 0);
+  const program_result gone = import("x", "2", "7");
+  EXPECT_EQ(gone.status, 1);
+  EXPECT_THAT(gone.err, HasSubstr("\"x~c\" is there no more"));
+  EXPECT_EQ(import("x", "2", "6").status, 0);
+  EXPECT_EQ(run({"get", "x~b", "x~c~l~v"}).out, "7\n1\n");
+  // Everything again is merged.
+  EXPECT_EQ(import("x", "2", "0").status, 0);
+  EXPECT_EQ(run({"get", "x~c~l~v"}).out, "1\n");
+  // A value that is no number any more: nothing but what was committed is there.
+  const program_result damaged =
+      run({"import", "-", "y", "--format", "text", "--batch", "1"}, part + "more\n");
+  EXPECT_EQ(damaged.status, 3);
+  EXPECT_EQ(run({"ls", "y"}).status, 1) << "the text is read to its end first";
+}
+
+TEST_F(TextCommandTest, KeepsSeveralChildrenOfOneNameBelowTheRoot) {
+  const std::string all =
+      "TarnRoot \"\"\n  Children {\n    TarnSint32Value a\n      Value 1\n    TarnSint32Value a\n"
+      "      Value 2\n  }\n";
+  ASSERT_EQ(run({"rm", "m"}).status, 0);
+  ASSERT_EQ(run({"import", "-", "--format", "text"}, all).status, 0);
+  EXPECT_EQ(text(), all);
 }
 
 TEST_F(TextCommandTest, TakesOverWhatAnEditorLeaves) {
