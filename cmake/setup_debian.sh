@@ -9,7 +9,7 @@ build=(g++ cmake ninja-build pkgconf
   libsqlite3-dev libxxhash-dev liblz4-dev libfmt-dev libspdlog-dev
   libcli11-dev nlohmann-json3-dev libutf8proc-dev libzstd-dev)
 # shellcheck disable=SC2034
-test=(libgtest-dev libgmock-dev librapidcheck-dev liblmdb-dev locales)
+test=(libgtest-dev libgmock-dev librapidcheck-dev liblmdb-dev sqlite3 locales)
 # shellcheck disable=SC2034
 check=(git clang-14 clang-format-14 clang-tidy-14 libclang-rt-14-dev)
 
