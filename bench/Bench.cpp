@@ -14,9 +14,9 @@ namespace tarns::bench {
 
 const std::vector<std::string>& Bench::Items() {
   static const std::vector<std::string> items = {
-      "load",      "disk",      "hot-1",      "hot-2",  "hot-tx", "lock",
-      "cold-read", "cold-walk", "memory",     "list",   "export", "import",
-      "update-1",  "update-8",  "update-100", "delete", "wide",   "reopen"};
+      "load",       "disk",   "hot-1", "hot-2",  "hot-tx", "lock",     "cold-read",
+      "cold-walk",  "memory", "list",  "export", "import", "update-1", "update-8",
+      "update-100", "delete", "wide",  "reopen", "bundle", "balance"};
   return items;
 }
 
@@ -44,11 +44,14 @@ void Bench::run() {
   if (wants("delete")) deletes();
   if (wants("wide")) wide();
   if (wants("reopen")) reopen();
+  if (isNamed("bundle")) bundle();
+  if (isNamed("balance")) balance();
 }
 
-bool Bench::wants(std::string_view item) const {
-  return options_.items.empty() ||
-         std::find(options_.items.begin(), options_.items.end(), item) != options_.items.end();
+bool Bench::wants(std::string_view item) const { return options_.items.empty() || isNamed(item); }
+
+bool Bench::isNamed(std::string_view item) const {
+  return std::find(options_.items.begin(), options_.items.end(), item) != options_.items.end();
 }
 
 BenchStore::Options Bench::optionsOf(const std::string& peer) const {

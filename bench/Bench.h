@@ -47,6 +47,7 @@ class Bench {
 
   // Bench.cpp
   bool wants(std::string_view item) const;
+  bool isNamed(std::string_view item) const;  // among the items asked for
   std::size_t scaled(std::size_t count) const { return options_.quick ? count / 10 : count; }
   BenchStore::Options optionsOf(const std::string& peer) const;
   std::unique_ptr<BenchStore> open(const std::string& peer) const;
@@ -79,6 +80,10 @@ class Bench {
 
   // ReopenItem.cpp
   void reopen();
+
+  // ContainerItems.cpp
+  void bundle();
+  void balance();
 
   void checkWholeTree(const std::string& peer) const { checkWholeTree(peer, optionsOf(peer)); }
   void checkWholeTree(const std::string& peer, const BenchStore::Options& options) const;

@@ -60,6 +60,8 @@ void AddRestore(CLI::App& app, Invocation& invocation);
 void AddImport(CLI::App& app, Invocation& invocation);
 void AddExport(CLI::App& app, Invocation& invocation);
 void AddEdit(CLI::App& app, Invocation& invocation);
+void AddBundle(CLI::App& app, Invocation& invocation);
+void AddBalance(CLI::App& app, Invocation& invocation);
 
 // Runs the whole command; what main() returns.
 int RunCommand(int argc, char** argv);

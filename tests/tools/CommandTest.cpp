@@ -216,9 +216,9 @@ TEST_F(CommandTest, MistakesInUseAndMissingDatabases) {
 }
 
 TEST_F(CommandTest, EveryHelpEndsWithTwoExamples) {
-  for (const char* name :
-       {"init", "get", "set", "ls", "tree", "rm", "cp", "mv", "find", "query", "stat", "gc",
-        "check", "salvage", "backup", "restore", "import", "export"}) {
+  for (const char* name : {"init",   "get",     "set",    "ls",     "tree",   "rm",     "cp",
+                           "mv",     "find",    "query",  "stat",   "gc",     "check",  "salvage",
+                           "backup", "restore", "import", "export", "bundle", "balance"}) {
     SCOPED_TRACE(name);
     const program_result result = run_program({PROGRAM_TARNS_COMMAND, name, "--help"});
     EXPECT_EQ(result.status, 0);

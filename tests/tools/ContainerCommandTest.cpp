@@ -1,0 +1,83 @@
+// The commands about nodes with very many children.
+#include <gmock/gmock.h>
+#include <tarns/containers/TarnBundle.h>
+#include <tarns/session/TarnAttachment.h>
+#include <tarns/session/TarnManager.h>
+
+#include <string>
+
+#include "support/run_program.h"
+
+namespace tarns {
+namespace {
+
+using testing::HasSubstr;
+
+class ContainerCommandTest : public testing::Test {
+ protected:
+  ContainerCommandTest() { EXPECT_EQ(run({"init"}).status, 0); }
+
+  program_result run(const std::vector<std::string>& arguments) {
+    std::vector<std::string> all{PROGRAM_TARNS_COMMAND, "-d", directory_.file("db")};
+    all.insert(all.end(), arguments.begin(), arguments.end());
+    return run_program(all);
+  }
+  // Runs `work(manager)` in a session of the test's own.
+  template <class Work>
+  void inSession(const Work& work) {
+    TarnManager::Initialize();
+    TarnManager manager;
+    manager.connect((directory_.file("db") + "/tarns.conf").c_str());
+    const TarnAttachment attachment(manager);
+    work(manager);
+  }
+
+ private:
+  scratch_directory directory_;
+};
+
+TEST_F(ContainerCommandTest, BundleTellsWhatItHolds) {
+  inSession([](TarnManager& manager) {
+    manager.set("empty", TarnBundle::Create("TarnObject"));
+    manager.set("b", TarnBundle::Create("TarnSint64Value"));
+    const xcptref<TarnBundle> bundle(manager.getObject("b"));
+    manager.transaction([&] {
+      for (int i = 0; i < 1003; ++i) modify(bundle)->newChild(std::to_string(i).c_str());
+    });
+  });
+  program_result result = run({"bundle", "b"});
+  EXPECT_EQ(result.status, 0) << result.err;
+  for (const char* part : {"TarnSint64Value", "1003", "BLOCK", "0000", "0997"}) {
+    EXPECT_THAT(result.out, HasSubstr(part));
+  }
+  EXPECT_EQ(run({"--format", "json", "bundle", "b"}).out,
+            "{\n  \"class\": \"TarnSint64Value\",\n  \"objects\": 1003,\n  \"blocks\": [\n"
+            "    {\"name\": \"0000\", \"used\": 1000, \"free\": 0},\n"
+            "    {\"name\": \"0997\", \"used\": 3, \"free\": 997}\n  ]\n}\n");
+  EXPECT_EQ(run({"--format", "json", "bundle", "empty"}).out,
+            "{\n  \"class\": \"TarnObject\",\n  \"objects\": 0,\n  \"blocks\": []\n}\n");
+  EXPECT_EQ(run({"ls", "b~BundledChildren", "--limit", "2"}).out, "0\n1\n");
+  EXPECT_EQ(run({"bundle", "absent"}).status, 1);
+  EXPECT_EQ(run({"--format", "raw", "bundle", "b"}).status, 2);
+  result = run({"bundle", "b~Blocks"});
+  EXPECT_EQ(result.status, 3);
+  EXPECT_THAT(result.err, HasSubstr("TarnBundle"));
+}
+
+TEST_F(ContainerCommandTest, BalanceMakesACollectionAndKeepsWhatItHolds) {
+  inSession([](TarnManager& manager) {
+    manager.transaction([&] {
+      for (int i = 0; i < 300; ++i) manager.set("m~c~" + std::to_string(i), i);
+    });
+  });
+  EXPECT_EQ(run({"balance", "m~c"}).out, "300 children, height 2\n");
+  EXPECT_EQ(run({"get", "m~c~299", "m~c~0"}).out, "299\n0\n");
+  EXPECT_THAT(run({"stat", "m~c"}).out, HasSubstr("TarnCollection"));
+  EXPECT_EQ(run({"balance", "m~c"}).out, "300 children, height 2\n");
+  EXPECT_EQ(run({"balance", "m~absent"}).status, 1);
+  EXPECT_EQ(run({"balance", ""}).status, 2);
+  EXPECT_EQ(run({"check", "--full"}).status, 0);
+}
+
+}  // namespace
+}  // namespace tarns
