@@ -196,7 +196,7 @@ void Bench::balance() {
   TarnsStore store({options_.scratch / "balance", options_.cacheBytes});
   TarnManager& manager = store.manager();
   const TarnAttachment attachment(manager);
-  const TarnRef node = manager.getNoFail(kNode);
+  const TarnRef node = manager.getNoFail(kNode, TarnCollection::GetType());
   InBatches(manager, count, [&](std::size_t i) {
     modify(node)->addChild(NameOf(i).c_str(),
                            TarnValue::CreateValue(TarnData(static_cast<std::int64_t>(i))));
@@ -220,7 +220,7 @@ void Bench::balance() {
   report_.add({"balance: random look-up meanwhile",
                "reads/s",
                {{kPeer, busy}},
-               Target{Target::kAtLeast, 0.7, "", quiet, "without it"}});
+               Target{Target::kAtLeast, 0.7, "", quiet, "collection at rest"}});
 }
 
 }  // namespace tarns::bench

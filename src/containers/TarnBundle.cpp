@@ -36,7 +36,7 @@ bool SaysNumber(std::string_view name, std::string_view base) {
   return name.starts_with(base) && (name.size() == base.size() || name[base.size()] == '_');
 }
 
-// Makes an object what a new one of its class is; its place in the tree stays.
+// Makes the members of an object those of a new one, without children; its place in the tree stays.
 void Renew(const TarnRef& object) {
   auto body = modify(object);
   if (body->getNumAbstractChildren() > 0) body->deleteChildren();
@@ -44,7 +44,13 @@ void Renew(const TarnRef& object) {
     const TarnRef fresh = body->constructor();
     TarnNodeAccess::CopyState(*fresh.read(), *body);
   }
-  body->initialize();
+}
+
+// The child of that name in an index, or null.
+const TarnObject* LookAt(goods::reader& reader, const TarnObjects& index, std::string_view name) {
+  const auto entry = index.find(reader, name);
+  if (!entry) return nullptr;
+  return static_cast<const TarnObject*>(reader.look(entry->target, TarnObject::self_class));
 }
 
 // What is known of a block when its objects have identifiers.
@@ -158,17 +164,65 @@ xcptref<TarnObject> TarnBundle::blocks() const { return getChildWithName(kBlocks
 // --- Creating -----------------------------------------------------------------------------------
 
 xcptref<TarnObject> TarnBundle::newChild(const char* name) {
-  VerifyChildName(getSelf(), ViewOf(name));
-  const TarnRef children = getChildWithNameNoFail(kBundledChildren, TarnObject::GetType());
-  XString oldName;
-  const xcptref<TarnBundleBlock> block(getFullestBlockWithSpace(&oldName));
-  const unsigned short slot = modify(block)->allocateNextUnused();
-  if (block->getAt(slot).is_null()) refill(block, slot);
-  TarnRef child = block->getAt(slot);
-  Renew(child);
-  modify(children)->addChild(name, child);
-  updateBlockName(block, oldName);
+  const std::string_view text = ViewOf(name);
+  if (!IsChildName(text)) VerifyChildName(getSelf(), text);  // throws
+  Space space;
+  if (!findSpace(space)) {
+    makeSpace();
+    findSpace(space);
+  }
+  unsigned short slot = 0;
+  bool isFresh = false;
+  unsigned short left = 0;
+  {
+    auto block = modify(space.block);
+    isFresh = block->allocate(slot);
+    left = block->getNumUnused();
+  }
+  TarnRef child = space.block->getAt(slot);
+  if (child.is_null()) {
+    child = refill(space.block, slot);
+    isFresh = true;
+  }
+  if (!isFresh) Renew(child);
+  modify(child)->initialize();
+  modify(space.children)->insert(text, child);
+  rename(space, left);
   return child;
+}
+
+// The index of the objects' names, and the block to fill next. False when something is missing.
+bool TarnBundle::findSpace(Space& space) const {
+  static const XString kFirst = TarnBundleBlock::GetBaseNameFor(1);
+  return goods::read_here([&](goods::reader& reader) {
+    const TarnObjects* own = TarnNodeAccess::IndexOf(reader, Current(reader, *this));
+    const TarnObject* children = own != nullptr ? LookAt(reader, *own, kBundledChildren) : nullptr;
+    const TarnObject* blocks = own != nullptr ? LookAt(reader, *own, kBlocks) : nullptr;
+    if (children == nullptr || blocks == nullptr) return false;
+    const TarnObjects* index = TarnNodeAccess::IndexOf(reader, *blocks);
+    const auto entry = index != nullptr ? index->lower_bound(reader, kFirst.view()) : std::nullopt;
+    if (!entry || TarnNodeAccess::ChildrenOf(*children).is_null()) return false;
+    space.children = TarnNodeAccess::ChildrenOf(*children);
+    space.blocks = blocks->getSelf();
+    space.list = TarnNodeAccess::ChildrenOf(*blocks);
+    space.entry = goods::ref<goods::set_member>::trusted(goods::to_reference(entry->member));
+    space.block = xcptref<TarnBundleBlock>(goods::to_reference(entry->target));
+    return true;
+  });
+}
+
+void TarnBundle::makeSpace() {
+  const TarnRef children = getChildWithNameNoFail(kBundledChildren, TarnObject::GetType());
+  TarnNodeAccess::MakeIndex(*modify(children));
+  getFullestBlockWithSpace(nullptr);
+}
+
+// As updateBlockName(), for a block whose number of free slots has changed.
+void TarnBundle::rename(const Space& space, unsigned short numUnused) {
+  const XString base = TarnBundleBlock::GetBaseNameFor(numUnused);
+  if (space.entry.is_null() || SaysNumber(space.entry->key(), base.view())) return;
+  const XString unique = space.blocks->getUniqueChildName(base);
+  modify(space.list)->rename(space.entry, unique.view());
 }
 
 xcptref<TarnObject> TarnBundle::getFullestBlockWithSpace(XString* blockName) {
@@ -188,10 +242,12 @@ xcptref<TarnBundleBlock> TarnBundle::addBlock(const xcptref<TarnObject>& blocks,
 }
 
 // A slot whose object was lost with a damaged database gets another one.
-void TarnBundle::refill(const xcptref<TarnBundleBlock>& block, unsigned short slot) const {
-  const TarnRef child = CreateOfType(getClassName());
+xcptref<TarnObject> TarnBundle::refill(const xcptref<TarnBundleBlock>& block,
+                                       unsigned short slot) const {
+  TarnRef child = CreateOfType(getClassName());
   if (child.is_null()) TarnException::ThrowMissingDescriptor(getClassName());
   modify(block)->setAt(slot, child);
+  return child;
 }
 
 void TarnBundle::updateBlockName(xcptref<TarnObject> block, const char* oldName) {
@@ -221,9 +277,14 @@ bool TarnBundle::deleteBundledChild(const char* name) {
   modify(children->getChildren())->removeEntry(entry);
   const xcptref<TarnBundleBlock> block = findBlockOf(child);
   if (block.is_null()) return true;  // put there by others
-  const XString oldName = block->getName();
-  modify(block)->markAsFree(child);
-  updateBlockName(block, oldName);
+  Space space;
+  space.block = block;
+  space.blocks = blocks();
+  space.list = space.blocks->getChildren();
+  space.entry = ParentLinkOf(block);
+  auto body = modify(block);
+  body->markAsFree(child);
+  rename(space, body->getNumUnused());
   return true;
 }
 

@@ -80,17 +80,26 @@ void TarnBundleBlock::initialize(const char* className) {
   for (std::size_t index = 0; index < kCapacity; ++index) {
     slots->setAt(index, CreateOfType(className));
   }
+  firstFresh_ = 0;
 }
 
 // --- The free map -------------------------------------------------------------------------------
 
-unsigned short TarnBundleBlock::allocateNextUnused() {
+bool TarnBundleBlock::allocate(unsigned short& index) {
   unsigned short word = 0;
   while (word < kMapWords && freeMap_[word] == 0) ++word;
-  if (word == kMapWords) return kMapWords * kWordBits;
-  const auto index =
-      static_cast<unsigned short>(word * kWordBits + std::countl_zero(freeMap_[word]));
+  index = kMapWords * kWordBits;
+  if (word == kMapWords) return false;
+  index = static_cast<unsigned short>(word * kWordBits + std::countl_zero(freeMap_[word]));
   freeMap_[word] &= ~MaskOf(index);
+  const bool isFresh = index >= firstFresh_;
+  if (isFresh) firstFresh_ = static_cast<std::uint16_t>(index + 1);
+  return isFresh;
+}
+
+unsigned short TarnBundleBlock::allocateNextUnused() {
+  unsigned short index = 0;
+  allocate(index);
   return index;
 }
 
@@ -154,13 +163,22 @@ xcptref<TarnObject> TarnBundleBlock::getAt(unsigned short index) const {
 void TarnBundleBlock::setAt(unsigned short index, const xcptref<TarnObject>& child) {
   if (index >= kCapacity) ThrowBadIndex(index);
   modify(makeSlots())->setAt(index, child);
+  firstFresh_ = kCapacity;
 }
 
+// References are compared as words: stored bodies hold identifiers, others the object's handle.
 unsigned short TarnBundleBlock::getIndexOf(const xcptref<TarnObject>& child) const {
   if (slots_.is_null() || child.is_null()) return kCapacity;
+  const goods::object_ref counted(child);
+  const goods::ref_word handle = counted.word();
+  const goods::object_id id = counted.id();
+  const goods::ref_word identifier = id != 0 ? goods::ref_word::of(id) : handle;
   const auto slots = *slots_;
   unsigned short index = 0;
-  while (index < kCapacity && slots->at(index) != child) ++index;
+  for (; index < kCapacity; ++index) {
+    const goods::ref_word word = slots->at(index).word();
+    if (word == handle || word == identifier) break;
+  }
   return index;
 }
 

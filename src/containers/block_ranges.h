@@ -4,8 +4,8 @@
 #include <goods/cache_manager.h>
 #include <goods/object_ref.h>
 
+#include <map>
 #include <mutex>
-#include <optional>
 #include <unordered_map>
 #include <vector>
 
@@ -15,7 +15,7 @@ namespace tarns {
 // of each one's objects, which are mostly neighbours, since they were stored together.
 //
 // Only hints: a block may be gone, and an object may have been put into another one since. Memory:
-// 32 bytes for a block. Threads: any.
+// some 150 bytes for a block. Threads: any.
 class BlockRanges : public goods::session_companion {
  public:
   struct Range {
@@ -31,7 +31,11 @@ class BlockRanges : public goods::session_companion {
   void forget(goods::object_id blocks, goods::object_id block);
 
  private:
-  using Ranges = std::unordered_map<goods::object_id, Range>;  // by block
+  struct Ranges {
+    std::map<goods::object_id, Range> byFirst;
+    std::unordered_map<goods::object_id, goods::object_id> firstOf;  // by block
+    goods::object_id longest = 0;                                    // last - first
+  };
 
   mutable std::mutex lock_;
   std::unordered_map<goods::object_id, Ranges> ranges_;  // by the node that lists them; under lock_

@@ -88,7 +88,19 @@ class TARNS_API TarnBundle : public TarnObject {
   xcptref<TarnObject> blocks() const;
   xcptref<TarnBundleBlock> addBlock(const xcptref<TarnObject>& blocks, XString& name);
   xcptref<TarnBundleBlock> findBlockOf(const xcptref<TarnObject>& child) const;
-  void refill(const xcptref<TarnBundleBlock>& block, unsigned short slot) const;
+  xcptref<TarnObject> refill(const xcptref<TarnBundleBlock>& block, unsigned short slot) const;
+
+  // Where the next object goes.
+  struct Space {
+    xcptref<TarnObjects> children;        // the index of BundledChildren
+    xcptref<TarnObject> blocks;           // Blocks
+    xcptref<TarnObjects> list;            // its index
+    goods::ref<goods::set_member> entry;  // the block's
+    xcptref<TarnBundleBlock> block;
+  };
+  bool findSpace(Space& space) const;
+  void makeSpace();
+  void rename(const Space& space, unsigned short numUnused);
 
   TarnString className_;  // stored as "ClassName"
 };

@@ -40,6 +40,9 @@ class TARNS_API TarnBundleBlock : public TarnObject {
   // Takes the first free slot and returns its number. There must be one; otherwise 1024 is returned
   // and nothing changed.
   unsigned short allocateNextUnused();
+  // The same, which tells whether the slot is known never to have been handed out: its object is
+  // still as it was made.
+  bool allocate(unsigned short& index);
   // The object of the slot taken by allocateNextUnused(), as it is. Throws as getAt() when none is
   // free.
   xcptref<TarnObject> newChild();
@@ -104,6 +107,9 @@ class TARNS_API TarnBundleBlock : public TarnObject {
 
   xcptref<TarnBundleSlots> slots_;  // stored as "Slots"; null until there are objects
   FreeMap freeMap_ = NewFreeMap();  // stored as "FreeMap"
+  // Slots from this one on have never been handed out. Not stored: known to the version of a block
+  // that was filled, that is, in the transaction that has made it.
+  std::uint16_t firstFresh_ = kCapacity;
 };
 
 }  // namespace tarns
