@@ -10,7 +10,9 @@
 
 namespace tarns {
 
-// The conditions of a TarnQuery, read once. Means what TarnQuery::evaluate(node) means.
+// The conditions of a TarnQuery, read once. Means what TarnQuery::evaluate(node) means, but that
+// subjects are found by findChild() and readValue() also where a class overrides get(), and that
+// what cannot change the result any more is not read.
 // Threads: any, as long as each has a Subject of its own.
 class QueryConditions {
  public:

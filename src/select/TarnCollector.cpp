@@ -111,6 +111,9 @@ void TarnCollector::addIfLessOrEqual(const char* name, TarnRef node, const void*
 // ---- the children of a node
 
 void TarnCollector::collect(const TarnRef& parent, AddIf addIf) {
+  if (parent == getSelf()) {
+    throw TarnException("A TarnCollector cannot collect its own children.", ErrorID::Unspecified);
+  }
   parent->iterateChildren(this, static_cast<ChildMember>(addIf), nullptr);
 }
 
@@ -147,8 +150,11 @@ int TarnCollector::CompareNames(TarnRef node, const void* name) {
 
 goods::ref<TarnCollector> TarnCollector::CollectByName(const TarnRef& parent, const char* name,
                                                        AddIf addIf) {
-  auto collector = Create(CompareNames, name);
-  modify(collector)->collect(parent, addIf);
+  auto collector = Create(CompareNames, nullptr);
+  auto body = modify(collector);
+  body->name_ = ViewOf(name);
+  body->arg_ = body->name_.c_str();
+  body->collect(parent, addIf);
   return collector;
 }
 

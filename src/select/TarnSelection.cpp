@@ -56,7 +56,7 @@ void TarnSelection::fetch() {
   if (index_.is_null()) isAtEnd_ = true;
   while (found_.empty() && limit_ > 0 && !isAtEnd_) {
     Batch batch = goods::read_here([this](goods::reader& reader) { return look(reader); });
-    limit_ -= batch.found.size();
+    limit_ -= std::min(limit_, batch.found.size());
     looked_ += batch.looked;
     found_ = std::move(batch.found);
     isAtEnd_ = batch.isAtEnd;
@@ -83,7 +83,11 @@ TarnSelection::Batch TarnSelection::look(goods::reader& reader) const {
   std::vector<goods::ref_word> ahead;
   std::optional<goods::index_entry> last;
   std::vector<goods::ref_word> before;
-  while (!place.at_end() && batch.looked < kBatchSize && batch.found.size() < limit_) {
+  const auto goesOn = [&] {
+    if (batch.found.size() < limit_) return batch.looked < kBatchSize;
+    return last && last->name == place.entry().name;  // see startBehind()
+  };
+  while (!place.at_end() && goesOn()) {
     if (batch.looked % kLookahead == 0) {
       ahead.clear();
       const std::size_t count = std::min(kLookahead, place.left_on_page());

@@ -26,6 +26,7 @@ struct FindOptions {
   std::optional<std::string> value;
   std::optional<std::string> type;
   std::optional<std::string> where;
+  std::string after;
   bool explains = false;
   std::size_t limit = std::numeric_limits<std::size_t>::max();
 };
@@ -57,13 +58,15 @@ int FindWhere(const Invocation& invocation, const FindOptions& options) {
   const xcptref<TarnQuery> query = ParseWhere(*options.where);
   OpenDatabase database(invocation);
   return PrintSelection(database, options.path, query,
-                        {invocation.format, options.limit, options.explains});
+                        {invocation.format, options.after, options.limit, options.explains});
 }
 
 int Find(const Invocation& invocation, const FindOptions& options) {
   if (invocation.format == Format::kTree) throw UsageError{"find has no --format tree."};
   if (options.where) return FindWhere(invocation, options);
-  if (options.explains) throw UsageError{"--explain goes with --where."};
+  if (options.explains || !options.after.empty()) {
+    throw UsageError{"--explain and --after go with --where."};
+  }
   OpenDatabase database(invocation);
   Output out;
   Findings findings(out, invocation.format);
@@ -101,6 +104,8 @@ void AddFind(CLI::App& app, Invocation& invocation) {
                   "Conditions on the values below each child of PATH: Name OP TEXT [and|or ...]; "
                   "OP is < > = != >= <= starts or contains")
       ->type_name("CONDITIONS");
+  command.add_option("--after", options->after, "With --where: begin behind children of this name")
+      ->type_name("NAME");
   command.add_flag("--explain", options->explains,
                    "Tell on standard error how many children --where has looked at");
   command.add_option("--limit", options->limit, "Stop after so many")

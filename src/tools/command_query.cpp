@@ -18,6 +18,7 @@ struct QueryOptions {
   std::string query;  // the path of the TarnQuery
   std::string conditions;
   std::string path;
+  std::string after;
   bool explains = false;
   std::size_t limit = std::numeric_limits<std::size_t>::max();
 };
@@ -31,6 +32,10 @@ xcptref<TarnQuery> QueryAt(OpenDatabase& database, const std::string& path) {
 int Save(const Invocation& invocation, const QueryOptions& options) {
   const xcptref<TarnQuery> query = ParseWhere(options.conditions);
   OpenDatabase database(invocation);
+  const TarnRef there = database->getObject(options.query);
+  if (!there.is_null() && !there.isA<TarnQuery>()) {
+    throw UsageError{"\"" + options.query + "\" is no query, and is not replaced by one."};
+  }
   database->set(options.query, TarnRef(query));
   return ExitStatus::kDone;
 }
@@ -47,7 +52,7 @@ int Show(const Invocation& invocation, const QueryOptions& options) {
 int RunQuery(const Invocation& invocation, const QueryOptions& options) {
   OpenDatabase database(invocation);
   return PrintSelection(database, options.path, QueryAt(database, options.query),
-                        {invocation.format, options.limit, options.explains});
+                        {invocation.format, options.after, options.limit, options.explains});
 }
 
 }  // namespace
@@ -73,6 +78,8 @@ void AddQuery(CLI::App& app, Invocation& invocation) {
       ->required();
   CLI::App* const run = add("run", "Print the children of PATH for which a query holds", RunQuery);
   run->add_option("PATH", options->path, "The node whose children are looked at");
+  run->add_option("--after", options->after, "Begin behind the children of this name")
+      ->type_name("NAME");
   run->add_flag("--explain", options->explains, "Tell how many children were looked at");
   run->add_option("--limit", options->limit, "Stop after so many")->check(CLI::NonNegativeNumber);
   add("show", "Print the conditions of a query", Show);

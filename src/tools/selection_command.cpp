@@ -23,6 +23,7 @@ int PrintSelection(OpenDatabase& database, const std::string& path, const xcptre
   const std::string prefix = path.empty() ? "" : path + "~";
   TarnSelection selection(database.node(path), query);
   selection.limitTo(options.limit);
+  if (!options.after.empty()) selection.startBehind(options.after);
   for (const auto& [name, child] : selection) {
     findings.add(prefix + name, NodeView(child));
     if (progress) progress->show(0, selection.getNumLooked());
@@ -32,7 +33,7 @@ int PrintSelection(OpenDatabase& database, const std::string& path, const xcptre
     std::fprintf(stderr, "tarns: %s: looked at %llu children of \"%s\"%s, %zu found.\n",
                  Shown(WhereOf(*query.read())).c_str(),
                  static_cast<unsigned long long>(selection.getNumLooked()), Shown(path).c_str(),
-                 selection.isAtEnd() ? "" : " and not at all", found);
+                 selection.isAtEnd() ? "" : ", not at the rest", found);
   }
   return found != 0 ? ExitStatus::kDone : ExitStatus::kNotFound;
 }

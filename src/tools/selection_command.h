@@ -13,6 +13,7 @@ namespace tarns {
 
 struct SelectionOptions {
   Format format = Format::kAutomatic;
+  std::string after;  // a name to begin behind, unless empty
   std::size_t limit = 0;
   bool explains = false;  // tells on standard error what has been looked at
 };

@@ -92,6 +92,8 @@ TEST_P(CollectorTest, ComparesWithWhatItWasMadeWith) {
     modify(collector)->addIfEqual(name.c_str(), child, &three);
   }
   EXPECT_THAT(NamesIn(collector), ElementsAre("bb", "cc"));
+  EXPECT_THAT([&] { modify(collector)->collectChildrenIfEqual(collector); },
+              ThrowsTarn(0, HasSubstr("its own children")));
   modify(collector)->collectChildrenIfGreater(parent);  // adds to what is there
   EXPECT_THAT(NamesIn(collector), ElementsAre("bb", "cc", "ddd"));
 }

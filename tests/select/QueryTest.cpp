@@ -6,6 +6,7 @@
 
 #include <limits>
 #include <random>
+#include <set>
 #include <string>
 
 #include "support/node_test.h"
@@ -258,6 +259,35 @@ TEST_F(QuerySessionTest, ASelectionGoesOnWhileItsChildrenChange) {
   EXPECT_TRUE(NamesIn(nothing).empty());
   TarnSelection childless(TarnObject::Create(), all);
   EXPECT_TRUE(NamesIn(childless).empty());
+}
+
+// Whoever goes on behind the last name misses nothing, wherever the loop was left.
+TEST_F(QuerySessionTest, ASelectionIsResumedBehindItsLastName) {
+  const TarnRef parent = makeChildren(5);
+  for (int i = 0; i < 3; ++i) modify(parent)->addChild("c3", TarnObject::Create());
+  const xcptref<TarnQuery> all = TarnQuery::Create();
+  modify(all)->addElement(Element::Create("v", Element::Equal, "*"));
+  for (const bool leavesEarly : {false, true}) {
+    std::vector<std::string> met;
+    std::string behind;
+    for (bool isAtEnd = false; !isAtEnd;) {
+      TarnSelection one(parent, all);
+      if (!leavesEarly) one.limitTo(1);
+      if (!behind.empty()) one.startBehind(behind);
+      for (const auto& [name, child] : one) {
+        met.push_back(name);
+        if (leavesEarly) break;
+      }
+      behind = one.getLastName();
+      isAtEnd = one.isAtEnd() || behind == "c4";
+    }
+    const std::vector<std::string> expected{"c0", "c1", "c2", "c3", "c4"};
+    const auto distinct = std::set<std::string>(met.begin(), met.end());
+    EXPECT_EQ(std::vector<std::string>(distinct.begin(), distinct.end()), expected);
+    if (!leavesEarly) {
+      EXPECT_EQ(met.size(), 8U);
+    }
+  }
 }
 
 TEST_F(QuerySessionTest, OrdersByAValue) {

@@ -124,6 +124,8 @@ TEST_F(CommandTest, AnswersAsInTheManual) {
        ""},
       {{"query", "run", "q~fast", "m"}, "", 0, "m~press\n", ""},
       {{"query", "run", "m~press", "m"}, "", 2, "", "is no query"},
+      {{"query", "save", "m", "a = b"}, "", 2, "", "\"m\" is no query"},
+      {{"query", "run", "q~fast", "m", "--after", "press"}, "", 1, "", ""},
       {{"query", "run", "q~none", "m"}, "", 1, "", "q~none"},
       {{"rm", "q"}, "", 0, "", ""},
       {{"set", "m~press~speed", "fast"}, "", 2, "", "\"fast\" is no Sint64."},

@@ -5,6 +5,8 @@
 #include <tarns/core/TarnObject.h>
 #include <tarns/tarns_api.h>
 
+#include <string>
+
 namespace tarns {
 
 // A selection of a node's children, which are listed below the collector under their names.
@@ -47,7 +49,7 @@ class TARNS_API TarnCollector : public TarnObject {
   void addIfLess(const char* name, TarnRef node, const void* arg);
   void addIfLessOrEqual(const char* name, TarnRef node, const void* arg);
 
-  // The same for each child of `parent`, in the order of their names.
+  // The same for each child of `parent`, in the order of their names. Throws 0 for this collector.
   void collectChildrenIfEqual(TarnRef parent);
   void collectChildrenIfNotEqual(TarnRef parent);
   void collectChildrenIfGreater(TarnRef parent);
@@ -58,8 +60,7 @@ class TARNS_API TarnCollector : public TarnObject {
   // --- New collectors, not stored.
 
   // By name, as TarnMember::CompareElementNames() orders them: Item_2 before Item_10. Throws where
-  // that does, for names like "lib_dev" beside a `name` that holds a '_', too. The collector keeps
-  // `name` to compare with when it collects more.
+  // that does, for names like "lib_dev" beside a `name` that holds a '_', too.
   static goods::ref<TarnCollector> CollectChildrenIfEqual(TarnRef parent, const char* name);
   static goods::ref<TarnCollector> CollectChildrenIfNotEqual(TarnRef parent, const char* name);
   static goods::ref<TarnCollector> CollectChildrenIfGreater(TarnRef parent, const char* name);
@@ -112,6 +113,7 @@ class TARNS_API TarnCollector : public TarnObject {
   MemberCompare memberCompare_ = nullptr;
   TarnObject* target_ = nullptr;
   const void* arg_ = nullptr;
+  std::string name_;  // what arg_ points at in a collector that compares names
 };
 
 }  // namespace tarns

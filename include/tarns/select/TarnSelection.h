@@ -44,7 +44,8 @@ class TARNS_API TarnSelection {
   TarnSelection& operator=(const TarnSelection&) = delete;
   ~TarnSelection();
 
-  // Before begin(). Children called `name`, and those before them, are left out.
+  // Before begin(). Children called `name`, and those before them, are left out. A limited
+  // selection ends behind all children of one name only, so there may be a few matches more.
   void startBehind(std::string_view name);
   void limitTo(std::size_t matches) { limit_ = matches; }
 
@@ -75,16 +76,20 @@ class TARNS_API TarnSelection {
   Iterator begin();
   std::default_sentinel_t end() const { return {}; }
 
-  // All that are left, ordered by the value at a path below each as TarnData::compare() says; those
-  // without one come first (last when descending). Equal ones stay in the order of their names.
+  // All that are left, within the limit, ordered by the value at a path below each as
+  // TarnData::compare() says; those without one come first (last when descending). Equal ones stay
+  // in the order of their names.
   std::vector<TarnChild> orderedBy(std::string_view path, bool isDescending = false);
 
   // How many children have been looked at so far.
   std::uint64_t getNumLooked() const { return looked_; }
-  // The name of the last child that has been looked at; empty when there was none.
-  const std::string& getLastName() const { return lastName_; }
-  // Whether all children have been looked at.
-  bool isAtEnd() const { return isAtEnd_; }
+  // Where the next selection goes on: the match that the loop was left at, or else the last child
+  // that has been looked at; empty when there was none. Of equal names the others are left out.
+  const std::string& getLastName() const {
+    return at_ < found_.size() ? found_[at_].name : lastName_;
+  }
+  // Whether all children have been looked at and all matches handed out.
+  bool isAtEnd() const { return isAtEnd_ && at_ == found_.size(); }
 
  private:
   struct Batch;
