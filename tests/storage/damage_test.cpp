@@ -12,6 +12,7 @@ namespace goods {
 namespace {
 
 using testing::AnyOf;
+using testing::Contains;
 using testing::HasSubstr;
 namespace fs = std::filesystem;
 
@@ -194,6 +195,49 @@ TEST_F(DamagedFileTest, OfAKilledProcessIsNeverAWrongValue) {
   }
   damage_file("store.db", flip_bit, 50);
   damage_file("store.db", swap_sectors, 50);
+}
+
+// A row that rots after a commit to its segment and before that is merged: what was committed is
+// not lost, and nothing waits for what cannot be read.
+TEST_F(DamageTest, ASegmentThatRotsBeforeAMergeLosesItsOldObjectsOnly) {
+  constexpr object_number in_it = first_object_number + 64 * 10, elsewhere = in_it + 64;
+  enum class merged_by { a_close, an_opening };
+  for (const merged_by who : {merged_by::a_close, merged_by::an_opening}) {
+    SCOPED_TRACE(static_cast<int>(who));
+    const std::string name = "rots" + std::to_string(static_cast<int>(who)), copy = name + " copy";
+    {
+      const auto storage = open(name);
+      change_list changes(some_layout(*storage));
+      changes.put(in_it, "old").put(in_it + 1, "removed").put(in_it + 2, std::string(5000, 'x'));
+      changes.put(in_it + 3, "small").put(elsewhere, "whole");
+      storage->commit(changes.request());
+    }
+    {
+      const auto storage = open(name, "?cache=0");
+      change_list changes(some_layout(*storage));
+      changes.put(in_it + 3, std::string(3000, 'y')).put(in_it + 4, "new").remove(in_it + 1);
+      storage->commit(changes.put(elsewhere + 1, "new").request());
+      if (who == merged_by::an_opening) fs::copy(path(name), path(copy));
+      execute(path(who == merged_by::a_close ? name : copy) + "/store.db",
+              "UPDATE segments SET body=zeroblob(200) WHERE id=1034");
+    }
+    const auto storage = open(who == merged_by::a_close ? name : copy);
+    for (const object_number lost : {in_it, in_it + 2})
+      EXPECT_THAT([&] { load_text(*storage, lost); },
+                  fails_with(error_code::corrupt_data, HasSubstr(std::to_string(lost))));
+    EXPECT_EQ(load_text(*storage, in_it + 1), std::nullopt);
+    EXPECT_EQ(load_text(*storage, in_it + 3), std::string(3000, 'y'));
+    EXPECT_EQ(load_text(*storage, in_it + 4), "new");
+    EXPECT_EQ(load_text(*storage, elsewhere), "whole");
+    EXPECT_EQ(load_text(*storage, elsewhere + 1), "new");
+    commit_text(*storage, in_it + 4, "newer");
+    EXPECT_EQ(load_text(*storage, in_it + 4), "newer");
+    EXPECT_THAT(faults_of(*storage), Contains(HasSubstr(std::to_string(in_it) + "-")));
+    // Written anew or removed, it is no longer damaged.
+    storage->commit(change_list(1).put(in_it, "again").remove(in_it + 2).request());
+    EXPECT_EQ(load_text(*storage, in_it), "again");
+    EXPECT_EQ(load_text(*storage, in_it + 2), std::nullopt);
+  }
 }
 
 TEST_F(DamageTest, ALostRowIsDamageAndNotAnAbsentObject) {

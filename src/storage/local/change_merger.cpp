@@ -51,11 +51,19 @@ segment_changes change_merger::merge(std::vector<const object_change*> changes,
   return std::move(result_);
 }
 
+change_merger::old_segment change_merger::look_at(segment_number number, bool needs_content) try {
+  if (!needs_content) return {newest_.has(number, as_of_), false, nullptr};
+  auto content = newest_.find(number, as_of_);
+  return {content != nullptr, false, std::move(content)};
+} catch (const error_info& error) {
+  if (mode_ != mode::takes_damage || error.code() != error_code::corrupt_data) throw;
+  return {true, true, nullptr};
+}
+
 void change_merger::merge_segment(segment_number number, change_list changes) {
   const bool removes = std::ranges::any_of(changes, &object_change::removed);
-  const bool needs_old = keeps_old_ || removes;  // whether anything is left
-  auto old = needs_old ? newest_.find(number, as_of_) : nullptr;
-  const bool existed = needs_old ? old != nullptr : newest_.has(number, as_of_);
+  auto [existed, is_damaged, old] =
+      look_at(number, mode_ == mode::keeps_old || removes);  // removed: whether anything is left
   segment_builder changed(number, nullptr);
   std::uint64_t removed = 0;
   for (std::size_t i = 0; i < changes.size(); ++i) {
@@ -65,7 +73,8 @@ void change_merger::merge_segment(segment_number number, change_list changes) {
     put(changed, *changes[i]);
     if (changes[i]->removed) removed |= std::uint64_t{1} << slot_of(changes[i]->number);
   }
-  const bool is_left = !changed.is_empty() || (old && (old->present() & ~removed) != 0);
+  const bool is_left =
+      is_damaged || !changed.is_empty() || (old && (old->present() & ~removed) != 0);
   if (!is_left && !existed) return;
   const bool is_whole = !is_left || !existed;
   auto patch = std::make_shared<const segment_patch>(number, result_.version, is_whole,

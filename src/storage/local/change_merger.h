@@ -19,10 +19,14 @@ namespace goods {
 // writer's turn.
 class change_merger {
  public:
-  // `newest`: the states that the changes replace. `as_of`: the newest version. `keeps_old`:
-  // whether the segments as they were before are wanted.
-  change_merger(newest_states& newest, commit_version as_of, bool keeps_old = false)
-      : newest_(newest), as_of_(as_of), keeps_old_(keeps_old) {}
+  enum class mode : std::uint8_t {
+    usual,
+    keeps_old,     // the segments as they were before are wanted
+    takes_damage,  // the changes are committed already: damaged segments are there, that is all
+  };
+  // `newest`: the states that the changes replace. `as_of`: the newest version.
+  change_merger(newest_states& newest, commit_version as_of, mode how = mode::usual)
+      : newest_(newest), as_of_(as_of), mode_(how) {}
 
   // `changes` in commit order; the last one of an object wins. `version`: of the group's last
   // commit.
@@ -31,12 +35,19 @@ class change_merger {
  private:
   using change_list = std::span<const object_change* const>;
 
+  struct old_segment {
+    bool existed = false;
+    bool is_damaged = false;
+    std::shared_ptr<const segment> content;  // where it is needed
+  };
+
+  old_segment look_at(segment_number number, bool needs_content);
   void merge_segment(segment_number number, change_list changes);
   void change_apart(const segment* old, const object_change& change);
 
   newest_states& newest_;
   const commit_version as_of_;
-  const bool keeps_old_;
+  const mode mode_;
   segment_changes result_;
 };
 

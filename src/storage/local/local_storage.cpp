@@ -147,7 +147,8 @@ std::shared_ptr<local_storage::hidden_commit> local_storage::commit_to_database(
   std::vector<const object_change*> changes;
   for (const object_change& change : request.changes) changes.push_back(&change);
   newest_states newest(parts_->newest);
-  change_merger merger(newest, newest_version(), hides);
+  change_merger merger(newest, newest_version(),
+                       hides ? change_merger::mode::keeps_old : change_merger::mode::usual);
   commit->changes = merger.merge(std::move(changes), newest_version() + 1);
   segment_store::transaction transaction(parts_->store);
   segment_writer writer(transaction, parts_->stored_presence);

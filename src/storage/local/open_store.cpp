@@ -104,7 +104,7 @@ void open_store::replay(std::span<const object_change> changes, commit_version t
     all.push_back(&change);
   }
   newest_states current(newest);
-  change_merger replaying(current, versions.visible);
+  change_merger replaying(current, versions.visible, change_merger::mode::takes_damage);
   const segment_changes replayed = replaying.merge(std::move(all), through);
   for (const auto& change : replayed.changed) {
     if (change.exists) presence.reserve(change.number);

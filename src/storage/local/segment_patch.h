@@ -35,6 +35,7 @@ class segment_patch {
 
   segment_number number() const { return number_; }
   commit_version version() const { return version_; }  // of the newest commit in it
+  std::uint64_t removed() const { return removed_; }   // slots, of what was there before
   bool is_whole() const { return is_whole_; }
   segment_view objects() const { return {number_, version_, objects_.view()}; }
   // Whether the segment has no object any more. Only for whole ones.

@@ -13,6 +13,15 @@ bool is_apart_in(const segment_patch* patch, object_number number) {
   return objects.has(slot_of(number)) && objects.is_apart(slot_of(number));
 }
 
+// What stands in for a segment that cannot be read: objects that may be there and of which nothing
+// is left. Each has its body apart, where there is none, so that who asks for it is told.
+std::shared_ptr<const segment> lost_segment(const segment_patch& patch) {
+  segment_builder builder(patch.number(), nullptr);
+  for (unsigned slot = 0; slot < segment_slots; ++slot)
+    if ((patch.removed() >> slot & 1) == 0) builder.put_apart(slot, 1, 1);
+  return builder.build(patch.version());
+}
+
 }  // namespace
 
 void segment_writer::write(const commit_overlay::table& changes) {
@@ -55,14 +64,28 @@ void segment_writer::write_patch(const segment_patch& patch) {
       remove_segment(number);
     return;
   }
-  const auto below = into_.reader().read_segment(number);
-  if (!below) throw_damaged_segment(into_.store_name(), number, "their row is missing");
+  const auto below = read_below(patch);
   const auto now = patched(patch, below.get());
   for (std::uint64_t rest = below->apart() & ~now->apart(); rest != 0; rest &= rest - 1) {
     const object_number object = now->object(static_cast<unsigned>(std::countr_zero(rest)));
     into_.remove_apart(object, object);
   }
   write_segment(*now);
+}
+
+// The patch is committed and must not be lost, nor keep the log from being used again, because its
+// neighbours have been damaged since.
+std::shared_ptr<const segment> segment_writer::read_below(const segment_patch& patch) {
+  std::shared_ptr<const segment> below;
+  try {
+    below = into_.reader().read_segment(patch.number());
+  } catch (const error_info& error) {
+    if (error.code() != error_code::corrupt_data) throw;
+  }
+  if (below) return below;
+  into_.remove_apart(patch.number() * segment_slots,
+                     patch.number() * segment_slots + (segment_slots - 1));
+  return lost_segment(patch);
 }
 
 void segment_writer::write_segment(const segment_view& now) {

@@ -12,7 +12,8 @@
 namespace goods {
 
 // Writes within one transaction, segments in ascending order, which appends where they are new.
-// What patches leave alone is read there.
+// What patches leave alone is read there; where that is damaged, it is lost, and the objects that
+// were there are damaged from then on.
 // Threads: the holder of the database's turn.
 class segment_writer {
  public:
@@ -28,6 +29,7 @@ class segment_writer {
 
  private:
   void write_patch(const segment_patch& patch);
+  std::shared_ptr<const segment> read_below(const segment_patch& patch);
   void write_segment(const segment_view& now);
   void remove_segment(segment_number number);
   void write_apart(object_number number, const byte_block* body, commit_version version);
