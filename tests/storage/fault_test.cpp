@@ -118,6 +118,24 @@ TEST_P(FaultTest, ACommitIsKeptOrRefusedAndTheStoreGoesOn) {
 }
 
 // So much that the smallest log is merged and used again several times.
+TEST_P(FaultTest, NothingIsKeptOfACommitThatFails) {
+  at_every_point([this](const std::string& directory) {
+    std::shared_ptr<dbs_storage> storage;
+    auto attachment = std::make_shared<int>(1);
+    const int origin = 0;
+    std::unique_ptr<notice_subscription> subscription;
+    try {
+      storage = open_in(directory, "a");
+      subscription = storage->subscribe(&origin);
+      storage->commit(
+          change_list(some_layout(*storage)).put(first, "text").request(&origin, attachment));
+      EXPECT_EQ(attachment.use_count(), 2) << "the subscription's";
+    } catch (const database_error&) {
+      EXPECT_EQ(attachment.use_count(), 1);
+    }
+  });
+}
+
 TEST_P(FaultTest, AFullLogIsMergedOrKeptAndTheStoreGoesOn) {
   at_every_point([this](const std::string& directory) {
     std::shared_ptr<dbs_storage> storage;

@@ -131,8 +131,13 @@ void local_storage::write_together(commit_queue::commit_group group) {
   change_merger merger(newest, newest_version());
   const segment_changes changed = merger.merge(std::move(changes), version);
   auto unmerged = parts_->overlay.prepare(changed);
-  prepare_to_show(changed, commits);
-  parts_->log.append(requests, commits.front().version, !parts_->relaxed);
+  try {
+    prepare_to_show(changed, commits);
+    parts_->log.append(requests, commits.front().version, !parts_->relaxed);
+  } catch (...) {
+    parts_->notices.forget_prepared();
+    throw;
+  }
   for (std::size_t i = 0; i < group.size(); ++i) group[i]->version = commits[i].version;
   show(changed, commits.size(), &unmerged);
 }

@@ -99,6 +99,7 @@ class notice_board::subscription : public notice_subscription {
 
   // Under the board's lock.
   void prepare(notice_queue next) { prepared_ = std::move(next); }
+  notice_queue take_prepared() noexcept { return std::exchange(prepared_, {}); }
   void queue_prepared() noexcept {
     guarded_scope scope(lock_);
     newest_.store(prepared_.back()->version, std::memory_order_release);
@@ -154,6 +155,16 @@ void notice_board::prepare(std::span<const committed> commits) {
   shared_->plain.swap(plain);
   shared_->complete.swap(complete);
   for (subscription* s : shared_->subscriptions) s->prepare(shared_->prepared_for(s->origin()));
+}
+
+void notice_board::forget_prepared() noexcept {
+  // Attachments go after the mutex.
+  notice_list plain, complete;
+  notice_queue queued;
+  guarded_scope scope(shared_->lock);
+  plain.swap(shared_->plain);
+  complete.swap(shared_->complete);
+  for (subscription* s : shared_->subscriptions) queued.splice(queued.end(), s->take_prepared());
 }
 
 void notice_board::publish() noexcept {

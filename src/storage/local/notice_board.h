@@ -35,6 +35,8 @@ class notice_board {
   // Makes the notices of commits, oldest first, before they become durable. Those that were
   // prepared before and not published are dropped.
   void prepare(std::span<const committed> commits);
+  // Those commits have failed: nothing is kept of them.
+  void forget_prepared() noexcept;
   // Queues what was prepared.
   void publish() noexcept;
 
