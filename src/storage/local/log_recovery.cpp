@@ -20,15 +20,16 @@ log_recovery::log_recovery(const std::string& directory, const std::string& stor
                            const storage_identity& identity, commit_version merged)
     : store_(store), identity_(identity), merged_(merged), newest_(merged) {
   for (const std::string& path : commit_log::paths(directory)) {
-    files_.push_back({path, {}, {}});
-    read(files_.back());
+    files_.push_back({log_reader(path, identity), 0, 0, {}});
+    found_ = found_ || files_.back().file.is_there();
+    find_records(files_.back());
   }
   const auto begins = [](const log_content& file) {
     return file.records.empty() ? ~commit_version{0} : file.records.front().first;
   };
   std::ranges::sort(files_, {}, begins);
   for (log_content& file : files_) follow(file);
-  for (const log_content& file : files_) check_rest(file);
+  for (log_content& file : files_) check_rest(file);
 }
 
 void log_recovery::throw_damaged(const std::string& path, std::string_view what) const {
@@ -37,29 +38,25 @@ void log_recovery::throw_damaged(const std::string& path, std::string_view what)
       fmt::format("The storage \"{}\" is damaged in its log \"{}\": {}.", store_, path, what));
 }
 
-void log_recovery::read(log_content& file) {
-  const auto opened = storage_disk::instance().open(file.path);
-  if (!opened) return;
-  found_ = true;
-  const std::uint64_t size = opened->size();
-  if (size > longest_file) throw_damaged(file.path, fmt::format("it has {} bytes", size));
-  file.bytes.resize(size);
-  opened->read(0, file.bytes);
-  const std::span<std::byte> bytes(file.bytes);
-  for (std::size_t at = 0; at < size;) {
-    const auto record = read_log_record(bytes.subspan(at), identity_);
-    if (!record) break;
-    if (!file.records.empty()) {
-      const log_record& before = file.records.back();
-      if (record->mark != before.mark || record->first != before.last() + 1) break;
-    }
-    file.records.push_back(*record);
-    at += std::min(log_record_size(*record), size - at);
+void log_recovery::find_records(log_content& file) const {
+  log_reader& from = file.file;
+  if (!from.is_there()) return;
+  if (from.size() > longest_file)
+    throw_damaged(from.path(), fmt::format("it has {} bytes", from.size()));
+  while (const auto header = from.header_at(file.end)) {
+    const log_record& record = header->record;
+    if (!file.records.empty() &&
+        (record.mark != file.mark || record.first != file.records.back().last() + 1))
+      break;
+    if (!from.is_whole(file.end, *header)) break;
+    file.mark = record.mark;
+    file.records.push_back({file.end, record.first, record.commits, header->length});
+    file.end += log_record_size(*header);
   }
 }
 
 void log_recovery::follow(log_content& file) {
-  for (log_record& record : file.records) {
+  for (const found_record& record : file.records) {
     if (record.last() <= newest_) continue;
     if (record.first != newest_ + 1) return;
     next_.push_back({&file, &record});
@@ -69,43 +66,44 @@ void log_recovery::follow(log_content& file) {
 
 commit_version log_recovery::take(std::size_t bytes, std::vector<object_change>& changes) {
   changes.clear();
+  contents_.clear();
   commit_version through = 0;
   for (std::size_t size = 0; size < bytes && taken_ < next_.size(); ++taken_) {
-    const auto& [file, record] = next_[taken_];
+    const auto& [file, found] = next_[taken_];
+    log_reader& from = file->file;
     try {
-      read_changes(*record, changes);
+      const auto header = from.header_at(found->at);
+      if (!header) throw damaged_bytes("it has changed while it was read");
+      log_record record = from.read(found->at, *header, contents_.emplace_back());
+      read_changes(record, changes);
     } catch (const damaged_bytes& damage) {
-      throw_damaged(file->path, damage.what());
+      throw_damaged(from.path(), damage.what());
     }
-    size += record->content.size();
-    through = record->last();
+    size += found->length;
+    through = found->last();
   }
   return through;
 }
 
 // Looks for witnesses that more has been here: the headers of the records that were found, and
 // whatever headers stand behind them.
-void log_recovery::check_rest(const log_content& file) const {
-  const std::span<const std::byte> bytes(file.bytes);
-  std::size_t at = 0;
-  const auto look = [&] {
-    if (const auto header = read_log_header(bytes.subspan(at), identity_))
-      check_witness(*header, file);
+void log_recovery::check_rest(log_content& file) const {
+  log_reader& from = file.file;
+  const auto look = [&](std::uint64_t at) {
+    if (const auto header = from.header_at(at)) check_witness(*header, file);
   };
-  for (const log_record& record : file.records) {
-    look();
-    at += log_record_size(record);
-  }
-  for (; at + log_header_size <= bytes.size(); at += log_alignment) look();
+  for (const found_record& record : file.records) look(record.at);
+  for (std::uint64_t at = file.end; at < from.size(); at += log_alignment) look(at);
 }
 
 void log_recovery::check_witness(const log_header& header, const log_content& file) const {
   if (header.record.durable > newest_)
-    throw_damaged(file.path, fmt::format("commit {} is missing, although commit {} came later",
-                                         newest_ + 1, header.record.first));
-  if (header.record.last() > merged_ && header.record.synced > file.bytes.size())
-    throw_damaged(file.path, fmt::format("it has {} bytes instead of {} at least",
-                                         file.bytes.size(), header.record.synced));
+    throw_damaged(file.file.path(),
+                  fmt::format("commit {} is missing, although commit {} came later", newest_ + 1,
+                              header.record.first));
+  if (header.record.last() > merged_ && header.record.synced > file.file.size())
+    throw_damaged(file.file.path(), fmt::format("it has {} bytes instead of {} at least",
+                                                file.file.size(), header.record.synced));
 }
 
 }  // namespace goods

@@ -1,12 +1,14 @@
 // What the commit log of a store that was not closed still has to tell.
 #pragma once
 
+#include <cstdint>
 #include <string>
+#include <string_view>
 #include <vector>
 
 #include <goods/dbs_storage.h>
 
-#include "storage/local/log_record.h"
+#include "storage/local/log_reader.h"
 
 namespace goods {
 
@@ -18,6 +20,8 @@ namespace goods {
 // one that was cut short. Headers bear witness wherever they are, also those of records that are
 // cut short or have been overwritten in part; what applications store is never taken for one
 // (log_record.h).
+//
+// Memory: what take() hands over, and 32 bytes for each record.
 class log_recovery {
  public:
   // `merged`: the newest version that the database has. Throws corrupt_data naming the file.
@@ -29,20 +33,27 @@ class log_recovery {
   // The newest version of all.
   commit_version newest() const { return newest_; }
   // Replaces `changes` by those of the next commits after `merged`, in order, as many as take about
-  // so many bytes of the log; bodies are kept here. Returns the version of the last one, 0 when
-  // there are no more. Throws as above.
+  // so many bytes of the log; bodies are kept here until the next call. Returns the version of the
+  // last one, 0 when there are no more. Throws as above.
   commit_version take(std::size_t bytes, std::vector<object_change>& changes);
 
  private:
+  struct found_record {
+    std::uint64_t at;
+    commit_version first;
+    std::uint32_t commits, length;
+    commit_version last() const { return first + (commits - 1); }
+  };
   struct log_content {
-    std::string path;
-    std::vector<std::byte> bytes;
-    std::vector<log_record> records;  // from the beginning, one directly after the other
+    log_reader file;
+    std::uint64_t mark;
+    std::uint64_t end = 0;              // of the records
+    std::vector<found_record> records;  // from the beginning, one directly after the other
   };
 
-  void read(log_content& file);
+  void find_records(log_content& file) const;
   void follow(log_content& file);
-  void check_rest(const log_content& file) const;
+  void check_rest(log_content& file) const;
   void check_witness(const log_header& header, const log_content& file) const;
   [[noreturn]] void throw_damaged(const std::string& path, std::string_view what) const;
 
@@ -53,11 +64,12 @@ class log_recovery {
   commit_version newest_;
   std::vector<log_content> files_;
   struct next_record {
-    const log_content* file;
-    log_record* record;
+    log_content* file;
+    const found_record* record;
   };
-  std::vector<next_record> next_;  // after `merged`, in order
-  std::size_t taken_ = 0;          // of them
+  std::vector<next_record> next_;                 // after `merged`, in order
+  std::size_t taken_ = 0;                         // of them
+  std::vector<std::vector<std::byte>> contents_;  // of those taken last
 };
 
 }  // namespace goods
