@@ -16,6 +16,44 @@ namespace goods {
 
 namespace {
 
+ref_word back_word_to(object_handle& handle) {
+  return handle.is_transient() ? ref_word::of(&handle) : ref_word::of(handle.id());
+}
+
+// In the versions that may be changed of what an object holds: what refers back to one handle, to
+// that of the object until now, refers to another one.
+class back_reference_mover : public ref_visitor {
+ public:
+  back_reference_mover(object_handle& from, ref_word to)
+      : from_(back_word_to(from)), from_handle_(&from), to_(to) {}
+
+  void visit(ref_word& word, ref_kind kind) override {
+    if (is_inside_) {
+      const bool is_it = word == from_ || (word.is_handle() && word.handle() == from_handle_);
+      if (kind == ref_kind::back && is_it) word = to_;
+      return;
+    }
+    if (kind != ref_kind::counted || !word.is_handle()) return;
+    object_handle& held = *word.handle();
+    object* const body = held.is_transient() ? held.body() : transaction::copy_of(held);
+    if (body == nullptr) return;
+    is_inside_ = true;
+    body->cls().visit_references(*body, *this);
+    is_inside_ = false;
+  }
+
+ private:
+  const ref_word from_;
+  const object_handle* const from_handle_;
+  const ref_word to_;
+  bool is_inside_ = false;
+};
+
+void move_back_references(object& held_by, object_handle& from, ref_word to) {
+  back_reference_mover mover(from, to);
+  held_by.cls().visit_references(held_by, mover);
+}
+
 // A handle keeps the memory that it lies in: only a small body may stay in memory for that.
 constexpr std::size_t most_shared_bytes = 1024;
 
@@ -99,6 +137,7 @@ void object::cluster_with(const object_ref& other) {
 }
 
 void object::return_to(object_handle& handle) noexcept {
+  move_back_references(*this, *handle_, back_word_to(handle));
   handle_ = &handle;
   closed_ = false;
   handle.set_body(this);
@@ -119,6 +158,8 @@ void object::become(const object_ref& other) {
   if (place->is_transient()) {
     object* replaced = place->exchange_body(this);
     old_self->set_body(nullptr);
+    move_back_references(*replaced, *place, ref_word());
+    move_back_references(*this, *old_self, back_word_to(*place));
     handle_ = place;
     replaced->unpin();
     return;
@@ -126,6 +167,7 @@ void object::become(const object_ref& other) {
   cache_manager::require().atomically([&] {
     transaction::running().replace(*place, *this);
     old_self->set_body(nullptr);
+    move_back_references(*this, *old_self, back_word_to(*place));
     handle_ = place;
   });
 }

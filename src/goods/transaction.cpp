@@ -115,6 +115,13 @@ object* transaction::own_copy(object_handle& handle) const {
   return own == copies_.end() ? nullptr : own->second.body;
 }
 
+object* transaction::copy_of(object_handle& handle) noexcept {
+  cache_manager* const session = cache_manager::current();
+  thread_attachment* const thread = session != nullptr ? session->attachment() : nullptr;
+  transaction* const open = thread != nullptr ? thread->open() : nullptr;
+  return open != nullptr ? open->own_copy(handle) : nullptr;
+}
+
 const object* transaction::read(object_handle& handle) {
   const object* body = own_copy(handle);
   if (body != nullptr) {

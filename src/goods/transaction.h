@@ -109,6 +109,9 @@ class transaction {
   // handle that it has now.
   void replace(object_handle& handle, object& body);
 
+  // The private copy that the calling thread's transaction has; null when there is none.
+  static object* copy_of(object_handle& handle) noexcept;
+
   // Locks a number exclusively, whether there is an object behind it or not.
   void lock_number(storage_number storage, object_number number);
 

@@ -203,6 +203,41 @@ TEST(TransactionTest, AnObjectTakesThePlaceOfAnother) {
   EXPECT_EQ(old_next->value, 2);
 }
 
+// As the index of a node's children does, which the node's successor brings along.
+TEST(TransactionTest, WhatBelongsToAnObjectGoesWithItToAnothersPlace) {
+  const test_store store;
+  test_session session(store);
+  const ref<cell> stored = new_cell(1);
+  modify(session.root())->next = stored;
+  const auto make_heir = [](std::int64_t value) {
+    const ref<cell> heir = new_cell(value, new_cell(value + 1));
+    modify(ref<cell>(heir->next))->owner.set(heir);
+    return heir;
+  };
+  const ref<cell> heir = make_heir(10);
+  const ref<cell> belonging(heir->next);
+  session.session().begin_transaction();
+  modify(heir)->become(stored);
+  EXPECT_EQ(belonging->owner.get(), stored);
+  session.session().abort_transaction();
+  EXPECT_EQ(belonging->owner.get(), heir) << "rolled back";
+  modify(heir)->become(stored);
+  EXPECT_EQ(belonging->owner.get(), stored);
+  {
+    test_session other(store);
+    const ref<cell> seen(other.root()->next);
+    EXPECT_EQ(ref<cell>(seen->next)->owner.get(), seen) << "as it is stored";
+  }
+  session.db().attach();
+
+  // Both new: what belonged to the other one, and is held, belongs to nothing.
+  const ref<cell> one = make_heir(20), other = make_heir(30);
+  const ref<cell> of_one(one->next), of_other(other->next);
+  modify(one)->become(other);
+  EXPECT_EQ(of_one->owner.get(), other);
+  EXPECT_TRUE(of_other->owner.is_null());
+}
+
 TEST(TransactionTest, WhatTookThePlaceOfAnotherIsAsBeforeWhenThatIsRolledBack) {
   const test_store store;
   test_session session(store);
