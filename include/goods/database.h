@@ -145,7 +145,9 @@ class GOODS_API database {
   // all sessions go on working; returns when that is done, however many commits keep arriving.
   // Commits are held for moments at its end. A read that goes on for long delays it.
   // What threads hold, or take out of what they read meanwhile, stays; an identifier that was kept
-  // in another form than a reference holds nothing. A storage must not belong to several databases:
+  // in another form than a reference holds nothing, and may be another object's some time later:
+  // numbers are used again. Storing a reference to what is being removed throws object_deleted.
+  // A storage must not belong to several databases:
   // what only another one's storages refer to would go.
   // Returns 0, and does nothing, when a collection of one of the storages is running already,
   // whichever session it was started from. Interrupted at any point it has removed garbage only.

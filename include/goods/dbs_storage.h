@@ -38,6 +38,12 @@ inline constexpr std::size_t max_state_size = std::size_t{1} << 30;  // bytes of
 
 struct object_state;
 
+// `count` consecutive numbers from `first` on.
+struct number_range {
+  object_number first = 0;
+  std::uint32_t count = 0;
+};
+
 // Objects that a backend keeps together, as they were in the version that load() has named: who
 // holds on to the group of one object (with shared_from_this(), during the call that passes it)
 // need not load the others. Unchanging. Ownership: always a shared_ptr's. Threads: any.
@@ -87,6 +93,12 @@ struct commit_request {
   std::span<const object_change> changes;
   const void* origin = nullptr;
   std::shared_ptr<void> attachment;
+  // Other objects that must be there, and stay: what the changes refer to, or have read and write
+  // anew. Where one is missing or condemned when the commit's turn has come, it throws
+  // object_deleted naming that one.
+  std::span<const object_number> builds_on = {};
+  // All of them were there in this version, or in a later one; 0: that is not known.
+  commit_version seen_at = 0;
 };
 
 // A commit that takes part in several storages, unique in the world (random).
@@ -198,6 +210,13 @@ class commit_pause {
   virtual ~commit_pause() = default;
 };
 
+// Which objects are going to be removed. While it lives, no commit builds on them any more.
+// Threads: any one may destroy it.
+class condemnation {
+ public:
+  virtual ~condemnation() = default;
+};
+
 // What is wrong with what a storage keeps.
 struct storage_fault {
   // The objects that cannot be read because of it, as far as they exist; 0 when it is not about
@@ -274,15 +293,38 @@ class dbs_storage {
   // They are not durable: numbers that no commit uses are handed out again after reopening.
   virtual object_number allocate(std::uint32_t count) = 0;
 
+  // The same of numbers whose objects have been removed: whole groups of neighbours (64, from a
+  // multiple of that on) that follow each other, at most `most` numbers; none when there are none.
+  // Those that reclaim() has passed and, of what was removed before the storage was opened, all.
+  virtual number_range reuse(std::uint32_t most) = 0;
+
+  // Numbers that were handed out and will not be used: no commit has any, nor will have.
+  virtual void give_back(number_range unused) noexcept = 0;
+
+  // For each group of neighbours that has lost its last object: when is_unused(its first number),
+  // nobody can know any of its objects or has any of its numbers, and they may be used again. What
+  // it returns false for is asked about the next time.
+  virtual void reclaim(const std::function<bool(object_number first)>& is_unused) = 0;
+
   // Makes all changes durable and visible, or none. Commits that arrive together share one flush.
-  // Returns the commit's version; by then every subscription has its notice. Throws input_output or
-  // storage_full when nothing was committed, outcome_unknown when that cannot be told.
+  // Returns the commit's version; by then every subscription has its notice. Without changes
+  // nothing is committed, and it only verifies what it builds on. Throws object_deleted,
+  // input_output or storage_full when nothing was committed, outcome_unknown when that cannot be
+  // told.
   virtual commit_version commit(const commit_request& request) = 0;
+
+  // Returns when all that is visible is durable, under any durability option.
+  virtual void make_durable() = 0;
 
   // Returns when no commit is on its way; what has been committed is visible, its notices queued.
   // Begins in its turn, however many commits keep arriving. Who pauses several storages does so in
   // the order of their identities.
   virtual std::unique_ptr<commit_pause> pause_commits() = 0;
+
+  // From now on the objects for which it returns true are condemned. It is called by committing
+  // threads, which hold much meanwhile. One at a time.
+  virtual std::unique_ptr<condemnation> condemn(
+      std::function<bool(object_number number)> is_condemned, const commit_pause& during) = 0;
 
   // The number of a class layout, which becomes durable (at once, in a commit of its own) when this
   // storage has not seen it before. Equal bytes get equal numbers.

@@ -78,9 +78,12 @@ class GOODS_API object_handle {
   bool is_being_written() const { return being_written_.load(std::memory_order_acquire); }
   void set_being_written(bool on) { being_written_.store(on, std::memory_order_release); }
 
-  // A commit makes a transient object persistent, or takes that back when it fails.
+  // A commit makes a transient object persistent, or takes that back when it fails. Until the
+  // session takes the commit in, it is not known which.
   void become_persistent(database& owner, object_id id);
   void become_transient();
+  bool is_being_made() const { return being_made_.load(std::memory_order_acquire); }
+  void set_made() { being_made_.store(false, std::memory_order_release); }
 
   // Where attach_to_storage() wants a transient object to be placed; none by default.
   static constexpr storage_number no_storage = 0xFFFF;
@@ -98,6 +101,7 @@ class GOODS_API object_handle {
   std::atomic<bool> used_{false};
   std::atomic<bool> being_written_{false};
   std::atomic<bool> noted_{false};  // see take_noted()
+  std::atomic<bool> being_made_{false};
   storage_number wanted_storage_ = no_storage;
   std::uint16_t offset_ = 0;              // in memory shared with a body; 0: memory of its own
   std::atomic<std::uint8_t> sharers_{0};  // who has not gone yet

@@ -2,6 +2,7 @@
 // line names a place.
 #pragma once
 
+#include <goods/kept_numbers.h>
 #include <tarns/core/TarnObject.h>
 
 #include <array>
@@ -67,6 +68,7 @@ class NodePlaces {
 
   const TarnRef top_;
   const bool mayMove_;
+  const goods::kept_numbers kept_;
   std::unordered_map<std::uint64_t, std::unique_ptr<std::bitset<kChunk>>> stored_;
   std::unordered_set<const void*> transient_;
   std::unordered_map<std::uint64_t, Away> away_;

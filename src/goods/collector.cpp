@@ -27,16 +27,18 @@ constexpr int most_scans_in_pause = 4;
 }  // namespace
 
 bool collector::number_set::insert(object_number number) {
-  const std::size_t index = number - first_object_number;
-  if (index >= bits_.size()) bits_.resize(std::max(index + 1, bits_.size() * 2));
-  if (bits_[index]) return false;
-  bits_[index] = true;
+  if (number / chunk >= bits_.size()) bits_.resize(number / chunk + 1);
+  auto& bits = bits_[number / chunk];
+  if (bits == nullptr) bits = std::make_unique<std::bitset<chunk>>();
+  const auto bit = (*bits)[number % chunk];
+  if (bit) return false;
+  bits->set(number % chunk);
   return true;
 }
 
 bool collector::number_set::contains(object_number number) const {
-  const std::size_t index = number - first_object_number;
-  return index < bits_.size() && bits_[index];
+  const auto* const bits = number / chunk < bits_.size() ? bits_[number / chunk].get() : nullptr;
+  return bits != nullptr && (*bits)[number % chunk];
 }
 
 // Pushes what the loaded states refer to.
@@ -79,8 +81,10 @@ bool collector::run() {
     mark_roots();
     mark_pushed();
     settle();
+    if (!options_.dry_run) make_durable();
     reached_.is_removing = true;
     for (std::size_t s = 0; s < storages_.size(); ++s) sweep(static_cast<storage_number>(s));
+    if (!options_.dry_run) reclaim_numbers();
     if (options_.progress) options_.progress(reached_);  // there is nothing left to stop
   } catch (const stopped&) {
     return false;
@@ -164,9 +168,32 @@ bool collector::try_settle(std::chrono::milliseconds longest_wait, std::size_t m
   for (int scans = 0; scans < most_scans_in_pause; ++scans) {
     if (!mark_pushed(most_marked)) return false;
     scan_held();
-    if (pushed_.empty()) return true;
+    if (!pushed_.empty()) continue;
+    if (!options_.dry_run) condemn_unmarked(pauses);
+    return true;
   }
   return false;
+}
+
+// `pauses` are of the storages in their order.
+void collector::condemn_unmarked(std::span<const std::unique_ptr<commit_pause>> pauses) {
+  for (std::size_t i = 0; i < pauses.size(); ++i) {
+    dbs_storage& storage = *in_pausing_order_[i];
+    const storage_state& state = *std::ranges::find(storages_, &storage, &storage_state::storage);
+    condemned_.push_back(storage.condemn(
+        [&state](object_number number) {
+          return !state.marked.contains(number) &&
+                 std::ranges::binary_search(state.existing, number);
+        },
+        *pauses[i]));
+  }
+}
+
+// What a storage has cut off from its objects in another one must not come back after a loss of
+// power that the removal there survives. Within one storage the order of its commits sees to that.
+void collector::make_durable() {
+  if (in_pausing_order_.size() == 1) return;
+  for (dbs_storage* const storage : in_pausing_order_) storage->make_durable();
 }
 
 // What commits have changed is to be looked into again.
@@ -242,6 +269,24 @@ void collector::remove(storage_number storage, std::span<const object_number> nu
   }
   storages_[storage].storage->commit(
       {.changes = changes, .origin = nullptr, .attachment = nullptr});
+}
+
+// Of groups of neighbours of which nothing is left. What marked objects refer to is none of theirs,
+// unless the database is damaged, or what refers to it was found again by its identifier after a
+// collection that did not end.
+void collector::reclaim_numbers() {
+  for (storage_state& state : storages_) {
+    state.storage->reclaim([&](object_number first) {
+      for (object_number i = 0; i < neighbours::most; ++i) {
+        if (state.marked.contains(first + i)) return false;
+      }
+      bool is_used = false;
+      session_registry::get().for_each(contracts_, [&](object_cache& session) {
+        is_used |= session.uses_any(*state.storage, first);
+      });
+      return !is_used;
+    });
+  }
 }
 
 void collector::show(storage_number storage, std::span<const object_number> numbers) {

@@ -2,6 +2,7 @@
 
 #include <algorithm>
 
+#include <goods/cache_manager.h>
 #include <goods/class_descriptor.h>
 #include <goods/database.h>
 #include <goods/errors.h>
@@ -9,46 +10,55 @@
 #include <goods/object.h>
 #include <goods/object_handle.h>
 
+#include "goods/epoch.h"
 #include "goods/layout_catalog.h"
+#include "goods/object_cache.h"
 #include "goods/publication.h"
 
 namespace goods {
 
-namespace {
-
-// Puts the transient objects that a body keeps onto the walk's stack.
-template <class Stack>
-class transient_collector : public ref_visitor {
+// Puts the transient objects that a body keeps onto the walk's stack, and notes what else it has
+// been made to refer to: in a new object everything, in a private copy what is held by handles.
+class commit_builder::reference_visitor : public ref_visitor {
  public:
-  transient_collector(Stack& into, storage_number storage) : into_(into), storage_(storage) {}
+  reference_visitor(commit_builder& into, storage_number storage, bool is_new)
+      : into_(into), storage_(storage), is_new_(is_new) {}
+
   void visit(ref_word& word, ref_kind kind) override {
-    if (!word.is_handle() || !word.handle()->is_transient()) return;
-    if (kind == ref_kind::counted) {
-      __builtin_prefetch(word.handle()->body());  // walked soon
-      into_.push_back({word.handle(), storage_});
-    } else {
-      found_back_ = true;
+    if (word.is_handle()) {
+      const object_id id = word.handle()->id();
+      if (id != 0) return into_.build_on(id, word.handle());
+      if (kind == ref_kind::counted) {
+        __builtin_prefetch(word.handle()->body());  // walked soon
+        into_.open_.push_back({word.handle(), storage_});
+      } else {
+        found_back_ = true;
+      }
+    } else if (is_new_ && !word.is_null()) {
+      into_.build_on(word.id(), nullptr);
     }
   }
   bool found_back() const { return found_back_; }
 
  private:
-  Stack& into_;
+  commit_builder& into_;
   storage_number storage_;
+  bool is_new_;
   bool found_back_ = false;
 };
 
-}  // namespace
-
-commit_builder::share::share(obj_storage& belongs_to)
-    : storage(belongs_to), numbers(belongs_to.numbers()) {}
+commit_builder::share::share(obj_storage& belongs_to, commit_version taken_in)
+    : storage(belongs_to), numbers(belongs_to.numbers()), seen_at(taken_in) {}
 
 commit_builder::share& commit_builder::share_of(storage_number storage) {
   if (last_share_ == nullptr || last_storage_ != storage) {
     const auto known = shares_.find(storage);
     last_share_ = known != shares_.end()
                       ? &known->second
-                      : &shares_.try_emplace(storage, db_.storage(storage)).first->second;
+                      : &shares_
+                             .try_emplace(storage, db_.storage(storage),
+                                          db_.session().cache().taken_in(storage))
+                             .first->second;
     last_storage_ = storage;
   }
   return *last_share_;
@@ -57,17 +67,19 @@ commit_builder::share& commit_builder::share_of(storage_number storage) {
 void commit_builder::add_root(const object_ref& root, storage_number storage) {
   object_handle& handle = *root.handle();
   changes_.created.push_back(root);
+  share_of(storage).makes_root = true;
   handle.become_persistent(db_, make_object_id(storage, root_object_number));
 }
 
 void commit_builder::build() {
   // What is pushed last is walked first: the roots, then the copies in the order of their writing.
   for (auto c = changes_.copies.rbegin(); c != changes_.copies.rend(); ++c) {
-    push_referenced(*c->body, storage_of(c->keeps.id()));
+    build_on(c->keeps.id(), c->keeps.handle());
+    push_referenced(*c->body, storage_of(c->keeps.id()), false);
   }
   const std::vector<object_ref> roots = changes_.created;
   for (const object_ref& root : roots) {
-    packs_late_ |= push_referenced(*root.handle()->body(), storage_of(root.id()));
+    packs_late_ |= push_referenced(*root.handle()->body(), storage_of(root.id()), true);
   }
   packed_ = roots.size();  // they come last: they keep everything that is still open
   std::size_t to_begin_with = open_.size();
@@ -90,12 +102,28 @@ void commit_builder::build() {
 
 // The objects are put onto the stack so that the first one is walked first. Returns whether the
 // body refers back to an object that is not numbered yet, and will be by the end if at all.
-bool commit_builder::push_referenced(object& body, storage_number storage) {
+bool commit_builder::push_referenced(object& body, storage_number storage, bool is_new) {
   const auto before = static_cast<std::ptrdiff_t>(open_.size());
-  transient_collector collector(open_, storage);
-  body.cls().visit_references(body, collector);
+  reference_visitor visitor(*this, storage, is_new);
+  body.cls().visit_references(body, visitor);
   std::reverse(open_.begin() + before, open_.end());
-  return collector.found_back();
+  return visitor.found_back();
+}
+
+// `handle`: null when it is not known.
+void commit_builder::build_on(object_id id, const object_handle* handle) {
+  share& in = share_of(storage_of(id));
+  if (handle != nullptr && handle->is_being_made()) {
+    const bool is_root = in.makes_root && number_of(id) == root_object_number;
+    if (is_root || in.numbers.has_given(number_of(id))) return;  // by this commit
+    throw_error(error_code::deadlock,
+                "An object that is to be stored is being stored by another transaction.");
+  }
+  if (!in.builds_on.empty() && in.builds_on.back() == number_of(id)) return;
+  in.builds_on.push_back(number_of(id));
+  const reader_section section;
+  if (handle == nullptr) handle = db_.session().cache().find(id);
+  if (handle == nullptr || handle->body() == nullptr) in.seen_at = 0;
 }
 
 void commit_builder::make_persistent(object_handle& handle, storage_number storage) {
@@ -108,7 +136,7 @@ void commit_builder::make_persistent(object_handle& handle, storage_number stora
   const object_id id = make_object_id(storage, share_of(storage).numbers.next());
   changes_.created.emplace_back(&handle);
   handle.become_persistent(db_, id);
-  packs_late_ |= push_referenced(*body, storage);
+  packs_late_ |= push_referenced(*body, storage, true);
 }
 
 void commit_builder::pack_numbered() {
@@ -139,10 +167,28 @@ std::vector<commit_part> commit_builder::parts(const void* origin,
     }
     mine.storage.count_written(bytes.size());
     result.push_back({&mine.storage.dbs(),
-                      {.changes = mine.changes, .origin = origin, .attachment = attachment}});
+                      {.changes = mine.changes,
+                       .origin = origin,
+                       .attachment = attachment,
+                       .builds_on = mine.builds_on,
+                       .seen_at = mine.seen_at}});
     part_storages_.push_back(storage);
   }
   return result;
+}
+
+void commit_builder::check_other_storages() {
+  for (const auto& [storage, mine] : shares_) {
+    if (!mine.changes.empty() || mine.builds_on.empty()) continue;
+    commit_request nothing;
+    nothing.builds_on = mine.builds_on;
+    nothing.seen_at = mine.seen_at;
+    mine.storage.dbs().commit(nothing);
+  }
+}
+
+void commit_builder::withdraw_numbers() {
+  for (auto& [storage, mine] : shares_) mine.numbers.withdraw();
 }
 
 }  // namespace goods

@@ -24,6 +24,10 @@ class publication;
 // Finds the transient objects that a transaction's copies refer to, directly or through each other,
 // makes them persistent and packs everything.
 //
+// What is written anew, and what references lead to that have been set, must be there when the
+// commit's turn comes: the storages check it (commit_request::builds_on). References that a copy
+// has from the version before it are the collection's business.
+//
 // New objects get neighbouring numbers in the order of a depth-first walk: what is read together
 // ends up side by side. The walk keeps its own stack, so chains of any length are fine. Threads:
 // the committing one.
@@ -40,24 +44,36 @@ class commit_builder {
   // One part for each storage that anything changes in; they refer to this builder's memory.
   std::vector<commit_part> parts(const void* origin,
                                  const std::shared_ptr<publication>& attachment);
+  // Verifies what the commit builds on in storages that it changes nothing in. Throws
+  // object_deleted.
+  void check_other_storages();
+
+  // The commit has failed: the numbers of what it made may be used again.
+  void withdraw_numbers();
   storage_number storage_of_part(std::size_t index) const { return part_storages_[index]; }
 
  private:
   struct share {
-    explicit share(obj_storage& belongs_to);
+    share(obj_storage& belongs_to, commit_version taken_in);
     obj_storage& storage;
     number_run numbers;
+    bool makes_root = false;
     byte_writer bytes;
     std::vector<object_change> changes;
     std::vector<std::size_t> ends;  // where each change's state ends in `bytes`
+    std::vector<object_number> builds_on;
+    commit_version seen_at;  // 0 as soon as not all of these are known to be there
   };
   struct found_object {
     object_handle* handle;
     storage_number storage;  // of the object that refers to it
   };
 
+  class reference_visitor;
+
   share& share_of(storage_number storage);
-  bool push_referenced(object& body, storage_number storage);
+  bool push_referenced(object& body, storage_number storage, bool is_new);
+  void build_on(object_id id, const object_handle* handle);
   void make_persistent(object_handle& handle, storage_number storage);
   void pack(object& body, object_id id, bool is_new);
   void pack_numbered();

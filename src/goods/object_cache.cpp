@@ -15,6 +15,7 @@
 #include "goods/collection_claim.h"
 #include "goods/epoch.h"
 #include "goods/layout_catalog.h"
+#include "goods/number_pool.h"
 #include "goods/outlived_bodies.h"
 #include "goods/publication.h"
 #include "goods/session_registry.h"
@@ -271,6 +272,7 @@ void object_cache::invalidate(object_id id) {
 
 void object_cache::install(object_handle& created) {
   const std::lock_guard guard(table_.lock_of(created.id()));
+  created.set_made();
   // Somebody may have asked for the number before there was an object behind it.
   object_handle* guessed = table_.find_locked(created.id());
   if (guessed == &created) return;
@@ -343,6 +345,21 @@ void object_cache::for_each_held(
   outlived_bodies::get().for_each_reference(db_, [&](object_id id) {
     if (storage_of(id) < applied_.size()) visit(db_.storage(storage_of(id)).dbs(), number_of(id));
   });
+}
+
+bool object_cache::uses_any(const dbs_storage& storage, object_number first) const {
+  for (std::size_t s = 0; s < applied_.size(); ++s) {
+    const auto number = static_cast<storage_number>(s);
+    obj_storage& mine = db_.storage(number);
+    if (&mine.dbs() != &storage) continue;
+    if (mine.numbers().has(neighbours::group_of(first))) return true;
+    const reader_section section;
+    for (object_number i = 0; i < neighbours::most; ++i) {
+      const object_handle* const handle = table_.find(make_object_id(number, first + i));
+      if (handle != nullptr && handle->is_referenced()) return true;
+    }
+  }
+  return false;
 }
 
 void object_cache::shrink() {

@@ -56,6 +56,12 @@ class object_cache {
   // See cache_manager::load().
   void load(std::span<const object_ref> objects);
 
+  // A version that the session has taken in. What has a body afterwards was there then, or later.
+  commit_version taken_in(storage_number storage) const {
+    (void)stable_publish_count();
+    return applied_[storage].load();
+  }
+
   // Hands states to `into` that nobody but the caller's read round will see (see guest_list). They
   // are as of the version that the session has applied; where that changes, the round is repeated.
   void load_for_guests(storage_number storage, std::span<const object_number> numbers,
@@ -115,6 +121,10 @@ class object_cache {
   // accesses still read though they have been replaced.
   void for_each_held(
       const std::function<void(const dbs_storage& storage, object_number number)>& visit) const;
+
+  // Whether the session has a reference to one of the 64 neighbours from `first` on, there or not,
+  // or numbers of them to give to new objects.
+  bool uses_any(const dbs_storage& storage, object_number first) const;
 
   // Drops unused objects until the cache is below its limit, as far as there are any.
   void shrink();

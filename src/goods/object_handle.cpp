@@ -140,6 +140,7 @@ bool object_handle::try_retire() {
 }
 
 void object_handle::become_persistent(database& owner, object_id id) {
+  being_made_.store(true, std::memory_order_relaxed);
   database_.store(&owner, std::memory_order_release);
   id_.store(id, std::memory_order_release);
 }
@@ -147,6 +148,7 @@ void object_handle::become_persistent(database& owner, object_id id) {
 void object_handle::become_transient() {
   id_.store(0, std::memory_order_release);
   database_.store(nullptr, std::memory_order_release);
+  being_made_.store(false, std::memory_order_release);
 }
 
 }  // namespace goods

@@ -314,10 +314,12 @@ void transaction::commit_copies() {
   try {
     for (const auto& [root, storage] : roots_) builder.add_root(root, storage);
     builder.build();
+    builder.check_other_storages();
     versions = commit_several(builder.parts(&session_, changes_));
     is_committed_ = true;
   } catch (...) {
     changes_->withdraw_created();
+    builder.withdraw_numbers();
     throw;
   }
   try {

@@ -156,10 +156,13 @@ void settle(dbs_storage& storage, const prepared_commit& part,
 }  // namespace
 
 std::vector<commit_version> commit_several(std::span<const commit_part> parts) {
-  if (parts.empty()) return {};
-  if (parts.size() == 1) return {parts[0].storage->commit(parts[0].request)};
   std::vector<commit_version> versions;
-  versions.reserve(parts.size());
+  versions.reserve(parts.size());  // before anything is durable
+  if (parts.empty()) return versions;
+  if (parts.size() == 1) {
+    versions.push_back(parts[0].storage->commit(parts[0].request));
+    return versions;
+  }
   several commit(parts);
   commit.run();
   for (const commit_part& part : parts) versions.push_back(commit.version_of(part.storage));

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <goods/kept_numbers.h>
 #include <tarns/core/TarnObject.h>
 
 #include <cstdint>
@@ -23,6 +24,7 @@ class SharedNodes {
 
  private:
   TarnRef top_;                                // of the branch
+  goods::kept_numbers kept_;
   std::unordered_set<std::uint64_t> entered_;  // identifiers of nodes that have no place in it
 };
 

@@ -1,6 +1,8 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+#include <malloc.h>
 
+#include <algorithm>
 #include <atomic>
 #include <chrono>
 #include <future>
@@ -10,10 +12,12 @@
 #include <thread>
 #include <vector>
 
+#include <goods/byte_writer.h>
 #include <goods/errors.h>
 #include <goods/obj_storage.h>
 
 #include "goods/epoch.h"
+#include "goods/layout_catalog.h"
 #include "support/cell.h"
 #include "support/test_database.h"
 
@@ -285,6 +289,43 @@ TEST(CollectorTest, EndsWhileThreadsCommitWithoutAPause) {
   EXPECT_EQ(collection.get(), 1u);
   EXPECT_EQ(session.db().get_num_collected_objects(), 200u);
   EXPECT_EQ(chain_length(root), 50007);
+}
+
+// Only a damaged object refers to a number far above all that there are; it must not cost more than
+// others.
+TEST(CollectorTest, AWildNumberTakesNoMemory) {
+  const test_store store;
+  test_session session(store);
+  const ref<cell> root = session.root();
+  modify(root)->next = new_cell(1);
+  const object_id id = root->next.id();
+  object_ref nowhere;
+  session.db().get_object(nowhere, ~object_number{0}, 0);
+  const ref<cell> wild = new_cell(2);
+  modify(wild)->owner.set(ref<cell>::trusted(nowhere));
+  byte_writer state;
+  {
+    const read_access<cell> body = *wild;
+    cell::self_class.pack(*body.operator->(), state, id);
+  }
+  obj_storage& storage = session.db().storage(0);
+  const object_change damaged{.number = number_of(id),
+                              .layout = storage.catalog().number_for(cell::self_class),
+                              .body = state.bytes()};
+  storage.dbs().commit({.changes = {&damaged, 1}});
+  const auto memory = [] {
+    const auto used = ::mallinfo2();
+    return used.uordblks + used.hblkhd;
+  };
+  const std::size_t before = memory();
+  std::size_t most = 0;
+  gc_options options;
+  options.progress = [&](const gc_progress&) {
+    most = std::max(most, memory());
+    return true;
+  };
+  EXPECT_EQ(session.db().start_gc(options), 1u);
+  EXPECT_LT(most, before + (std::size_t{8} << 20));
 }
 
 // Also when they are started from different sessions. A read keeps the first one from ending.

@@ -13,8 +13,10 @@
 namespace goods {
 namespace {
 
+using testing::AllOf;
 using testing::ElementsAre;
 using testing::Eq;
+using testing::Field;
 using testing::HasSubstr;
 using testing::Optional;
 using testing::Pair;
@@ -200,6 +202,86 @@ TEST_P(ContractTest, NeverHandsOutANumberThatWasUsed) {
   EXPECT_GT(storage_->allocate(1), number);
   EXPECT_THAT([&] { storage_->allocate(~0U); },
               fails_with(error_code::storage_full, HasSubstr(storage_->name())));
+}
+
+TEST_P(ContractTest, UsesNumbersAgainWhenNobodyCanKnowThem) {
+  constexpr object_number group = neighbours::most, begin = 0x10000 + 2 * group;
+  storage_->allocate(10 * group);
+  const class_number layout = some_layout(*storage_);
+  const auto fill = [&](object_number groups, bool removes) {
+    change_list changes(layout);
+    for (object_number i = 0; i < groups * group; i += 16)
+      removes ? changes.remove(begin + i) : changes.put(begin + i, std::to_string(i));
+    storage_->commit(changes.request());
+  };
+  fill(6, false);
+  fill(3, true);
+  EXPECT_EQ(storage_->reuse(1000).count, 0U) << "somebody may know them";
+  std::vector<object_number> asked;
+  storage_->reclaim([&](object_number first) {
+    asked.push_back(first);
+    return first != begin + group;
+  });
+  EXPECT_THAT(asked, ElementsAre(begin, begin + group, begin + 2 * group));
+  EXPECT_EQ(storage_->reuse(group - 1).count, 0U) << "whole groups only";
+  const auto is_range = [](object_number first, std::uint32_t count) {
+    return AllOf(Field(&number_range::first, first), Field(&number_range::count, count));
+  };
+  EXPECT_THAT(storage_->reuse(1000), is_range(begin, group));
+  storage_->give_back({begin, group});
+  EXPECT_THAT(storage_->reuse(1000), is_range(begin, group));
+  commit_text(*storage_, begin + 2 * group, "used by somebody who was not given it");
+  EXPECT_EQ(storage_->reuse(1000).count, 0U);
+  commit_text(*storage_, begin + 1, "again");
+  EXPECT_EQ(load_text(*storage_, begin), std::nullopt);
+  EXPECT_EQ(load_text(*storage_, begin + 1), "again");
+
+  // Opened again, nobody knows anything that is not there; the root's group stays the root's.
+  reopen();
+  EXPECT_EQ(load_text(*storage_, begin + 1), "again");
+  EXPECT_THAT(storage_->reuse(64 * group), is_range(begin - group, group));
+  EXPECT_THAT(storage_->reuse(64 * group), is_range(begin + group, group));
+  EXPECT_EQ(storage_->reuse(64 * group).count, 0U);
+  EXPECT_GE(storage_->allocate(1), begin + 5 * group);
+}
+
+TEST_P(ContractTest, RefusesWhatBuildsOnMissingOrCondemnedObjects) {
+  const object_number first = storage_->allocate(5);
+  const class_number layout = some_layout(*storage_);
+  storage_->commit(change_list(layout).put(first, "a").put(first + 1, "b").request());
+  const commit_version seen = storage_->newest_version();
+  const auto commit_on = [&](object_number number, commit_version seen_at, bool changes_some) {
+    change_list changes(layout);
+    if (changes_some) changes.put(first + 2, "c");
+    commit_request request = changes.request();
+    request.builds_on = {&number, 1};
+    request.seen_at = seen_at;
+    storage_->commit(request);
+  };
+  const auto is_refused = [](object_number number) {
+    return fails_with(error_code::object_deleted, HasSubstr(std::to_string(number)));
+  };
+  const commit_version before = storage_->newest_version();
+  for (const bool changes_some : {false, true}) {
+    commit_on(first, 0, changes_some);
+    commit_on(first, seen, changes_some);
+    EXPECT_THAT([&] { commit_on(first + 3, 0, changes_some); }, is_refused(first + 3));
+  }
+  EXPECT_EQ(storage_->newest_version(), before + 2) << "without changes nothing is committed";
+  {
+    auto pause = storage_->pause_commits();
+    const auto condemned =
+        storage_->condemn([&](object_number number) { return number == first + 1; }, *pause);
+    pause.reset();
+    commit_on(first, seen, true);
+    EXPECT_THAT([&] { commit_on(first + 1, seen, true); }, is_refused(first + 1));
+    EXPECT_THAT([&] { commit_on(first + 1, 0, true); }, is_refused(first + 1));
+  }
+  commit_on(first + 1, 0, true);
+  storage_->commit(change_list(layout).remove(first).request());
+  EXPECT_THAT([&] { commit_on(first, seen, true); }, is_refused(first)) << "it was seen before";
+  commit_on(first + 1, seen, true);
+  EXPECT_EQ(load_text(*storage_, first + 2), "c");
 }
 
 TEST_P(ContractTest, NumbersLayoutsByTheirBytes) {

@@ -21,10 +21,21 @@ class forwarding_storage : public goods::dbs_storage {
     return to_->load(numbers, at_least, into);
   }
   goods::object_number allocate(std::uint32_t count) override { return to_->allocate(count); }
+  goods::number_range reuse(std::uint32_t most) override { return to_->reuse(most); }
+  void give_back(goods::number_range unused) noexcept override { to_->give_back(unused); }
+  void reclaim(const std::function<bool(goods::object_number first)>& is_unused) override {
+    to_->reclaim(is_unused);
+  }
   goods::commit_version commit(const goods::commit_request& request) override {
     return to_->commit(request);
   }
+  void make_durable() override { to_->make_durable(); }
   std::unique_ptr<goods::commit_pause> pause_commits() override { return to_->pause_commits(); }
+  std::unique_ptr<goods::condemnation> condemn(
+      std::function<bool(goods::object_number number)> is_condemned,
+      const goods::commit_pause& during) override {
+    return to_->condemn(std::move(is_condemned), during);
+  }
   goods::class_number intern_layout(std::span<const std::byte> layout) override {
     return to_->intern_layout(layout);
   }

@@ -23,6 +23,19 @@ struct local_storage::hidden_commit {
   segment_changes changes;
 };
 
+namespace {
+
+// Ascending.
+std::vector<object_number> removed_by(std::span<const object_change* const> changes) {
+  std::vector<object_number> removed;
+  for (const object_change* change : changes)
+    if (change->removed) removed.push_back(change->number);
+  std::ranges::sort(removed);
+  return removed;
+}
+
+}  // namespace
+
 local_storage::local_storage(const storage_address& address)
     : name_(address.directory),
       generation_(storage_process::instance().generation()),
@@ -30,6 +43,20 @@ local_storage::local_storage(const storage_address& address)
           address, name_, *this, [this](commit_queue::commit_group group) { write_group(group); })),
       loader_(parts_->newest, parts_->versions) {
   next_object_ = std::max(parts_->store.state().next_object, parts_->prepared.next_object());
+  find_free_numbers();
+}
+
+// Before anybody can know an object of this store, or have numbers of it.
+void local_storage::find_free_numbers() {
+  const std::vector<object_number> prepared = parts_->prepared.numbers();  // ascending
+  const auto is_taken = [&](segment_number number) {
+    const auto found = std::ranges::lower_bound(prepared, number * segment_slots);
+    return found != prepared.end() && segment_of(*found) == number;
+  };
+  // The root's segment is nobody's.
+  const segment_number first = segment_of(root_object_number) + 1;
+  const auto end = static_cast<segment_number>(next_object_ / segment_slots);
+  if (first < end) free_.load(parts_->presence, first, end, is_taken);
 }
 
 local_storage::~local_storage() {
@@ -87,9 +114,39 @@ void local_storage::check_usable() const {
       name_);
 }
 
+// Throws unless what the commit builds on is there. In its turn. `removed`: by others of its group,
+// ascending.
+void local_storage::check_foundations(const commit_request& request,
+                                      std::span<const object_number> removed,
+                                      newest_states& newest) const {
+  const bool is_certain = request.seen_at != 0 && request.seen_at >= removed_at_;
+  if (is_certain && !is_condemned_) return;
+  const commit_version as_of = newest_version();
+  std::shared_ptr<const segment> last;
+  for (const object_number number : request.builds_on) {
+    const segment_number wanted = segment_of(number);
+    if (!is_certain && (!last || last->number() != wanted)) last = newest.find(wanted, as_of);
+    const bool is_there = is_certain || (last && last->has(slot_of(number)) &&
+                                         !std::ranges::binary_search(removed, number));
+    const bool stays = is_there && !(is_condemned_ && is_condemned_(number));
+    if (stays) continue;
+    throw_error(error_code::object_deleted,
+                fmt::format("A commit to the storage \"{}\" builds on object {}, which {}.", name_,
+                            number, is_there ? "is being removed" : "is not there any more"));
+  }
+}
+
+commit_version local_storage::check_only(const commit_request& request) {
+  const writer_turn::hold turn(parts_->turn);
+  newest_states newest(parts_->newest);
+  check_foundations(request, {}, newest);
+  return newest_version();
+}
+
 commit_version local_storage::commit(const commit_request& request) {
   check_process();
   check_request(request);
+  if (request.changes.empty()) return check_only(request);
   return parts_->queue.commit(request);
 }
 
@@ -128,6 +185,9 @@ void local_storage::write_together(commit_queue::commit_group group) {
   if (size > parts_->log.room()) return write_past_log(group);
   parts_->merger.make_room(size);
   newest_states newest(parts_->newest);
+  const std::vector<object_number> removed = removed_by(changes);
+  if (!removed.empty()) removed_at_ = version;
+  for (const commit_request* request : requests) check_foundations(*request, removed, newest);
   change_merger merger(newest, newest_version());
   const segment_changes changed = merger.merge(std::move(changes), version);
   auto unmerged = parts_->overlay.prepare(changed);
@@ -152,6 +212,8 @@ std::shared_ptr<local_storage::hidden_commit> local_storage::commit_to_database(
   std::vector<const object_change*> changes;
   for (const object_change& change : request.changes) changes.push_back(&change);
   newest_states newest(parts_->newest);
+  if (!removed_by(changes).empty()) removed_at_ = newest_version() + 1;
+  check_foundations(request, {}, newest);
   change_merger merger(newest, newest_version(),
                        hides ? change_merger::mode::keeps_old : change_merger::mode::usual);
   commit->changes = merger.merge(std::move(changes), newest_version() + 1);
@@ -160,17 +222,18 @@ std::shared_ptr<local_storage::hidden_commit> local_storage::commit_to_database(
   writer.write(commit->changes);
   extra(transaction);
   const committed told{commit->changes.version, &commit->request};
-  prepare_to_show(commit->changes, {&told, 1});
-  // Readers may see it in the file as soon as it is committed there.
-  if (hides) {
-    parts_->overlay.hold(replaced_states(commit->changes, newest));
-    parts_->versions.has_hidden.store(true, std::memory_order_release);
-  }
   try {
+    prepare_to_show(commit->changes, {&told, 1});
+    // Readers may see it in the file as soon as it is committed there.
+    if (hides) {
+      parts_->overlay.hold(replaced_states(commit->changes, newest));
+      parts_->versions.has_hidden.store(true, std::memory_order_release);
+    }
     transaction.commit();
   } catch (...) {
     parts_->versions.has_hidden.store(false, std::memory_order_release);
     parts_->overlay.drop_held();
+    parts_->notices.forget_prepared();
     throw;
   }
   writer.note_committed();
@@ -199,6 +262,7 @@ void local_storage::prepare_to_show(const segment_changes& changes,
                                     std::span<const committed> commits) {
   for (const auto& change : changes.changed)
     if (change.exists) parts_->presence.reserve(change.number);
+  if (!changes.changed.empty()) free_.reserve(changes.changed.back().number + 1);
   parts_->notices.prepare(commits);
 }
 
@@ -211,7 +275,7 @@ void local_storage::show(const segment_changes& changes, std::size_t commits,
     guarded_scope scope(versions.publishing);
     versions.publications.fetch_add(1, std::memory_order_acq_rel);
     for (const auto& change : changes.changed)
-      if (change.existed != change.exists) parts_->presence.set(change.number, change.exists);
+      if (change.existed != change.exists) show_presence(change.number, change.exists);
     if (unmerged != nullptr) {
       parts_->overlay.add(*unmerged);
     } else {
@@ -241,6 +305,14 @@ void local_storage::show(const segment_changes& changes, std::size_t commits,
   ++groups_;
 }
 
+void local_storage::show_presence(segment_number number, bool exists) noexcept {
+  parts_->presence.set(number, exists);
+  if (exists)
+    free_.note_used(number);
+  else if (number != segment_of(root_object_number))
+    free_.note_emptied(number);
+}
+
 object_number local_storage::allocate(std::uint32_t count) {
   check_process();
   std::uint64_t first = next_object_.load();
@@ -248,8 +320,36 @@ object_number local_storage::allocate(std::uint32_t count) {
     if (first + count > std::uint64_t{1} << 32)
       throw_error(error_code::storage_full,
                   fmt::format("The storage \"{}\" has no object numbers left.", name_));
+    free_.reserve(static_cast<segment_number>((first + count) / segment_slots) + 1);
   } while (!next_object_.compare_exchange_weak(first, first + count));
   return static_cast<object_number>(first);
+}
+
+number_range local_storage::reuse(std::uint32_t most) {
+  check_process();
+  const free_numbers::run found = free_.take(most / segment_slots);
+  return {found.first * segment_slots, found.count * segment_slots};
+}
+
+void local_storage::give_back(number_range unused) noexcept {
+  const std::uint64_t end = std::uint64_t{unused.first} + unused.count;
+  // Begun groups were never used, and may go back to where they came from, the end of all numbers.
+  const bool is_begun = unused.first % segment_slots != 0 || end % segment_slots != 0;
+  std::uint64_t next = end;
+  if (is_begun && next_object_.compare_exchange_strong(next, unused.first)) return;
+  free_.give_back(unused.first, end);
+}
+
+void local_storage::reclaim(const std::function<bool(object_number first)>& is_unused) {
+  check_process();
+  free_.reclaim([&](segment_number number) { return is_unused(number * segment_slots); });
+}
+
+void local_storage::make_durable() {
+  check_process();
+  if (!parts_->relaxed) return;
+  const writer_turn::hold turn(parts_->turn);
+  parts_->merger.merge_all();
 }
 
 std::unique_ptr<commit_pause> local_storage::pause_commits() {
@@ -262,6 +362,23 @@ std::unique_ptr<commit_pause> local_storage::pause_commits() {
   };
   check_process();
   return std::make_unique<turn_pause>(parts_->turn);
+}
+
+struct local_storage::condemned_objects : condemnation {
+  explicit condemned_objects(local_storage& in) : storage(in) {}
+  ~condemned_objects() override {
+    const writer_turn::hold turn(storage.parts_->turn);
+    storage.is_condemned_ = nullptr;
+  }
+  local_storage& storage;
+};
+
+std::unique_ptr<condemnation> local_storage::condemn(
+    std::function<bool(object_number number)> is_condemned, const commit_pause&) {
+  check_process();
+  auto condemned = std::make_unique<condemned_objects>(*this);
+  is_condemned_ = std::move(is_condemned);
+  return condemned;
 }
 
 class_number local_storage::intern_layout(std::span<const std::byte> layout) {
@@ -312,6 +429,10 @@ void local_storage::prepare(const global_transaction& id, const storage_identity
     const writer_turn::hold turn(parts_->turn);
     check_usable();
     parts_->merger.merge_all();
+    // What is there now stays: the session has references to it, which a collection that begins
+    // later sees.
+    newest_states newest(parts_->newest);
+    check_foundations(request, {}, newest);
   }
   writer_turn::hold turn(parts_->database_turn);
   segment_store::transaction transaction(parts_->store);

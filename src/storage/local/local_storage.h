@@ -12,6 +12,7 @@
 #include "storage/guarded_mutex.h"
 #include "storage/local/commit_overlay.h"
 #include "storage/local/commit_queue.h"
+#include "storage/local/free_numbers.h"
 #include "storage/local/notice_board.h"
 #include "storage/local/object_loader.h"
 #include "storage/storage_address.h"
@@ -27,6 +28,10 @@ struct open_store;
 // the log has been merged, and stays hidden until publish(): meanwhile the overlay holds what it
 // replaced.
 //
+// What a commit builds on is looked for in its turn, but only when an object was removed after the
+// session had seen all of it, which is rare: otherwise every commit would have to look into
+// segments.
+//
 // Lock order: the turn; the database's turn; `publishing`; then the mutexes of the parts, which are
 // leaves.
 class local_storage : public dbs_storage {
@@ -39,8 +44,14 @@ class local_storage : public dbs_storage {
   commit_version load(std::span<const object_number> numbers, commit_version at_least,
                       state_sink& into) override;
   object_number allocate(std::uint32_t count) override;
+  number_range reuse(std::uint32_t most) override;
+  void give_back(number_range unused) noexcept override;
+  void reclaim(const std::function<bool(object_number first)>& is_unused) override;
   commit_version commit(const commit_request& request) override;
+  void make_durable() override;
   std::unique_ptr<commit_pause> pause_commits() override;
+  std::unique_ptr<condemnation> condemn(std::function<bool(object_number number)> is_condemned,
+                                        const commit_pause& during) override;
   class_number intern_layout(std::span<const std::byte> layout) override;
   std::vector<layout_record> layouts() override;
   std::unique_ptr<notice_subscription> subscribe(const void* origin) override;
@@ -68,16 +79,22 @@ class local_storage : public dbs_storage {
 
  private:
   struct hidden_commit;
+  struct condemned_objects;
 
+  void find_free_numbers();
   void check_process() const;
   void check_nothing_hidden() const;
   void check_usable() const;
   void check_request(const commit_request& request) const;
+  void check_foundations(const commit_request& request, std::span<const object_number> removed,
+                         newest_states& newest) const;
 
+  commit_version check_only(const commit_request& request);
   void write_group(commit_queue::commit_group group);
   void write_together(commit_queue::commit_group group);
   void write_past_log(commit_queue::commit_group group);
   void prepare_to_show(const segment_changes& changes, std::span<const committed> commits);
+  void show_presence(segment_number number, bool exists) noexcept;
   void show(const segment_changes& changes, std::size_t commits,
             commit_overlay::addition* unmerged) noexcept;
   template <class Extra>
@@ -92,7 +109,12 @@ class local_storage : public dbs_storage {
   object_loader loader_;
 
   std::atomic<std::uint64_t> next_object_{0};
+  free_numbers free_;
   std::atomic<std::uint64_t> commits_{0}, groups_{0};
+
+  // Of the turn.
+  commit_version removed_at_ = 0;  // by the newest commit that may have removed something
+  std::function<bool(object_number)> is_condemned_;  // null: none are
 
   // The commit over several storages that is on its way; the turn is taken meanwhile.
   guarded_mutex hidden_lock_;

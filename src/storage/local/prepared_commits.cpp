@@ -33,7 +33,27 @@ std::vector<std::byte> serialize(const prepared_commit& about, const commit_requ
   return writer.release();
 }
 
-std::unique_ptr<prepared_part> parse(const global_transaction& id, std::vector<std::byte> bytes) {
+// A prepared commit whose rows are being read.
+struct collected_rows {
+  std::vector<std::byte> bytes;
+  std::vector<std::int64_t> keys;
+  std::uint64_t rows = 0;  // that there must be
+};
+
+}  // namespace
+
+prepared_row read_prepared_row(std::span<const std::byte> content) {
+  row_reader reader(content);
+  prepared_row row{};
+  row.id = read_pair<global_transaction>(reader);
+  row.part = reader.varint();
+  row.parts = reader.varint();
+  row.bytes = reader.take(reader.left());
+  return row;
+}
+
+std::unique_ptr<prepared_part> read_prepared(const global_transaction& id,
+                                             std::vector<std::byte> bytes) {
   auto part = std::make_unique<prepared_part>();
   part->bytes = std::move(bytes);
   part->about.id = id;
@@ -47,7 +67,7 @@ std::unique_ptr<prepared_part> parse(const global_transaction& id, std::vector<s
   return part;
 }
 
-commit_decision parse_decision(std::span<const std::byte> content) {
+commit_decision read_decision(std::span<const std::byte> content) {
   row_reader reader(content);
   commit_decision decision;
   decision.id = read_pair<global_transaction>(reader);
@@ -57,27 +77,17 @@ commit_decision parse_decision(std::span<const std::byte> content) {
   return decision;
 }
 
-// A prepared commit whose rows are being read.
-struct collected_rows {
-  std::vector<std::byte> bytes;
-  std::vector<std::int64_t> keys;
-  std::uint64_t rows = 0;  // that there must be
-};
-
-}  // namespace
-
 void prepared_commits::load(store_reader& reader, const store_state& state) {
   std::map<global_transaction, collected_rows> collected;
   const std::uint64_t rows = reader.for_each_row(
       "prepared", row_kind::prepared, [&](std::int64_t key, const byte_block& content) {
         next_key_ = std::max(next_key_, key + 1);
-        row_reader row(content.view());
-        collected_rows& into = collected[read_pair<global_transaction>(row)];
-        if (row.varint() != into.keys.size()) throw damaged_bytes("a part before it is missing");
-        into.rows = row.varint();
+        const prepared_row row = read_prepared_row(content.view());
+        collected_rows& into = collected[row.id];
+        if (row.part != into.keys.size()) throw damaged_bytes("a part before it is missing");
+        into.rows = row.parts;
         into.keys.push_back(key);
-        const auto bytes = row.take(row.left());
-        into.bytes.insert(into.bytes.end(), bytes.begin(), bytes.end());
+        into.bytes.insert(into.bytes.end(), row.bytes.begin(), row.bytes.end());
       });
   if (rows != state.prepared_rows)
     throw_damaged_row(store_, "prepared", 0, "rows of it are missing");
@@ -86,7 +96,7 @@ void prepared_commits::load(store_reader& reader, const store_state& state) {
     try {
       if (rows_of_one.rows != rows_of_one.keys.size())
         throw damaged_bytes("a part after it is missing");
-      auto part = parse(id, std::move(rows_of_one.bytes));
+      auto part = read_prepared(id, std::move(rows_of_one.bytes));
       part->keys = std::move(rows_of_one.keys);
       parts_[id] = {std::move(part), true};
     } catch (const damaged_bytes& damage) {
@@ -96,7 +106,7 @@ void prepared_commits::load(store_reader& reader, const store_state& state) {
   const std::uint64_t decisions = reader.for_each_row(
       "decisions", row_kind::decision, [&](std::int64_t key, const byte_block& content) {
         next_key_ = std::max(next_key_, key + 1);
-        const commit_decision decision = parse_decision(content.view());
+        const commit_decision decision = read_decision(content.view());
         decisions_[decision.id] = {decision, key, true};
       });
   if (decisions != state.decisions)
@@ -117,7 +127,7 @@ prepared_commits::part_node prepared_commits::prepare(segment_store::transaction
     keys.push_back(next_key_++);
     into.write_prepared(keys.back(), row.view());
   }
-  auto part = parse(about.id, std::move(bytes));
+  auto part = read_prepared(about.id, std::move(bytes));
   part->keys = std::move(keys);
   part->origin = request.origin;
   part->attachment = request.attachment;
@@ -175,12 +185,22 @@ std::vector<commit_decision> prepared_commits::found_decisions() const {
   return result;
 }
 
-std::uint64_t prepared_commits::next_object() const {
-  std::uint64_t next = 0;
+void prepared_commits::for_each_change(
+    const std::function<void(const object_change&)>& visit) const {
   for (const auto& [id, known] : parts_)
-    for (const object_change& change : known.part->changes)
-      next = std::max(next, std::uint64_t{change.number} + 1);
-  return next;
+    for (const object_change& change : known.part->changes) visit(change);
+}
+
+std::vector<object_number> prepared_commits::numbers() const {
+  std::vector<object_number> all;
+  for_each_change([&](const object_change& change) { all.push_back(change.number); });
+  std::ranges::sort(all);
+  return all;
+}
+
+std::uint64_t prepared_commits::next_object() const {
+  const std::vector<object_number> all = numbers();
+  return all.empty() ? 0 : std::uint64_t{all.back()} + 1;
 }
 
 }  // namespace goods

@@ -2,6 +2,7 @@
 #pragma once
 
 #include <cstdint>
+#include <functional>
 #include <map>
 #include <memory>
 #include <string>
@@ -25,6 +26,18 @@ struct prepared_part {
 
   commit_request request() const { return {changes, origin, attachment}; }
 };
+
+// What the rows of the tables say; these throw damaged_bytes. The bytes of all parts of a commit,
+// one after the other, are the commit.
+struct prepared_row {
+  global_transaction id;
+  std::uint64_t part, parts;
+  std::span<const std::byte> bytes;
+};
+prepared_row read_prepared_row(std::span<const std::byte> content);
+std::unique_ptr<prepared_part> read_prepared(const global_transaction& id,
+                                             std::vector<std::byte> bytes);
+commit_decision read_decision(std::span<const std::byte> content);
 
 // The tables `prepared` and `decisions`, in memory and in transactions.
 //
@@ -76,7 +89,10 @@ class prepared_commits {
   bool has_forgotten() const { return !forgotten_.empty(); }
   std::vector<prepared_commit> found_prepared() const;
   std::vector<commit_decision> found_decisions() const;
-  // Above every number in a prepared commit.
+  void for_each_change(const std::function<void(const object_change&)>& visit) const;
+  // Every number in a prepared commit, ascending.
+  std::vector<object_number> numbers() const;
+  // Above all of them.
   std::uint64_t next_object() const;
 
  private:
