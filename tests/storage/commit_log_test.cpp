@@ -1,9 +1,11 @@
 // The commit log by itself: its form, what a loss of power leaves of it, and damage.
 
 #include <gtest/gtest.h>
+#include <xxhash.h>
 
 #include <random>
 
+#include "storage/local/byte_order.h"
 #include "storage/local/commit_log.h"
 #include "storage/local/log_recovery.h"
 #include "storage/storage_fixture.h"
@@ -237,6 +239,43 @@ TEST_F(LongCommitLogTest, CopiesOfItsOwnRecordsAreValuesLikeOthers) {
     auto torn = disk_.complete();
     std::fill_n(torn.at("/commits.1").begin() + begin, log_header_size, std::byte{0});
     ASSERT_EQ(recover(torn), newest_ - 1);
+  }
+}
+
+// Recovery looks at a file through a window of 1 MiB.
+class LargeCommitLogTest : public CommitLogTest {
+ protected:
+  LargeCommitLogTest() : CommitLogTest(std::uint64_t{16} << 20) {}
+};
+
+TEST_F(LargeCommitLogTest, RecordsMayBeLongerThanWhatIsLookedAtAtOnce) {
+  fill(20, true);
+  const std::uint64_t before = log_.used_bytes();
+  const std::string large(3'000'000, 'x');
+  append({"small", large, "small"}, true);
+  append({large}, true);
+  fill(20, true);
+  ASSERT_EQ(recover(disk_.complete()), newest_);
+  auto damaged = disk_.complete();
+  damaged.at("/commits.0")[before + 2'500'000] ^= std::byte{1};
+  EXPECT_THROW(recover(damaged), database_error) << "later records vouch for it";
+  auto cut = disk_.complete();
+  cut.at("/commits.0").resize(before + 2'500'000);
+  EXPECT_THROW(recover(cut), database_error);
+}
+
+// The header's own checksum is right, but what it says is not there.
+TEST_F(LargeCommitLogTest, AnImpossibleLengthEndsTheLog) {
+  fill(20, true);
+  for (const std::uint32_t length : {~0U, 0xF000'0000U, 1'000'000U}) {
+    auto image = disk_.complete();
+    std::byte* const header = image.at("/commits.0").data() + log_.used_bytes();
+    std::copy_n(image.at("/commits.0").data(), log_header_size, header);
+    store_number(header + 16, length);
+    store_number(header + 40, newest_ + 1);
+    store_number<std::uint64_t>(header, ::XXH3_64bits_withSeed(header + 8, 56, store.low));
+    ASSERT_TRUE(read_log_header({header, log_header_size}, store));
+    EXPECT_EQ(recover(image), newest_) << length;
   }
 }
 
