@@ -82,6 +82,7 @@ check_result database_check::run() {
     for (std::size_t s = 0; s < storages_.size(); ++s) {
       if (storages_[s].view != nullptr) check_storage(static_cast<storage_number>(s));
     }
+    if (!options_.full) look_for_roots();
     if (options_.full) {
       check_roots();
       check_places();
@@ -244,6 +245,36 @@ const class_layout* database_check::read(object_id id, std::vector<std::byte>& s
 // --- Following references
 // -----------------------------------------------------------------------------
 
+// Without looking at any other object.
+void database_check::look_for_roots() {
+  bool has_root = false, has_objects = false;
+  for (std::size_t s = 0; s < storages_.size(); ++s) {
+    if (storages_[s].view == nullptr) continue;
+    const object_id root = make_object_id(static_cast<storage_number>(s), root_object_number);
+    const object_number number = root_object_number;
+    one_state_sink sink([](const object_state&) {});
+    try {
+      storages_[s].view->load({&number, 1}, sink);
+      has_root |= sink.is_found;
+      storages_[s].dbs->for_each([&](const object_state&) {
+        has_objects = true;
+        return false;
+      });
+    } catch (const error_info& error) {
+      if (error.code() != error_code::corrupt_data) throw;
+      has_objects = true;
+      if (sink.is_found) continue;
+      has_root = true;
+      report(root, "", message_of(error));
+    }
+  }
+  if (!has_root && has_objects) report_no_root();
+}
+
+void database_check::report_no_root() {
+  report(make_object_id(0, root_object_number), "", "is the root, which is not there");
+}
+
 void database_check::check_roots() {
   bool has_root = false, has_objects = false;
   for (std::size_t s = 0; s < storages_.size(); ++s) {
@@ -256,9 +287,7 @@ void database_check::check_roots() {
       follow(root);
     }
   }
-  if (!has_root && has_objects) {
-    report(make_object_id(0, root_object_number), "", "is the root, which is not there");
-  }
+  if (!has_root && has_objects) report_no_root();
 }
 
 void database_check::follow(object_id root) {
@@ -345,15 +374,24 @@ void database_check::needs_place(object_id member) {
   if (has(member, object_marks::exists)) mark(member, object_marks::wants_place);
 }
 
+// In a page that could not be looked at.
+bool database_check::may_stand_in_index(object_id member) {
+  object_id owner = 0;
+  look(member, [&](const stored_object& object) { owner = object.reference("owner"); });
+  return half_read_.contains(owner);
+}
+
 void database_check::check_places() {
-  if (!knows_places_) return;
   for (std::size_t s = 0; s < storages_.size(); ++s) {
     storages_[s].marks.for_each([&](object_number number, std::uint8_t marks) {
       constexpr unsigned readable = object_marks::exists | object_marks::reached;
       if ((marks & readable) != readable || (marks & object_marks::placed) != 0) return;
       const object_id id = make_object_id(static_cast<storage_number>(s), number);
-      if ((marks & object_marks::is_page) != 0) report(id, "", "is an index page of no index");
-      if ((marks & object_marks::wants_place) != 0) {
+      // A page does not say which index it belongs to.
+      if ((marks & object_marks::is_page) != 0 && half_read_.empty()) {
+        report(id, "", "is an index page of no index");
+      }
+      if ((marks & object_marks::wants_place) != 0 && !may_stand_in_index(id)) {
         report(id, "", "is a node's link to its parent, but stands in no index");
       }
     });

@@ -4,6 +4,7 @@
 #include <cstdint>
 #include <functional>
 #include <memory>
+#include <set>
 #include <string>
 #include <string_view>
 #include <utility>
@@ -61,11 +62,14 @@ class database_check final : private check_desk {
   void check_storage(storage_number storage);
   void note_kind(storage_number storage, const object_state& state);
 
+  void look_for_roots();
   void check_roots();
+  void report_no_root();
   void follow(object_id root);
   void enter(object_id id);
   void expand(const stored_object& object);
   void push(const stored_object& from, object_id target, std::string_view member, ref_kind kind);
+  bool may_stand_in_index(object_id member);
   void check_places();
   void check_unreachable();
 
@@ -98,8 +102,8 @@ class database_check final : private check_desk {
   std::vector<std::uint64_t> pushed_;   // marked, not looked at yet; or the end of a step
   std::vector<object_id> pushed_back_;  // by back references; not marked
   std::vector<step> way_;
-  bool knows_places_ = true;    // all pages of all indexes have been looked at
-  std::size_t unrecorded_ = 0;  // steps that the way is too long for
+  std::set<object_id> half_read_;  // indexes of which not all pages could be looked at
+  std::size_t unrecorded_ = 0;     // steps that the way is too long for
   unsigned calls_ = 0;
 };
 

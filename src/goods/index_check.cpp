@@ -77,7 +77,7 @@ std::optional<std::uint64_t> index_check::check(object_id id, const page& what,
 
 // Nobody knows what stands in a page that cannot be read.
 std::optional<std::uint64_t> index_check::not_read() {
-  of_.knows_places_ = false;
+  of_.half_read_.insert(index_.id);
   return std::nullopt;
 }
 

@@ -341,6 +341,34 @@ TEST_F(PlantedFaultTest, EachIsNamedByPathAndIdentifier) {
   }
 }
 
+TEST_F(PlantedFaultTest, AQuickCheckLooksForTheRoot) {
+  EXPECT_THAT(findings(false), IsEmpty());
+  close();
+  remove("");
+  open();
+  EXPECT_THAT(findings(false), Contains(HasSubstr("is the root, which is not there")));
+  close();
+  goods::write_file(file_, good_);
+  goods::execute(file_, "UPDATE segments SET body=zeroblob(40)||substr(body,41) WHERE id=1024");
+  open();
+  EXPECT_THAT(findings(false), Contains(HasSubstr("the checksum does not match")));
+}
+
+// Only what may stand in a page that cannot be read is passed over.
+TEST_F(PlantedFaultTest, ALostPageHidesNothingInOtherIndexes) {
+  close();
+  ids_["page"] = pages().at(1);
+  remove("page");
+  redirect("machines index", "member", id("machines~saw entry"));
+  open();
+  const std::vector<std::string> found = findings();
+  const std::string number = std::to_string(goods::number_of(id("machines~press entry")));
+  EXPECT_THAT(found,
+              Contains(testing::StartsWith(
+                  number + " set_member : is a node's link to its parent, but stands in no")));
+  EXPECT_LT(found.size(), 10U) << testing::PrintToString(found);
+}
+
 // What a damaged segment takes with it is told object by object, as far as anything refers to it.
 TEST_F(PlantedFaultTest, ObjectsOfADamagedSegmentAreNamed) {
   close();

@@ -167,6 +167,12 @@ void store_check::check_prepared() {
   try {
     prepared_commits parts(store_);
     parts.load(merged_.reader(), merged_.state());
+    parts.for_each_change([this](const object_change& change) {
+      if (change.removed || change.layout <= layouts_) return;
+      report(change.number, change.number,
+             fmt::format("a prepared commit has it with the layout {}, which there is not",
+                         change.layout));
+    });
   } catch (const error_info&) {
     report(0, 0, text_of_failure());
   }
