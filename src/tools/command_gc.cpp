@@ -52,41 +52,86 @@ class GarbageListing {
   Listing table_{out_, {"OBJECT", "CLASS"}};
 };
 
-int Gc(const Invocation& invocation, bool isDryRun) {
-  if (invocation.format == Format::kTree || invocation.format == Format::kRaw) {
-    throw UsageError{"gc has the formats table and json."};
+// Bytes of all storages that are in use.
+std::uint64_t UsedBytes(OpenDatabase& database) {
+  std::uint64_t used = 0;
+  for (std::uint64_t i = 0; i < database->getNumStorages(); ++i) {
+    used += database->getStorageUsage(i);
   }
-  OpenDatabase database(invocation);
+  return used;
+}
+
+// Collects; with a listing it only looks. Returns how far it has come.
+goods::gc_progress Collect(OpenDatabase& database, GarbageListing* listing) {
   // Ends between two steps, each of which is whole.
   SignalWatch watch;
-  GarbageListing listing(invocation.format);
-  std::uint64_t removed = 0;
+  goods::gc_progress last;
   goods::gc_options options;
-  options.dry_run = isDryRun;
-  if (isDryRun) {
-    options.removes = [&](goods::object_id id, std::string_view name) { listing.add(id, name); };
+  options.dry_run = listing != nullptr;
+  if (listing != nullptr) {
+    options.removes = [&](goods::object_id id, std::string_view name) { listing->add(id, name); };
   }
   {
     Progress progress("Collecting", 0, "objects in use");
     options.progress = [&](const goods::gc_progress& reached) {
       ThrowIfInterrupted();
-      if (reached.is_removing && !isDryRun) {
+      if (reached.is_removing && !options.dry_run) {
         progress.showLastStep("removing");
       } else {
         progress.show(0, reached.marked);
       }
-      removed = reached.removed;
+      last = reached;
       return true;
     };
     database->startGarbageCollection(options);
   }
   watch.end();
-  if (isDryRun) listing.finish();
+  return last;
+}
+
+int ListGarbage(const Invocation& invocation) {
+  OpenDatabase database(invocation);
+  GarbageListing listing(invocation.format);
+  const goods::gc_progress found = Collect(database, &listing);
+  listing.finish();
   if (TalksToTerminal()) {
-    std::fprintf(stderr, "%llu objects %s.\n", static_cast<unsigned long long>(removed),
-                 isDryRun ? "would be removed" : "were removed");
+    std::fprintf(stderr, "%llu objects would be removed.\n",
+                 static_cast<unsigned long long>(found.removed));
   }
   return ExitStatus::kDone;
+}
+
+int RemoveGarbage(const Invocation& invocation) {
+  goods::gc_progress done;
+  std::uint64_t before = 0;
+  {
+    OpenDatabase database(invocation);
+    before = UsedBytes(database);
+    done = Collect(database, nullptr);
+  }
+  // Closing it has moved the removal from the log to where it gives its room back.
+  OpenDatabase database(invocation);
+  const std::uint64_t after = UsedBytes(database);
+  const std::string removed = std::to_string(done.removed);
+  const std::string stayed = std::to_string(done.stored - done.removed);
+  const std::string freed = std::to_string(before > after ? before - after : 0);
+  Output out;
+  if (invocation.format == Format::kJson) {
+    out << "{\"removed\": " << removed << ", \"stayed\": " << stayed << ", \"freed\": " << freed
+        << "}\n";
+  } else {
+    out << "objects removed: " << removed << ", stayed: " << stayed << "; bytes freed: " << freed
+        << '\n';
+  }
+  out.finish();
+  return ExitStatus::kDone;
+}
+
+int Gc(const Invocation& invocation, bool isDryRun) {
+  if (invocation.format == Format::kTree || invocation.format == Format::kRaw) {
+    throw UsageError{"gc has the formats table and json."};
+  }
+  return isDryRun ? ListGarbage(invocation) : RemoveGarbage(invocation);
 }
 
 }  // namespace

@@ -288,7 +288,14 @@ TEST_F(CommandTest, GcListsAndRemovesWhatNoPathLeadsTo) {
   EXPECT_EQ(dryRun(), listed) << "nothing has gone";
   const program_result collected = run({"gc"});
   EXPECT_EQ(collected.status, 0);
-  EXPECT_EQ(collected.out + collected.err, "");
+  const auto lines = std::count(listed.begin(), listed.end(), '\n');
+  EXPECT_THAT(collected.out,
+              testing::MatchesRegex("objects removed: " + std::to_string(lines - 1) +
+                                    ", stayed: [1-9][0-9]*; bytes freed: [0-9]+\n"));
+  EXPECT_EQ(collected.err, "");
+  EXPECT_THAT(run({"--format", "json", "gc"}).out,
+              testing::MatchesRegex(R"(\{"removed": 0, "stayed": [0-9]+, "freed": 0\}
+)"));
   EXPECT_EQ(dryRun(), "");
   EXPECT_EQ(run({"get", "kept~a"}).out, "1\n");
 }
