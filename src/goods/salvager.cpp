@@ -105,7 +105,23 @@ salvager::salvager(const std::string& from, database& into,
   }
 }
 
+// As opening the storages would: what is prepared in one of them counts when it was decided in the
+// one that coordinated it.
+void salvager::finish_commits() {
+  for (const storage_state& state : storages_) {
+    for (const auto& part : state.store->prepared()) {
+      const auto coordinates = [&](const storage_state& one) {
+        return one.store->identity() == part->about.coordinator;
+      };
+      const auto coordinator = std::ranges::find_if(storages_, coordinates);
+      if (coordinator != storages_.end() && coordinator->store->has_decided(part->about.id))
+        state.store->finish(*part);
+    }
+  }
+}
+
 salvage_result salvager::run() {
+  finish_commits();
   const auto count = static_cast<storage_number>(storages_.size());
   for (storage_number s = 0; s < count; ++s) {
     read_layouts(s);

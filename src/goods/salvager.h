@@ -47,6 +47,7 @@ class salvager {
   // Changes that are on their way into the new database.
   class batch;
 
+  void finish_commits();
   void read_layouts(storage_number storage);
   void note_objects(storage_number storage);
   void check_index(const stored_object& index);

@@ -4,7 +4,7 @@
 #include <cstring>
 
 #include "storage/local/commit_log.h"
-#include "storage/local/log_record.h"
+#include "storage/local/log_reader.h"
 #include "storage/local/store_reader.h"
 
 namespace goods {
@@ -81,6 +81,14 @@ void salvaged_store::take_row(std::int64_t key, const page_file::place& at,
       layouts_[static_cast<class_number>(key)].assign(content.view().begin(), content.view().end());
       break;
     }
+    case row_kind::prepared:
+      framed().unpack();
+      prepared_.insert_or_assign(key, at);
+      break;
+    case row_kind::decision:
+      // Also one that was forgotten since, which it is only when all have finished.
+      decided_.insert(read_decision(framed().unpack().view()).id);
+      break;
     default:
       break;
   }
@@ -99,30 +107,69 @@ void salvaged_store::drop_removed() {
 
 // Whole records, wherever they begin: those that a damaged one stands before count, too.
 void salvaged_store::read_log(const std::string& path) try {
-  const auto file = storage_disk::instance().open(path);
-  if (!file || file->size() > longest_log) return;
-  std::vector<std::byte> bytes(file->size());
-  file->read(0, bytes);
-  for (std::size_t at = 0; at + log_header_size <= bytes.size(); at += log_alignment) {
-    auto record = read_log_record(std::span(bytes).subspan(at), *identity_);
+  log_reader file(path, *identity_);
+  if (!file.is_there() || file.size() > longest_log) return;
+  std::vector<std::byte> content;
+  std::vector<object_change> changes;
+  for (std::uint64_t at = 0; at < file.size(); at += log_alignment) {
+    const auto header = file.header_at(at);
     // What the database has was merged, and is newer there or the same.
-    if (!record || (state_ && record->last() <= state_->version)) continue;
-    const std::size_t size = log_record_size(*record);
-    std::vector<object_change> changes;
+    if (!header || (state_ && header->record.last() <= state_->version)) continue;
+    if (!file.is_whole(at, *header)) continue;
+    changes.clear();
+    log_record record = file.read(at, *header, content);
     try {
-      read_changes(*record, changes);
+      read_changes(record, changes);
     } catch (const damaged_bytes&) {
       continue;
     }
-    for (const object_change& change : changes) {
-      logged_state& known = logged_[change.number];
-      if (known.version > record->last()) continue;
-      known = {
-          record->last(), change.removed, change.layout, {change.body.begin(), change.body.end()}};
-    }
-    at += size - log_alignment;
+    for (const object_change& change : changes) take_change(change, record.last());
+    at += log_record_size(*header) - log_alignment;
   }
 } catch (const error_info&) {  // NOLINT(bugprone-empty-catch): it cannot be read
+}
+
+void salvaged_store::take_change(const object_change& change, std::uint64_t version) {
+  logged_state& known = logged_[change.number];
+  if (known.version > version) return;
+  known = {version, change.removed, change.layout, {change.body.begin(), change.body.end()}};
+}
+
+// Rows of commits that have ended may still be found: those that were written last are the ones
+// that the state counts.
+std::vector<std::unique_ptr<prepared_part>> salvaged_store::prepared() {
+  std::uint64_t rows =
+      state_ ? std::min<std::uint64_t>(state_->prepared_rows, prepared_.size()) : 0;
+  std::map<global_transaction, std::vector<std::byte>> collected;
+  std::map<global_transaction, std::uint64_t> left;  // parts
+  for (auto row = std::prev(prepared_.end(), static_cast<std::ptrdiff_t>(rows));
+       row != prepared_.end(); ++row) {
+    try {
+      const std::vector<std::byte> bytes = pages_.read_row(row->second);
+      const byte_block content =
+          goods::read_row(row_kind::prepared, static_cast<std::uint64_t>(row->first), longest_row,
+                          bytes)
+              .unpack();
+      const prepared_row part = read_prepared_row(content.view());
+      auto& into = collected[part.id];
+      into.insert(into.end(), part.bytes.begin(), part.bytes.end());
+      left.try_emplace(part.id, part.parts).first->second -= 1;
+    } catch (const damaged_bytes&) {  // NOLINT(bugprone-empty-catch): then its commit is not whole
+    }
+  }
+  std::vector<std::unique_ptr<prepared_part>> whole;
+  for (auto& [id, bytes] : collected) {
+    try {
+      if (left.at(id) == 0) whole.push_back(read_prepared(id, std::move(bytes)));
+    } catch (const damaged_bytes&) {  // NOLINT(bugprone-empty-catch): a part of it is missing
+    }
+  }
+  return whole;
+}
+
+void salvaged_store::finish(const prepared_part& part) {
+  constexpr std::uint64_t newest = ~std::uint64_t{0};
+  for (const object_change& change : part.changes) take_change(change, newest);
 }
 
 void salvaged_store::find_lost() {

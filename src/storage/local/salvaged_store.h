@@ -7,6 +7,7 @@
 #include <map>
 #include <memory>
 #include <optional>
+#include <set>
 #include <string>
 #include <unordered_map>
 #include <utility>
@@ -15,6 +16,7 @@
 #include <goods/dbs_storage.h>
 
 #include "storage/local/page_file.h"
+#include "storage/local/prepared_commits.h"
 #include "storage/local/presence_map.h"
 #include "storage/local/segment.h"
 #include "storage/local/store_schema.h"
@@ -39,6 +41,14 @@ class salvaged_store {
   void for_each(const std::function<void(const object_state&)>& visit);
   // False when the object cannot be read.
   bool load(object_number number, const std::function<void(const object_state&)>& visit);
+  // Commits over several storages: those that are prepared here, and perhaps not finished; whether
+  // one was decided here; and the changes of one become the newest states. Opening the storages
+  // together finishes those that are decided, and drops the others.
+  const std::optional<storage_identity>& identity() const { return identity_; }
+  std::vector<std::unique_ptr<prepared_part>> prepared();
+  bool has_decided(const global_transaction& id) const { return decided_.contains(id); }
+  void finish(const prepared_part& part);
+
   // Ranges of numbers whose objects cannot be read, as far as that is known.
   const std::vector<std::pair<object_number, object_number>>& lost() const { return lost_; }
 
@@ -60,6 +70,7 @@ class salvaged_store {
   void drop_removed();
   void find_lost();
   void read_log(const std::string& path);
+  void take_change(const object_change& change, std::uint64_t version);
   bool is_removed(segment_number number) const;
   std::shared_ptr<const segment> find(segment_number number);
   bool show(object_number number, const segment* in,
@@ -73,6 +84,8 @@ class salvaged_store {
   std::unordered_map<segment_number, found_row> segments_;
   std::unordered_map<std::int64_t, found_row> pieces_;
   std::map<std::uint32_t, std::pair<std::uint64_t, presence_map::content>> presence_;
+  std::map<std::int64_t, page_file::place> prepared_;  // rows, by key
+  std::set<global_transaction> decided_;
   std::map<object_number, logged_state> logged_;
   std::vector<std::pair<object_number, object_number>> lost_;
   std::array<std::shared_ptr<const segment>, 64> cache_;  // by the low bits of their numbers
