@@ -84,6 +84,7 @@ bool collector::run() {
     if (!options_.dry_run) make_durable();
     reached_.is_removing = true;
     for (std::size_t s = 0; s < storages_.size(); ++s) sweep(static_cast<storage_number>(s));
+    condemned_.clear();  // before any of the numbers is another object's
     if (!options_.dry_run) reclaim_numbers();
     if (options_.progress) options_.progress(reached_);  // there is nothing left to stop
   } catch (const stopped&) {

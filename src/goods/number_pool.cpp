@@ -9,7 +9,8 @@ namespace goods {
 
 number_pool::~number_pool() {
   for (const range& unused : begun_) storage_.give_back({unused.next, unused.left});
-  if (fresh_.left != 0) storage_.give_back({fresh_.next, fresh_.left});
+  for (const range& unused : {again_, fresh_})
+    if (unused.left != 0) storage_.give_back({unused.next, unused.left});
 }
 
 number_pool::range number_pool::take() {
@@ -25,24 +26,23 @@ number_pool::range number_pool::take() {
 
 // Up to where the storage's next group of neighbours begins.
 void number_pool::begin_range() {
-  if (fresh_.left == 0) refill();
-  const std::uint32_t count =
-      std::min(fresh_.left, neighbours::most - fresh_.next % neighbours::most);
-  begun_.push_back({fresh_.next, count});
-  fresh_.next += count;
-  fresh_.left -= count;
+  if (again_.left == 0) reuse();
+  range& from = again_.left != 0 ? again_ : fresh_;
+  if (from.left == 0) {
+    from = {storage_.allocate(block_), block_};
+    block_ = std::min(block_ * 2, largest_block);
+  }
+  const std::uint32_t count = std::min(from.left, neighbours::most - from.next % neighbours::most);
+  begun_.push_back({from.next, count});
+  from.next += count;
+  from.left -= count;
 }
 
-void number_pool::refill() {
-  number_range more = storage_.reuse(block_);
+void number_pool::reuse() {
+  const number_range more = storage_.reuse(most_at_once);
   // Asked afterwards: whoever comes later cannot know what has been removed by now.
-  if (more.count != 0 && kept_numbers::is_any()) {
-    storage_.give_back(more);
-    more = {};
-  }
-  if (more.count == 0) more = {storage_.allocate(block_), block_};
-  fresh_ = {more.first, more.count};
-  block_ = std::min(block_ * 2, largest_block);
+  if (more.count != 0 && kept_numbers::is_any()) return storage_.give_back(more);
+  again_ = {more.first, more.count};
 }
 
 void number_pool::put_back(range left, object_number group) noexcept {
@@ -57,7 +57,8 @@ bool number_pool::has(object_number group) const {
            group <= neighbours::group_of(some.next + (some.left - 1));
   };
   const std::lock_guard guard(lock_);
-  return touches(fresh_) || taken_.contains(group) || std::ranges::any_of(begun_, touches);
+  return touches(again_) || touches(fresh_) || taken_.contains(group) ||
+         std::ranges::any_of(begun_, touches);
 }
 
 // The first ranges are the next to be taken again.

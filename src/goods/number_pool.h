@@ -39,14 +39,16 @@ class number_pool {
 
  private:
   static constexpr std::uint32_t largest_block = 1 << 16;
+  static constexpr std::uint32_t most_at_once = 1024;  // of removed objects
 
   void begin_range();
-  void refill();
+  void reuse();
 
   dbs_storage& storage_;
   mutable std::mutex lock_;
   std::vector<range> begun_;                 // under lock_: each of one group; has room for taken_
   std::unordered_set<object_number> taken_;  // under lock_: groups
+  range again_;                              // under lock_: of removed objects
   range fresh_;                              // under lock_
   std::uint32_t block_ = neighbours::most;   // under lock_: how many to ask for, growing
 };

@@ -7,6 +7,7 @@
 #include <algorithm>
 #include <csignal>
 #include <numeric>
+#include <optional>
 #include <random>
 #include <vector>
 
@@ -47,7 +48,8 @@ std::size_t stored_objects(database& db) {
 // A step cuts off a part of the chain, or adds to it, which is one commit: now and then over both
 // storages.
 constexpr int steps = 12;
-constexpr std::size_t links = 12, cut = 15;
+// So many that whole groups of neighbours become free, and are used again.
+constexpr std::size_t links = 70, cut = 85;
 
 void apply(int step, chain& to) {
   if (step % 3 == 2) {
@@ -81,14 +83,23 @@ chain chain_after(int count) {
 
 class CollectionFaultTest : public testing::Test {
  protected:
-  // Cuts off, adds and collects.
-  void work(test_session& session) {
+  // Cuts off, adds and collects. Free numbers are those of the last collection, or were found when
+  // the storages were opened.
+  void work(const test_store& store) {
+    std::optional<test_session> session;
     for (int i = 0; i < steps; ++i) {
+      if (i % 4 == 0) session.emplace(store);
       disk_.note(2 * static_cast<std::uint64_t>(i));
-      apply(i, session);
+      apply(i, *session);
       disk_.note(2 * static_cast<std::uint64_t>(i) + 1);
-      if (i % 2 == 1) session.db().start_gc();
+      if (i % 2 == 1) session->db().start_gc();
     }
+    object_number highest = 0;
+    session->db().storage(0).dbs().for_each([&](const object_state& state) {
+      highest = state.number;
+      return true;
+    });
+    EXPECT_LT(highest, root_object_number + steps * 2 / 3 * links) << "no number was used again";
   }
 
   // What is wrong with the database of which between `least` and `most` steps must be there.
@@ -136,10 +147,7 @@ TEST_F(CollectionFaultTest, ALossOfPowerLosesNothingThatIsNeeded) {
   const test_store store(storages, options, scratch_directory::place::in_memory);
   test_session(store).root();
   disk_.record(store.directory().path().string());
-  {
-    test_session session(store);
-    work(session);
-  }
+  work(store);
   const disk_trace trace = disk_.stop_recording();
   EXPECT_EQ(lose_power(trace, power_loss_images() / 5, random), 0U) << why_;
   // The control: a disk that does not sync is found out.

@@ -312,7 +312,7 @@ TEST(CollectorTest, AWildNumberTakesNoMemory) {
   const object_change damaged{.number = number_of(id),
                               .layout = storage.catalog().number_for(cell::self_class),
                               .body = state.bytes()};
-  storage.dbs().commit({.changes = {&damaged, 1}});
+  storage.dbs().commit({.changes = {&damaged, 1}, .origin = nullptr, .attachment = nullptr});
   const auto memory = [] {
     const auto used = ::mallinfo2();
     return used.uordblks + used.hblkhd;
