@@ -178,6 +178,8 @@ bool collector::try_settle(std::chrono::milliseconds longest_wait, std::size_t m
 
 // `pauses` are of the storages in their order.
 void collector::condemn_unmarked(std::span<const std::unique_ptr<commit_pause>> pauses) {
+  // What has been condemned takes the storage's turn when it goes, which `pauses` hold.
+  condemned_.reserve(pauses.size());
   for (std::size_t i = 0; i < pauses.size(); ++i) {
     dbs_storage& storage = *in_pausing_order_[i];
     const storage_state& state = *std::ranges::find(storages_, &storage, &storage_state::storage);

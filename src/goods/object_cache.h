@@ -58,8 +58,11 @@ class object_cache {
 
   // A version that the session has taken in. What has a body afterwards was there then, or later.
   commit_version taken_in(storage_number storage) const {
-    (void)stable_publish_count();
-    return applied_[storage].load();
+    while (true) {
+      const std::uint64_t before = stable_publish_count();
+      const commit_version version = applied_[storage].load();
+      if (publish_count_.load() == before) return version;
+    }
   }
 
   // Hands states to `into` that nobody but the caller's read round will see (see guest_list). They

@@ -86,6 +86,37 @@ std::string refusal_of(const Work& work) {
   return {};
 }
 
+// The last group of numbers is reached in part: it must not be handed out as a whole while
+// somebody goes on through it.
+TEST(NumberReuseTest, TheLastGroupIsNotHandedOutTwice) {
+  for (const int length : {1, 30, 62, 63, 64, 100, 200}) {
+    SCOPED_TRACE(length);
+    const test_store store(1, "");
+    {
+      test_session session(store);
+      modify(session.root())->next = new_chain(length);
+    }
+    test_session one(store), other(store);
+    one.db().attach();
+    modify(one.root())->next = nullptr;
+    EXPECT_EQ(one.db().start_gc(), 1U);
+    EXPECT_EQ(numbers_in(one.db()).count, 1U);
+    std::vector<std::int64_t> expected;
+    for (int round = 0; round < 6; ++round) {
+      test_session& session = round % 2 == 0 ? one : other;
+      session.db().attach();
+      const ref<cell> root = session.root();
+      for (int i = 0; i < 90; ++i) {
+        const std::int64_t value = round * 100 + i;
+        modify(root)->next = new_cell(value, ref<cell>(root->next));
+        expected.insert(expected.begin(), value);
+      }
+    }
+    EXPECT_EQ(values_of(ref<cell>(other.root()->next)), expected);
+    EXPECT_EQ(numbers_in(other.db()).count, 1 + expected.size());
+  }
+}
+
 TEST(NumberReuseTest, NumbersAndTheFileStopGrowing) {
   constexpr int length = 3000;
   constexpr int rounds = 12;

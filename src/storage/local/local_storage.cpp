@@ -334,15 +334,24 @@ number_range local_storage::reuse(std::uint32_t most) {
 void local_storage::give_back(number_range unused) noexcept {
   const std::uint64_t end = std::uint64_t{unused.first} + unused.count;
   // Begun groups were never used, and may go back to where they came from, the end of all numbers.
+  // A group of which something has been used does not go back: what is used there may be removed,
+  // and the group with it be handed out again.
   const bool is_begun = unused.first % segment_slots != 0 || end % segment_slots != 0;
+  const std::uint64_t first =
+      (std::uint64_t{unused.first} + segment_slots - 1) / segment_slots * segment_slots;
   std::uint64_t next = end;
-  if (is_begun && next_object_.compare_exchange_strong(next, unused.first)) return;
+  if (is_begun && first < end && next_object_.compare_exchange_strong(next, first)) return;
   free_.give_back(unused.first, end);
 }
 
 void local_storage::reclaim(const std::function<bool(object_number first)>& is_unused) {
   check_process();
-  free_.reclaim([&](segment_number number) { return is_unused(number * segment_slots); });
+  free_.reclaim([&](segment_number number) {
+    // allocate() still hands out the numbers of a group that has been reached only in part. Asked
+    // for first: who has been given numbers since is known to is_unused().
+    const std::uint64_t end = (std::uint64_t{number} + 1) * segment_slots;
+    return end <= next_object_.load() && is_unused(number * segment_slots);
+  });
 }
 
 void local_storage::make_durable() {
