@@ -92,7 +92,11 @@ void commit_builder::build() {
       to_begin_with = open_.size();
       if (!packs_late_) pack_numbered();
     }
-    if (!next.handle->is_transient()) continue;  // met before
+    if (!next.handle->is_transient()) {
+      // Met before, or stored by another transaction since it was put here.
+      build_on(next.handle->id(), next.handle);
+      continue;
+    }
     make_persistent(*next.handle, next.storage);
   }
   pack_numbered();

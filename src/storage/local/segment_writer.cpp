@@ -14,11 +14,14 @@ bool is_apart_in(const segment_patch* patch, object_number number) {
 }
 
 // What stands in for a segment that cannot be read: objects that may be there and of which nothing
-// is left. Each has its body apart, where there is none, so that who asks for it is told.
-std::shared_ptr<const segment> lost_segment(const segment_patch& patch) {
+// is left. Each has its body apart, where there is none, so that who asks for it is told. Numbers
+// from `end` on were never used.
+std::shared_ptr<const segment> lost_segment(const segment_patch& patch, std::uint64_t end) {
   segment_builder builder(patch.number(), nullptr);
   for (unsigned slot = 0; slot < segment_slots; ++slot)
-    if ((patch.removed() >> slot & 1) == 0) builder.put_apart(slot, 1, 1);
+    if ((patch.removed() >> slot & 1) == 0 &&
+        std::uint64_t{patch.number()} * segment_slots + slot < end)
+      builder.put_apart(slot, 1, 1);
   return builder.build(patch.version());
 }
 
@@ -85,7 +88,7 @@ std::shared_ptr<const segment> segment_writer::read_below(const segment_patch& p
   if (below) return below;
   into_.remove_apart(patch.number() * segment_slots,
                      patch.number() * segment_slots + (segment_slots - 1));
-  return lost_segment(patch);
+  return lost_segment(patch, into_.state().next_object);
 }
 
 void segment_writer::write_segment(const segment_view& now) {
