@@ -3,8 +3,11 @@
 #include <charconv>
 #include <filesystem>
 #include <fstream>
+#include <istream>
+#include <optional>
 #include <string_view>
 #include <system_error>
+#include <vector>
 
 #include <goods/errors.h>
 
@@ -13,6 +16,7 @@ namespace goods {
 namespace {
 
 constexpr std::size_t most_storages = 0xFFFF;
+constexpr std::streamsize longest_line = 65536;  // bytes, the line feed included
 
 [[noreturn]] void throw_in_file(const std::string& path, const std::string& what) {
   throw_error(error_code::usage, "Error in database configuration file \"" + path + "\": " + what);
@@ -50,6 +54,33 @@ void add_storage(configuration& into, const std::string& path, std::string_view 
   into.addresses[number] = address;
 }
 
+// Reads lines one after the other.
+class line_reader {
+ public:
+  line_reader(std::istream& file, const std::string& path) : file_(file), path_(path) {}
+
+  // Without the line feed and blanks around it, until the next call; nothing behind the last one.
+  std::optional<std::string_view> next() {
+    ++number_;
+    file_.getline(text_.data(), longest_line);
+    const std::streamsize length = file_.gcount();
+    if (file_.fail() && length == longest_line - 1) {
+      throw_in_file(path_, "line " + std::to_string(number_) + " is longer than " +
+                               std::to_string(longest_line) + " bytes.");
+    }
+    if (!file_) return std::nullopt;
+    const std::streamsize end = file_.eof() ? length : length - 1;
+    return trimmed({text_.data(), static_cast<std::size_t>(end)});
+  }
+  std::size_t number() const { return number_; }
+
+ private:
+  std::istream& file_;
+  const std::string& path_;
+  std::vector<char> text_ = std::vector<char>(static_cast<std::size_t>(longest_line));
+  std::size_t number_ = 0;
+};
+
 }  // namespace
 
 configuration read_configuration(const std::string& path) {
@@ -65,18 +96,16 @@ configuration read_configuration(const std::string& path) {
   }
   configuration result;
   result.directory = std::filesystem::absolute(path).parent_path();
-  std::string line;
-  std::getline(file, line);
+  line_reader lines(file, path);
   std::size_t count = 0;
-  if (!to_number(trimmed(line), count) || count == 0 || count > most_storages) {
+  if (!to_number(lines.next().value_or(""), count) || count == 0 || count > most_storages) {
     throw_in_file(path, "the first line must be the number of storages.");
   }
   result.addresses.resize(count);
   for (std::size_t i = 0; i < count; ++i) {
-    if (!std::getline(file, line)) {
-      throw_in_file(path, "the first line doesn't match the number of listed storages.");
-    }
-    add_storage(result, path, trimmed(line), i + 2);
+    const std::optional<std::string_view> line = lines.next();
+    if (!line) throw_in_file(path, "the first line doesn't match the number of listed storages.");
+    add_storage(result, path, *line, lines.number());
   }
   return result;
 }

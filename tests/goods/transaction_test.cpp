@@ -479,7 +479,9 @@ TEST(DatabaseTest, RefusesWhatItCannotOpenByName) {
     const char* content;
     const char* message;
   };
+  const std::string endless = "1\n0: file:./" + std::string(70'000, 'a');
   const test_case cases[] = {
+      {endless.c_str(), "line 2 is longer than 65536 bytes"},
       {"", "first line must be the number"},
       {"x\n", "first line must be the number"},
       {"0\n", "first line must be the number"},
@@ -493,7 +495,7 @@ TEST(DatabaseTest, RefusesWhatItCannotOpenByName) {
   };
   const scratch_directory directory;
   for (const test_case& c : cases) {
-    SCOPED_TRACE(c.content);
+    SCOPED_TRACE(c.message);
     const std::string path = directory.file("bad.cfg");
     std::ofstream(path) << c.content;
     database db;
