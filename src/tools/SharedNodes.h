@@ -23,7 +23,7 @@ class SharedNodes {
   bool entersHere(const TarnRef& node, const TarnRef& holder, std::string_view name);
 
  private:
-  TarnRef top_;                                // of the branch
+  TarnRef top_;  // of the branch
   goods::kept_numbers kept_;
   std::unordered_set<std::uint64_t> entered_;  // identifiers of nodes that have no place in it
 };

@@ -289,9 +289,8 @@ TEST_F(CommandTest, GcListsAndRemovesWhatNoPathLeadsTo) {
   const program_result collected = run({"gc"});
   EXPECT_EQ(collected.status, 0);
   const auto lines = std::count(listed.begin(), listed.end(), '\n');
-  EXPECT_THAT(collected.out,
-              testing::MatchesRegex("objects removed: " + std::to_string(lines - 1) +
-                                    ", stayed: [1-9][0-9]*; bytes freed: [0-9]+\n"));
+  EXPECT_THAT(collected.out, testing::MatchesRegex("objects removed: " + std::to_string(lines - 1) +
+                                                   ", stayed: [1-9][0-9]*; bytes freed: [0-9]+\n"));
   EXPECT_EQ(collected.err, "");
   EXPECT_THAT(run({"--format", "json", "gc"}).out,
               testing::MatchesRegex(R"(\{"removed": 0, "stayed": [0-9]+, "freed": 0\}
