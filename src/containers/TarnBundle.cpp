@@ -31,6 +31,17 @@ goods::ref<goods::set_member> ParentLinkOf(const TarnRef& node) {
   });
 }
 
+// The entry of a node's child: its link to the parent unless it has its parent elsewhere.
+goods::ref<goods::set_member> EntryOf(const TarnRef& node, const TarnRef& child) {
+  if (child->getParent() == node) return ParentLinkOf(child);
+  goods::ref<goods::set_member> found;
+  ForEachEntry(node->getChildren(), [&](const goods::held_entry& entry, const TarnRef& target) {
+    if (target == child) found = entry.member;
+    return found.is_null();
+  });
+  return found;
+}
+
 // Whether a block's name says that so many slots are free.
 bool SaysNumber(std::string_view name, std::string_view base) {
   return name.starts_with(base) && (name.size() == base.size() || name[base.size()] == '_');
@@ -51,6 +62,14 @@ const TarnObject* LookAt(goods::reader& reader, const TarnObjects& index, std::s
   const auto entry = index.find(reader, name);
   if (!entry) return nullptr;
   return static_cast<const TarnObject*>(reader.look(entry->target, TarnObject::self_class));
+}
+
+[[noreturn]] void ThrowNoSpace(const TarnRef& bundle) {
+  TarnException error;
+  error << "The bundle \"" << bundle->getName()
+        << "\" cannot hand out objects: its blocks are not in the index of its own child \""
+        << TarnBundle::kBlocks << "\".";
+  throw error;
 }
 
 // What is known of a block when its objects have identifiers.
@@ -169,16 +188,10 @@ xcptref<TarnObject> TarnBundle::newChild(const char* name) {
   Space space;
   if (!findSpace(space)) {
     makeSpace();
-    findSpace(space);
+    if (!findSpace(space)) ThrowNoSpace(getSelf());
   }
   unsigned short slot = 0;
-  bool isFresh = false;
-  unsigned short left = 0;
-  {
-    auto block = modify(space.block);
-    isFresh = block->allocate(slot);
-    left = block->getNumUnused();
-  }
+  bool isFresh = modify(space.block)->allocate(slot);
   TarnRef child = space.block->getAt(slot);
   if (child.is_null()) {
     child = refill(space.block, slot);
@@ -187,7 +200,7 @@ xcptref<TarnObject> TarnBundle::newChild(const char* name) {
   if (!isFresh) Renew(child);
   modify(child)->initialize();
   modify(space.children)->insert(text, child);
-  rename(space, left);
+  rename(space);  // by what is free now: initialize() may have used the bundle, too
   return child;
 }
 
@@ -218,8 +231,8 @@ void TarnBundle::makeSpace() {
 }
 
 // As updateBlockName(), for a block whose number of free slots has changed.
-void TarnBundle::rename(const Space& space, unsigned short numUnused) {
-  const XString base = TarnBundleBlock::GetBaseNameFor(numUnused);
+void TarnBundle::rename(const Space& space) {
+  const XString base = space.block->getBaseName();
   if (space.entry.is_null() || SaysNumber(space.entry->key(), base.view())) return;
   const XString unique = space.blocks->getUniqueChildName(base);
   modify(space.list)->rename(space.entry, unique.view());
@@ -254,10 +267,10 @@ void TarnBundle::updateBlockName(xcptref<TarnObject> block, const char* oldName)
   const XString base = xcptref<TarnBundleBlock>(block)->getBaseName();
   const TarnRef blocks = this->blocks();
   if (blocks.is_null()) return;
-  const goods::ref<goods::set_member> entry = ParentLinkOf(block);
+  const goods::ref<goods::set_member> entry = EntryOf(blocks, block);
   // An entry that gets another name is the same one: nothing is left behind.
   if (!SaysNumber(ViewOf(oldName), base.view()) && !entry.is_null() &&
-      entry->key() == ViewOf(oldName) && block->getParent() == blocks) {
+      entry->key() == ViewOf(oldName)) {
     const XString unique = blocks->getUniqueChildName(base);
     modify(blocks->getChildren())->rename(entry, unique.view());
     return;
@@ -281,10 +294,9 @@ bool TarnBundle::deleteBundledChild(const char* name) {
   space.block = block;
   space.blocks = blocks();
   space.list = space.blocks->getChildren();
-  space.entry = ParentLinkOf(block);
-  auto body = modify(block);
-  body->markAsFree(child);
-  rename(space, body->getNumUnused());
+  space.entry = EntryOf(space.blocks, block);
+  modify(block)->markAsFree(child);
+  rename(space);
   return true;
 }
 
@@ -333,8 +345,9 @@ unsigned long TarnBundle::getNumBlocks() const {
 
 TarnBundleIter TarnBundle::first() const {
   const TarnRef blocks = this->blocks();
-  return blocks.is_null() ? TarnBundleIter()
-                          : TarnBundleIter(blocks->getIterToFirstAbstractChild());
+  return blocks.is_null()
+             ? TarnBundleIter()
+             : TarnBundleIter(blocks->getIterToFirstAbstractChild(), bundledChildren());
 }
 
 }  // namespace tarns

@@ -202,11 +202,20 @@ const TarnObject* TarnBundleBlock::findChild(goods::reader& reader, std::string_
   return TarnObject::findChild(reader, name);
 }
 
+bool TarnBundleBlock::setChildNode(const char* name, xcptref<TarnObject>& node) {
+  const unsigned short index = SlotCalled(ViewOf(name));
+  if (index == kCapacity) return TarnObject::setChildNode(name, node);
+  setAt(index, node);
+  return true;
+}
+
 // --- Copies and text ----------------------------------------------------------------------------
 
 xcptref<TarnObject> TarnBundleBlock::clone() const {
   const xcptref<TarnBundleBlock> copy(TarnObject::clone());
-  if (!slots_.is_null()) modify(copy)->slots_ = xcptref<TarnBundleSlots>(slots_->clone());
+  auto body = modify(copy);
+  if (!slots_.is_null()) body->slots_ = xcptref<TarnBundleSlots>(slots_->clone());
+  body->firstFresh_ = kCapacity;
   return copy;
 }
 
@@ -214,6 +223,7 @@ void TarnBundleBlock::copyFrom(xcptref<TarnObject> other) {
   const xcptref<TarnBundleSlots> own = slots_;
   TarnObject::copyFrom(std::move(other));
   if (!slots_.is_null() && slots_ != own) slots_ = xcptref<TarnBundleSlots>(slots_->clone());
+  firstFresh_ = kCapacity;
 }
 
 bool TarnBundleBlock::writeConcreteMembers(PInOut& out) const {
@@ -224,6 +234,7 @@ bool TarnBundleBlock::writeConcreteMembers(PInOut& out) const {
 }
 
 bool TarnBundleBlock::read(PInOut& in) {
+  firstFresh_ = kCapacity;
   do {
     TarnObject::read(in);
     if (SlotCalled(in.getCommand()) == kCapacity) return true;

@@ -1,8 +1,29 @@
 #include <tarns/containers/TarnBundleIter.h>
 
+#include <string>
+#include <string_view>
+#include <utility>
+
+#include "core/node_access.h"
+
 namespace tarns {
 
-TarnBundleIter::TarnBundleIter(TarnIterator blocks) {
+namespace {
+
+// Of an object that has its parent elsewhere; empty when the node does not list it.
+XString NameIn(const TarnRef& node, const TarnRef& object) {
+  std::string name;
+  ForEachEntry(node->getChildren(), [&](const goods::held_entry& entry, const TarnRef& target) {
+    if (target == object) name = entry.name;
+    return name.empty();
+  });
+  return XString(std::string_view(name));
+}
+
+}  // namespace
+
+TarnBundleIter::TarnBundleIter(TarnIterator blocks, xcptref<TarnObject> names)
+    : names_(std::move(names)) {
   while (!blocks.isNull()) blocks_.emplace_back(blocks.next(nullptr));
   if (blocks_.empty()) return;
   blocks_.front()->preload();
@@ -40,8 +61,10 @@ xcptref<TarnObject> TarnBundleIter::next(XString* name) {
 void TarnBundleIter::copyName(XString& name) const {
   if (isNull()) {
     name.setCapacity(0);
-  } else {
+  } else if (names_.is_null() || current_->getParent() == names_) {
     name = current_->getName();
+  } else {
+    name = blocks_[block_]->isFree(slot_) ? XString("") : NameIn(names_, current_);
   }
 }
 

@@ -9,11 +9,22 @@
 #include <cstdint>
 #include <iterator>
 
+#include "core/further_children.h"
 #include "core/node_access.h"
 
 namespace tarns {
 
 TARN_REGISTER_WITH(TarnCollection, TarnUint32Value, .pageN = 146);
+
+namespace {
+
+TarnRef OldOf(const TarnRef& node) {
+  return node.isA<TarnCollection>() ? xcptref<TarnCollection>(node)->getOld() : nullptr;
+}
+
+[[maybe_unused]] const bool isDefined = DefineFurtherHolder(OldOf);
+
+}  // namespace
 
 TarnCollection::TarnCollection(xcptref<TarnObject> old) : TarnCollection() {
   old_ = std::move(old);
@@ -41,6 +52,18 @@ void TarnCollection::setNode(const char* path, xcptref<TarnObject> node) {
   const bool isInOld = isChild && !old_.is_null() && getIterTo(path).isNull();
   TarnUint32Value::setNode(path, std::move(node));
   if (isInOld) modify(old_)->deleteChild(path);
+}
+
+xcptref<TarnObject> TarnCollection::clone() const {
+  const xcptref<TarnCollection> copy(TarnUint32Value::clone());
+  if (copy->isBalancing()) modify(copy)->discardOld();
+  return copy;
+}
+
+void TarnCollection::copyFrom(xcptref<TarnObject> other) {
+  const TarnRef old = old_;
+  TarnUint32Value::copyFrom(std::move(other));
+  old_ = old;
 }
 
 unsigned long TarnCollection::getNumChildren() const {

@@ -1,14 +1,18 @@
 // TarnCollection: making the index of a node anew.
 #include <goods/cache_manager.h>
+#include <tarns/containers/TarnBundle.h>
 #include <tarns/containers/TarnCollection.h>
 #include <tarns/core/TarnException.h>
 #include <tarns/core/TarnObjects.h>
 #include <tarns/session/TarnManager.h>
 
+#include <exception>
+#include <optional>
 #include <string>
 #include <utility>
 #include <vector>
 
+#include "core/further_children.h"
 #include "core/node_access.h"
 
 namespace tarns {
@@ -16,6 +20,51 @@ namespace tarns {
 namespace {
 
 constexpr std::size_t kNamesAtOnce = 512;
+
+[[noreturn]] void ThrowCannotBalance(const std::string& name, const std::string& why) {
+  TarnException error;
+  error << "The node \"" << name << "\" cannot be balanced: " << why;
+  throw error;
+}
+
+// Whether the error is that of one object, which others do not have.
+bool IsUnreadable(const TarnException& error) {
+  return error.getErrorID() == ErrorID::ObjectGone || error.getErrorID() == ErrorID::CorruptData;
+}
+
+// Whether a collection shows the node's value as the node does.
+bool SurvivesAsUint32(const TarnRef& node, const TarnData& value) {
+  if (!TarnValue::CreateValue(value)->isOfType(node->getType())) return false;
+  return TarnData(value.getUint32()).getText() == value.getText();
+}
+
+// The entry that the path leads through; null for what a member refers to.
+goods::ref<goods::set_member> EntryOf(const TarnRef& parent, const char* name,
+                                      const TarnRef& child) {
+  for (TarnRef holder = parent; !holder.is_null(); holder = FurtherHolderOf(holder)) {
+    const TarnIterator place = holder->getIterTo(name);
+    if (!place.isNull() && place.get(nullptr) == child) return place.getEntry();
+  }
+  return nullptr;
+}
+
+// Throws unless a collection in the child's place does all that the child does.
+void VerifyReplaceable(const TarnRef& parent, const std::string& name, const TarnRef& child) {
+  const bool isBundles = name == TarnBundle::kBundledChildren || name == TarnBundle::kBlocks;
+  if (isBundles && parent.isA<TarnBundle>())
+    ThrowCannotBalance(name, "a bundle needs it as it is.");
+  if (!child->isOfType(TarnObject::GetType()) && !child->isOfType(TarnCollection::GetType())) {
+    TarnData value;
+    if (!child->get(nullptr, value) || !SurvivesAsUint32(child, value)) {
+      ThrowCannotBalance(name, std::string("a collection cannot replace a \"") + child->getType() +
+                                   "\" of its kind without loss.");
+    }
+  }
+  if (child->hasParent() &&
+      !TarnNodeAccess::IsParentLink(child, EntryOf(parent, name.c_str(), child))) {
+    ThrowCannotBalance(name, "it has its parent elsewhere; balance it there.");
+  }
+}
 
 // One call of Balance(). Each step is a transaction that begins with write access to what all
 // others that change the collection write first, so that no two steps wait for each other with
@@ -32,6 +81,7 @@ class Balancing {
     if (!begin()) return;
     do {
       moveAll();
+      if (failure_) std::rethrow_exception(failure_);
     } while (!end());
   }
 
@@ -57,6 +107,7 @@ class Balancing {
       const TarnRef child = parent->getChildWithName(name_.c_str());
       if (child.is_null()) return false;
       if (take(child)) return true;  // by another thread meanwhile
+      VerifyReplaceable(parent_, name_, child);
       old_ = child;
       const xcptref<TarnCollection> made(new TarnCollection(child));
       auto collection = modify(made);
@@ -78,14 +129,26 @@ class Balancing {
     return true;
   }
 
-  // Until the old node has no children, whoever takes them out.
+  // Until the old node has no children that can be read, whoever takes them out.
   void moveAll() {
+    std::string failed;  // children called so, and before that, stay
     while (true) {
-      const std::vector<std::string> names = old_->getChildNames({}, kNamesAtOnce);
+      const std::vector<std::string> names = old_->getChildNames(failed, kNamesAtOnce);
       if (names.empty()) return;
       for (const std::string& name : names) {
-        step([&] { return move(name); });
+        if (name != failed && !step([&] { return move(name); })) failed = name;
       }
+    }
+  }
+
+  // Whether the child has its parent through the entry; nothing when it cannot be read.
+  std::optional<bool> isHome(const TarnRef& child, const goods::ref<goods::set_member>& entry) {
+    try {
+      return TarnNodeAccess::IsParentLink(child, entry);
+    } catch (const TarnException& error) {
+      if (!IsUnreadable(error)) throw;
+      if (!failure_) failure_ = std::current_exception();
+      return std::nullopt;
     }
   }
 
@@ -95,15 +158,17 @@ class Balancing {
     return index;
   }
 
-  // The first child of that name, unless somebody has deleted it.
+  // The first child of that name, unless somebody has deleted it. False when it cannot be read, and
+  // stays. An entry without child, as damage leaves them, goes over as it is.
   bool move(const std::string& name) {
     auto target = modify(index());
     const TarnIterator place = old_->getIterTo(name.c_str());
-    if (place.isNull()) return false;
+    if (place.isNull()) return true;
     const TarnRef child = place.get(nullptr);
-    const bool isOwn = TarnNodeAccess::IsParentLink(child, place.getEntry());
+    const auto isOwn = isHome(child, place.getEntry());
+    if (!isOwn) return false;
     modify(old_->getChildren())->removeEntry(place.getEntry());
-    if (isOwn) {
+    if (*isOwn) {
       target->insert(name, child);
     } else {
       target->link(name, child);  // its parent is elsewhere
@@ -128,6 +193,7 @@ class Balancing {
   const TarnRef progress_;
   xcptref<TarnCollection> collection_;
   TarnRef old_;
+  std::exception_ptr failure_;  // the first child's that could not be read
 };
 
 }  // namespace

@@ -12,6 +12,7 @@
 #include <utility>
 #include <vector>
 
+#include "core/further_children.h"
 #include "core/node_access.h"
 
 namespace tarns {
@@ -112,11 +113,13 @@ class BranchCopy {
       if (!TarnObject::IsTarnObject(target)) return;
       if (const auto node = TarnRef::Trusted(target); IsOwnedByMember(node)) find(node);
     });
-    ForEachEntry(original->getChildren(),
-                 [&](const goods::held_entry& entry, const TarnRef& child) {
-                   if (TarnNodeAccess::IsParentLink(child, entry.member)) find(child);
-                   return true;
-                 });
+    for (TarnRef holder = original; !holder.is_null(); holder = FurtherHolderOf(holder)) {
+      ForEachEntry(holder->getChildren(),
+                   [&](const goods::held_entry& entry, const TarnRef& child) {
+                     if (TarnNodeAccess::IsParentLink(child, entry.member)) find(child);
+                     return true;
+                   });
+    }
   }
 
   // The copy of a node of the branch; otherwise null.
@@ -131,11 +134,15 @@ class BranchCopy {
       const goods::object_ref target(reference);
       if (TarnRef inside = copyOf(target); !inside.is_null()) reference = inside;
     });
-    const xcptref<TarnObjects> children = original->getChildren();
-    if (children.is_null()) return;
+    for (TarnRef holder = original; !holder.is_null(); holder = FurtherHolderOf(holder)) {
+      linkChildren(holder->getChildren(), *body);
+    }
+  }
+
+  void linkChildren(const xcptref<TarnObjects>& children, TarnObject& copy) {
     xcptref<TarnObjects> index;
     ForEachEntry(children, [&](const goods::held_entry& entry, const TarnRef& child) {
-      if (index.is_null()) index = TarnNodeAccess::MakeIndex(*body);
+      if (index.is_null()) index = TarnNodeAccess::MakeIndex(copy);
       const bool isOwned = TarnNodeAccess::IsParentLink(child, entry.member);
       const TarnRef inside = copyOf(child);
       if (isOwned && !inside.is_null()) {

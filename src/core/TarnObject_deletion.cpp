@@ -9,6 +9,7 @@
 #include <unordered_set>
 #include <vector>
 
+#include "core/further_children.h"
 #include "core/node_access.h"
 
 namespace tarns {
@@ -47,12 +48,15 @@ bool TarnObject::deleteChild(const char* name) {
 }
 
 bool TarnObject::deleteChild(const xcptref<TarnObject>& child) {
-  if (child.is_null() || children_.is_null()) return false;
+  if (child.is_null()) return false;
   const auto entry = goods::read_here([&](goods::reader& reader) {
     const auto word = TarnNodeAccess::ParentLinkOf(*reader.get(child));
     return goods::ref<goods::set_member>::trusted(goods::to_reference(word));
   });
-  return !entry.is_null() && modify(children_)->removeEntry(entry);
+  if (entry.is_null()) return false;
+  if (!children_.is_null() && modify(children_)->removeEntry(entry)) return true;
+  const TarnRef further = FurtherHolderOf(getSelf());
+  return !further.is_null() && modify(further)->deleteChild(child);
 }
 
 bool TarnObject::findAndDeleteChild(const xcptref<TarnObject>& child) {
@@ -62,11 +66,16 @@ bool TarnObject::findAndDeleteChild(const xcptref<TarnObject>& child) {
     if (target == child) entry = held.member;
     return entry.is_null();
   });
-  return !entry.is_null() && modify(children_)->removeEntry(entry);
+  if (!entry.is_null()) return modify(children_)->removeEntry(entry);
+  const TarnRef further = FurtherHolderOf(getSelf());
+  return !further.is_null() && modify(further)->findAndDeleteChild(child);
 }
 
 void TarnObject::deleteChildren() {
   if (!children_.is_null()) modify(children_)->deleteChildren();
+  if (const TarnRef further = FurtherHolderOf(getSelf()); !further.is_null()) {
+    modify(further)->deleteChildren();
+  }
 }
 
 unsigned long TarnObject::deleteChildrenIf(ChildTest function, const void* arg) {
@@ -88,6 +97,9 @@ unsigned long TarnObject::deleteChildrenIf(
     if (test(entry.name.c_str(), child) && modify(children_)->removeEntry(entry.member)) ++deleted;
     return true;
   });
+  if (const TarnRef further = FurtherHolderOf(getSelf()); !further.is_null()) {
+    deleted += modify(further)->deleteChildrenIf(test);
+  }
   return deleted;
 }
 
@@ -145,7 +157,8 @@ void TarnObject::shatter() {
       targets.push_back(child);
       return true;
     });
-    node->deleteChildren();
+    // Not those in a further node: it is one of the targets.
+    if (!node->children_.is_null()) modify(node->children_)->deleteChildren();
     for (TarnRef& target : targets) {
       if (seen.insert(target).second) open.push_back(std::move(target));
     }

@@ -9,6 +9,7 @@
 #include <string>
 #include <vector>
 
+#include "core/further_children.h"
 #include "core/node_access.h"
 
 namespace tarns {
@@ -45,6 +46,22 @@ void VerifyNotBelow(const TarnRef& node, const TarnRef& newParent) {
   error << "The node \"" << PathOf(node) << "\" cannot be placed below itself, at \""
         << PathOf(newParent) << "\".";
   throw error;
+}
+
+// Children with another parent keep it.
+void MoveEntries(const xcptref<TarnObjects>& from, const xcptref<TarnObjects>& to) {
+  auto index = modify(from);
+  auto target = modify(to);
+  ForEachEntry(from, [&](const goods::held_entry& entry, const TarnRef& child) {
+    const bool isOwn = TarnNodeAccess::IsParentLink(child, entry.member);
+    index->removeEntry(entry.member);
+    if (isOwn) {
+      target->insert(entry.name, child);
+    } else {
+      target->link(entry.name, child);
+    }
+    return true;
+  });
 }
 
 // The first ancestor that `test(reader, ancestor)` accepts, or null. The test keeps nothing between
@@ -151,27 +168,20 @@ void TarnObject::bequeathChildren(xcptref<TarnObject>& heir) {
   if (heir.is_null()) ThrowBadRef("NULL TarnRef write dereference");
   if (heir == getSelf()) return;
   VerifyNotBelow(getSelf(), heir);
+  const TarnRef further = FurtherHolderOf(getSelf());
+  if (!further.is_null() && further != heir) VerifyNotBelow(further, heir);
   auto node = modify(heir);
-  if (children_.is_null()) return;
-  note_relinked();
-  if (node->children_.is_null()) {
-    modify(children_)->setParent(heir);
-    node->children_ = children_;
-    children_ = nullptr;
-    return;
-  }
-  auto index = modify(children_);
-  auto target = modify(node->children_);
-  ForEachEntry(children_, [&](const goods::held_entry& entry, const TarnRef& child) {
-    const bool isOwn = TarnNodeAccess::IsParentLink(child, entry.member);
-    index->removeEntry(entry.member);
-    if (isOwn) {
-      target->insert(entry.name, child);
+  if (!children_.is_null()) {
+    note_relinked();
+    if (node->children_.is_null()) {
+      modify(children_)->setParent(heir);
+      node->children_ = children_;
+      children_ = nullptr;
     } else {
-      target->link(entry.name, child);
+      MoveEntries(children_, node->children_);
     }
-    return true;
-  });
+  }
+  if (!further.is_null()) modify(further)->bequeathChildren(heir);
 }
 
 void TarnObject::moveChild(const char* name, xcptref<TarnObject> child) {

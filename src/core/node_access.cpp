@@ -161,7 +161,8 @@ bool FindInIndex(const TarnRef& parent, std::string_view name, TarnRef& child) {
 bool TarnNodeAccess::IsParentLink(const TarnRef& child,
                                   const goods::ref<goods::set_member>& entry) {
   return goods::read_here([&](goods::reader& reader) {
-    return goods::to_reference(ParentLinkOf(*reader.get(child))) == entry;
+    const TarnObject* node = reader.get(child);
+    return node != nullptr && goods::to_reference(ParentLinkOf(*node)) == entry;
   });
 }
 

@@ -4,6 +4,8 @@
 
 #include <string>
 
+#include "core/further_children.h"
+
 namespace tarns {
 
 namespace {
@@ -39,7 +41,9 @@ void BranchMerger::mergePair(const Pair& pair) {
     open_.push_back({{pair.target.node, nullptr}, winner, pair.name, false});
     return;
   }
-  for (const auto& [name, child] : pair.source.node->children()) mergeChild(name, child, pair);
+  for (TarnRef holder = pair.source.node; !holder.is_null(); holder = FurtherHolderOf(holder)) {
+    for (const auto& [name, child] : holder->children()) mergeChild(name, child, holder, pair);
+  }
 }
 
 bool BranchMerger::replaceNode(const Pair& pair) {
@@ -59,14 +63,14 @@ bool BranchMerger::replaceNode(const Pair& pair) {
   return true;
 }
 
-void BranchMerger::mergeChild(std::string_view name, const TarnRef& child, const Pair& of) {
-  const auto& [source, giver] = of.source;
+void BranchMerger::mergeChild(std::string_view name, const TarnRef& child, const TarnRef& holder,
+                              const Pair& of) {
   const TarnRef& target = of.target.node;
   const TarnRef present = target->getChildWithName(name);
   const std::string text(name);
   if (!present.is_null()) {
-    open_.push_back({{child, source}, {present, target}, text, of.sourceWins});
-  } else if (child->getParent() == source) {
+    open_.push_back({{child, holder}, {present, target}, text, of.sourceWins});
+  } else if (child->getParent() == holder) {
     modify(target)->moveChild(text.c_str(), child);
   } else {
     modify(target)->addChild(text.c_str(), child);  // its place is elsewhere

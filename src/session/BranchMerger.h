@@ -38,7 +38,9 @@ class BranchMerger {
   void mergePair(const Pair& pair);
   // Decides on the nodes themselves. True when the target has left its place to the source.
   bool replaceNode(const Pair& pair);
-  void mergeChild(std::string_view name, const TarnRef& child, const Pair& of);
+  // `holder` lists the child: the source of the pair, or the node that has further ones of its.
+  void mergeChild(std::string_view name, const TarnRef& child, const TarnRef& holder,
+                  const Pair& of);
 
   bool overwrite_;
   std::vector<Pair> open_;

@@ -2,6 +2,7 @@
 #include <tarns/core/TarnBranches.h>
 #include <tarns/schema/TarnClassRegistration.h>
 
+#include <algorithm>
 #include <memory>
 
 #include "tools/Invocation.h"
@@ -19,18 +20,33 @@ class BalanceProgress : public TarnObject {
  public:
   void touch() override {
     ThrowIfInterrupted();
-    if (progress_ != nullptr) progress_->show(moved_, moved_);
+    if (progress_ != nullptr) progress_->show(std::min(moved_, total_), moved_);
     ++moved_;
   }
-  void showWith(Progress* progress) { progress_ = progress; }
+  void showWith(Progress* progress, std::uint64_t total) {
+    progress_ = progress;
+    total_ = total;
+  }
 
  private:
   Progress* progress_ = nullptr;
-  std::uint64_t moved_ = 0;
+  std::uint64_t moved_ = 0, total_ = 0;
 };
 TARN_REGISTER(BalanceProgress, TarnObject);
 
 namespace {
+
+// The node whose children are to be moved: of a collection that an earlier call has left, the old
+// one. Throws for what a collection does not replace.
+TarnRef NodeToEmpty(const TarnRef& node, const std::string& path) {
+  if (node->isOfType(TarnObject::GetType())) return node;
+  if (!node.isA<TarnCollection>()) {
+    throw UsageError{"balance takes plain nodes and collections; \"" + path + "\" is a " +
+                     node->getType() + "."};
+  }
+  TarnRef old = xcptref<TarnCollection>(node)->getOld();
+  return old.is_null() ? node : old;
+}
 
 int Balance(const Invocation& invocation, const std::string& path) {
   if (invocation.format != Format::kAutomatic) throw UsageError{"balance has no --format."};
@@ -40,9 +56,11 @@ int Balance(const Invocation& invocation, const std::string& path) {
   const TarnRef parent = database.node(std::string(TarnBranches::ParentOf(path)));
   const std::string name(TarnBranches::LastOf(path));
   {
-    Progress progress("Balancing", node->getNumChildren(), "children");
+    const std::uint64_t total = NodeToEmpty(node, path)->getNumAbstractChildren();
+    SignalWatch watch;
+    Progress progress("Balancing", total, "children");
     const auto steps = BalanceProgress::Create();
-    modify(steps)->showWith(&progress);
+    modify(steps)->showWith(&progress, total);
     TarnCollection::Balance(*database, parent, name.c_str(), steps);
   }
   const xcptref<TarnCollection> collection(database.node(path));

@@ -67,9 +67,14 @@ int Bundle(const Invocation& invocation, const std::string& path) {
   }
   OpenDatabase database(invocation);
   const xcptref<TarnBundle> bundle(database.node(path));  // of another class: throws
-  const std::string className(bundle->getClassName().view());
-  const unsigned long objects = bundle->getNumBundledChildren();
-  const std::vector<BlockFacts> blocks = BlocksOf(bundle);
+  std::string className;
+  unsigned long objects = 0;
+  std::vector<BlockFacts> blocks;
+  database->transaction([&] {  // of one state
+    className = bundle->getClassName().view();
+    objects = bundle->getNumBundledChildren();
+    blocks = BlocksOf(bundle);
+  });
   Output out;
   if (invocation.format == Format::kJson) {
     WriteJson(out, className, objects, blocks);

@@ -9,6 +9,7 @@
 #include <filesystem>
 #include <random>
 #include <set>
+#include <utility>
 
 #include "containers/Drawer.h"
 #include "support/node_test.h"
@@ -41,6 +42,20 @@ class OpenBundle : public TarnBundle {
   using TarnBundle::updateBlockName;
 };
 TARN_REGISTER(OpenBundle, TarnBundle);
+
+// The first of a bundle that is initialized takes another one.
+class Parcel : public TarnObject {
+  TARN_CLASS(Parcel, TarnObject)
+
+ public:
+  static inline xcptref<TarnBundle> bundle;
+
+  void initialize() override {
+    const xcptref<TarnBundle> one = std::exchange(bundle, nullptr);
+    if (!one.is_null()) modify(one)->newChild("inner");
+  }
+};
+TARN_REGISTER(Parcel, TarnObject);
 
 namespace {
 
@@ -152,6 +167,44 @@ TEST(BundleBlockTest, ACopyHasAMapAndSlotsOfItsOwn) {
     EXPECT_EQ(one->getAt(0), first);
     EXPECT_TRUE(one->isFree(0));
   }
+}
+
+// Its objects make others of the same bundle.
+TEST_P(BundleTest, CountsWhatInitializeTakes) {
+  const auto bundle = addBundle("b", "Parcel");
+  Parcel::bundle = bundle;
+  atomically([&] { modify(bundle)->newChild("outer"); });
+  Parcel::bundle = nullptr;
+  EXPECT_EQ(bundle->getNumBundledChildren(), 2U);
+  EXPECT_THAT(BlocksOf(bundle), ElementsAre("0998"));
+}
+
+// Slots taken over from another block may have been used.
+TEST(BundleBlockTest, KnowsNoFreshSlotsAfterTakingOverOthers) {
+  const auto block = TarnBundleBlock::Create();
+  modify(block)->initialize("TarnObject");
+  const xcptref<TarnBundleBlock> copy(block->clone());
+  const auto taker = TarnBundleBlock::Create();
+  modify(taker)->initialize("TarnObject");
+  modify(taker)->copyFrom(block);
+  for (const auto& each : {copy, taker}) {
+    unsigned short slot = 0;
+    EXPECT_FALSE(modify(each)->allocate(slot));
+    EXPECT_EQ(slot, 0);
+  }
+}
+
+TEST(BundleBlockTest, PutsWhatTakesAnObjectsPlaceIntoTheSlot) {
+  const auto block = TarnBundleBlock::Create();
+  modify(block)->initialize("TarnObject");
+  const TarnRef node = TarnObject::Create();
+  modify(block)->setNode("BundleBlock_5", node);
+  EXPECT_EQ(block->getAt(5), node);
+  EXPECT_EQ(block->getChildWithName("BundleBlock_5"), node);
+  EXPECT_EQ(block->getNumAbstractChildren(), 0U);
+  const TarnRef further = TarnObject::Create();
+  modify(block)->setNode("BundleBlock_1000", further);
+  EXPECT_EQ(block->getNumAbstractChildren(), 1U) << "no slot";
 }
 
 TEST_P(BundleTest, NamesItsBlocksByTheirFreeSlotsAndFillsTheFullest) {
@@ -291,6 +344,30 @@ TEST_P(BundleTest, IteratesOverWhatIsUsedAlsoWhileThatChanges) {
   EXPECT_EQ(deleted, expected.size());
   EXPECT_EQ(bundle->getNumBundledChildren(), 0U);
   EXPECT_THAT(BlocksOf(bundle), ElementsAre("1000", "1000_0", "1000_1"));
+}
+
+// Objects and blocks that have been added elsewhere, too, and have their parent there.
+TEST_P(BundleTest, KeepsItsNamesForWhatHasItsParentElsewhere) {
+  const auto bundle = addBundle("b", "TarnObject");
+  fill(bundle, 3);
+  const TarnRef other = add("other");
+  const TarnRef guest = bundle->getBundledChildWithName("1");
+  const TarnRef block = bundle->getChildWithName("Blocks~0997");
+  modify(other)->addChild("0", guest);
+  modify(other)->addChild("0998", block);
+  EXPECT_EQ(NamesByIterator(bundle), (std::set<std::string>{"0", "1", "2"}));
+  const TarnBundleIter first = bundle->first();
+  EXPECT_TRUE(modify(bundle)->deleteBundledChild("1"));
+  EXPECT_THAT(BlocksOf(bundle), ElementsAre("0998"));
+  EXPECT_THAT(names_of(other), ElementsAre("0", "0998"));
+  modify(bundle)->updateBlockName(block, "0998");
+  EXPECT_EQ(NamesByIterator(bundle), (std::set<std::string>{"0", "2"}));
+  EXPECT_FALSE(first.isNull());
+  EXPECT_TRUE(modify(bundle)->deleteBundledChild("0"));
+  XString name("x");
+  first.get(&name);
+  EXPECT_TRUE(name.isEmpty()) << "deleted meanwhile";
+  EXPECT_THAT(BlocksOf(bundle), ElementsAre("0999"));
 }
 
 TEST_P(BundleTest, ComesBackFromItsText) {

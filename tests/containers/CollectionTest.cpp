@@ -6,6 +6,7 @@
 #include <tarns/schema/GOODSinOut.h>
 #include <tarns/schema/TarnClassRegistration.h>
 
+#include <functional>
 #include <map>
 #include <sstream>
 
@@ -189,6 +190,189 @@ TEST_F(CollectionTest, ABalancedCollectionCanBeBalancedAgain) {
   EXPECT_EQ(manager().getUint32("c"), 77U) << "the value is kept";
   EXPECT_EQ(collection()->getNumChildren(), 11U);
   EXPECT_STREQ(manager().getObject("c~Old")->getXString(nullptr), "a child of that name");
+}
+
+// All that a plain node with the same children would lose or hand over.
+TEST_F(CollectionTest, InterruptedItHandsOverMergesDeletesAndCopiesWhatIsInBothNodes) {
+  struct Case {
+    const char* what;
+    std::function<void()> work;
+    const char* at;  // where the six children are afterwards; null: nowhere
+  };
+  const auto source = [&] { return modify(manager().getObject("c")); };
+  const Case cases[] = {
+      {"bequeath to one without children",
+       [&] {
+         TarnRef heir = TarnObject::Create();
+         source()->bequeathChildren(heir);
+         manager().set("heir", heir);
+       },
+       "heir"},
+      {"bequeath to one with children",
+       [&] {
+         manager().set("heir~own", 1);
+         TarnRef heir = manager().getObject("heir");
+         source()->bequeathChildren(heir);
+         EXPECT_EQ(manager().getSint32("heir~own"), 1);
+       },
+       "heir"},
+      {"merge into another",
+       [&] {
+         manager().set("heir~own", 1);
+         manager().mergeBranch("c", "heir", false);
+       },
+       "heir"},
+      {"merge as the one that wins",
+       [&] {
+         manager().set("heir~own", 1);
+         manager().mergeBranch("c", "heir", true);
+       },
+       "heir"},
+      {"merge into it one that wins",
+       [&] {
+         manager().set("other", "a text");
+         manager().mergeBranch("other", "c", true);
+         EXPECT_STREQ(manager().getXString("c"), "a text");
+       },
+       "c"},
+      {"merge a balancing one into another one",
+       [&] {
+         manager().transaction([&] {
+           for (int i = 0; i < 6; ++i) manager().set("heir~" + std::to_string(10 + i), i);
+         });
+         TouchCounter::fails = TouchCounter::touched + 3;
+         EXPECT_ANY_THROW(TarnCollection::Balance(manager(), manager().getRoot(), "heir",
+                                                  TouchCounter::Create()));
+         manager().mergeBranch("c", "heir", true);
+         for (int i = 0; i < 6; ++i) {
+           EXPECT_EQ(manager().getSint32("heir~" + std::to_string(10 + i), -1), i);
+         }
+       },
+       "heir"},
+      {"copy the branch", [&] { manager().set("heir", manager().getObject("c")->deepClone()); },
+       "heir"},
+      {"delete all", [&] { source()->deleteChildren(); }, nullptr},
+      {"delete those of a class",
+       [&] { EXPECT_EQ(source()->deleteChildrenOfType("TarnSint32Value"), 6U); }, nullptr},
+      {"delete one by one",
+       [&] {
+         for (int i = 0; i < 6; ++i) {
+           const TarnRef child = manager().getObject("c~" + std::to_string(i));
+           EXPECT_TRUE(i % 2 == 0 ? source()->deleteChild(child)
+                                  : source()->findAndDeleteChild(child));
+           EXPECT_FALSE(source()->findAndDeleteChild(child));
+         }
+       },
+       nullptr},
+  };
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.what);
+    for (const char* path : {"c", "heir", "other"}) manager().deleteBranch(path);
+    addPlain(6);
+    balanceSteps(3);
+    c.work();
+    for (int i = 0; i < 6; ++i) {
+      const std::string name = "~" + std::to_string(i);
+      if (c.at != nullptr) {
+        EXPECT_EQ(manager().getSint32(c.at + name, -1), i);
+      } else {
+        EXPECT_TRUE(manager().getObject("c" + name).is_null());
+      }
+    }
+    if (c.at == nullptr) {
+      EXPECT_EQ(collection()->getNumChildren(), 0U);
+    }
+  }
+}
+
+TEST_F(CollectionTest, ACopyHasNoOldNode) {
+  addPlain(6);
+  balanceSteps(3);
+  const xcptref<TarnCollection> copy(collection()->clone());
+  EXPECT_FALSE(copy->isBalancing());
+  EXPECT_EQ(copy->getNumChildren(), 0U);
+  modify(copy)->copyFrom(collection());
+  EXPECT_FALSE(copy->isBalancing());
+  EXPECT_TRUE(collection()->isBalancing());
+  EXPECT_EQ(collection()->getNumChildren(), 6U);
+}
+
+TEST_F(CollectionTest, RefusesToReplaceWhatItCannotReplace) {
+  struct Case {
+    const char* what;
+    TarnRef node;
+    const char* reason;  // null: is balanced
+  };
+  const auto value = [](const TarnData& data) { return TarnValue::CreateValue(data); };
+  const Case cases[] = {
+      {"bundle", TarnBundle::Create("TarnObject"), "\"TarnBundle\""},
+      {"class of the application", TouchCounter::Create(), "\"TouchCounter\""},
+      {"text", value(TarnData("hello")), "TarnStringValue"},
+      {"empty text", value(TarnData("")), "TarnStringValue"},
+      {"fraction", value(TarnData(1.5)), "TarnDoubleValue"},
+      {"negative number", value(TarnData(std::int32_t{-1})), "TarnSint32Value"},
+      {"large number", value(TarnData(std::uint64_t{1} << 40U)), "TarnUint64Value"},
+      {"number", value(TarnData(std::uint32_t{7})), nullptr},
+      {"number of another type", value(TarnData(std::int64_t{7})), nullptr},
+  };
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.what);
+    manager().set("c", c.node);
+    manager().set("c~x", 1);
+    if (c.reason == nullptr) {
+      balance();
+      EXPECT_EQ(manager().getUint32("c"), 7U);
+      EXPECT_TRUE(manager().getObject("c").isA<TarnCollection>());
+    } else {
+      EXPECT_THAT([&] { balance(); }, ThrowsTarn(0, HasSubstr(c.reason)));
+      EXPECT_EQ(manager().getObject("c"), c.node);
+    }
+    EXPECT_EQ(manager().getSint32("c~x"), 1);
+    manager().deleteBranch("c");
+  }
+}
+
+TEST_F(CollectionTest, RefusesWhatHasItsPlaceElsewhereAndWhatABundleKeeps) {
+  manager().set("home~n~x", 1);
+  const TarnRef node = manager().getObject("home~n");
+  manager().transaction([&] {
+    modify(manager().getRoot())->addChild("c", node);
+    modify(manager().getObject("home"))->becomeParentOf("n");
+  });
+  EXPECT_THAT([&] { balance(); }, ThrowsTarn(0, HasSubstr("parent elsewhere")));
+  EXPECT_EQ(manager().getObject("c"), node);
+  TarnCollection::Balance(manager(), manager().getObject("home"), "n", nullptr);
+  EXPECT_TRUE(manager().getObject("home~n").isA<TarnCollection>());
+
+  const auto bundle = TarnBundle::Create("TarnObject");
+  manager().set("b", bundle);
+  modify(bundle)->newChild("x");
+  for (const char* name : {TarnBundle::kBundledChildren, TarnBundle::kBlocks}) {
+    EXPECT_THAT([&] { TarnCollection::Balance(manager(), bundle, name, nullptr); },
+                ThrowsTarn(0, HasSubstr("bundle")));
+  }
+  EXPECT_TRUE(modify(bundle)->deleteBundledChild("x"));
+}
+
+// One child of a collection that is balancing, still in its old node, is balanced itself.
+TEST_F(CollectionTest, BalancesWhatIsStillInAnOldNode) {
+  addPlain(6);
+  manager().set("c~9~x", 1);
+  balanceSteps(3);
+  TarnCollection::Balance(manager(), collection(), "9", nullptr);
+  EXPECT_TRUE(manager().getObject("c~9").isA<TarnCollection>());
+  EXPECT_EQ(manager().getSint32("c~9~x"), 1);
+  EXPECT_EQ(collection()->getNumChildren(), 7U);
+}
+
+TEST_F(CollectionTest, MovesAnEntryWithoutChild) {
+  addPlain(3);
+  manager().transaction(
+      [&] { modify(manager().getObject("c")->getChildren())->link("1a", nullptr); });
+  balance();
+  EXPECT_FALSE(collection()->isBalancing());
+  EXPECT_EQ(collection()->getNumChildren(), 4U);
+  EXPECT_EQ(manager().getSint32("c~2"), 2);
 }
 
 TEST_F(CollectionTest, BalancingNothingDoesNothing) {

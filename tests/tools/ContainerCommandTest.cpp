@@ -1,6 +1,7 @@
 // The commands about nodes with very many children.
 #include <gmock/gmock.h>
 #include <tarns/containers/TarnBundle.h>
+#include <tarns/containers/TarnCollection.h>
 #include <tarns/session/TarnAttachment.h>
 #include <tarns/session/TarnManager.h>
 
@@ -77,6 +78,43 @@ TEST_F(ContainerCommandTest, BalanceMakesACollectionAndKeepsWhatItHolds) {
   EXPECT_EQ(run({"balance", "m~absent"}).status, 1);
   EXPECT_EQ(run({"balance", ""}).status, 2);
   EXPECT_EQ(run({"check", "--full"}).status, 0);
+}
+
+TEST_F(ContainerCommandTest, BalanceLeavesAloneWhatACollectionDoesNotReplace) {
+  inSession([](TarnManager& manager) {
+    manager.set("b", TarnBundle::Create("TarnObject"));
+    modify(xcptref<TarnBundle>(manager.getObject("b")))->newChild("x");
+    manager.set("v", "hello");
+    manager.set("v~x", 1);
+  });
+  for (const char* path : {"b", "v"}) {
+    const program_result result = run({"balance", path});
+    EXPECT_EQ(result.status, 2) << path;
+    EXPECT_THAT(result.err, HasSubstr("plain nodes and collections"));
+  }
+  EXPECT_EQ(run({"balance", "b~BundledChildren"}).status, 3);
+  EXPECT_EQ(run({"get", "v", "v~x"}).out, "hello\n1\n");
+  EXPECT_EQ(run({"bundle", "b"}).status, 0);
+}
+
+// A balance that was interrupted: another value in the collection's place takes over all children.
+TEST_F(ContainerCommandTest, SetKeepsTheChildrenOfACollectionThatIsBalancing) {
+  for (const bool isResumed : {false, true}) {
+    inSession([](TarnManager& manager) {
+      manager.transaction([&] {
+        manager.set("c", xcptref<TarnCollection>(new TarnCollection(TarnObject::Create())));
+        manager.set("c~new", 1);
+        modify(xcptref<TarnCollection>(manager.getObject("c"))->getOld())
+            ->setValue("old", TarnData(2));
+      });
+    });
+    if (isResumed) {
+      EXPECT_EQ(run({"balance", "c"}).out, "2 children, height 1\n");
+    }
+    EXPECT_EQ(run({"set", "--type", "String", "c", "x"}).status, 0);
+    EXPECT_EQ(run({"get", "c", "c~new", "c~old"}).out, "x\n1\n2\n");
+    EXPECT_EQ(run({"rm", "c"}).status, 0);
+  }
 }
 
 }  // namespace

@@ -100,7 +100,7 @@ class TARNS_API TarnBundle : public TarnObject {
   };
   bool findSpace(Space& space) const;
   void makeSpace();
-  void rename(const Space& space, unsigned short numUnused);
+  void rename(const Space& space);
 
   TarnString className_;  // stored as "ClassName"
 };

@@ -83,6 +83,8 @@ class TARNS_API TarnBundleBlock : public TarnObject {
   bool writeConcreteMembers(PInOut& out) const override;
   bool read(PInOut& in) override;
   const TarnObject* findChild(goods::reader& reader, std::string_view name) const override;
+  // What takes the place of an object that the path of a slot leads to goes into the slot.
+  bool setChildNode(const char* name, xcptref<TarnObject>& node) override;
   // The copy has slots of its own, with the same objects.
   xcptref<TarnObject> clone() const override;
   void copyFrom(xcptref<TarnObject> other) override;

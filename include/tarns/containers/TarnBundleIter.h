@@ -22,8 +22,9 @@ namespace tarns {
 class TARNS_API TarnBundleIter {
  public:
   TarnBundleIter() = default;  // null
-  // At the first object of the blocks from the iterator's on.
-  explicit TarnBundleIter(TarnIterator blocks);
+  // At the first object of the blocks from the iterator's on. `names` lists the objects under the
+  // names that are told; null: each object's name where it has its parent.
+  explicit TarnBundleIter(TarnIterator blocks, xcptref<TarnObject> names = nullptr);
 
   // The current object, and the name that it bears in the bundle when `name` is not null: the empty
   // one when it has been deleted since the iterator came to it. A null reference, and `name`
@@ -45,6 +46,7 @@ class TARNS_API TarnBundleIter {
   void moveFrom(unsigned short slot);
 
   std::vector<xcptref<TarnBundleBlock>> blocks_;
+  xcptref<TarnObject> names_;
   std::size_t block_ = 0;
   unsigned short slot_ = 0;
   xcptref<TarnObject> current_;

@@ -15,14 +15,15 @@ class TarnManager;
 //
 //   TarnCollection::Balance(manager, machines, "spares", nullptr);
 //
-// Balance() puts a new collection in the place of a node of any class and moves the children over
-// one by one. Meanwhile the collection refers to the old node (member Old), and finds and deletes
-// there what it does not have itself; new children go into the collection. So every child is found
-// by the path that it always had, and is in exactly one of the two nodes. What goes through
-// children (children(), iterateChildren(), getChildNames() ...) sees those of the node that it is
-// called on: for both use getAllChildNames(), or go through the collection and then through what
-// Old refers to, in one transaction. A child that has not been moved yet has the old node for its
-// parent, which has none.
+// Balance() puts a new collection in the place of a node and moves the children over one by one.
+// Meanwhile the collection refers to the old node (member Old), and finds and deletes there what it
+// does not have itself; new children go into the collection. So every child is found by the path
+// that it always had, and is in exactly one of the two nodes. What goes through children
+// (children(), iterateChildren(), getChildNames() ...) sees those of the node that it is called on:
+// for both use getAllChildNames(), or go through the collection and then through what Old refers
+// to, in one transaction. So do iterators, selections and the commands that list. What deletes
+// children, hands all of them over (bequeathChildren(), merging) or copies the branch takes those
+// of both. A child that has not been moved yet has the old node for its parent, which has none.
 //
 // Threads and transactions: as every node. Readers do not wait; transactions that read in the
 // collection wait for the one child that is on its way.
@@ -42,6 +43,9 @@ class TARNS_API TarnCollection : public TarnUint32Value {
   // A node that takes the place of a child takes it in the old node, too.
   void setNode(const char* path, xcptref<TarnObject> node) override;
   using TarnUint32Value::deleteChild;
+  // Neither takes over an old node: like children, it stays with the node that has it.
+  xcptref<TarnObject> clone() const override;
+  void copyFrom(xcptref<TarnObject> other) override;
 
   // Children, not members: the node's own and the old node's getNumChildren().
   unsigned long getNumChildren() const override;
@@ -65,9 +69,15 @@ class TARNS_API TarnCollection : public TarnUint32Value {
 
   // Gives the child `name` of `parent` a new index: makes a new collection, whose own value is that
   // of the child, and moves the child's children into it, each in a transaction of its own. Then
-  // the child is given up, with what its class keeps in members. What is a collection with an old
-  // node already goes on from where an earlier call was interrupted; any number of calls may do so
-  // at a time. Nothing happens when there is no such child.
+  // the child is given up. What is a collection with an old node already goes on from where an
+  // earlier call was interrupted; any number of calls may do so at a time. Nothing happens when
+  // there is no such child.
+  //
+  // Throws 0, and has changed nothing, for a child that would lose something: one that is neither a
+  // plain node nor a TarnCollection nor a value that a Uint32 writes in the same way; one that has
+  // its parent elsewhere, so that another path would be left with the emptied node; and for what a
+  // bundle keeps. A child that cannot be read stays in the old node, and what reading it threw is
+  // thrown when all others have been moved; the collection goes on balancing then.
   //
   // `progress`, which may be null, is touched in every transaction: by touch() of its class, as
   // part of the change. Attaches the thread. Within a transaction of the caller's all of it joins

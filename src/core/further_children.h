@@ -1,0 +1,19 @@
+// Children that a node finds as its own although another node's index holds them.
+#pragma once
+
+#include <tarns/core/TarnObject.h>
+
+namespace tarns {
+
+// Gives the node whose children are found as children of `node`, too; null for none.
+using FurtherHolderFunction = TarnRef (*)(const TarnRef& node);
+
+// Says how such nodes are known, for the one class that has them. While the library is loaded; the
+// result means nothing.
+bool DefineFurtherHolder(FurtherHolderFunction function);
+
+// What hands over, deletes or copies all children of a node goes on with those of this one: null
+// for nearly all nodes. The further node has no parent.
+TarnRef FurtherHolderOf(const TarnRef& node);
+
+}  // namespace tarns
