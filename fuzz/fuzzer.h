@@ -10,8 +10,8 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
 namespace fuzz {
 
 // Ends the process, which is a finding.
-inline void require(bool is_true) {
-  if (!is_true) std::abort();
+inline void require(bool isTrue) {
+  if (!isTrue) std::abort();
 }
 
 // Reads it, so that the sanitizers see the access.

@@ -119,7 +119,7 @@ class Session {
   void writeSeeds(const std::string& directory) {
     for (std::uint64_t tree = 0; tree < 40; ++tree) {
       const TarnRef top = TarnObject::Create();
-      random_tree(top, tree, random_tree::links::any);
+      const random_tree grown(top, tree, random_tree::links::any);
       std::ofstream(directory + "/tree" + std::to_string(tree), std::ios::binary) << TextOf(top);
       TakeApart(top);
     }

@@ -42,7 +42,7 @@ class RoundTripTest : public session_test {
       manager().set("original");
       for (std::uint64_t tree = first; tree < end; ++tree) {
         const std::string path = "original~" + std::to_string(tree);
-        random_tree(manager().getNoFail(path.c_str(), "TarnObject"), tree, links);
+        const random_tree grown(manager().getNoFail(path.c_str(), "TarnObject"), tree, links);
       }
       const bool isStored = first / kTreesPerBatch % kBatchesPerStored == 0;
       if (isStored) {
