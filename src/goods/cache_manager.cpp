@@ -17,8 +17,9 @@ namespace goods {
 
 namespace {
 
-constexpr int most_attempts = 100;
-constexpr int longest_pause = 2000;  // microseconds
+// Several seconds in all: whoever holds the locks may have no processor for a while.
+constexpr int most_attempts = 1000;
+constexpr int longest_pause = 10'000;  // microseconds
 
 // The slot of a thread. Ending the thread leaves the session as detach() does.
 struct thread_slot {
