@@ -210,7 +210,7 @@ TEST(TransactionTest, WhatBelongsToAnObjectGoesWithItToAnothersPlace) {
   const ref<cell> stored = new_cell(1);
   modify(session.root())->next = stored;
   const auto make_heir = [](std::int64_t value) {
-    const ref<cell> heir = new_cell(value, new_cell(value + 1));
+    ref<cell> heir = new_cell(value, new_cell(value + 1));
     modify(ref<cell>(heir->next))->owner.set(heir);
     return heir;
   };

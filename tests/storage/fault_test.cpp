@@ -119,7 +119,7 @@ TEST_P(FaultTest, ACommitIsKeptOrRefusedAndTheStoreGoesOn) {
 
 // So much that the smallest log is merged and used again several times.
 TEST_P(FaultTest, NothingIsKeptOfACommitThatFails) {
-  at_every_point([this](const std::string& directory) {
+  at_every_point([](const std::string& directory) {
     std::shared_ptr<dbs_storage> storage;
     auto attachment = std::make_shared<int>(1);
     const int origin = 0;
