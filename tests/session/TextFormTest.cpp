@@ -584,6 +584,10 @@ TEST_F(TextFormTest, TellsNoWrongPlaceOfNodesThatMoveDuringTheExport) {
         EXPECT_EQ(machine->getSint32("below"), 7);
         EXPECT_EQ(machine->getFeeder()->getFeeder(), machine) << place;
       }
+      // Nodes in memory that refer to each other in a circle would stay.
+      for (const char* place : {"a~x", "z~x"}) {
+        modify(xcptref<Machine>(copy->getChildWithName(place)))->setFeeder(nullptr);
+      }
     }
     manager().moveBranch("top~z~x", "top~a~x");
   }
