@@ -4,27 +4,24 @@
 // With TARNS_WRITE_SEEDS=DIRECTORY in the environment it writes some good texts as inputs.
 #include <tarns/core/TarnException.h>
 #include <tarns/core/TarnValue.h>
-#include <tarns/logging/Log.h>
 #include <tarns/schema/GOODSinOut.h>
 #include <tarns/schema/TarnClassDescriptor.h>
 #include <tarns/schema/TarnClassRegistration.h>
 #include <tarns/schema/TarnFieldDescriptor.h>
-#include <tarns/session/TarnAttachment.h>
 #include <tarns/session/TarnManager.h>
 #include <tarns/util/PInOut.h>
 
 #include <algorithm>
 #include <cstdlib>
 #include <fstream>
-#include <optional>
 #include <set>
 #include <string>
 #include <string_view>
 #include <vector>
 
 #include "fuzz/fuzzer.h"
+#include "fuzz/open_session.h"
 #include "tests/support/random_tree.h"
-#include "tests/support/scratch_directory.h"
 
 namespace {
 
@@ -102,18 +99,13 @@ void TakeApart(const TarnRef& top) {
   }
 }
 
-class Session {
+// A session; writes the seeds when they are asked for.
+class Session : public fuzz::open_session {
  public:
   Session() {
-    Log::Redirect([](Log::Level, std::string_view) {});
-    std::ofstream(directory_.file("tarns.conf")) << "1\n0: file:./data\n";
-    TarnManager::Initialize();
-    manager_.connect(directory_.file("tarns.conf").c_str());
-    attachment_.emplace(manager_);
     // NOLINTNEXTLINE(concurrency-mt-unsafe): nothing changes the environment
     if (const char* seeds = std::getenv("TARNS_WRITE_SEEDS")) writeSeeds(seeds);
   }
-  const TarnManager& manager() const { return manager_; }
 
  private:
   void writeSeeds(const std::string& directory) {
@@ -125,10 +117,6 @@ class Session {
     }
     std::ofstream(directory + "/sample") << TextOf(Sample::Create());
   }
-
-  scratch_directory directory_;
-  TarnManager manager_;
-  std::optional<TarnAttachment> attachment_;
 };
 
 }  // namespace
