@@ -64,6 +64,25 @@ void SyncDirectory(const std::string& directory) {
 
 }  // namespace
 
+const char* FileFP::FindExtension(const char* path) {
+  const std::string_view text = ViewOf(path);
+  const std::size_t start = text.rfind('/') + 1;  // 0 when there is none
+  const std::size_t point = text.rfind('.');
+  if (point == std::string_view::npos || point < start) return nullptr;
+  const bool isHidden = text.substr(start, point - start).find_first_not_of('.') ==
+                        std::string_view::npos;  // nothing but points before it
+  return isHidden ? nullptr : path + point + 1;
+}
+
+void FileFP::SetExtension(XString& path, const char* extension) {
+  std::string text(path.view());
+  if (const char* const found = FindExtension(path)) {
+    text.resize(static_cast<std::size_t>(found - path.getText()) - 1);
+  }
+  if (extension != nullptr) text.append(".").append(extension);
+  path = std::string_view(text);
+}
+
 bool FileFP::ReadFromFile(const char* path, XString& text, int mustExist) {
   if (path == nullptr) path = "";
   std::string bytes;
@@ -83,15 +102,18 @@ std::string FileFP::ReadBytes(const char* path) {
 }
 
 void FileFP::WriteToFile(const char* path, std::string_view content, unsigned permissions) {
-  if (path == nullptr) path = "";
-  const std::string directory = DirectoryOf(path);
-  TempFile fresh(directory, ".tarns-");
+  TempFile fresh(DirectoryOf(ViewOf(path)), ".tarns-");
   fresh.write(content);
+  ReplaceFile(path, fresh, permissions);
+}
+
+void FileFP::ReplaceFile(const char* path, TempFile& fresh, unsigned permissions) {
+  if (path == nullptr) path = "";
   if (::fchmod(fresh.getDescriptor(), permissions) != 0) ThrowFileError("protect the file", path);
   fresh.sync();
   if (std::rename(fresh.getPath().c_str(), path) != 0) ThrowFileError("write the file", path);
   fresh.keep();
-  SyncDirectory(directory);
+  SyncDirectory(DirectoryOf(path));
 }
 
 }  // namespace tarns

@@ -48,6 +48,33 @@ TEST(FileFPTest, ReadsBackWhatItWrote) {
   EXPECT_EQ(FileFP::ReadBytes(path.c_str()).size(), 3U);
 }
 
+TEST(FileFPTest, FindsAndSetsExtensions) {
+  const struct {
+    const char *path, *extension, *without, *with;  // null: none
+  } cases[] = {
+      {"a.txt", "txt", "a", "a.x"},
+      {"a.tar.gz", "gz", "a.tar", "a.tar.x"},
+      {"a", nullptr, "a", "a.x"},
+      {"a.", "", "a", "a.x"},
+      {".a", nullptr, ".a", ".a.x"},
+      {"..", nullptr, "..", "...x"},
+      {"d.d/a", nullptr, "d.d/a", "d.d/a.x"},
+      {"d.d/.a.b", "b", "d.d/.a", "d.d/.a.x"},
+      {"", nullptr, "", ".x"},
+  };
+  for (const auto& test : cases) {
+    SCOPED_TRACE(test.path);
+    EXPECT_STREQ(FileFP::FindExtension(test.path), test.extension);
+    XString path(test.path);
+    FileFP::SetExtension(path, nullptr);
+    EXPECT_EQ(path, test.without);
+    path = test.path;
+    FileFP::SetExtension(path, "x");
+    EXPECT_EQ(path, test.with);
+  }
+  EXPECT_EQ(FileFP::FindExtension(nullptr), nullptr);
+}
+
 TEST(FileFPTest, WritesWithTheGivenPermissionsAndReplacesLinks) {
   const scratch_directory scratch;
   const std::string target = scratch.file("target");

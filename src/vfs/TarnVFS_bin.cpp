@@ -1,0 +1,209 @@
+// TarnVFS: the recycle bin.
+#include <fmt/format.h>
+#include <tarns/core/TarnBranches.h>
+#include <tarns/vfs/TarnVFS.h>
+
+#include <algorithm>
+#include <cctype>
+#include <string>
+#include <vector>
+
+#include "vfs/vfs_access.h"
+#include "vfs/vfs_names.h"
+
+namespace tarns {
+
+namespace {
+
+using Folder = xcptref<TarnVFSFolder>;
+
+// Entries are called by their numbers, so that the order of the names is that of the numbers.
+std::string EntryName(unsigned long id) { return fmt::format("{:010}", id); }
+
+bool IsEntryName(const std::string& name) {
+  return std::all_of(name.begin(), name.end(), [](char c) { return c >= '0' && c <= '9'; });
+}
+
+TarnVFS::BinEntry Described(const TarnRef& entry) {
+  TarnVFS::BinEntry described;
+  described.id = entry->getUint64(TarnVFS::kBinItemID, 0);
+  described.isFolder = entry->getUint32(TarnVFS::kBinItemType, 0) == TarnVFS::kBinTypeFolder;
+  described.name = entry->getXString(TarnVFS::kBinItemName, "").view();
+  described.path = entry->getXString(TarnVFS::kBinItemPath, "").view();
+  described.time.seconds = entry->getSint64(TarnVFS::kBinTime, 0);
+  described.node = entry->getChildWithName(TarnVFS::kBinItem);
+  return described;
+}
+
+TarnRef NewEntry(const TarnVFS::BinEntry& described) {
+  TarnRef entry = TarnObject::Create();
+  auto body = modify(entry);
+  body->setValue(TarnVFS::kBinItemID, TarnData(std::uint64_t{described.id}));
+  body->setValue(TarnVFS::kBinItemName, TarnData(described.name.c_str()));
+  body->setValue(TarnVFS::kBinItemPath, TarnData(described.path.c_str()));
+  body->setValue(TarnVFS::kBinItemType,
+                 TarnData(described.isFolder ? TarnVFS::kBinTypeFolder : TarnVFS::kBinTypeItem));
+  body->setValue(TarnVFS::kBinTime, TarnData(described.time.seconds));
+  body->addChild(TarnVFS::kBinItem, described.node);
+  return entry;
+}
+
+std::vector<TarnVFS::BinEntry> EntriesOf(const TarnRef& bin, unsigned long after,
+                                         std::size_t limit) {
+  std::vector<TarnVFS::BinEntry> entries;
+  for (TarnIterator place = bin->getIterToOrAfter(EntryName(after + 1).c_str());
+       !place.isNull() && entries.size() < limit;) {
+    XString name;
+    const TarnRef entry = place.next(&name);
+    if (IsEntryName(std::string(name.view()))) entries.push_back(Described(entry));
+  }
+  return entries;
+}
+
+}  // namespace
+
+bool TarnVFS::bin(TarnPathText path, bool isFolder, unsigned long* id) {
+  const Place place = placeAt(path.view());
+  if (!place.isValid()) return false;
+  const TarnRef bin = getRecycleBin();
+  const Folder root = getRootNode();
+  BinEntry entry;
+  entry.isFolder = isFolder;
+  entry.name = place.name;
+  const bool isDone = change([&] {
+    LockFolders(place.folder, place.folder);
+    modify(bin)->touch();
+    std::string above;
+    if (!PathBelow(root, place.folder, above)) return false;  // it has been removed
+    entry.path = JoinedPath(above, place.name);
+    entry.node = isFolder ? TarnRef(modify(place.folder)->removeFolder(place.name))
+                          : TarnRef(modify(place.folder)->removeItem(place.name));
+    if (entry.node.is_null()) return false;
+    entry.id = bin->getUint64(kBinLastID, 0) + 1;
+    entry.time = TarnVFSTime::Now();
+    modify(bin)->setValue(kBinLastID, TarnData(std::uint64_t{entry.id}));
+    modify(bin)->addChild(EntryName(entry.id).c_str(), NewEntry(entry));
+    return true;
+  });
+  if (isDone && id != nullptr) *id = entry.id;
+  return isDone;
+}
+
+bool TarnVFS::moveItemToBin(TarnPathText path, unsigned long* id) { return bin(path, false, id); }
+
+bool TarnVFS::moveFolderToBin(TarnPathText path, unsigned long* id) { return bin(path, true, id); }
+
+TarnRef TarnVFS::binEntry(unsigned long id) {
+  return id == 0 ? TarnRef() : getRecycleBin()->getChildWithName(std::string_view(EntryName(id)));
+}
+
+bool TarnVFS::restoreFromBin(unsigned long id, XString* path) {
+  const TarnRef bin = getRecycleBin();
+  getRootNode();
+  return change([&] {
+    modify(bin)->touch();
+    const TarnRef entry = binEntry(id);
+    if (entry.is_null() || !restore(entry, path)) return false;
+    modify(bin)->deleteChild(EntryName(id).c_str());
+    return true;
+  });
+}
+
+bool TarnVFS::restore(const TarnRef& entry, XString* path) {
+  const BinEntry described = Described(entry);
+  if (described.node.is_null() || described.name.empty()) return false;
+  const std::string above(TarnBranches::ParentOf(described.path));
+  const Folder folder = makeFolder(getRootNode(), above, nullptr, 0);
+  if (folder.is_null()) return false;
+  XString name;
+  if (described.isFolder) {
+    if ((folder->getFolderType() & TarnVFSFolder::kNoSubFolders) != 0) return false;
+    name = FreeName(folder->getFoldersNode(), described.name);
+    modify(entry)->deleteChild(kBinItem);
+    modify(folder)->addFolder(name, Folder(described.node), false);
+  } else {
+    const xcptref<TarnVFSItem> item(described.node);
+    const std::uint32_t count = item->getRefCount();
+    modify(entry)->deleteChild(kBinItem);
+    modify(folder)->addItem(described.name.c_str(), item, true, &name);
+    if (item->getRefCount() != count) modify(item)->setRefCount(count);
+  }
+  if (path != nullptr) *path = JoinedPath(above, name.view());
+  return true;
+}
+
+// --- Removing -----------------------------------------------------------------------------------
+
+// Counts down what an entry that is removed lists of items that stand elsewhere, too.
+void TarnVFS::dropEntry(const TarnRef& entry) {
+  const BinEntry described = Described(entry);
+  if (described.node.is_null()) return;
+  if (described.isFolder) {
+    dropReferences(Folder(described.node));
+  } else {
+    const xcptref<TarnVFSItem> item(described.node);
+    if (const std::uint32_t count = item->getRefCount(); count > 1) {
+      modify(item)->setRefCount(count - 1);
+    }
+  }
+}
+
+bool TarnVFS::delFromRecycleBin(unsigned long id) {
+  const TarnRef bin = getRecycleBin();
+  getRootNode();
+  return change([&] {
+    modify(bin)->touch();
+    const TarnRef entry = binEntry(id);
+    if (entry.is_null()) return false;
+    dropEntry(entry);
+    return modify(bin)->deleteChild(EntryName(id).c_str());
+  });
+}
+
+unsigned long TarnVFS::emptyRecycleBin(unsigned long seconds) {
+  const TarnRef bin = getRecycleBin();
+  getRootNode();
+  const std::int64_t now = TarnVFSTime::Now().seconds;
+  unsigned long removed = 0;
+  change([&] {
+    modify(bin)->touch();
+    removed = 0;
+    for (const BinEntry& entry : listRecycleBin()) {
+      const std::int64_t age = std::max<std::int64_t>(0, now - entry.time.seconds);
+      if (static_cast<std::uint64_t>(age) < seconds) continue;
+      dropEntry(binEntry(entry.id));
+      modify(bin)->deleteChild(EntryName(entry.id).c_str());
+      ++removed;
+    }
+    return removed > 0;
+  });
+  return removed;
+}
+
+// --- Looking ------------------------------------------------------------------------------------
+
+std::vector<TarnVFS::BinEntry> TarnVFS::listRecycleBin(unsigned long after, std::size_t limit) {
+  return EntriesOf(getRecycleBin(), after, limit);
+}
+
+TarnRef TarnVFS::buildRecycleBinTree() { return BuildRecycleBinTree(getRecycleBin()); }
+
+TarnRef TarnVFS::BuildRecycleBinTree(const TarnRef& bin) {
+  if (bin.is_null()) return nullptr;
+  TarnRef tree = TarnObject::Create();
+  for (const BinEntry& entry : EntriesOf(bin, 0, kAll)) {
+    const TarnRef node = TarnObject::Create();
+    auto body = modify(node);
+    body->setValue(kBinItemName, TarnData(entry.name.c_str()));
+    body->setValue(kBinItemPath, TarnData(entry.path.c_str()));
+    body->setValue(kBinItemType, TarnData(entry.isFolder ? kBinTypeFolder : kBinTypeItem));
+    body->setValue(kBinTime, TarnData(entry.time.seconds));
+    if (entry.isFolder && !entry.node.is_null()) {
+      body->addChild(TarnVFSFolder::kFolders, BuildFolderTreeFor(Folder(entry.node)));
+    }
+    modify(tree)->addChild(std::to_string(entry.id).c_str(), node);
+  }
+  return tree;
+}
+
+}  // namespace tarns

@@ -1,0 +1,159 @@
+// TarnVFS: making, moving and removing folders.
+#include <tarns/core/TarnBranches.h>
+#include <tarns/vfs/TarnVFS.h>
+
+#include <utility>
+#include <vector>
+
+#include "vfs/vfs_access.h"
+#include "vfs/vfs_names.h"
+
+namespace tarns {
+
+namespace {
+
+using Folder = xcptref<TarnVFSFolder>;
+
+bool TakesFolders(const Folder& folder) {
+  return (folder->getFolderType() & TarnVFSFolder::kNoSubFolders) == 0;
+}
+
+// Moves what is in `from` into `to`; sub-folders that both have are merged in turn.
+void Merge(const Folder& from, const Folder& to) {
+  std::vector<std::pair<Folder, Folder>> open{{from, to}};
+  while (!open.empty()) {
+    const auto [source, target] = std::move(open.back());
+    open.pop_back();
+    for (const std::string& name : source->getItemNames()) {
+      const auto item = modify(source)->removeItem(name);
+      modify(target)->addItem(name.c_str(), item, false);
+    }
+    for (const std::string& name : source->getFolderNames()) {
+      if (const Folder there = target->getFolder(name); !there.is_null()) {
+        open.emplace_back(source->getFolder(name), there);
+      } else {
+        modify(target)->addFolder(name.c_str(), modify(source)->removeFolder(name), false);
+      }
+    }
+  }
+}
+
+}  // namespace
+
+Folder TarnVFS::makeFolder(const Folder& root, std::string_view path, const char* icon,
+                           unsigned long type) {
+  Folder folder = root;
+  for (auto branch = TarnBranches(path).begin(); branch != std::default_sentinel; ++branch) {
+    const std::string name(*branch);
+    Folder below = folder->getFolder(name);
+    if (below.is_null()) {
+      modify(folder)->touch();  // first, so that only one makes it
+      below = folder->getFolder(name);
+    }
+    if (below.is_null()) {
+      if (!TakesFolders(folder)) return nullptr;
+      below = TarnVFSFolder::Create();
+      auto fresh = modify(below);
+      if (branch.isLast() && type != 0) fresh->setFolderType(static_cast<std::uint32_t>(type));
+      if (branch.isLast() && icon != nullptr) fresh->setIcon(icon);
+      modify(folder)->addFolder(name.c_str(), below, false);
+    }
+    folder = below;
+  }
+  return folder;
+}
+
+bool TarnVFS::createFolder(TarnPathText path, const char* icon, unsigned long type) {
+  const std::string_view above = TarnBranches::ParentOf(path.view());
+  getDBPathFor(path.str().c_str());  // checks the names
+  if (!above.empty()) {
+    const Folder parent = folderAt(above);
+    if (!parent.is_null() && !TakesFolders(parent)) return false;
+  }
+  if (!folderAt(path.view()).is_null()) return true;
+  const Folder root = getVFSRootNode();
+  return change([&] { return !makeFolder(root, path.view(), icon, type).is_null(); });
+}
+
+bool TarnVFS::addFolder(TarnPathText path, Folder folder, bool overwrite, bool merge) {
+  const Place place = placeAt(path.view());
+  if (!place.isValid() || folder.is_null()) return false;
+  return change([&] {
+    LockFolders(place.folder, place.folder);
+    const Folder there = place.folder->getFolder(place.name);
+    if (there.is_null() && !TakesFolders(place.folder)) return false;
+    if (!there.is_null() && merge) {
+      if (folder->hasParent() || folder == there) return false;
+      Merge(folder, there);
+      return true;
+    }
+    if (!there.is_null() && overwrite && there != folder) dropReferences(there);
+    return modify(place.folder)->addFolder(place.name.c_str(), folder, overwrite);
+  });
+}
+
+bool TarnVFS::deleteFolder(TarnPathText path) {
+  const Place place = placeAt(path.view());
+  if (!place.isValid()) return false;
+  return change([&] {
+    LockFolders(place.folder, place.folder);
+    const Folder folder = modify(place.folder)->removeFolder(place.name);
+    if (folder.is_null()) return false;
+    dropReferences(folder);
+    return true;
+  });
+}
+
+bool TarnVFS::transferFolder(std::string_view from, std::string_view to, bool isCopy) {
+  const Place source = placeAt(from), target = targetOf(from, to);
+  if (!source.isValid() || !target.isValid()) return false;
+  return change([&] {
+    LockFolders(source.folder, target.folder);
+    const Folder folder = source.folder->getFolder(source.name);
+    if (folder.is_null() || IsAtOrAbove(folder, target.folder)) return false;
+    if (!TakesFolders(target.folder)) return false;
+    if (!isCopy && source.folder == target.folder && source.name == target.name) return true;
+    const XString name = FreeName(target.folder->getFoldersNode(), target.name);
+    const Folder moved = isCopy ? CopyOf(folder) : modify(source.folder)->removeFolder(source.name);
+    return modify(target.folder)->addFolder(name, moved, false);
+  });
+}
+
+bool TarnVFS::moveFolder(TarnPathText from, TarnPathText to) {
+  return transferFolder(from.view(), to.view(), false);
+}
+
+bool TarnVFS::copyFolder(TarnPathText from, TarnPathText to) {
+  return transferFolder(from.view(), to.view(), true);
+}
+
+std::vector<std::string> TarnVFS::getFolderNames(TarnPathText folder, std::string_view after,
+                                                 std::size_t limit) {
+  const Folder found = folderAt(folder.view());
+  return found.is_null() ? std::vector<std::string>() : found->getFolderNames(after, limit);
+}
+
+Folder CopyOf(const Folder& folder) {
+  Folder copy(folder->clone());
+  std::vector<std::pair<Folder, Folder>> open{{folder, copy}};
+  while (!open.empty()) {
+    const auto [source, target] = std::move(open.back());
+    open.pop_back();
+    for (const auto& [name, child] : source->children()) {
+      if (name == TarnVFSFolder::kItems || name == TarnVFSFolder::kFolders) continue;
+      modify(target)->addChild(name.c_str(), child->deepClone());
+    }
+    for (const std::string& name : source->getItemNames()) {
+      modify(target)->addItem(name.c_str(), CopyOf(source->getItem(name)), false);
+    }
+    for (const std::string& name : source->getFolderNames()) {
+      const Folder below = source->getFolder(name);
+      const Folder belowCopy(below->clone());
+      modify(target)->addFolder(name.c_str(), belowCopy, false);
+      open.emplace_back(below, belowCopy);
+    }
+  }
+  return copy;
+}
+
+}  // namespace tarns

@@ -1,0 +1,70 @@
+// What the parts of TarnVFS share.
+#pragma once
+
+#include <goods/cache_manager.h>
+#include <tarns/session/TarnCacheManager.h>
+#include <tarns/session/TarnDatabase.h>
+#include <tarns/session/TarnManager.h>
+#include <tarns/vfs/TarnVFS.h>
+
+#include <string>
+#include <string_view>
+#include <utility>
+
+namespace tarns {
+
+// A folder and a name in it.
+struct TarnVFS::Place {
+  xcptref<TarnVFSFolder> folder;  // null when there is none
+  std::string name;               // may be empty
+
+  bool isValid() const { return !folder.is_null() && !name.empty(); }
+};
+
+// One transaction, or a part of the open one; repeated after a deadlock.
+template <class Work>
+auto Atomically(TarnManager& manager, Work&& work) {
+  return manager.db().getCacheManager().atomically(std::forward<Work>(work));
+}
+
+// The same for work that returns whether it has changed something.
+template <class Work>
+bool TarnVFS::change(Work&& work) {
+  const bool isChanged = Atomically(manager_, std::forward<Work>(work));
+  if (isChanged) ++numChanges_;
+  return isChanged;
+}
+
+// The child of that name, added as a new node of class T when there is none.
+template <class T>
+xcptref<T> ChildNoFail(TarnManager& manager, const TarnRef& parent, const char* name) {
+  if (TarnRef found = parent->getChildWithName(name); !found.is_null()) return xcptref<T>(found);
+  return Atomically(manager, [&] {
+    auto writable = modify(parent);  // first, so that only one makes it
+    TarnRef found = parent->getChildWithName(name);
+    if (found.is_null()) {
+      found = T::Create();
+      writable->addChild(name, found);
+    }
+    return xcptref<T>(found);
+  });
+}
+
+// Holds the folders for the transaction; always in the same order. They may be the same.
+void LockFolders(const TarnRef& one, const TarnRef& other);
+
+// The names from `root` to a folder or item below it, joined; false when it is not below.
+bool PathBelow(const xcptref<TarnVFSFolder>& root, const TarnRef& node, std::string& path);
+
+// `path~name`, or the name alone.
+std::string JoinedPath(std::string_view path, std::string_view name);
+
+// Whether `folder` is `node` or above it.
+bool IsAtOrAbove(const TarnRef& folder, TarnRef node);
+
+// A new item of the same class with the same content and children, listed nowhere.
+xcptref<TarnVFSItem> CopyOf(const xcptref<TarnVFSItem>& item);
+// The same for a folder and everything in it.
+xcptref<TarnVFSFolder> CopyOf(const xcptref<TarnVFSFolder>& folder);
+
+}  // namespace tarns

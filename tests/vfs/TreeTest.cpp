@@ -1,0 +1,336 @@
+// Folders and items: adding, moving, copying, sharing, removing, listing.
+#include <gmock/gmock.h>
+#include <tarns/core/TarnException.h>
+#include <tarns/session/TarnTransaction.h>
+#include <tarns/util/FileFP.h>
+
+#include <filesystem>
+
+#include "support/throws_tarn.h"
+#include "vfs/vfs_fixture.h"
+
+namespace tarns {
+namespace {
+
+using testing::ElementsAre;
+using testing::HasSubstr;
+using testing::IsEmpty;
+
+class TreeTest : public vfs_test {};
+
+TEST_F(TreeTest, KeepsTheLayout) {
+  ASSERT_TRUE(vfs().createFolder("a~b", "icon", 5));
+  put("a~b~x.txt", "hello");
+  put("y", "");
+  EXPECT_EQ(manager().getUint32("files~vfsSystem~vfsFolders~a~vfsFolders~b~vfsType"), 5u);
+  EXPECT_STREQ(manager().getXString("files~vfsSystem~vfsFolders~a~vfsFolders~b~vfsIcon"), "icon");
+  const auto item = manager().getObject("files~vfsSystem~vfsFolders~a~vfsFolders~b~vfsItems~x.txt");
+  EXPECT_TRUE(item.isA<TarnVFSItem>());
+  EXPECT_EQ(item->getUint64("Size"), 5u);
+  EXPECT_FALSE(manager().getObject("files~vfsRecycleBin").is_null());
+  EXPECT_TRUE(manager().getObject("files~vfsSystem~vfsItems~y").isA<TarnVFSItem>());
+  remount();
+  EXPECT_EQ(tree(), (Tree{{"a/", ""}, {"a~b/", ""}, {"a~b~x.txt", "hello"}, {"y", ""}}));
+  EXPECT_EQ(vfs().getFolder("a~b")->getFolderType(), 5u);
+}
+
+TEST_F(TreeTest, OpensOnASubFolder) {
+  vfs().createFolder("a~b");
+  put("a~b~x", "1");
+  mount("a~b");
+  EXPECT_EQ(tree(), (Tree{{"x", "1"}}));
+  TarnPath path;
+  EXPECT_TRUE(vfs().getPath(vfs().getItem("x"), path));
+  EXPECT_STREQ(path, "x");
+  unsigned long id = 0;
+  EXPECT_TRUE(vfs().moveItemToBin("x", &id));
+  mount();
+  EXPECT_FALSE(vfs().isItemExist("a~b~x"));
+  XString restored;
+  EXPECT_TRUE(vfs().restoreFromBin(id, &restored));
+  EXPECT_STREQ(restored, "a~b~x");
+  mount("no~such");
+  EXPECT_EQ(vfs().getVFSRootNode(), vfs().getRootNode());
+}
+
+TEST_F(TreeTest, RefusesFoldersWhereTheTypeSaysSo) {
+  ASSERT_TRUE(vfs().createFolder("a", nullptr, 2));
+  EXPECT_FALSE(vfs().createFolder("a~b"));
+  EXPECT_FALSE(vfs().createFolder("a~b~c"));
+  EXPECT_TRUE(vfs().createFolder("c"));
+  EXPECT_FALSE(vfs().moveFolder("c", "a"));
+  EXPECT_FALSE(vfs().copyFolder("c", "a~c"));
+  EXPECT_FALSE(vfs().addFolder("a~d", TarnVFSFolder::Create(), true, true));
+  EXPECT_EQ(tree(), (Tree{{"a/", ""}, {"c/", ""}}));
+  EXPECT_TRUE(vfs().createFolder("c", "late", 2));  // is there, stays as it is
+  EXPECT_EQ(vfs().getFolder("c")->getFolderType(), 0u);
+}
+
+TEST_F(TreeTest, AddsItems) {
+  const auto first = TarnVFSItem::Create(), second = TarnVFSItem::Create();
+  EXPECT_FALSE(vfs().addItem("no~x", first, true, false));
+  EXPECT_FALSE(vfs().addItem("", first, true, false));
+  EXPECT_FALSE(vfs().addItem("x", nullptr, true, false));
+  EXPECT_TRUE(vfs().addItem("x.a", first, false, false));
+  EXPECT_FALSE(vfs().addItem("x.a", second, false, false));
+  EXPECT_FALSE(vfs().addItem("x.a", second, false, true));
+  EXPECT_EQ(vfs().getItem("x.a"), first);
+  EXPECT_TRUE(vfs().addItem("x.a", second, true, true));
+  EXPECT_EQ(vfs().getItem("x(1).a"), second);
+  EXPECT_TRUE(vfs().addItem("x.a", TarnVFSItem::Create(), true, false));
+  EXPECT_NE(vfs().getItem("x.a"), first);
+  EXPECT_FALSE(first->hasParent());
+  EXPECT_FALSE(vfs().changeItem("y", first));
+  EXPECT_TRUE(vfs().changeItem("x.a", first));
+  EXPECT_EQ(vfs().getItem("x.a"), first);
+  EXPECT_EQ(vfs().getItemNames(""), "x(1).a~x.a");
+  XStringList names;
+  vfs().getItemNames(names, "");
+  EXPECT_EQ(names, (XStringList{"x(1).a", "x.a"}));
+  EXPECT_THAT([&] { vfs().addItem("a~b", manager().getRoot(), false, false); },
+              ThrowsTarn(12, HasSubstr("TarnVFSItem")));
+}
+
+TEST_F(TreeTest, ListsInTheOrderOfNamesAndInPages) {
+  const std::vector<std::string> names{"(1)", "...", ".a",       "A",   "a",
+                                       "a b", "a.b", "\xC3\xA4", "\xFF"};
+  vfs().createFolder("f");
+  for (auto name = names.rbegin(); name != names.rend(); ++name) {
+    put("f~" + *name, *name);
+    vfs().createFolder("f~" + *name);
+  }
+  EXPECT_EQ(vfs().getItemNames("f", {}, 100), names);
+  EXPECT_EQ(vfs().getFolderNames("f"), names);
+  std::vector<std::string> paged;
+  for (;;) {
+    const auto page = vfs().listItems("f", paged.empty() ? "" : paged.back(), 2);
+    for (const TarnVFSEntry& entry : page) {
+      paged.push_back(entry.name);
+      EXPECT_EQ(entry.info.size, entry.name.size());
+      EXPECT_EQ(TarnVFSReader(entry.item).readAll(), entry.name);
+    }
+    if (page.size() < 2) break;
+  }
+  EXPECT_EQ(paged, names);
+  EXPECT_THAT(vfs().getItemNames("none", {}, 5), IsEmpty());
+  EXPECT_THAT(vfs().listItems("none"), IsEmpty());
+}
+
+TEST_F(TreeTest, MovesAndCopiesItems) {
+  vfs().createFolder("a");
+  vfs().createFolder("b");
+  put("a~x.txt", "one");
+  put("b~x.txt", "two");
+  XString used;
+  EXPECT_FALSE(vfs().moveItem("a~none", "b"));
+  EXPECT_FALSE(vfs().moveItem("a~x.txt", "none~x.txt"));
+  EXPECT_FALSE(vfs().moveItem("", "b"));
+  EXPECT_TRUE(vfs().moveItem("a~x.txt", "a~x.txt", &used));
+  EXPECT_STREQ(used, "a~x.txt");
+  EXPECT_TRUE(vfs().copyItemTo("a~x.txt", "a~x.txt", &used));
+  EXPECT_STREQ(used, "a~x(1).txt");
+  EXPECT_TRUE(vfs().moveItem("a~x.txt", "b", &used));
+  EXPECT_STREQ(used, "b~x(1).txt");
+  EXPECT_TRUE(vfs().copyItemTo("b~x.txt", "y", &used));
+  EXPECT_STREQ(used, "y");
+  EXPECT_EQ(tree(), (Tree{{"a/", ""},
+                          {"a~x(1).txt", "one"},
+                          {"b/", ""},
+                          {"b~x.txt", "two"},
+                          {"b~x(1).txt", "one"},
+                          {"y", "two"}}));
+  EXPECT_STREQ(vfs().getItem("y")->getOriginalPath(), "b~x.txt");
+  // A copy goes its own way.
+  put("y", "changed");
+  EXPECT_EQ(content("b~x.txt"), "two");
+  EXPECT_THAT([&] { vfs().moveItemInternal("y", "z", 3); }, ThrowsTarn(111, HasSubstr("modes")));
+}
+
+TEST_F(TreeTest, CountsThePlacesOfSharedItems) {
+  vfs().createFolder("a");
+  vfs().createFolder("b~c");
+  put("a~x", "1");
+  const auto item = vfs().getItem("a~x");
+  EXPECT_EQ(item->getRefCount(), 1u);
+  EXPECT_TRUE(vfs().shareItem("a~x", "b~c~y"));
+  EXPECT_TRUE(vfs().shareItem("a~x", "b"));
+  EXPECT_EQ(vfs().getItem("b~c~y"), item);
+  EXPECT_EQ(item->getRefCount(), 3u);
+  EXPECT_EQ(vfs().listItems("b").front().info.references, 3u);
+  put("b~x", "seen everywhere");
+  EXPECT_EQ(content("a~x"), "seen everywhere");
+  EXPECT_TRUE(vfs().moveItem("b~x", "b~z"));
+  EXPECT_EQ(item->getRefCount(), 3u);
+  EXPECT_TRUE(vfs().deleteFolder("b~c"));
+  EXPECT_EQ(item->getRefCount(), 2u);
+  EXPECT_TRUE(vfs().copyItemTo("a~x", "copy"));
+  EXPECT_EQ(vfs().getItem("copy")->getRefCount(), 1u);
+  EXPECT_TRUE(vfs().deleteItem("a~x"));
+  EXPECT_EQ(item->getRefCount(), 1u);
+  EXPECT_EQ(content("b~z"), "seen everywhere");
+  EXPECT_TRUE(vfs().deleteItemsIn("b"));
+  EXPECT_EQ(tree(), (Tree{{"a/", ""}, {"b/", ""}, {"copy", "seen everywhere"}}));
+  EXPECT_FALSE(item->hasParent());
+}
+
+TEST_F(TreeTest, MovesCopiesAndMergesFolders) {
+  vfs().createFolder("a~b~c");
+  modify(vfs().getFolder("a~b"))->setIcon("i");
+  modify(vfs().getFolder("a~b"))->setPermissions(0750);
+  put("a~b~x", "1");
+  put("a~b~c~y", "2");
+  for (const char* inside : {"a", "a~b", "a~b~c", "a~b~c~new"}) {
+    EXPECT_FALSE(vfs().moveFolder("a~b", std::string(inside) == "a" ? "a~b~b" : inside)) << inside;
+    EXPECT_FALSE(vfs().copyFolder("a", inside)) << inside;
+  }
+  EXPECT_TRUE(vfs().moveFolder("a~b", "a~b2"));
+  EXPECT_TRUE(vfs().copyFolder("a~b2", "a"));  // into a, as b2(1), since b2 is taken
+  EXPECT_TRUE(vfs().copyFolder("a~b2", "d"));
+  put("d~x", "changed");
+  const Tree expected{{"a/", ""},         {"a~b2/", ""},      {"a~b2~x", "1"},
+                      {"a~b2~c/", ""},    {"a~b2~c~y", "2"},  {"a~b2(1)/", ""},
+                      {"a~b2(1)~x", "1"}, {"a~b2(1)~c/", ""}, {"a~b2(1)~c~y", "2"},
+                      {"d/", ""},         {"d~x", "changed"}, {"d~c/", ""},
+                      {"d~c~y", "2"}};
+  EXPECT_EQ(tree(), expected);
+  EXPECT_STREQ(vfs().getFolder("d")->getIcon(), "i");
+  EXPECT_EQ(vfs().getFolder("d")->getInfo().permissions, 0750u);
+
+  const auto loose = TarnVFSFolder::Create();
+  EXPECT_TRUE(vfs().addFolder("loose", loose, false, false));
+  EXPECT_FALSE(vfs().addFolder("again", loose, true, true)) << "is listed already";
+  EXPECT_FALSE(vfs().addFolder("d", TarnVFSFolder::Create(), false, false));
+  const auto more = TarnVFSFolder::Create();
+  modify(more)->addItem("x", TarnVFSItem::Create(), false);
+  modify(more)->addItem("z", TarnVFSItem::Create(), false);
+  EXPECT_TRUE(vfs().addFolder("d", more, false, true));
+  EXPECT_THAT(vfs().getItemNames("d", {}, 9), ElementsAre("x", "z"));
+  EXPECT_EQ(content("d~x"), "");
+  EXPECT_EQ(content("d~c~y"), "2");
+  EXPECT_TRUE(vfs().addFolder("d", TarnVFSFolder::Create(), true, false));
+  EXPECT_EQ(tree("d"), Tree());
+  EXPECT_FALSE(vfs().deleteFolder("none"));
+  EXPECT_FALSE(vfs().deleteFolder(""));
+  EXPECT_FALSE(vfs().deleteItem("none~x"));
+  EXPECT_FALSE(vfs().deleteItemsIn("none"));
+}
+
+TEST_F(TreeTest, JoinsTheCallersTransaction) {
+  put("x", "1");
+  const Tree before = tree();
+  try {
+    const TarnTransaction transaction(manager());
+    vfs().createFolder("a~b");
+    put("a~b~y", "2");
+    vfs().moveItem("x", "a");
+    vfs().moveFolderToBin("a~b");
+    EXPECT_EQ(tree(), (Tree{{"a/", ""}, {"a~x", "1"}}));
+    throw 1;
+  } catch (int) {
+  }
+  EXPECT_EQ(tree(), before);
+  EXPECT_THAT(vfs().listRecycleBin(), IsEmpty());
+  {
+    TarnTransaction transaction(manager());
+    vfs().createFolder("a");
+    put("a~y", "2");
+    transaction.commit();
+  }
+  EXPECT_EQ(tree(), (Tree{{"a/", ""}, {"a~y", "2"}, {"x", "1"}}));
+}
+
+TEST_F(TreeTest, GivesOverviews) {
+  vfs().createFolder("a~b~c");
+  vfs().createFolder("a~d");
+  put("a~x.txt", "12345");
+  put("a~y.txt", "1");
+  put("a~z.bin", "22");
+  const TarnRef tree = vfs().buildFolderTreeFor();
+  EXPECT_FALSE(tree->getChildWithName("a~b~c").is_null());
+  EXPECT_EQ(tree->getChildWithName("a")->getNumAbstractChildren(), 2u);
+  const TarnRef summary = vfs().summarizeItemsIn("a");
+  EXPECT_EQ(summary->getUint64("Items"), 3u);
+  EXPECT_EQ(summary->getUint64("Folders"), 2u);
+  EXPECT_EQ(summary->getUint64("Bytes"), 8u);
+  EXPECT_EQ(summary->getUint64("Types~text/plain"), 2u);
+  EXPECT_TRUE(vfs().summarizeItemsIn("none").is_null());
+  TarnPath path("as it was");
+  EXPECT_FALSE(vfs().getPath(manager().getRoot(), path));
+  EXPECT_STREQ(path, "as it was");
+  EXPECT_TRUE(vfs().getPath(vfs().getFolder("a~b~c"), path));
+  EXPECT_STREQ(path, "a~b~c");
+  EXPECT_TRUE(vfs().getPath(vfs().getVFSRootNode(), path));
+  EXPECT_TRUE(path.isEmpty());
+}
+
+TEST_F(TreeTest, ExportsItems) {
+  std::string bytes(300'000, '\0');
+  for (std::size_t i = 0; i < bytes.size(); ++i) bytes[i] = static_cast<char>(i * 7 + i / 251);
+  put("x", bytes);
+  XString file;
+  EXPECT_FALSE(vfs().exportItem("none", file));
+  ASSERT_TRUE(vfs().exportItem("x", file));
+  EXPECT_EQ(FileFP::ReadBytes(file), bytes);
+  std::filesystem::remove(file.getText());
+  file = directory().file("out");
+  ASSERT_TRUE(vfs().exportItem("x", file));
+  EXPECT_EQ(FileFP::ReadBytes(directory().file("out").c_str()), bytes);
+  file = directory().file("no/such/out");
+  EXPECT_THAT([&] { vfs().exportItem("x", file); }, ThrowsX(HasSubstr("no/such")));
+}
+
+TEST_F(TreeTest, BinsAndRestores) {
+  vfs().createFolder("a~b");
+  put("a~x.txt", "1");
+  put("a~b~y", "2");
+  unsigned long item = 0, folder = 0;
+  EXPECT_FALSE(vfs().moveItemToBin("a~none"));
+  EXPECT_FALSE(vfs().moveFolderToBin(""));
+  ASSERT_TRUE(vfs().moveItemToBin("a~x.txt", &item));
+  ASSERT_TRUE(vfs().moveFolderToBin("a~b", &folder));
+  EXPECT_EQ(item, 1u);
+  EXPECT_EQ(folder, 2u);
+  EXPECT_EQ(tree(), (Tree{{"a/", ""}}));
+  const auto entries = vfs().listRecycleBin();
+  ASSERT_EQ(entries.size(), 2u);
+  EXPECT_EQ(entries[0].path, "a~x.txt");
+  EXPECT_FALSE(entries[0].isFolder);
+  EXPECT_TRUE(entries[1].isFolder);
+  const TarnRef bin = vfs().getRecycleBin();
+  EXPECT_EQ(bin->getUint32("vfsLastID"), 2u);
+  EXPECT_EQ(bin->getUint32("0000000002~vfsType"), 100u);
+  EXPECT_EQ(bin->getUint32("0000000001~vfsType"), 101u);
+  EXPECT_STREQ(bin->getXString("0000000001~vfsName"), "x.txt");
+  const TarnRef picture = vfs().buildRecycleBinTree();
+  EXPECT_STREQ(picture->getXString("2~vfsPath"), "a~b");
+
+  put("a~x.txt", "new");
+  vfs().deleteFolder("a");
+  XString path;
+  EXPECT_TRUE(vfs().restoreFromBin(folder, &path));
+  EXPECT_STREQ(path, "a~b");
+  put("a~x.txt", "newer");
+  EXPECT_TRUE(vfs().restoreFromBin(item, &path));
+  EXPECT_STREQ(path, "a~x(1).txt");
+  EXPECT_EQ(
+      tree(),
+      (Tree{{"a/", ""}, {"a~b/", ""}, {"a~b~y", "2"}, {"a~x.txt", "newer"}, {"a~x(1).txt", "1"}}));
+  EXPECT_FALSE(vfs().restoreFromBin(item));
+  EXPECT_FALSE(vfs().delFromRecycleBin(7));
+
+  ASSERT_TRUE(vfs().moveFolderToBin("a", &folder));
+  EXPECT_EQ(folder, 3u) << "numbers are not used again";
+  vfs().createFolder("a");
+  EXPECT_TRUE(vfs().restoreFromBin(folder, &path));
+  EXPECT_STREQ(path, "a(1)");
+  ASSERT_TRUE(vfs().moveFolderToBin("a(1)"));
+  ASSERT_TRUE(vfs().moveFolderToBin("a", &folder));
+  EXPECT_TRUE(vfs().delFromRecycleBin(folder));
+  EXPECT_EQ(vfs().emptyRecycleBin(3600), 0u);
+  EXPECT_EQ(vfs().emptyRecycleBin(0), 1u);
+  EXPECT_EQ(vfs().emptyRecycleBin(0), 0u);
+  EXPECT_EQ(tree(), Tree());
+}
+
+}  // namespace
+}  // namespace tarns

@@ -1,0 +1,142 @@
+// File systems that several threads and sessions use at a time.
+#include <gmock/gmock.h>
+#include <tarns/core/TarnException.h>
+
+#include <atomic>
+#include <set>
+#include <thread>
+
+#include "vfs/vfs_fixture.h"
+
+namespace tarns {
+namespace {
+
+class VFSConcurrencyTest : public vfs_test {
+ protected:
+  // Runs work(i, files) in a thread each, on two sessions in turn; what they throw fails the test.
+  template <class Work>
+  void runThreads(int threads, const Work& work) {
+    TarnManager other;
+    other.connect(configuration().c_str());
+    std::vector<std::jthread> running;
+    for (int i = 0; i < threads; ++i) {
+      running.emplace_back([&, i] {
+        TarnManager& session = i % 2 == 0 ? manager() : other;
+        const TarnAttachment attachment(session);
+        try {
+          TarnVFS files(session, session.getObject("files"));
+          work(i, files);
+        } catch (const TarnException& error) {
+          ADD_FAILURE() << "thread " << i << ": " << error.getError();
+        }
+      });
+    }
+  }
+};
+
+TEST_F(VFSConcurrencyTest, NumbersEveryDuplicate) {
+  constexpr int kThreads = 4, kEach = 40;
+  vfs().createFolder("f");
+  runThreads(kThreads, [](int, TarnVFS& files) {
+    for (int n = 0; n < kEach; ++n) {
+      EXPECT_TRUE(files.addItem("f~report.txt", TarnVFSFile::Create(), true, true));
+    }
+  });
+  std::set<std::string> expected{"report.txt"};
+  for (int n = 1; n < kThreads * kEach; ++n) {
+    expected.insert("report(" + std::to_string(n) + ").txt");
+  }
+  const auto names = vfs().getItemNames("f", {}, 1000);
+  EXPECT_EQ(std::set<std::string>(names.begin(), names.end()), expected);
+  EXPECT_EQ(names.size(), expected.size());
+}
+
+TEST_F(VFSConcurrencyTest, MakesEveryFolderOnce) {
+  runThreads(4, [](int i, TarnVFS& files) {
+    for (int n = 0; n < 25; ++n) {
+      const std::string folder = "a~b" + std::to_string(n) + "~c";
+      EXPECT_TRUE(files.createFolder(folder));
+      EXPECT_TRUE(
+          files.addItem(folder + "~" + std::to_string(i), TarnVFSFile::Create(), false, false));
+    }
+  });
+  const auto names = vfs().getFolderNames("a");
+  EXPECT_EQ(std::set<std::string>(names.begin(), names.end()).size(), names.size());
+  for (int n = 0; n < 25; ++n) {
+    EXPECT_EQ(vfs().getItemNames("a~b" + std::to_string(n) + "~c"), "0~1~2~3") << n;
+  }
+}
+
+// Folders are moved into each other, never into themselves, and nothing is lost.
+TEST_F(VFSConcurrencyTest, MovesInCirclesAreRefused) {
+  constexpr int kFolders = 4;
+  const auto name = [](int i) { return "f" + std::to_string(i); };
+  std::vector<xcptref<TarnVFSFolder>> folders;
+  for (int i = 0; i < kFolders; ++i) vfs().createFolder(name(i));
+  std::atomic<int> moves = 0;
+  runThreads(kFolders, [&](int i, TarnVFS& files) {
+    const TarnRef own = files.getFolder(name(i));
+    for (int n = 0; n < 60; ++n) {
+      TarnPath from, to;
+      if (!files.getPath(own, from)) continue;
+      const std::string top = name((i + 1 + n % (kFolders - 1)) % kFolders);
+      if (n % 3 == 2) {
+        if (files.moveFolder(from, "")) ++moves;
+      } else if (files.isFolderExist(top) && files.moveFolder(from, top)) {
+        ++moves;
+      }
+    }
+  });
+  EXPECT_GT(moves, 0);
+  std::set<std::string> found;
+  for (const auto& [path, content] : tree()) found.insert(path.substr(path.rfind('f')));
+  EXPECT_EQ(found, (std::set<std::string>{"f0/", "f1/", "f2/", "f3/"}));
+}
+
+// Readers see one of the contents that were written, as a whole.
+TEST_F(VFSConcurrencyTest, ReadersSeeWholeContents) {
+  constexpr std::size_t kSize = 3 * TarnVFSContent::kPieceSize;
+  put("x", std::string(kSize, 'a'));
+  std::atomic<int> writers = 2;
+  runThreads(4, [&](int i, TarnVFS& files) {
+    if (i < 2) {
+      for (char letter = 'b'; letter < 'r'; ++letter) {
+        TarnVFSWriter writer(files, "x");
+        writer.write(std::string_view(std::string(kSize + static_cast<std::size_t>(i), letter)));
+        writer.finish();
+      }
+      --writers;
+      return;
+    }
+    do {
+      const std::string seen = TarnVFSReader(files, "x").readAll();
+      EXPECT_GE(seen.size(), kSize);
+      EXPECT_EQ(seen.find_first_not_of(seen[0]), std::string::npos);
+    } while (writers > 0);
+  });
+}
+
+TEST_F(VFSConcurrencyTest, BinsAndRestoresEveryItemOnce) {
+  constexpr int kThreads = 4, kEach = 15;
+  vfs().createFolder("f");
+  runThreads(kThreads, [&](int i, TarnVFS& files) {
+    for (int n = 0; n < kEach; ++n) {
+      const std::string name = "f~" + std::to_string(i) + "-" + std::to_string(n);
+      EXPECT_TRUE(files.addItem(name, TarnVFSFile::Create(), false, false));
+      unsigned long id = 0;
+      EXPECT_TRUE(files.moveItemToBin(name, &id));
+      if (n % 2 == 0) {
+        EXPECT_TRUE(files.restoreFromBin(id));
+      }
+    }
+  });
+  EXPECT_EQ(vfs().getItemNames("f", {}, 1000).size(), kThreads * ((kEach + 1) / 2));
+  const auto entries = vfs().listRecycleBin();
+  std::set<unsigned long> ids;
+  for (const auto& entry : entries) ids.insert(entry.id);
+  EXPECT_EQ(ids.size(), kThreads * (kEach / 2));
+  EXPECT_EQ(vfs().getRecycleBin()->getUint32("vfsLastID"), kThreads * kEach);
+}
+
+}  // namespace
+}  // namespace tarns
