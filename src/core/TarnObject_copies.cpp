@@ -1,47 +1,20 @@
 // TarnObject: copying nodes and branches.
 #include <goods/cache_manager.h>
-#include <goods/object_handle.h>
 #include <tarns/core/TarnObject.h>
 #include <tarns/core/TarnObjects.h>
 #include <tarns/schema/TarnClassDescriptor.h>
+#include <tarns/schema/TarnCloner.h>
 #include <tarns/schema/TarnString.h>
 
 #include <algorithm>
 #include <string>
-#include <unordered_map>
-#include <utility>
-#include <vector>
 
-#include "core/further_children.h"
 #include "core/node_access.h"
+#include "core/node_members.h"
 
 namespace tarns {
 
 namespace {
-
-goods::object_ref* ReferenceAt(TarnObject& node, const goods::field_descriptor& field,
-                               unsigned item) {
-  return reinterpret_cast<goods::object_ref*>(reinterpret_cast<char*>(&node) + field.offset() +
-                                              std::size_t{item} * field.size());
-}
-
-// Calls `visit(field, reference)` for every counted reference member of the node's class, items of
-// arrays one by one; those of TarnObject itself are left out.
-template <class Visit>
-void ForEachReference(TarnObject& node, Visit&& visit) {
-  for (const goods::class_descriptor* cls = &node.cls();
-       cls != nullptr && cls != &TarnObject::self_class; cls = cls->base()) {
-    goods::for_each_field(cls->fields(), [&](const goods::field_descriptor& field) {
-      if (field.type() != goods::field_type::reference ||
-          field.kind() != goods::ref_kind::counted) {
-        return;
-      }
-      for (unsigned item = 0; item < field.n_items(); ++item) {
-        visit(field, *ReferenceAt(node, field, item));
-      }
-    });
-  }
-}
 
 // A String of its own with the same text.
 goods::object_ref CopyOfText(const goods::object_ref& text) {
@@ -74,89 +47,12 @@ goods::object_ref CopyOfOwned(const goods::object_ref& original, const TarnObjec
 
 // Gives a copied node texts of its own; its references to nodes stay.
 void SeparateTexts(TarnObject& copy) {
-  ForEachReference(copy, [&](const goods::field_descriptor&, goods::object_ref& reference) {
-    const goods::object_ref original(reference);
-    reference = CopyOfOwned(original, copy);
-  });
-}
-
-// Copies of the nodes of one branch.
-class BranchCopy {
- public:
-  explicit BranchCopy(const TarnRef& top) { find(top); }
-
-  TarnRef make() {
-    // Grows while it is gone through.
-    for (std::size_t i = 0; i < found_.size(); ++i) copyNode(i);
-    for (const auto& [original, copy] : found_) linkCopy(original, copy);
-    return found_.front().second;
-  }
-
- private:
-  void find(const TarnRef& original) {
-    if (copies_.try_emplace(original.handle()).second) found_.emplace_back(original, nullptr);
-  }
-
-  // What has no parent belongs to the member that refers to it.
-  static bool IsOwnedByMember(const TarnRef& node) {
-    return goods::number_of(node.id()) != goods::root_object_number && !node->hasParent();
-  }
-
-  void copyNode(std::size_t i) {
-    const TarnRef original = found_[i].first;
-    const TarnRef copy = original->clone();
-    found_[i].second = copy;
-    copies_[original.handle()] = copy;
-    auto body = modify(copy);
-    ForEachReference(*body, [&](const goods::field_descriptor&, goods::object_ref& reference) {
-      const goods::object_ref target(reference);
-      if (!TarnObject::IsTarnObject(target)) return;
-      if (const auto node = TarnRef::Trusted(target); IsOwnedByMember(node)) find(node);
-    });
-    for (TarnRef holder = original; !holder.is_null(); holder = FurtherHolderOf(holder)) {
-      ForEachEntry(holder->getChildren(),
-                   [&](const goods::held_entry& entry, const TarnRef& child) {
-                     if (TarnNodeAccess::IsParentLink(child, entry.member)) find(child);
-                     return true;
+  ForEachReference(copy,
+                   [&](const goods::field_descriptor&, unsigned, goods::object_ref& reference) {
+                     const goods::object_ref original(reference);
+                     reference = CopyOfOwned(original, copy);
                    });
-    }
-  }
-
-  // The copy of a node of the branch; otherwise null.
-  TarnRef copyOf(const goods::object_ref& original) const {
-    const auto found = copies_.find(original.handle());
-    return found != copies_.end() ? found->second : TarnRef();
-  }
-
-  void linkCopy(const TarnRef& original, const TarnRef& copy) {
-    auto body = modify(copy);
-    ForEachReference(*body, [&](const goods::field_descriptor&, goods::object_ref& reference) {
-      const goods::object_ref target(reference);
-      if (TarnRef inside = copyOf(target); !inside.is_null()) reference = inside;
-    });
-    for (TarnRef holder = original; !holder.is_null(); holder = FurtherHolderOf(holder)) {
-      linkChildren(holder->getChildren(), *body);
-    }
-  }
-
-  void linkChildren(const xcptref<TarnObjects>& children, TarnObject& copy) {
-    xcptref<TarnObjects> index;
-    ForEachEntry(children, [&](const goods::held_entry& entry, const TarnRef& child) {
-      if (index.is_null()) index = TarnNodeAccess::MakeIndex(copy);
-      const bool isOwned = TarnNodeAccess::IsParentLink(child, entry.member);
-      const TarnRef inside = copyOf(child);
-      if (isOwned && !inside.is_null()) {
-        modify(index)->insert(entry.name, inside);
-      } else if (!isOwned) {
-        modify(index)->link(entry.name, inside.is_null() ? child : inside);
-      }
-      return true;  // an owned one without a copy was added while this ran
-    });
-  }
-
-  std::vector<std::pair<TarnRef, TarnRef>> found_;  // originals and copies, in the order found
-  std::unordered_map<const goods::object_handle*, TarnRef> copies_;
-};
+}
 
 // Copies the members of a node into one of another class: by name, item by item, converted.
 class MemberCopy {
@@ -183,8 +79,8 @@ class MemberCopy {
       }
     }
     void copy() const {
-      if (IsReference(target) && !target.isForText()) {
-        if (IsReference(source)) copyReference();
+      if (IsCountedReference(target) && !target.isForText()) {
+        if (IsCountedReference(source)) copyReference();
         return;
       }
       TarnData value(TarnData::Uint64);  // an enumeration gives its number
@@ -195,9 +91,7 @@ class MemberCopy {
     }
 
    private:
-    const goods::object_ref& sourceReference() const {
-      return *ReferenceAt(const_cast<TarnObject&>(from), source, index);
-    }
+    const goods::object_ref& sourceReference() const { return ReferenceAt(from, source, index); }
     void copyReference() const {
       const goods::object_ref& reference = sourceReference();
       if (target.mayHoldNodes() && source.mayHoldNodes()) {
@@ -211,10 +105,6 @@ class MemberCopy {
       }
     }
   };
-
-  static bool IsReference(const goods::field_descriptor& field) {
-    return field.type() == goods::field_type::reference && field.kind() == goods::ref_kind::counted;
-  }
 
   template <class Visit>
   void forEachItem(const Visit& visit) {
@@ -276,6 +166,6 @@ void TarnObject::copyFrom(xcptref<TarnObject> other) {
   MemberCopy(*from, *this).make();
 }
 
-xcptref<TarnObject> TarnObject::deepClone() const { return BranchCopy(getSelf()).make(); }
+xcptref<TarnObject> TarnObject::deepClone() const { return TarnCloner().copy(getSelf()); }
 
 }  // namespace tarns

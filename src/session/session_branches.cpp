@@ -1,12 +1,13 @@
 // Nodes and branches by path: the part of TarnManager that changes the shape of the tree.
 #include <goods/errors.h>
 #include <tarns/core/TarnException.h>
+#include <tarns/schema/TarnCloner.h>
 #include <tarns/session/TarnManager.h>
 
 #include <string>
 
 #include "core/node_access.h"
-#include "session/BranchMerger.h"
+#include "schema/BranchMerge.h"
 
 namespace tarns {
 
@@ -199,36 +200,52 @@ void TarnManager::moveNode(const TarnRef& node, std::string_view to) {
   modify(parent)->moveChild(rest, node);
 }
 
+void TarnManager::copyBranch(TarnPathText from, TarnPathText to, const TarnCloneOptions& options) {
+  const TarnRef node = existing(from);
+  VerifyNotRoot(to.view());
+  TarnPath rest(to.view());
+  const TarnRef parent = createParents(rest);
+  TarnCloner(options).copyInBatches(node, parent, rest.view());
+}
+
 void TarnManager::mergeBranch(TarnPathText from, TarnPathText to, bool overwrite) {
+  mergeBranch(from, to, {.rule = overwrite ? TarnMergeRule::kReplace : TarnMergeRule::kKeep});
+}
+
+void TarnManager::mergeBranch(TarnPathText from, TarnPathText to, const TarnCloneOptions& options) {
   getCacheManager().atomically([&] {
     const TarnRef node = existing(from);
     VerifyOutside(node, NearestNode(getRoot(), to.view()), from.view(), to.view());
-    // First, so that a branch can be merged into one that it is in, whatever the names in it.
-    TakeOut(getObject(TarnBranches::ParentOf(from.view())), NameOf(from.view()));
-    if (getObject(to).is_null()) {
-      set(to, node);
-    } else {
-      mergeInto(node, nullptr, to.view(), overwrite);
+    BranchMerge merge(options);
+    if (!options.keepsSource) {
+      // First, so that a branch can be merged into one that it is in, whatever the names in it.
+      const TarnRef parent = getObject(TarnBranches::ParentOf(from.view()));
+      const XString name = NameOf(from.view());
+      options.changesNothing ? merge.hide(parent, name.view()) : TakeOut(parent, name);
     }
+    mergeInto(merge, {node, nullptr}, to.view(), options.changesNothing);
   });
 }
 
 void TarnManager::mergeBranch(xcptref<TarnObject> node, TarnPathText to, bool overwrite) {
   getCacheManager().atomically([&] {
     VerifyOutside(node, NearestNode(getRoot(), to.view()), node->getName().view(), to.view());
-    if (getObject(to).is_null()) {
-      moveNode(node, to.view());
-    } else {
-      mergeInto(node, node->getParent(), to.view(), overwrite);
-    }
+    const TarnCloneOptions options{.rule =
+                                       overwrite ? TarnMergeRule::kReplace : TarnMergeRule::kKeep};
+    BranchMerge merge(options);
+    mergeInto(merge, {node, node->getParent()}, to.view(), false);
   });
 }
 
-// `parent`: the node that gives it away, null where nothing does.
-void TarnManager::mergeInto(const TarnRef& node, const TarnRef& parent, std::string_view to,
-                            bool overwrite) {
-  const TarnRef holder = to.empty() ? TarnRef() : getObject(TarnBranches::ParentOf(to));
-  BranchMerger(overwrite).merge({node, parent}, {getObject(to), holder}, TarnBranches::LastOf(to));
+void TarnManager::mergeInto(BranchMerge& merge, const BranchNode& source, std::string_view to,
+                            bool changesNothing) {
+  if (to.empty()) {
+    merge.merge(source, {getRoot(), nullptr}, {});
+    return;
+  }
+  TarnRef parent = getObject(TarnBranches::ParentOf(to));
+  if (parent.is_null() && !changesNothing) parent = branchFor(TarnBranches::ParentOf(to));
+  merge.merge(source, {nullptr, parent}, TarnBranches::LastOf(to));
 }
 
 }  // namespace tarns

@@ -26,6 +26,10 @@
 
 namespace tarns {
 
+class BranchMerge;
+struct BranchNode;
+struct TarnCloneOptions;
+
 // A session with a database, and the tree in it by path from the root.
 //
 //   TarnManager::Initialize();
@@ -246,6 +250,9 @@ class TARNS_API TarnManager {
   // Puts a copy of the whole branch at `to`, in place of what is there, which may be within the
   // branch itself. Throws 7 when there is nothing at `from`, 0 when `to` is the root.
   void copyBranch(TarnPathText from, TarnPathText to);
+  // The same in several transactions, see TarnCloner::copyInBatches(): for branches that are larger
+  // than a transaction may be.
+  void copyBranch(TarnPathText from, TarnPathText to, const TarnCloneOptions& options);
   // Moves the node, with everything below it and its identifier, to `to`, in place of what is
   // there. Throws 7 when there is nothing at `from`, 0 when `to` is the root or lies within the
   // branch. Of a node that is listed in several places the one at `from` is given up; the others
@@ -265,6 +272,9 @@ class TARNS_API TarnManager {
   // to win over the root, which stays what it is.
   void mergeBranch(TarnPathText from, TarnPathText to, bool overwrite);
   void mergeBranch(xcptref<TarnObject> node, TarnPathText to, bool overwrite);
+  // The same with other rules, see TarnCloner::merge(): also copies instead of moving, or only
+  // reports what would happen; the paths of the report begin at `to`.
+  void mergeBranch(TarnPathText from, TarnPathText to, const TarnCloneOptions& options);
 
   // Adds `node` under the path's last name or, when there is a child of that name, under an element
   // name made from it (see TarnObject::getUniqueChildName); returns the name. Missing parents are
@@ -312,8 +322,8 @@ class TARNS_API TarnManager {
   xcptref<TarnObject> existing(TarnPathText path) const;
   xcptref<TarnObject> branchFor(std::string_view path);
   void moveNode(const xcptref<TarnObject>& node, std::string_view to);
-  void mergeInto(const xcptref<TarnObject>& node, const xcptref<TarnObject>& parent,
-                 std::string_view to, bool overwrite);
+  void mergeInto(BranchMerge& merge, const BranchNode& source, std::string_view to,
+                 bool changesNothing);
 
   static std::atomic<unsigned long> MnumConnectAttempts;
   static std::atomic<bool> Minitialized;

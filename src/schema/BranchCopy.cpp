@@ -1,0 +1,300 @@
+#include "schema/BranchCopy.h"
+
+#include <goods/cache_manager.h>
+#include <tarns/core/TarnValues.h>
+#include <tarns/schema/TarnClassDescriptor.h>
+
+#include <algorithm>
+#include <utility>
+
+#include "core/branch_batch.h"
+#include "core/further_children.h"
+#include "core/node_access.h"
+#include "core/node_members.h"
+#include "goods/prototype.h"
+
+namespace tarns {
+
+namespace {
+
+// Whether a node of that class is nothing but the value, so that it need not be looked at again.
+bool IsMereValue(const TarnClassDescriptor& cls, TarnData::Type type) {
+  switch (type) {
+    case TarnData::Boolean:
+      return &cls == &TarnBooleanValue::SelfClass();
+    case TarnData::Double:
+      return &cls == &TarnDoubleValue::SelfClass();
+    case TarnData::Float:
+      return &cls == &TarnFloatValue::SelfClass();
+    case TarnData::Sint8:
+      return &cls == &TarnSint8Value::SelfClass();
+    case TarnData::Sint16:
+      return &cls == &TarnSint16Value::SelfClass();
+    case TarnData::Sint32:
+      return &cls == &TarnSint32Value::SelfClass();
+    case TarnData::Sint64:
+      return &cls == &TarnSint64Value::SelfClass();
+    case TarnData::String:
+      return &cls == &TarnStringValue::SelfClass();
+    case TarnData::Uint8:
+      return &cls == &TarnUint8Value::SelfClass();
+    case TarnData::Uint16:
+      return &cls == &TarnUint16Value::SelfClass();
+    case TarnData::Uint32:
+      return &cls == &TarnUint32Value::SelfClass();
+    case TarnData::Uint64:
+      return &cls == &TarnUint64Value::SelfClass();
+    default:
+      return false;
+  }
+}
+
+bool IsStored(const goods::object_ref& node) { return node.id() != 0; }
+
+// What has no parent belongs to the member that refers to it.
+bool IsOwnedByMember(const TarnRef& node) {
+  return goods::number_of(node.id()) != goods::root_object_number && !node->hasParent();
+}
+
+void SetMember(const goods::object_ref& node, const goods::field_descriptor& field, unsigned item,
+               const goods::object_ref& target) {
+  const TarnRef holder = TarnRef::Trusted(node);
+  *ReferenceAt(*modify(holder), field, item) = target;
+}
+
+goods::object_ref MemberOf(const goods::object_ref& node, const goods::field_descriptor& field,
+                           unsigned item) {
+  const TarnRef holder = TarnRef::Trusted(node);
+  return ReferenceAt(*holder.read(), field, item);
+}
+
+// The same reference, which holds on to no handle.
+void LetGo(goods::object_ref& reference) {
+  if (const goods::object_id id = reference.id(); id != 0) {
+    reference = goods::keep_word(goods::ref_word::of(id));
+  }
+}
+
+}  // namespace
+
+// --- Nodes --------------------------------------------------------------------------------------
+
+TarnRef BranchCopy::begin(const TarnRef& original, Below children) {
+  const TarnClassDescriptor& cls = original->getClass();
+  metOwned_.insert(WalkKeyOf(original.word()));
+  TarnRef copy = copyNode(original, cls, nullptr);
+  if (children == Below::kCopied) addTask(original, cls, copy);
+  return copy;
+}
+
+void BranchCopy::relate(const TarnRef& original, const TarnRef& copy) {
+  metOwned_.insert(WalkKeyOf(original.word()));
+  copies_.push_back({WalkKeyOf(original.word()), copy});
+}
+
+TarnRef BranchCopy::copyNode(const TarnRef& original, const TarnClassDescriptor& cls,
+                             const TarnData* value) {
+  TarnRef copy;
+  if (&cls == &TarnObject::self_class) {
+    copy = TarnObject::Create();
+  } else if (value != nullptr && IsMereValue(cls, value->getType())) {
+    copy = TarnValue::CreateValue(*value);
+  } else {
+    copy = original->clone();
+    noteReferences(copy);
+  }
+  copies_.push_back({WalkKeyOf(original.word()), copy});
+  return copy;
+}
+
+void BranchCopy::noteReferences(const TarnRef& node) {
+  auto body = modify(node);
+  ForEachReference(*body, [&](const goods::field_descriptor& field, unsigned item,
+                              goods::object_ref& reference) {
+    if (reference.is_null()) return;
+    const goods::object_ref target(reference);
+    if (!TarnObject::IsTarnObject(target)) return;
+    const TarnRef original = TarnRef::Trusted(target);
+    const Member member{node, &field, item, WalkKeyOf(target.word())};
+    members_.push_back(member);
+    if (IsOwnedByMember(original) && metOwned_.insert(member.original).second) {
+      owned_.push_back({original, member});
+    }
+  });
+}
+
+void BranchCopy::addTask(const TarnRef& original, const TarnClassDescriptor& cls,
+                         const TarnRef& copy) {
+  const TarnRef further = cls.isTarnsBaseClass() ? TarnRef() : FurtherHolderOf(original);
+  if (further.is_null()) {
+    tasks_.push_back({original, copy, nullptr});
+    return;
+  }
+  // Children go over from the further node to this one, so that one is looked at first.
+  const auto met = std::make_shared<std::unordered_set<std::uint64_t>>();
+  tasks_.push_back({original, copy, met});
+  tasks_.push_back({further, copy, met});
+}
+
+std::size_t BranchCopy::copyOwned() {
+  const Owned owned = std::move(owned_.back());
+  owned_.pop_back();
+  const TarnRef copy = begin(owned.original, Below::kCopied);
+  if (IsStored(owned.by.node)) {
+    memberTargets_.emplace_back(owned.by, copy);
+  } else {
+    SetMember(owned.by.node, *owned.by.field, owned.by.item, copy);
+  }
+  return 1;
+}
+
+std::size_t BranchCopy::copyMore(std::size_t limit) {
+  std::size_t made = 0;
+  while (made < limit) {
+    if (walk_) {
+      if (const TarnBranchWalk::Step* const step = walk_->next()) {
+        made += copyStep(*step);
+      } else {
+        walk_.reset();
+        levels_.clear();
+      }
+    } else if (!tasks_.empty()) {
+      const Task task = std::move(tasks_.back());
+      tasks_.pop_back();
+      met_ = task.met;
+      levels_.push_back({task.copy, nullptr});
+      walk_.emplace(task.from);
+    } else if (!owned_.empty()) {
+      made += copyOwned();
+    } else {
+      break;
+    }
+  }
+  return made;
+}
+
+std::size_t BranchCopy::copyStep(const TarnBranchWalk::Step& step) {
+  levels_.resize(step.depth);
+  Level& level = levels_.back();
+  if (step.node == excluded_) {
+    walk_->skipChildren();
+    return 0;
+  }
+  const std::uint64_t original = WalkKeyOf(step.node.word());
+  if (step.depth == 1 && met_ && !met_->insert(original).second) {
+    walk_->skipChildren();
+    return 0;
+  }
+  if (!step.lister.is_null()) {
+    walk_->skipChildren();
+    addBelow(level, step.name, step.node, true, original);
+    return 1;
+  }
+  const TarnRef copy = copyNode(step.node, *step.cls, step.hasValue ? &step.value : nullptr);
+  addBelow(level, step.name, copy, false, original);
+  const bool mayHaveFurther = !step.cls->isTarnsBaseClass();
+  if (mayHaveFurther && !FurtherHolderOf(step.node).is_null()) {
+    walk_->skipChildren();
+    addTask(step.node, *step.cls, copy);
+  } else if (step.numChildren > 0) {
+    levels_.push_back({copy, nullptr});
+  }
+  return 1;
+}
+
+void BranchCopy::addBelow(Level& level, const std::string& name, const TarnRef& child, bool isLink,
+                          std::uint64_t original) {
+  if (level.index.is_null()) {
+    if (IsStored(level.copy)) {
+      attachments_.push_back({level.copy, child, name, original, isLink});
+      return;
+    }
+    level.index = TarnNodeAccess::MakeIndex(*modify(level.copy));
+  }
+  if (!isLink) {
+    modify(level.index)->insert(name, child);
+  } else {
+    links_.push_back({level.index, modify(level.index)->link(name, child), original});
+  }
+}
+
+// --- Batches ------------------------------------------------------------------------------------
+
+void BranchCopy::attach() {
+  if (linksBefore_ == 0) linksBefore_ = links_.size() + 1;
+  links_.resize(linksBefore_ - 1);  // of an attempt that was rolled back
+  TarnRef parent;
+  xcptref<TarnObjects> index;
+  for (const Attachment& attachment : attachments_) {
+    if (index.is_null() || attachment.parent != parent) {
+      parent = attachment.parent;
+      index = parent->getChildren();
+      if (index.is_null()) index = TarnNodeAccess::MakeIndex(*modify(parent));
+    }
+    if (!attachment.isLink) {
+      modify(index)->insert(attachment.name, attachment.child);
+    } else {
+      links_.push_back(
+          {index, modify(index)->link(attachment.name, attachment.child), attachment.original});
+    }
+  }
+  for (const auto& [member, target] : memberTargets_) {
+    SetMember(member.node, *member.field, member.item, target);
+  }
+}
+
+void BranchCopy::settle() {
+  attachments_.clear();
+  memberTargets_.clear();
+  linksBefore_ = 0;
+  for (Level& level : levels_) level.index = nullptr;
+  for (; settledCopies_ < copies_.size(); ++settledCopies_) LetGo(copies_[settledCopies_].copy);
+  for (; settledMembers_ < members_.size(); ++settledMembers_) {
+    LetGo(members_[settledMembers_].node);
+  }
+  for (; settledLinks_ < links_.size(); ++settledLinks_) {
+    LetGo(links_[settledLinks_].index);
+    LetGo(links_[settledLinks_].entry);
+  }
+}
+
+// --- References ---------------------------------------------------------------------------------
+
+void BranchCopy::sortCopies() {
+  if (sorted_ == copies_.size()) return;
+  // The first copy of a node is the one that counts.
+  std::ranges::stable_sort(copies_, {}, &Copied::original);
+  sorted_ = copies_.size();
+}
+
+const goods::object_ref* BranchCopy::find(std::uint64_t original) {
+  sortCopies();
+  const auto found = std::ranges::lower_bound(copies_, original, {}, &Copied::original);
+  return found != copies_.end() && found->original == original ? &found->copy : nullptr;
+}
+
+TarnRef BranchCopy::copyOf(const TarnRef& original) {
+  const goods::object_ref* const found = find(WalkKeyOf(original.word()));
+  return found != nullptr ? TarnRef::Trusted(goods::object_ref(*found)) : TarnRef();
+}
+
+void BranchCopy::setReferences(std::size_t first, std::size_t limit) {
+  const std::size_t end = first + std::min(limit, countReferences() - first);
+  for (; first < end && first < members_.size(); ++first) {
+    const Member& member = members_[first];
+    const goods::object_ref* const copy = find(member.original);
+    const goods::object_ref node(member.node);
+    if (copy == nullptr || MemberOf(node, *member.field, member.item) == *copy) continue;
+    SetMember(node, *member.field, member.item, goods::object_ref(*copy));
+  }
+  for (; first < end; ++first) {
+    const Link& link = links_[first - members_.size()];
+    const goods::object_ref* const copy = find(link.original);
+    if (copy == nullptr) continue;
+    const auto entry = goods::ref<goods::set_member>::trusted(link.entry);
+    modify(entry)->set_target(*copy);
+    modify(xcptref<TarnObjects>::Trusted(link.index))->update(entry);
+  }
+}
+
+}  // namespace tarns
