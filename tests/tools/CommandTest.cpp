@@ -146,6 +146,22 @@ TEST_F(CommandTest, AnswersAsInTheManual) {
       {{"mv", "c~more", "c~moved", "--merge", "--keep"}, "", 0, "", ""},
       {{"get", "c~moved~on"}, "", 0, "true\n", ""},
       {{"mv", "a", "b", "--keep"}, "", 2, "", "--merge"},
+      {{"set", "from~v", "6"}, "", 0, "", ""},
+      {{"set", "from~new", "7"}, "", 0, "", ""},
+      {{"set", "into~v", "text"}, "", 0, "", ""},
+      {{"cp", "from", "into", "--merge", "--values", "--dry-run"},
+       "",
+       0,
+       "kept\tinto\nadded\tinto~new\ntaken over\tinto~v\n",
+       ""},
+      {{"cp", "from", "into", "--dry-run"}, "", 2, "", "--merge"},
+      {{"cp", "from", "into", "--merge", "--keep", "--values"}, "", 2, "", "exclude"},
+      {{"cp", "from", "into", "--merge", "--values"}, "", 0, "", ""},
+      {{"get", "into~v"}, "", 0, "6\n", ""},
+      {{"get", "from~v"}, "", 0, "6\n", ""},
+      {{"cp", "from", "all~of~it", "--in-batches"}, "", 0, "", ""},
+      {{"get", "all~of~it~new"}, "", 0, "7\n", ""},
+      {{"rm", "from", "into", "all"}, "", 0, "", ""},
       {{"rm", "c", "nothing"}, "", 1, "", "\"nothing\" does not exist."},
       {{"rm", "c", "n", "m~note"}, "", 0, "", ""},
       {{"rm", ""}, "", 2, "", "root"},
@@ -515,7 +531,7 @@ TEST_F(CommandTest, AClosedPipeEndsItWithoutAWord) {
 
 TEST_F(CommandTest, ASignalEndsAnyCommandAndLeavesTheDatabaseAsItWas) {
   std::string json = "{";
-  for (int i = 0; i < 60'000; ++i) json += "\"name " + std::to_string(i) + "\": 1, ";
+  for (int i = 0; i < 200'000; ++i) json += "\"name " + std::to_string(i) + "\": 1, ";
   ASSERT_EQ(run({"import", "-", "a"}, json + "\"x\": 1}").status, 0);
   struct Case {
     std::vector<std::string> arguments;
@@ -523,6 +539,7 @@ TEST_F(CommandTest, ASignalEndsAnyCommandAndLeavesTheDatabaseAsItWas) {
   };
   const Case cases[] = {
       {{"cp", "a", "b"}, "true"},
+      {{"cp", "a", "b", "--in-batches"}, "true"},
       {{"mv", "--merge", "a", ""}, "true"},
       {{"import", "-", "c"}, "printf '{\"x\": '; sleep 100"},
       {{"set", "d", "--file", "-"}, "sleep 100"},
