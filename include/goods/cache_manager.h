@@ -24,6 +24,8 @@
 namespace goods {
 
 class database;
+class event;
+class modification_signals;
 class object_cache;
 class read_round;
 class thread_attachment;
@@ -39,6 +41,18 @@ class transaction_companion {
 class session_companion {
  public:
   virtual ~session_companion() = default;
+};
+
+// Is shown what every commit to a session's storages changes, see cache_manager::add_feed().
+class commit_feed {
+ public:
+  virtual ~commit_feed() = default;
+  // Objects that the commit has written or removed, not those that it has made. Called in the order
+  // of each storage's commits, by any thread, with the session's locks held: must do no more than
+  // take notes. When commits pile up, neighbouring ones of other sessions come as one, under the
+  // version of the last. Reads that begin afterwards see the commit.
+  virtual void committed(storage_number storage, commit_version version,
+                         std::span<const object_number> changed) noexcept = 0;
 };
 
 // Whose doing a transaction is.
@@ -168,6 +182,41 @@ class GOODS_API cache_manager {
   // Grows with every published change after which a path may lead to another object than before.
   std::uint64_t relink_count() const;
 
+  // What follows is about changes by commits of any session of the process. An object has changed
+  // when a commit has written or removed it itself, a text (String) or set that it refers to (a
+  // member was added, removed or exchanged), or the set_member that it refers to (a node's entry
+  // at its parent, with its name). What is further away has no part in it.
+
+  // The newest commit to a storage that the session has taken in: what is read from now on is as of
+  // it or of a later one. Takes in what has been committed until now.
+  commit_version version(storage_number storage = 0) const;
+
+  // Signals `when` once, after the object has changed and the session has taken that in, so that
+  // reads in this session see it. A change that is committed while this call runs may count. The
+  // calling thread's transaction has no part in it: only what is committed counts. The object is
+  // not kept from being collected, which is a change.
+  // The event is signalled by a thread of the session's that does nothing else, and must let no
+  // exception out; it may end its own life in that call. Otherwise it must live until it has been
+  // signalled or withdrawn, or the session is closed, which forgets it. Closing the session while
+  // signalling it is not possible.
+  // Throws object_deleted when nothing is stored under `id`.
+  void signal_on_modification(object_id id, event* when);
+
+  // Forgets that. When it returns, the event is not going to be signalled, and not being signalled
+  // (unless by this very call's caller). Whether it was still waiting.
+  bool withdraw_signal(const event* when);
+
+  // False when the object has not changed since `version`, which may come from another session of
+  // the process. True when it has, when there is no such object any more, and when that cannot be
+  // told: a session remembers some 30,000 changed objects, from the first call of this function,
+  // signal_on_modification() or add_feed() on.
+  bool may_have_changed(object_id id, commit_version version);
+
+  // Shows the feed all commits that the session takes in from now on, and has them taken in as soon
+  // as they are there. It must be removed before it goes.
+  void add_feed(commit_feed& feed);
+  void remove_feed(commit_feed& feed);  // when it returns, it is not being called
+
   // A counted handle for `id`, without loading the object.
   object_ref find(object_id id);
 
@@ -213,6 +262,8 @@ class GOODS_API cache_manager {
     bool own_;  // neither joined nor committed nor rolled back yet
   };
   void close_transaction();
+  std::vector<commit_version> versions() const;
+  std::vector<object_id> with_parts(object_id id);
 
   // Takes the thread's transaction away for as long as it lives.
   class GOODS_API pause {

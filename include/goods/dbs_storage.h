@@ -128,6 +128,15 @@ struct commit_decision {
   std::vector<storage_identity> participants;  // without the coordinator
 };
 
+// Is told that there is something new.
+class commit_listener {
+ public:
+  virtual ~commit_listener() = default;
+  // Commits have become visible, and their notices are queued in every subscription. Called by
+  // committing threads, which hold much meanwhile: must do no more than wake somebody.
+  virtual void committed() noexcept = 0;
+};
+
 // One session's view of a storage's notices. Destroying it unsubscribes.
 // Threads: one caller at a time.
 class notice_subscription {
@@ -141,6 +150,11 @@ class notice_subscription {
   // that is visible to load() is queued at most moments later). `through` is a version that load(),
   // lock(), commit() or newest() has named.
   virtual std::vector<std::shared_ptr<const notice>> take(commit_version through) = 0;
+
+  // Has `listener` told of every commit from now on, until another one is set, or null, or the
+  // subscription goes; returns when the listener before is not being told any more.
+  // Threads: any, at any time.
+  virtual void set_listener(commit_listener* listener) = 0;
 };
 
 enum class lock_mode : std::uint8_t { shared, exclusive };

@@ -14,6 +14,7 @@ namespace goods {
 
 class class_descriptor;
 class database;
+class event;
 class field_descriptor;
 class object_handle;
 class byte_reader;
@@ -109,6 +110,11 @@ class GOODS_API object {
   void become(const object_ref& other);
   // For transactions: ends being a version of another object and is `handle`'s transient body.
   void return_to(object_handle& handle) noexcept;
+
+  // Signals `when` once, when a commit has changed this stored object and its session has taken
+  // that in; see cache_manager::signal_on_modification(), also for how to withdraw it. Throws usage
+  // for an object that is not stored.
+  void signal_on_modification(event* when) const;
 
   void pin() const { pins_.fetch_add(1, std::memory_order_relaxed); }
   bool is_pinned_once() const { return pins_.load(std::memory_order_acquire) == 1; }

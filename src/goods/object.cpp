@@ -5,6 +5,7 @@
 #include <goods/access.h>
 #include <goods/cache_manager.h>
 #include <goods/class_descriptor.h>
+#include <goods/database.h>
 #include <goods/errors.h>
 #include <goods/object_handle.h>
 
@@ -128,6 +129,13 @@ void object::attach_to_storage(database*, std::uint32_t storage) {
   if (handle_ != nullptr && handle_->is_transient()) {
     handle_->set_wanted_storage(static_cast<storage_number>(storage));
   }
+}
+
+void object::signal_on_modification(event* when) const {
+  if (handle_ == nullptr || handle_->is_transient()) {
+    throw_error(error_code::usage, "An object that is not stored cannot be watched.");
+  }
+  handle_->owner()->session().signal_on_modification(handle_->id(), when);
 }
 
 void object::cluster_with(const object_ref& other) {

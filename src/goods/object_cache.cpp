@@ -15,6 +15,7 @@
 #include "goods/collection_claim.h"
 #include "goods/epoch.h"
 #include "goods/layout_catalog.h"
+#include "goods/modification_signals.h"
 #include "goods/number_pool.h"
 #include "goods/outlived_bodies.h"
 #include "goods/publication.h"
@@ -110,7 +111,19 @@ object_cache::object_cache(database& db, const cache_manager& session)
   }
 }
 
-object_cache::~object_cache() { session_registry::get().remove(*this); }
+object_cache::~object_cache() {
+  signals_.reset();
+  session_registry::get().remove(*this);
+}
+
+modification_signals& object_cache::signals() {
+  const std::lock_guard guard(publishing_);
+  if (signals_ == nullptr) {
+    std::vector<commit_version> taken_in(applied_.begin(), applied_.end());
+    signals_ = std::make_unique<modification_signals>(*this, notices_, std::move(taken_in));
+  }
+  return *signals_;
+}
 
 object_handle& object_cache::find_or_make(object_id id) {
   if (object_handle* known = table_.find(id)) return *known;
@@ -260,6 +273,7 @@ void object_cache::apply(const notice& news, storage_number storage) {
     for (const object_number number : news.changed) invalidate(make_object_id(storage, number));
     ++relinks_;
   }
+  if (signals_ != nullptr) signals_->note(storage, news);
 }
 
 void object_cache::invalidate(object_id id) {

@@ -23,6 +23,7 @@
 namespace goods {
 
 class cache_manager;
+class modification_signals;
 class object;
 
 // Loads, keeps and drops committed bodies, and takes in commits in version order.
@@ -111,6 +112,9 @@ class object_cache {
   void hold_publishing() { publishing_.lock(); }
   void release_publishing() { publishing_.unlock(); }
 
+  // What tells of changes, made by the first call.
+  modification_signals& signals();
+
   std::uint64_t relinks() const { return relinks_.load(std::memory_order_acquire); }
   const change_counters& changes() const { return changes_; }
 
@@ -164,6 +168,7 @@ class object_cache {
   std::atomic<std::uint64_t> publish_count_{0};
   std::atomic<std::uint64_t> relinks_{0};
   change_counters changes_;
+  std::unique_ptr<modification_signals> signals_;  // under publishing_; null while nobody watches
 
   std::array<std::atomic<object_id>, 4096> passed_{};  // guests, see was_passed_lately()
 

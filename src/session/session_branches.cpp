@@ -93,6 +93,10 @@ std::uint64_t TarnManager::getObjectID(TarnPathText path) const {
   return node.is_null() ? 0 : TarnObject::GetObjectID(node);
 }
 
+std::uint64_t TarnManager::getVersion(std::uint64_t id) const {
+  return getCacheManager().version(goods::storage_of(id));
+}
+
 xcptref<TarnObject> TarnManager::existing(TarnPathText path) const {
   TarnRef node = getObject(path);
   if (node.is_null()) TarnException::ThrowNonExistentPath(path.str().c_str());

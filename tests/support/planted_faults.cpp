@@ -87,6 +87,7 @@ class late_notices : public goods::notice_subscription {
       : to_(std::move(to)), origin_(origin), faults_(faults) {}
 
   goods::commit_version newest() const override { return to_->newest(); }
+  void set_listener(goods::commit_listener* listener) override { to_->set_listener(listener); }
 
   std::vector<std::shared_ptr<const goods::notice>> take(goods::commit_version through) override {
     auto notices = to_->take(through);

@@ -229,6 +229,10 @@ class TARNS_API TarnManager {
   xcptref<TarnObject> getObject(std::uint64_t id) const;
   // 0 when there is no such node, and while it is not stored.
   std::uint64_t getObjectID(TarnPathText path) const;
+  // The newest commit that this session has taken in, in the storage where that object is (0: in
+  // storage 0); all that have returned are. What is read from now on is as of it or of a later one,
+  // so take it before reading what is to be watched, see TarnWatcher.
+  std::uint64_t getVersion(std::uint64_t id = 0) const;
   // The node, whatever it is, or a new one of that class, put there with plain nodes for missing
   // branches. Writes to nothing that is there. Throws 3 when there is no such class.
   xcptref<TarnObject> getNoFail(TarnPathText path, const char* typeName = TarnObject::GetType());

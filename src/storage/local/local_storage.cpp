@@ -296,6 +296,7 @@ void local_storage::show(const segment_changes& changes, std::size_t commits,
     versions.visible.store(changes.version, std::memory_order_release);
     versions.publications.fetch_add(1, std::memory_order_acq_rel);
   }
+  parts_->notices.tell();
   // Commits may use numbers that nobody was given: the root's.
   std::uint64_t next = next_object_.load();
   while (next < changes.next_object &&

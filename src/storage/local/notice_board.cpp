@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <list>
 #include <new>
+#include <unordered_map>
 #include <utility>
 
 namespace goods {
@@ -53,6 +54,11 @@ notice_queue merge_foreign(const notice_queue& list, const void* origin) {
 }  // namespace
 
 struct notice_board::shared_part {
+  // Not needed to queue notices: whoever listens holds up nobody but who tells.
+  guarded_mutex telling;
+  std::unordered_map<const subscription*, commit_listener*> listeners GUARDED_BY(telling);
+  std::atomic<bool> has_listeners{false};  // written under telling
+
   guarded_mutex lock;
   std::vector<subscription*> subscriptions GUARDED_BY(lock);
   commit_version newest GUARDED_BY(lock) = 0;
@@ -80,6 +86,7 @@ class notice_board::subscription : public notice_subscription {
   }
 
   ~subscription() override {
+    subscription::set_listener(nullptr);
     guarded_scope scope(shared_->lock);
     std::erase(shared_->subscriptions, this);
   }
@@ -93,6 +100,16 @@ class notice_board::subscription : public notice_subscription {
     queue_.clear();
     merge_at_ = merge_above;
     return taken;
+  }
+
+  void set_listener(commit_listener* listener) override {
+    guarded_scope scope(shared_->telling);
+    if (listener != nullptr) {
+      shared_->listeners.insert_or_assign(this, listener);
+    } else {
+      shared_->listeners.erase(this);
+    }
+    shared_->has_listeners.store(!shared_->listeners.empty());
   }
 
   const void* origin() const { return origin_; }
@@ -173,6 +190,13 @@ void notice_board::publish() noexcept {
   for (subscription* s : shared_->subscriptions) s->queue_prepared();
   shared_->plain.clear();
   shared_->complete.clear();
+}
+
+// Whoever begins to listen looks for what is new afterwards, so one who is missed here finds it.
+void notice_board::tell() noexcept {
+  if (!shared_->has_listeners.load()) return;
+  guarded_scope scope(shared_->telling);
+  for (const auto& [who, listener] : shared_->listeners) listener->committed();
 }
 
 }  // namespace goods

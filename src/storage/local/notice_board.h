@@ -39,6 +39,8 @@ class notice_board {
   void forget_prepared() noexcept;
   // Queues what was prepared.
   void publish() noexcept;
+  // Tells the listeners, once that is visible.
+  void tell() noexcept;
 
  private:
   class subscription;

@@ -1,0 +1,7 @@
+#include <tarns/util/XObject.h>
+
+namespace tarns {
+
+XObject::~XObject() = default;
+
+}  // namespace tarns
