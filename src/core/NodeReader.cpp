@@ -54,15 +54,36 @@ TarnRef NodeReader::readAll(XString* name) {
     TarnRef node = TarnObject::CreateOfType(in_.getCommand());
     if (node.is_null()) return node;
     if (name != nullptr) *name = in_.getValue();
-    in_.readLine();
-    top_ = node;
-    open_.push_back({node, 1, false});
-    work();
+    readLinesOf(node);
     if (!in_.isAtEnd()) in_.fail("something follows the end of the first node");
     warnWhereCut();
     keepLinks();
     return node;
   });
+}
+
+TarnRef NodeReader::readBlock(XString& name) {
+  return withLineNumber([&]() -> TarnRef {
+    TarnRef node = TarnObject::CreateOfType(in_.getCommand());
+    if (node.is_null()) return node;
+    name = in_.getValue();
+    readLinesOf(node);
+    return node;
+  });
+}
+
+void NodeReader::readInto(const TarnRef& node) {
+  withLineNumber([&] { readLinesOf(node); });
+  keepLinks();
+}
+
+// From the header on.
+void NodeReader::readLinesOf(const TarnRef& node) {
+  in_.readLine();
+  top_ = node;
+  open_.push_back({node, level_ + 1, false});
+  work();
+  in_.setLevel(level_);
 }
 
 PInOut::Status NodeReader::ReadChildren(TarnObject& parent, unsigned char pageN, PInOut& in) {

@@ -31,6 +31,14 @@ class NodeReader : public PInOut::Nesting {
   // not known. `name`, when not null, becomes what the header says.
   TarnRef readAll(XString* name);
 
+  // The node whose header is the current line, at the level of the PInOut, which stands behind the
+  // node's lines then; null, and nothing read, when its class is not known. What links nodes in it
+  // to each other beside the tree is undone with the reader, so that nothing remains of a node that
+  // was only looked at.
+  TarnRef readBlock(XString& name);
+  // The lines of such a node into `node`, which is new or has been cleared.
+  void readInto(const TarnRef& node);
+
   // What TarnObjects::Read() and GOODSinOut::ReadMember() come to: read the children of a node, or
   // the node of a member, from the current line on. Within a reader's work that is put off: the
   // result is End, and the PInOut shows no more lines.
@@ -70,6 +78,7 @@ class NodeReader : public PInOut::Nesting {
   };
 
   static PInOut::Status ReadNested(Pending pending, PInOut& in);
+  void readLinesOf(const TarnRef& node);
   void work();
   void readLines(std::size_t at);
   void beginPending();

@@ -102,6 +102,8 @@ class TarnNodeAccess {
   // The index of `node`, made when there is none.
   static const xcptref<TarnObjects>& MakeIndex(TarnObject& node);
   static const xcptref<TarnObjects>& MakeIndex(TarnObject& node, unsigned char pageN);
+  // Makes `node`, whose children have been deleted, one that never had any.
+  static void ForgetIndex(TarnObject& node) { node.children_ = nullptr; }
   // Makes the members of `to`, of the same class, copies of those of `from`; children and parent of
   // `to` stay. Texts are copied, not shared.
   static void CopyState(const TarnObject& from, TarnObject& to);

@@ -1,0 +1,55 @@
+// Exports of synchronised bundles as text; the grammar is in docs/sync.md.
+#pragma once
+
+#include <tarns/core/TarnObject.h>
+
+#include <cstdint>
+#include <map>
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include "containers/sync_version.h"
+
+namespace tarns {
+
+// What happened to one name.
+struct SyncChange {
+  std::string name;
+  SyncVersion version;
+  bool isDeleted = false;
+  TarnRef object;    // to be written
+  std::string text;  // the object's text form, as it was read
+};
+
+struct SyncFile {
+  // What the sender has got from, and knows of, a partner.
+  struct Arrived {
+    std::uint64_t received = 0;
+    SyncMarks marks;
+    bool lacksExport = false;
+  };
+
+  std::string className;
+  ReplicaID from = 0;
+  SyncVersion former;          // replicas that the sender was
+  std::uint64_t since = 0;     // 0: everything that there is
+  std::uint64_t revision = 0;  // of the sender
+  bool isPartial = false;      // filters have kept something back
+  SyncVersion known;           // what the sender has seen
+  SyncMarks marks;             // of the sender
+  std::map<ReplicaID, Arrived> partners;
+  std::vector<SyncChange> changes;  // in ascending order of names
+
+  std::string write() const;
+  // Checks everything that can be checked without a bundle. Throws 15, 109.
+  static SyncFile Read(std::string_view text);
+};
+
+// The text form of an object as a child of that name.
+std::string TextOf(std::string_view name, const TarnRef& object);
+
+// Makes `object` what its text form says; whatever it was.
+void ReplaceContent(const TarnRef& object, std::string_view text);
+
+}  // namespace tarns
