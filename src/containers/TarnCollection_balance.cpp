@@ -14,6 +14,7 @@
 
 #include "core/further_children.h"
 #include "core/node_access.h"
+#include "core/value_index.h"
 
 namespace tarns {
 
@@ -112,7 +113,8 @@ class Balancing {
       const xcptref<TarnCollection> made(new TarnCollection(child));
       auto collection = modify(made);
       if (TarnData value; child->get(nullptr, value)) collection->setValue(nullptr, value);
-      TarnNodeAccess::MakeIndex(*collection);
+      const auto& index = TarnNodeAccess::MakeIndex(*collection);
+      if (const auto old = child->getChildren(); !old.is_null()) DeclareValueIndexesOf(old, index);
       collection->initialize();
       parent->setNode(name_.c_str(), made);
       collection_ = made;

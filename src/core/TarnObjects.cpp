@@ -7,6 +7,7 @@
 #include <string>
 
 #include "core/node_access.h"
+#include "core/value_index_upkeep.h"
 #include "goods/prototype.h"
 
 namespace tarns {
@@ -52,6 +53,7 @@ xcptref<TarnObjects> TarnObjects::Create(const xcptref<TarnObject>& parent, unsi
 goods::field_descriptor* TarnObjects::describe_components() {
   goods::field_descriptor* fields = B_tree::describe_components();
   goods::describe_member(fields, "mParent", *this, parent_, goods::ref_kind::back);
+  goods::describe_member(fields, "ValueIndexes", *this, valueIndexes_);
   return fields;
 }
 
@@ -93,10 +95,20 @@ void TarnObjects::adopt(const goods::ref<goods::set_member>& entry,
   node->adoptOrphan(entry, !TarnNodeAccess::ParentLinkOf(*node).is_null());
 }
 
+// What value indexes have to know of changed entries, until the transaction is committed.
+void TarnObjects::noteAdded(const goods::ref<goods::set_member>& entry) const {
+  if (!valueIndexes_.is_null()) ValueIndexChanges::NoteAdded(*this, entry);
+}
+
+void TarnObjects::noteRemoved(const goods::ref<goods::set_member>& entry) const {
+  if (!valueIndexes_.is_null()) ValueIndexChanges::NoteRemoved(*this, entry);
+}
+
 void TarnObjects::insert(std::string_view name, const xcptref<TarnObject>& child) {
   if (child.is_null()) ThrowBadRef("NULL TarnRef write dereference");
   const auto entry = goods::set_member::create(child, name);
   B_tree::insert(entry);
+  noteAdded(entry);
   adopt(entry, child);
 }
 
@@ -104,6 +116,7 @@ goods::ref<goods::set_member> TarnObjects::link(std::string_view name,
                                                 const xcptref<TarnObject>& child) {
   auto entry = goods::set_member::create(child, name);
   B_tree::insert(entry);
+  noteAdded(entry);
   return entry;
 }
 
@@ -118,6 +131,8 @@ void TarnObjects::replaceChild(const goods::ref<goods::set_member>& entry,
   const TarnRef replaced = TarnRef::Trusted(entry->target());
   const auto next = goods::set_member::create(child, std::string(entry->key()));
   if (!replace(entry, next)) return;
+  noteRemoved(entry);
+  noteAdded(next);
   TarnNodeAccess::Orphan(replaced, entry);
   adopt(next, child);
   note_relinked();
@@ -125,6 +140,7 @@ void TarnObjects::replaceChild(const goods::ref<goods::set_member>& entry,
 
 bool TarnObjects::removeEntry(const goods::ref<goods::set_member>& entry) {
   if (!remove(entry)) return false;
+  noteRemoved(entry);
   TarnNodeAccess::Orphan(TarnRef::Trusted(entry->target()), entry);
   note_relinked();
   return true;
@@ -132,15 +148,18 @@ bool TarnObjects::removeEntry(const goods::ref<goods::set_member>& entry) {
 
 void TarnObjects::rename(const goods::ref<goods::set_member>& entry, std::string_view name) {
   if (!remove(entry)) return;
+  noteRemoved(entry);
   modify(entry)->set_key(name);
   B_tree::insert(entry);
+  noteAdded(entry);
   note_relinked();
 }
 
 void TarnObjects::deleteChildren() {
   const goods::ref<TarnObjects> self =
       goods::ref<TarnObjects>::trusted(goods::object_ref(handle()));
-  iterate(self, [](const goods::held_entry& entry) {
+  iterate(self, [this](const goods::held_entry& entry) {
+    noteRemoved(entry.member);
     TarnNodeAccess::Orphan(TarnRef::Trusted(entry.target), entry.member);
     return true;
   });

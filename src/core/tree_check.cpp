@@ -1,8 +1,12 @@
 #include "core/tree_check.h"
 
 #include <fmt/format.h>
+#include <goods/cache_manager.h>
+#include <goods/database.h>
 #include <tarns/core/TarnObject.h>
 #include <tarns/core/TarnObjects.h>
+#include <tarns/core/TarnPath.h>
+#include <tarns/core/TarnValueIndex.h>
 
 #include "core/node_access.h"
 
@@ -14,6 +18,7 @@ namespace {
 constexpr const char* kChildren = "Children";
 constexpr const char* kParentLink = "ParentLink";
 constexpr const char* kParent = "mParent";
+constexpr const char* kValueIndexes = "ValueIndexes";
 
 void CheckIndex(const goods::stored_object& node, goods::object_id index, goods::check_desk& desk) {
   bool isIndex = false;
@@ -60,6 +65,9 @@ bool TreeCheck::is_silent(std::string_view member) const {
 }
 
 void TreeCheck::check(const goods::stored_object& object, goods::check_desk& desk) {
+  if (object.is_a(TarnObjects::self_class.name()) && object.reference(kValueIndexes) != 0) {
+    if (const goods::object_id node = object.reference(kParent)) indexed_.push_back(node);
+  }
   if (!object.is_a(TarnObject::GetType())) return;
   if (const goods::object_id index = object.reference(kChildren)) CheckIndex(object, index, desk);
   if (const goods::object_id link = object.reference(kParentLink)) {
@@ -85,6 +93,29 @@ void TreeCheck::check_entry(const goods::stored_object& index, std::string_view 
 
 void TreeCheck::check_root(const goods::stored_object& root, goods::check_desk& desk) {
   if (!root.is_a(TarnObject::GetType())) desk.report(root.id, "", "is the root, but no node");
+}
+
+// What cannot be read is reported where it was met.
+void TreeCheck::finish(goods::check_desk& desk) {
+  goods::cache_manager& session = db_.session();
+  const bool isAttached = goods::cache_manager::current() == &session;
+  if (!indexed_.empty() && !isAttached) session.attach();
+  for (const goods::object_id id : indexed_) {
+    const TarnRef node = TarnRef::Trusted(session.find(id));
+    try {
+      const std::vector<std::string> faults = TarnValueIndex::Check(node);
+      if (faults.empty()) continue;
+      TarnPath path;
+      TarnObject::GetPath(node, path);
+      for (const std::string& fault : faults) desk.report(id, path.view(), fault);
+    } catch (const goods::error_info& error) {
+      if (error.code() != goods::error_code::corrupt_data &&
+          error.code() != goods::error_code::object_deleted) {
+        throw;
+      }
+    }
+  }
+  if (!indexed_.empty() && !isAttached) goods::cache_manager::detach();
 }
 
 }  // namespace tarns

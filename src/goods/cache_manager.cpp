@@ -111,7 +111,7 @@ isolation_level cache_manager::end_transaction() {
     return serializable;
   }
   // The transaction is over whether its commit succeeds or throws.
-  const std::unique_ptr<transaction> ending = mine->close();
+  const std::unique_ptr<transaction> ending = mine->close_prepared();
   ending->commit();
   return serializable;
 }

@@ -62,6 +62,8 @@ class check_rules {
                            check_desk& desk) = 0;
   // The root object of the first storage.
   virtual void check_root(const stored_object& root, check_desk& desk) = 0;
+  // All objects have been checked. What is reported gets its path from `name` alone.
+  virtual void finish(check_desk& /*desk*/) {}
 };
 
 }  // namespace goods

@@ -87,6 +87,7 @@ check_result database_check::run() {
       check_roots();
       check_places();
       check_unreachable();
+      if (rules_ != nullptr) rules_->finish(*this);
     }
   } catch (const stopped&) {
     result_.has_ended = false;

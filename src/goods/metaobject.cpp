@@ -55,7 +55,7 @@ void end_access(bool failed) {
   thread_attachment& thread = *session->attachment();
   if (thread.accesses > 0 && --thread.accesses > 0) return;
   if (thread.open() == nullptr || thread.open()->is_explicit()) return;
-  const std::unique_ptr<transaction> ending = thread.close();
+  const std::unique_ptr<transaction> ending = failed ? thread.close() : thread.close_prepared();
   if (!failed) ending->commit();
 }
 

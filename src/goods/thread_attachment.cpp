@@ -12,6 +12,16 @@ transaction& thread_attachment::open_or_join(bool is_explicit) {
   return *transaction_;
 }
 
+std::unique_ptr<transaction> thread_attachment::close_prepared() {
+  try {
+    transaction_->prepare();
+  } catch (...) {
+    transaction_.reset();
+    throw;
+  }
+  return close();
+}
+
 void thread_attachment::leave_session() {
   transaction_.reset();
   session_ = nullptr;

@@ -29,6 +29,9 @@ class thread_attachment {
   transaction& open_or_join(bool is_explicit);
   // Takes it away; it rolls back when destroyed without a commit.
   std::unique_ptr<transaction> close() { return std::move(transaction_); }
+  // The same to commit it, after what else belongs to the commit has been done; when that throws,
+  // it is rolled back.
+  std::unique_ptr<transaction> close_prepared();
   // Puts one back that was taken away.
   void reopen(std::unique_ptr<transaction> taken) { transaction_ = std::move(taken); }
 

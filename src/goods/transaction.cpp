@@ -15,6 +15,7 @@
 #include <goods/object_handle.h>
 
 #include "goods/commit_builder.h"
+#include "goods/commit_upkeep.h"
 #include "goods/epoch.h"
 #include "goods/known_objects.h"
 #include "goods/lock_errors.h"
@@ -262,6 +263,17 @@ void transaction::replace(object_handle& handle, object& body) {
 void transaction::add_root(object_ref root, storage_number storage) {
   verify_not_doomed();
   roots_.emplace_back(std::move(root), storage);
+}
+
+void transaction::prepare() {
+  const commit_upkeep work = defined_commit_upkeep();
+  if (work == nullptr || is_doomed() || changes_->copies.empty()) return;
+  struct scope {  // accesses in there do not end it
+    int& depth;
+    explicit scope(int& of) : depth(of) { ++depth; }
+    ~scope() { --depth; }
+  } const in_it(depth_);
+  work(session_, *this);
 }
 
 void transaction::commit() {

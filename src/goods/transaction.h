@@ -15,6 +15,7 @@
 #include <goods/object_ref.h>
 #include <goods/reader.h>
 
+#include "goods/publication.h"
 #include "storage/lock_owner.h"
 
 namespace goods {
@@ -22,7 +23,6 @@ namespace goods {
 class cache_manager;
 class known_objects;
 class object;
-class publication;
 class transaction_companion;
 
 // Private copies of what was written, locks, and the way to commit or drop them.
@@ -104,6 +104,10 @@ class transaction {
 
   // What the session keeps with the transaction, see cache_manager.
   std::unique_ptr<transaction_companion> companion;
+  // What the library above keeps for its part of the commit, see commit_upkeep.h.
+  std::unique_ptr<transaction_companion> upkeep;
+  // The private copies, in the order of their making; null bodies are none any more.
+  std::span<const publication::copy> copies() const { return changes_->copies; }
 
   // Makes `body` the private copy of the object behind `handle`; rolled back, it returns to the
   // handle that it has now.
@@ -118,6 +122,9 @@ class transaction {
   // Stores `root` (transient) as the root object of `storage` when this commits.
   void add_root(object_ref root, storage_number storage);
 
+  // Before commit(), while the thread still has it open: does what else belongs to the commit, see
+  // commit_upkeep.h. What throws leaves a transaction that can only be rolled back.
+  void prepare();
   // Makes everything durable and visible; nothing has been when it throws, unless the code is
   // outcome_unknown. The transaction is over either way.
   void commit();

@@ -28,6 +28,18 @@ QueryConditions::QueryConditions(const TarnQuery& query) {
   });
 }
 
+// From the end: joined by And it is necessary; by Or neither it nor what is before; by anything
+// else it does not count.
+std::vector<const QueryConditions::Condition*> QueryConditions::necessary() const {
+  std::vector<const Condition*> found;
+  for (std::size_t i = conditions_.size(); i-- > 0;) {
+    const auto logic = i == 0 ? TarnQueryElement::And : conditions_[i - 1].logic;
+    if (logic == TarnQueryElement::Or) break;
+    if (logic == TarnQueryElement::And) found.push_back(&conditions_[i]);
+  }
+  return found;
+}
+
 bool QueryConditions::hold(goods::reader& reader, const TarnObject& node, Subject& subject) const {
   bool result = false;
   TarnQueryElement::LogicType logic = TarnQueryElement::Or;  // the first one counts as it is
@@ -40,6 +52,39 @@ bool QueryConditions::hold(goods::reader& reader, const TarnObject& node, Subjec
     logic = condition.logic;
   }
   return result;
+}
+
+void QueryConditions::hold(goods::reader& reader, std::span<const TarnObject* const> nodes,
+                           SubjectBatch& subjects, std::vector<char>& results) const {
+  results.assign(nodes.size(), false);
+  TarnQueryElement::LogicType logic = TarnQueryElement::Or;  // the first one counts as it is
+  std::vector<const TarnObject*> open(nodes.size());
+  for (const Condition& condition : conditions_) {
+    if (logic == TarnQueryElement::And || logic == TarnQueryElement::Or) {
+      const bool isUndecided = logic == TarnQueryElement::And;
+      for (std::size_t i = 0; i < nodes.size(); ++i) {
+        open[i] = results[i] == static_cast<char>(isUndecided) ? nodes[i] : nullptr;
+      }
+      join(condition, reader, open, subjects, results);
+    }
+    logic = condition.logic;
+  }
+}
+
+// Sets the results of all nodes that are not null.
+void QueryConditions::join(const Condition& condition, goods::reader& reader,
+                           std::span<const TarnObject* const> nodes, SubjectBatch& subjects,
+                           std::vector<char>& results) {
+  const bool isAnything = condition.isAnything && !condition.path.empty();
+  const bool isNothing = condition.path.empty() || condition.reference.empty();
+  std::span<const std::string_view> texts;
+  if (!isAnything && !isNothing) texts = subjects.read(reader, nodes, condition.path);
+  for (std::size_t i = 0; i < nodes.size(); ++i) {
+    if (nodes[i] == nullptr) continue;
+    results[i] = static_cast<char>(
+        isAnything || (!isNothing && !texts[i].empty() &&
+                       SatisfiesInUpperCase(texts[i], condition.op, condition.reference)));
+  }
 }
 
 bool QueryConditions::Holds(const Condition& condition, goods::reader& reader,

@@ -5,8 +5,11 @@
 #include <tarns/core/TarnObject.h>
 #include <tarns/select/TarnQuery.h>
 
+#include <span>
 #include <string>
 #include <vector>
+
+#include "select/subject_batch.h"
 
 namespace tarns {
 
@@ -22,12 +25,6 @@ class QueryConditions {
     std::string text;
   };
 
-  explicit QueryConditions(const TarnQuery& query);
-
-  // Within goods::cache_manager::read().
-  bool hold(goods::reader& reader, const TarnObject& node, Subject& subject) const;
-
- private:
   struct Condition {
     std::string path;       // empty: never true
     std::string reference;  // in upper case; empty: never true
@@ -35,6 +32,24 @@ class QueryConditions {
     TarnQueryElement::LogicType logic;  // joins it to the next one
     bool isAnything;                    // whatever the subject is
   };
+
+  explicit QueryConditions(const TarnQuery& query);
+
+  // Those without which the whole cannot hold.
+  std::vector<const Condition*> necessary() const;
+  // Whether there is but one condition.
+  bool isSingle() const { return conditions_.size() == 1; }
+
+  // Within goods::cache_manager::read().
+  bool hold(goods::reader& reader, const TarnObject& node, Subject& subject) const;
+  // The same for many nodes; null ones count as those for which nothing holds.
+  void hold(goods::reader& reader, std::span<const TarnObject* const> nodes, SubjectBatch& subjects,
+            std::vector<char>& results) const;
+
+ private:
+  static void join(const Condition& condition, goods::reader& reader,
+                   std::span<const TarnObject* const> nodes, SubjectBatch& subjects,
+                   std::vector<char>& results);
   static bool Holds(const Condition& condition, goods::reader& reader, const TarnObject& node,
                     Subject& subject);
 

@@ -1,3 +1,4 @@
+#include <goods/cache_manager.h>
 #include <tarns/core/TarnException.h>
 #include <tarns/core/TarnObjects.h>
 #include <tarns/schema/GOODSinOut.h>
@@ -8,10 +9,13 @@
 #include <tarns/util/XString.h>
 
 #include <limits>
+#include <optional>
 #include <string_view>
 #include <utility>
+#include <vector>
 
 #include "core/node_access.h"
+#include "select/index_search.h"
 
 namespace tarns {
 
@@ -35,6 +39,36 @@ struct WantedValue {
   const char* path;
   const TarnData* value;
 };
+
+// The names that a value index of the parent leads to; nothing when it has none for that path.
+std::optional<std::vector<std::string>> NamesFromIndex(const TarnRef& parent,
+                                                       std::string_view below,
+                                                       const TarnData& value) {
+  return goods::read_here([&](goods::reader& reader) -> std::optional<std::vector<std::string>> {
+    const TarnObjects* const children = TarnNodeAccess::IndexOf(reader, *reader.get(parent));
+    if (children == nullptr) return std::nullopt;
+    return NamesOfEqual(reader, *children, below, value);
+  });
+}
+
+// Calls `visit(child)` for all children of that name.
+template <class Visit>
+void ForEachNamed(const xcptref<TarnObjects>& children, const std::string& name,
+                  const Visit& visit) {
+  constexpr std::size_t kAtOnce = 16;
+  goods::index_position position(name);
+  for (std::size_t read = kAtOnce; read == kAtOnce;) {
+    const auto some = goods::read_here([&](goods::reader& reader) {
+      return reader.get(children)->entries_after(reader, &position, kAtOnce);
+    });
+    read = some.size();
+    for (const goods::held_entry& entry : some) {
+      if (entry.name != name) return;
+      visit(TarnRef::Trusted(goods::to_reference(entry.target.word())));
+    }
+    position.move_behind(some);
+  }
+}
 
 int CompareValues(TarnRef node, const void* arg) {
   const auto* const wanted = static_cast<const WantedValue*>(arg);
@@ -206,7 +240,15 @@ goods::ref<TarnCollector> TarnCollector::CollectChildrenWithValue(TarnRef parent
   const WantedValue wanted{name, value};
   auto collector = Create(CompareValues, &wanted);
   auto body = modify(collector);
-  body->collectChildrenIfEqual(std::move(parent));
+  if (const auto names = NamesFromIndex(parent, ViewOf(name), *value)) {
+    const xcptref<TarnObjects> children = parent->getChildren();
+    for (const std::string& each : *names) {
+      ForEachNamed(children, each,
+                   [&](const TarnRef& child) { body->addIfEqual(each.c_str(), child, nullptr); });
+    }
+  } else {
+    body->collectChildrenIfEqual(std::move(parent));
+  }
   body->compare_ = nullptr;  // what it compares with goes with this call
   return collector;
 }

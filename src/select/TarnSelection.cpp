@@ -8,17 +8,109 @@
 #include "goods/B_tree_walk.h"
 #include "goods/prototype.h"
 #include "select/QueryConditions.h"
+#include "select/index_search.h"
 
 namespace tarns {
 
 namespace {
 
-constexpr std::size_t kLookahead = 64;    // children that are loaded at once
+constexpr std::size_t kLookahead = 64;    // children that are looked at together
+constexpr std::size_t kLeastAhead = 8;    // where few are wanted
 constexpr std::size_t kMostBefore = 256;  // entries of one name that a position remembers
 
 goods::ref<goods::set_member> Kept(goods::ref_word member) {
   return goods::ref<goods::set_member>::trusted(goods::keep_word(member));
 }
+
+// The children that come next in a list, and whether the query holds for them.
+class ChildrenAhead {
+ public:
+  ChildrenAhead(goods::reader& reader, const QueryConditions& conditions)
+      : reader_(reader), conditions_(conditions) {}
+
+  bool isEmpty() const { return next_ == results_.size(); }
+  bool takeNext() { return results_[next_++] != 0; }
+
+  // Those from `place` on that stand on the same page, but not many more than are `wanted`.
+  void look(const goods::B_tree_walk& place, std::size_t wanted) {
+    words_.clear();
+    nodes_.clear();
+    next_ = 0;
+    const std::size_t most = reader_.in_transaction()  // locks what it looks at
+                                 ? 1
+                                 : std::clamp<std::size_t>(wanted, kLeastAhead, kLookahead);
+    const std::size_t count = std::min(most, place.left_on_page());
+    for (std::size_t i = 0; i < count; ++i) words_.push_back(place.entry(i).target);
+    reader_.prefetch(words_);
+    for (const goods::ref_word word : words_) {
+      nodes_.push_back(static_cast<const TarnObject*>(reader_.look(word, TarnObject::self_class)));
+    }
+    conditions_.hold(reader_, nodes_, subjects_, results_);
+  }
+
+ private:
+  goods::reader& reader_;
+  const QueryConditions& conditions_;
+  std::vector<goods::ref_word> words_;
+  std::vector<const TarnObject*> nodes_;
+  SubjectBatch subjects_;
+  std::vector<char> results_;
+  std::size_t next_ = 0;
+};
+
+// Takes those of an index's candidates that the whole query holds for.
+class CandidateFilter {
+ public:
+  CandidateFilter(goods::reader& reader, const TarnObjects& children,
+                  const QueryConditions& conditions, std::vector<TarnChild>& found)
+      : reader_(reader), children_(children), conditions_(conditions), found_(found) {}
+
+  // All candidates of the name of the one at `next`; returns where the next name begins.
+  std::size_t take(const std::vector<IndexCandidate>& some, std::size_t next) {
+    const IndexCandidate& first = some[next];
+    std::size_t end = next + 1;
+    while (end < some.size() && some[end].name == first.name) ++end;
+    if (end > next + 1) {
+      takeNamed(first.name);
+    } else if (first.isCertain && conditions_.isSingle()) {
+      add(first.name, first.child);
+    } else {
+      if (next >= loaded_) loadFrom(some, next);
+      takeIfHolds(first.name, first.child);
+    }
+    return end;
+  }
+
+ private:
+  void add(std::string_view name, goods::ref_word child) {
+    found_.push_back(
+        {.name = std::string(name), .child = TarnRef::Trusted(goods::keep_word(child))});
+  }
+  void takeIfHolds(std::string_view name, goods::ref_word word) {
+    const auto* child = static_cast<const TarnObject*>(reader_.look(word, TarnObject::self_class));
+    if (child != nullptr && conditions_.hold(reader_, *child, subject_)) add(name, word);
+  }
+  // In the order of the children, which the index does not know.
+  void takeNamed(const std::string& name) {
+    goods::B_tree_walk place(reader_, children_);
+    for (place.seek_lower(name); !place.at_end() && place.entry().name == name; place.next()) {
+      takeIfHolds(name, place.entry().target);
+    }
+  }
+  void loadFrom(const std::vector<IndexCandidate>& some, std::size_t next) {
+    loaded_ = std::min(some.size(), next + kLookahead);
+    std::vector<goods::ref_word> ahead;
+    for (; next < loaded_; ++next) ahead.push_back(some[next].child);
+    reader_.prefetch(ahead);
+  }
+
+  goods::reader& reader_;
+  const TarnObjects& children_;
+  const QueryConditions& conditions_;
+  std::vector<TarnChild>& found_;
+  QueryConditions::Subject subject_;
+  std::size_t loaded_ = 0;  // so many have been loaded ahead
+};
 
 }  // namespace
 
@@ -27,6 +119,8 @@ struct TarnSelection::Batch {
   std::optional<goods::index_position> last;
   std::size_t looked = 0;
   bool isAtEnd = false;
+  std::string indexUsed;
+  bool isWholeName = false;  // `last` stands for all entries of its name
 };
 
 TarnSelection::TarnSelection(const TarnRef& parent, const xcptref<TarnQuery>& query)
@@ -60,19 +154,48 @@ void TarnSelection::fetch() {
     looked_ += batch.looked;
     found_ = std::move(batch.found);
     isAtEnd_ = batch.isAtEnd;
+    indexUsed_ = std::move(batch.indexUsed);
     if (!batch.last) continue;
     last_ = std::move(batch.last);
     lastName_ = last_->name;
-    startsBehindName_ = false;
+    startsBehindName_ = batch.isWholeName;
   }
 }
 
 // One state of the database throughout, and nothing of this object changed: may be repeated.
 TarnSelection::Batch TarnSelection::look(goods::reader& reader) const {
   Batch batch;
-  QueryConditions::Subject subject;
   const goods::guest_scope guests(reader, goods::guest_scope::policy::at_first);
-  goods::B_tree_walk place(reader, *reader.get(index_));
+  const TarnObjects& children = *reader.get(index_);
+  if (!lookUp(reader, children, batch)) lookAtAll(reader, children, batch);
+  return batch;
+}
+
+// By a value index, if there is one that helps.
+bool TarnSelection::lookUp(goods::reader& reader, const TarnObjects& children, Batch& batch) const {
+  if (last_ && !startsBehindName_) return false;
+  const QueryConditions::Condition* const condition =
+      IndexSearch::Choose(reader, children, *conditions_);
+  if (condition == nullptr) return false;
+  IndexSearch search(reader, children, *condition);
+  std::vector<IndexCandidate> some;
+  const std::string_view after = last_ ? std::string_view(last_->name) : std::string_view();
+  if (!search.collect(after, kBatchSize, some)) return false;
+  CandidateFilter filter(reader, children, *conditions_, batch.found);
+  std::size_t next = 0;
+  while (next < some.size() && batch.found.size() < limit_) next = filter.take(some, next);
+  batch.looked = search.looked();
+  batch.indexUsed = condition->path;
+  batch.isAtEnd = next == some.size() && search.isAtEnd();
+  if (next == 0) return true;
+  batch.last.emplace(some[next - 1].name);
+  batch.isWholeName = true;
+  return true;
+}
+
+void TarnSelection::lookAtAll(goods::reader& reader, const TarnObjects& children,
+                              Batch& batch) const {
+  goods::B_tree_walk place(reader, children);
   if (!last_) {
     place.seek_index(0);
   } else if (startsBehindName_) {
@@ -80,7 +203,7 @@ TarnSelection::Batch TarnSelection::look(goods::reader& reader) const {
   } else {
     place.seek_behind(*last_);
   }
-  std::vector<goods::ref_word> ahead;
+  ChildrenAhead ahead(reader, *conditions_);
   std::optional<goods::index_entry> last;
   std::vector<goods::ref_word> before;
   const auto goesOn = [&] {
@@ -88,12 +211,7 @@ TarnSelection::Batch TarnSelection::look(goods::reader& reader) const {
     return last && last->name == place.entry().name;  // see startBehind()
   };
   while (!place.at_end() && goesOn()) {
-    if (batch.looked % kLookahead == 0) {
-      ahead.clear();
-      const std::size_t count = std::min(kLookahead, place.left_on_page());
-      for (std::size_t i = 0; i < count; ++i) ahead.push_back(place.entry(i).target);
-      reader.prefetch(ahead);
-    }
+    if (ahead.isEmpty()) ahead.look(place, limit_ - std::min(limit_, batch.found.size()));
     const goods::index_entry entry = place.entry();
     if (!last || last->name != entry.name) {
       before.clear();
@@ -103,41 +221,99 @@ TarnSelection::Batch TarnSelection::look(goods::reader& reader) const {
     }
     last = entry;
     ++batch.looked;
-    const auto* child =
-        static_cast<const TarnObject*>(reader.look(entry.target, TarnObject::self_class));
-    if (child != nullptr && conditions_->hold(reader, *child, subject)) {
+    if (ahead.takeNext()) {
       batch.found.push_back({.name = std::string(entry.name),
                              .child = TarnRef::Trusted(goods::keep_word(entry.target))});
     }
     place.next();
   }
   batch.isAtEnd = place.at_end();
-  if (!last) return batch;
+  if (!last) return;
   batch.last.emplace(last->name, Kept(last->member));
   for (const goods::ref_word member : before) batch.last->before.push_back(Kept(member));
-  return batch;
 }
 
-std::vector<TarnChild> TarnSelection::orderedBy(std::string_view path, bool isDescending) {
-  struct Ranked {
-    TarnChild child;
-    std::optional<TarnData> value;
+namespace {
+
+struct Ranked {
+  TarnChild child;
+  TarnData value;
+  std::size_t place = 0;  // among all
+};
+
+// Whether a child comes before another one of the same order; one without a value is the least.
+template <class Compare>
+bool ComesFirst(const Ranked& left, const Ranked& right, bool isDescending, Compare& compare) {
+  const bool isNothing = left.value.getType() == TarnData::None;
+  const bool isOtherNothing = right.value.getType() == TarnData::None;
+  int order = static_cast<int>(isOtherNothing) - static_cast<int>(isNothing);
+  if (order == 0 && !isNothing) order = compare(left, right);
+  if (isDescending) order = -order;
+  return order != 0 ? order < 0 : left.place < right.place;
+}
+
+// The first `count` of what `next(ranked)` gives, in order: a heap with the last of them on top.
+template <class Next, class Compare>
+std::vector<TarnChild> BestOf(std::size_t count, bool isDescending, const Next& next,
+                              Compare compare) {
+  const auto comesFirst = [&](const Ranked& left, const Ranked& right) {
+    return ComesFirst(left, right, isDescending, compare);
   };
-  std::vector<Ranked> ranked;
-  for (auto child = begin(); child != end(); ++child) {
-    ranked.push_back({*child, child->child->valueAt(path)});
+  std::vector<Ranked> kept;
+  Ranked one;
+  for (std::size_t place = 0; count > 0 && next(one); ++place) {
+    one.place = place;
+    if (kept.size() == count) {
+      if (!comesFirst(one, kept.front())) continue;
+      std::pop_heap(kept.begin(), kept.end(), comesFirst);
+      kept.pop_back();
+    }
+    kept.push_back(std::move(one));
+    std::push_heap(kept.begin(), kept.end(), comesFirst);
   }
-  const auto isLess = [](const Ranked& left, const Ranked& right) {
-    if (!left.value || !right.value) return right.value.has_value() && !left.value;
-    return left.value->compare(*right.value) < 0;
-  };
-  std::stable_sort(ranked.begin(), ranked.end(), [&](const Ranked& left, const Ranked& right) {
-    return isDescending ? isLess(right, left) : isLess(left, right);
-  });
+  std::sort_heap(kept.begin(), kept.end(), comesFirst);
   std::vector<TarnChild> ordered;
-  ordered.reserve(ranked.size());
-  for (Ranked& each : ranked) ordered.push_back(std::move(each.child));
+  ordered.reserve(kept.size());
+  for (Ranked& each : kept) ordered.push_back(std::move(each.child));
   return ordered;
+}
+
+}  // namespace
+
+std::vector<TarnChild> TarnSelection::orderedBy(std::string_view path, bool isDescending) {
+  return best(kNoLimit, path, isDescending);
+}
+
+std::vector<TarnChild> TarnSelection::best(std::size_t count, std::string_view path,
+                                           bool isDescending) {
+  bool hasBegun = false;
+  const auto next = [&](Ranked& into) {
+    const Iterator at = std::exchange(hasBegun, true) ? ++Iterator(*this) : begin();
+    if (at == end()) return false;
+    into.child = *at;
+    into.value = into.child.child->valueAt(path).value_or(TarnData());
+    return true;
+  };
+  return BestOf(count, isDescending, next, [](const Ranked& left, const Ranked& right) {
+    return left.value.compare(right.value);
+  });
+}
+
+std::vector<TarnChild> TarnSelection::best(std::size_t count, TarnValueComparator& order,
+                                           TarnData& target, bool isDescending) {
+  bool hasBegun = false;
+  const auto next = [&](Ranked& into) {
+    const Iterator at = std::exchange(hasBegun, true) ? ++Iterator(*this) : begin();
+    if (at == end()) return false;
+    into.child = *at;
+    target.empty();
+    order.compare(into.child.child, nullptr);  // sets the target when there is a value
+    into.value = target;
+    return true;
+  };
+  return BestOf(count, isDescending, next, [&](const Ranked& left, const Ranked& right) {
+    return order.compare(left.child.child, &right.value);
+  });
 }
 
 }  // namespace tarns

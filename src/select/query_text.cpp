@@ -43,4 +43,34 @@ bool Satisfies(std::string_view subject, std::uint32_t op, std::string_view refe
   }
 }
 
+bool SatisfiesInUpperCase(std::string_view subject, std::uint32_t op, std::string_view reference) {
+  const std::size_t common = std::min(subject.size(), reference.size());
+  const auto differs = [](char left, char right) { return Stringer::ToUpper(left) != right; };
+  std::size_t same = 0;
+  while (same < common && !differs(subject[same], reference[same])) ++same;
+  int order = 0;
+  if (same < common) {
+    const auto left = static_cast<unsigned char>(Stringer::ToUpper(subject[same]));
+    order = left < static_cast<unsigned char>(reference[same]) ? -1 : 1;
+  } else if (subject.size() != reference.size()) {
+    order = subject.size() < reference.size() ? -1 : 1;
+  }
+  switch (op) {
+    case TarnQueryElement::Less:
+      return order < 0;
+    case TarnQueryElement::Greater:
+      return order > 0;
+    case TarnQueryElement::Equal:
+      return order == 0;
+    case TarnQueryElement::NotEqual:
+      return order != 0;
+    case TarnQueryElement::GreaterOrEqual:
+      return order >= 0;
+    case TarnQueryElement::LessOrEqual:
+      return order <= 0;
+    default:
+      return Satisfies(subject, op, reference);  // which regards no case
+  }
+}
+
 }  // namespace tarns

@@ -14,4 +14,7 @@ void MakeUpperCase(std::string& text);
 // the reference text, which is in upper case. Neither is empty.
 bool Satisfies(std::string_view subject, std::uint32_t op, std::string_view reference);
 
+// The same as if `subject` were in upper case, without a copy of it.
+bool SatisfiesInUpperCase(std::string_view subject, std::uint32_t op, std::string_view reference);
+
 }  // namespace tarns

@@ -25,7 +25,7 @@ std::unique_ptr<goods::cache_manager> TarnDatabase::create_session() {
 }
 
 std::unique_ptr<goods::check_rules> TarnDatabase::create_check_rules() {
-  return std::make_unique<TreeCheck>();
+  return std::make_unique<TreeCheck>(*this);
 }
 
 }  // namespace tarns

@@ -11,16 +11,19 @@
 #include <tarns/core/TarnObjects.h>
 #include <tarns/core/TarnPath.h>
 #include <tarns/core/TarnValue.h>
+#include <tarns/core/TarnValueIndex.h>
 #include <tarns/session/TarnDatabase.h>
 #include <tarns/session/TarnManager.h>
 #include <tarns/session/TarnRoot.h>
 
 #include <algorithm>
 #include <map>
+#include <set>
 #include <string_view>
 #include <utility>
 
 #include "core/node_access.h"
+#include "core/value_index_upkeep.h"
 
 namespace tarns {
 
@@ -68,6 +71,7 @@ class TreeMender {
     placeStandIns();
     putBackEntries();
     placeUnreachable();
+    rebuildValueIndexes();
     tellMissing();
     return std::move(result_);
   }
@@ -79,6 +83,7 @@ class TreeMender {
   void placeUnreachable();
   bool placeTops(bool any);
   void dropValue(const TarnRef& value);
+  void rebuildValueIndexes();
   void tellMissing();
 
   TarnRef standInFor(object_id lost);
@@ -267,6 +272,23 @@ bool TreeMender::placeTops(bool any) {
   });
   result_.lostBranches += tops.size();
   return !tops.empty();
+}
+
+// Those that do not agree with what is left of the values.
+void TreeMender::rebuildValueIndexes() {
+  if (!MayHaveValueIndexes(goods::cache_manager::require())) return;
+  std::set<object_id> suspects;
+  goods::check_options options;
+  options.full = true;
+  options.found = [&](const goods::check_finding& finding) { suspects.insert(finding.id); };
+  into_.check(options);
+  for (const object_id id : suspects) {
+    const TarnRef owner = node(id);
+    if (owner.is_null()) continue;
+    for (const std::string& below : TarnValueIndex::List(owner)) {
+      TarnValueIndex::Rebuild(owner, below);
+    }
+  }
 }
 
 // Empty for what is no node.

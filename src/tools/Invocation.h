@@ -51,6 +51,7 @@ void AddCp(CLI::App& app, Invocation& invocation);
 void AddMv(CLI::App& app, Invocation& invocation);
 void AddFind(CLI::App& app, Invocation& invocation);
 void AddQuery(CLI::App& app, Invocation& invocation);
+void AddIndex(CLI::App& app, Invocation& invocation);
 void AddStat(CLI::App& app, Invocation& invocation);
 void AddGc(CLI::App& app, Invocation& invocation);
 void AddCheck(CLI::App& app, Invocation& invocation);

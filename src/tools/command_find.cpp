@@ -107,7 +107,7 @@ void AddFind(CLI::App& app, Invocation& invocation) {
   command.add_option("--after", options->after, "With --where: begin behind children of this name")
       ->type_name("NAME");
   command.add_flag("--explain", options->explains,
-                   "Tell on standard error how many children --where has looked at");
+                   "Tell on standard error what --where has looked at");
   command.add_option("--limit", options->limit, "Stop after so many")
       ->check(CLI::NonNegativeNumber);
   command.callback([&invocation, options] {

@@ -30,10 +30,13 @@ int PrintSelection(OpenDatabase& database, const std::string& path, const xcptre
   }
   const std::size_t found = findings.finish();
   if (options.explains) {
-    std::fprintf(stderr, "tarns: %s: looked at %llu children of \"%s\"%s, %zu found.\n",
+    const std::string& index = selection.getIndexUsed();
+    const std::string what =
+        index.empty() ? "children" : "entries of the index of \"" + Shown(index) + "\"";
+    std::fprintf(stderr, "tarns: %s: looked at %llu %s of \"%s\"%s, %zu found.\n",
                  Shown(WhereOf(*query.read())).c_str(),
-                 static_cast<unsigned long long>(selection.getNumLooked()), Shown(path).c_str(),
-                 selection.isAtEnd() ? "" : ", not at the rest", found);
+                 static_cast<unsigned long long>(selection.getNumLooked()), what.c_str(),
+                 Shown(path).c_str(), selection.isAtEnd() ? "" : ", not at the rest", found);
   }
   return found != 0 ? ExitStatus::kDone : ExitStatus::kNotFound;
 }

@@ -306,6 +306,65 @@ TEST_F(QuerySessionTest, OrdersByAValue) {
   EXPECT_EQ(namesBy(true), "c9 c8 c7 c6 c5 c3 c2 c1 c11 c10 c4 ");
 }
 
+// Orders texts by their length.
+class LengthComparator : public TarnValueComparator {
+ public:
+  explicit LengthComparator(TarnData* target) : TarnValueComparator("v", target), target_(target) {}
+
+ protected:
+  int compareValue(const TarnRef& node, const void* key) override {
+    const auto* const other = static_cast<const TarnData*>(key);
+    const std::size_t length = other != nullptr ? other->getText().size() : 0;
+    TarnValueComparator::compareValue(node, key);
+    return static_cast<int>(target_->getText().size()) - static_cast<int>(length);
+  }
+
+ private:
+  TarnData* target_;
+};
+
+TEST_F(QuerySessionTest, TheBestAreTheFirstOfAllInOrder) {
+  std::mt19937 random(5);
+  const TarnRef parent = manager().getNoFail("p");
+  for (int i = 0; i < 300; ++i) {
+    const TarnRef child = TarnObject::Create();
+    if (random() % 8 != 0) {
+      const TarnData value = random() % 2 == 0 ? TarnData(int(random() % 20))
+                                               : TarnData(std::string(random() % 6, 'x'));
+      modify(child)->setValue("v", value);
+    }
+    modify(parent)->addChild(std::to_string(i % 290).c_str(), child);
+  }
+  const xcptref<TarnQuery> all = TarnQuery::Create();
+  modify(all)->addElement(Element::Create("v", Element::Equal, "*"));
+  const auto childrenOf = [](const std::vector<TarnChild>& found) {
+    std::vector<TarnRef> children;
+    for (const TarnChild& each : found) children.push_back(each.child);
+    return children;
+  };
+  TarnData target;
+  LengthComparator byLength(&target);
+  for (const bool isDescending : {false, true}) {
+    std::vector<TarnRef> sorted =
+        childrenOf(TarnSelection(parent, all).orderedBy("v", isDescending));
+    ASSERT_EQ(sorted.size(), 300U);
+    for (const std::size_t count : {0, 1, 7, 299, 300, 1000}) {
+      auto first = sorted;
+      first.resize(std::min<std::size_t>(count, 300));
+      TarnSelection selection(parent, all);
+      EXPECT_EQ(childrenOf(selection.best(count, "v", isDescending)), first) << count;
+    }
+    TarnSelection selection(parent, all);
+    std::vector<std::size_t> lengths;
+    for (const TarnChild& each : selection.best(20, byLength, target, isDescending)) {
+      lengths.push_back(each.child->getXString("v", "").view().size());
+    }
+    EXPECT_TRUE(isDescending ? std::ranges::is_sorted(lengths, std::greater<>())
+                             : std::ranges::is_sorted(lengths));
+    EXPECT_EQ(lengths.front(), isDescending ? 5U : 0U);
+  }
+}
+
 TEST_F(QuerySessionTest, ReadsSubjectsOfAnyTypeFromTheRoot) {
   manager().set("machines~press~Speed", 40);
   manager().set("machines~press~Label", "Press");

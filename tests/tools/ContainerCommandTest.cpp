@@ -117,5 +117,29 @@ TEST_F(ContainerCommandTest, SetKeepsTheChildrenOfACollectionThatIsBalancing) {
   }
 }
 
+TEST_F(ContainerCommandTest, IndexesAreDeclaredUsedAndGivenUp) {
+  inSession([](TarnManager& manager) {
+    for (int i = 0; i < 50; ++i) manager.set("p~c" + std::to_string(i) + "~v", i % 10);
+  });
+  const std::vector<std::string> find{"find", "p", "--where", "v = 7", "--explain"};
+  program_result result = run(find);
+  EXPECT_EQ(result.out, "p~c17\np~c27\np~c37\np~c47\np~c7\n");
+  EXPECT_THAT(result.err, HasSubstr("looked at 50 children of \"p\""));
+  EXPECT_EQ(run({"index", "add", "p", "v"}).status, 0);
+  EXPECT_EQ(run({"index", "add", "p", "v"}).status, 2);
+  EXPECT_EQ(run({"index", "ls", "p"}).out, "v\n");
+  EXPECT_EQ(run({"--format", "json", "index", "ls", "p"}).out, "[\"v\"]\n");
+  result = run(find);
+  EXPECT_EQ(result.out, "p~c17\np~c27\np~c37\np~c47\np~c7\n");
+  EXPECT_THAT(result.err, HasSubstr("looked at 5 entries of the index of \"v\" of \"p\""));
+  EXPECT_EQ(run({"set", "p~c8~v", "7"}).status, 0);
+  EXPECT_THAT(run(find).out, HasSubstr("p~c8\n"));
+  EXPECT_EQ(run({"check", "--full"}).status, 0);
+  EXPECT_EQ(run({"index", "rebuild", "p", "v"}).status, 0);
+  EXPECT_EQ(run({"index", "drop", "p", "v"}).status, 0);
+  EXPECT_EQ(run({"index", "drop", "p", "v"}).status, 1);
+  EXPECT_EQ(run({"index", "ls", "p"}).out, "");
+}
+
 }  // namespace
 }  // namespace tarns

@@ -7,6 +7,7 @@
 #include <tarns/util/PInOut.h>
 
 #include <string_view>
+#include <utility>
 
 namespace tarns {
 
@@ -50,7 +51,12 @@ class TARNS_API TarnObjects : public goods::B_tree {
   void rename(const goods::ref<goods::set_member>& entry, std::string_view name);
   // Removes all entries in the same way.
   void deleteChildren();
-  using B_tree::insert;
+
+  // The value indexes of these children by their paths, see TarnValueIndex; null for none. Whoever
+  // sets them sees to it that they agree with the children.
+  goods::ref<goods::B_tree> getValueIndexes() const { return valueIndexes_; }
+  goods::ref_word getValueIndexesWord() const { return valueIndexes_.word(); }
+  void setValueIndexes(goods::ref<goods::B_tree> indexes) { valueIndexes_ = std::move(indexes); }
 
   // Null, or 0, when there is none. Types are compared exactly.
   xcptref<TarnObject> getWithName(const char* name) const;
@@ -72,7 +78,11 @@ class TARNS_API TarnObjects : public goods::B_tree {
   bool isAtOrAboveParent(const xcptref<TarnObject>& child) const;
   void adopt(const goods::ref<goods::set_member>& entry, const xcptref<TarnObject>& child);
 
-  goods::back_ref<TarnObject> parent_;  // stored as "mParent"
+  void noteAdded(const goods::ref<goods::set_member>& entry) const;
+  void noteRemoved(const goods::ref<goods::set_member>& entry) const;
+
+  goods::back_ref<TarnObject> parent_;      // stored as "mParent"
+  goods::ref<goods::B_tree> valueIndexes_;  // stored as "ValueIndexes"
 };
 
 }  // namespace tarns

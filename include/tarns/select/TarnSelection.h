@@ -2,6 +2,7 @@
 
 #include <goods/B_tree.h>
 #include <tarns/core/TarnChildren.h>
+#include <tarns/core/TarnValueComparator.h>
 #include <tarns/select/TarnQuery.h>
 #include <tarns/tarns_api.h>
 
@@ -32,6 +33,9 @@ class QueryConditions;
 // state throughout: a transaction, which then locks every child and value that is looked at.
 // Subjects are found by path below each child; children that others find by paths only (those of a
 // bundle are below BundledChildren) are not looked for.
+// Where the node has a value index for a condition without which the query cannot hold, only what
+// that one leads to is looked at; the result is the same. Then a limit spares little unless the
+// condition is Equal.
 // A selection is gone through once. Threads: one at a time. Errors: TarnException.
 class TARNS_API TarnSelection {
  public:
@@ -80,8 +84,16 @@ class TARNS_API TarnSelection {
   // TarnData::compare() says; those without one come first (last when descending). Equal ones stay
   // in the order of their names.
   std::vector<TarnChild> orderedBy(std::string_view path, bool isDescending = false);
+  // The first `count` of these; no more are kept meanwhile.
+  std::vector<TarnChild> best(std::size_t count, std::string_view path, bool isDescending = false);
+  // The same as a comparator orders them; `target` is the one that it was made with. Values are
+  // read again for each comparison.
+  std::vector<TarnChild> best(std::size_t count, TarnValueComparator& order, TarnData& target,
+                              bool isDescending = false);
 
-  // How many children have been looked at so far.
+  // The path whose value index has been used last (see TarnValueIndex); empty for none.
+  const std::string& getIndexUsed() const { return indexUsed_; }
+  // How many children, or entries of an index, have been looked at so far.
   std::uint64_t getNumLooked() const { return looked_; }
   // Where the next selection goes on: the match that the loop was left at, or else the last child
   // that has been looked at; empty when there was none. Of equal names the others are left out.
@@ -96,6 +108,8 @@ class TARNS_API TarnSelection {
   void next();
   void fetch();
   Batch look(goods::reader& reader) const;
+  void lookAtAll(goods::reader& reader, const TarnObjects& children, Batch& batch) const;
+  bool lookUp(goods::reader& reader, const TarnObjects& children, Batch& batch) const;
 
   xcptref<TarnObjects> index_;
   std::unique_ptr<const QueryConditions> conditions_;
@@ -103,6 +117,7 @@ class TARNS_API TarnSelection {
   std::optional<goods::index_position> last_;  // the entry that was looked at last
   bool startsBehindName_ = false;              // last_ stands for all entries of its name
   std::string lastName_;
+  std::string indexUsed_;
   std::vector<TarnChild> found_;  // in the last batch
   std::size_t at_ = 0;
   std::uint64_t looked_ = 0;
