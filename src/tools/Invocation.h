@@ -63,6 +63,7 @@ void AddExport(CLI::App& app, Invocation& invocation);
 void AddEdit(CLI::App& app, Invocation& invocation);
 void AddBundle(CLI::App& app, Invocation& invocation);
 void AddBalance(CLI::App& app, Invocation& invocation);
+void AddTask(CLI::App& app, Invocation& invocation);
 
 // Runs the whole command; what main() returns.
 int RunCommand(int argc, char** argv);

@@ -1,0 +1,90 @@
+#include <tarns/services/TarnTasks.h>
+
+#include <algorithm>
+#include <utility>
+
+#include "services/TaskTable.h"
+
+namespace tarns {
+
+namespace {
+
+TarnTasks::Info InfoOf(const xcptref<TarnTask>& task) {
+  const auto body = task.read();
+  TarnTasks::Info info;
+  info.number = body->getNumber();
+  info.delegate = body->getDelegate();
+  info.state = body->getState();
+  info.due = body->getDue();
+  info.period = body->getPeriod();
+  info.runs = body->getRuns();
+  info.errors = body->getErrors();
+  info.lastError = body->getLastError();
+  return info;
+}
+
+}  // namespace
+
+TarnTasks::TarnTasks(TarnManager& manager, std::string path)
+    : manager_(manager), path_(std::move(path)) {}
+
+TarnTasks::Time TarnTasks::Now() {
+  return std::chrono::floor<std::chrono::microseconds>(std::chrono::system_clock::now());
+}
+
+std::uint64_t TarnTasks::schedule(const Plan& plan) {
+  return manager_.transaction([&] { return TaskTable(manager_, path_).add(plan)->getNumber(); });
+}
+
+bool TarnTasks::cancel(std::uint64_t number) {
+  return manager_.transaction([&] {
+    const xcptref<TarnTask> task = getTask(number);
+    if (task.is_null() || task->getState() == TarnTask::Ended) return false;
+    TaskTable(manager_, path_).end(task);
+    return true;
+  });
+}
+
+bool TarnTasks::resume(std::uint64_t number, Time due) {
+  return manager_.transaction([&] {
+    const xcptref<TarnTask> task = getTask(number);
+    if (task.is_null() || task->getState() != TarnTask::Suspended) return false;
+    TaskTable(manager_, path_).resume(task, std::clamp(due, Time(), kLatest));
+    return true;
+  });
+}
+
+xcptref<TarnTask> TarnTasks::getTask(std::uint64_t number) const {
+  return TaskTable(manager_, path_).find(kTasks, TaskTable::NameOf(number));
+}
+
+std::optional<TarnTasks::Info> TarnTasks::getInfo(std::uint64_t number) const {
+  const xcptref<TarnTask> task = getTask(number);
+  if (task.is_null()) return std::nullopt;
+  return InfoOf(task);
+}
+
+std::vector<TarnTasks::Info> TarnTasks::list(std::uint64_t after, std::size_t limit) const {
+  const TaskTable table(manager_, path_);
+  std::vector<Info> tasks;
+  const std::string path = table.pathOf(kTasks);
+  std::string last = TaskTable::NameOf(after);
+  while (tasks.size() < limit && !manager_.getObject(path).is_null()) {
+    const std::size_t wanted = std::min(limit - tasks.size(), kPage);
+    const std::vector<std::string> names = manager_.getChildNames(path, last, wanted);
+    for (const std::string& name : names) {
+      const xcptref<TarnTask> task = table.find(kTasks, name);
+      if (!task.is_null()) tasks.push_back(InfoOf(task));  // else gone meanwhile, or no task
+    }
+    if (names.size() < wanted) break;
+    last = names.back();
+  }
+  return tasks;
+}
+
+unsigned long TarnTasks::getNumTasks() const {
+  const TarnRef node = manager_.getObject(TaskTable(manager_, path_).pathOf(kTasks));
+  return node.is_null() ? 0 : node->getNumAbstractChildren();
+}
+
+}  // namespace tarns

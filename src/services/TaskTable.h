@@ -1,0 +1,65 @@
+#pragma once
+
+#include <tarns/services/TarnTasks.h>
+
+#include <chrono>
+#include <cstdint>
+#include <optional>
+#include <string>
+#include <string_view>
+
+namespace tarns {
+
+// The nodes below the node of tasks, and what happens to a task in them:
+//
+//   LastNumber    Uint64
+//   Tasks         all tasks, by number in 20 digits; the tasks' parent
+//   Due           the scheduled ones, by time and number in 20 digits each
+//   Suspended     the others, by number
+//
+// What changes something is called within a transaction, and takes the nodes in this order after
+// the task itself. Threads: as for the session.
+class TaskTable {
+ public:
+  struct DueEntry {
+    TarnTask::Time due;
+    std::uint64_t number;
+  };
+
+  TaskTable(TarnManager& manager, std::string_view path);
+
+  static std::string NameOf(std::uint64_t number);
+  static std::string DueNameOf(const DueEntry& entry);
+  static std::optional<DueEntry> ParseDueName(std::string_view name);  // none: not one of these
+
+  std::string pathOf(const char* list) const;
+  // The task; null when there is none, or something else.
+  xcptref<TarnTask> find(const char* list, std::string_view name) const;
+
+  xcptref<TarnTask> add(const TarnTasks::Plan& plan);
+  // Takes it out of all lists.
+  void end(const xcptref<TarnTask>& task);
+  void resume(const xcptref<TarnTask>& task, TarnTask::Time due);
+  // A run has done its work: ends the task, or plans its next time after `now`.
+  void finishRun(const xcptref<TarnTask>& task, TarnTask::Time now);
+  // A run has failed: to be tried again at `due`, or, with none, suspended.
+  void failRun(const xcptref<TarnTask>& task, std::string_view why,
+               std::optional<TarnTask::Time> due);
+  // Of a task that somebody has taken out of Tasks.
+  void dropDueEntry(std::string_view name);
+
+ private:
+  TarnRef locate(const std::string& path) const;
+  TarnRef locateNoFail(const std::string& path, const char* type) const;
+  std::uint64_t nextNumber();
+  TarnRef nodeOf(const char* list) const;
+  void enter(const xcptref<TarnTask>& task, const char* list, const std::string& name);
+  void leave(const char* list, std::string_view name);
+  void leaveDue(const xcptref<TarnTask>& task);
+  void scheduleFor(const xcptref<TarnTask>& task, TarnTask::Time due);
+
+  TarnManager& manager_;
+  const std::string path_;
+};
+
+}  // namespace tarns

@@ -1,0 +1,16 @@
+// A delegate that counts its runs in the tree.
+#pragma once
+
+#include <tarns/services/TarnTaskDelegate.h>
+
+#include <string>
+
+// Adds 1 to done~KEY, of the run.
+class counting_delegate : public tarns::TarnTaskDelegate {
+ public:
+  static void count(const tarns::TarnTaskRun& run) {
+    const std::string path = "done~" + run.getKey();
+    run.getManager().set(path, run.getManager().getUint32(path, 0) + 1);
+  }
+  void run(tarns::TarnTaskRun& run) override { count(run); }
+};
