@@ -116,7 +116,8 @@ class GOODS_API cache_manager {
   std::invoke_result_t<Work&> atomically(Work&& work, caller whose = caller::library);
 
   // Runs `work`, which only reads, as if the calling thread had no transaction open: it sees what
-  // is committed and locks nothing.
+  // is committed and locks nothing. Write accesses to stored objects, and transactions that are
+  // begun in there, throw usage: their end would give up the locks of the transaction outside.
   template <std::invocable Work>
   std::invoke_result_t<Work&> outside_transaction(Work&& work);
 

@@ -330,6 +330,11 @@ class dbs_storage {
   // Returns when all that is visible is durable, under any durability option.
   virtual void make_durable() = 0;
 
+  // What has been removed up to now gives its room back before this returns, as far as other
+  // objects can use it, and statistics() has it as free. Commits go on for most of the time.
+  // Storages that keep nothing back have nothing to do.
+  virtual void give_back_room() {}
+
   // Returns when no commit is on its way; what has been committed is visible, its notices queued.
   // Begins in its turn, however many commits keep arriving. Who pauses several storages does so in
   // the order of their identities.

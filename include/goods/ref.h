@@ -66,6 +66,10 @@ ref<T> checked_cast(object_ref reference) {
   return ref<T>::trusted(std::move(reference));
 }
 
+// The calling thread's transaction refers back to a stored object: that stays where it is to the
+// end of the transaction, whose commit is refused when it is gone already.
+GOODS_API void note_back_reference(const object_ref& target);
+
 // A member that points back to what holds its object (the entry that links a node into an index,
 // the index an entry stands in). Stored like any reference, but it keeps nothing alive: a transient
 // tree would otherwise never be freed. When a transient target goes away it clears the back
@@ -76,8 +80,12 @@ class back_ref {
   back_ref() = default;
   back_ref(const back_ref&) = delete;
   back_ref& operator=(const back_ref&) = delete;
+  // In a transaction that is open it is checked by the commit as other references are, also when it
+  // is cleared again. A member of a new object that is set before does not keep its target: whether
+  // there is one of that number is checked when the object is stored.
   void set(const ref<T>& target) {
     const object_id id = target.id();
+    if (id != 0) note_back_reference(target);
     word_ = id != 0 ? ref_word::of(id) : target.word();
   }
   void clear() { word_ = ref_word(); }

@@ -210,10 +210,14 @@ library_call::~library_call() {
 }
 
 cache_manager::pause::pause(cache_manager& session) : thread_(session.attachment()) {
-  if (thread_ != nullptr) open_ = thread_->close();
+  if (thread_ == nullptr) return;
+  open_ = thread_->close();
+  ++thread_->pauses;
 }
 
 cache_manager::pause::~pause() {
+  if (thread_ == nullptr) return;
+  --thread_->pauses;
   if (open_ != nullptr) thread_->reopen(std::move(open_));
 }
 

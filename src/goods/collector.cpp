@@ -85,7 +85,7 @@ bool collector::run() {
     reached_.is_removing = true;
     for (std::size_t s = 0; s < storages_.size(); ++s) sweep(static_cast<storage_number>(s));
     condemned_.clear();  // before any of the numbers is another object's
-    if (!options_.dry_run) reclaim_numbers();
+    if (!options_.dry_run) give_back();
     if (options_.progress) options_.progress(reached_);  // there is nothing left to stop
   } catch (const stopped&) {
     return false;
@@ -272,6 +272,13 @@ void collector::remove(storage_number storage, std::span<const object_number> nu
   }
   storages_[storage].storage->commit(
       {.changes = changes, .origin = nullptr, .attachment = nullptr});
+}
+
+// Numbers and room.
+void collector::give_back() {
+  reclaim_numbers();
+  if (reached_.removed == 0) return;
+  for (dbs_storage* const storage : in_pausing_order_) storage->give_back_room();
 }
 
 // Of groups of neighbours of which nothing is left. What marked objects refer to is none of theirs,

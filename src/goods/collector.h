@@ -91,6 +91,7 @@ class collector {
   bool mark_pushed(std::size_t most = unlimited);
   void sweep(storage_number storage);
   void remove(storage_number storage, std::span<const object_number> numbers);
+  void give_back();
   void reclaim_numbers();
   void show(storage_number storage, std::span<const object_number> numbers);
   void report();

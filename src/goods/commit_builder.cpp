@@ -124,10 +124,17 @@ void commit_builder::build_on(object_id id, const object_handle* handle) {
                 "An object that is to be stored is being stored by another transaction.");
   }
   if (!in.builds_on.empty() && in.builds_on.back() == number_of(id)) return;
+  if (handle == nullptr) handle = kept_.emplace_back(db_.session().cache().counted(id)).handle();
   in.builds_on.push_back(number_of(id));
   const reader_section section;
-  if (handle == nullptr) handle = db_.session().cache().find(id);
-  if (handle == nullptr || handle->body() == nullptr) in.seen_at = 0;
+  if (handle->body() == nullptr) in.seen_at = 0;
+}
+
+void commit_builder::build_on_target(object_id id, const object_ref& target) {
+  if (target.id() != id)
+    throw_error(error_code::deadlock,
+                "An object that is referred back to has not been stored after all.");
+  build_on(id, target.handle());
 }
 
 void commit_builder::make_persistent(object_handle& handle, storage_number storage) {

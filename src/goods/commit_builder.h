@@ -26,7 +26,9 @@ class publication;
 //
 // What is written anew, and what references lead to that have been set, must be there when the
 // commit's turn comes: the storages check it (commit_request::builds_on). References that a copy
-// has from the version before it are the collection's business.
+// has from the version before it are the collection's business. To the end of the commit what it
+// builds on is counted, so that no collection removes it after the check: a commit over several
+// storages is finished some time after that.
 //
 // New objects get neighbouring numbers in the order of a depth-first walk: what is read together
 // ends up side by side. The walk keeps its own stack, so chains of any length are fine. Threads:
@@ -40,6 +42,10 @@ class commit_builder {
 
   // Numbers and packs. What it made persistent is in publication::created, also when it throws.
   void build();
+
+  // Of a back reference that was set to what had the identifier `id` then. After build(). Throws
+  // deadlock when the object is no longer stored under it: another commit has failed meanwhile.
+  void build_on_target(object_id id, const object_ref& target);
 
   // One part for each storage that anything changes in; they refer to this builder's memory.
   std::vector<commit_part> parts(const void* origin,
@@ -87,6 +93,7 @@ class commit_builder {
   bool packs_late_ = false;         // nothing before everything is numbered
   std::vector<found_object> open_;  // the walk's stack
   std::vector<storage_number> part_storages_;
+  std::vector<object_ref> kept_;  // built on, and known by their identifiers alone
 };
 
 }  // namespace goods

@@ -1,8 +1,13 @@
 #include "goods/thread_attachment.h"
 
+#include <goods/errors.h>
+
 namespace goods {
 
 transaction& thread_attachment::open_or_join(bool is_explicit) {
+  if (pauses > 0)
+    throw_error(error_code::usage,
+                "Within outside_transaction() nothing is written, and no transaction begun.");
   if (transaction_ == nullptr) {
     transaction_ = std::make_unique<transaction>(*session_, locks_, known_, is_explicit);
   } else if (is_explicit) {

@@ -25,7 +25,8 @@ class thread_attachment {
 
   // The open transaction, or null.
   transaction* open() const { return transaction_.get(); }
-  // Opens one when there is none. `is_explicit`: lives until end_transaction() or abort.
+  // Opens one when there is none. `is_explicit`: lives until end_transaction() or abort. Throws
+  // usage while the thread's own is taken away: all its transactions share its locks.
   transaction& open_or_join(bool is_explicit);
   // Takes it away; it rolls back when destroyed without a commit.
   std::unique_ptr<transaction> close() { return std::move(transaction_); }
@@ -41,6 +42,7 @@ class thread_attachment {
   int accesses = 0;       // wrappers of persistent objects that are open
   int reads = 0;          // nested cache_manager::read()
   int library_calls = 0;  // nested, see library_call
+  int pauses = 0;         // nested cache_manager::outside_transaction()
   // Write accesses that have ended without an exception, to stored and to transient objects.
   std::uint32_t stored_writes = 0;
   std::uint32_t transient_writes = 0;

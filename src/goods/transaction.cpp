@@ -43,6 +43,15 @@ bool refers_to_new_objects(object& body) {
   return finder.found;
 }
 
+// The stored objects that a body refers back to.
+class back_target_finder : public ref_visitor {
+ public:
+  void visit(ref_word& word, ref_kind kind) override {
+    if (kind == ref_kind::back && word.is_id()) found.push_back(word.id());
+  }
+  std::vector<object_id> found;
+};
+
 struct body_unpinner {
   void operator()(object* body) const { body->unpin(); }
 };
@@ -248,6 +257,9 @@ void transaction::touched(object_handle& handle) {
 
 void transaction::replace(object_handle& handle, object& body) {
   object* replaced = write(handle);
+  back_target_finder back;
+  body.cls().visit_references(body, back);
+  for (const object_id id : back.found) refers_back_to(session_.cache().counted(id));
   replaced->close();
   replacing_.emplace_back(body.handle(), &body);
   for (publication::copy& c : changes_->copies) {
@@ -258,6 +270,22 @@ void transaction::replace(object_handle& handle, object& body) {
   const bool came_from_elsewhere = std::ranges::any_of(
       replacing_, [&](const auto& earlier) { return earlier.second == replaced; });
   if (!came_from_elsewhere) replaced->unpin();
+}
+
+void transaction::refers_back_to(const object_ref& target) {
+  if (is_doomed()) return;
+  const object_id id = target.id();
+  const auto known = back_targets_.lower_bound(id);
+  if (known != back_targets_.end() && known->first == id) return;
+  object_ref counted = target.word().is_id() ? session_.cache().counted(id) : target;
+  if (counted.handle()->owner() != &session_.db()) return;
+  back_targets_.emplace_hint(known, id, std::move(counted));
+}
+
+void note_back_reference(const object_ref& target) {
+  const cache_manager* const session = cache_manager::current();
+  thread_attachment* const thread = session != nullptr ? session->attachment() : nullptr;
+  if (thread != nullptr && thread->open() != nullptr) thread->open()->refers_back_to(target);
 }
 
 void transaction::add_root(object_ref root, storage_number storage) {
@@ -326,6 +354,7 @@ void transaction::commit_copies() {
   try {
     for (const auto& [root, storage] : roots_) builder.add_root(root, storage);
     builder.build();
+    for (const auto& [id, target] : back_targets_) builder.build_on_target(id, target);
     builder.check_other_storages();
     versions = commit_several(builder.parts(&session_, changes_));
     is_committed_ = true;
@@ -357,6 +386,7 @@ void transaction::finish() noexcept {
   read_.clear();
   changes_.reset();
   roots_.clear();
+  back_targets_.clear();
   if (owner_.holds_nothing()) return;
   for (std::uint32_t s = 0; s < session_.db().get_number_of_storages(); ++s) {
     session_.db().storage(static_cast<storage_number>(s)).dbs().locks().unlock_all(owner_);

@@ -2,6 +2,7 @@
 #pragma once
 
 #include <cstdint>
+#include <map>
 #include <memory>
 #include <optional>
 #include <span>
@@ -119,6 +120,9 @@ class transaction {
   // Locks a number exclusively, whether there is an object behind it or not.
   void lock_number(storage_number storage, object_number number);
 
+  // See note_back_reference().
+  void refers_back_to(const object_ref& target);
+
   // Stores `root` (transient) as the root object of `storage` when this commits.
   void add_root(object_ref root, storage_number storage);
 
@@ -168,6 +172,8 @@ class transaction {
   std::unordered_set<const object*> touched_;                 // copies that may be unchanged
   std::unordered_set<object_id> read_;                        // see note_read()
   std::vector<std::pair<object_ref, storage_number>> roots_;
+  // What back references have been set to, which count nothing themselves.
+  std::map<object_id, object_ref> back_targets_;
   std::vector<std::pair<object_ref, object*>>
       replacing_;  // bodies that replace(), and their handles
 };

@@ -102,15 +102,9 @@ int ListGarbage(const Invocation& invocation) {
 }
 
 int RemoveGarbage(const Invocation& invocation) {
-  goods::gc_progress done;
-  std::uint64_t before = 0;
-  {
-    OpenDatabase database(invocation);
-    before = UsedBytes(database);
-    done = Collect(database, nullptr);
-  }
-  // Closing it has moved the removal from the log to where it gives its room back.
   OpenDatabase database(invocation);
+  const std::uint64_t before = UsedBytes(database);
+  const goods::gc_progress done = Collect(database, nullptr);
   const std::uint64_t after = UsedBytes(database);
   const std::string removed = std::to_string(done.removed);
   const std::string stayed = std::to_string(done.stored - done.removed);

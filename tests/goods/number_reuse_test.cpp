@@ -281,6 +281,12 @@ TEST(NumberReuseTest, NothingThatIsBeingRemovedIsStoredAgain) {
       EXPECT_THAT(refusal_of([&] { modify(root)->next = new_cell(3, found); }), is_named)
           << "in a new object";
       EXPECT_THAT(refusal_of([&] { modify(found)->value = 4; }), is_named) << "written";
+      EXPECT_THAT(refusal_of([&] { modify(root)->owner.set(found); }), is_named)
+          << "referred back to";
+      const ref<cell> heir = new_cell(6);
+      modify(heir)->owner.set(found);
+      EXPECT_THAT(refusal_of([&] { modify(heir)->become(root); }), is_named)
+          << "referred back to by what takes another one's place";
       EXPECT_TRUE(root->next.is_null());
     }
   };
@@ -295,6 +301,24 @@ TEST(NumberReuseTest, NothingThatIsBeingRemovedIsStoredAgain) {
   try_all();
   modify(root)->next = new_cell(5);
   EXPECT_EQ(values_of(root), (std::vector<std::int64_t>{0, 5}));
+}
+
+TEST(NumberReuseTest, WhatATransactionRefersBackToStaysToItsEnd) {
+  const test_store store;
+  test_session session(store);
+  const ref<cell> root = session.root();
+  ref<cell> target = new_cell(1);
+  modify(root)->next = target;
+  modify(root)->next = nullptr;
+  session.session().begin_transaction();
+  modify(root)->owner.set(target);
+  target.clear();
+  std::thread([&] {
+    test_session other(store);
+    EXPECT_EQ(other.db().start_gc(), 1U);
+  }).join();
+  session.session().end_transaction();
+  EXPECT_EQ(root->owner.get()->value, 1);
 }
 
 // Each thread has lists of its own below the root, in two sessions of two storages, and knows what

@@ -203,6 +203,33 @@ TEST(TransactionTest, AnObjectTakesThePlaceOfAnother) {
   EXPECT_EQ(old_next->value, 2);
 }
 
+// It would end with the locks of the transaction that is open.
+TEST(TransactionTest, NothingIsWrittenBesideTheTransactionThatIsOpen) {
+  const test_store store;
+  test_session session(store);
+  cache_manager& cache = session.session();
+  const ref<cell> root = session.root();
+  const auto code_beside = [&](const auto& work) {
+    return error_of([&] { cache.outside_transaction(work); }).first;
+  };
+  cache.begin_transaction();
+  modify(root)->value = 1;
+  EXPECT_EQ(code_beside([&] { modify(root)->value = 2; }), error_code::usage);
+  EXPECT_EQ(code_beside([&] { cache.begin_transaction(); }), error_code::usage);
+  EXPECT_EQ(code_beside([&] { cache.atomically([] {}); }), error_code::usage);
+  EXPECT_EQ(cache.outside_transaction([&] { return root->value; }), 0);
+  std::thread([&] {
+    test_session other(store);
+    other.session().set_lock_timeout(std::chrono::milliseconds(0));
+    const ref<cell> locked = other.root();
+    EXPECT_EQ(error_of([&] { modify(locked)->value = 3; }).first, error_code::lock_timeout);
+  }).join();
+  cache.end_transaction();
+  EXPECT_EQ(root->value, 1);
+  modify(root)->value = 4;
+  EXPECT_EQ(root->value, 4);
+}
+
 // As the index of a node's children does, which the node's successor brings along.
 TEST(TransactionTest, WhatBelongsToAnObjectGoesWithItToAnothersPlace) {
   const test_store store;

@@ -4,6 +4,8 @@
 #include <filesystem>
 #include <random>
 
+#include "storage/local/log_record.h"
+#include "storage/local/salvaged_store.h"
 #include "storage/storage_fixture.h"
 #include "storage/storage_rows.h"
 #include "support/replaced_rows.h"
@@ -238,6 +240,71 @@ TEST_F(DamageTest, ASegmentThatRotsBeforeAMergeLosesItsOldObjectsOnly) {
     EXPECT_EQ(load_text(*storage, in_it), "again");
     EXPECT_EQ(load_text(*storage, in_it + 2), std::nullopt);
   }
+}
+
+// Headers with right checksums that all claim the rest of the log.
+TEST_F(DamageTest, SalvageReadsALogNoMoreOftenThanItsRecordsCanClaim) {
+  constexpr std::size_t size = std::size_t{4} << 20, headers = 500;
+  const storage_identity identity = open()->identity();
+  log_record about;
+  about.first = 1000;
+  about.durable = 999;
+  std::string log;
+  std::vector<std::byte> record;
+  for (std::size_t i = 0; i < headers; ++i) {
+    const std::string body(size - log.size() - 2 * log_header_size, 'x');
+    const object_change change{first_object_number, 1, bytes_of(body), false, false};
+    const commit_request commit{{&change, 1}, nullptr, {}};
+    const commit_request* const group[] = {&commit};
+    write_log_record(about, group, identity, record);
+    log += text_of(std::span(record).first(log_header_size));
+  }
+  log.resize(size, 'y');
+  write_file(path("store/commits.0"), log);
+  disk_.arm({faulty_vfs::bit(faulty_vfs::operation::read), ~std::uint64_t{0}});
+  const salvaged_store salvaged(path("store"));
+  EXPECT_LT(disk_.count(), 200U);
+  disk_.disarm();
+}
+
+// A commit that is prepared, in a store that is closed.
+class PreparedDamageTest : public DamageTest {
+ protected:
+  static constexpr global_transaction id{1, 2};
+  const std::string file_ = path("store/store.db");
+
+  void make_prepared() {
+    const auto storage = open();
+    change_list changes(some_layout(*storage));
+    changes.put(first_object_number + 100, "prepared");
+    storage->prepare(id, {3, 4}, "elsewhere", changes.request());
+  }
+};
+
+TEST_F(PreparedDamageTest, ALayoutThatIsNotThereIsDamage) {
+  make_prepared();
+  ASSERT_EQ(open()->prepared().size(), 1U);
+  rewrite_row(file_, "prepared", row_kind::prepared, 1, [](std::vector<std::byte>& content) {
+    const std::size_t layout_at = content.size() - std::string_view("prepared").size() - 2;
+    ASSERT_EQ(content.at(layout_at), std::byte{1});
+    content[layout_at] = std::byte{2};
+  });
+  EXPECT_THAT([&] { open(); }, fails_with(error_code::corrupt_data, HasSubstr("layout")));
+}
+
+// Keys begin anew when a store is opened and nothing is prepared: what is left of an earlier commit
+// on some page may have a higher one.
+TEST_F(PreparedDamageTest, SalvageTakesTheNewestRowsWhateverTheirKeysAre) {
+  for (object_number i = 0; i < 5; ++i) commit_text(*open(), first_object_number + i, "text");
+  make_prepared();
+  stored_row old = row_of(file_, "prepared", row_kind::prepared, 1);
+  ASSERT_GT(old.version, 1U);
+  old.version -= 1;
+  old.content[0] = std::byte{9};  // another commit
+  put_row(file_, "prepared", row_kind::prepared, 7, old);
+  const auto found = salvaged_store(path("store")).prepared();
+  ASSERT_EQ(found.size(), 1U);
+  EXPECT_EQ(found[0]->about.id, id);
 }
 
 TEST_F(DamageTest, ALostRowIsDamageAndNotAnAbsentObject) {

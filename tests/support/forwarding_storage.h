@@ -30,6 +30,7 @@ class forwarding_storage : public goods::dbs_storage {
     return to_->commit(request);
   }
   void make_durable() override { to_->make_durable(); }
+  void give_back_room() override { to_->give_back_room(); }
   std::unique_ptr<goods::commit_pause> pause_commits() override { return to_->pause_commits(); }
   std::unique_ptr<goods::condemnation> condemn(
       std::function<bool(goods::object_number number)> is_condemned,

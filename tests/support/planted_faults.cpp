@@ -137,6 +137,12 @@ class faulty_storage : public forwarding_storage {
     return to().load(numbers, at_least, sink);
   }
 
+  void prepare(const goods::global_transaction& id, const goods::storage_identity& coordinator,
+               const std::string& coordinator_name, const goods::commit_request& request) override {
+    to().prepare(id, coordinator, coordinator_name, request);
+    if (is(planted_faults::fault::late_decision) && faults_.strikes()) faults_.meanwhile();
+  }
+
   std::unique_ptr<goods::notice_subscription> subscribe(const void* origin) override {
     auto subscription = to().subscribe(origin);
     if (!is(planted_faults::fault::late_notice)) return subscription;

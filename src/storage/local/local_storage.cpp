@@ -362,6 +362,13 @@ void local_storage::make_durable() {
   parts_->merger.merge_all();
 }
 
+void local_storage::give_back_room() {
+  check_process();
+  parts_->merger.merge_most();
+  const writer_turn::hold turn(parts_->turn);
+  parts_->merger.merge_all();
+}
+
 std::unique_ptr<commit_pause> local_storage::pause_commits() {
   class turn_pause : public commit_pause {
    public:

@@ -49,6 +49,7 @@ class local_storage : public dbs_storage {
   void reclaim(const std::function<bool(object_number first)>& is_unused) override;
   commit_version commit(const commit_request& request) override;
   void make_durable() override;
+  void give_back_room() override;
   std::unique_ptr<commit_pause> pause_commits() override;
   std::unique_ptr<condemnation> condemn(std::function<bool(object_number number)> is_condemned,
                                         const commit_pause& during) override;

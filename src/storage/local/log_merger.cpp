@@ -12,6 +12,9 @@ constexpr auto retry_after = std::chrono::milliseconds(500);
 // Commits that a loss of power may take with durability=relaxed, besides those of a running merge.
 constexpr auto sync_every = std::chrono::milliseconds(100);
 
+constexpr std::size_t little = std::size_t{256} << 10;  // bytes of memory
+constexpr int most_rounds = 8;
+
 }  // namespace
 
 log_merger::log_merger(const parts& with, std::size_t most_bytes, bool syncs_log)
@@ -47,6 +50,16 @@ void log_merger::merge_all() {
   wait();
 }
 
+void log_merger::merge_most() {
+  for (int round = 0; round < most_rounds; ++round) {
+    wait();
+    const writer_turn::hold turn(with_.turn);
+    if (with_.overlay.active_bytes() <= little) return;
+    start();
+  }
+}
+
+// Begins to merge what there is, unless a merge is on its way.
 void log_merger::start() {
   {
     guarded_scope scope(lock_);

@@ -53,12 +53,15 @@ class log_merger {
   // Returns when everything is in the database, or throws why that failed.
   void merge_all();
 
-  // Begins to merge what there is, unless a merge is on its way.
-  void start();
+  // Merges while commits go on, until so little is left that merge_all() takes milliseconds, or
+  // gives up after some rounds. The caller does not have the writer's turn. Throws as merge_all().
+  void merge_most();
+
   // Returns when no merge is on its way, or throws why one failed. Any thread.
   void wait();
 
  private:
+  void start();
   void begin();
   void run();
   bool wait_for_work(bool failed) REQUIRES(lock_);

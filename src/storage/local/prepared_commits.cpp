@@ -97,6 +97,11 @@ void prepared_commits::load(store_reader& reader, const store_state& state) {
       if (rows_of_one.rows != rows_of_one.keys.size())
         throw damaged_bytes("a part after it is missing");
       auto part = read_prepared(id, std::move(rows_of_one.bytes));
+      const auto is_unknown = [&](const object_change& change) {
+        return !change.removed && change.layout > state.layouts;
+      };
+      if (std::ranges::any_of(part->changes, is_unknown))
+        throw damaged_bytes("an object in it has an unknown layout");
       part->keys = std::move(rows_of_one.keys);
       parts_[id] = {std::move(part), true};
     } catch (const damaged_bytes& damage) {

@@ -13,6 +13,9 @@ namespace {
 constexpr std::size_t kind_at = 8;  // in a row
 constexpr std::uint64_t segment_limit = (std::uint64_t{1} << 32) / segment_slots;
 constexpr std::uint64_t longest_log = std::uint64_t{2} << 30;  // bytes
+// How often all bytes of a log may be looked at: its records do not overlap, nor do those of one
+// earlier use of its room; only headers that somebody has made up claim more.
+constexpr std::uint64_t most_readings = 8;
 
 }  // namespace
 
@@ -81,10 +84,12 @@ void salvaged_store::take_row(std::int64_t key, const page_file::place& at,
       layouts_[static_cast<class_number>(key)].assign(content.view().begin(), content.view().end());
       break;
     }
-    case row_kind::prepared:
-      framed().unpack();
-      prepared_.insert_or_assign(key, at);
+    case row_kind::prepared: {
+      const framed_row found = framed();
+      found.unpack();
+      prepared_.insert_or_assign({found.version, key}, at);
       break;
+    }
     case row_kind::decision:
       // Also one that was forgotten since, which it is only when all have finished.
       decided_.insert(read_decision(framed().unpack().view()).id);
@@ -111,10 +116,13 @@ void salvaged_store::read_log(const std::string& path) try {
   if (!file.is_there() || file.size() > longest_log) return;
   std::vector<std::byte> content;
   std::vector<object_change> changes;
+  std::uint64_t left = most_readings * file.size();
   for (std::uint64_t at = 0; at < file.size(); at += log_alignment) {
     const auto header = file.header_at(at);
     // What the database has was merged, and is newer there or the same.
     if (!header || (state_ && header->record.last() <= state_->version)) continue;
+    if (header->length > std::min(left, file.size() - at)) continue;
+    left -= header->length;
     if (!file.is_whole(at, *header)) continue;
     changes.clear();
     log_record record = file.read(at, *header, content);
@@ -147,8 +155,8 @@ std::vector<std::unique_ptr<prepared_part>> salvaged_store::prepared() {
     try {
       const std::vector<std::byte> bytes = pages_.read_row(row->second);
       const byte_block content =
-          goods::read_row(row_kind::prepared, static_cast<std::uint64_t>(row->first), longest_row,
-                          bytes)
+          goods::read_row(row_kind::prepared, static_cast<std::uint64_t>(row->first.second),
+                          longest_row, bytes)
               .unpack();
       const prepared_row part = read_prepared_row(content.view());
       auto& into = collected[part.id];

@@ -84,7 +84,8 @@ class salvaged_store {
   std::unordered_map<segment_number, found_row> segments_;
   std::unordered_map<std::int64_t, found_row> pieces_;
   std::map<std::uint32_t, std::pair<std::uint64_t, presence_map::content>> presence_;
-  std::map<std::int64_t, page_file::place> prepared_;  // rows, by key
+  // Rows, the oldest first: by version, and by key, which begins anew when a store is opened.
+  std::map<std::pair<std::uint64_t, std::int64_t>, page_file::place> prepared_;
   std::set<global_transaction> decided_;
   std::map<object_number, logged_state> logged_;
   std::vector<std::pair<object_number, object_number>> lost_;

@@ -13,9 +13,6 @@
 namespace goods {
 namespace {
 
-// What may be left to merge while commits wait: that takes milliseconds.
-constexpr std::size_t little = std::size_t{256} << 10;
-constexpr int most_rounds = 8;
 constexpr int pages_at_once = 16;
 
 struct backup_closer {
@@ -66,14 +63,7 @@ class verifying_sink : public check_sink {
 
 store_copier::store_copier(open_store& from) : from_(from), source_(from.settings) {}
 
-void store_copier::prepare() {
-  for (int round = 0; round < most_rounds; ++round) {
-    from_.merger.wait();
-    const writer_turn::hold turn(from_.turn);
-    if (from_.overlay.active_bytes() <= little) return;
-    from_.merger.start();
-  }
-}
+void store_copier::prepare() { from_.merger.merge_most(); }
 
 void store_copier::fix() {
   if (from_.versions.has_hidden)
