@@ -56,6 +56,12 @@ object_handle* handle_table::find(object_id id) const {
   }
 }
 
+void handle_table::prefetch(object_id id) const {
+  const std::size_t hashed = hash(id);
+  const slot_array& array = *shards_[hashed % shard_count].slots.load();
+  __builtin_prefetch(&array.slots[(hashed / shard_count) & array.mask]);
+}
+
 void handle_table::place(slot_array& array, object_handle* handle, object_id id) {
   std::size_t i = (hash(id) / shard_count) & array.mask;
   while (array.slots[i].id.load(std::memory_order_relaxed) != 0) i = (i + 1) & array.mask;

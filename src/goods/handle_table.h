@@ -25,6 +25,8 @@ class handle_table {
   handle_table& operator=(const handle_table&) = delete;
 
   object_handle* find(object_id id) const;
+  // find() will look for it soon. In a reader_section.
+  void prefetch(object_id id) const;
 
   std::mutex& lock_of(object_id id) const { return shard_of(id).lock; }
 

@@ -127,6 +127,7 @@ modification_signals& object_cache::signals() {
 
 object_handle& object_cache::find_or_make(object_id id) {
   if (object_handle* known = table_.find(id)) return *known;
+  table_.prefetch(id + 1);      // what is loaded next is mostly stored next to it
   db_.storage(storage_of(id));  // throws for a storage that the database does not have
   auto made = std::make_unique<object_handle>(db_, id);
   {

@@ -3,6 +3,8 @@
 // Prints what single steps cost, so that a change of page size, cache or format can be judged.
 // Everything that is read is checked.
 
+#include <algorithm>
+#include <atomic>
 #include <chrono>
 #include <cstdio>
 #include <cstdlib>
@@ -135,6 +137,55 @@ void commit_from(dbs_storage& storage, class_number layout, unsigned threads, un
                   static_cast<double>(after.commit_groups - before.commit_groups));
 }
 
+// What a commit pays for each object that it refers to: nearly always it is certain that it is
+// there.
+void look_for_foundations(dbs_storage& storage) {
+  constexpr unsigned rounds = 2000, each = 100;
+  std::minstd_rand random(9);
+  std::vector<object_number> numbers(each);
+  for (const bool is_certain : {true, false}) {
+    commit_request nothing;
+    nothing.builds_on = numbers;
+    nothing.seen_at = is_certain ? storage.newest_version() : 0;
+    const stopwatch watch;
+    for (unsigned i = 0; i < rounds; ++i) {
+      for (object_number& number : numbers)
+        number = first + static_cast<object_number>(random() % (segments * 64));
+      storage.commit(nothing);
+    }
+    print(is_certain ? "foundations that are certain" : "foundations that are looked for",
+          rounds * each, watch);
+  }
+}
+
+// How long commits are held when a copy begins, while eight threads keep the log busy.
+void fix_copies(dbs_storage& storage, class_number layout) {
+  constexpr unsigned copies = 20;
+  std::atomic<bool> is_done{false};
+  std::vector<std::thread> workers;
+  for (unsigned t = 0; t < 8; ++t) {
+    workers.emplace_back([&, t] {
+      while (!is_done) commit_some(storage, layout, t, 1, 10);
+    });
+  }
+  double longest = 0, all = 0;
+  for (unsigned i = 0; i < copies; ++i) {
+    const auto copier = storage.copier();
+    copier->prepare();
+    auto pause = storage.pause_commits();
+    const stopwatch held;
+    copier->fix();
+    pause.reset();
+    const double seconds = held.seconds();
+    longest = std::max(longest, seconds);
+    all += seconds;
+  }
+  is_done = true;
+  for (std::thread& worker : workers) worker.join();
+  std::printf("%-44s %12.1f ms, at most %.1f ms\n", "commits held to fix a copy",
+              all * 1e3 / copies, longest * 1e3);
+}
+
 void lock_and_unlock(dbs_storage& storage) {
   lock_owner owner;
   lock_table& locks = storage.locks();
@@ -171,10 +222,12 @@ void measure(const std::string& directory, const std::string& options) {
   load_random(*storage, "random loads, 1000 segments", 1000 * 64, 1'000'000);
   load_in_order(*storage);
   lock_and_unlock(*storage);
+  look_for_foundations(*storage);
   commit_from(*storage, layout, 1, 10'000, 1, "durable commits, 1 thread");
   commit_from(*storage, layout, 8, 5'000, 1, "durable commits, 8 threads");
   commit_from(*storage, layout, 1, 1'000, 100, "updates, 100 a commit, 1 thread");
   load_random(*storage, "random loads, log in use", segments * 64, 300'000);
+  fix_copies(*storage, layout);
 }
 
 }  // namespace

@@ -20,6 +20,25 @@ void deliver(const segment& from, object_number number, state_sink& into) {
     into.missing(number);
 }
 
+// False, and nothing done, when it is apart.
+bool deliver_from(const segment_cache::found_segment& cached, object_number number,
+                  state_sink& into) {
+  const unsigned slot = slot_of(number);
+  if (cached.whole) {
+    if (cached.whole->has(slot) && cached.whole->is_apart(slot)) return false;
+    deliver(*cached.whole, number, into);
+    return true;
+  }
+  const segment_view* const in = cached.layered->holder_of(slot);
+  if (in == nullptr)
+    into.missing(number);
+  else if (in->is_apart(slot))
+    return false;
+  else
+    into.found({number, in->layout(slot), in->body(slot), cached.layered.get()});
+  return true;
+}
+
 // Commits over several storages become visible everywhere before anything is read anywhere.
 void wait_for_publication() {
   while ((storage_process::instance().publications() & 1) != 0) std::this_thread::yield();
@@ -61,9 +80,11 @@ bool object_loader::load_from_cache(std::span<const object_number> numbers, comm
     return cached;
   };
   if (numbers.size() == 1) {
-    const auto cached = find(numbers[0]);
-    if (cached) deliver(*cached, numbers[0], into);
-    return cached != nullptr;
+    const auto cached = from_.cache.look(segment_of(numbers[0]));
+    if (!cached.whole && !cached.layered) return false;
+    const commit_version version =
+        cached.whole ? cached.whole->version() : cached.layered->version();
+    return version <= as_of && deliver_from(cached, numbers[0], into);
   }
   std::vector<std::shared_ptr<const segment>> all(numbers.size());
   for (std::size_t i = 0; i < numbers.size(); ++i) {

@@ -7,9 +7,22 @@ namespace goods {
 namespace {
 
 constexpr std::size_t place_cost = 64;  // bytes of the table for each entry
+// Of a segment as it is and what is to be laid over it, before that is done.
+constexpr unsigned most_looks = 16;
 
 std::size_t cost_of(const segment& content, const segment_patch* newer = nullptr) {
   return content.memory() + place_cost + (newer != nullptr ? newer->memory() : 0);
+}
+
+// Of a patch that has been merged meanwhile and one that has not grown from it. Null when there is
+// no memory for it.
+segment_cache::patch combined(const segment_cache::patch& older,
+                              const segment_cache::patch& newer) noexcept {
+  try {
+    return segment_patch::combine(older, newer);
+  } catch (const std::bad_alloc&) {
+    return nullptr;
+  }
 }
 
 }  // namespace
@@ -53,6 +66,25 @@ std::shared_ptr<const segment> segment_cache::find(segment_number number) {
   return now;
 }
 
+segment_cache::found_segment segment_cache::look(segment_number number) {
+  shard& s = shard_of(number);
+  std::shared_ptr<const segment> content;
+  patch newer;
+  {
+    guarded_scope scope(s.lock);
+    place& found = s.place_of(number);
+    if (found.content) found.used = true;
+    if (!found.newer) return {found.content, nullptr};
+    if (found.looks < most_looks) {
+      ++found.looks;
+      content = found.content;
+      newer = found.newer;
+    }
+  }
+  if (!content) return {find(number), nullptr};
+  return {nullptr, std::make_shared<const layered_segment>(std::move(content), std::move(newer))};
+}
+
 void segment_cache::offer(const std::shared_ptr<const segment>& found, commit_version as_of) {
   const std::size_t limit = shard_limit_.load(std::memory_order_relaxed);
   if (cost_of(*found) > limit) return;
@@ -70,12 +102,13 @@ void segment_cache::publish(segment_number number, const patch& before, const pa
   s.last_change = version;
   place& known = s.place_of(number);
   if (!known.content) return;
-  // `now` may lack what a patch has that it has not grown from: that one has been merged meanwhile.
-  if (!now || (known.newer && known.newer != before)) {
+  const patch laid_over =
+      !now || !known.newer || known.newer == before ? now : combined(known.newer, now);
+  if (!laid_over) {
     dropped = s.erase(known);
   } else {
     known.used = true;
-    dropped = s.replace(known, known.content, now, shard_limit_);
+    dropped = s.replace(known, known.content, laid_over, shard_limit_);
   }
 }
 

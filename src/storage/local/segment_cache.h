@@ -21,13 +21,21 @@ namespace goods {
 // An entry e that find() returns is the segment's state in every version v with e.version() <= v
 // that was published when find() was called: entries change by publish() before the version is made
 // known, and offer() refuses what may be older than that. What a commit changes is laid over an
-// entry when that is looked for the next time: whoever commits does not wait for it, and many never
-// are. Threads: any. One mutex for each shard, held for a look-up; nothing is called under it.
+// entry when that is found the next time, or looked at some more times: whoever commits does not
+// wait for it, and many never are. Threads: any. One mutex for each shard, held for a look-up;
+// nothing is called under it.
 class segment_cache {
  public:
   explicit segment_cache(std::size_t limit);  // bytes
 
   std::shared_ptr<const segment> find(segment_number number);
+
+  // The same for who wants an object or two of it: at most one of both is set.
+  struct found_segment {
+    std::shared_ptr<const segment> whole;
+    std::shared_ptr<const layered_segment> layered;
+  };
+  found_segment look(segment_number number);
 
   // What a reader has found in the snapshot of version `as_of`.
   void offer(const std::shared_ptr<const segment>& found, commit_version as_of);
@@ -53,6 +61,7 @@ class segment_cache {
     patch newer;                             // to be laid over it; null: nothing
 
     std::size_t bytes = 0;  // of memory, what is to be laid over it included
+    unsigned looks = 0;     // at both since `newer` came
   };
 
   // Open addressing with linear probing, at most half full: a look-up touches one place.

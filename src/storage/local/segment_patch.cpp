@@ -36,6 +36,21 @@ std::shared_ptr<const segment_patch> segment_patch::combine(
                                                removed, builder.content());
 }
 
+const segment_view* layered_segment::holder_of(unsigned slot) const {
+  if (objects_.has(slot)) return &objects_;
+  if (patch_->is_whole() || (patch_->removed() >> slot & 1) != 0) return nullptr;
+  return below_->has(slot) ? below_.get() : nullptr;
+}
+
+bool layered_segment::find(object_number number, object_state& found) const {
+  if (segment_of(number) != patch_->number()) return false;
+  const unsigned slot = slot_of(number);
+  const segment_view* const in = holder_of(slot);
+  if (in == nullptr || in->is_apart(slot)) return false;
+  found = {number, in->layout(slot), in->body(slot), this};
+  return true;
+}
+
 std::shared_ptr<const segment> patched(const segment_patch& patch, const segment_view* below) {
   segment_builder builder(patch.number(), below);
   patch.lay_over(builder);

@@ -58,6 +58,25 @@ class segment_patch {
   bool is_whole_;
 };
 
+// A segment with a patch that is not laid over it: who looks for a few objects need not wait until
+// all are put together. As a group it has the objects that are not apart.
+// Ownership: shared, as a segment's. Threads: unchanging, so any.
+class layered_segment : public state_group {
+ public:
+  layered_segment(std::shared_ptr<const segment> below, std::shared_ptr<const segment_patch> patch)
+      : below_(std::move(below)), patch_(std::move(patch)), objects_(patch_->objects()) {}
+
+  commit_version version() const { return patch_->version(); }
+  // Where the object of a slot is; null: there is none.
+  const segment_view* holder_of(unsigned slot) const;
+  bool find(object_number number, object_state& found) const override;
+
+ private:
+  const std::shared_ptr<const segment> below_;
+  const std::shared_ptr<const segment_patch> patch_;
+  const segment_view objects_;  // of the patch
+};
+
 // The segment as it is with a patch. `below`: null when the patch is whole.
 std::shared_ptr<const segment> patched(const segment_patch& patch, const segment_view* below);
 
