@@ -72,6 +72,24 @@ TEST(CollectorTest, RemovesWhatNothingLeadsToAndKeepsWhatIsHeld) {
   }
 }
 
+TEST(CollectorTest, WhatWasRemovedHasGivenItsRoomBackWhenItEnds) {
+  const test_store store;
+  const auto used = [](test_session& session) {
+    return session.db().storage(0).dbs().statistics().used_bytes;
+  };
+  {
+    test_session session(store);
+    ref<cell> chain;
+    for (int i = 0; i < 20'000; ++i) chain = new_cell(i, chain);
+    modify(session.root())->next = chain;
+  }
+  test_session session(store);
+  const std::uint64_t before = used(session);
+  modify(session.root())->next = nullptr;
+  ASSERT_EQ(session.db().start_gc(), 1U);
+  EXPECT_LT(used(session), before / 2);
+}
+
 // Chains move between two sessions' hands and the root while collections run without a pause.
 TEST(CollectorTest, LosesNothingThatThreadsMoveAround) {
   constexpr int chain = 20;

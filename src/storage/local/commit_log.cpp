@@ -209,6 +209,11 @@ void commit_log::note_durable(commit_version through) {
     if (f.unsynced <= through) f.unsynced = 0;
 }
 
+void commit_log::note_merged() {
+  guarded_scope scope(lock_);
+  files_[1 - active_].position = 0;
+}
+
 void commit_log::remove() {
   storage_disk& disk = storage_disk::instance();
   guarded_scope scope(lock_);

@@ -57,6 +57,8 @@ class commit_log {
   bool is_broken() const;
   // All commits up to this one are durable, here or in the database.
   void note_durable(commit_version through);
+  // All that the file has which is not current is in the database: its room is free.
+  void note_merged();
 
   // Removes the files durably. Everything has been merged.
   void remove();

@@ -146,6 +146,7 @@ void log_merger::merge() {
   writer.note_committed();
   with_.prepared.forgotten_erased();
   with_.log.note_durable(table->version);
+  with_.log.note_merged();
   with_.versions.merged.store(table->version, std::memory_order_release);
   with_.overlay.drop_frozen();
   with_.checkpoints.log_has(with_.store.log_pages());
