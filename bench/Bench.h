@@ -81,6 +81,9 @@ class Bench {
   // ReopenItem.cpp
   void reopen();
 
+  // CloneItem.cpp
+  void clone();
+
   // ContainerItems.cpp
   void bundle();
   void balance();
@@ -92,6 +95,7 @@ class Bench {
   const BenchOptions options_;
   Workload& workload_;
   Report& report_;
+  double loaded_ = 0;  // values per second that tarns has loaded
 };
 
 // Throws std::runtime_error naming the peer unless `holds`.

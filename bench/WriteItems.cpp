@@ -50,6 +50,7 @@ void Bench::load() {
     auto store = open(peer);
     LoadIndex(*store, workload_.index());
     durable[peer] = values / watch.seconds();
+    if (peer == "tarns") loaded_ = durable[peer];
     store.reset();
     closed[peer] = values / watch.seconds();
     bytes[peer] = static_cast<double>(BytesBelow(optionsOf(peer).directory)) / (1 << 20);

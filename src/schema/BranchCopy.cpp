@@ -1,10 +1,13 @@
 #include "schema/BranchCopy.h"
 
 #include <goods/cache_manager.h>
+#include <tarns/core/TarnException.h>
 #include <tarns/core/TarnValues.h>
 #include <tarns/schema/TarnClassDescriptor.h>
 
 #include <algorithm>
+#include <bit>
+#include <functional>
 #include <utility>
 
 #include "core/branch_batch.h"
@@ -75,20 +78,77 @@ void LetGo(goods::object_ref& reference) {
   }
 }
 
+// A node's place among the children of its parent.
+struct ChildPlace {
+  TarnRef parent;  // null for none
+  std::string name;
+  std::size_t number = 0;  // among those of its name
+};
+
+TarnRef NodeOf(std::uint64_t key) {
+  return TarnRef::Trusted(goods::keep_word(std::bit_cast<goods::ref_word>(key)));
+}
+
+// Calls visit(child) for the children of that name until it returns false; entries of nothing are
+// none.
+template <class Visit>
+void ForEachCalled(const TarnRef& parent, const std::string& name, Visit&& visit) {
+  for (TarnIterator at = parent->getIterTo(name.c_str()); !at.isNull() && at.getEntryName() == name;
+       at.next(nullptr)) {
+    const TarnRef child = at.get(nullptr);
+    if (!child.is_null() && !visit(child)) return;
+  }
+}
+
+// The child that stands at a place like that; null for none.
+TarnRef ChildAt(const TarnRef& parent, const ChildPlace& place) {
+  TarnRef found;
+  std::size_t number = 0;
+  ForEachCalled(parent, place.name, [&](const TarnRef& child) {
+    if (number++ == place.number) found = child;
+    return found.is_null();
+  });
+  return found;
+}
+
+ChildPlace PlaceOf(const TarnRef& node) {
+  ChildPlace place;
+  try {
+    place.parent = node->getParent();
+    if (place.parent.is_null()) return place;
+    place.name = node->getName().view();
+    bool isThere = false;
+    ForEachCalled(place.parent, place.name, [&](const TarnRef& child) {
+      isThere = child == node;
+      if (!isThere) ++place.number;
+      return !isThere;
+    });
+    if (!isThere) place.parent = nullptr;  // moved just now
+    return place;
+  } catch (const TarnException& error) {
+    if (error.getErrorID() != ErrorID::ObjectGone) throw;
+    return {};
+  }
+}
+
 }  // namespace
 
 // --- Nodes --------------------------------------------------------------------------------------
 
 TarnRef BranchCopy::begin(const TarnRef& original, Below children) {
   const TarnClassDescriptor& cls = original->getClass();
-  metOwned_.insert(WalkKeyOf(original.word()));
   TarnRef copy = copyNode(original, cls, nullptr);
+  relate(original, copy);
   if (children == Below::kCopied) addTask(original, cls, copy);
   return copy;
 }
 
 void BranchCopy::relate(const TarnRef& original, const TarnRef& copy) {
   metOwned_.insert(WalkKeyOf(original.word()));
+  note(original, copy);
+}
+
+void BranchCopy::note(const TarnRef& original, const TarnRef& copy) {
   copies_.push_back({WalkKeyOf(original.word()), copy});
 }
 
@@ -103,7 +163,6 @@ TarnRef BranchCopy::copyNode(const TarnRef& original, const TarnClassDescriptor&
     copy = original->clone();
     noteReferences(copy);
   }
-  copies_.push_back({WalkKeyOf(original.word()), copy});
   return copy;
 }
 
@@ -130,6 +189,7 @@ void BranchCopy::addTask(const TarnRef& original, const TarnClassDescriptor& cls
     tasks_.push_back({original, copy, nullptr});
     return;
   }
+  note(further, copy);
   // Children go over from the further node to this one, so that one is looked at first.
   const auto met = std::make_shared<std::unordered_set<std::uint64_t>>();
   tasks_.push_back({original, copy, met});
@@ -181,9 +241,13 @@ std::size_t BranchCopy::copyStep(const TarnBranchWalk::Step& step) {
     return 0;
   }
   const std::uint64_t original = WalkKeyOf(step.node.word());
-  if (step.depth == 1 && met_ && !met_->insert(original).second) {
-    walk_->skipChildren();
-    return 0;
+  if (step.depth == 1 && met_) {
+    // A node may be listed under several names.
+    const std::size_t name = step.lister.is_null() ? 0 : std::hash<std::string>{}(step.name);
+    if (!met_->insert(original ^ name).second) {
+      walk_->skipChildren();
+      return 0;
+    }
   }
   if (!step.lister.is_null()) {
     walk_->skipChildren();
@@ -191,6 +255,8 @@ std::size_t BranchCopy::copyStep(const TarnBranchWalk::Step& step) {
     return 1;
   }
   const TarnRef copy = copyNode(step.node, *step.cls, step.hasValue ? &step.value : nullptr);
+  // Among children of two nodes places do not tell.
+  if (notesAll_ || (step.depth == 1 && met_)) note(step.node, copy);
   addBelow(level, step.name, copy, false, original);
   const bool mayHaveFurther = !step.cls->isTarnsBaseClass();
   if (mayHaveFurther && !FurtherHolderOf(step.node).is_null()) {
@@ -267,32 +333,63 @@ void BranchCopy::sortCopies() {
   sorted_ = copies_.size();
 }
 
-const goods::object_ref* BranchCopy::find(std::uint64_t original) {
+const goods::object_ref* BranchCopy::findNoted(std::uint64_t original) {
   sortCopies();
   const auto found = std::ranges::lower_bound(copies_, original, {}, &Copied::original);
   return found != copies_.end() && found->original == original ? &found->copy : nullptr;
 }
 
+// Null when there is none.
+goods::object_ref BranchCopy::find(std::uint64_t original) {
+  if (const goods::object_ref* const noted = findNoted(original)) return *noted;
+  return notesAll_ ? goods::object_ref() : findByPlace(original);
+}
+
+// Goes up from the original to a node whose copy is known, and in the copy the same way down.
+goods::object_ref BranchCopy::findByPlace(std::uint64_t original) {
+  std::vector<std::pair<std::uint64_t, ChildPlace>> way;
+  goods::object_ref at;
+  for (TarnRef node = NodeOf(original);;) {
+    const std::uint64_t key = WalkKeyOf(node.word());
+    if (const goods::object_ref* const noted = findNoted(key)) {
+      at = *noted;
+      break;
+    }
+    if (const auto found = found_.find(key); found != found_.end()) {
+      at = found->second;
+      break;
+    }
+    way.emplace_back(key, PlaceOf(node));
+    node = way.back().second.parent;
+    if (node.is_null()) break;
+  }
+  for (; !way.empty(); way.pop_back()) {
+    const auto& [key, place] = way.back();
+    if (!at.is_null()) at = ChildAt(TarnRef::Trusted(at), place);
+    LetGo(at);
+    found_[key] = at;
+  }
+  return at;
+}
+
 TarnRef BranchCopy::copyOf(const TarnRef& original) {
-  const goods::object_ref* const found = find(WalkKeyOf(original.word()));
-  return found != nullptr ? TarnRef::Trusted(goods::object_ref(*found)) : TarnRef();
+  return TarnRef::Trusted(find(WalkKeyOf(original.word())));
 }
 
 void BranchCopy::setReferences(std::size_t first, std::size_t limit) {
   const std::size_t end = first + std::min(limit, countReferences() - first);
   for (; first < end && first < members_.size(); ++first) {
     const Member& member = members_[first];
-    const goods::object_ref* const copy = find(member.original);
-    const goods::object_ref node(member.node);
-    if (copy == nullptr || MemberOf(node, *member.field, member.item) == *copy) continue;
-    SetMember(node, *member.field, member.item, goods::object_ref(*copy));
+    const goods::object_ref copy = find(member.original), node(member.node);
+    if (copy.is_null() || MemberOf(node, *member.field, member.item) == copy) continue;
+    SetMember(node, *member.field, member.item, copy);
   }
   for (; first < end; ++first) {
     const Link& link = links_[first - members_.size()];
-    const goods::object_ref* const copy = find(link.original);
-    if (copy == nullptr) continue;
+    const goods::object_ref copy = find(link.original);
+    if (copy.is_null()) continue;
     const auto entry = goods::ref<goods::set_member>::trusted(link.entry);
-    modify(entry)->set_target(*copy);
+    modify(entry)->set_target(copy);
     modify(xcptref<TarnObjects>::Trusted(link.index))->update(entry);
   }
 }

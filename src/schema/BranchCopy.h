@@ -12,6 +12,7 @@
 #include <memory>
 #include <optional>
 #include <string>
+#include <unordered_map>
 #include <unordered_set>
 #include <utility>
 #include <vector>
@@ -29,6 +30,11 @@ class BranchCopy {
  public:
   // Passes over that node, where it meets it, with all below.
   void exclude(const TarnRef& node) { excluded_ = node; }
+
+  // Notes what became of a node only where it cannot be found again by its place in the branch:
+  // each copy that is noted has to stay in memory until it is stored. For originals that are
+  // stored.
+  void noteFew() { notesAll_ = false; }
 
   enum class Below { kCopied, kLeftOut };
   // The copy of one node, whose children copyMore() goes on with.
@@ -93,16 +99,20 @@ class BranchCopy {
     bool isLink;
   };
 
+  void note(const TarnRef& original, const TarnRef& copy);
   TarnRef copyNode(const TarnRef& original, const TarnClassDescriptor& cls, const TarnData* value);
   void addTask(const TarnRef& original, const TarnClassDescriptor& cls, const TarnRef& copy);
   std::size_t copyOwned();
   std::size_t copyStep(const TarnBranchWalk::Step& step);
   void addBelow(Level& level, const std::string& name, const TarnRef& child, bool isLink,
                 std::uint64_t original);
-  const goods::object_ref* find(std::uint64_t original);
+  goods::object_ref find(std::uint64_t original);
+  const goods::object_ref* findNoted(std::uint64_t original);
+  goods::object_ref findByPlace(std::uint64_t original);
   void sortCopies();
 
   TarnRef excluded_;
+  bool notesAll_ = true;
   std::vector<Task> tasks_;
   std::vector<Owned> owned_;
   std::unordered_set<std::uint64_t> metOwned_;
@@ -112,6 +122,7 @@ class BranchCopy {
 
   std::vector<Copied> copies_;  // the first sorted_ are in order
   std::size_t sorted_ = 0;
+  std::unordered_map<std::uint64_t, goods::object_ref> found_;  // by place; null: in no branch
   std::vector<Member> members_;
   std::vector<Link> links_;
 

@@ -46,6 +46,7 @@ class CopyInBatches {
 
  private:
   void begin(const TarnRef& branch) {
+    if (branch.id() != 0) copy_.noteFew();
     top_ = copy_.begin(branch, BranchCopy::Below::kCopied);
     copy_.exclude(top_);  // where its place is within the branch
     session_.atomically([this] {
