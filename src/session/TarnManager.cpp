@@ -21,19 +21,11 @@ goods::storage_number StorageNumber(unsigned long id) {
   return static_cast<goods::storage_number>(id & 0xFFFF);
 }
 
-// Says so instead of opening a database without the classes that its libraries would bring.
-void RefuseDataLibraries(bool wanted) {
-  if (!wanted) return;
-  throw TarnException(
-      "Data libraries cannot be loaded: this version of tarns has no loader for them. Connect "
-      "without asking for data libraries, and link the classes to the program.",
-      ErrorID::Unspecified);
-}
-
 }  // namespace
 
 std::atomic<unsigned long> TarnManager::MnumConnectAttempts{1};
 std::atomic<bool> TarnManager::Minitialized{false};
+TarnLibraries TarnManager::MdataLibraries;
 
 TarnManager::TarnManager() = default;
 
@@ -65,9 +57,7 @@ void TarnManager::Initialize() {
 
 void TarnManager::SetNumConnectAttempts(unsigned long attempts) { MnumConnectAttempts = attempts; }
 
-void TarnManager::connect(const char* configPath, bool loadDataLibraries,
-                          [[maybe_unused]] const char* libraryPath) {
-  RefuseDataLibraries(loadDataLibraries);
+void TarnManager::connect(const char* configPath, bool loadDataLibraries, const char* libraryPath) {
   if (configPath == nullptr) configPath = "";
   freeDB();
   database_ = std::make_unique<TarnDatabase>(*this);
@@ -79,10 +69,11 @@ void TarnManager::connect(const char* configPath, bool loadDataLibraries,
   if (!isOpen) {
     throw TarnException("Unable to connect to database server.", ErrorID::CannotConnect);
   }
-  configPath_.set(configPath);
+  afterConnecting(configPath, loadDataLibraries, libraryPath);
 }
 
-void TarnManager::connect(const char* configPath, std::chrono::milliseconds limit) {
+void TarnManager::connect(const char* configPath, std::chrono::milliseconds limit,
+                          bool loadDataLibraries, const char* libraryPath) {
   const auto deadline = std::chrono::steady_clock::now() + limit;
   if (configPath == nullptr) configPath = "";
   freeDB();
@@ -96,7 +87,14 @@ void TarnManager::connect(const char* configPath, std::chrono::milliseconds limi
     }
     std::this_thread::sleep_for(std::min<std::chrono::nanoseconds>(left, kShortPause));
   }
+  afterConnecting(configPath, loadDataLibraries, libraryPath);
+}
+
+void TarnManager::afterConnecting(const char* configPath, bool loadDataLibraries,
+                                  const char* libraryPath) {
   configPath_.set(configPath);
+  if (!loadDataLibraries) return;
+  MdataLibraries.loadDataLibraries(configPath, libraryPath, supportsDependencies_);
 }
 
 void TarnManager::freeDB() {

@@ -30,6 +30,7 @@ struct UsageError {
 struct Invocation {
   std::string database;                // a directory that init made, or a configuration file
   double wait = 2;                     // seconds to wait for a database that is in use
+  bool loadLibraries = false;          // those in the database's folder of libraries
   std::optional<std::uint64_t> cache;  // bytes of memory for objects; the library's when not given
   Format format = Format::kAutomatic;
   std::function<int()> action;  // of the sub-command that was named; returns an ExitStatus

@@ -94,8 +94,10 @@ OpenDatabase::OpenDatabase(const Invocation& invocation)
 
 OpenDatabase::OpenDatabase(const std::string& configuration, const Invocation& invocation) {
   TarnManager::Initialize();
+  manager_.supportDependencies(true);
   manager_.connect(configuration.c_str(),
-                   std::chrono::milliseconds(static_cast<long>(invocation.wait * 1000)));
+                   std::chrono::milliseconds(static_cast<long>(invocation.wait * 1000)),
+                   invocation.loadLibraries);
   if (invocation.cache) manager_.setCacheLimit(*invocation.cache);
   attachment_ = std::make_unique<TarnAttachment>(manager_);
 }

@@ -65,6 +65,9 @@ void AddSharedOptions(CLI::App& app, Invocation& invocation) {
                  "Memory for objects, as 64M (default 256M); at least 1M")
       ->type_name("BYTES")
       ->transform(CLI::AsSizeValue(false));
+  app.add_flag("--libraries", invocation.loadLibraries,
+               "Load the classes in the libraries of the database: its folder tarns.libraries")
+      ->envname("TARNS_LIBRARIES");
   app.add_option("--format", invocation.format,
                  "tree, table, json or raw; by default what suits a terminal or a pipe")
       ->type_name("FORMAT")

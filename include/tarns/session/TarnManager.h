@@ -7,6 +7,7 @@
 #include <tarns/core/TarnPath.h>
 #include <tarns/session/TarnCacheManager.h>
 #include <tarns/session/TarnDatabase.h>
+#include <tarns/session/TarnLibraries.h>
 #include <tarns/session/TarnPathText.h>
 #include <tarns/session/TarnRoot.h>
 #include <tarns/tarns_api.h>
@@ -79,21 +80,26 @@ class TARNS_API TarnManager {
 
   // Opens the database that a configuration file describes (see goods::database), after closing the
   // one that is open, and waits while it is in use elsewhere, looking again every 5 seconds. Does
-  // not attach the calling thread. There are no extension libraries to load yet: asking for them
-  // throws, before anything is done. Throws 5 when the number of attempts is 0; at once what is
-  // wrong with the file or the storages. A session whose connect() has thrown is not connected.
+  // not attach the calling thread. With `loadDataLibraries` the extension libraries named for the
+  // database are loaded then; what is wrong with one is reported by MdataLibraries and the log, and
+  // is no error here. Throws 5 when the number of attempts is 0; at once what is wrong with the
+  // file or the storages. A session whose connect() has thrown is not connected.
   void connect(const char* configPath, bool loadDataLibraries = false,
                const char* libraryPath = nullptr);
   // The same, but gives up after `limit` (0: after one attempt) with 105, naming the storage that
   // is in use. Does not look at the number of attempts.
-  void connect(const char* configPath, std::chrono::milliseconds limit);
+  void connect(const char* configPath, std::chrono::milliseconds limit,
+               bool loadDataLibraries = false, const char* libraryPath = nullptr);
+
+  // Loads extension libraries for all sessions of the process.
+  static TarnLibraries MdataLibraries;
 
   // Attaches the calling thread to this session, leaving another one; detaches it from the session
   // that it is attached to, rolling back its open transaction.
   void attach();
   void detach();
 
-  // Handed to the loader of extension libraries.
+  // Whether extension libraries may be linked with each other, see TarnLibraries; for connect().
   void supportDependencies(bool on) { supportsDependencies_ = on; }
   bool supportsDependencies() const { return supportsDependencies_; }
 
@@ -316,6 +322,7 @@ class TARNS_API TarnManager {
   xcptref<TarnObject> createParents(TarnPath& path);
 
  private:
+  void afterConnecting(const char* configPath, bool loadDataLibraries, const char* libraryPath);
   TarnDatabase& openDatabase() const;
   TarnCacheManager& getCacheManager() const;
   bool readValue(std::string_view path, TarnData& out) const;

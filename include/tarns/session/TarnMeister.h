@@ -44,7 +44,8 @@ class TARNS_API TarnMeister : public TarnManager {
   void checkIn() noexcept;
 
   void connect(const char*, bool = false, const char* = nullptr) = delete;
-  void connect(const char*, std::chrono::milliseconds) = delete;
+  void connect(const char*, std::chrono::milliseconds, bool = false,
+               const char* = nullptr) = delete;
 
  private:
   TarnManagerPool& pool_;
