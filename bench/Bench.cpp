@@ -14,9 +14,9 @@ namespace tarns::bench {
 
 const std::vector<std::string>& Bench::Items() {
   static const std::vector<std::string> items = {
-      "load",       "disk",   "hot-1", "hot-2",  "hot-tx", "lock",     "cold-read",
-      "cold-walk",  "memory", "list",  "export", "import", "update-1", "update-8",
-      "update-100", "delete", "wide",  "reopen", "clone",  "bundle",   "balance"};
+      "load",   "disk",        "hot-1", "hot-2",  "hot-tx", "lock",     "cold-read", "cold-walk",
+      "memory", "list",        "query", "export", "import", "update-1", "update-8",  "update-100",
+      "delete", "query-index", "wide",  "reopen", "clone",  "bundle",   "balance"};
   return items;
 }
 
@@ -33,6 +33,7 @@ void Bench::run() {
   if (wants("cold-walk")) coldWalk();
   if (wants("memory")) memory();
   if (wants("list")) lists();
+  if (wants("query")) queries(false);
   if (wants("export") || wants("import")) text();
   if (wants("update-1") || wants("update-8") || wants("update-100")) {
     report_.note(fmt::format("the disk syncs {:.0f} writes of 4 KiB a second",
@@ -42,6 +43,7 @@ void Bench::run() {
   if (wants("update-8")) singleUpdates(8);
   if (wants("update-100")) batchedUpdates();
   if (wants("delete")) deletes();
+  if (wants("query-index")) queries(true);
   if (wants("wide")) wide();
   if (wants("reopen")) reopen();
   if (wants("clone") && std::ranges::count(options_.peers, "tarns") > 0) clone();

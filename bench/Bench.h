@@ -64,6 +64,9 @@ class Bench {
   void memory();
   void lists();
 
+  // QueryItems.cpp
+  void queries(bool isIndexed);
+
   // TextItems.cpp
   void text();
 

@@ -34,6 +34,12 @@ class StoreSession {
   // empty, at most `limit`. `after` is followed by a NUL as well.
   virtual void list(std::string_view path, std::string_view after, std::size_t limit,
                     const NameSink& sink) = 0;
+  // The names of those children of a node, in their order, whose value `field` is this text but for
+  // the case of the letters a to z. Not every peer has queries, or indexes for them: see queries().
+  virtual void findByValue(std::string_view path, std::string_view field, std::string_view text,
+                           const NameSink& sink);
+  // Keeps an index for such queries from now on; durable.
+  virtual void addIndex(std::string_view path, std::string_view field);
   // Everything below the root, with its values.
   virtual void walk(WalkSum& sum) = 0;
 

@@ -122,6 +122,25 @@ class SqliteSession : public StoreSession {
     listNames_.reset();
   }
 
+  // Without an index on values each child's row of that name is looked up, in the order in which
+  // the children are listed; with one it is the way in.
+  void findByValue(std::string_view path, std::string_view field, std::string_view text,
+                   const NameSink& sink) override {
+    Statement& query = indexed_ != nullptr ? *indexed_ : findByValue_;
+    query.bind(1, find(path)).bind(2, field).bind(3, text);
+    while (query.step()) sink(query.text(0));
+    query.reset();
+  }
+  void addIndex(std::string_view /*path*/, std::string_view /*field*/) override {
+    Execute(connection_.get(),
+            "CREATE INDEX IF NOT EXISTS nodes_by_value ON nodes(name, value COLLATE NOCASE)");
+    indexed_ = std::make_unique<Statement>(
+        connection_.get(),
+        "SELECT child.name FROM nodes AS field INDEXED BY nodes_by_value CROSS JOIN nodes AS child "
+        "ON child.id=field.parent WHERE field.name=?2 AND field.value=?3 COLLATE NOCASE "
+        "AND child.parent=?1 ORDER BY child.name");
+  }
+
   void walk(WalkSum& sum) override { walkBelow(kRoot, 0, sum); }
 
   void begin() override {
@@ -249,6 +268,12 @@ class SqliteSession : public StoreSession {
                        "SELECT type, value FROM nodes WHERE parent=?1 AND name=?2"};
   Statement listNames_{connection_.get(),
                        "SELECT name FROM nodes WHERE parent=?1 AND name>?2 ORDER BY name LIMIT ?3"};
+  Statement findByValue_{
+      connection_.get(),
+      "SELECT child.name FROM nodes AS child CROSS JOIN nodes AS field ON field.parent=child.id "
+      "WHERE child.parent=?1 AND field.name=?2 AND field.value=?3 COLLATE NOCASE "
+      "ORDER BY child.name"};
+  std::unique_ptr<Statement> indexed_;  // the same with the index on values, once there is one
   Statement insert_{connection_.get(),
                     "INSERT INTO nodes(parent, name, type, value) VALUES(?1, ?2, ?3, ?4)"};
   Statement update_{connection_.get(),

@@ -5,6 +5,8 @@
 #include <tarns/core/TarnChildren.h>
 #include <tarns/core/TarnIterator.h>
 #include <tarns/core/TarnValue.h>
+#include <tarns/core/TarnValueIndex.h>
+#include <tarns/select/TarnSelection.h>
 #include <tarns/session/TarnAttachment.h>
 #include <tarns/session/TarnTransaction.h>
 
@@ -40,6 +42,18 @@ class TarnsSession : public StoreSession {
   void list(std::string_view path, std::string_view after, std::size_t limit,
             const NameSink& sink) override {
     for (const std::string& name : manager_.getChildNames(path, after, limit)) sink(name);
+  }
+
+  void findByValue(std::string_view path, std::string_view field, std::string_view text,
+                   const NameSink& sink) override {
+    const auto query = TarnQuery::Create();
+    modify(query)->addElement(TarnQueryElement::Create(
+        std::string(field).c_str(), TarnQueryElement::Equal, std::string(text).c_str()));
+    TarnSelection selection(manager_.getObject(path), query);
+    for (const TarnChild& child : selection) sink(child.name);
+  }
+  void addIndex(std::string_view path, std::string_view field) override {
+    TarnValueIndex::Declare(manager_.getObject(path), field);
   }
 
   void walk(WalkSum& sum) override {

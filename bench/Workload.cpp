@@ -67,6 +67,15 @@ Reads Workload::randomReads(std::size_t count, std::uint64_t seed) const {
   return reads;
 }
 
+std::string Workload::textOf(std::size_t package, std::string_view field) const {
+  if (erased_[package]) return {};
+  const auto& wanted = index_.packages()[package];
+  for (std::size_t i = wanted.firstField; i < wanted.firstField + wanted.fieldCount; ++i) {
+    if (index_.fields()[i].name == field) return std::string(valueOf(i).text);
+  }
+  return {};
+}
+
 Reads Workload::allReads() const {
   Reads reads;
   for (std::size_t field = 0; field < changed_.size(); ++field) {

@@ -58,6 +58,9 @@ class Workload {
   std::string pathOf(std::size_t field) const;
   std::string pathOf(const PackageIndex::Package& package) const;
 
+  // A text of a package; empty when it has none, or has been erased.
+  std::string textOf(std::size_t package, std::string_view field) const;
+
   // `count` reads of random values, the same ones for the same seed. Erased ones are not asked for.
   Reads randomReads(std::size_t count, std::uint64_t seed) const;
   // Every value once, in the order of the index.
