@@ -11,7 +11,6 @@
 
 #include <algorithm>
 #include <cerrno>
-#include <cstring>
 #include <filesystem>
 #include <iterator>
 #include <optional>
@@ -35,7 +34,8 @@ class OpenFile {
       : file_(open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NOFOLLOW | O_NONBLOCK)) {
     if (file_ >= 0) return;
     if (errno == ELOOP) throw LibraryProblem("is a symbolic link");
-    throw LibraryProblem(fmt::format("cannot be opened: {}", std::strerror(errno)));
+    throw LibraryProblem(
+        fmt::format("cannot be opened: {}", std::generic_category().message(errno)));
   }
   ~OpenFile() { close(file_); }
   OpenFile(const OpenFile&) = delete;
@@ -45,7 +45,8 @@ class OpenFile {
   struct stat status() const {
     struct stat status {};
     if (fstat(file_, &status) != 0) {
-      throw LibraryProblem(fmt::format("cannot be looked at: {}", std::strerror(errno)));
+      throw LibraryProblem(
+          fmt::format("cannot be looked at: {}", std::generic_category().message(errno)));
     }
     return status;
   }
@@ -72,7 +73,8 @@ void VerifyFolder(const fs::path& folder) {
     try {
       struct stat status {};
       if (stat(at.c_str(), &status) != 0) {
-        throw LibraryProblem(fmt::format("cannot be looked at: {}", std::strerror(errno)));
+        throw LibraryProblem(
+            fmt::format("cannot be looked at: {}", std::generic_category().message(errno)));
       }
       if (!S_ISDIR(status.st_mode)) throw LibraryProblem("is no directory");
       VerifyOwner(status);

@@ -11,6 +11,7 @@
 #include <cstdint>
 #include <cstring>
 #include <string_view>
+#include <system_error>
 
 namespace tarns {
 
@@ -74,7 +75,9 @@ class Reader {
     while (size > 0) {
       const ssize_t got = pread(file_, at, size, static_cast<off_t>(offset));
       if (got < 0 && errno == EINTR) continue;
-      if (got < 0) throw LibraryProblem(fmt::format("cannot be read: {}", std::strerror(errno)));
+      if (got < 0)
+        throw LibraryProblem(
+            fmt::format("cannot be read: {}", std::generic_category().message(errno)));
       if (got == 0) ThrowDamaged();
       at += got;
       offset += static_cast<std::uint64_t>(got);
