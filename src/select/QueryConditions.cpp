@@ -65,14 +65,14 @@ void QueryConditions::hold(goods::reader& reader, std::span<const TarnObject* co
       for (std::size_t i = 0; i < nodes.size(); ++i) {
         open[i] = results[i] == static_cast<char>(isUndecided) ? nodes[i] : nullptr;
       }
-      join(condition, reader, open, subjects, results);
+      Join(condition, reader, open, subjects, results);
     }
     logic = condition.logic;
   }
 }
 
 // Sets the results of all nodes that are not null.
-void QueryConditions::join(const Condition& condition, goods::reader& reader,
+void QueryConditions::Join(const Condition& condition, goods::reader& reader,
                            std::span<const TarnObject* const> nodes, SubjectBatch& subjects,
                            std::vector<char>& results) {
   const bool isAnything = condition.isAnything && !condition.path.empty();

@@ -47,7 +47,7 @@ class QueryConditions {
             std::vector<char>& results) const;
 
  private:
-  static void join(const Condition& condition, goods::reader& reader,
+  static void Join(const Condition& condition, goods::reader& reader,
                    std::span<const TarnObject* const> nodes, SubjectBatch& subjects,
                    std::vector<char>& results);
   static bool Holds(const Condition& condition, goods::reader& reader, const TarnObject& node,
