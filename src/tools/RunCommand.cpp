@@ -88,7 +88,7 @@ int RunCommand(int argc, char** argv) {
   for (const auto add :
        {AddInit,    AddGet,    AddSet,    AddLs,   AddTree,   AddRm,      AddCp,      AddMv,
         AddFind,    AddQuery,  AddIndex,  AddStat, AddGc,     AddCheck,   AddSalvage, AddBackup,
-        AddRestore, AddImport, AddExport, AddEdit, AddBundle, AddBalance, AddTask}) {
+        AddRestore, AddImport, AddExport, AddEdit, AddBundle, AddBalance, AddTask,    AddVfs}) {
     add(app, invocation);
   }
   try {

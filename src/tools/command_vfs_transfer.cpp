@@ -1,0 +1,146 @@
+// tarns vfs put, get: real files and directories.
+#include <tarns/core/TarnBranches.h>
+#include <tarns/core/TarnException.h>
+
+#include <sys/resource.h>
+#include <sys/stat.h>
+
+#include <exception>
+#include <memory>
+#include <string>
+
+#include "tools/Progress.h"
+#include "tools/VfsGetter.h"
+#include "tools/VfsPutter.h"
+#include "tools/signals.h"
+#include "tools/vfs_command.h"
+
+namespace tarns {
+
+namespace {
+
+struct TransferOptions : VfsOptions {
+  std::string real;
+  bool overwrite = false;
+};
+
+// A deep tree has one directory open for each level.
+void AllowManyOpenFiles() {
+  rlimit limit{};
+  if (::getrlimit(RLIMIT_NOFILE, &limit) != 0) return;
+  limit.rlim_cur = limit.rlim_max;
+  ::setrlimit(RLIMIT_NOFILE, &limit);
+}
+
+std::string LastNameOf(std::string path) {
+  while (path.size() > 1 && path.ends_with('/')) path.pop_back();
+  return path.substr(path.rfind('/') + 1);
+}
+
+bool IsDirectory(const std::string& path) {
+  struct stat status {};
+  return ::stat(path.c_str(), &status) == 0 && S_ISDIR(status.st_mode);
+}
+
+// Runs `work`; what ends it early is passed on when `tell()` has been called.
+template <class Work, class Tell>
+void RunTelling(const Work& work, const Tell& tell) {
+  try {
+    work();
+  } catch (...) {
+    tell();
+    throw;
+  }
+}
+
+std::string CountText(std::uint64_t count, const char* what, const std::string& last) {
+  std::string text = std::to_string(count) + (count == 1 ? " file " : " files ") + what;
+  if (!last.empty()) text += ", up to \"" + last + "\"";
+  return text;
+}
+
+// Where a source without a path goes: under its own name; a file into a folder that is there.
+std::string PutPath(TarnVFS& files, const TransferOptions& options) {
+  const std::string name = NameInTree(LastNameOf(options.real));
+  if (options.path.empty()) return name;
+  if (IsDirectory(options.real) || !files.isFolderExist(options.path)) return options.path;
+  return options.path + "~" + name;
+}
+
+int Put(const Invocation& invocation, const TransferOptions& options) {
+  AllowManyOpenFiles();
+  OpenFiles files(invocation, options, true);
+  const SignalWatch watch;
+  Progress progress("put", 0, "files");
+  VfsPutter putter(*files, [&](std::uint64_t count) { progress.show(0, count); });
+  RunTelling([&] { putter.put(options.real, PutPath(*files, options)); },
+             [&] {
+               Complain("Ended early: " +
+                        CountText(putter.getNumStored(), "are stored", putter.getLastStored()) +
+                        "; what follows is not.");
+             });
+  return putter.getNumFailures() == 0 ? ExitStatus::kDone : ExitStatus::kFailure;
+}
+
+int Get(const Invocation& invocation, const TransferOptions& options) {
+  AllowManyOpenFiles();
+  OpenFiles files(invocation, options);
+  const SignalWatch watch;
+  const auto item = files->getItem(options.path);
+  const auto folder = item.is_null() ? files->getFolder(options.path) : nullptr;
+  if (item.is_null() && folder.is_null()) ThrowNoSuchEntry(options.path);
+  const std::string name = NameOfFile(TarnBranches::LastOf(options.path));
+  std::string target = options.real;
+  if (target.empty()) {
+    if (name.empty() || name == "." || name == ".." || name.find('/') != std::string::npos) {
+      throw UsageError{"\"" + options.path + "\" needs a TARGET: no file can have its name."};
+    }
+    target = name;
+  } else if (!item.is_null() && IsDirectory(target)) {
+    target += "/" + name;
+  }
+  Progress progress("get", 0, "files");
+  VfsGetter getter(options.overwrite, [&](std::uint64_t count) { progress.show(0, count); });
+  RunTelling(
+      [&] { item.is_null() ? getter.getFolder(folder, target) : getter.getItem(item, target); },
+      [&] {
+        Complain("Ended early: " +
+                 CountText(getter.getNumWritten(), "are written", getter.getLastWritten()) +
+                 "; what follows is not.");
+      });
+  return getter.getNumFailures() == 0 ? ExitStatus::kDone : ExitStatus::kFailure;
+}
+
+}  // namespace
+
+void AddVfsPut(CLI::App& vfs, Invocation& invocation) {
+  auto options = std::make_shared<TransferOptions>();
+  CLI::App& command = AddVfsCommand(
+      vfs, *options, "put", "Copy a real file or directory into the file system",
+      "tarns -d data vfs put /usr/share/doc doc", "tarns -d data vfs put letter.txt letters");
+  command.add_option("SOURCE", options->real, "The file or directory")->required();
+  command.add_option("PATH", options->path,
+                     "Where it goes; without it, to its own name. A directory is merged with a "
+                     "folder that is there, a file goes into it; items are replaced");
+  command.callback([&invocation, options] {
+    invocation.action = [&invocation, options] { return Put(invocation, *options); };
+  });
+}
+
+void AddVfsGet(CLI::App& vfs, Invocation& invocation) {
+  auto options = std::make_shared<TransferOptions>();
+  CLI::App& command = AddVfsCommand(
+      vfs, *options, "get", "Copy an item or a folder to a real file or directory",
+      "tarns -d data vfs get doc /tmp/doc", "tarns -d data vfs get letters~january.txt");
+  command.add_option("PATH", options->path, "The item or folder; \"\" is the whole file system")
+      ->required();
+  command.add_option("TARGET", options->real,
+                     "Where it goes; without it, to its own name. A folder is merged with a "
+                     "directory that is there, an item goes into it");
+  command.add_flag("--overwrite", options->overwrite, "Replace files that are there");
+  command.callback([&invocation, options] {
+    invocation.action = [&invocation, options] { return Get(invocation, *options); };
+  });
+}
+
+}  // namespace tarns

@@ -1,0 +1,62 @@
+// What the sub-commands of `tarns vfs` share.
+#pragma once
+
+#include <tarns/vfs/TarnVFS.h>
+
+#include <string>
+#include <string_view>
+
+#include "tools/Invocation.h"
+#include "tools/OpenDatabase.h"
+
+namespace tarns {
+
+// Options of every sub-command.
+struct VfsOptions {
+  std::string base = "files";  // the node below which the file system is
+  std::string path;
+};
+
+// Adds a sub-command of `vfs` that has the options in common.
+CLI::App& AddVfsCommand(CLI::App& vfs, VfsOptions& options, const char* name,
+                        const char* description, const char* firstExample,
+                        const char* secondExample);
+
+// A database and a file system in it.
+class OpenFiles {
+ public:
+  // Throws 7 when there is no such base, unless `make` says to make one.
+  OpenFiles(const Invocation& invocation, const VfsOptions& options, bool make = false);
+
+  TarnVFS* operator->() { return &files_; }
+  TarnVFS& operator*() { return files_; }
+
+ private:
+  OpenDatabase database_;
+  TarnVFS files_;
+};
+
+// Throws 7, naming the path.
+[[noreturn]] void ThrowNoSuchEntry(std::string_view path);
+// Writes "tarns: " and the message to standard error.
+void Complain(std::string_view message);
+
+// "-rw-r--r--"; question marks where permissions were never told.
+std::string ModeText(const TarnVFSInfo& info);
+// In UTC, as 2026-11-22T05:00:00.123456789Z; empty for a time that was never told.
+std::string TimeText(TarnVFSTime time);
+const char* KindText(TarnVFSInfo::Kind kind);
+
+// Names of real files may contain "~", which names in the tree may not: "~" is written as "%7E",
+// and a "%" before "7E" or "25" as "%25". Every name comes back as it was.
+std::string NameInTree(std::string_view real);
+std::string NameOfFile(std::string_view inTree);
+
+// The parts of `tarns vfs`; each adds its sub-commands.
+void AddVfsListing(CLI::App& vfs, Invocation& invocation);
+void AddVfsChanges(CLI::App& vfs, Invocation& invocation);
+void AddVfsBin(CLI::App& vfs, Invocation& invocation);
+void AddVfsPut(CLI::App& vfs, Invocation& invocation);
+void AddVfsGet(CLI::App& vfs, Invocation& invocation);
+
+}  // namespace tarns
