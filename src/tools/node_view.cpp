@@ -1,5 +1,6 @@
 #include "tools/node_view.h"
 
+#include <goods/String.h>
 #include <tarns/core/TarnException.h>
 #include <tarns/schema/TarnClassDescriptor.h>
 #include <tarns/schema/TarnFieldDescriptor.h>
@@ -71,14 +72,26 @@ bool RefersElsewhere(const TarnObject& node, const TarnFieldDescriptor& field, c
   return !state.isEmpty();
 }
 
+// Whether a text goes on behind its first NUL, where values of a TarnData end.
+bool HoldsNul(const TarnObject& node, const TarnFieldDescriptor& field, const char* name) {
+  const std::int32_t at = field.isForText() ? field.getValueOffset(name) : -1;
+  if (at < 0) return false;
+  const auto* const member =
+      reinterpret_cast<const goods::object_ref*>(reinterpret_cast<const char*>(&node) + at);
+  const auto text = goods::ref<goods::String>::trusted(*member);
+  return !text.is_null() && text->text().find('\0') != std::string_view::npos;
+}
+
 TarnData ValueOf(const TarnRef& node, const TarnFieldDescriptor& field, const char* name) {
   const auto body = *node;
   TarnData value(TarnData::Uint64);  // an enumeration gives its number
   field.getValue(*body, name, value);
-  if (!RefersElsewhere(*body, field, name, value)) return value;
+  const bool refersElsewhere = RefersElsewhere(*body, field, name, value);
+  if (!refersElsewhere && !HoldsNul(*body, field, name)) return value;
   TarnException error;
-  error << "The member \"" << name << "\" of the class \"" << goods::class_of(node).name()
-        << "\" refers to another node, which JSON cannot express.";
+  error << "The member \"" << name << "\" of the class \"" << goods::class_of(node).name() << "\" "
+        << (refersElsewhere ? "refers to another node" : "holds a byte that is 0")
+        << ", which JSON cannot express.";
   throw error;
 }
 

@@ -252,6 +252,22 @@ TEST_F(VfsCommandTest, ChangesAndLists) {
   EXPECT_EQ(run({"check", "--full"}).status, 0);
 }
 
+// The text form has every byte of a content; JSON refuses what it cannot have.
+TEST_F(VfsCommandTest, ContentIsExportedWholeOrNotAtAll) {
+  const std::string bytes = std::string("a\0~\n\xFF", 5) + Bytes(3 * TarnVFSContent::kPieceSize, 5);
+  Write(file("large"), bytes);
+  Write(file("nul"), bytes.substr(0, 2));
+  for (const char* name : {"large", "nul"}) {
+    vfs({"put", "--base", name, file(name)});
+    const program_result json = run({"export", name, "--format", "json"});
+    EXPECT_EQ(json.status, 3);
+    EXPECT_THAT(json.err, HasSubstr("which JSON cannot express"));
+    ASSERT_EQ(run({"export", name, file("text"), "--format", "text"}).status, 0);
+    ASSERT_EQ(run({"import", file("text"), "copy", "--format", "text", "--replace"}).status, 0);
+    EXPECT_TRUE(vfs({"cat", "--base", "copy", name}) == vfs({"cat", "--base", name, name}));
+  }
+}
+
 // What a file system holds does not lead out of the target of a get, nor do links that lie there.
 TEST_F(VfsCommandTest, GetStaysWithinItsTarget) {
   inSession([](TarnVFS& files) {
