@@ -9,7 +9,6 @@
 #include <algorithm>
 #include <array>
 #include <cerrno>
-#include <cstring>
 #include <system_error>
 #include <utility>
 
@@ -89,7 +88,7 @@ void VfsGetter::fail(const std::string& path, const char* what) {
 
 void VfsGetter::failWithError(const std::string& path) {
   if (IsHopeless(errno)) ThrowSystemError(path);
-  fail(path, std::strerror(errno));
+  fail(path, std::generic_category().message(errno).c_str());
 }
 
 // --- Directories --------------------------------------------------------------------------------

@@ -10,7 +10,6 @@
 
 #include <algorithm>
 #include <cerrno>
-#include <cstring>
 #include <system_error>
 #include <utility>
 
@@ -151,7 +150,8 @@ void VfsPutter::put(const std::string& source, const std::string& path) {
 void VfsPutter::putDirectory(std::shared_ptr<Directory> directory) {
   // The stream closes the file that it is given.
   DIR* const stream = ::fdopendir(::fcntl(directory->file.get(), F_DUPFD_CLOEXEC, 0));
-  if (stream == nullptr) return fail(directory->real, std::strerror(errno));
+  if (stream == nullptr)
+    return fail(directory->real, std::generic_category().message(errno).c_str());
   errno = 0;
   while (const dirent* entry = ::readdir(stream)) {
     const std::string_view name = entry->d_name;
@@ -160,7 +160,7 @@ void VfsPutter::putDirectory(std::shared_ptr<Directory> directory) {
   }
   const int error = errno;
   ::closedir(stream);
-  if (error != 0) fail(directory->real, std::strerror(error));
+  if (error != 0) fail(directory->real, std::generic_category().message(error).c_str());
   // In the order in which they will stand in the tree.
   std::sort(directory->left.begin(), directory->left.end(), std::greater<>());
   add({directory, {}});
@@ -171,7 +171,7 @@ void VfsPutter::putEntry(const std::shared_ptr<Directory>& directory, const std:
   struct stat status {};
   const std::string real = Joined(directory->real, name);
   if (::fstatat(directory->file.get(), name.c_str(), &status, AT_SYMLINK_NOFOLLOW) != 0) {
-    return fail(real, std::strerror(errno));
+    return fail(real, std::generic_category().message(errno).c_str());
   }
   if (S_ISDIR(status.st_mode)) {
     auto below = std::make_shared<Directory>();
@@ -189,7 +189,7 @@ void VfsPutter::putEntry(const std::shared_ptr<Directory>& directory, const std:
     }
     below->file = UniqueFile(::openat(directory->file.get(), name.c_str(),
                                       O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
-    if (below->file.get() < 0) return fail(real, std::strerror(errno));
+    if (below->file.get() < 0) return fail(real, std::generic_category().message(errno).c_str());
     return putDirectory(std::move(below));
   }
   if (isFolderThere(*directory, name)) return fail(real, "A folder of this name is there.");
@@ -209,7 +209,7 @@ void VfsPutter::putLink(const std::shared_ptr<Directory>& directory, const std::
       ::readlinkat(directory->file.get(), name.c_str(), buffer_.data(), buffer_.size());
   if (size < 0 ||
       ::fstatat(directory->file.get(), name.c_str(), &status, AT_SYMLINK_NOFOLLOW) != 0) {
-    return fail(Joined(directory->real, name), std::strerror(errno));
+    return fail(Joined(directory->real, name), std::generic_category().message(errno).c_str());
   }
   Change change{directory, directory->nameInTree(name),
                 buffer_.substr(0, static_cast<std::size_t>(size))};
@@ -225,10 +225,11 @@ void VfsPutter::putFile(const std::shared_ptr<Directory>& directory, const std::
   const UniqueFile file(::openat(directory->file.get(), name.c_str(),
                                  O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC));
   if (file.get() < 0 || ::fstat(file.get(), &status) != 0) {
-    return fail(Joined(directory->real, name), std::strerror(errno));
+    return fail(Joined(directory->real, name), std::generic_category().message(errno).c_str());
   }
   const ssize_t size = ReadAll(file.get(), buffer_.data(), buffer_.size());
-  if (size < 0) return fail(Joined(directory->real, name), std::strerror(errno));
+  if (size < 0)
+    return fail(Joined(directory->real, name), std::generic_category().message(errno).c_str());
   if (static_cast<std::size_t>(size) == buffer_.size()) {
     return putLarge(directory, name, file.get());
   }
@@ -252,7 +253,7 @@ void VfsPutter::putLarge(const std::shared_ptr<Directory>& directory, const std:
   }
   struct stat status {};
   if (size < 0 || ::fstat(file, &status) != 0) {
-    return fail(Joined(directory->real, name), std::strerror(errno));
+    return fail(Joined(directory->real, name), std::generic_category().message(errno).c_str());
   }
   writer.setPermissions(status.st_mode & 07777);
   writer.setModified(TimeOf(status.st_mtim));
