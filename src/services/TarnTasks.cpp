@@ -1,3 +1,4 @@
+#include <goods/cache_manager.h>
 #include <tarns/services/TarnTasks.h>
 
 #include <algorithm>
@@ -8,6 +9,12 @@
 namespace tarns {
 
 namespace {
+
+// Of the library, whose order of locks the checks of transactions do not know.
+template <class Work>
+auto InTransaction(TarnManager& manager, const Work& work) {
+  return manager.db().session().atomically(work, goods::caller::library);
+}
 
 TarnTasks::Info InfoOf(const xcptref<TarnTask>& task) {
   const auto body = task.read();
@@ -33,11 +40,11 @@ TarnTasks::Time TarnTasks::Now() {
 }
 
 std::uint64_t TarnTasks::schedule(const Plan& plan) {
-  return manager_.transaction([&] { return TaskTable(manager_, path_).add(plan)->getNumber(); });
+  return InTransaction(manager_, [&] { return TaskTable(manager_, path_).add(plan)->getNumber(); });
 }
 
 bool TarnTasks::cancel(std::uint64_t number) {
-  return manager_.transaction([&] {
+  return InTransaction(manager_, [&] {
     const xcptref<TarnTask> task = getTask(number);
     if (task.is_null() || task->getState() == TarnTask::Ended) return false;
     TaskTable(manager_, path_).end(task);
@@ -46,7 +53,7 @@ bool TarnTasks::cancel(std::uint64_t number) {
 }
 
 bool TarnTasks::resume(std::uint64_t number, Time due) {
-  return manager_.transaction([&] {
+  return InTransaction(manager_, [&] {
     const xcptref<TarnTask> task = getTask(number);
     if (task.is_null() || task->getState() != TarnTask::Suspended) return false;
     TaskTable(manager_, path_).resume(task, std::clamp(due, Time(), kLatest));
@@ -55,7 +62,7 @@ bool TarnTasks::resume(std::uint64_t number, Time due) {
 }
 
 xcptref<TarnTask> TarnTasks::getTask(std::uint64_t number) const {
-  return TaskTable(manager_, path_).find(kTasks, TaskTable::NameOf(number));
+  return TaskTable(manager_, path_).find(kTasks, TaskTable::NameOf(number), number);
 }
 
 std::optional<TarnTasks::Info> TarnTasks::getInfo(std::uint64_t number) const {
@@ -73,7 +80,9 @@ std::vector<TarnTasks::Info> TarnTasks::list(std::uint64_t after, std::size_t li
     const std::size_t wanted = std::min(limit - tasks.size(), kPage);
     const std::vector<std::string> names = manager_.getChildNames(path, last, wanted);
     for (const std::string& name : names) {
-      const xcptref<TarnTask> task = table.find(kTasks, name);
+      const auto number = TaskTable::ParseName(name);
+      if (!number) continue;
+      const xcptref<TarnTask> task = table.find(kTasks, name, *number);
       if (!task.is_null()) tasks.push_back(InfoOf(task));  // else gone meanwhile, or no task
     }
     if (names.size() < wanted) break;

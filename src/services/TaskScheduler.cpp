@@ -10,6 +10,7 @@
 #include <algorithm>
 #include <atomic>
 #include <condition_variable>
+#include <map>
 #include <mutex>
 #include <optional>
 #include <set>
@@ -26,17 +27,41 @@ constexpr std::uint32_t kMostInARound = 64;  // runs, between which stop() is lo
 constexpr std::size_t kNamesAtOnce = 64;
 constexpr std::size_t kLongestReason = 4096;      // bytes
 constexpr auto kPause = std::chrono::seconds(1);  // before what could not be done is tried again
+// What nobody signals is noticed after this: that the list is another node, or a delegate known.
+constexpr auto kLongestSleep = std::chrono::seconds(2);
+constexpr std::size_t kMostRemembered = 10'000;  // names, tasks
 
-// Whether the calling thread is in a delegate.
-thread_local bool isInRun = false;
+// The loop whose delegate the calling thread is in; null for none.
+thread_local const void* runningFor = nullptr;
 
 class RunScope {
  public:
-  RunScope() { isInRun = true; }
-  ~RunScope() { isInRun = false; }
+  explicit RunScope(const void* loop) { runningFor = loop; }
+  ~RunScope() { runningFor = nullptr; }
   RunScope(const RunScope&) = delete;
   RunScope& operator=(const RunScope&) = delete;
 };
+
+// Whether what is being thrown is no fault of the task's; within a handler.
+bool IsOfTheDatabase() {
+  try {
+    throw;
+  } catch (const TarnException& error) {
+    switch (error.getErrorID()) {
+      case ErrorID::Deadlock:
+      case ErrorID::LockTimeOut:
+      case ErrorID::IOFailure:
+      case ErrorID::StorageFull:
+      case ErrorID::OutcomeUnknown:
+      case ErrorID::ReadOnly:
+        return true;
+      default:
+        return false;
+    }
+  } catch (...) {
+    return false;
+  }
+}
 
 // What is being thrown, in words; within a handler.
 std::string ReasonOfFailure() {
@@ -50,10 +75,12 @@ std::string ReasonOfFailure() {
 }
 
 TaskScheduler::Options Verified(TaskScheduler::Options options) {
-  constexpr std::chrono::microseconds kNone(0);
-  if (options.mostErrors == 0 || options.firstDelay < kNone || options.longestDelay < kNone) {
-    throw TarnException("A scheduler needs a number of errors above 0, and no negative delays.",
-                        ErrorID::Unspecified);
+  constexpr std::chrono::microseconds kNone(0), kLongest = std::chrono::hours(24) * 36'525;
+  if (options.mostErrors == 0 || options.firstDelay < kNone || options.longestDelay < kNone ||
+      options.longestDelay > kLongest) {
+    throw TarnException(
+        "A scheduler needs a number of errors above 0, and delays of 0 to 100 years.",
+        ErrorID::Unspecified);
   }
   return options;
 }
@@ -73,7 +100,16 @@ class TaskScheduler::Loop {
 
  private:
   using Time = TarnTask::Time;
-  enum class Outcome { kDone, kGone, kLeft };  // kLeft: to be looked at again, by somebody
+  enum class Outcome {
+    kDone,
+    kGone,
+    kLeft,       // to others
+    kPostponed,  // to be tried again soon
+  };
+  struct Postponed {
+    Time until;
+    std::uint32_t times = 0;
+  };
 
   // The list of what is due has changed.
   class Changed : public goods::event {
@@ -96,7 +132,9 @@ class TaskScheduler::Loop {
   static void RunDue(TarnManager& manager, std::uint32_t most, const void* round);
   std::optional<Time> runDue(std::uint32_t most);
   void watchDue();
-  Outcome runEntry(const std::string& name, Time due);
+  Outcome runEntry(const std::string& name, const TaskTable::DueEntry& entry);
+  Outcome runTask(const xcptref<TarnTask>& task, const std::string& name, Time due);
+  Outcome postpone(std::uint64_t number, const std::string& why);
   bool isKnown(const std::string& delegate);
   bool claim(const xcptref<TarnTask>& task, const std::string& name, Time due);
   void runDelegate(const xcptref<TarnTask>& task);
@@ -106,7 +144,10 @@ class TaskScheduler::Loop {
   const Options options_;
   DatabaseWorker worker_;
   std::optional<TaskTable> table_;
-  std::set<std::string> unknown_;  // delegates that were complained of; of the worker
+  // Of the worker:
+  std::set<std::string> unknown_;  // delegates that were complained of
+  std::map<std::uint64_t, Postponed> postponed_;
+  std::uint64_t watchedID_ = 0;  // of what changed_ is registered with; 0 for nothing
   std::atomic<std::uint64_t> runs_{0}, failures_{0}, suspended_{0};
 
   std::mutex lock_;
@@ -115,6 +156,7 @@ class TaskScheduler::Loop {
   bool isWatching_ = false;  // under lock_: changed_ has yet to be signalled
   std::atomic<bool> isStopping_{false};
   Changed changed_{*this};
+  std::mutex ending_;  // of whoever stops
   std::optional<goods::task> thread_;
 };
 
@@ -127,7 +169,7 @@ TaskScheduler::Loop::Loop(const char* configPath, Options options)
 }
 
 void TaskScheduler::Loop::stop() {
-  if (isInRun) {
+  if (runningFor == this) {
     throw TarnException("A task cannot wait for the end of its scheduler.", ErrorID::BadUsage);
   }
   {
@@ -135,6 +177,7 @@ void TaskScheduler::Loop::stop() {
     isStopping_ = true;
   }
   wakes_.notify_all();
+  const std::lock_guard ending(ending_);
   if (thread_) thread_->join();
   if (!worker_.hasStopped()) worker_.db().session().withdraw_signal(&changed_);
   worker_.terminate(true);
@@ -159,13 +202,10 @@ void TaskScheduler::Loop::work() noexcept {
 }
 
 void TaskScheduler::Loop::sleepUntil(std::optional<Time> time) {
+  const Time latest = TarnTasks::Now() + kLongestSleep;
   std::unique_lock guard(lock_);
-  const auto wakes = [this] { return hasChanged_ || isStopping_; };
-  if (time) {
-    wakes_.wait_until(guard, *time, wakes);
-  } else {
-    wakes_.wait(guard, wakes);
-  }
+  wakes_.wait_until(guard, time ? std::min(*time, latest) : latest,
+                    [this] { return hasChanged_ || isStopping_; });
   hasChanged_ = false;
 }
 
@@ -186,15 +226,22 @@ void TaskScheduler::Loop::RunDue(TarnManager&, std::uint32_t most, const void* r
   mine.next = mine.loop.runDue(most);
 }
 
-// Before the list is looked at, so that no change is missed.
+// Before the list is looked at, so that no change is missed. The list may be another node by now.
 void TaskScheduler::Loop::watchDue() {
+  const TarnRef due = worker_.getNoFail(table_->pathOf(TarnTasks::kDue));
+  const std::uint64_t id = TarnObject::GetObjectID(due);
   {
     const std::lock_guard guard(lock_);
-    if (isWatching_) return;
+    if (isWatching_ && id == watchedID_) return;
+  }
+  worker_.db().session().withdraw_signal(&changed_);
+  {
+    const std::lock_guard guard(lock_);
     isWatching_ = true;
   }
+  watchedID_ = id;
   try {
-    worker_.getNoFail(table_->pathOf(TarnTasks::kDue))->signal_on_modification(&changed_);
+    due->signal_on_modification(&changed_);
   } catch (...) {
     const std::lock_guard guard(lock_);
     isWatching_ = false;
@@ -206,7 +253,7 @@ std::optional<TarnTask::Time> TaskScheduler::Loop::runDue(std::uint32_t most) {
   watchDue();
   const std::string path = table_->pathOf(TarnTasks::kDue);
   std::string last;
-  std::optional<Time> again;  // for what is left
+  std::optional<Time> again;  // for what is postponed
   while (true) {
     const std::vector<std::string> names = worker_.getChildNames(path, last, kNamesAtOnce);
     for (const std::string& name : names) {
@@ -214,32 +261,66 @@ std::optional<TarnTask::Time> TaskScheduler::Loop::runDue(std::uint32_t most) {
       if (!entry) continue;  // somebody else's
       if (entry->due > TarnTasks::Now()) return again ? std::min(*again, entry->due) : entry->due;
       if (isStopping_ || most == 0) return TarnTasks::Now();
-      const Outcome outcome = runEntry(name, entry->due);
+      const Outcome outcome = runEntry(name, *entry);
       if (outcome == Outcome::kDone) --most;
-      if (outcome == Outcome::kLeft) again = TarnTasks::Now() + kPause;
+      if (outcome == Outcome::kPostponed) again = TarnTasks::Now() + kPause;
     }
     if (names.size() < kNamesAtOnce) return again;
     last = names.back();
   }
 }
 
-TaskScheduler::Loop::Outcome TaskScheduler::Loop::runEntry(const std::string& name, Time due) {
-  const xcptref<TarnTask> task = table_->find(TarnTasks::kDue, name);
-  if (task.is_null()) return Outcome::kGone;
+// What goes wrong with one task does not hold up those behind it.
+TaskScheduler::Loop::Outcome TaskScheduler::Loop::runEntry(const std::string& name,
+                                                           const TaskTable::DueEntry& entry) {
+  const auto postponed = postponed_.find(entry.number);
+  if (postponed != postponed_.end() && postponed->second.until > TarnTasks::Now()) {
+    return Outcome::kPostponed;
+  }
+  try {
+    worker_.attach();  // a delegate may have left the session
+    const xcptref<TarnTask> task = table_->find(TarnTasks::kDue, name, entry.number);
+    const Outcome outcome = task.is_null() ? Outcome::kGone : runTask(task, name, entry.due);
+    if (outcome != Outcome::kPostponed) postponed_.erase(entry.number);
+    return outcome;
+  } catch (...) {
+    if (isStopping_) throw;  // perhaps because it was asked to; no failure
+    return postpone(entry.number, ReasonOfFailure());
+  }
+}
+
+TaskScheduler::Loop::Outcome TaskScheduler::Loop::postpone(std::uint64_t number,
+                                                           const std::string& why) {
+  if (postponed_.size() >= kMostRemembered) postponed_.clear();
+  Postponed& postponed = postponed_[number];
+  postponed.until = nextAttempt(++postponed.times);
+  Log(Log::Warning) << "The task " << std::to_string(number).c_str() << " of \""
+                    << options_.path.c_str() << "\" could not be run and waits: " << why.c_str();
+  return Outcome::kPostponed;
+}
+
+TaskScheduler::Loop::Outcome TaskScheduler::Loop::runTask(const xcptref<TarnTask>& task,
+                                                          const std::string& name, Time due) {
   if (!isKnown(task->getDelegate())) return Outcome::kLeft;
   const std::uint64_t run = task->getRuns();
-  bool isMine = false;
+  bool isMine = false, hasReturned = false;
   try {
-    worker_.transaction([&] {
-      isMine = false;  // after a deadlock
+    worker_.db().session().atomically([&] {
+      isMine = hasReturned = false;  // after a deadlock
       isMine = claim(task, name, due);
       if (!isMine) return;
       runDelegate(task);
+      hasReturned = true;
       if (task->getState() == TarnTask::Scheduled) table_->finishRun(task, TarnTasks::Now());
     });
+  } catch (const TarnException& error) {
+    const bool isTaken = !isMine && error.getErrorID() == ErrorID::LockTimeOut;
+    if (isTaken) return Outcome::kPostponed;
+    if (!isMine || hasReturned || isStopping_ || IsOfTheDatabase()) throw;
+    noteFailure(task, run, ReasonOfFailure());
+    return Outcome::kDone;
   } catch (...) {
-    if (!isMine) return Outcome::kLeft;  // somebody has it
-    if (isStopping_) throw;              // perhaps because it was asked to; no failure
+    if (hasReturned || isStopping_) throw;
     noteFailure(task, run, ReasonOfFailure());
     return Outcome::kDone;
   }
@@ -250,6 +331,7 @@ TaskScheduler::Loop::Outcome TaskScheduler::Loop::runEntry(const std::string& na
 
 bool TaskScheduler::Loop::isKnown(const std::string& delegate) {
   if (TarnTaskDelegate::IsKnown(delegate)) return true;
+  if (unknown_.size() >= kMostRemembered) unknown_.clear();
   if (unknown_.insert(delegate).second) {
     Log(Log::Warning) << "Tasks for \"" << delegate.c_str()
                       << "\" are left alone: this program has no such delegate.";
@@ -282,7 +364,7 @@ void TaskScheduler::Loop::runDelegate(const xcptref<TarnTask>& task) {
   if (delegate == nullptr) {
     throw TarnException("The task's delegate has just been unloaded.", ErrorID::Unspecified);
   }
-  const RunScope scope;
+  const RunScope scope(this);
   TarnTaskRun run(worker_, task, [this] { return isStopping_.load(); });
   delegate->run(run);
 }
@@ -290,7 +372,8 @@ void TaskScheduler::Loop::runDelegate(const xcptref<TarnTask>& task) {
 void TaskScheduler::Loop::noteFailure(const xcptref<TarnTask>& task, std::uint64_t run,
                                       const std::string& why) {
   bool isLast = false;
-  worker_.transaction([&] {
+  worker_.attach();
+  worker_.db().session().atomically([&] {
     isLast = false;
     if (task->getState() != TarnTask::Scheduled || task->getRuns() != run) return;
     const std::uint32_t errors = task->getErrors() + 1;

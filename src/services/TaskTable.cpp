@@ -4,6 +4,7 @@
 #include <tarns/core/TarnException.h>
 #include <tarns/core/TarnScalarValue.h>
 #include <tarns/core/TarnValues.h>
+#include <tarns/session/TarnTransaction.h>
 
 #include <algorithm>
 #include <charconv>
@@ -58,6 +59,12 @@ TaskTable::TaskTable(TarnManager& manager, std::string_view path)
 
 std::string TaskTable::NameOf(std::uint64_t number) { return fmt::format("{:020}", number); }
 
+std::optional<std::uint64_t> TaskTable::ParseName(std::string_view name) {
+  std::uint64_t number = 0;
+  if (name.size() != kDigits || !Parse(name, number)) return std::nullopt;
+  return number;
+}
+
 std::string TaskTable::DueNameOf(const DueEntry& entry) {
   return fmt::format("{:020}-{:020}", CountOf(entry.due), entry.number);
 }
@@ -79,31 +86,29 @@ std::string TaskTable::pathOf(const char* list) const {
 
 // Looked for outside of the transaction first: a look-up in it would lock shared what is written
 // next, and two transactions that do so end in a deadlock.
-TarnRef TaskTable::locate(const std::string& path) const {
+xcptref<TarnTask> TaskTable::find(const char* list, std::string_view name,
+                                  std::uint64_t number) const {
+  const std::string path = pathOf(list) + '~' + std::string(name);
   TarnRef node =
       manager_.db().session().outside_transaction([&] { return manager_.getObject(path); });
   if (node.is_null()) node = manager_.getObject(path);  // made in this very transaction
-  return node;
+  if (!node.isA<TarnTask>()) return {};
+  xcptref<TarnTask> task(node);
+  return task->getNumber() == number ? task : xcptref<TarnTask>();
 }
 
-TarnRef TaskTable::locateNoFail(const std::string& path, const char* type) const {
-  TarnRef node = locate(path);
-  if (node.is_null()) node = manager_.getNoFail(path, type);
-  return node;
+// Those that are missing are made when they are needed.
+void TaskTable::lock(std::initializer_list<const char*> lists) const {
+  XStringList paths;
+  for (const char* list : lists) paths.addLast(pathOf(list).c_str());
+  TarnTransaction::Lock(manager_, paths);
 }
 
-xcptref<TarnTask> TaskTable::find(const char* list, std::string_view name) const {
-  const TarnRef node = locate(pathOf(list) + '~' + std::string(name));
-  return node.isA<TarnTask>() ? xcptref<TarnTask>(node) : xcptref<TarnTask>();
-}
-
-TarnRef TaskTable::nodeOf(const char* list) const {
-  return locateNoFail(pathOf(list), TarnObject::GetType());
-}
+TarnRef TaskTable::nodeOf(const char* list) const { return manager_.getNoFail(pathOf(list)); }
 
 std::uint64_t TaskTable::nextNumber() {
   const auto last =
-      modify(locateNoFail(pathOf(TarnTasks::kLastNumber), TarnUint64Value::GetType()));
+      modify(manager_.getNoFail(pathOf(TarnTasks::kLastNumber), TarnUint64Value::GetType()));
   const std::uint64_t number = last->getUint64("", 0) + 1;
   last->setValue("", TarnData(number));
   return number;
@@ -123,7 +128,10 @@ void TaskTable::leaveDue(const xcptref<TarnTask>& task) {
   leave(TarnTasks::kDue, DueNameOf({task->getDue(), task->getNumber()}));
 }
 
-void TaskTable::dropDueEntry(std::string_view name) { leave(TarnTasks::kDue, name); }
+void TaskTable::dropDueEntry(std::string_view name) {
+  lock({TarnTasks::kDue});
+  leave(TarnTasks::kDue, name);
+}
 
 // The caller has taken it out of where it was.
 void TaskTable::scheduleFor(const xcptref<TarnTask>& task, TarnTask::Time due) {
@@ -133,6 +141,7 @@ void TaskTable::scheduleFor(const xcptref<TarnTask>& task, TarnTask::Time due) {
 
 xcptref<TarnTask> TaskTable::add(const TarnTasks::Plan& plan) {
   Verify(plan);
+  lock({TarnTasks::kDue, TarnTasks::kLastNumber, TarnTasks::kTasks});
   const std::uint64_t number = nextNumber();
   const xcptref<TarnTask> task = TarnTask::Create();
   {
@@ -152,6 +161,7 @@ xcptref<TarnTask> TaskTable::add(const TarnTasks::Plan& plan) {
 void TaskTable::end(const xcptref<TarnTask>& task) {
   const std::string name = NameOf(task->getNumber());
   const bool wasScheduled = task->getState() == TarnTask::Scheduled;
+  lock({wasScheduled ? TarnTasks::kDue : TarnTasks::kSuspended, TarnTasks::kTasks});
   modify(task)->state_ = TarnTask::Ended;
   leave(TarnTasks::kTasks, name);
   if (wasScheduled) {
@@ -162,6 +172,7 @@ void TaskTable::end(const xcptref<TarnTask>& task) {
 }
 
 void TaskTable::resume(const xcptref<TarnTask>& task, TarnTask::Time due) {
+  lock({TarnTasks::kDue, TarnTasks::kSuspended, TarnTasks::kTasks});
   {
     const auto body = modify(task);
     body->state_ = TarnTask::Scheduled;
@@ -173,6 +184,7 @@ void TaskTable::resume(const xcptref<TarnTask>& task, TarnTask::Time due) {
 }
 
 void TaskTable::finishRun(const xcptref<TarnTask>& task, TarnTask::Time now) {
+  lock({TarnTasks::kDue, TarnTasks::kTasks});
   {
     const auto body = modify(task);
     ++body->runs_;
@@ -192,6 +204,7 @@ void TaskTable::finishRun(const xcptref<TarnTask>& task, TarnTask::Time now) {
 
 void TaskTable::failRun(const xcptref<TarnTask>& task, std::string_view why,
                         std::optional<TarnTask::Time> due) {
+  lock({TarnTasks::kDue, TarnTasks::kSuspended, TarnTasks::kTasks});
   {
     const auto body = modify(task);
     ++body->errors_;
@@ -200,7 +213,7 @@ void TaskTable::failRun(const xcptref<TarnTask>& task, std::string_view why,
   }
   leaveDue(task);
   if (due) {
-    scheduleFor(task, *due);
+    scheduleFor(task, std::clamp(*due, TarnTask::Time(), TarnTasks::kLatest));
   } else {
     enter(task, TarnTasks::kSuspended, NameOf(task->getNumber()));
   }

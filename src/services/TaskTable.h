@@ -4,6 +4,7 @@
 
 #include <chrono>
 #include <cstdint>
+#include <initializer_list>
 #include <optional>
 #include <string>
 #include <string_view>
@@ -17,8 +18,8 @@ namespace tarns {
 //   Due           the scheduled ones, by time and number in 20 digits each
 //   Suspended     the others, by number
 //
-// What changes something is called within a transaction, and takes the nodes in this order after
-// the task itself. Threads: as for the session.
+// What changes something is called within a transaction. It takes the task first and then all the
+// lists that it needs, in the order of their paths. Threads: as for the session.
 class TaskTable {
  public:
   struct DueEntry {
@@ -29,12 +30,13 @@ class TaskTable {
   TaskTable(TarnManager& manager, std::string_view path);
 
   static std::string NameOf(std::uint64_t number);
+  static std::optional<std::uint64_t> ParseName(std::string_view name);  // none: not one of these
   static std::string DueNameOf(const DueEntry& entry);
-  static std::optional<DueEntry> ParseDueName(std::string_view name);  // none: not one of these
+  static std::optional<DueEntry> ParseDueName(std::string_view name);
 
   std::string pathOf(const char* list) const;
-  // The task; null when there is none, or something else.
-  xcptref<TarnTask> find(const char* list, std::string_view name) const;
+  // The task of that number that a list has under a name; null when there is none.
+  xcptref<TarnTask> find(const char* list, std::string_view name, std::uint64_t number) const;
 
   xcptref<TarnTask> add(const TarnTasks::Plan& plan);
   // Takes it out of all lists.
@@ -49,8 +51,7 @@ class TaskTable {
   void dropDueEntry(std::string_view name);
 
  private:
-  TarnRef locate(const std::string& path) const;
-  TarnRef locateNoFail(const std::string& path, const char* type) const;
+  void lock(std::initializer_list<const char*> lists) const;
   std::uint64_t nextNumber();
   TarnRef nodeOf(const char* list) const;
   void enter(const xcptref<TarnTask>& task, const char* list, const std::string& name);

@@ -3,6 +3,7 @@
 #include <tarns/services/TarnTasks.h>
 
 #include <chrono>
+#include <ctime>
 #include <memory>
 
 #include "tools/Invocation.h"
@@ -26,7 +27,7 @@ struct TaskOptions {
 std::string InUtc(TarnTask::Time time) {
   const auto seconds = std::chrono::floor<std::chrono::seconds>(time);
   return fmt::format("{:%Y-%m-%dT%H:%M:%S}.{:06}Z",
-                     fmt::gmtime(std::chrono::system_clock::to_time_t(seconds)),
+                     fmt::gmtime(static_cast<std::time_t>(seconds.time_since_epoch().count())),
                      (time - seconds).count());
 }
 

@@ -184,9 +184,10 @@ TEST_F(SchedulerTest, WhatThisProgramCannotDoIsLeftToOthers) {
   const TarnTaskDelegateRegistration known("Stranger", [] {
     return std::unique_ptr<TarnTaskDelegate>(std::make_unique<counting_delegate>());
   });
+  tasks_.schedule({.delegate = "counting_delegate"});  // wakes the scheduler
   waitUntilNoneAreLeft();
   scheduler.stop();
-  EXPECT_THAT(counts(), ElementsAre(1, 1));
+  EXPECT_THAT(counts(), ElementsAre(1, 1, 1));
 }
 
 TEST_F(SchedulerTest, StopLetsTheRunEndAndWhatGivesUpThenHasNotFailed) {
@@ -256,6 +257,45 @@ TEST_F(SchedulerTest, WhatIsNoPlanIsRefusedAndWhatIsNoTaskDoesNoHarm) {
   scheduler.stop();
   EXPECT_THAT(counts(), ElementsAre(1));
   EXPECT_EQ(manager().getNumChildren("scheduler~Due"), 2u);
+}
+
+TEST_F(SchedulerTest, GoesOnWhenItsBranchIsMadeAnew) {
+  TaskScheduler scheduler(config().c_str());
+  tasks_.schedule({.delegate = "counting_delegate"});
+  waitUntilNoneAreLeft();
+  manager().deleteBranch("scheduler");
+  tasks_.schedule({.delegate = "counting_delegate"});
+  waitUntil([&] { return tasks_.getNumTasks() == 0; });
+  manager().transaction([&] {  // both in one
+    manager().deleteBranch("scheduler");
+    tasks_.schedule({.delegate = "counting_delegate"});
+  });
+  waitUntil([&] { return tasks_.getNumTasks() == 0; });
+  scheduler.stop();
+  EXPECT_EQ(scheduler.getFigures().runs, 3u);
+}
+
+TEST_F(SchedulerTest, ALockThatIsNotHadIsNoFailureOfTheTask) {
+  const captured_log log;
+  SaidDelegate::what = [](TarnTaskRun& run) { run.getManager().set("shared", 2); };
+  manager().set("shared", 1);
+  const std::uint64_t number = tasks_.schedule({.delegate = "SaidDelegate"});
+  TaskScheduler::Options options = quick();
+  options.lockTimeout = 1ms;
+  options.mostErrors = 1;
+  TarnTransaction transaction(manager());
+  manager().set("shared", 3);
+  TaskScheduler scheduler(config().c_str(), options);
+  waitUntil([&] { return !log.lines().empty(); });
+  EXPECT_THAT(log.lines(), Contains(HasSubstr("could not be run and waits: ")));
+  transaction.commit();
+  waitUntilNoneAreLeft();
+  std::thread other([&] { scheduler.stop(); });
+  scheduler.stop();
+  other.join();
+  EXPECT_EQ(scheduler.getFigures().failures, 0u);
+  EXPECT_FALSE(tasks_.getInfo(number));
+  EXPECT_EQ(manager().getSint32("shared"), 2);
 }
 
 TEST_F(SchedulerTest, ManyThreadsScheduleWithoutLosingANumber) {

@@ -22,8 +22,10 @@ namespace tarns {
 //
 // A run is late by what the ones before it take; times that the clock jumps over count as passed.
 //
-// Errors: the constructor throws what TarnManager::connect() throws. What goes wrong later is in
-// the log, and tried again. Threads: any; stop() may not be called by a delegate.
+// Errors: the constructor throws what TarnManager::connect() throws, and 0 for options that cannot
+// be. What goes wrong later is in the log, and tried again: what the delegate throws counts as an
+// error of the task, locks that are not to be had and failures of the storage do not. Threads: any;
+// a delegate of its own may neither stop() a scheduler nor end its life.
 class TARNS_API TaskScheduler {
  public:
   struct Options {
