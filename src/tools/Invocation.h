@@ -65,6 +65,7 @@ void AddEdit(CLI::App& app, Invocation& invocation);
 void AddBundle(CLI::App& app, Invocation& invocation);
 void AddBalance(CLI::App& app, Invocation& invocation);
 void AddTask(CLI::App& app, Invocation& invocation);
+void AddWatch(CLI::App& app, Invocation& invocation);
 void AddVfs(CLI::App& app, Invocation& invocation);
 
 // Runs the whole command; what main() returns.

@@ -86,9 +86,10 @@ int RunCommand(int argc, char** argv) {
   app.footer("Examples:\n  tarns -d data init\n  tarns -d data set machines~press~speed 40");
   AddSharedOptions(app, invocation);
   for (const auto add :
-       {AddInit,    AddGet,    AddSet,    AddLs,   AddTree,   AddRm,      AddCp,      AddMv,
-        AddFind,    AddQuery,  AddIndex,  AddStat, AddGc,     AddCheck,   AddSalvage, AddBackup,
-        AddRestore, AddImport, AddExport, AddEdit, AddBundle, AddBalance, AddTask,    AddVfs}) {
+       {AddInit,    AddGet,    AddSet,     AddLs,     AddTree,   AddRm,   AddCp,
+        AddMv,      AddFind,   AddQuery,   AddIndex,  AddStat,   AddGc,   AddCheck,
+        AddSalvage, AddBackup, AddRestore, AddImport, AddExport, AddEdit, AddBundle,
+        AddBalance, AddTask,   AddVfs,     AddWatch}) {
     add(app, invocation);
   }
   try {
