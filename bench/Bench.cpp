@@ -16,7 +16,7 @@ const std::vector<std::string>& Bench::Items() {
   static const std::vector<std::string> items = {
       "load",   "disk",        "hot-1", "hot-2",  "hot-tx", "lock",     "cold-read", "cold-walk",
       "memory", "list",        "query", "export", "import", "update-1", "update-8",  "update-100",
-      "delete", "query-index", "wide",  "reopen", "clone",  "bundle",   "balance"};
+      "delete", "query-index", "wide",  "reopen", "clone",  "watch",    "bundle",    "balance"};
   return items;
 }
 
@@ -47,6 +47,7 @@ void Bench::run() {
   if (wants("wide")) wide();
   if (wants("reopen")) reopen();
   if (wants("clone") && std::ranges::count(options_.peers, "tarns") > 0) clone();
+  if (wants("watch")) watch();
   if (isNamed("bundle")) bundle();
   if (isNamed("balance")) balance();
 }

@@ -86,6 +86,8 @@ class Bench {
 
   // CloneItem.cpp
   void clone();
+  // WatchItem.cpp
+  void watch();
 
   // ContainerItems.cpp
   void bundle();
