@@ -9,6 +9,7 @@
 
 #include <algorithm>
 #include <atomic>
+#include <functional>
 #include <memory>
 #include <random>
 #include <stdexcept>
@@ -53,6 +54,8 @@ class Children {
   virtual std::string path() const = 0;  // of the node that lists them
   virtual void create(const char* name) = 0;
   virtual bool erase(const char* name) = 0;
+  // Around all calls of a transaction.
+  virtual void inBatch(const std::function<void()>& work) { work(); }
 };
 
 class PlainChildren : public Children {
@@ -82,8 +85,15 @@ class BundledChildren : public Children {
   void create(const char* name) override { modify(bundle_)->newChild(name); }
   bool erase(const char* name) override { return modify(bundle_)->deleteBundledChild(name); }
 
- private:
+ protected:
   const xcptref<TarnBundle> bundle_;
+};
+
+// The same with what a block's name costs put off to the end of each batch.
+class BatchedChildren : public BundledChildren {
+ public:
+  using BundledChildren::BundledChildren;
+  void inBatch(const std::function<void()>& work) override { modify(bundle_)->together(work); }
 };
 
 // Calls work(i) for 0, 1, ... below `count`, each kBatch of them in a transaction.
@@ -96,19 +106,30 @@ void InBatches(TarnManager& manager, std::size_t count, const Work& work) {
   }
 }
 
+template <class Work>
+void InBatches(TarnManager& manager, Children& children, std::size_t count, const Work& work) {
+  for (std::size_t i = 0; i < count;) {
+    TarnTransaction transaction(manager);
+    children.inBatch([&] {
+      for (const std::size_t end = std::min(i + kBatch, count); i < end; ++i) work(i);
+    });
+    transaction.commit();
+  }
+}
+
 double SecondsToCreate(TarnManager& manager, Children& children, std::size_t count) {
   const Stopwatch watch;
-  InBatches(manager, count, [&](std::size_t i) { children.create(NameOf(i).c_str()); });
+  InBatches(manager, children, count, [&](std::size_t i) { children.create(NameOf(i).c_str()); });
   return watch.seconds();
 }
 
 // First all of them are deleted, then all made again.
 double SecondsToReplace(TarnManager& manager, Children& children, std::size_t count) {
   const Stopwatch watch;
-  InBatches(manager, count, [&](std::size_t i) {
+  InBatches(manager, children, count, [&](std::size_t i) {
     Verify(children.erase(NameOf(kReplacedStep * i).c_str()), kPeer, "a child is gone");
   });
-  InBatches(manager, count,
+  InBatches(manager, children, count,
             [&](std::size_t i) { children.create(NameOf(kReplacedStep * i).c_str()); });
   return watch.seconds();
 }
@@ -181,6 +202,7 @@ void Bench::bundle() {
   };
   const auto plain = MeasureChildren<PlainChildren>(options("plain"), count);
   const auto bundled = MeasureChildren<BundledChildren>(options("bundle"), count);
+  const auto batched = MeasureChildren<BatchedChildren>(options("batched"), count);
   report_.add({"bundle: create, 1,000 a commit",
                "children/s",
                {{kPeer, bundled.created}},
@@ -188,6 +210,14 @@ void Bench::bundle() {
   report_.add({"bundle: delete and create again",
                "children/s",
                {{kPeer, bundled.replaced}},
+               Target{Target::kAtLeast, 2, "", plain.replaced, "plain children"}});
+  report_.add({"bundle: create together",
+               "children/s",
+               {{kPeer, batched.created}},
+               Target{Target::kAtLeast, 3, "", plain.created, "plain children"}});
+  report_.add({"bundle: delete and create together",
+               "children/s",
+               {{kPeer, batched.replaced}},
                Target{Target::kAtLeast, 2, "", plain.replaced, "plain children"}});
 }
 

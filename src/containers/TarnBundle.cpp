@@ -2,12 +2,15 @@
 #include <tarns/containers/TarnBundle.h>
 #include <tarns/core/TarnException.h>
 #include <tarns/core/TarnObjects.h>
+#include <tarns/logging/Log.h>
 #include <tarns/schema/GOODSinOut.h>
 #include <tarns/schema/TarnClassDescriptor.h>
 #include <tarns/schema/TarnClassRegistration.h>
 
 #include <algorithm>
+#include <exception>
 #include <string>
+#include <utility>
 
 #include "containers/block_ranges.h"
 #include "core/node_access.h"
@@ -74,14 +77,8 @@ const TarnObject* LookAt(goods::reader& reader, const TarnObjects& index, std::s
 
 // What is known of a block when its objects have identifiers.
 std::optional<BlockRanges::Range> RangeOf(const xcptref<TarnBundleBlock>& block) {
-  BlockRanges::Range range{block.id(), ~goods::object_id{0}, 0};
-  const auto body = *block;
-  for (unsigned short slot = 0; slot < TarnBundleBlock::kCapacity; ++slot) {
-    const goods::object_id object = TarnObject::GetObjectID(body->getAt(slot));
-    if (object == 0) return std::nullopt;
-    range.first = std::min(range.first, object);
-    range.last = std::max(range.last, object);
-  }
+  BlockRanges::Range range{block.id(), 0, 0};
+  if (!block->getIdentifiers(range.first, range.last)) return std::nullopt;
   return range;
 }
 
@@ -96,23 +93,32 @@ class BlockSearch {
     ranges_ = &BlockRanges::Of(*session);
   }
 
-  xcptref<TarnBundleBlock> find() const {
-    xcptref<TarnBundleBlock> found = ranges_ != nullptr ? findKnown() : nullptr;
-    if (found.is_null() && ranges_ != nullptr) found = findAmong(true);
-    return found.is_null() ? findAmong(false) : found;
+  // The slot, TarnBundleBlock::kCapacity when there is none.
+  struct Place {
+    xcptref<TarnBundleBlock> block;
+    unsigned short slot = TarnBundleBlock::kCapacity;
+  };
+
+  Place find() {
+    if (ranges_ != nullptr && (findKnown() || (learn() && findKnown()))) return place_;
+    findAmongAll();
+    return place_;
   }
 
  private:
-  bool isIn(const xcptref<TarnBundleBlock>& block) const {
-    return block->getIndexOf(object_) < TarnBundleBlock::kCapacity;
+  bool isIn(const xcptref<TarnBundleBlock>& block) {
+    const unsigned short slot = block->getIndexOf(object_);
+    if (slot == TarnBundleBlock::kCapacity) return false;
+    place_ = {block, slot};
+    return true;
   }
 
-  xcptref<TarnBundleBlock> findKnown() const {
+  bool findKnown() {
     for (const goods::object_id id : ranges_->candidates(blocks_.id(), object_.id())) {
       try {
         const TarnRef block = TarnRef::Trusted(session_->find(id));
         if (block.isA<TarnBundleBlock>() && block->getParent() == blocks_) {
-          if (xcptref<TarnBundleBlock> found(block); isIn(found)) return found;
+          if (isIn(xcptref<TarnBundleBlock>(block))) return true;
           continue;
         }
       } catch (const TarnException& error) {
@@ -120,25 +126,37 @@ class BlockSearch {
       }
       ranges_->forget(blocks_.id(), id);
     }
-    return nullptr;
+    return false;
   }
 
-  // In the order of the blocks' names. `onlyNew`: those that nothing is known of.
-  xcptref<TarnBundleBlock> findAmong(bool onlyNew) const {
-    xcptref<TarnBundleBlock> found;
+  // Looks at all blocks that nothing is known of: one walk teaches what later searches need.
+  // Whether there were any.
+  bool learn() const {
+    bool isNew = false;
     ForEachEntry(blocks_->getChildren(), [&](const goods::held_entry&, const TarnRef& child) {
-      if (onlyNew && ranges_->knows(blocks_.id(), child.id())) return true;
-      const xcptref<TarnBundleBlock> block(child);
-      if (ranges_ != nullptr && block.id() != 0) {
-        if (const auto range = RangeOf(block)) ranges_->add(blocks_.id(), *range);
-      }
-      if (isIn(block)) found = block;
-      return found.is_null();
+      if (child.id() == 0 || ranges_->knows(blocks_.id(), child.id())) return true;
+      const auto range = RangeOf(xcptref<TarnBundleBlock>(child));
+      if (!range) return true;
+      ranges_->add(blocks_.id(), *range);
+      isNew = true;
+      return true;
     });
-    return found;
+    return isNew;
+  }
+
+  // In the order of the blocks' names. What was known of the block is not true any more.
+  void findAmongAll() {
+    ForEachEntry(blocks_->getChildren(), [&](const goods::held_entry&, const TarnRef& child) {
+      const xcptref<TarnBundleBlock> block(child);
+      if (!isIn(block)) return true;
+      const auto range = ranges_ != nullptr && block.id() != 0 ? RangeOf(block) : std::nullopt;
+      if (range) ranges_->add(blocks_.id(), *range);
+      return false;
+    });
   }
 
   const TarnRef blocks_, object_;
+  Place place_;
   goods::cache_manager* session_ = nullptr;
   BlockRanges* ranges_ = nullptr;  // null where nothing can be known
 };
@@ -185,11 +203,7 @@ xcptref<TarnObject> TarnBundle::blocks() const { return getChildWithName(kBlocks
 xcptref<TarnObject> TarnBundle::newChild(const char* name) {
   const std::string_view text = ViewOf(name);
   if (!IsChildName(text)) VerifyChildName(getSelf(), text);  // throws
-  Space space;
-  if (!findSpace(space)) {
-    makeSpace();
-    if (!findSpace(space)) ThrowNoSpace(getSelf());
-  }
+  const Space space = nextSpace();
   unsigned short slot = 0;
   bool isFresh = modify(space.block)->allocate(slot);
   TarnRef child = space.block->getAt(slot);
@@ -200,8 +214,54 @@ xcptref<TarnObject> TarnBundle::newChild(const char* name) {
   if (!isFresh) Renew(child);
   modify(child)->initialize();
   modify(space.children)->insert(text, child);
-  rename(space);  // by what is free now: initialize() may have used the bundle, too
+  // By what is free now: initialize() may have used the bundle, too.
+  if (putOff_ == nullptr) rename(space);
   return child;
+}
+
+// The block to fill next. What was put off is settled when it is another one than before.
+TarnBundle::Space TarnBundle::nextSpace() {
+  if (putOff_ != nullptr && putOff_->isNext) {
+    const xcptref<TarnBundleBlock>& block = putOff_->block;
+    if (block->hasUnused()) return *putOff_;
+  }
+  settle();
+  Space space;
+  if (!findSpace(space)) {
+    makeSpace();
+    if (!findSpace(space)) ThrowNoSpace(getSelf());
+  }
+  space.isNext = true;
+  if (putOff_ != nullptr) *putOff_ = space;
+  return space;
+}
+
+void TarnBundle::together(const std::function<void()>& work) {
+  if (putOff_ != nullptr) return work();
+  Space putOff;
+  putOff_ = &putOff;
+  try {
+    work();
+    settle();
+  } catch (...) {
+    // Of a stored bundle the transaction is lost; one that is not keeps what was done.
+    try {
+      settle();
+    } catch (const std::exception& error) {
+      Log log(Log::Level::Debug);
+      log << "A block of a bundle keeps its name: " << error.what();
+    }
+    putOff_ = nullptr;
+    throw;
+  }
+  putOff_ = nullptr;
+}
+
+// Does what was put off.
+void TarnBundle::settle() {
+  if (putOff_ == nullptr || putOff_->block.is_null()) return;
+  const Space space = std::exchange(*putOff_, {});
+  rename(space);
 }
 
 // The index of the objects' names, and the block to fill next. False when something is missing.
@@ -288,21 +348,32 @@ bool TarnBundle::deleteBundledChild(const char* name) {
   if (entry.is_null()) return false;
   const TarnRef child = TarnRef::Trusted(entry->target());
   modify(children->getChildren())->removeEntry(entry);
-  const xcptref<TarnBundleBlock> block = findBlockOf(child);
-  if (block.is_null()) return true;  // put there by others
-  Space space;
-  space.block = block;
-  space.blocks = blocks();
-  space.list = space.blocks->getChildren();
-  space.entry = EntryOf(space.blocks, block);
-  modify(block)->markAsFree(child);
-  rename(space);
+  markAsFree(child);
   return true;
 }
 
-xcptref<TarnBundleBlock> TarnBundle::findBlockOf(const xcptref<TarnObject>& child) const {
+// Nothing for an object that others have put there.
+void TarnBundle::markAsFree(const xcptref<TarnObject>& child) {
   const TarnRef blocks = this->blocks();
-  return blocks.is_null() ? nullptr : BlockSearch(blocks, child).find();
+  if (blocks.is_null()) return;
+  const auto [block, slot] = BlockSearch(blocks, child).find();
+  if (block.is_null()) return;
+  modify(block)->release(slot);
+  if (putOff_ != nullptr && putOff_->block == block) {
+    putOff_->isNext = false;
+    return;
+  }
+  settle();
+  Space space;
+  space.block = block;
+  space.blocks = blocks;
+  space.list = space.blocks->getChildren();
+  space.entry = EntryOf(space.blocks, block);
+  if (putOff_ != nullptr) {
+    *putOff_ = space;
+  } else {
+    rename(space);
+  }
 }
 
 bool TarnBundle::renameBundledChild(const char* oldName, const char* newName) {

@@ -146,6 +146,11 @@ unsigned short TarnBundleBlock::getNumUnused() const {
   return GetNumUnused(freeMap_.data(), kMapWords);
 }
 
+bool TarnBundleBlock::hasUnused() const {
+  return std::any_of(freeMap_.begin(), freeMap_.end(),
+                     [](std::uint32_t word) { return word != 0; });
+}
+
 XString TarnBundleBlock::GetBaseNameFor(unsigned short numUnused) {
   return {fmt::format(kNameFormat, numUnused)};
 }
@@ -174,12 +179,30 @@ unsigned short TarnBundleBlock::getIndexOf(const xcptref<TarnObject>& child) con
   const goods::object_id id = counted.id();
   const goods::ref_word identifier = id != 0 ? goods::ref_word::of(id) : handle;
   const auto slots = *slots_;
-  unsigned short index = 0;
-  for (; index < kCapacity; ++index) {
+  const auto holds = [&](std::size_t index) {
     const goods::ref_word word = slots->at(index).word();
-    if (word == handle || word == identifier) break;
-  }
+    return word == handle || word == identifier;
+  };
+  // Objects that were made together have numbers in the order of their slots.
+  const goods::object_id distance = id - slots->at(0).id();
+  if (distance < kCapacity && holds(distance)) return static_cast<unsigned short>(distance);
+  unsigned short index = 0;
+  while (index < kCapacity && !holds(index)) ++index;
   return index;
+}
+
+bool TarnBundleBlock::getIdentifiers(std::uint64_t& first, std::uint64_t& last) const {
+  if (slots_.is_null()) return false;
+  first = ~goods::object_id{0};
+  last = 0;
+  const auto slots = *slots_;
+  for (std::size_t index = 0; index < kCapacity; ++index) {
+    const goods::object_id id = slots->at(index).id();
+    if (id == 0) return false;
+    first = std::min(first, id);
+    last = std::max(last, id);
+  }
+  return true;
 }
 
 void TarnBundleBlock::preload() const {

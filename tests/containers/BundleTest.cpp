@@ -425,6 +425,66 @@ TEST_P(BundleTest, ExportsABlockWithWhatTheFilterTakes) {
   EXPECT_STREQ(block->getName(), "0996");
 }
 
+// The same random calls one by one and together: the same slots and names in the end.
+TEST_P(BundleTest, DoesTogetherWhatItDoesOneByOne) {
+  const auto single = addBundle("single"), joint = addBundle("joint");
+  std::mt19937 random(11);
+  std::set<std::string> names;
+  const auto change = [&](OpenBundle& one, OpenBundle& other) {
+    const std::string name = std::to_string(random() % 2500);
+    if (names.insert(name).second) {
+      one.newChild(name.c_str());
+      other.newChild(name.c_str());
+    } else if (random() % 3 == 0) {
+      EXPECT_TRUE(one.deleteBundledChild(name.c_str()));
+      EXPECT_TRUE(other.deleteBundledChild(name.c_str()));
+      names.erase(name);
+    }
+  };
+  for (int round = 0; round < 6; ++round) {
+    SCOPED_TRACE(round);
+    atomically([&] {
+      const auto one = modify(single);
+      const auto other = modify(joint);
+      other->together([&] {
+        for (int i = 0; i < 900; ++i) {
+          if (i % 100 == 0) other->together([&] { change(*one, *other); });
+          change(*one, *other);
+        }
+      });
+    });
+    EXPECT_EQ(BlocksOf(joint).size(), BlocksOf(single).size());
+    for (const char* path : {"single~Blocks", "joint~Blocks"}) {
+      for (const auto& [name, child] : root()->getChildWithName(path)->children()) {
+        EXPECT_EQ(name.substr(0, 4), xcptref<TarnBundleBlock>(child)->getBaseName().view());
+      }
+    }
+    EXPECT_EQ(NamesByIterator(joint), names);
+    EXPECT_EQ(NamesByIterator(single), names);
+  }
+}
+
+TEST_P(BundleTest, KeepsNamesRightWhereWorkTogetherFails) {
+  auto bundle = addBundle("b", "Parcel");
+  fill(bundle, 3);
+  const auto fail = [&] {
+    const auto body = modify(bundle);
+    body->together([&] {
+      Parcel::bundle = bundle;
+      body->newChild("outer");  // and "inner" within it
+      body->deleteBundledChild("0");
+      body->newChild("a~b");
+    });
+  };
+  EXPECT_THAT(fail, ThrowsTarn(0, HasSubstr("a~b")));
+  bundle = nullptr;
+  reload();
+  const TarnRef blocks = root()->getChildWithName("b~Blocks");
+  const TarnRef children = root()->getChildWithName("b~BundledChildren");
+  EXPECT_EQ(children->getNumAbstractChildren(), is_stored() ? 3U : 4U);
+  EXPECT_THAT(names_of(blocks), ElementsAre(is_stored() ? "0997" : "0996"));
+}
+
 TEST_P(BundleTest, ReplacesAnObjectThatWasLost) {
   const auto bundle = addBundle("b");
   fill(bundle, 1);

@@ -6,6 +6,8 @@
 #include <tarns/schema/TarnString.h>
 #include <tarns/tarns_api.h>
 
+#include <functional>
+
 namespace tarns {
 
 // A node with very many children of one class, which are made a thousand at a time and used again
@@ -54,6 +56,15 @@ class TARNS_API TarnBundle : public TarnObject {
   // made and there is no such class; what throws has changed nothing.
   virtual xcptref<TarnObject> newChild(const char* name);
 
+  // Calls `work`, which creates and deletes very many objects: a block's name in Blocks is made
+  // right when the next block's turn comes, and at the end, instead of with each object. Until then
+  // the name of the block that was used last may be one of before. For a write access of which
+  // `work` makes use; what `work` throws is thrown on.
+  //
+  //   const auto body = modify(bundle);
+  //   body->together([&] { for (const auto& name : names) body->newChild(name.c_str()); });
+  void together(const std::function<void()>& work);
+
   // False when there is no object of the old name. The new one follows the rules of setName().
   bool renameBundledChild(const char* oldName, const char* newName);
 
@@ -87,7 +98,6 @@ class TARNS_API TarnBundle : public TarnObject {
   xcptref<TarnObject> bundledChildren() const;  // null while there are none
   xcptref<TarnObject> blocks() const;
   xcptref<TarnBundleBlock> addBlock(const xcptref<TarnObject>& blocks, XString& name);
-  xcptref<TarnBundleBlock> findBlockOf(const xcptref<TarnObject>& child) const;
   xcptref<TarnObject> refill(const xcptref<TarnBundleBlock>& block, unsigned short slot) const;
 
   // Where the next object goes.
@@ -97,11 +107,17 @@ class TARNS_API TarnBundle : public TarnObject {
     xcptref<TarnObjects> list;            // its index
     goods::ref<goods::set_member> entry;  // the block's
     xcptref<TarnBundleBlock> block;
+    bool isNext = false;  // to be filled; otherwise objects of it were deleted
   };
   bool findSpace(Space& space) const;
   void makeSpace();
   void rename(const Space& space);
+  Space nextSpace();
+  void settle();
+  void markAsFree(const xcptref<TarnObject>& child);
 
+  // What together() has put off, within it; without block: nothing.
+  Space* putOff_ = nullptr;
   TarnString className_;  // stored as "ClassName"
 };
 

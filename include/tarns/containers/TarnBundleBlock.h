@@ -55,6 +55,7 @@ class TARNS_API TarnBundleBlock : public TarnObject {
   // The first used slot from `from` on; 1000 when there is none, `from` itself from 1000 on.
   unsigned short getNextUsed(unsigned short from) const;
   unsigned short getNumUnused() const;
+  bool hasUnused() const;  // whether there is any
   // The number of bits set in the first `wordCount` words.
   static unsigned short GetNumUnused(const std::uint32_t* words, unsigned short wordCount);
 
@@ -65,6 +66,11 @@ class TARNS_API TarnBundleBlock : public TarnObject {
   void setAt(unsigned short index, const xcptref<TarnObject>& child);
   // The slot that holds exactly this object; 1000 when none does.
   unsigned short getIndexOf(const xcptref<TarnObject>& child) const;
+  // The least and the greatest identifier of the objects; false when some have none. Makes nothing
+  // for the objects.
+  bool getIdentifiers(std::uint64_t& first, std::uint64_t& last) const;
+  // Frees a slot; false, and nothing changed, from 1000 on.
+  bool release(unsigned short index) { return markAsFree(static_cast<unsigned long>(index)); }
 
   // What a bundle calls a block with so many free slots: the number with four digits.
   XString getBaseName() const;
