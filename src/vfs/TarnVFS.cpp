@@ -63,7 +63,16 @@ TarnPath TarnVFS::getDBPathForItem(const char* itemPath) const {
   return path;
 }
 
+void VerifyNoNul(std::string_view path) {
+  if (path.find('\0') == std::string_view::npos) return;
+  const std::string start(path.substr(0, path.find('\0')));
+  throw TarnException(
+      ("The path \"" + start + "...\" contains a NUL byte, which names cannot have.").c_str(),
+      ErrorID::BadBranch);
+}
+
 xcptref<TarnVFSFolder> TarnVFS::folderAt(std::string_view path) {
+  VerifyNoNul(path);
   auto root = getVFSRootNode();
   if (path.empty()) return root;
   return xcptref<TarnVFSFolder>(
@@ -71,12 +80,14 @@ xcptref<TarnVFSFolder> TarnVFS::folderAt(std::string_view path) {
 }
 
 xcptref<TarnVFSItem> TarnVFS::itemAt(std::string_view path) {
+  VerifyNoNul(path);
   if (path.empty()) return nullptr;
   return xcptref<TarnVFSItem>(
       getVFSRootNode()->getChildWithName(getDBPathForItem(std::string(path).c_str()).view()));
 }
 
 TarnVFS::Place TarnVFS::placeAt(std::string_view path) {
+  VerifyNoNul(path);
   if (path.empty()) return {};
   return {folderAt(TarnBranches::ParentOf(path)), std::string(TarnBranches::LastOf(path))};
 }

@@ -25,6 +25,7 @@ constexpr std::uint64_t kPiece = TarnVFSContent::kPieceSize;
 // Written pieces that are kept until they go into the database together, in bytes: large enough
 // that syncing does not count, small against the commit log.
 constexpr std::uint64_t kPutAwayAt = std::uint64_t{4} << 20;
+constexpr std::uint64_t kMostBytes = std::numeric_limits<std::int64_t>::max();
 constexpr std::uint64_t kNone = std::numeric_limits<std::uint64_t>::max();
 
 [[noreturn]] void ThrowConflict(const std::string& name, const char* what) {
@@ -93,6 +94,7 @@ TarnVFSWriter::State::State(TarnVFS& files, std::string_view path, Mode mode)
       mode_(mode),
       folder_(path.empty() ? nullptr : files.folderAt(TarnBranches::ParentOf(path))),
       name_(TarnBranches::LastOf(path)) {
+  VerifyNoNul(name_);
   if (folder_.is_null()) TarnException::ThrowNonExistentPath(std::string(path).c_str());
   TarnObject::VerifyChildName(folder_, name_);
   if (mode != Mode::kUpdate) return;
@@ -147,9 +149,7 @@ void TarnVFSWriter::State::closePiece() {
 }
 
 void TarnVFSWriter::State::write(std::string_view bytes) {
-  if (bytes.size() > static_cast<std::uint64_t>(std::numeric_limits<std::int64_t>::max()) - at_) {
-    ThrowTooLong();
-  }
+  if (at_ > kMostBytes || bytes.size() > kMostBytes - at_) ThrowTooLong();
   while (!bytes.empty()) {
     open(at_ / kPiece);
     const std::size_t offset = at_ % kPiece;
@@ -164,7 +164,7 @@ void TarnVFSWriter::State::write(std::string_view bytes) {
 }
 
 void TarnVFSWriter::State::truncate(std::uint64_t size) {
-  if (size > static_cast<std::uint64_t>(std::numeric_limits<std::int64_t>::max())) ThrowTooLong();
+  if (size > kMostBytes) ThrowTooLong();
   if (size < size_) {
     if (size % kPiece != 0) {
       open(size / kPiece);

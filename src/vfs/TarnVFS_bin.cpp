@@ -4,8 +4,9 @@
 #include <tarns/vfs/TarnVFS.h>
 
 #include <algorithm>
-#include <cctype>
+#include <charconv>
 #include <string>
+#include <string_view>
 #include <vector>
 
 #include "vfs/vfs_access.h"
@@ -20,13 +21,16 @@ using Folder = xcptref<TarnVFSFolder>;
 // Entries are called by their numbers, so that the order of the names is that of the numbers.
 std::string EntryName(unsigned long id) { return fmt::format("{:010}", id); }
 
-bool IsEntryName(const std::string& name) {
-  return std::all_of(name.begin(), name.end(), [](char c) { return c >= '0' && c <= '9'; });
+// The number that an entry is called by; 0 for any other name.
+unsigned long IdOf(std::string_view name) {
+  unsigned long id = 0;
+  std::from_chars(name.data(), name.data() + name.size(), id);
+  return EntryName(id) == name ? id : 0;
 }
 
-TarnVFS::BinEntry Described(const TarnRef& entry) {
+TarnVFS::BinEntry Described(unsigned long id, const TarnRef& entry) {
   TarnVFS::BinEntry described;
-  described.id = entry->getUint64(TarnVFS::kBinItemID, 0);
+  described.id = id;
   described.isFolder = entry->getUint32(TarnVFS::kBinItemType, 0) == TarnVFS::kBinTypeFolder;
   described.name = entry->getXString(TarnVFS::kBinItemName, "").view();
   described.path = entry->getXString(TarnVFS::kBinItemPath, "").view();
@@ -55,7 +59,9 @@ std::vector<TarnVFS::BinEntry> EntriesOf(const TarnRef& bin, unsigned long after
        !place.isNull() && entries.size() < limit;) {
     XString name;
     const TarnRef entry = place.next(&name);
-    if (IsEntryName(std::string(name.view()))) entries.push_back(Described(entry));
+    if (const unsigned long id = IdOf(name.view()); id != 0) {
+      entries.push_back(Described(id, entry));
+    }
   }
   return entries;
 }
@@ -103,14 +109,13 @@ bool TarnVFS::restoreFromBin(unsigned long id, XString* path) {
   return change([&] {
     modify(bin)->touch();
     const TarnRef entry = binEntry(id);
-    if (entry.is_null() || !restore(entry, path)) return false;
+    if (entry.is_null() || !restore(Described(id, entry), entry, path)) return false;
     modify(bin)->deleteChild(EntryName(id).c_str());
     return true;
   });
 }
 
-bool TarnVFS::restore(const TarnRef& entry, XString* path) {
-  const BinEntry described = Described(entry);
+bool TarnVFS::restore(const BinEntry& described, const TarnRef& entry, XString* path) {
   if (described.node.is_null() || described.name.empty()) return false;
   const std::string above(TarnBranches::ParentOf(described.path));
   const Folder folder = makeFolder(getRootNode(), above, nullptr, 0);
@@ -120,7 +125,9 @@ bool TarnVFS::restore(const TarnRef& entry, XString* path) {
     if ((folder->getFolderType() & TarnVFSFolder::kNoSubFolders) != 0) return false;
     name = FreeName(folder->getFoldersNode(), described.name);
     modify(entry)->deleteChild(kBinItem);
-    modify(folder)->addFolder(name, Folder(described.node), false);
+    if (!modify(folder)->addFolder(name, Folder(described.node), false)) {
+      ThrowListedElsewhere(described.name);
+    }
   } else {
     const xcptref<TarnVFSItem> item(described.node);
     const std::uint32_t count = item->getRefCount();
@@ -134,18 +141,17 @@ bool TarnVFS::restore(const TarnRef& entry, XString* path) {
 
 // --- Removing -----------------------------------------------------------------------------------
 
-// Counts down what an entry that is removed lists of items that stand elsewhere, too.
-void TarnVFS::dropEntry(const TarnRef& entry) {
-  const BinEntry described = Described(entry);
-  if (described.node.is_null()) return;
-  if (described.isFolder) {
-    dropReferences(Folder(described.node));
-  } else {
-    const xcptref<TarnVFSItem> item(described.node);
-    if (const std::uint32_t count = item->getRefCount(); count > 1) {
-      modify(item)->setRefCount(count - 1);
-    }
-  }
+// Removes an entry, and counts down what it lists of items that stand elsewhere, too.
+void TarnVFS::dropEntry(const TarnRef& bin, unsigned long id) {
+  const TarnRef entry = binEntry(id), node = entry->getChildWithName(kBinItem);
+  modify(bin)->deleteChild(EntryName(id).c_str());
+  if (node.is_null()) return;
+  modify(entry)->deleteChild(kBinItem);
+  if (node.isA<TarnVFSFolder>()) dropReferences(Folder(node));
+  if (!node.isA<TarnVFSItem>()) return;
+  const xcptref<TarnVFSItem> item(node);
+  const std::uint32_t count = item->getRefCount();
+  if (count > 1) modify(item)->setRefCount(count - 1);
 }
 
 bool TarnVFS::delFromRecycleBin(unsigned long id) {
@@ -153,10 +159,9 @@ bool TarnVFS::delFromRecycleBin(unsigned long id) {
   getRootNode();
   return change([&] {
     modify(bin)->touch();
-    const TarnRef entry = binEntry(id);
-    if (entry.is_null()) return false;
-    dropEntry(entry);
-    return modify(bin)->deleteChild(EntryName(id).c_str());
+    if (binEntry(id).is_null()) return false;
+    dropEntry(bin, id);
+    return true;
   });
 }
 
@@ -171,8 +176,7 @@ unsigned long TarnVFS::emptyRecycleBin(unsigned long seconds) {
     for (const BinEntry& entry : listRecycleBin()) {
       const std::int64_t age = std::max<std::int64_t>(0, now - entry.time.seconds);
       if (static_cast<std::uint64_t>(age) < seconds) continue;
-      dropEntry(binEntry(entry.id));
-      modify(bin)->deleteChild(EntryName(entry.id).c_str());
+      dropEntry(bin, entry.id);
       ++removed;
     }
     return removed > 0;

@@ -1,5 +1,6 @@
 // TarnVFS: making, moving and removing folders.
 #include <tarns/core/TarnBranches.h>
+#include <tarns/core/TarnException.h>
 #include <tarns/vfs/TarnVFS.h>
 
 #include <utility>
@@ -40,8 +41,17 @@ void Merge(const Folder& from, const Folder& to) {
 
 }  // namespace
 
+void ThrowListedElsewhere(const std::string& name) {
+  throw TarnException(("The folder \"" + name +
+                       "\" cannot be moved: it is listed in another place as well, where its "
+                       "parent is, or it would come into itself.")
+                          .c_str(),
+                      ErrorID::BadUsage);
+}
+
 Folder TarnVFS::makeFolder(const Folder& root, std::string_view path, const char* icon,
                            unsigned long type) {
+  VerifyNoNul(path);
   Folder folder = root;
   for (auto branch = TarnBranches(path).begin(); branch != std::default_sentinel; ++branch) {
     const std::string name(*branch);
@@ -56,7 +66,7 @@ Folder TarnVFS::makeFolder(const Folder& root, std::string_view path, const char
       auto fresh = modify(below);
       if (branch.isLast() && type != 0) fresh->setFolderType(static_cast<std::uint32_t>(type));
       if (branch.isLast() && icon != nullptr) fresh->setIcon(icon);
-      modify(folder)->addFolder(name.c_str(), below, false);
+      if (!modify(folder)->addFolder(name.c_str(), below, false)) return nullptr;
     }
     folder = below;
   }
@@ -65,6 +75,7 @@ Folder TarnVFS::makeFolder(const Folder& root, std::string_view path, const char
 
 bool TarnVFS::createFolder(TarnPathText path, const char* icon, unsigned long type) {
   const std::string_view above = TarnBranches::ParentOf(path.view());
+  VerifyNoNul(path.view());
   getDBPathFor(path.str().c_str());  // checks the names
   if (!above.empty()) {
     const Folder parent = folderAt(above);
@@ -82,13 +93,16 @@ bool TarnVFS::addFolder(TarnPathText path, Folder folder, bool overwrite, bool m
     LockFolders(place.folder, place.folder);
     const Folder there = place.folder->getFolder(place.name);
     if (there.is_null() && !TakesFolders(place.folder)) return false;
+    if (!there.is_null() && !merge && !overwrite) return false;
+    // First, so that nothing has been changed when it is refused.
+    if (folder->hasParent() || folder == there || IsAtOrAbove(folder, place.folder)) return false;
     if (!there.is_null() && merge) {
-      if (folder->hasParent() || folder == there) return false;
       Merge(folder, there);
       return true;
     }
-    if (!there.is_null() && overwrite && there != folder) dropReferences(there);
-    return modify(place.folder)->addFolder(place.name.c_str(), folder, overwrite);
+    if (!modify(place.folder)->addFolder(place.name.c_str(), folder, overwrite)) return false;
+    if (!there.is_null()) dropReferences(there);
+    return true;
   });
 }
 
@@ -115,7 +129,8 @@ bool TarnVFS::transferFolder(std::string_view from, std::string_view to, bool is
     if (!isCopy && source.folder == target.folder && source.name == target.name) return true;
     const XString name = FreeName(target.folder->getFoldersNode(), target.name);
     const Folder moved = isCopy ? CopyOf(folder) : modify(source.folder)->removeFolder(source.name);
-    return modify(target.folder)->addFolder(name, moved, false);
+    if (!modify(target.folder)->addFolder(name, moved, false)) ThrowListedElsewhere(source.name);
+    return true;
   });
 }
 

@@ -8,6 +8,7 @@
 #include <tarns/vfs/TarnVFSReader.h>
 
 #include <string>
+#include <unordered_set>
 #include <vector>
 
 #include "vfs/vfs_access.h"
@@ -29,6 +30,17 @@ bool IsOfThePlace(std::string_view child) {
 void DropReference(const Item& item) {
   const std::uint32_t count = item->getRefCount();
   if (count > 1) modify(item)->setRefCount(count - 1);
+}
+
+// Notes that items listed in `items` have lost this place. What stands elsewhere as well does not
+// refer to the removed list as its parent's any more, which would keep that from being collected.
+void DropListed(const TarnRef& items) {
+  for (const auto& [name, child] : items->children()) {
+    if (!child.isA<TarnVFSItem>()) continue;
+    const Item item(child);
+    if (item->getRefCount() > 1 && item->getParent() == items) modify(item)->makeOrphan();
+    DropReference(item);
+  }
 }
 
 // Notes in the root folder that items are listed in several places, so that removing folders looks
@@ -105,18 +117,21 @@ bool TarnVFS::deleteItemsIn(TarnPathText folderPath) {
   });
 }
 
-// Counts down what a folder that is removed lists of items that stand elsewhere, too.
+// Counts down what a folder that was removed lists of items that stand elsewhere, too. Folders that
+// have their parent elsewhere stay.
 void TarnVFS::dropReferences(const Folder& folder) {
-  if (getRootNode()->getUint32(TarnVFSFolder::kRefCount, 1) == 1) return;
+  if (getRootNode()->getUint32(TarnVFSFolder::kRefCount, 1) == 1 || folder->hasParent()) return;
+  std::unordered_set<Folder> seen{folder};
   std::vector<Folder> open{folder};
   while (!open.empty()) {
     const Folder at = open.back();
     open.pop_back();
-    if (const TarnRef items = at->getItemsNode(); !items.is_null()) {
-      for (const auto& [name, child] : items->children()) DropReference(Item(child));
-    }
-    if (const TarnRef folders = at->getFoldersNode(); !folders.is_null()) {
-      for (const auto& [name, child] : folders->children()) open.emplace_back(child);
+    if (const TarnRef items = at->getItemsNode(); !items.is_null()) DropListed(items);
+    const TarnRef folders = at->getFoldersNode();
+    if (folders.is_null()) continue;
+    for (const auto& [name, child] : folders->children()) {
+      if (!child.isA<TarnVFSFolder>() || child->getParent() != folders) continue;
+      if (seen.insert(Folder(child)).second) open.emplace_back(child);
     }
   }
 }

@@ -56,11 +56,18 @@ void LockFolders(const TarnRef& one, const TarnRef& other);
 // The names from `root` to a folder or item below it, joined; false when it is not below.
 bool PathBelow(const xcptref<TarnVFSFolder>& root, const TarnRef& node, std::string& path);
 
+// Throws 8 when the path contains a NUL byte: names end there.
+void VerifyNoNul(std::string_view path);
+
 // `path~name`, or the name alone.
 std::string JoinedPath(std::string_view path, std::string_view name);
 
 // Whether `folder` is `node` or above it.
 bool IsAtOrAbove(const TarnRef& folder, TarnRef node);
+
+// Throws 111 for a folder that cannot be put to where it is moved, after it was taken off its
+// place: the transaction must not be committed.
+[[noreturn]] void ThrowListedElsewhere(const std::string& name);
 
 // A new item of the same class with the same content and children, listed nowhere.
 xcptref<TarnVFSItem> CopyOf(const xcptref<TarnVFSItem>& item);

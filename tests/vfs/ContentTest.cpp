@@ -152,6 +152,11 @@ TEST_F(ContentTest, SeesConflicts) {
   vfs().deleteItem("new");
   fresh.finish();  // the reason is gone
   EXPECT_EQ(content("new"), "mine");
+  TarnVFSWriter far(vfs(), "far");
+  for (const std::uint64_t at : {~std::uint64_t{0}, std::uint64_t{1} << 63}) {
+    far.seek(at);
+    EXPECT_THAT([&] { far.write("12"); }, ThrowsTarn(111, HasSubstr("2^63")));
+  }
   EXPECT_THAT([&] { TarnVFSWriter(vfs(), "no~x"); }, ThrowsTarn(7, HasSubstr("no~x")));
   EXPECT_THAT([&] { TarnVFSWriter(vfs(), "no", Mode::kUpdate); }, ThrowsTarn(7, HasSubstr("no")));
   EXPECT_THAT([&] { TarnVFSReader(vfs(), "no"); }, ThrowsTarn(7, HasSubstr("no")));

@@ -215,6 +215,83 @@ TEST_F(TreeTest, MovesCopiesAndMergesFolders) {
   EXPECT_FALSE(vfs().deleteItemsIn("none"));
 }
 
+// Names end at a NUL byte, so what follows one must not pass for another name.
+TEST_F(TreeTest, RefusesNamesWithNul) {
+  vfs().createFolder("a");
+  put("a~x", "1");
+  const Tree before = tree();
+  const std::string name("a~x\0y", 5), folder("a\0b", 3);
+  const auto item = TarnVFSFile::Create();
+  EXPECT_THAT([&] { vfs().addItem(name, item, false, false); }, ThrowsTarn(8, HasSubstr("NUL")));
+  EXPECT_THAT([&] { vfs().copyItemTo("a~x", name); }, ThrowsTarn(8, HasSubstr("NUL")));
+  EXPECT_THAT([&] { put(name, "2"); }, ThrowsTarn(8, HasSubstr("NUL")));
+  EXPECT_THAT([&] { vfs().createFolder(folder); }, ThrowsTarn(8, HasSubstr("NUL")));
+  EXPECT_THAT([&] { vfs().deleteFolder(folder); }, ThrowsTarn(8, HasSubstr("NUL")));
+  EXPECT_THAT([&] { vfs().isItemExist(name); }, ThrowsTarn(8, HasSubstr("NUL")));
+  EXPECT_EQ(tree(), before);
+}
+
+// A shared item whose parent was a list that is removed does not hold on to that.
+TEST_F(TreeTest, RemovedFoldersAreNotHeldBySharedItems) {
+  for (const bool isBinned : {false, true}) {
+    vfs().createFolder("a~b");
+    put("x", "1");
+    ASSERT_TRUE(vfs().shareItem("x", "a~b~x"));
+    ASSERT_TRUE(vfs().deleteItem("x"));
+    ASSERT_TRUE(vfs().shareItem("a~b~x", "x"));
+    ASSERT_TRUE(vfs().moveItem("a~b~x", "a~b~y"));  // its parent is there now
+    const auto item = vfs().getItem("x");
+    ASSERT_EQ(item->getParent(2), vfs().getFolder("a~b"));
+    if (isBinned) {
+      ASSERT_TRUE(vfs().moveFolderToBin("a"));
+      EXPECT_EQ(vfs().emptyRecycleBin(0), 1u);
+    } else {
+      ASSERT_TRUE(vfs().deleteFolder("a"));
+    }
+    EXPECT_FALSE(item->hasParent());
+    EXPECT_EQ(item->getRefCount(), 1u);
+    EXPECT_EQ(tree(), (Tree{{"x", "1"}}));
+    vfs().deleteItem("x");
+  }
+}
+
+// What is refused has changed nothing.
+TEST_F(TreeTest, RefusedFoldersLeaveCountsAndPlaces) {
+  vfs().createFolder("a");
+  vfs().createFolder("b");
+  put("a~x", "1");
+  ASSERT_TRUE(vfs().shareItem("a~x", "b~x"));
+  EXPECT_FALSE(vfs().addFolder("a", vfs().getFolder("b"), true, false)) << "is listed already";
+  EXPECT_EQ(vfs().getItem("a~x")->getRefCount(), 2u);
+
+  // Listed in two places: moved from the one that is not its parent's.
+  const TarnRef folders = vfs().getVFSRootNode()->getFoldersNode();
+  modify(folders)->addChild("second", vfs().getFolder("b"));
+  vfs().createFolder("c");
+  const Tree before = tree();
+  const char* other = vfs().getFolder("b")->getName() == "b" ? "second" : "b";
+  EXPECT_THAT([&] { vfs().moveFolder(other, "c"); }, ThrowsTarn(111, HasSubstr("another place")));
+  EXPECT_EQ(tree(), before);
+  unsigned long id = 0;
+  ASSERT_TRUE(vfs().moveFolderToBin(other, &id));
+  modify(folders)->addChild("third", vfs().listRecycleBin().front().node);
+  EXPECT_THAT([&] { vfs().restoreFromBin(id); }, ThrowsTarn(111, HasSubstr("another place")));
+  EXPECT_EQ(vfs().listRecycleBin().size(), 1u);
+}
+
+TEST_F(TreeTest, EmptiesABinWithDamagedEntries) {
+  for (const char* name : {"x", "y"}) {
+    put(name, "1");
+    vfs().moveItemToBin(name);
+  }
+  const TarnRef bin = vfs().getRecycleBin();
+  modify(bin)->setValue("0000000001~vfsBItemID", TarnData(std::uint64_t{77}));
+  modify(bin->getChildWithName("0000000002"))->deleteChild("vfsItem");
+  EXPECT_EQ(vfs().listRecycleBin().front().id, 1u);
+  EXPECT_EQ(vfs().emptyRecycleBin(0), 2u);
+  EXPECT_THAT(vfs().listRecycleBin(), IsEmpty());
+}
+
 TEST_F(TreeTest, JoinsTheCallersTransaction) {
   put("x", "1");
   const Tree before = tree();

@@ -233,9 +233,9 @@ class TARNS_API TarnVFS {
   bool transferFolder(std::string_view from, std::string_view to, bool isCopy);
   bool bin(TarnPathText path, bool isFolder, unsigned long* id);
   TarnRef binEntry(unsigned long id);
-  bool restore(const TarnRef& entry, XString* path);
+  bool restore(const BinEntry& described, const TarnRef& entry, XString* path);
   void dropReferences(const xcptref<TarnVFSFolder>& folder);
-  void dropEntry(const TarnRef& entry);
+  void dropEntry(const TarnRef& bin, unsigned long id);
   template <class Work>
   bool change(Work&& work);
 
