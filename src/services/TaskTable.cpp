@@ -143,7 +143,7 @@ xcptref<TarnTask> TaskTable::add(const TarnTasks::Plan& plan) {
   Verify(plan);
   lock({TarnTasks::kDue, TarnTasks::kLastNumber, TarnTasks::kTasks});
   const std::uint64_t number = nextNumber();
-  const xcptref<TarnTask> task = TarnTask::Create();
+  xcptref<TarnTask> task = TarnTask::Create();
   {
     const auto body = modify(task);
     body->number_ = number;

@@ -14,7 +14,7 @@
 #include <thread>
 #include <vector>
 
-#include "services/counting_delegate.h"
+#include "services/CountingDelegate.h"
 #include "support/captured_log.h"
 #include "support/session_fixture.h"
 #include "support/throws_tarn.h"
@@ -27,7 +27,7 @@ using testing::Contains;
 using testing::ElementsAre;
 using testing::HasSubstr;
 
-TARN_REGISTER_TASK_DELEGATE(counting_delegate);
+TARN_REGISTER_TASK_DELEGATE(CountingDelegate);
 
 // Does what the test says.
 class SaidDelegate : public TarnTaskDelegate {
@@ -42,7 +42,7 @@ class SchedulerTest : public session_test {
   ~SchedulerTest() override { SaidDelegate::what = nullptr; }
 
   // With delays that a test can wait for.
-  static TaskScheduler::Options quick() {
+  static TaskScheduler::Options Quick() {
     TaskScheduler::Options options;
     options.mostErrors = 3;
     options.firstDelay = 1ms;
@@ -51,7 +51,7 @@ class SchedulerTest : public session_test {
   std::string config() const { return configuration(); }
 
   template <class Test>
-  static void waitUntil(Test test) {
+  static void WaitUntil(Test test) {
     const auto end = std::chrono::steady_clock::now() + 60s;
     while (!test()) {
       ASSERT_LT(std::chrono::steady_clock::now(), end) << "waited in vain";
@@ -59,7 +59,7 @@ class SchedulerTest : public session_test {
     }
   }
   void waitUntilNoneAreLeft() {
-    waitUntil([this] { return tasks_.getNumTasks() == 0; });
+    WaitUntil([this] { return tasks_.getNumTasks() == 0; });
   }
 
   // How often each run was done.
@@ -89,9 +89,9 @@ TEST_F(SchedulerTest, RunsWhatIsDueInTheOrderOfTimesAndWakesForWhatIsScheduledLa
   };
   const std::uint64_t later = plan(-1s, "later"), first = plan(-2s, "first"), future = plan(1h, "");
   TaskScheduler scheduler(config().c_str());
-  waitUntil([&] { return tasks_.getNumTasks() == 1; });
+  WaitUntil([&] { return tasks_.getNumTasks() == 1; });
   const std::uint64_t soon = plan(20ms, "soon");
-  waitUntil([&] { return tasks_.getNumTasks() == 1; });
+  WaitUntil([&] { return tasks_.getNumTasks() == 1; });
   scheduler.stop();
   EXPECT_THAT(order, ElementsAre(first, later, soon));
   EXPECT_THAT(arguments, ElementsAre("first", "later", "soon"));
@@ -100,13 +100,13 @@ TEST_F(SchedulerTest, RunsWhatIsDueInTheOrderOfTimesAndWakesForWhatIsScheduledLa
 }
 
 TEST_F(SchedulerTest, EachRunIsDoneOnceHoweverManySchedulersThereAre) {
-  for (int i = 0; i < 200; ++i) tasks_.schedule({.delegate = "counting_delegate"});
+  for (int i = 0; i < 200; ++i) tasks_.schedule({.delegate = "CountingDelegate"});
   {
     TaskScheduler first(config().c_str()), second(config().c_str()), third(config().c_str());
     // Meanwhile others schedule and cancel.
     for (int i = 0; i < 50; ++i) {
-      tasks_.schedule({.delegate = "counting_delegate"});
-      tasks_.cancel(tasks_.schedule({"counting_delegate", TarnTasks::Now() + 1h, {}, {}}));
+      tasks_.schedule({.delegate = "CountingDelegate"});
+      tasks_.cancel(tasks_.schedule({"CountingDelegate", TarnTasks::Now() + 1h, {}, {}}));
     }
     waitUntilNoneAreLeft();
     first.stop();
@@ -131,8 +131,8 @@ TEST_F(SchedulerTest, ATaskThatFailsIsTriedAgainThenSuspendedThenResumed) {
   };
   const captured_log log;
   const std::uint64_t number = tasks_.schedule({.delegate = "SaidDelegate"});
-  TaskScheduler scheduler(config().c_str(), quick());
-  waitUntil([&] { return scheduler.getFigures().suspended == 1; });
+  TaskScheduler scheduler(config().c_str(), Quick());
+  WaitUntil([&] { return scheduler.getFigures().suspended == 1; });
   const TarnTasks::Info info = tasks_.getInfo(number).value();
   EXPECT_EQ(info.state, TarnTask::Suspended);
   EXPECT_EQ(info.errors, 3u);
@@ -162,13 +162,13 @@ TEST_F(SchedulerTest, APeriodicTaskLeavesOutWhatHasPassed) {
   const auto start = TarnTasks::Now() - 90min;
   const std::uint64_t number = tasks_.schedule({"SaidDelegate", start, 1h, {}});
   TaskScheduler scheduler(config().c_str());
-  waitUntil([&] { return tasks_.getInfo(number)->runs == 1; });
+  WaitUntil([&] { return tasks_.getInfo(number)->runs == 1; });
   EXPECT_EQ(tasks_.getInfo(number)->due, start + 2h);
   scheduler.stop();
 
   const std::uint64_t quickOne = tasks_.schedule({"SaidDelegate", TarnTasks::Now(), 2ms, {}});
   TaskScheduler another(config().c_str());
-  waitUntil([&] { return !tasks_.getInfo(quickOne); });
+  WaitUntil([&] { return !tasks_.getInfo(quickOne); });
   another.stop();
   EXPECT_EQ(std::set(keys.begin(), keys.end()).size(), 3u);
 }
@@ -176,15 +176,15 @@ TEST_F(SchedulerTest, APeriodicTaskLeavesOutWhatHasPassed) {
 TEST_F(SchedulerTest, WhatThisProgramCannotDoIsLeftToOthers) {
   const captured_log log;
   const std::uint64_t number = tasks_.schedule({.delegate = "Stranger"});
-  tasks_.schedule({.delegate = "counting_delegate"});
+  tasks_.schedule({.delegate = "CountingDelegate"});
   TaskScheduler scheduler(config().c_str());
-  waitUntil([&] { return tasks_.getNumTasks() == 1; });
+  WaitUntil([&] { return tasks_.getNumTasks() == 1; });
   EXPECT_EQ(tasks_.getInfo(number)->errors, 0u);
   EXPECT_THAT(log.lines(), Contains(HasSubstr("\"Stranger\" are left alone")));
   const TarnTaskDelegateRegistration known("Stranger", [] {
-    return std::unique_ptr<TarnTaskDelegate>(std::make_unique<counting_delegate>());
+    return std::unique_ptr<TarnTaskDelegate>(std::make_unique<CountingDelegate>());
   });
-  tasks_.schedule({.delegate = "counting_delegate"});  // wakes the scheduler
+  tasks_.schedule({.delegate = "CountingDelegate"});  // wakes the scheduler
   waitUntilNoneAreLeft();
   scheduler.stop();
   EXPECT_THAT(counts(), ElementsAre(1, 1, 1));
@@ -200,7 +200,7 @@ TEST_F(SchedulerTest, StopLetsTheRunEndAndWhatGivesUpThenHasNotFailed) {
   const std::uint64_t number = tasks_.schedule({.delegate = "SaidDelegate"});
   for (int i = 1; i <= 2; ++i) {
     TaskScheduler scheduler(config().c_str());
-    waitUntil([&] { return begun == i; });
+    WaitUntil([&] { return begun == i; });
     EXPECT_EQ(tasks_.getNumTasks(), 1u);
     scheduler.stop();
     EXPECT_EQ(scheduler.getFigures().failures, 0u);
@@ -212,17 +212,17 @@ TEST_F(SchedulerTest, StopLetsTheRunEndAndWhatGivesUpThenHasNotFailed) {
 TEST_F(SchedulerTest, SchedulingIsPartOfTheTransaction) {
   {
     TarnTransaction transaction(manager());
-    const std::uint64_t number = tasks_.schedule({.delegate = "counting_delegate"});
+    const std::uint64_t number = tasks_.schedule({.delegate = "CountingDelegate"});
     EXPECT_TRUE(tasks_.cancel(number));
     EXPECT_FALSE(tasks_.cancel(number));
-    tasks_.schedule({.delegate = "counting_delegate"});
+    tasks_.schedule({.delegate = "CountingDelegate"});
     transaction.rollback();
   }
   EXPECT_EQ(tasks_.getNumTasks(), 0u);
   TaskScheduler scheduler(config().c_str());
   manager().transaction([&] {
-    tasks_.schedule({.delegate = "counting_delegate"});
-    tasks_.schedule({.delegate = "counting_delegate"});
+    tasks_.schedule({.delegate = "CountingDelegate"});
+    tasks_.schedule({.delegate = "CountingDelegate"});
   });
   waitUntilNoneAreLeft();
   EXPECT_EQ(counts().size(), 2u);
@@ -249,11 +249,11 @@ TEST_F(SchedulerTest, WhatIsNoPlanIsRefusedAndWhatIsNoTaskDoesNoHarm) {
   manager().set("scheduler~Due~x", 1);
   manager().set("scheduler~Due~00000000000000000001-00000000000000000001", 1);
   manager().set("scheduler~Tasks~y", 1);
-  tasks_.schedule({.delegate = "counting_delegate"});
+  tasks_.schedule({.delegate = "CountingDelegate"});
   ASSERT_TRUE(manager().deleteBranch("scheduler~Tasks~00000000000000000001"));
-  tasks_.schedule({.delegate = "counting_delegate"});
+  tasks_.schedule({.delegate = "CountingDelegate"});
   TaskScheduler scheduler(config().c_str());
-  waitUntil([&] { return scheduler.getFigures().runs == 1; });
+  WaitUntil([&] { return scheduler.getFigures().runs == 1; });
   scheduler.stop();
   EXPECT_THAT(counts(), ElementsAre(1));
   EXPECT_EQ(manager().getNumChildren("scheduler~Due"), 2u);
@@ -261,16 +261,16 @@ TEST_F(SchedulerTest, WhatIsNoPlanIsRefusedAndWhatIsNoTaskDoesNoHarm) {
 
 TEST_F(SchedulerTest, GoesOnWhenItsBranchIsMadeAnew) {
   TaskScheduler scheduler(config().c_str());
-  tasks_.schedule({.delegate = "counting_delegate"});
+  tasks_.schedule({.delegate = "CountingDelegate"});
   waitUntilNoneAreLeft();
   manager().deleteBranch("scheduler");
-  tasks_.schedule({.delegate = "counting_delegate"});
-  waitUntil([&] { return tasks_.getNumTasks() == 0; });
+  tasks_.schedule({.delegate = "CountingDelegate"});
+  WaitUntil([&] { return tasks_.getNumTasks() == 0; });
   manager().transaction([&] {  // both in one
     manager().deleteBranch("scheduler");
-    tasks_.schedule({.delegate = "counting_delegate"});
+    tasks_.schedule({.delegate = "CountingDelegate"});
   });
-  waitUntil([&] { return tasks_.getNumTasks() == 0; });
+  WaitUntil([&] { return tasks_.getNumTasks() == 0; });
   scheduler.stop();
   EXPECT_EQ(scheduler.getFigures().runs, 3u);
 }
@@ -280,13 +280,13 @@ TEST_F(SchedulerTest, ALockThatIsNotHadIsNoFailureOfTheTask) {
   SaidDelegate::what = [](TarnTaskRun& run) { run.getManager().set("shared", 2); };
   manager().set("shared", 1);
   const std::uint64_t number = tasks_.schedule({.delegate = "SaidDelegate"});
-  TaskScheduler::Options options = quick();
+  TaskScheduler::Options options = Quick();
   options.lockTimeout = 1ms;
   options.mostErrors = 1;
   TarnTransaction transaction(manager());
   manager().set("shared", 3);
   TaskScheduler scheduler(config().c_str(), options);
-  waitUntil([&] { return !log.lines().empty(); });
+  WaitUntil([&] { return !log.lines().empty(); });
   EXPECT_THAT(log.lines(), Contains(HasSubstr("could not be run and waits: ")));
   transaction.commit();
   waitUntilNoneAreLeft();
@@ -305,7 +305,7 @@ TEST_F(SchedulerTest, ManyThreadsScheduleWithoutLosingANumber) {
     threads.emplace_back([this] {
       const TarnAttachment attachment(manager());
       for (int n = 0; n < kEach; ++n) {
-        tasks_.schedule({"counting_delegate", TarnTasks::Now() + 1h, {}, {}});
+        tasks_.schedule({"CountingDelegate", TarnTasks::Now() + 1h, {}, {}});
       }
     });
   }

@@ -90,16 +90,16 @@ class Follower : public XObject {
 class WatcherStormTest : public session_test {
  protected:
   WatcherStormTest() : session_test(1, "?durability=relaxed") {}
-  static std::string pathOf(int node) { return "nodes~" + std::to_string(node); }
+  static std::string PathOf(int node) { return "nodes~" + std::to_string(node); }
 };
 
 TEST_F(WatcherStormTest, NothingIsLostDoubledOrCalledAfterItsRemoval) {
   const auto seed = std::random_device{}();
   SCOPED_TRACE("seed " + std::to_string(seed));
-  for (int node = 0; node < kNodes; ++node) manager().set(pathOf(node), 0);
+  for (int node = 0; node < kNodes; ++node) manager().set(PathOf(node), 0);
   std::vector<std::unique_ptr<Follower>> followers;
   for (int i = 0; i < kClients; ++i) {
-    followers.push_back(std::make_unique<Follower>(manager(), pathOf(i % kNodes)));
+    followers.push_back(std::make_unique<Follower>(manager(), PathOf(i % kNodes)));
   }
   std::array<int, kNodes> last{};
   int written = 0;
@@ -129,7 +129,7 @@ TEST_F(WatcherStormTest, NothingIsLostDoubledOrCalledAfterItsRemoval) {
       for (int i = 0; i < (kChanges + kRounds - 1) / kRounds; ++i) {
         const int node = static_cast<int>(random() % kNodes);
         last[node] = ++written;
-        other.set(pathOf(node), written);
+        other.set(PathOf(node), written);
       }
     }
     stops = true;
@@ -140,7 +140,7 @@ TEST_F(WatcherStormTest, NothingIsLostDoubledOrCalledAfterItsRemoval) {
     // Shut down while the last one still changes.
     std::jthread writes([&] {
       const TarnAttachment attachment(manager());
-      for (int i = 0; i < 50; ++i) manager().set(pathOf(0), last[0] = ++written);
+      for (int i = 0; i < 50; ++i) manager().set(PathOf(0), last[0] = ++written);
     });
     for (const auto& follower : followers) follower->end();
     TarnWatcher::Destroy();

@@ -13,19 +13,19 @@
 #include <string>
 #include <thread>
 
-#include "services/counting_delegate.h"
+#include "services/CountingDelegate.h"
 
 namespace {
 
 int runsFile = -1;
 
-class CountRun : public counting_delegate {
+class CountRun : public CountingDelegate {
   void run(tarns::TarnTaskRun& run) override {
     const std::string line = run.getKey() + '\n';
     if (::write(runsFile, line.data(), line.size()) != static_cast<ssize_t>(line.size())) {
       throw std::runtime_error("the file cannot be written");
     }
-    count(run);
+    Count(run);
     std::this_thread::sleep_for(std::chrono::milliseconds(4));
   }
 };

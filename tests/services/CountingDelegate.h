@@ -6,11 +6,11 @@
 #include <string>
 
 // Adds 1 to done~KEY, of the run.
-class counting_delegate : public tarns::TarnTaskDelegate {
+class CountingDelegate : public tarns::TarnTaskDelegate {
  public:
-  static void count(const tarns::TarnTaskRun& run) {
+  static void Count(const tarns::TarnTaskRun& run) {
     const std::string path = "done~" + run.getKey();
     run.getManager().set(path, run.getManager().getUint32(path, 0) + 1);
   }
-  void run(tarns::TarnTaskRun& run) override { count(run); }
+  void run(tarns::TarnTaskRun& run) override { Count(run); }
 };
