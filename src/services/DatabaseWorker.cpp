@@ -116,7 +116,9 @@ void DatabaseWorker::runPending() noexcept {
   }
   request_ = nullptr;
   numberedRequest_ = nullptr;
-  if (db().session().in_transaction()) detach();  // which rolls it back
+  // The request may have disconnected the session, or left it.
+  const goods::cache_manager* const session = goods::cache_manager::current();
+  if (session != nullptr && session->in_transaction()) detach();  // which rolls it back
 }
 
 }  // namespace tarns

@@ -22,6 +22,7 @@ namespace tarns {
 namespace {
 
 constexpr std::size_t kMostPending = std::size_t{1} << 20;  // changed objects in commits that wait
+constexpr std::chrono::milliseconds kLongestWait = std::chrono::hours(24);
 
 std::vector<std::string> NamesOf(std::string_view path) {
   std::vector<std::string> names;
@@ -78,8 +79,12 @@ class TarnBranchWatch::Follower : private goods::commit_feed {
 
   std::optional<TarnBranchChange> next(std::chrono::milliseconds limit) {
     std::unique_lock guard(lock_);
-    news_.wait_for(guard, limit,
-                   [this] { return !found_.empty() || stops_ || failure_ != nullptr; });
+    const auto isOver = [this] { return !found_.empty() || stops_ || failure_ != nullptr; };
+    limit = std::max(limit, limit.zero());
+    // A clock cannot tell when the longest limits end.
+    while (!news_.wait_for(guard, std::min(limit, kLongestWait), isOver) && limit > kLongestWait) {
+      limit -= kLongestWait;
+    }
     if (stops_) return std::nullopt;
     if (found_.empty()) {
       if (failure_ != nullptr) std::rethrow_exception(failure_);

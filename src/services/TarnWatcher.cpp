@@ -21,10 +21,16 @@ std::mutex lifeLock;  // of making and destroying
 std::atomic<TarnWatcher*> theWatcher{nullptr};
 
 // What a callback without a client of its own is called through.
-class FunctionClient : public XObject {
+// Ownership: the handle alone keeps it, so that what the function has captured goes with the handle
+// and not on whatever thread called back; but for a call that drops the handle, at whose end it
+// goes.
+class FunctionClient : public XObject, public std::enable_shared_from_this<FunctionClient> {
  public:
   explicit FunctionClient(std::function<void()> function) : function_(std::move(function)) {}
-  void call(const void*) { function_(); }
+  void call(const void*) {
+    const std::shared_ptr<FunctionClient> self = shared_from_this();
+    function_();
+  }
 
  private:
   const std::function<void()> function_;
@@ -51,6 +57,7 @@ TarnWatcher::~TarnWatcher() {
 }
 
 void TarnWatcher::Initialize(const char* configPath) {
+  if (theWatcher != nullptr) return;  // also in a callback that Destroy() waits for, with the lock
   const std::lock_guard guard(lifeLock);
   if (theWatcher == nullptr) theWatcher = new TarnWatcher(configPath);
 }
@@ -112,10 +119,9 @@ TarnWatch TarnWatcher::watch(std::uint64_t id, std::function<void()> function,
 
 TarnWatch TarnWatcher::watchFor(std::uint64_t id, std::function<void()> function,
                                 const std::uint64_t* version) {
-  const std::shared_ptr<XObject> client = std::make_shared<FunctionClient>(std::move(function));
+  const auto client = std::make_shared<FunctionClient>(std::move(function));
   TarnWatch handle(events_, client, id & kIdentifierBits);  // withdraws when watching fails
-  watch(id, CallBack(client, static_cast<CallBack::Method>(&FunctionClient::call), nullptr),
-        version);
+  watch(id, CallBack(client.get(), &FunctionClient::call, nullptr), version);
   return handle;
 }
 

@@ -20,11 +20,11 @@ void TarnWatcherEvent::addCallback(XObject* client, CallBack::Method method, con
   addCallback(CallBack(client, method, argument), std::move(target));
 }
 
-void TarnWatcherEvent::addCallback(const CallBack& callBack,
+bool TarnWatcherEvent::addCallback(const CallBack& callBack,
                                    std::shared_ptr<TarnWatcherTarget> target) {
   const std::lock_guard guard(lock_);
-  calls_.callBacks.add(callBack);
   if (target != nullptr) calls_.targets[callBack.getClient()] = std::move(target);
+  return calls_.callBacks.add(callBack);
 }
 
 bool TarnWatcherEvent::removeCallback(const void* client) {
@@ -33,9 +33,13 @@ bool TarnWatcherEvent::removeCallback(const void* client) {
   return calls_.callBacks.removeFor(client) > 0;
 }
 
-bool TarnWatcherEvent::removeCallback(const CallBack& callBack) {
+bool TarnWatcherEvent::removeCallback(const CallBack& callBack,
+                                      std::shared_ptr<TarnWatcherTarget>* target) {
   const std::lock_guard guard(lock_);
-  return calls_.callBacks.remove(callBack);
+  if (!calls_.callBacks.remove(callBack)) return false;
+  const auto known = calls_.targets.find(callBack.getClient());
+  if (target != nullptr && known != calls_.targets.end()) *target = known->second;
+  return true;
 }
 
 bool TarnWatcherEvent::isEmpty() const {

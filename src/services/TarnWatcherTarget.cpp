@@ -44,10 +44,46 @@ bool TarnWatcherTarget::isFree() {
   return count_ == 0;
 }
 
-void TarnWatcherTarget::waitUntilFree() {
-  const auto own = static_cast<std::uint32_t>(std::ranges::count(LockedHere(), this));
+std::uint32_t TarnWatcherTarget::ownCount() const {
+  return static_cast<std::uint32_t>(std::ranges::count(LockedHere(), this));
+}
+
+void TarnWatcherTarget::beginWaitingWithin(std::uint32_t own) {
+  const std::lock_guard guard(lock_);
+  waitingWithin_ += own;
+  unlocked_.notify_all();
+}
+
+void TarnWatcherTarget::endWaitingWithin(std::uint32_t own) {
+  const std::lock_guard guard(lock_);
+  waitingWithin_ -= own;
+}
+
+// Who is in no callback of the client holds up none, and waits for all of them.
+void TarnWatcherTarget::waitUntilFree(bool isWithin) {
   std::unique_lock guard(lock_);
-  unlocked_.wait(guard, [&] { return count_ <= own; });
+  unlocked_.wait(guard, [&] { return count_ <= (isWithin ? waitingWithin_ : 0); });
+}
+
+void TarnWatcherTarget::waitUntilFree() {
+  const std::uint32_t own = ownCount();
+  beginWaitingWithin(own);
+  waitUntilFree(own > 0);
+  endWaitingWithin(own);
+}
+
+// Waits for none before it is known to all that the thread waits: a callback of an earlier
+// registration may wait for one of a later one, and the other way round.
+void TarnWatcherTarget::WaitUntilAllFree(
+    std::span<const std::shared_ptr<TarnWatcherTarget>> ofOneClient) {
+  bool isWithin = false;
+  for (const auto& target : ofOneClient) {
+    const std::uint32_t own = target->ownCount();
+    target->beginWaitingWithin(own);
+    isWithin |= own > 0;
+  }
+  for (const auto& target : ofOneClient) target->waitUntilFree(isWithin);
+  for (const auto& target : ofOneClient) target->endWaitingWithin(target->ownCount());
 }
 
 std::shared_ptr<TarnWatcherTarget> Uint32ToTarnWatcherTargetMap::getNoFail(const void* client) {
@@ -76,7 +112,7 @@ void Uint32ToTarnWatcherTargetMap::removeKey(const void* client) {
   const auto [first, last] = leaving_.equal_range(client);
   for (auto one = first; one != last; ++one) mine.push_back(one->second);
   guard.unlock();
-  for (const auto& target : mine) target->waitUntilFree();
+  TarnWatcherTarget::WaitUntilAllFree(mine);
   guard.lock();
   // What the calling thread itself is in stays: others wait for that.
   std::erase_if(leaving_, [](const auto& entry) { return entry.second->isFree(); });

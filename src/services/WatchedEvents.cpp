@@ -2,7 +2,6 @@
 
 #include <goods/cache_manager.h>
 #include <goods/database.h>
-#include <goods/errors.h>
 #include <goods/task.h>
 #include <tarns/core/TarnException.h>
 #include <tarns/logging/Log.h>
@@ -25,8 +24,16 @@ constexpr std::size_t kStackSize = 0x40000;  // bytes
 constexpr int kMostAttempts = 100;           // to start a thread, with a pause after each
 constexpr auto kPause = std::chrono::milliseconds(1);
 
-// How many callbacks the calling thread is in.
+// How many callbacks, or the ends of such, the calling thread is in.
 thread_local int callbacksHere = 0;
+
+class CallbackScope {
+ public:
+  CallbackScope() { ++callbacksHere; }
+  ~CallbackScope() { --callbacksHere; }
+  CallbackScope(const CallbackScope&) = delete;
+  CallbackScope& operator=(const CallbackScope&) = delete;
+};
 
 }  // namespace
 
@@ -55,7 +62,8 @@ struct WatchedEvents::Execution {
 // ---- Watching
 
 // A new event, or one that waits already, now with this callback.
-WatchedEvents::Event WatchedEvents::join(std::uint64_t id, const CallBack& callBack, bool& isNew) {
+WatchedEvents::Event WatchedEvents::join(std::uint64_t id, const CallBack& callBack, bool& isNew,
+                                         bool& isAdded) {
   const std::lock_guard guard(lock_);
   if (isClosed_) {
     throw TarnException("The watcher has been stopped: nothing can be watched any more.",
@@ -66,7 +74,7 @@ WatchedEvents::Event WatchedEvents::join(std::uint64_t id, const CallBack& callB
   const auto found = events_.find(id);
   isNew = found == events_.end();
   Event event = isNew ? std::make_shared<TarnWatcherEvent>(*this, id) : found->second;
-  event->addCallback(callBack, std::move(target));
+  isAdded = event->addCallback(callBack, std::move(target));
   if (isNew) {
     live_.emplace(event.get(), event);
     try {
@@ -82,15 +90,21 @@ WatchedEvents::Event WatchedEvents::join(std::uint64_t id, const CallBack& callB
 
 void WatchedEvents::watch(std::uint64_t id, const CallBack& callBack,
                           std::optional<std::uint64_t> version) {
-  bool isNew = false;
-  const Event event = join(id, callBack, isNew);
+  bool isNew = false, isAdded = false;
+  const Event event = join(id, callBack, isNew, isAdded);
   const Use use(*this);
   if (isNew) {
     arm(event);
   } else {
     event->waitUntilArmed();
   }
-  if (version) callIfChanged(event, callBack, *version);
+  if (!version) return;
+  try {
+    callIfChanged(event, callBack, *version);
+  } catch (...) {
+    if (isAdded) withdraw(event, callBack);
+    throw;
+  }
 }
 
 void WatchedEvents::arm(const Event& event) {
@@ -116,16 +130,31 @@ void WatchedEvents::callIfChanged(const Event& event, const CallBack& callBack,
     hasChanged = manager.db().session().may_have_changed(id, version);
   });
   if (!hasChanged) return;
+  // Made before it is taken out of the event: then it is not lost when that fails.
   TarnWatcherEvent::Calls calls;
-  std::unique_lock guard(lock_);
-  if (isClosed_ || !event->removeCallback(callBack)) return;  // called already, or withdrawn
   calls.callBacks.add(callBack);
-  if (const XObject* const client = callBack.getClient()) {
-    calls.targets[client] = targets_.getNoFail(client);
+  std::shared_ptr<TarnWatcherTarget>& target = calls.targets[callBack.getClient()];
+  Event empty;
+  {
+    const std::lock_guard guard(lock_);
+    if (isClosed_ || !event->removeCallback(callBack, &target)) return;  // called, or withdrawn
+    empty = takeIfEmpty(event);
   }
-  ++uses_;
-  giveUpIfEmpty({event}, std::move(guard));
+  if (empty != nullptr) giveUp(empty);
+  {
+    const std::lock_guard guard(lock_);  // close() is still waiting for watch()
+    ++uses_;
+  }
   execute(id, std::move(calls));
+}
+
+void WatchedEvents::withdraw(const Event& event, const CallBack& callBack) {
+  Event empty;
+  {
+    const std::lock_guard guard(lock_);
+    if (event->removeCallback(callBack)) empty = takeIfEmpty(event);
+  }
+  if (empty != nullptr) giveUp(empty);
 }
 
 // ---- Giving up
@@ -247,9 +276,12 @@ void WatchedEvents::execute(std::uint64_t id, TarnWatcherEvent::Calls calls) {
     throw;
   }
   const auto run = [](void* argument) {
-    const std::unique_ptr<Execution> mine(static_cast<Execution*>(argument));
-    const Use use(*mine->events);
-    mine->events->executeCallbacks(mine->id, mine->calls);
+    std::unique_ptr<Execution> mine(static_cast<Execution*>(argument));
+    const std::shared_ptr<WatchedEvents> events = mine->events;
+    const Use use(*events);
+    const CallbackScope within;
+    events->executeCallbacks(mine->id, mine->calls);
+    mine.reset();  // nothing of the calls is left when close() returns
   };
   for (int attempt = 0; attempt < kMostAttempts; ++attempt) {
     try {
@@ -257,7 +289,7 @@ void WatchedEvents::execute(std::uint64_t id, TarnWatcherEvent::Calls calls) {
       (void)execution.release();
       thread.detach();
       return;
-    } catch (const goods::error_info&) {  // too many threads for now
+    } catch (...) {  // too many threads for now, or too little memory
       std::this_thread::sleep_for(kPause);
     }
   }
@@ -281,7 +313,6 @@ void WatchedEvents::executeCallbacks(std::uint64_t id, const TarnWatcherEvent::C
 }
 
 void WatchedEvents::callOne(std::uint64_t id, const CallBack& callBack) {
-  ++callbacksHere;
   try {
     callBack.execute();
   } catch (const std::exception& error) {
@@ -289,7 +320,6 @@ void WatchedEvents::callOne(std::uint64_t id, const CallBack& callBack) {
   } catch (...) {
     logFailure(id, "something that is no exception");
   }
-  --callbacksHere;
 }
 
 void WatchedEvents::logFailure(std::uint64_t id, const char* why) noexcept {

@@ -54,9 +54,10 @@ class WatchedEvents : public std::enable_shared_from_this<WatchedEvents> {
   class Use;
   struct Execution;
 
-  Event join(std::uint64_t id, const CallBack& callBack, bool& isNew);
+  Event join(std::uint64_t id, const CallBack& callBack, bool& isNew, bool& isAdded);
   void arm(const Event& event);
   void callIfChanged(const Event& event, const CallBack& callBack, std::uint64_t version);
+  void withdraw(const Event& event, const CallBack& callBack);
   Event takeIfEmpty(const Event& event);
   void giveUpIfEmpty(const std::vector<Event>& events, std::unique_lock<std::mutex> guard);
   void forget(const TarnWatcherEvent& event);

@@ -28,6 +28,10 @@ using Kind = TarnBranchChange::Kind;
 
 constexpr std::size_t kLookedAtTogether = 256;  // nodes, in one round of a reader
 
+[[noreturn]] void ThrowTooLarge() {
+  throw TarnException("The branch has too many nodes to be watched.", ErrorID::BadUsage);
+}
+
 object_id IdOf(ref_word word) { return word.is_id() ? word.id() : 0; }
 
 // Finds the texts that a node's members refer to.
@@ -278,7 +282,10 @@ void BranchShadow::readChildren(goods::reader& in, const TarnObjects& index, con
     if (!walk.at_end() && walk.entry().name == way_[level]) add(walk.entry());
     return;
   }
-  for (walk.seek_index(0); !walk.at_end(); walk.next()) add(walk.entry());
+  for (walk.seek_index(0); !walk.at_end(); walk.next()) {
+    add(walk.entry());
+    if (picture.children.size() > mostNodes_) ThrowTooLarge();  // before it takes more memory
+  }
 }
 
 // Makes the entry what the picture says, but for the children.
@@ -310,9 +317,7 @@ void BranchShadow::fill(std::vector<Entry*> fresh, Update& update) {
           entry->children.push_back(std::move(moved));
           continue;
         }
-        if (++count_ > mostNodes_) {
-          throw TarnException("The branch has too many nodes to be watched.", ErrorID::BadUsage);
-        }
+        if (++count_ > mostNodes_) ThrowTooLarge();
         auto& made = entry->children.emplace_back(std::make_unique<Entry>());
         made->parent = entry;
         made->member = child.member;
@@ -345,6 +350,7 @@ void BranchShadow::apply(std::span<const CommitNote> commits,
   for (const Update::Come& one : update.come) fresh.push_back(one.entry);
   fill(std::move(fresh), update);
   const std::unordered_set<const Entry*> dead = forgetWhatIsGone(update);
+  if (count_ > mostNodes_) ThrowTooLarge();  // not before: what has moved was counted twice
   tell(update, commits.back().version, dead, changes);
 }
 

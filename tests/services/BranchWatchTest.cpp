@@ -192,6 +192,40 @@ TEST_F(BranchWatchTest, Ends) {
   EXPECT_THAT([&] { TarnBranchWatch(unconnected, ""); }, ThrowsTarn(4, testing::_));
 }
 
+TEST_F(BranchWatchTest, EndsWhenTheBranchBecomesTooLarge) {
+  struct Case {
+    const char* what;
+    std::vector<std::string> added;
+  };
+  const Case cases[] = {{"in one place", {"a~1", "a~2", "a~3", "a~4", "a~5", "a~6"}},
+                        {"in several places", {"a~number~1", "a~text~1"}}};
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.what);
+    manager().deleteBranch("a");
+    for (const char* path : {"a~number", "a~text", "a~x"}) manager().set(path, 1);
+    TarnBranchWatch::Options options;
+    options.mostNodes = 5;  // the root, and what is there now
+    TarnBranchWatch watch(manager(), "a", options);
+    manager().moveBranch("a~x", "a~y");
+    EXPECT_THAT(told(watch, "a~number"), ElementsAre("moved a~y from a~x"));
+    manager().transaction([&] {
+      for (const std::string& path : c.added) manager().set(path, 1);
+    });
+    EXPECT_THAT([&] { watch.next(kLong); }, ThrowsTarn(111, HasSubstr("too many nodes")));
+  }
+}
+
+TEST_F(BranchWatchTest, WaitsAsLongAsItIsTold) {
+  TarnBranchWatch watch(manager(), "a");
+  EXPECT_FALSE(watch.next(std::chrono::milliseconds::min()));
+  std::jthread writer([&] {
+    const TarnAttachment attachment(manager());
+    std::this_thread::sleep_for(50ms);  // so that a wait that does not wait ends before
+    manager().set("a~number", 2);
+  });
+  EXPECT_TRUE(watch.next(std::chrono::milliseconds::max()));
+}
+
 TEST_F(BranchWatchTest, NodesInSeveralPlacesHaveTheirChildrenInOne) {
   manager().set("marker", 0);
   TarnBranchWatch watch(manager(), "");

@@ -65,6 +65,19 @@ TEST_F(DatabaseWorkerTest, WhatARequestThrowsReachesItsCallerAndNobodyElse) {
   EXPECT_EQ(depth, 1);
 }
 
+TEST_F(DatabaseWorkerTest, ARequestMayDisconnectTheSession) {
+  class Worker : public DatabaseWorker {
+   public:
+    using DatabaseWorker::freeDB;
+  } worker;
+  worker.start(configuration().c_str());
+  worker.run([&](TarnManager&) { worker.freeDB(); });
+  EXPECT_THAT([&] { worker.run([](TarnManager& in) { in.set("a", 1); }); },
+              ThrowsTarn(4, testing::_));
+  worker.terminate(true);
+  EXPECT_TRUE(worker.hasStopped());
+}
+
 TEST_F(DatabaseWorkerTest, RequestsOfManyThreadsComeOneAfterTheOther) {
   DatabaseWorker worker;
   worker.start(configuration().c_str());

@@ -7,12 +7,15 @@
 
 #include <atomic>
 #include <functional>
+#include <latch>
+#include <memory>
 #include <mutex>
 #include <optional>
 #include <string>
 #include <thread>
 #include <vector>
 
+#include "services/WatchedEvents.h"
 #include "support/captured_log.h"
 #include "support/session_fixture.h"
 #include "support/throws_tarn.h"
@@ -280,6 +283,96 @@ TEST_F(WatcherTest, ACallbackMayRemoveItsOwnClient) {
   manager().set("a~number", 3);
   EXPECT_TRUE(leaving.done.wait(kLong));
   watcher().removeAllEventsForClient(&leaving);  // waits for the callback
+}
+
+// Two callbacks of one client that both wait for its last one: of one registration, and of two.
+TEST_F(WatcherTest, CallbacksOfOneClientMayAllRemoveIt) {
+  class Leaving : public XObject {
+   public:
+    void call(const void* other) {
+      if (other != nullptr) {
+        TarnWatcher::GetWatcher()->removeAllEventsForClient(this);
+        TarnWatcher::GetWatcher()->watch(*static_cast<const std::uint64_t*>(other), this,
+                                         &Leaving::call, nullptr);
+        isWatching.signal();
+      }
+      both.arrive_and_wait();
+      TarnWatcher::GetWatcher()->removeAllEventsForClient(this);
+      done.signal();
+    }
+    std::latch both{2};
+    goods::semaphore isWatching, done;
+  };
+  const std::uint64_t first = id("a~number"), second = id("b");
+  for (const bool isAgain : {false, true}) {
+    SCOPED_TRACE(isAgain);
+    Leaving leaving;
+    watcher().watch(first, &leaving, &Leaving::call, isAgain ? &second : nullptr);
+    if (!isAgain) watcher().watch(second, &leaving, &Leaving::call, nullptr);
+    manager().set("a~number", isAgain ? 2 : 3);
+    if (isAgain) {
+      ASSERT_TRUE(leaving.isWatching.wait(kLong));
+    }
+    manager().set(isAgain ? "b~again" : "b~once", 1);
+    for (int i = 0; i < 2; ++i) ASSERT_TRUE(leaving.done.wait(kLong));
+    watcher().removeAllEventsForClient(&leaving);  // waits for both
+  }
+}
+
+// Also that of a callback whose turn has not come when its handle goes.
+TEST_F(WatcherTest, WhatACallbackHasCapturedGoesWithTheHandle) {
+  goods::semaphore started, goOn;
+  const TarnWatch slow = watcher().watch(id("a~number"), [&] {
+    started.signal();
+    goOn.wait();
+  });
+  auto captured = std::make_shared<int>();
+  const std::weak_ptr<int> state = captured;
+  TarnWatch next = watcher().watch(id("a~number"), [captured = std::move(captured)] {});
+  manager().set("a~number", 2);
+  ASSERT_TRUE(started.wait(kLong));
+  EXPECT_FALSE(state.expired());
+  next.cancel();
+  EXPECT_TRUE(state.expired());
+  goOn.signal();
+}
+
+TEST_F(WatcherTest, ACallbackMayAskForTheWatcherThatIsBeingDestroyed) {
+  goods::semaphore started;
+  std::atomic<bool> isDone{false};
+  const std::uint64_t object = id("a~number");
+  const TarnWatch watch = watcher().watch(object, [&] {
+    started.signal();
+    try {
+      while (true) const TarnWatch more = TarnWatcher::GetWatcher()->watch(object, [] {});
+    } catch (const TarnException&) {  // Destroy() has begun
+      TarnWatcher::Initialize(configuration().c_str());
+    }
+    isDone = true;
+  });
+  manager().set("a~number", 2);
+  ASSERT_TRUE(started.wait(kLong));
+  TarnWatcher::Destroy();
+  EXPECT_TRUE(isDone);
+  EXPECT_FALSE(TarnWatcher::IsInitialized());
+}
+
+TEST_F(WatcherTest, AWatchThatFailsLeavesNothing) {
+  DatabaseWorker worker;
+  worker.start(configuration().c_str());
+  const auto events = std::make_shared<WatchedEvents>(worker);
+  Plain before, failing;
+  const std::uint64_t object = id("a~number");
+  events->watch(object, CallBack(Plain::Call, &before), {});
+  worker.terminate(true);  // whether the object has changed cannot be asked any more
+  for (Plain* plain : {&failing, &before}) {
+    EXPECT_THAT([&] { events->watch(object, CallBack(Plain::Call, plain), 1); },
+                ThrowsTarn(111, HasSubstr("stopped")));
+  }
+  manager().set("a~number", 2);
+  EXPECT_TRUE(before.calls.wait(kLong));  // as it was
+  events->close(true);
+  EXPECT_EQ(failing.calls.count(), 0u);
 }
 
 TEST_F(WatcherTest, WhatCallbacksThrowIsLoggedWithThePath) {

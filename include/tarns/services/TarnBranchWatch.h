@@ -72,6 +72,7 @@ class TARNS_API TarnBranchWatch {
   TarnBranchWatch& operator=(const TarnBranchWatch&) = delete;
 
   // The next change; nothing when there is none for `limit`, and once the watch has been stopped.
+  // A limit below 0 counts as 0; milliseconds::max() is for ever.
   std::optional<TarnBranchChange> next(std::chrono::milliseconds limit);
 
   // Ends the watch: next() returns nothing from now on, also where it is waiting.

@@ -11,9 +11,9 @@ class WatchedEvents;
 class XObject;
 
 // Withdraws a callback of TarnWatcher::watch() when it goes: then the callback does not run, and
-// will not, unless the handle goes within the callback itself. Goes well with the watcher destroyed
-// before it. An empty handle does nothing.
-// Threads: as for a value.
+// will not, unless the handle goes within the callback itself. What the callback has captured goes
+// with the handle, or at the end of the callback that drops it. Goes well with the watcher
+// destroyed before it. An empty handle does nothing. Threads: as for a value.
 class TARNS_API TarnWatch {
  public:
   TarnWatch();

@@ -53,7 +53,8 @@ class TARNS_API TarnWatcher {
   TarnWatcher(const TarnWatcher&) = delete;
   TarnWatcher& operator=(const TarnWatcher&) = delete;
 
-  // Makes the watcher, with a session of its own on this database, unless there is one.
+  // Makes the watcher, with a session of its own on this database, unless there is one; one that is
+  // being destroyed counts for its callbacks.
   static void Initialize(const char* configPath);
   static bool IsInitialized();
   static TarnWatcher* GetWatcher();  // null when there is none
@@ -89,8 +90,9 @@ class TARNS_API TarnWatcher {
   void removeEvent(std::uint64_t id);
 
   // Withdraws all callbacks of a client, and returns when none of them runs, and none will. Within
-  // one of them it does not wait for that one. A client must do this before it is destroyed. Pass
-  // the address as an XObject where that is another one.
+  // one of them it does not wait for that one, nor for others that are in this call as well.
+  // Clients whose callbacks remove each other wait for ever. A client must do this before it is
+  // destroyed. Pass the address as an XObject where that is another one.
   void removeAllEventsForClient(const void* client);
   void removeAllEventsForClient(const XObject* client) {
     removeAllEventsForClient(static_cast<const void*>(client));

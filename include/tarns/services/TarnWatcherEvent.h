@@ -30,10 +30,13 @@ class TARNS_API TarnWatcherEvent : public goods::event {
   void addCallback(CallBack::Function function, const void* argument);
   void addCallback(XObject* client, CallBack::Method method, const void* argument,
                    std::shared_ptr<TarnWatcherTarget> target = {});
-  void addCallback(const CallBack& callBack, std::shared_ptr<TarnWatcherTarget> target);
+  // False when there is an equal one.
+  bool addCallback(const CallBack& callBack, std::shared_ptr<TarnWatcherTarget> target);
   // Whether there was one of the client.
   bool removeCallback(const void* client);
-  bool removeCallback(const CallBack& callBack);
+  // Whether there was this one; `target` gets what its client was registered as.
+  bool removeCallback(const CallBack& callBack,
+                      std::shared_ptr<TarnWatcherTarget>* target = nullptr);
   bool isEmpty() const;
 
   // The callbacks, with the registrations that their clients had when they were added: who was

@@ -6,6 +6,7 @@
 #include <cstdint>
 #include <memory>
 #include <mutex>
+#include <span>
 #include <unordered_map>
 #include <vector>
 
@@ -40,13 +41,24 @@ class TARNS_API TarnWatcherTarget {
   void lockTarget();
   void unlockTarget();
   bool isFree();
-  // Returns when no callback runs but those that the calling thread is in.
+  // Returns when no callback runs but those that the calling thread is in. Threads that call this
+  // within callbacks of one client do not wait for each other as long as they wait; once one of
+  // them goes on, those that have not yet noticed wait for its callback as well. Two clients whose
+  // callbacks wait for each other's do so for ever.
   void waitUntilFree();
+  // The same for all registrations that one client has had.
+  static void WaitUntilAllFree(std::span<const std::shared_ptr<TarnWatcherTarget>> ofOneClient);
 
  private:
+  std::uint32_t ownCount() const;
+  void beginWaitingWithin(std::uint32_t own);
+  void endWaitingWithin(std::uint32_t own);
+  void waitUntilFree(bool isWithin);
+
   std::mutex lock_;
   std::condition_variable unlocked_;
-  std::uint32_t count_ = 0;  // under lock_
+  std::uint32_t count_ = 0;          // under lock_
+  std::uint32_t waitingWithin_ = 0;  // under lock_; of count_, those whose threads wait here
 };
 
 // The clients that are registered, by address.
@@ -61,7 +73,8 @@ class TARNS_API Uint32ToTarnWatcherTargetMap {
   // A new lock, which is the caller's to delete; null when the client is not registered.
   TarnWatcherTargetLock* getLock(const void* client);
   // Forgets the client, so that no lock is given any more, and returns when those that there are
-  // have gone, but for those of the calling thread; so does every other call for the client.
+  // have gone, but for those of the calling thread; so does every other call for the client. Calls
+  // within callbacks of the client do not wait for each other, see TarnWatcherTarget.
   void removeKey(const void* client);
 
  private:
