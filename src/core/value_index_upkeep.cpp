@@ -8,6 +8,7 @@
 
 #include <algorithm>
 #include <atomic>
+#include <concepts>
 #include <memory>
 #include <mutex>
 #include <set>
@@ -39,6 +40,16 @@ goods::transaction* OpenTransaction() {
   return thread != nullptr ? thread->open() : nullptr;
 }
 
+// Runs `work` as far as it comes: what is damaged beside a change keeps nobody from making it.
+template <std::invocable Work>
+void PastDamage(const Work& work) {
+  try {
+    work();
+  } catch (const goods::error_info& error) {
+    if (!IsDamage(error)) throw;
+  }
+}
+
 // What a session knows about the indexes in its storages.
 class KnownStores : public goods::session_companion {
  public:
@@ -68,8 +79,12 @@ class KnownStores : public goods::session_companion {
       const auto number = static_cast<goods::storage_number>(s);
       for (const goods::layout_record& record : db.storage(number).dbs().layouts()) {
         const goods::object_id id = goods::make_object_id(number, record.number);
-        const auto layout = goods::class_layout::parse(record.layout, id);
-        if (layout.name == TarnValueIndexes::self_class.name()) return true;
+        bool isOfIndexes = false;
+        PastDamage([&] {  // of a class that nothing can be loaded of
+          const auto layout = goods::class_layout::parse(record.layout, id);
+          isOfIndexes = layout.name == TarnValueIndexes::self_class.name();
+        });
+        if (isOfIndexes) return true;
       }
     }
     return false;
@@ -267,7 +282,7 @@ void UpkeepRun::trace() {
         } else {
           const auto* index =
               static_cast<const TarnObjects*>(in.look(word, TarnObjects::self_class));
-          traceFrom(in, NodeAt(in, index->getParentWord()), written.object);
+          PastDamage([&] { traceUp(in, NodeAt(in, index->getParentWord()), written.object); });
         }
       }
     });
@@ -281,11 +296,8 @@ void UpkeepRun::traceLink(goods::reader& in, goods::ref_word before, goods::ref_
   for (const goods::ref_word link : {before, now}) {
     // What is new has its place in a copy that is traced as well.
     if (link.is_null() || (link.is_handle() && link.handle()->is_transient())) continue;
-    try {
-      traceEntry(in, link.is_id() ? link : goods::ref_word::of(link.handle()->id()));
-    } catch (const goods::error_info& error) {
-      if (!IsDamage(error)) throw;
-    }
+    PastDamage(
+        [&] { traceEntry(in, link.is_id() ? link : goods::ref_word::of(link.handle()->id())); });
   }
 }
 
@@ -304,11 +316,7 @@ void UpkeepRun::traceEntry(goods::reader& in, goods::ref_word link) {
 // What is damaged on the way up keeps nobody from changing what is below.
 void UpkeepRun::traceFrom(goods::reader& in, const TarnObject* node,
                           const goods::object_ref& relisted) {
-  try {
-    traceUp(in, node, relisted);
-  } catch (const goods::error_info& error) {
-    if (!IsDamage(error)) throw;
-  }
+  PastDamage([&] { traceUp(in, node, relisted); });
 }
 
 void UpkeepRun::traceUp(goods::reader& in, const TarnObject* node,

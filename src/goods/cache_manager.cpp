@@ -215,8 +215,9 @@ cache_manager::pause::pause(cache_manager& session) : thread_(session.attachment
   ++thread_->pauses;
 }
 
+// As with library_call: the thread may have left the session.
 cache_manager::pause::~pause() {
-  if (thread_ == nullptr) return;
+  if (thread_ == nullptr || thread_ != fast_slot) return;
   --thread_->pauses;
   if (open_ != nullptr) thread_->reopen(std::move(open_));
 }

@@ -19,7 +19,8 @@ modification_signals::modification_signals(object_cache& cache, subscriptions no
       thread_(task::create([](void* self) { static_cast<modification_signals*>(self)->run(); },
                            this, task::priority::high)) {}
 
-modification_signals::~modification_signals() {
+void modification_signals::stop() {
+  if (!thread_.joinable()) return;
   for (const auto& subscription : notices_) subscription->set_listener(nullptr);
   {
     const std::scoped_lock guard(lock_, bell_);

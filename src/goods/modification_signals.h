@@ -41,9 +41,12 @@ class modification_signals : private commit_listener {
   modification_signals(object_cache& cache, subscriptions notices,
                        std::vector<commit_version> taken_in);
   // Events that wait are forgotten. Not on the thread that signals.
-  ~modification_signals() override;
+  ~modification_signals() override { stop(); }
   modification_signals(const modification_signals&) = delete;
   modification_signals& operator=(const modification_signals&) = delete;
+
+  // Ends the thread, which may be taking commits in; called before the cache forgets these signals.
+  void stop();
 
   // Signals `when` once any of the objects is changed by a commit after `as_of`, by storage; soon
   // when that has happened already, or cannot be told any more.

@@ -112,6 +112,7 @@ object_cache::object_cache(database& db, const cache_manager& session)
 }
 
 object_cache::~object_cache() {
+  if (signals_ != nullptr) signals_->stop();  // while others may still look
   signals_.reset();
   session_registry::get().remove(*this);
 }
