@@ -20,7 +20,7 @@ modification_signals::modification_signals(object_cache& cache, subscriptions no
                            this, task::priority::high)) {}
 
 void modification_signals::stop() {
-  if (!thread_.joinable()) return;
+  if (!thread_.is_joinable()) return;
   for (const auto& subscription : notices_) subscription->set_listener(nullptr);
   {
     const std::scoped_lock guard(lock_, bell_);
