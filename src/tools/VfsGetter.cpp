@@ -9,6 +9,7 @@
 #include <algorithm>
 #include <array>
 #include <cerrno>
+#include <climits>
 #include <system_error>
 #include <utility>
 
@@ -25,11 +26,6 @@ constexpr std::size_t kPage = 500;  // items at a time
   throw std::system_error(errno, std::generic_category(), "\"" + path + "\"");
 }
 
-// Whether a directory can have an entry of that name.
-bool IsFileName(const std::string& name) {
-  return !name.empty() && name != "." && name != ".." && name.find('/') == std::string::npos;
-}
-
 // Errors that concern everything that is still to be written.
 bool IsHopeless(int error) { return error == ENOSPC || error == EDQUOT || error == EROFS; }
 
@@ -43,6 +39,12 @@ bool WriteAll(int file, std::string_view bytes) {
     }
   }
   return true;
+}
+
+void RemoveKeepingError(int directory, const std::string& name) {
+  const int error = errno;
+  ::unlinkat(directory, name.c_str(), 0);
+  errno = error;
 }
 
 std::array<timespec, 2> TimesOf(const TarnVFSInfo& info) {
@@ -173,17 +175,29 @@ void VfsGetter::getItem(const xcptref<TarnVFSItem>& item, const std::string& tar
 void VfsGetter::getEntry(int directory, const std::string& name, const TarnVFSEntry& entry,
                          const std::string& path) {
   if (!IsFileName(name)) return fail(path, "No file can have this name; skipped.");
-  if (overwrite_ && !removeOld(directory, name)) return failWithError(path);
-  const bool isLink = entry.info.kind == TarnVFSInfo::Kind::kLink;
-  if (!(isLink ? makeLink(directory, name, entry) : writeFile(directory, name, entry))) {
+  if (!(overwrite_ ? replace(directory, name, entry) : make(directory, name, entry))) {
     return failWithError(path);
   }
   lastWritten_ = path;
   done_(++written_);
 }
 
-bool VfsGetter::removeOld(int directory, const std::string& name) const {
-  return ::unlinkat(directory, name.c_str(), 0) == 0 || errno == ENOENT;
+// Puts what is whole in the place of what is there; that stays when the new one cannot be made.
+bool VfsGetter::replace(int directory, const std::string& name, const TarnVFSEntry& entry) {
+  std::string fresh;
+  for (bool isMade = false; !isMade;) {
+    fresh = ".tarns-" + std::to_string(::getpid()) + "-" + std::to_string(++temporaries_);
+    isMade = make(directory, fresh, entry);
+    if (!isMade && errno != EEXIST) return false;
+  }
+  if (::renameat(directory, fresh.c_str(), directory, name.c_str()) == 0) return true;
+  RemoveKeepingError(directory, fresh);
+  return false;
+}
+
+bool VfsGetter::make(int directory, const std::string& name, const TarnVFSEntry& entry) {
+  const bool isLink = entry.info.kind == TarnVFSInfo::Kind::kLink;
+  return isLink ? makeLink(directory, name, entry) : writeFile(directory, name, entry);
 }
 
 bool VfsGetter::writeFile(int directory, const std::string& name, const TarnVFSEntry& entry) {
@@ -200,9 +214,7 @@ bool VfsGetter::writeFile(int directory, const std::string& name, const TarnVFSE
     ::unlinkat(directory, name.c_str(), 0);
     throw;
   }
-  const int error = errno;
-  ::unlinkat(directory, name.c_str(), 0);
-  errno = error;
+  RemoveKeepingError(directory, name);
   return false;
 }
 
@@ -216,14 +228,23 @@ bool VfsGetter::writeContent(int file, const TarnVFSEntry& entry) {
 }
 
 bool VfsGetter::makeLink(int directory, const std::string& name, const TarnVFSEntry& entry) {
-  const std::string target = TarnVFSReader(entry.item).readAll();
+  TarnVFSReader reader(entry.item);
+  if (reader.getSize() >= PATH_MAX) {
+    errno = ENAMETOOLONG;
+    return false;
+  }
+  const std::string target = reader.readAll();
   if (target.find('\0') != std::string::npos) {
     errno = EINVAL;
     return false;
   }
   if (::symlinkat(target.c_str(), directory, name.c_str()) != 0) return false;
-  return entry.info.modified == TarnVFSTime{} ||
-         ::utimensat(directory, name.c_str(), TimesOf(entry.info).data(), AT_SYMLINK_NOFOLLOW) == 0;
+  if (entry.info.modified == TarnVFSTime{} ||
+      ::utimensat(directory, name.c_str(), TimesOf(entry.info).data(), AT_SYMLINK_NOFOLLOW) == 0) {
+    return true;
+  }
+  RemoveKeepingError(directory, name);
+  return false;
 }
 
 }  // namespace tarns

@@ -15,7 +15,8 @@ namespace tarns {
 //
 // Nothing is written outside of the target, whatever names and links the file system or the target
 // holds: names that no file can have (".", "..", with "/") are passed over with a message, and what
-// is a link in the target is not followed. A file that could not be written whole is removed.
+// is a link in the target is not followed. A file that could not be written whole is removed, and
+// what it was to replace stays.
 // Links are made as links; permissions and times are set.
 // Errors: std::system_error when the target cannot be opened at all or the disk is full;
 // what the database reports, and Interrupted. Then getNumWritten() says what is there.
@@ -43,17 +44,18 @@ class VfsGetter {
   void getBelow(const std::string& name);
   void getEntry(int directory, const std::string& name, const TarnVFSEntry& entry,
                 const std::string& path);
+  bool replace(int directory, const std::string& name, const TarnVFSEntry& entry);
+  bool make(int directory, const std::string& name, const TarnVFSEntry& entry);
   bool writeFile(int directory, const std::string& name, const TarnVFSEntry& entry);
   bool writeContent(int file, const TarnVFSEntry& entry);
   bool makeLink(int directory, const std::string& name, const TarnVFSEntry& entry);
-  bool removeOld(int directory, const std::string& name) const;
   void fail(const std::string& path, const char* what);
   void failWithError(const std::string& path);
 
   const bool overwrite_;
   const std::function<void(std::uint64_t files)> done_;
   std::vector<Directory> open_;  // the innermost last
-  std::uint64_t written_ = 0, failures_ = 0;
+  std::uint64_t written_ = 0, failures_ = 0, temporaries_ = 0;
   std::string lastWritten_;
 };
 

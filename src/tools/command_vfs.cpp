@@ -109,6 +109,10 @@ std::string NameOfFile(std::string_view inTree) {
   return name;
 }
 
+bool IsFileName(std::string_view name) {
+  return !name.empty() && name != "." && name != ".." && name.find('/') == std::string_view::npos;
+}
+
 void AddVfs(CLI::App& app, Invocation& invocation) {
   CLI::App& vfs =
       AddCommand(app, "vfs", "Keep files in the tree: folders, items, a recycle bin",

@@ -4,6 +4,7 @@
 #include <tarns/vfs/TarnVFSReader.h>
 
 #include <algorithm>
+#include <climits>
 #include <limits>
 #include <memory>
 #include <optional>
@@ -208,7 +209,8 @@ int Stat(const Invocation& invocation, const VfsOptions& options) {
     facts.add({"type:", Shown(xcptref<TarnVFSFile>(item)->getContentType(name))});
   }
   if (info->kind == TarnVFSInfo::Kind::kLink) {
-    facts.add({"leads to:", Shown(TarnVFSReader(item).readAll())});
+    facts.add({"leads to:", info->size < PATH_MAX ? Shown(TarnVFSReader(item).readAll())
+                                                  : "nothing: longer than links can be"});
   }
   facts.add({"mode:", ModeText(*info)});
   facts.add({"modified:", TimeText(info->modified)});

@@ -91,13 +91,15 @@ int Get(const Invocation& invocation, const TransferOptions& options) {
   if (item.is_null() && folder.is_null()) ThrowNoSuchEntry(options.path);
   const std::string name = NameOfFile(TarnBranches::LastOf(options.path));
   std::string target = options.real;
-  if (target.empty()) {
-    if (name.empty() || name == "." || name == ".." || name.find('/') != std::string::npos) {
-      throw UsageError{"\"" + options.path + "\" needs a TARGET: no file can have its name."};
-    }
-    target = name;
-  } else if (!item.is_null() && IsDirectory(target)) {
+  const bool isInto = !item.is_null() && !target.empty() && IsDirectory(target);
+  if ((target.empty() || isInto) && !IsFileName(name)) {
+    throw UsageError{"\"" + options.path + "\" needs a TARGET" + (isInto ? " that is a file" : "") +
+                     ": no file can have its name."};
+  }
+  if (isInto) {
     target += "/" + name;
+  } else if (target.empty()) {
+    target = name;
   }
   Progress progress("get", 0, "files");
   VfsGetter getter(options.overwrite, [&](std::uint64_t count) { progress.show(0, count); });

@@ -51,6 +51,8 @@ const char* KindText(TarnVFSInfo::Kind kind);
 // and a "%" before "7E" or "25" as "%25". Every name comes back as it was.
 std::string NameInTree(std::string_view real);
 std::string NameOfFile(std::string_view inTree);
+// Whether a directory can have an entry of that name.
+bool IsFileName(std::string_view name);
 
 // The parts of `tarns vfs`; each adds its sub-commands.
 void AddVfsListing(CLI::App& vfs, Invocation& invocation);

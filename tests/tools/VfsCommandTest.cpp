@@ -304,6 +304,41 @@ TEST_F(VfsCommandTest, GetStaysWithinItsTarget) {
   EXPECT_EQ(fs::file_size(file("precious")), 8u);
 }
 
+// An item that cannot be written leaves what it was to replace, and nothing beside it; its name
+// does not lead out of a directory that it goes into.
+TEST_F(VfsCommandTest, GetKeepsWhatItCannotReplace) {
+  inSession([](TarnVFS& files) {
+    const auto link = [&](const char* name, TarnVFSContent content) {
+      const auto item = TarnVFSFile::Create();
+      modify(item)->setContent(content);
+      modify(item)->setKind(TarnVFSInfo::Kind::kLink);
+      files.addItem(std::string("f~") + name, item, false, false);
+    };
+    files.createFolder("f");
+    link("nul", TarnVFSContent(std::string_view("a\0b", 3)));
+    TarnVFSContent huge;
+    huge.size = std::uint64_t{1} << 60;
+    link("huge", huge);
+    link("../escaped", TarnVFSContent("x"));
+  });
+  const fs::path target = file("target");
+  fs::create_directory(target);
+  for (const char* name : {"nul", "huge"}) Write(target / name, name);
+  const auto before = PictureOf(target);
+  const program_result result = run({"vfs", "get", "f", target, "--overwrite"});
+  EXPECT_EQ(result.status, 3);
+  EXPECT_THAT(result.err, AllOf(HasSubstr("Invalid argument"), HasSubstr("File name too long")));
+  const auto after = PictureOf(target);
+  EXPECT_EQ(after.size(), before.size());
+  for (const char* name : {"/nul", "/huge"}) EXPECT_EQ(after.at(name), before.at(name));
+  EXPECT_THAT(vfs({"stat", "f~huge"}), HasSubstr("longer than links can be"));
+
+  const program_result escaping = run({"vfs", "get", "f~../escaped", target});
+  EXPECT_EQ(escaping.status, 2);
+  EXPECT_THAT(escaping.err, HasSubstr("no file can have its name"));
+  EXPECT_FALSE(fs::exists(fs::symlink_status(file("escaped"))));
+}
+
 TEST_F(VfsCommandTest, TellsWhatCouldNotBeReadOrWritten) {
   fs::create_directories(file("s") + "/closed");
   Write(file("s") + "/good", "1");
