@@ -2,20 +2,16 @@
 
 #include <tarns/core/TarnException.h>
 
-#include <algorithm>
 #include <chrono>
 #include <filesystem>
-#include <fstream>
-#include <sstream>
-#include <string_view>
+
+#include "tools/storage_directories.h"
 
 namespace tarns {
 
 namespace {
 
 namespace fs = std::filesystem;
-
-constexpr std::string_view kDirectoryAddress = "file:";
 
 [[noreturn]] void ThrowNotFound(TarnException error) {
   error.setErrorID(ErrorID::FileNotFound);
@@ -32,16 +28,6 @@ bool IsThere(const fs::path& path) {
   throw error;
 }
 
-// The directory that a line of a configuration file names; empty for none.
-std::string DirectoryIn(const std::string& line) {
-  const std::size_t address = line.find(kDirectoryAddress);
-  if (address == std::string::npos) return "";
-  std::string directory = line.substr(address + kDirectoryAddress.size());
-  directory.resize(std::min(directory.find('?'), directory.size()));
-  directory.resize(directory.find_last_not_of(" \t\r") + 1);
-  return directory;
-}
-
 bool IsEmpty(const fs::path& directory) {
   std::error_code problem;  // which connecting will meet, too
   return fs::is_empty(directory, problem) && !problem;
@@ -50,17 +36,11 @@ bool IsEmpty(const fs::path& directory) {
 // Opening would make what is missing, which is right for init only. What else may be wrong with
 // the file is found out by connecting.
 void VerifyStorages(const std::string& configuration) {
-  std::ifstream lines(configuration);
-  std::string line;
-  std::size_t count = 0;
-  if (!std::getline(lines, line) || !(std::istringstream(line) >> count)) return;
-  for (; count != 0 && std::getline(lines, line); --count) {
-    const std::string named = DirectoryIn(line);
-    const fs::path directory = fs::path(configuration).parent_path() / named;
-    if (named.empty() || (IsThere(directory) && !IsEmpty(directory))) continue;
+  for (const std::string& directory : StorageDirectoriesOf(configuration)) {
+    if (IsThere(directory) && !IsEmpty(directory)) continue;
     TarnException error;
-    error << "There is no storage at \"" << directory.string()
-          << "\", which the configuration file \"" << configuration << "\" names.";
+    error << "There is no storage at \"" << directory << "\", which the configuration file \""
+          << configuration << "\" names.";
     ThrowNotFound(error);
   }
 }

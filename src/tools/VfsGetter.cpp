@@ -137,6 +137,10 @@ void VfsGetter::getBelow(const std::string& name) {
   if (folder.is_null()) return;  // removed meanwhile
   const std::string real = NameOfFile(name);
   const std::string path = Joined(above.path, real);
+  const auto isSame = [&](const Directory& directory) { return directory.folder == folder; };
+  if (std::any_of(open_.begin(), open_.end(), isSame)) {
+    return fail(path, "The folder is within itself; skipped.");
+  }
   if (!IsFileName(real)) return fail(path, "No directory can have this name; skipped.");
   if (::mkdirat(above.file.get(), real.c_str(), 0777) != 0 && errno != EEXIST) {
     return failWithError(path);

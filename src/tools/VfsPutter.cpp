@@ -10,6 +10,7 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <limits>
 #include <system_error>
 #include <utility>
 
@@ -94,6 +95,11 @@ void VfsPutter::fail(const std::string& path, const char* what) {
   Complain("\"" + path + "\": " + what);
 }
 
+void VfsPutter::leaveOut(const std::string& directory) {
+  struct stat status {};
+  if (::stat(directory.c_str(), &status) == 0) leftOut_.emplace(status.st_dev, status.st_ino);
+}
+
 void VfsPutter::put(const std::string& source, const std::string& path) {
   struct stat status {};
   if (::lstat(source.c_str(), &status) != 0) ThrowSystemError(source);
@@ -148,6 +154,11 @@ void VfsPutter::put(const std::string& source, const std::string& path) {
 // --- Going through real files -------------------------------------------------------------------
 
 void VfsPutter::putDirectory(std::shared_ptr<Directory> directory) {
+  struct stat status {};
+  if (::fstat(directory->file.get(), &status) == 0 &&
+      leftOut_.contains({status.st_dev, status.st_ino})) {
+    return fail(directory->real, "This directory holds the open database; skipped.");
+  }
   // The stream closes the file that it is given.
   DIR* const stream = ::fdopendir(::fcntl(directory->file.get(), F_DUPFD_CLOEXEC, 0));
   if (stream == nullptr)
@@ -186,6 +197,9 @@ void VfsPutter::putEntry(const std::shared_ptr<Directory>& directory, const std:
       }
       below->folder = directory->folder->getFolder(below->name);
       below->wasThere = !below->folder.is_null();
+      const bool isRefused =
+          (directory->folder->getFolderType() & TarnVFSFolder::kNoSubFolders) != 0;
+      if (!below->wasThere && isRefused) return fail(real, "The folder takes no sub-folders.");
     }
     below->file = UniqueFile(::openat(directory->file.get(), name.c_str(),
                                       O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
@@ -231,7 +245,10 @@ void VfsPutter::putFile(const std::shared_ptr<Directory>& directory, const std::
   if (size < 0)
     return fail(Joined(directory->real, name), std::generic_category().message(errno).c_str());
   if (static_cast<std::size_t>(size) == buffer_.size()) {
-    return putLarge(directory, name, file.get());
+    // What grows meanwhile would be read for ever. Some files do not tell their size.
+    const auto limit = status.st_size == 0 ? std::numeric_limits<std::uint64_t>::max()
+                                           : static_cast<std::uint64_t>(status.st_size);
+    return putLarge(directory, name, file.get(), std::max<std::uint64_t>(limit, buffer_.size()));
   }
   Change change{directory, directory->nameInTree(name),
                 buffer_.substr(0, static_cast<std::size_t>(size))};
@@ -240,16 +257,18 @@ void VfsPutter::putFile(const std::shared_ptr<Directory>& directory, const std::
   add(std::move(change));
 }
 
-// `file` has been read to the end of the buffer.
+// `file` has been read to the end of the buffer; `limit` bytes of it are put at most.
 void VfsPutter::putLarge(const std::shared_ptr<Directory>& directory, const std::string& name,
-                         int file) {
+                         int file, std::uint64_t limit) {
   commit();  // makes the folder
   const std::string path = directory->pathOf(directory->nameInTree(name));
   TarnVFSWriter writer(files_, path);
   auto size = static_cast<ssize_t>(buffer_.size());
-  for (; size > 0; size = ReadAll(file, buffer_.data(), buffer_.size())) {
+  while (size > 0) {
     writer.write(std::string_view(buffer_.data(), static_cast<std::size_t>(size)));
+    limit -= static_cast<std::uint64_t>(size);
     ThrowIfInterrupted();
+    size = ReadAll(file, buffer_.data(), std::min<std::uint64_t>(buffer_.size(), limit));
   }
   struct stat status {};
   if (size < 0 || ::fstat(file, &status) != 0) {

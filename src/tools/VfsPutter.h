@@ -3,11 +3,15 @@
 #include <tarns/vfs/TarnVFS.h>
 #include <tarns/vfs/TarnVFSFile.h>
 
+#include <sys/types.h>
+
 #include <cstdint>
 #include <functional>
 #include <memory>
+#include <set>
 #include <string>
 #include <string_view>
+#include <utility>
 #include <vector>
 
 namespace tarns {
@@ -26,6 +30,8 @@ class VfsPutter {
   VfsPutter(TarnVFS& files, std::function<void(std::uint64_t files)> done);
   ~VfsPutter();
 
+  // Passes over the directory, wherever it is met, with a message.
+  void leaveOut(const std::string& directory);
   // Puts `source` at `path`.
   void put(const std::string& source, const std::string& path);
 
@@ -41,7 +47,8 @@ class VfsPutter {
   void putEntry(const std::shared_ptr<Directory>& directory, const std::string& name);
   void putLink(const std::shared_ptr<Directory>& directory, const std::string& name);
   void putFile(const std::shared_ptr<Directory>& directory, const std::string& name);
-  void putLarge(const std::shared_ptr<Directory>& directory, const std::string& name, int file);
+  void putLarge(const std::shared_ptr<Directory>& directory, const std::string& name, int file,
+                std::uint64_t limit);
   void add(Change change);
   void commit();
   void apply(Change& change);
@@ -54,6 +61,7 @@ class VfsPutter {
   std::vector<std::shared_ptr<Directory>> open_;  // the next one last
   std::vector<Change> changes_;                   // not stored yet
   std::uint64_t changedBytes_ = 0;
+  std::set<std::pair<dev_t, ino_t>> leftOut_;  // directories
   std::uint64_t found_ = 0, stored_ = 0, failures_ = 0;
   std::string lastFound_, lastStored_;
   std::string buffer_;

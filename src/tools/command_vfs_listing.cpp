@@ -177,9 +177,11 @@ int Tree(const Invocation& invocation, const VfsOptions& options) {
     }
     out << std::string(2 * open.size(), ' ') << Shown(entry->name);
     if (entry->item.is_null()) {
-      out << "/\n";
       auto below = open.back().folder->getFolder(entry->name);
-      if (!below.is_null()) open.push_back({below, Entries(below, {})});
+      const auto isSame = [&](const Level& level) { return level.folder == below; };
+      const bool isCircle = std::any_of(open.begin(), open.end(), isSame);
+      out << (isCircle ? "/  (within itself)\n" : "/\n");
+      if (!below.is_null() && !isCircle) open.push_back({below, Entries(below, {})});
     } else {
       out << "  (" << std::to_string(entry->info.size) << ")\n";
     }

@@ -6,13 +6,16 @@
 #include <sys/stat.h>
 
 #include <exception>
+#include <filesystem>
 #include <memory>
 #include <string>
+#include <system_error>
 
 #include "tools/Progress.h"
 #include "tools/VfsGetter.h"
 #include "tools/VfsPutter.h"
 #include "tools/signals.h"
+#include "tools/storage_directories.h"
 #include "tools/vfs_command.h"
 
 namespace tarns {
@@ -61,8 +64,15 @@ std::string CountText(std::uint64_t count, const char* what, const std::string& 
 
 // Where a source without a path goes: under its own name; a file into a folder that is there.
 std::string PutPath(TarnVFS& files, const TransferOptions& options) {
-  const std::string name = NameInTree(LastNameOf(options.real));
-  if (options.path.empty()) return name;
+  std::string real = LastNameOf(options.real);
+  std::error_code problem;
+  if (!IsFileName(real)) real = std::filesystem::canonical(options.real, problem).filename();
+  std::string name = NameInTree(real);
+  if (options.path.empty()) {
+    if (!IsFileName(real))
+      throw UsageError{"\"" + options.real + "\" needs a PATH: it has no name."};
+    return name;
+  }
   if (IsDirectory(options.real) || !files.isFolderExist(options.path)) return options.path;
   return options.path + "~" + name;
 }
@@ -73,6 +83,9 @@ int Put(const Invocation& invocation, const TransferOptions& options) {
   const SignalWatch watch;
   Progress progress("put", 0, "files");
   VfsPutter putter(*files, [&](std::uint64_t count) { progress.show(0, count); });
+  for (const std::string& directory : StorageDirectoriesOf(ConfigurationOf(invocation))) {
+    putter.leaveOut(directory);
+  }
   RunTelling([&] { putter.put(options.real, PutPath(*files, options)); },
              [&] {
                Complain("Ended early: " +

@@ -19,6 +19,16 @@ bool TakesFolders(const Folder& folder) {
   return (folder->getFolderType() & TarnVFSFolder::kNoSubFolders) == 0;
 }
 
+// Whether a path leads to the folder or through it, also where its parent is elsewhere.
+bool LeadsThrough(Folder at, std::string_view path, const Folder& folder) {
+  for (const std::string_view name : TarnBranches(path)) {
+    at = at->getFolder(name);
+    if (at.is_null()) return false;
+    if (at == folder) return true;
+  }
+  return false;
+}
+
 // Moves what is in `from` into `to`; sub-folders that both have are merged in turn.
 void Merge(const Folder& from, const Folder& to) {
   std::vector<std::pair<Folder, Folder>> open{{from, to}};
@@ -121,10 +131,13 @@ bool TarnVFS::deleteFolder(TarnPathText path) {
 bool TarnVFS::transferFolder(std::string_view from, std::string_view to, bool isCopy) {
   const Place source = placeAt(from), target = targetOf(from, to);
   if (!source.isValid() || !target.isValid()) return false;
+  const Folder root = getVFSRootNode();
+  const std::string_view above = folderAt(to).is_null() ? TarnBranches::ParentOf(to) : to;
   return change([&] {
     LockFolders(source.folder, target.folder);
     const Folder folder = source.folder->getFolder(source.name);
     if (folder.is_null() || IsAtOrAbove(folder, target.folder)) return false;
+    if (LeadsThrough(root, above, folder)) return false;
     if (!TakesFolders(target.folder)) return false;
     if (!isCopy && source.folder == target.folder && source.name == target.name) return true;
     const XString name = FreeName(target.folder->getFoldersNode(), target.name);

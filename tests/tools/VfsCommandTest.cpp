@@ -26,7 +26,6 @@ namespace {
 using testing::AllOf;
 using testing::AnyOf;
 using testing::HasSubstr;
-using testing::IsEmpty;
 
 namespace fs = std::filesystem;
 
@@ -308,7 +307,7 @@ TEST_F(VfsCommandTest, GetStaysWithinItsTarget) {
 // does not lead out of a directory that it goes into.
 TEST_F(VfsCommandTest, GetKeepsWhatItCannotReplace) {
   inSession([](TarnVFS& files) {
-    const auto link = [&](const char* name, TarnVFSContent content) {
+    const auto link = [&](const char* name, const TarnVFSContent& content) {
       const auto item = TarnVFSFile::Create();
       modify(item)->setContent(content);
       modify(item)->setKind(TarnVFSInfo::Kind::kLink);
@@ -337,6 +336,39 @@ TEST_F(VfsCommandTest, GetKeepsWhatItCannotReplace) {
   EXPECT_EQ(escaping.status, 2);
   EXPECT_THAT(escaping.err, HasSubstr("no file can have its name"));
   EXPECT_FALSE(fs::exists(fs::symlink_status(file("escaped"))));
+}
+
+TEST_F(VfsCommandTest, PutLeavesOutTheDatabaseAndFindsNames) {
+  const program_result result = run({"vfs", "put", file("db"), "s"});
+  EXPECT_EQ(result.status, 3);
+  EXPECT_THAT(result.err, HasSubstr("holds the open database; skipped"));
+  EXPECT_EQ(vfs({"ls", "s"}), "tarns.conf\n");
+  fs::create_directories(file("named") + "/sub");
+  vfs({"put", file("named") + "/."});
+  vfs({"put", file("named") + "/sub/..", "f"});
+  EXPECT_EQ(vfs({"ls"}), "f\nnamed\ns\n");
+  EXPECT_EQ(run({"vfs", "put", "/"}).status, 2);
+
+  inSession(
+      [](TarnVFS& files) { files.createFolder("closed", nullptr, TarnVFSFolder::kNoSubFolders); });
+  const program_result refused = run({"vfs", "put", file("named"), "closed"});
+  EXPECT_EQ(refused.status, 3);
+  EXPECT_THAT(refused.err, HasSubstr("takes no sub-folders"));
+  EXPECT_EQ(vfs({"ls", "closed"}), "");
+}
+
+TEST_F(VfsCommandTest, FoldersWithinThemselvesAreShownOnce) {
+  inSession([](TarnVFS& files) {
+    files.createFolder("a~b");
+    const auto b = files.getFolder("a~b");
+    modify(b)->getChildWithNameNoFail("vfsFolders", TarnObject::GetType());
+    modify(b->getFoldersNode())->addChild("c", files.getFolder("a"));
+  });
+  EXPECT_EQ(vfs({"tree"}), ".\n  a/\n    b/\n      c/  (within itself)\n");
+  const program_result result = run({"vfs", "get", "a", file("got")});
+  EXPECT_EQ(result.status, 3);
+  EXPECT_THAT(result.err, HasSubstr("within itself; skipped"));
+  EXPECT_TRUE(fs::is_directory(file("got") + "/b"));
 }
 
 TEST_F(VfsCommandTest, TellsWhatCouldNotBeReadOrWritten) {

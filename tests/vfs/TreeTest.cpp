@@ -272,6 +272,11 @@ TEST_F(TreeTest, RefusedFoldersLeaveCountsAndPlaces) {
   const char* other = vfs().getFolder("b")->getName() == "b" ? "second" : "b";
   EXPECT_THAT([&] { vfs().moveFolder(other, "c"); }, ThrowsTarn(111, HasSubstr("another place")));
   EXPECT_EQ(tree(), before);
+  // Into itself by a path on which a folder has its parent elsewhere.
+  vfs().createFolder("c~d");
+  modify(folders)->addChild("d", vfs().getFolder("c~d"));
+  EXPECT_FALSE(vfs().moveFolder("c", "c~d"));
+  EXPECT_TRUE(vfs().isFolderExist("c~d"));
   unsigned long id = 0;
   ASSERT_TRUE(vfs().moveFolderToBin(other, &id));
   modify(folders)->addChild("third", vfs().listRecycleBin().front().node);
