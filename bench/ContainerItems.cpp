@@ -108,10 +108,10 @@ void InBatches(TarnManager& manager, std::size_t count, const Work& work) {
 
 template <class Work>
 void InBatches(TarnManager& manager, Children& children, std::size_t count, const Work& work) {
-  for (std::size_t i = 0; i < count;) {
+  for (std::size_t begin = 0; begin < count; begin += kBatch) {
     TarnTransaction transaction(manager);
     children.inBatch([&] {
-      for (const std::size_t end = std::min(i + kBatch, count); i < end; ++i) work(i);
+      for (std::size_t i = begin; i < std::min(begin + kBatch, count); ++i) work(i);
     });
     transaction.commit();
   }

@@ -67,6 +67,7 @@ void Bench::queries(bool isIndexed) {
     session->beginReads();
     TimeQueries(*session, expected, count, peer);
     std::vector<double> figures;
+    figures.reserve(static_cast<std::size_t>(options_.rounds));
     for (int round = 0; round < options_.rounds; ++round) {
       figures.push_back(static_cast<double>(count) / TimeQueries(*session, expected, count, peer));
     }

@@ -24,7 +24,7 @@ constexpr double kMedianTarget = 100, kLateTarget = 1000;  // microseconds
 
 std::string MakeConfiguration(const std::filesystem::path& directory, const char* options) {
   std::filesystem::create_directories(directory);
-  const std::string path = (directory / "watch.conf").string();
+  std::string path = (directory / "watch.conf").string();
   std::ofstream(path) << "1\n0: file:./data" << options << '\n';
   return path;
 }

@@ -9,8 +9,8 @@
 #include <string>
 #include <string_view>
 
+#include "fuzz/OpenSession.h"
 #include "fuzz/fuzzer.h"
-#include "fuzz/open_session.h"
 #include "tests/support/scratch_directory.h"
 #include "tools/JsonImporter.h"
 #include "tools/JsonInput.h"
@@ -54,7 +54,7 @@ std::string Imported(TarnManager& manager) {
 }  // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
-  static fuzz::open_session session;
+  static fuzz::OpenSession session;
   Save({reinterpret_cast<const char*>(data), size});
   std::string json;
   try {

@@ -19,8 +19,8 @@
 #include <string_view>
 #include <vector>
 
+#include "fuzz/OpenSession.h"
 #include "fuzz/fuzzer.h"
-#include "fuzz/open_session.h"
 #include "tests/support/random_tree.h"
 
 namespace {
@@ -100,7 +100,7 @@ void TakeApart(const TarnRef& top) {
 }
 
 // A session; writes the seeds when they are asked for.
-class Session : public fuzz::open_session {
+class Session : public fuzz::OpenSession {
  public:
   Session() {
     // NOLINTNEXTLINE(concurrency-mt-unsafe): nothing changes the environment

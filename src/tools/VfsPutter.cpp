@@ -164,6 +164,7 @@ void VfsPutter::putDirectory(std::shared_ptr<Directory> directory) {
   if (stream == nullptr)
     return fail(directory->real, std::generic_category().message(errno).c_str());
   errno = 0;
+  // NOLINTNEXTLINE(concurrency-mt-unsafe): nobody else has this stream
   while (const dirent* entry = ::readdir(stream)) {
     const std::string_view name = entry->d_name;
     if (name != "." && name != "..") directory->left.emplace_back(name);

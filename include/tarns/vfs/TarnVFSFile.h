@@ -19,7 +19,7 @@ class TarnVFSPieces;
 // and copies of an item share what they have in common. What nothing refers to any more a
 // collection removes.
 struct TARNS_API TarnVFSContent {
-  // Bytes in a piece; each is an object of its own. Measured: smaller ones cost more per byte to
+  // Bytes in a piece; each is an object of its own. Smaller ones would cost more per byte to
   // store and load, larger ones make rewriting a few bytes dearer (see docs/vfs.md).
   static constexpr std::uint64_t kPieceSize = std::uint64_t{128} << 10;
 

@@ -14,9 +14,9 @@
 namespace fuzz {
 
 // Attaches the thread; what is logged is dropped.
-class open_session {
+class OpenSession {
  public:
-  open_session() {
+  OpenSession() {
     tarns::Log::Redirect([](tarns::Log::Level, std::string_view) {});
     std::ofstream(directory_.file("tarns.conf")) << "1\n0: file:./data\n";
     tarns::TarnManager::Initialize();
