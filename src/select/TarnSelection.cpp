@@ -268,7 +268,7 @@ std::vector<TarnChild> BestOf(std::size_t count, bool isDescending, const Next& 
       std::pop_heap(kept.begin(), kept.end(), comesFirst);
       kept.pop_back();
     }
-    kept.push_back(std::move(one));
+    kept.push_back(std::exchange(one, Ranked()));
     std::push_heap(kept.begin(), kept.end(), comesFirst);
   }
   std::sort_heap(kept.begin(), kept.end(), comesFirst);
