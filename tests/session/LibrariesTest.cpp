@@ -104,7 +104,7 @@ TEST_F(LibrariesTest, ABrokenLibraryIsReportedAndStopsNothing) {
   const captured_log log;
   for (const char* name : {"no_abi", "other_abi", "unresolved", "circle_1", "circle_2"}) put(name);
   std::ofstream(folder() + "/libjunk.so") << "not a library at all, but long enough to be read\n";
-  std::ofstream(folder() + "/libempty.so");
+  std::ofstream(folder() + "/libempty.so") << "";
   std::ofstream(folder() + "/readme.txt") << "ignored\n";
   TarnLibraries libraries;
   EXPECT_EQ(load(libraries), 0U);
