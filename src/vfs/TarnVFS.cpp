@@ -79,6 +79,15 @@ xcptref<TarnVFSFolder> TarnVFS::folderAt(std::string_view path) {
       root->getChildWithName(getDBPathFor(std::string(path).c_str()).view()));
 }
 
+// Whether the folder, which was found at `path`, is still in the file system; in a transaction this
+// locks what is above. A folder that is listed in several places may have its parent in none that
+// is left.
+bool TarnVFS::isThere(const xcptref<TarnVFSFolder>& folder, std::string_view path) {
+  std::string way;
+  if (PathBelow(getRootNode(), folder, way)) return true;
+  return folderAt(path) == folder && PathBelow(getRootNode(), getVFSRootNode(), way);
+}
+
 xcptref<TarnVFSItem> TarnVFS::itemAt(std::string_view path) {
   VerifyNoNul(path);
   if (path.empty()) return nullptr;

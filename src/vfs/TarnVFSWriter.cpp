@@ -73,6 +73,7 @@ class TarnVFSWriter::State {
 
   TarnVFS& files_;
   const Mode mode_;
+  const std::string above_;  // path of the folder
   const xcptref<TarnVFSFolder> folder_;
   const std::string name_;
   TarnVFSContent before_;  // of the item, in the mode kUpdate
@@ -92,7 +93,8 @@ class TarnVFSWriter::State {
 TarnVFSWriter::State::State(TarnVFS& files, std::string_view path, Mode mode)
     : files_(files),
       mode_(mode),
-      folder_(path.empty() ? nullptr : files.folderAt(TarnBranches::ParentOf(path))),
+      above_(TarnBranches::ParentOf(path)),
+      folder_(path.empty() ? nullptr : files.folderAt(above_)),
       name_(TarnBranches::LastOf(path)) {
   VerifyNoNul(name_);
   if (folder_.is_null()) TarnException::ThrowNonExistentPath(std::string(path).c_str());
@@ -263,6 +265,7 @@ xcptref<TarnVFSFile> TarnVFSWriter::State::fileToWrite() {
 
 void TarnVFSWriter::State::attach() {
   LockFolders(folder_, folder_);
+  if (!files_.isThere(folder_, above_)) TarnException::ThrowNonExistentPath(above_.c_str());
   const auto file = fileToWrite();
   auto body = modify(file);
   body->setContent(content());

@@ -10,6 +10,7 @@
 #include <thread>
 
 #include "containers/bundle_check.h"
+#include "support/run_in_sessions.h"
 #include "support/session_fixture.h"
 
 namespace tarns {
@@ -18,34 +19,13 @@ namespace {
 class ContainerConcurrencyTest : public session_test {
  protected:
   ContainerConcurrencyTest() : session_test(1, {}, scratch_directory::place::in_memory) {}
-
-  // Runs work(i, session) in a thread each, on two sessions in turn; what they throw fails the
-  // test.
-  template <class Work>
-  void runThreads(int threads, const Work& work) {
-    TarnManager other;
-    other.connect(configuration().c_str());
-    std::vector<std::jthread> running;
-    for (int i = 0; i < threads; ++i) {
-      running.emplace_back([&, i] {
-        TarnManager& session = i % 2 == 0 ? manager() : other;
-        const TarnAttachment attachment(session);
-        try {
-          work(i, session);
-        } catch (const TarnException& error) {
-          ADD_FAILURE() << "thread " << i << ": " << error.getError();
-        }
-      });
-    }
-    running.clear();
-  }
 };
 
 TEST_F(ContainerConcurrencyTest, ThreadsHandOutAndFreeSlotsOfOneBundle) {
   constexpr int kThreads = 4, kRounds = 120;
   manager().set("b", TarnBundle::Create("TarnSint32Value"));
   std::set<std::string> expected[kThreads];
-  runThreads(kThreads, [&](int i, TarnManager& session) {
+  run_in_sessions(manager(), kThreads, [&](int i, TarnManager& session) {
     std::minstd_rand random(static_cast<unsigned>(i) + 1);
     const xcptref<TarnBundle> bundle(session.getObject("b"));
     for (int round = 0; round < kRounds; ++round) {
@@ -83,7 +63,7 @@ TEST_F(ContainerConcurrencyTest, ThreadsHandOutAndFreeSlotsOfOneBundle) {
 
 TEST_F(ContainerConcurrencyTest, ManyBundlesAreFilledSideBySide) {
   constexpr int kThreads = 4, kBundles = 60, kObjects = 7;
-  runThreads(kThreads, [&](int i, TarnManager& session) {
+  run_in_sessions(manager(), kThreads, [&](int i, TarnManager& session) {
     for (int b = i; b < kBundles; b += kThreads) {
       const std::string path = "bundles~" + std::to_string(b);
       session.transaction([&] {
@@ -174,7 +154,7 @@ class BalanceTest : public ContainerConcurrencyTest {
 };
 
 TEST_F(BalanceTest, EveryChildIsInOnePlaceWhileOthersReadAddDeleteAndList) {
-  runThreads(6, [&](int i, TarnManager& session) {
+  run_in_sessions(manager(), 6, [&](int i, TarnManager& session) {
     switch (i) {
       case 0:
       case 1:

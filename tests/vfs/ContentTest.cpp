@@ -42,6 +42,25 @@ TEST_F(ContentTest, KeepsContentOfAnySize) {
   }
 }
 
+TEST_F(ContentTest, GoesWithAFolderThatIsMovedAndNotIntoOneThatIsRemoved) {
+  vfs().createFolder("a~b");
+  TarnVFSWriter moved(vfs(), "a~b~x"), removed(vfs(), "a~b~y");
+  for (TarnVFSWriter* writer : {&moved, &removed}) writer->write(std::string_view("text"));
+  ASSERT_TRUE(vfs().moveFolder("a~b", ""));
+  moved.finish();
+  EXPECT_EQ(content("b~x"), "text");
+  const auto removeAndFinish = [&] {
+    manager().transaction([&] {
+      ASSERT_TRUE(vfs().deleteFolder("b"));
+      removed.finish();
+    });
+  };
+  EXPECT_THAT(removeAndFinish, ThrowsTarn(7, testing::HasSubstr("a~b")));
+  EXPECT_EQ(content("b~x"), "text");  // the transaction was rolled back
+  ASSERT_TRUE(vfs().deleteFolder("b"));
+  EXPECT_THAT([&] { removed.finish(); }, ThrowsTarn(7, testing::HasSubstr("a~b")));
+}
+
 // Random writes, cuts and reads, beside a string that is treated alike.
 TEST_F(ContentTest, IsWrittenAnywhere) {
   for (unsigned seed = 1; seed <= 4; ++seed) {

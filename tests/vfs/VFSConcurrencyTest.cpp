@@ -6,6 +6,7 @@
 #include <set>
 #include <thread>
 
+#include "support/run_in_sessions.h"
 #include "vfs/vfs_fixture.h"
 
 namespace tarns {
@@ -13,24 +14,13 @@ namespace {
 
 class VFSConcurrencyTest : public vfs_test {
  protected:
-  // Runs work(i, files) in a thread each, on two sessions in turn; what they throw fails the test.
+  // Runs work(i, files) in a thread each.
   template <class Work>
   void runThreads(int threads, const Work& work) {
-    TarnManager other;
-    other.connect(configuration().c_str());
-    std::vector<std::jthread> running;
-    for (int i = 0; i < threads; ++i) {
-      running.emplace_back([&, i] {
-        TarnManager& session = i % 2 == 0 ? manager() : other;
-        const TarnAttachment attachment(session);
-        try {
-          TarnVFS files(session, session.getObject("files"));
-          work(i, files);
-        } catch (const TarnException& error) {
-          ADD_FAILURE() << "thread " << i << ": " << error.getError();
-        }
-      });
-    }
+    run_in_sessions(manager(), threads, [&](int i, TarnManager& session) {
+      TarnVFS files(session, session.getObject("files"));
+      work(i, files);
+    });
   }
 };
 

@@ -228,6 +228,7 @@ class TARNS_API TarnVFS {
   Place targetOf(std::string_view from, std::string_view to);
   xcptref<TarnVFSFolder> folderAt(std::string_view path);
   xcptref<TarnVFSItem> itemAt(std::string_view path);
+  bool isThere(const xcptref<TarnVFSFolder>& folder, std::string_view path);
   xcptref<TarnVFSFolder> makeFolder(const xcptref<TarnVFSFolder>& root, std::string_view path,
                                     const char* icon, unsigned long type);
   bool transferFolder(std::string_view from, std::string_view to, bool isCopy);

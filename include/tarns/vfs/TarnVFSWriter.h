@@ -27,10 +27,10 @@ class TarnVFS;
 // a collection removes. While the thread has a transaction open, nothing is put away before that
 // commits; then everything must fit into the transaction.
 //
-// Errors: 7 when there is no such folder; 111 for calls after finish(); from 100 on what the
-// storage reports. After an error the item is as it was; finish() may be called again when only
-// that has failed.
-// Threads: one at a time, attached to the session. The TarnVFS outlives it.
+// Errors: 7 when there is no such folder, or finish() finds it removed; 111 for calls after
+// finish(); from 100 on what the storage reports. After an error the item is as it was; finish()
+// may be called again when only that has failed. Threads: one at a time, attached to the session.
+// The TarnVFS outlives it.
 class TARNS_API TarnVFSWriter {
  public:
   enum class Mode : std::uint8_t {
