@@ -7,7 +7,7 @@
 #include <string>
 
 #include "core/node_access.h"
-#include "core/value_index_upkeep.h"
+#include "core/value_index_changes.h"
 #include "goods/prototype.h"
 
 namespace tarns {

@@ -7,6 +7,7 @@
 
 #include <algorithm>
 #include <iterator>
+#include <optional>
 #include <string_view>
 #include <utility>
 
@@ -14,7 +15,7 @@
 #include "core/further_children.h"
 #include "core/node_access.h"
 #include "core/value_index.h"
-#include "core/value_index_upkeep.h"
+#include "core/value_index_changes.h"
 #include "goods/B_tree_walk.h"
 #include "goods/prototype.h"
 
@@ -39,19 +40,6 @@ void VerifyIndexable(const TarnRef& node, const TarnPath& below) {
   }
 }
 
-bool DropAt(const goods::ref<TarnObjects>& children, const std::string& below) {
-  auto index = modify(children);
-  const auto all = index->getValueIndexes();
-  if (all.is_null()) return false;
-  const auto entry = all->find(below);
-  if (!entry) return false;
-  modify(all)->remove(
-      goods::ref<goods::set_member>::trusted(goods::to_reference(entry->member.word())));
-  if (all->count() == 0) index->setValueIndexes(nullptr);
-  ValueIndexChanges::NoteDeclared(children);
-  return true;
-}
-
 // Calls `work(children)` for the node's children and those of a further holder.
 template <class Work>
 bool AtEachHolder(const TarnRef& node, const Work& work) {
@@ -74,9 +62,36 @@ std::string TextOf(const Expected& entry, const std::string& below) {
          below + "\"";
 }
 
+// What stands in the index; nothing when it cannot be read.
+std::optional<std::vector<Expected>> EntriesOf(goods::reader& reader, const ValueIndexRef& tree) {
+  std::vector<Expected> found;
+  const bool isReadable = PastDamage([&] {
+    goods::B_tree_walk place(reader, *reader.get(tree.tree));
+    for (place.seek_index(0); !place.at_end(); place.next()) {
+      found.emplace_back(place.entry().name, WalkKeyOf(place.entry().target));
+    }
+  });
+  if (!isReadable) return std::nullopt;
+  return found;
+}
+
 void Compare(goods::reader& reader, const TarnObjects& children, const ValueIndexRef& tree,
              std::size_t most, std::vector<std::string>& faults) {
-  std::vector<Expected> wanted, found;
+  if (faults.size() >= most) return;
+  if (tree.below.empty()) {
+    return faults.push_back("has lost value indexes to damage: declare them again");
+  }
+  if (tree.tree.is_null()) {
+    return faults.push_back("has given up the index of \"" + tree.below +
+                            "\", which is damaged: rebuild it");
+  }
+  std::optional<std::vector<Expected>> stored = EntriesOf(reader, tree);
+  if (!stored) {
+    return faults.push_back("has an index of \"" + tree.below +
+                            "\" that cannot be read: rebuild it");
+  }
+  std::vector<Expected>& found = *stored;
+  std::vector<Expected> wanted;
   std::string key;
   goods::B_tree_walk child(reader, children);
   for (child.seek_index(0); !child.at_end(); child.next()) {
@@ -84,10 +99,6 @@ void Compare(goods::reader& reader, const TarnObjects& children, const ValueInde
     if (ReadIndexKey(reader, entry, tree.below, key)) {
       wanted.emplace_back(key, WalkKeyOf(entry.target));
     }
-  }
-  goods::B_tree_walk place(reader, *reader.get(tree.tree));
-  for (place.seek_index(0); !place.at_end(); place.next()) {
-    found.emplace_back(place.entry().name, WalkKeyOf(place.entry().target));
   }
   std::ranges::sort(wanted);
   std::ranges::sort(found);
@@ -118,7 +129,7 @@ bool TarnValueIndex::Drop(const TarnRef& node, const TarnPath& below) {
   VerifyIndexable(node, below);
   const std::string path(below.view());
   return AtEachHolder(node, [&](const TarnRef&, const xcptref<TarnObjects>& children) {
-    return !children.is_null() && DropAt(children, path);
+    return !children.is_null() && DropValueIndex(children, path);
   });
 }
 
@@ -126,7 +137,7 @@ bool TarnValueIndex::Rebuild(const TarnRef& node, const TarnPath& below) {
   VerifyIndexable(node, below);
   const std::string path(below.view());
   return AtEachHolder(node, [&](const TarnRef&, const xcptref<TarnObjects>& children) {
-    return !children.is_null() && DropAt(children, path) && DeclareValueIndex(children, path);
+    return !children.is_null() && RebuildValueIndex(children, path);
   });
 }
 
@@ -138,7 +149,7 @@ std::vector<std::string> TarnValueIndex::List(const TarnRef& node) {
     const TarnObjects* const children = TarnNodeAccess::IndexOf(reader, *reader.get(node));
     if (children == nullptr) return;
     for (ValueIndexRef& each : ValueIndexesOf(reader, *children)) {
-      paths.push_back(std::move(each.below));
+      if (!each.below.empty()) paths.push_back(std::move(each.below));
     }
   });
   return paths;

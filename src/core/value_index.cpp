@@ -12,7 +12,7 @@
 
 #include "core/branch_batch.h"
 #include "core/node_access.h"
-#include "core/value_index_upkeep.h"
+#include "core/value_index_changes.h"
 #include "goods/B_tree_walk.h"
 #include "goods/prototype.h"
 #include "util/c_text.h"
@@ -127,6 +127,11 @@ std::optional<ValueIndexEntry> ValueIndexEntry::Parse(std::string_view key) {
   return entry;
 }
 
+bool ValueIndexEntry::IsKey(std::string_view name) {
+  const auto entry = Parse(name);
+  return entry && (entry->group >= kEnumeration || entry->group <= GroupOf(TarnData::Uint64));
+}
+
 namespace {
 
 bool ReadKeyOfWhole(goods::reader& reader, const goods::index_entry& entry, std::string_view below,
@@ -173,47 +178,122 @@ bool ReadIndexKey(goods::reader& reader, const goods::index_entry& entry, std::s
   }
 }
 
-bool DeclareValueIndex(const goods::ref<TarnObjects>& children, const std::string& below) {
-  auto list = modify(children);
-  if (list->getValueIndexes().is_null()) {
-    list->setValueIndexes(TarnValueIndexes::Create(children));
-  } else if (list->getValueIndexes()->find(below)) {
-    return false;
+namespace {
+
+void SetValueIndexes(const goods::ref<TarnObjects>& children,
+                     const std::vector<ValueIndexRef>& trees) {
+  goods::ref<goods::B_tree> all;
+  for (const ValueIndexRef& each : trees) {
+    if (all.is_null()) all = TarnValueIndexes::Create(children);
+    modify(all)->insert(goods::set_member::create(each.tree, each.below));
   }
-  const auto tree = goods::B_tree::create(children, kPageN);
-  modify(list->getValueIndexes())->insert(goods::set_member::create(tree, below));
+  modify(children)->setValueIndexes(all);
+}
+
+// As they are in the transaction, whose own the children are from now on.
+std::vector<ValueIndexRef> LockedValueIndexes(const goods::ref<TarnObjects>& children) {
+  const auto list = modify(children);
+  return goods::read_here(
+      [&](goods::reader& reader) { return ValueIndexesOf(reader, *reader.get(children)); });
+}
+
+// Without the one of that path, and without those that are not known any more. False when it is
+// none of them.
+bool TakeOut(std::vector<ValueIndexRef>& trees, std::string_view below) {
+  return std::erase_if(trees, [&](const ValueIndexRef& each) {
+           return each.below.empty() || each.below == below;
+         }) != 0;
+}
+
+void Declare(const goods::ref<TarnObjects>& children, std::vector<ValueIndexRef> trees,
+             const std::string& below) {
+  trees.push_back({below, goods::B_tree::create(children, kPageN)});
+  SetValueIndexes(children, trees);
+  ValueIndexChanges::NoteDeclared(children);
+}
+
+}  // namespace
+
+bool DeclareValueIndex(const goods::ref<TarnObjects>& children, const std::string& below) {
+  std::vector<ValueIndexRef> trees = LockedValueIndexes(children);
+  const bool isThere = std::ranges::any_of(trees, [&](const ValueIndexRef& each) {
+    return each.below == below && !each.tree.is_null();
+  });
+  if (isThere) return false;
+  TakeOut(trees, below);
+  Declare(children, std::move(trees), below);
+  return true;
+}
+
+bool DropValueIndex(const goods::ref<TarnObjects>& children, std::string_view below) {
+  std::vector<ValueIndexRef> trees = LockedValueIndexes(children);
+  if (!TakeOut(trees, below)) return false;
+  SetValueIndexes(children, trees);
   ValueIndexChanges::NoteDeclared(children);
   return true;
+}
+
+bool RebuildValueIndex(const goods::ref<TarnObjects>& children, const std::string& below) {
+  std::vector<ValueIndexRef> trees = LockedValueIndexes(children);
+  if (!TakeOut(trees, below)) return false;
+  Declare(children, std::move(trees), below);
+  return true;
+}
+
+void GiveUpValueIndex(const goods::ref<TarnObjects>& children, std::string_view below) {
+  std::vector<ValueIndexRef> trees = LockedValueIndexes(children);
+  for (ValueIndexRef& each : trees) {
+    if (each.below == below) each.tree = nullptr;
+  }
+  SetValueIndexes(children, trees);
 }
 
 void DeclareValueIndexesOf(const goods::ref<TarnObjects>& model,
                            const goods::ref<TarnObjects>& children) {
   const auto all = goods::read_here(
       [&](goods::reader& reader) { return ValueIndexesOf(reader, *reader.get(model)); });
-  for (const ValueIndexRef& each : all) DeclareValueIndex(children, each.below);
+  for (const ValueIndexRef& each : all) {
+    if (!each.below.empty()) DeclareValueIndex(children, each.below);
+  }
 }
+
+namespace {
+
+const goods::B_tree* AllValueIndexes(goods::reader& reader, const TarnObjects& children) {
+  return static_cast<const goods::B_tree*>(
+      reader.look(children.getValueIndexesWord(), goods::B_tree::self_class));
+}
+
+}  // namespace
 
 std::vector<ValueIndexRef> ValueIndexesOf(goods::reader& reader, const TarnObjects& children) {
   std::vector<ValueIndexRef> found;
-  const auto* const all = static_cast<const goods::B_tree*>(
-      reader.look(children.getValueIndexesWord(), goods::B_tree::self_class));
-  if (all == nullptr) return found;
-  goods::B_tree_walk walk(reader, *all);
-  for (walk.seek_index(0); !walk.at_end(); walk.next()) {
-    const goods::index_entry entry = walk.entry();
-    found.push_back({std::string(entry.name),
-                     goods::ref<goods::B_tree>::trusted(goods::to_reference(entry.target))});
-  }
+  const bool isReadable = PastDamage([&] {
+    const goods::B_tree* const all = AllValueIndexes(reader, children);
+    if (all == nullptr) return;
+    goods::B_tree_walk walk(reader, *all);
+    for (walk.seek_index(0); !walk.at_end(); walk.next()) {
+      const goods::index_entry entry = walk.entry();
+      found.push_back({.below = std::string(entry.name), .tree = nullptr});
+      if (entry.target.is_null()) continue;
+      found.back().tree = goods::ref<goods::B_tree>::trusted(goods::to_reference(entry.target));
+    }
+  });
+  if (!isReadable) found.push_back({.below = "", .tree = nullptr, .isStored = false});
   return found;
 }
 
 const goods::B_tree* FindValueIndex(goods::reader& reader, const TarnObjects& children,
                                     std::string_view below) {
-  const auto* const all = static_cast<const goods::B_tree*>(
-      reader.look(children.getValueIndexesWord(), goods::B_tree::self_class));
-  const auto entry = all != nullptr ? all->find(reader, below) : std::nullopt;
-  if (!entry) return nullptr;
-  return static_cast<const goods::B_tree*>(reader.look(entry->target, goods::B_tree::self_class));
+  const goods::B_tree* found = nullptr;
+  PastDamage([&] {
+    const goods::B_tree* const all = AllValueIndexes(reader, children);
+    const auto entry = all != nullptr ? all->find(reader, below) : std::nullopt;
+    if (!entry) return;
+    found =
+        static_cast<const goods::B_tree*>(reader.look(entry->target, goods::B_tree::self_class));
+  });
+  return found;
 }
 
 }  // namespace tarns

@@ -7,6 +7,7 @@
 #include <tarns/core/TarnData.h>
 #include <tarns/core/TarnObjects.h>
 
+#include <concepts>
 #include <cstddef>
 #include <optional>
 #include <string>
@@ -16,7 +17,7 @@
 namespace tarns {
 
 // The value indexes of one node's children: an entry for each path, whose object is the index of
-// that path, a goods::B_tree.
+// that path, a goods::B_tree, or null for one that has been given up. Never changed, but replaced.
 //
 // A class of its own, so that a store's class layouts tell whether there was ever an index in it.
 class TarnValueIndexes : public goods::B_tree {
@@ -54,6 +55,8 @@ struct ValueIndexEntry {
 
   // Nothing for what is no key.
   static std::optional<ValueIndexEntry> Parse(std::string_view key);
+  // Whether it looks like one; no usual name of a child does.
+  static bool IsKey(std::string_view name);
   static constexpr unsigned char GroupOf(TarnData::Type type) {
     return static_cast<unsigned char>(type + 1);
   }
@@ -70,22 +73,43 @@ bool ReadIndexKey(goods::reader& reader, const goods::index_entry& entry, std::s
 // Whether an error is that of an object that is damaged or gone.
 bool IsDamage(const goods::error_info& error);
 
-// One value index of a node's children.
+// Runs `work` as far as it comes; false when it met something damaged.
+template <std::invocable Work>
+bool PastDamage(const Work& work) {
+  try {
+    work();
+    return true;
+  } catch (const goods::error_info& error) {
+    if (!IsDamage(error)) throw;
+    return false;
+  }
+}
+
+// One value index of a node's children. An index whose own pages turned out to be damaged while it
+// had to be changed is given up: the change goes on, nobody uses the index any more, and a check
+// tells that it has to be made anew. Where the list of indexes itself cannot be read, one without a
+// path stands for them.
 struct ValueIndexRef {
   std::string below;
-  goods::ref<goods::B_tree> tree;
+  goods::ref<goods::B_tree> tree;  // null when it has been given up, or cannot be read
+  bool isStored = true;            // false for what only stands for those that cannot be read
 };
 
-// In a transaction: makes an index of these children that is filled when that is committed; false
-// when there is one already.
+// In a transaction: makes an index of these children that is filled when that is committed, also in
+// the place of one that was given up; false when there is one already.
 bool DeclareValueIndex(const goods::ref<TarnObjects>& children, const std::string& below);
+// In a transaction; false when there is none.
+bool DropValueIndex(const goods::ref<TarnObjects>& children, std::string_view below);
+bool RebuildValueIndex(const goods::ref<TarnObjects>& children, const std::string& below);
+// In a transaction: all that cannot be read, and the one of that path.
+void GiveUpValueIndex(const goods::ref<TarnObjects>& children, std::string_view below);
 // The same for all indexes that the children of another node have.
 void DeclareValueIndexesOf(const goods::ref<TarnObjects>& model,
                            const goods::ref<TarnObjects>& children);
 
 // Those of `children` as the reader sees it.
 std::vector<ValueIndexRef> ValueIndexesOf(goods::reader& reader, const TarnObjects& children);
-// The one of the path `below`; null when there is none.
+// The one of the path `below`; null when there is none that can be used.
 const goods::B_tree* FindValueIndex(goods::reader& reader, const TarnObjects& children,
                                     std::string_view below);
 

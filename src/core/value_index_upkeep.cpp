@@ -1,171 +1,27 @@
 #include "core/value_index_upkeep.h"
 
-#include <goods/database.h>
-#include <goods/obj_storage.h>
 #include <goods/object_handle.h>
 #include <tarns/core/TarnBranches.h>
 #include <tarns/core/TarnValueIndex.h>
 
 #include <algorithm>
-#include <atomic>
-#include <concepts>
-#include <memory>
-#include <mutex>
+#include <map>
+#include <optional>
 #include <set>
+#include <string>
 #include <string_view>
+#include <utility>
 #include <vector>
 
 #include "core/branch_batch.h"
 #include "core/node_access.h"
 #include "core/value_index.h"
+#include "core/value_index_changes.h"
 #include "goods/B_tree_walk.h"
-#include "goods/class_layout.h"
-#include "goods/commit_upkeep.h"
-#include "goods/layout_catalog.h"
 #include "goods/prototype.h"
-#include "goods/thread_attachment.h"
 #include "goods/transaction.h"
 
 namespace tarns {
-
-namespace {
-
-// Grows whenever somebody in this process has declared an index.
-std::atomic<std::uint64_t> declared{1};
-
-goods::transaction* OpenTransaction() {
-  const goods::cache_manager* const session = goods::cache_manager::current();
-  const goods::thread_attachment* const thread =
-      session != nullptr ? session->attachment() : nullptr;
-  return thread != nullptr ? thread->open() : nullptr;
-}
-
-// Runs `work` as far as it comes: what is damaged beside a change keeps nobody from making it.
-template <std::invocable Work>
-void PastDamage(const Work& work) {
-  try {
-    work();
-  } catch (const goods::error_info& error) {
-    if (!IsDamage(error)) throw;
-  }
-}
-
-// What a session knows about the indexes in its storages.
-class KnownStores : public goods::session_companion {
- public:
-  static KnownStores& Of(goods::cache_manager& session) {
-    static const char key = 0;
-    return static_cast<KnownStores&>(
-        session.companion_for(&key, []() -> std::unique_ptr<goods::session_companion> {
-          return std::make_unique<KnownStores>();
-        }));
-  }
-
-  bool mayHaveIndexes(goods::cache_manager& session) {
-    if (found_.load(std::memory_order_acquire)) return true;
-    const std::uint64_t now = declared.load(std::memory_order_acquire);
-    if (asked_.load(std::memory_order_acquire) == now) return false;
-    if (Look(session.db())) {
-      found_.store(true, std::memory_order_release);
-      return true;
-    }
-    asked_.store(now, std::memory_order_release);
-    return false;
-  }
-
- private:
-  static bool Look(goods::database& db) {
-    for (std::uint32_t s = 0; s < db.get_number_of_storages(); ++s) {
-      const auto number = static_cast<goods::storage_number>(s);
-      for (const goods::layout_record& record : db.storage(number).dbs().layouts()) {
-        const goods::object_id id = goods::make_object_id(number, record.number);
-        bool isOfIndexes = false;
-        PastDamage([&] {  // of a class that nothing can be loaded of
-          const auto layout = goods::class_layout::parse(record.layout, id);
-          isOfIndexes = layout.name == TarnValueIndexes::self_class.name();
-        });
-        if (isOfIndexes) return true;
-      }
-    }
-    return false;
-  }
-
-  std::atomic<bool> found_{false};
-  std::atomic<std::uint64_t> asked_{0};  // `declared` when nothing was found
-};
-
-goods::object_ref HeldTo(goods::ref_word word) {
-  return word.is_null() ? goods::object_ref() : goods::to_reference(word);
-}
-
-}  // namespace
-
-// ---- what is noted
-
-ValueIndexChanges& ValueIndexChanges::Here() {
-  goods::transaction& open = goods::transaction::running();
-  if (open.upkeep == nullptr) open.upkeep = std::make_unique<ValueIndexChanges>();
-  return static_cast<ValueIndexChanges&>(*open.upkeep);
-}
-
-const ValueIndexChanges* ValueIndexChanges::OfTransaction(const goods::transaction& open) {
-  return static_cast<const ValueIndexChanges*>(open.upkeep.get());
-}
-
-ValueIndexChanges::Children& ValueIndexChanges::of(goods::ref<TarnObjects> children) {
-  Children& found = children_[children.handle()];
-  if (found.index.is_null()) found.index = std::move(children);
-  return found;
-}
-
-void ValueIndexChanges::NoteDeclared(const goods::ref<TarnObjects>& children) {
-  Here().of(goods::ref<TarnObjects>::trusted(HeldTo(children.word())));
-}
-
-void ValueIndexChanges::NoteAdded(const TarnObjects& children,
-                                  const goods::ref<goods::set_member>& entry) {
-  const auto held = goods::ref<goods::set_member>::trusted(HeldTo(entry.word()));
-  Children& all = Here().of(goods::ref<TarnObjects>::trusted(goods::object_ref(children.handle())));
-  Change& change = all.entries[held.handle()];
-  change.entry = held;
-  change.isThere = true;
-}
-
-void ValueIndexChanges::NoteRemoved(const TarnObjects& children,
-                                    const goods::ref<goods::set_member>& entry) {
-  const auto held = goods::ref<goods::set_member>::trusted(HeldTo(entry.word()));
-  Children& all = Here().of(goods::ref<TarnObjects>::trusted(goods::object_ref(children.handle())));
-  const auto [at, isNew] = all.entries.try_emplace(held.handle());
-  Change& change = at->second;
-  if (isNew) {
-    const auto body = *held;
-    change.entry = held;
-    change.before.emplace(std::string(body->key()), HeldTo(body->target().word()));
-  }
-  change.isThere = false;
-}
-
-bool HasChangesOfItsOwn() {
-  const goods::transaction* const open = OpenTransaction();
-  return open != nullptr && (open->is_doomed() || open->has_changes());
-}
-
-bool MayHaveValueIndexes(goods::cache_manager& session) {
-  return KnownStores::Of(session).mayHaveIndexes(session);
-}
-
-// The layout first: who looks because of the counter must find it.
-void AnnounceValueIndexes(goods::cache_manager& session) {
-  for (std::uint32_t s = 0; s < session.db().get_number_of_storages(); ++s) {
-    session.db()
-        .storage(static_cast<goods::storage_number>(s))
-        .catalog()
-        .number_for(TarnValueIndexes::self_class);
-  }
-  declared.fetch_add(1, std::memory_order_acq_rel);
-}
-
-// ---- what is done at a commit
 
 namespace {
 
@@ -209,6 +65,9 @@ const TarnObject* NodeAt(goods::reader& in, goods::ref_word word) {
 struct KeyChange {
   std::string key;
   goods::object_ref child;
+  bool operator==(const KeyChange& other) const {
+    return key == other.key && WalkKeyOf(child.word()) == WalkKeyOf(other.child.word());
+  }
 };
 
 // One commit's work. Whose value may have changed is found without locks, in what is committed: a
@@ -219,7 +78,7 @@ struct KeyChange {
 class UpkeepRun {
  public:
   UpkeepRun(goods::cache_manager& session, goods::transaction& ending)
-      : session_(session), changes_(ValueIndexChanges::OfTransaction(ending)) {
+      : session_(session), ending_(ending), changes_(ValueIndexChanges::OfTransaction(ending)) {
     for (const auto& copy : ending.copies()) {
       if (copy.body == nullptr) continue;
       const bool isNode = TarnObject::self_class.is_superclass_for(copy.body->cls());
@@ -256,12 +115,15 @@ class UpkeepRun {
   bool isRelisted(const goods::ref<TarnObjects>& index, std::string_view name);
   void fill(const AffectedChildren& children, const ValueIndexRef& tree);
   void follow(const AffectedChildren& children, const ValueIndexRef& tree);
+  static void Change(const ValueIndexRef& tree, const std::vector<KeyChange>& before,
+                     const std::vector<KeyChange>& now);
   std::vector<KeyChange> keysNow(const ValueIndexRef& tree,
                                  const std::vector<const AffectedEntry*>& entries);
   std::vector<KeyChange> keysBefore(const ValueIndexRef& tree,
                                     const std::vector<const AffectedEntry*>& entries);
 
   goods::cache_manager& session_;
+  goods::transaction& ending_;
   const ValueIndexChanges* const changes_;
   std::vector<Written> written_;
   std::map<std::uint64_t, AffectedChildren> found_;  // by index, see WalkKeyOf()
@@ -355,7 +217,7 @@ AffectedEntry* UpkeepRun::affect(goods::reader& in, goods::ref_word link,
   }
   const bool matters =
       way == nullptr || std::ranges::any_of(affected.trees, [&](const ValueIndexRef& tree) {
-        return IsOnTheWay(*way, tree.below);
+        return !tree.isStored || IsOnTheWay(*way, tree.below);
       });
   if (!matters) return nullptr;
   AffectedEntry& found = affected.entries[WalkKeyOf(link)];
@@ -389,10 +251,13 @@ void UpkeepRun::update(AffectedChildren& children) {
         [&](goods::reader& in) { return ValueIndexesOf(in, *in.get(children.index)); });
   }
   for (const ValueIndexRef& tree : children.trees) {
-    if (tree.tree.handle()->is_transient())
+    if (tree.tree.is_null()) {
+      if (!tree.isStored) GiveUpValueIndex(children.index, tree.below);
+    } else if (tree.tree.handle()->is_transient()) {
       fill(children, tree);
-    else
+    } else {
       follow(children, tree);
+    }
   }
 }
 
@@ -505,30 +370,30 @@ void UpkeepRun::follow(const AffectedChildren& children, const ValueIndexRef& tr
   if (entries.empty()) return;
   const std::vector<KeyChange> now = keysNow(tree, entries);
   const std::vector<KeyChange> before = keysBefore(tree, entries);
-  std::optional<goods::write_access<goods::B_tree>> body;
-  for (std::size_t i = 0; i < entries.size(); ++i) {
-    const bool isSame = now[i].key == before[i].key &&
-                        WalkKeyOf(now[i].child.word()) == WalkKeyOf(before[i].child.word());
-    if (isSame) continue;
-    if (!body) body.emplace(tree.tree);
+  if (now == before) return;
+  const bool isDone = PastDamage([&] { ending_.attempt([&] { Change(tree, before, now); }); });
+  if (!isDone) GiveUpValueIndex(children.index, tree.below);
+}
+
+void UpkeepRun::Change(const ValueIndexRef& tree, const std::vector<KeyChange>& before,
+                       const std::vector<KeyChange>& now) {
+  const goods::write_access<goods::B_tree> body(tree.tree);
+  for (std::size_t i = 0; i < now.size(); ++i) {
+    if (now[i] == before[i]) continue;
     if (!before[i].key.empty()) {
-      const auto member = MemberFor(**body, before[i]);
-      if (!member.is_null()) (*body)->remove(member);
+      const auto member = MemberFor(*body, before[i]);
+      if (!member.is_null()) body->remove(member);
     }
-    if (!now[i].key.empty()) {
-      (*body)->insert(goods::set_member::create(now[i].child, now[i].key));
-    }
+    if (!now[i].key.empty()) body->insert(goods::set_member::create(now[i].child, now[i].key));
   }
 }
+
+}  // namespace
 
 void KeepValueIndexes(goods::cache_manager& session, goods::transaction& ending) {
   if (ending.upkeep == nullptr && !MayHaveValueIndexes(session)) return;
   const goods::library_call here;
   UpkeepRun(session, ending).run();
 }
-
-[[maybe_unused]] const bool isDefined = goods::define_commit_upkeep(KeepValueIndexes);
-
-}  // namespace
 
 }  // namespace tarns

@@ -104,11 +104,11 @@ changing_call::changing_call() : thread_(here()) {
 
 changing_call::~changing_call() {
   if (std::uncaught_exceptions() <= exceptions_ || !has_changed()) return;
-  here()->open()->doom(error_code::usage, "a call in it failed after half of its changes.");
+  here()->open()->half_changed(error_code::usage, "a call in it failed after half of its changes.");
 }
 
 void changing_call::failed(const error_info& error) const noexcept {
-  if (has_changed()) here()->open()->doom(error.code(), message_of(error));
+  if (has_changed()) here()->open()->half_changed(error.code(), message_of(error));
 }
 
 bool changing_call::has_changed() const {

@@ -293,6 +293,39 @@ void transaction::add_root(object_ref root, storage_number storage) {
   roots_.emplace_back(std::move(root), storage);
 }
 
+void transaction::attempt(const std::function<void()>& work) {
+  verify_not_doomed();
+  const std::size_t before = changes_->copies.size();
+  const bool was_attempt = std::exchange(is_attempt_, true);
+  try {
+    work();
+  } catch (...) {
+    is_attempt_ = was_attempt;
+    take_back(before);
+    throw;
+  }
+  is_attempt_ = was_attempt;
+}
+
+// The copies from the `first` one on.
+void transaction::take_back(std::size_t first) noexcept {
+  if (changes_ == nullptr) return;  // doomed meanwhile
+  std::vector<publication::copy>& copies = changes_->copies;
+  while (copies.size() > first) {
+    object_handle& handle = *copies.back().keeps.handle();
+    object* const body = copies.back().body;
+    handle.set_being_written(false);
+    known_.forget(handle.id());
+    touched_.erase(body);
+    const auto own = copies_.find(&handle);
+    copied_bytes_ -= own->second.bytes;
+    copies_.erase(own);
+    body->close();
+    body->unpin();
+    copies.pop_back();
+  }
+}
+
 void transaction::prepare() {
   const commit_upkeep work = defined_commit_upkeep();
   if (work == nullptr || is_doomed() || changes_->copies.empty()) return;

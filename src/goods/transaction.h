@@ -2,6 +2,7 @@
 #pragma once
 
 #include <cstdint>
+#include <functional>
 #include <map>
 #include <memory>
 #include <optional>
@@ -70,6 +71,10 @@ class transaction {
   // without the code that a later one has.
   void doom(error_code code, const char* reason) noexcept;
   bool is_doomed() const { return doom_.has_value(); }
+  // What is left halfway in a call that an exception leaves dooms it, unless it is attempt()ed.
+  void half_changed(error_code code, const char* reason) noexcept {
+    if (!is_attempt_) doom(code, reason);
+  }
   void verify_not_doomed() const {
     if (doom_) throw_doomed();
   }
@@ -126,6 +131,11 @@ class transaction {
   // Stores `root` (transient) as the root object of `storage` when this commits.
   void add_root(object_ref root, storage_number storage);
 
+  // Runs `work`. What it throws leaves the transaction as it was, but for the locks, as far as
+  // `work` has written nothing that was written before: new copies are dropped. A lock that was not
+  // to be had dooms it nevertheless.
+  void attempt(const std::function<void()>& work);
+
   // Before commit(), while the thread still has it open: does what else belongs to the commit, see
   // commit_upkeep.h. What throws leaves a transaction that can only be rolled back.
   void prepare();
@@ -140,6 +150,7 @@ class transaction {
   void lock_shared(std::span<const stored_neighbours> objects);
   [[noreturn]] void refused(const error_info& error, object_id id, lock_mode mode);
   void commit_copies();
+  void take_back(std::size_t first) noexcept;
   void end_replacing() noexcept;
   bool is_own(const object& body) const;
   bool is_as_committed(object_handle& handle, object& copy) const;
@@ -159,6 +170,7 @@ class transaction {
   int depth_;  // begins without an end
   std::optional<end_before_its_time> doom_;
   bool is_committed_ = false;
+  bool is_attempt_ = false;
   lock_owner& owner_;
   known_objects& known_;
   std::shared_ptr<publication> changes_;  // owns the copies; null when it is over

@@ -5,6 +5,7 @@
 #include <utility>
 
 #include "core/node_access.h"
+#include "core/value_index.h"
 #include "goods/B_tree_walk.h"
 #include "goods/prototype.h"
 #include "select/QueryConditions.h"
@@ -167,7 +168,10 @@ TarnSelection::Batch TarnSelection::look(goods::reader& reader) const {
   Batch batch;
   const goods::guest_scope guests(reader, goods::guest_scope::policy::at_first);
   const TarnObjects& children = *reader.get(index_);
-  if (!lookUp(reader, children, batch)) lookAtAll(reader, children, batch);
+  bool isFound = false;
+  const bool isWhole = PastDamage([&] { isFound = lookUp(reader, children, batch); });
+  if (!isWhole) batch = {};  // what is damaged among the children themselves is met again
+  if (!isFound) lookAtAll(reader, children, batch);
   return batch;
 }
 

@@ -4,7 +4,7 @@
 #include <cmath>
 
 #include "core/value_index.h"
-#include "core/value_index_upkeep.h"
+#include "core/value_index_changes.h"
 #include "goods/B_tree_walk.h"
 #include "select/query_text.h"
 
@@ -196,7 +196,7 @@ std::optional<std::vector<std::string>> NamesOfEqual(goods::reader& reader,
   if (tree == nullptr) return std::nullopt;
   std::vector<std::string> names;
   bool isUsable = true;
-  ForEachGroup(reader, *tree, [&](unsigned char group) {
+  const auto addGroup = [&](unsigned char group) {
     const auto texts = TextsOfEqual(group, wanted);
     if (!texts) {
       isUsable =
@@ -208,8 +208,9 @@ std::optional<std::vector<std::string>> NamesOfEqual(goods::reader& reader,
       prefix += text.size() > ValueIndexEntry::kMostText ? '\1' : '\0';
       isUsable = isUsable && AddNames(reader, *tree, prefix, names);
     }
-  });
-  if (!isUsable) return std::nullopt;
+  };
+  const bool isWhole = PastDamage([&] { ForEachGroup(reader, *tree, addGroup); });
+  if (!isWhole || !isUsable) return std::nullopt;
   std::ranges::sort(names);
   names.erase(std::unique(names.begin(), names.end()), names.end());
   return names;

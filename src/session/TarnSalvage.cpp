@@ -23,7 +23,8 @@
 #include <utility>
 
 #include "core/node_access.h"
-#include "core/value_index_upkeep.h"
+#include "core/value_index.h"
+#include "core/value_index_changes.h"
 
 namespace tarns {
 
@@ -68,26 +69,34 @@ class TreeMender {
     result_.objects = found_.objects;
     into_.getRoot();
     findOwners();
+    findLostLists();
     placeStandIns();
     putBackEntries();
     placeUnreachable();
-    rebuildValueIndexes();
+    mendValueIndexes();
     tellMissing();
     return std::move(result_);
   }
 
  private:
   void findOwners();
+  void findLostLists();
   void placeStandIns();
   void putBackEntries();
   void placeUnreachable();
   bool placeTops(bool any);
   void dropValue(const TarnRef& value);
-  void rebuildValueIndexes();
+  void mendValueIndexes();
+  std::vector<std::pair<TarnRef, std::string>> lostValueIndexes() const;
   void tellMissing();
 
   TarnRef standInFor(object_id lost);
   TarnRef ownerOf(object_id index);
+  // Whether it is there, as something of the class or one derived from it.
+  bool isA(object_id id, const goods::class_descriptor& cls) const;
+  void mendValueIndex(const TarnRef& owner, const std::string& below);
+  template <class Work>
+  bool goOnAfter(const std::string& failure, const Work& work);
   void moveEntries(object_id index, const TarnRef& node);
   TarnRef lostBranch();
   std::string pathOf(object_id id) const;
@@ -104,6 +113,8 @@ class TreeMender {
   std::map<object_id, object_id> nodeOfLostIndex_;
   // Indexes whose node is lost, by that.
   std::multimap<object_id, object_id> indexesOfLost_;
+  std::map<object_id, object_id> childrenOfLostValueIndexes_;
+  std::set<object_id> lostLists_;          // lost indexes that listed nodes under their names
   std::map<object_id, TarnRef> standIns_;  // of lost nodes, and of lost indexes without a node
   std::map<object_id, bool> isPlaced_;     // stand-ins that have got their place
   TarnRef lostBranch_;
@@ -116,6 +127,18 @@ void TreeMender::inTransactions(std::size_t count, Work&& work) {
     into_.transaction([&] {
       for (std::size_t i = from; i < to; ++i) work(i);
     });
+  }
+}
+
+// Runs `work`; false when it failed, which is told.
+template <class Work>
+bool TreeMender::goOnAfter(const std::string& failure, const Work& work) {
+  try {
+    work();
+    return true;
+  } catch (const TarnException& error) {
+    result_.missing.push_back(failure + error.getError());
+    return false;
   }
 }
 
@@ -141,6 +164,17 @@ void TreeMender::findOwners() {
   for (const goods::lost_reference& lost : found_.lost) {
     if (lost.member == "Children") nodeOfLostIndex_[lost.target] = lost.from;
     if (lost.member == "mParent") indexesOfLost_.emplace(lost.target, lost.from);
+    if (lost.member == "ValueIndexes") childrenOfLostValueIndexes_[lost.target] = lost.from;
+  }
+}
+
+// What stood in a lost index tells whether it listed children: a value index has its keys for
+// names, and the list of a node's value indexes leads to indexes.
+void TreeMender::findLostLists() {
+  for (const goods::loose_entry& entry : found_.loose) {
+    if (entry.is_lost || lostLists_.contains(entry.index)) continue;
+    if (ValueIndexEntry::IsKey(entry.name) || isA(entry.index, goods::object::self_class)) continue;
+    if (!node(entry.target).is_null()) lostLists_.insert(entry.index);
   }
 }
 
@@ -173,20 +207,24 @@ TarnRef TreeMender::ownerOf(object_id index) {
   for (const auto& [lost, of] : indexesOfLost_) {
     if (of == index) return standInFor(lost);
   }
-  goods::object_ref found = object(index);
-  bool isThere = false, isChildren = false;
+  if (!isA(index, goods::object::self_class)) {
+    return lostLists_.contains(index) ? standInFor(index) : nullptr;
+  }
+  if (!isA(index, TarnObjects::self_class)) return nullptr;
+  return checked_cast<TarnObjects>(object(index))->getParent();
+}
+
+bool TreeMender::isA(object_id id, const goods::class_descriptor& cls) const {
+  const goods::object_ref found = object(id);
   try {
-    isChildren = goods::cache_manager::current()->read([&](goods::reader& reader) {
+    return goods::read_here([&](goods::reader& reader) {
       const goods::object* body = reader.get(goods::ref<goods::object>::trusted(found));
-      isThere = body != nullptr;
-      return isThere && TarnObjects::self_class.is_superclass_for(body->cls());
+      return body != nullptr && cls.is_superclass_for(body->cls());
     });
   } catch (const goods::error_info& error) {
     if (error.code() != goods::error_code::object_deleted) throw;
+    return false;
   }
-  if (!isThere) return standInFor(index);
-  if (!isChildren) return nullptr;
-  return checked_cast<TarnObjects>(found)->getParent();
 }
 
 // Hands the children of an index without node to `node`.
@@ -241,6 +279,7 @@ void TreeMender::putBackEntries() {
       }
       return;
     }
+    if (!isA(entry.index, goods::B_tree::self_class)) return;
     const auto index = goods::checked_cast<goods::B_tree>(object(entry.index));
     goods::modify(index)->insert(goods::set_member::create(object(entry.target), entry.name));
   });
@@ -274,21 +313,63 @@ bool TreeMender::placeTops(bool any) {
   return !tops.empty();
 }
 
-// Those that do not agree with what is left of the values.
-void TreeMender::rebuildValueIndexes() {
+// Those that are lost, and those that do not agree with what is left of the values. All else is
+// done by now: what cannot be mended here is told.
+void TreeMender::mendValueIndexes() {
   if (!MayHaveValueIndexes(goods::cache_manager::require())) return;
-  std::set<object_id> suspects;
-  goods::check_options options;
-  options.full = true;
-  options.found = [&](const goods::check_finding& finding) { suspects.insert(finding.id); };
-  into_.check(options);
-  for (const object_id id : suspects) {
-    const TarnRef owner = node(id);
-    if (owner.is_null()) continue;
-    for (const std::string& below : TarnValueIndex::List(owner)) {
-      TarnValueIndex::Rebuild(owner, below);
+  goOnAfter("The value indexes could not be looked at: ", [&] {
+    for (const auto& [owner, below] : lostValueIndexes()) {
+      if (below.empty()) {
+        result_.missing.push_back("the value indexes at \"" + PathOf(owner) + "\"");
+      } else {
+        mendValueIndex(owner, below);
+      }
+    }
+    std::set<object_id> suspects;
+    goods::check_options options;
+    options.full = true;
+    options.found = [&](const goods::check_finding& finding) { suspects.insert(finding.id); };
+    into_.check(options);
+    for (const object_id id : suspects) {
+      const TarnRef owner = node(id);
+      if (owner.is_null()) continue;
+      for (const std::string& below : TarnValueIndex::List(owner)) mendValueIndex(owner, below);
+    }
+  });
+}
+
+// An entry of a list of value indexes says which index there was; the path is empty where there is
+// none left.
+std::vector<std::pair<TarnRef, std::string>> TreeMender::lostValueIndexes() const {
+  std::vector<std::pair<TarnRef, std::string>> indexes;
+  const auto add = [&](object_id children, const std::string& below) {
+    if (children == 0 || !isA(children, TarnObjects::self_class)) return;
+    const TarnRef owner = checked_cast<TarnObjects>(object(children))->getParent();
+    if (!owner.is_null()) indexes.emplace_back(owner, below);
+  };
+  std::map<object_id, object_id> silent = childrenOfLostValueIndexes_;
+  for (const goods::loose_entry& entry : found_.loose) {
+    const auto known = childrenOfLostValueIndexes_.find(entry.index);
+    if (known != childrenOfLostValueIndexes_.end()) {
+      add(known->second, entry.name);
+      silent.erase(entry.index);
+    } else if (isA(entry.index, TarnValueIndexes::self_class)) {
+      add(goods::checked_cast<goods::B_tree>(object(entry.index))->owner().id(), entry.name);
     }
   }
+  for (const auto& [lost, children] : silent) add(children, "");
+  return indexes;
+}
+
+// An index that is wrong is worse than none.
+void TreeMender::mendValueIndex(const TarnRef& owner, const std::string& below) {
+  const std::string which = "the index of \"" + below + "\" at \"" + PathOf(owner) + "\"";
+  const bool isMended = goOnAfter(which + " could not be made anew: ", [&] {
+    if (!TarnValueIndex::Rebuild(owner, below)) TarnValueIndex::Declare(owner, below);
+  });
+  if (isMended) return;
+  goOnAfter(which + " is wrong and could not be dropped: ",
+            [&] { TarnValueIndex::Drop(owner, below); });
 }
 
 // Empty for what is no node.
@@ -321,6 +402,10 @@ void TreeMender::tellMissing() {
   for (const goods::loose_entry& entry : found_.loose) {
     if (!entry.is_lost) continue;
     const TarnRef owner = ownerOf(entry.index);
+    const bool isOfValueIndex = ValueIndexEntry::IsKey(entry.name) ||
+                                childrenOfLostValueIndexes_.contains(entry.index) ||
+                                isA(entry.index, TarnValueIndexes::self_class);
+    if (isOfValueIndex) continue;  // which has been made anew
     std::string path = owner.is_null() ? "" : PathOf(owner);
     if (!path.empty()) path += '~';
     const bool hasStandIn = standIns_.contains(entry.target);
@@ -329,7 +414,8 @@ void TreeMender::tellMissing() {
   }
   for (const goods::lost_reference& lost : found_.lost) {
     if (lost.member == "mParent" || lost.member == "ParentLink" || lost.member == "Children" ||
-        lost.member == "owner" || lost.member == "object" || lost.member == "entries") {
+        lost.member == "owner" || lost.member == "object" || lost.member == "entries" ||
+        lost.member == "ValueIndexes") {
       continue;
     }
     std::string path = pathOf(lost.from);

@@ -9,6 +9,7 @@
 #include <goods/B_tree.h>
 #include <goods/errors.h>
 
+#include "goods/transaction.h"
 #include "support/cell.h"
 #include "support/test_database.h"
 
@@ -182,6 +183,48 @@ TEST(TransactionTest, OneAccessIsOneTransactionAndAnExceptionUndoesIt) {
   EXPECT_EQ(root->value, 1);
   EXPECT_EQ(second->value, 1);
   EXPECT_FALSE(session.session().in_transaction());
+}
+
+// What an attempt has written goes, with what it has read of that; all else is committed.
+TEST(TransactionTest, TakesBackAFailedAttemptAlone) {
+  const test_store store;
+  test_session session(store);
+  cache_manager& cache = session.session();
+  const ref<cell> root = session.root();
+  const ref<cell> second = new_cell(0), third = new_cell(0);
+  modify(root)->next = second;
+  modify(second)->next = third;
+  cache.begin_transaction();
+  modify(root)->value = 1;
+  transaction& open = transaction::running();
+  const auto half = [&] {
+    modify(second)->value = 2;
+    const auto body = modify(third);
+    body->value = 3;
+    body->next = new_cell(4);
+    EXPECT_EQ(cache.read([&](reader& in) { return in.get(second)->value; }), 2);
+    throw_error(error_code::corrupt_data, "as if");
+  };
+  EXPECT_EQ(error_of([&] { open.attempt(half); }).first, error_code::corrupt_data);
+  EXPECT_FALSE(open.is_doomed());
+  EXPECT_EQ(cache.read([&](reader& in) { return in.get(second)->value; }), 0);
+  EXPECT_EQ(third->value, 0);
+  EXPECT_TRUE(third->next.is_null());
+  modify(third)->value = 5;
+  cache.end_transaction();
+  EXPECT_EQ(value_seen_by_another_session(store), 1);
+  EXPECT_EQ(second->value, 0);
+  EXPECT_EQ(third->value, 5);
+  EXPECT_TRUE(third->next.is_null());
+
+  cache.begin_transaction();
+  transaction& next = transaction::running();
+  next.attempt([&] { modify(second)->value = 6; });
+  EXPECT_THROW(next.attempt([&] { modify(third)->value = 7, throw std::runtime_error("no"); }),
+               std::runtime_error);
+  cache.end_transaction();
+  EXPECT_EQ(second->value, 6);
+  EXPECT_EQ(third->value, 5);
 }
 
 TEST(TransactionTest, AnObjectTakesThePlaceOfAnother) {

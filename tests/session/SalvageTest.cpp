@@ -3,6 +3,7 @@
 #include <tarns/core/TarnException.h>
 #include <tarns/core/TarnIterator.h>
 #include <tarns/core/TarnObjects.h>
+#include <tarns/core/TarnValueIndex.h>
 #include <tarns/session/TarnSalvage.h>
 
 #include <algorithm>
@@ -170,6 +171,66 @@ TEST_F(SalvageTest, WhatIsMissingIsToldAndEverythingElseKeepsItsPlace) {
       EXPECT_THAT(result_.missing, Contains(HasSubstr(c.told)));
     }
     EXPECT_EQ(result_.lostBranches, 0U);
+  }
+}
+
+// Value indexes are made anew; what stood in them is no branch.
+TEST_F(SalvageTest, ValueIndexesAreMadeAnew) {
+  inDamaged([&](TarnManager& manager) {
+    manager.transaction([&] {
+      for (int i = 0; i < 300; ++i) {
+        const std::string path = "many~n" + std::to_string(1000 + i).substr(1) + "~kind";
+        manager.set(path, values_[path] = "kind " + std::to_string(i % 7));
+      }
+    });
+    const TarnRef many = manager.getObject("many");
+    TarnValueIndex::Declare(many, "kind");
+    TarnValueIndex::Declare(many, "kind~none");
+    const auto list = many->getChildren()->getValueIndexes();
+    ids_["list"] = list.id();
+    const auto entry = list->find("kind");
+    ids_["list entry"] = entry->member.id();
+    ids_["index"] = entry->target.id();
+    const auto tree = goods::checked_cast<goods::B_tree>(entry->target);
+    ids_["index entry"] = tree->at(20)->member.id();
+  });
+  const std::string good = goods::read_file(file_);
+  const std::vector<std::string> losses[] = {
+      {},
+      {"list"},
+      {"list entry"},
+      {"index"},
+      {"index entry"},
+      {"list", "index"},
+      {"list", "list entry"},
+      {"list", "index", "list entry"},
+      {"many index", "list", "index"},
+      {"many", "many index", "list", "index"},
+  };
+  const auto has = [](const std::vector<std::string>& all, const char* one) {
+    return std::ranges::find(all, one) != all.end();
+  };
+  for (const auto& lost : losses) {
+    SCOPED_TRACE(testing::PrintToString(lost));
+    goods::write_file(file_, good);
+    for (const std::string& each : lost) remove(each);
+    const std::string place = has(lost, "many") ? "lost~" + numberOf("many index") : "many";
+    Values expected;
+    for (const auto& [path, value] : values_) {
+      expected[path.starts_with("many~") ? place + path.substr(4) : path] = value;
+    }
+    EXPECT_EQ(salvage(), expected);
+    EXPECT_EQ(result_.lostBranches, has(lost, "many") ? 1U : 0U);
+    in("new", [&](TarnManager& manager) {
+      const TarnRef many = manager.getObject(place.c_str());
+      EXPECT_THAT(TarnValueIndex::Check(many), IsEmpty());
+      if (!has(lost, "list entry") && !has(lost, "many index")) {
+        EXPECT_THAT(TarnValueIndex::List(many), Contains("kind"));
+      }
+    });
+    for (const std::string& line : result_.missing) {
+      EXPECT_TRUE(std::ranges::all_of(line, [](unsigned char c) { return c >= ' '; })) << line;
+    }
   }
 }
 

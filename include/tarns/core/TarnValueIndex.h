@@ -36,6 +36,8 @@ class TarnObject;
 // changed by way of another node; a class on the way to the value whose findChild() answers by what
 // other objects say.
 //
+// Damage to an index fails neither queries nor changes: see Check().
+//
 // Threads: any that is attached. Errors: TarnException 0 for a null node, one that is not stored,
 // or a path of none or more than kMostBranches branches; what the database throws.
 class TARNS_API TarnValueIndex {
@@ -47,13 +49,14 @@ class TARNS_API TarnValueIndex {
   static bool Declare(const xcptref<TarnObject>& node, const TarnPath& below);
   // False when there is none.
   static bool Drop(const xcptref<TarnObject>& node, const TarnPath& below);
-  // Makes its content anew. False when there is none.
+  // Makes it anew, also when it is damaged or has been given up. False when there is none.
   static bool Rebuild(const xcptref<TarnObject>& node, const TarnPath& below);
   // The paths, in their order.
   static std::vector<std::string> List(const xcptref<TarnObject>& node);
 
   // Compares the indexes with the values: a sentence for each entry that is missing or wrong, up to
-  // `most`. Of one state; looks at all children.
+  // `most`, and for each index that is damaged, or was given up because a change met damage in it.
+  // Of one state; looks at all children.
   static std::vector<std::string> Check(const xcptref<TarnObject>& node, std::size_t most = 100);
 };
 
