@@ -10,6 +10,7 @@
 #include "core/node_access.h"
 #include "vfs/vfs_attributes.h"
 #include "vfs/vfs_names.h"
+#include "vfs/vfs_places.h"
 
 namespace tarns {
 
@@ -20,13 +21,6 @@ namespace {
 xcptref<TarnVFSAttributes> AttributesOf(TarnObject& folder) {
   return xcptref<TarnVFSAttributes>(
       folder.getChildWithNameNoFail(TarnVFSFolder::kAttributes, TarnVFSAttributes::GetType()));
-}
-
-// One item fewer (more) in a place.
-void CountReference(const xcptref<TarnVFSItem>& item, std::int32_t change) {
-  const std::uint32_t count = item->getRefCount();
-  if (change < 0 && count <= 1) return;
-  modify(item)->setRefCount(count + static_cast<std::uint32_t>(change));
 }
 
 std::vector<std::string> NamesIn(const TarnRef& list, std::string_view after, std::size_t limit) {
@@ -93,7 +87,6 @@ TarnVFSInfo TarnVFSFolder::getInfo() const {
   TarnVFSInfo info;
   info.kind = TarnVFSInfo::Kind::kFolder;
   info.permissions = TarnVFSInfo::kNoPermissions;
-  info.references = getUint32(kRefCount, 1);
   const TarnRef node = getChildWithName(kAttributes);
   if (node.isA<TarnVFSAttributes>()) {
     const xcptref<TarnVFSAttributes> attributes(node);
@@ -163,14 +156,11 @@ bool TarnVFSFolder::addItem(const char* name, xcptref<TarnVFSItem> item, bool un
   if (item.is_null()) return false;
   VerifyChildName(getSelf(), ViewOf(name));
   const xcptref<TarnVFSItem> there = getItem(ViewOf(name));
-  if (!unique && there == item && !there.is_null()) return false;
+  if (!unique && there == item) return false;
   const TarnRef items = getChildWithNameNoFail(kItems, TarnObject::GetType());
   const XString free = unique ? FreeName(items, ViewOf(name)) : XString(name);
-  if (item->hasParent()) CountReference(item, 1);
-  if (!unique && !there.is_null()) {
-    CountReference(there, -1);
-    modify(items)->deleteChild(name);
-  }
+  if (!unique && !there.is_null()) removeItem(ViewOf(name));
+  CountPlace(item, items);
   modify(items)->addChild(free, item);
   if (used != nullptr) *used = free;
   return true;
@@ -183,16 +173,19 @@ bool TarnVFSFolder::addFolder(const char* name, xcptref<TarnVFSFolder> folder, b
     if (above == folder) return false;
   }
   const bool isTaken = !getFolder(ViewOf(name)).is_null();
-  if (isTaken && !replace) return false;
+  if (isTaken ? !replace : (getFolderType() & kNoSubFolders) != 0) return false;
   const TarnRef folders = getChildWithNameNoFail(kFolders, TarnObject::GetType());
   if (isTaken) modify(folders)->deleteChild(name);
   modify(folders)->addChild(name, folder);
+  NoteSharedItemsOf(folder, folders);
   return true;
 }
 
 xcptref<TarnVFSItem> TarnVFSFolder::removeItem(std::string_view name) {
   auto item = getItem(name);
-  if (!item.is_null()) modify(getItemsNode())->deleteChild(std::string(name).c_str());
+  if (item.is_null()) return item;
+  modify(getItemsNode())->deleteChild(std::string(name).c_str());
+  UncountPlace(item);
   return item;
 }
 

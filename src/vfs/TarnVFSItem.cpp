@@ -26,7 +26,7 @@ XString TarnVFSItem::getOriginalPath() const { return getXString(kOriginalPath, 
 
 void TarnVFSItem::setOriginalPath(const char* path) { setValue(kOriginalPath, TarnData(path)); }
 
-std::uint32_t TarnVFSItem::getRefCount() const { return getUint32(kRefCount, 1); }
+std::uint32_t TarnVFSItem::getRefCount() const { return getUint32(kRefCount, hasParent() ? 1 : 0); }
 
 void TarnVFSItem::setRefCount(std::uint32_t count) { setValue(kRefCount, TarnData(count)); }
 

@@ -69,6 +69,7 @@ class TarnVFSWriter::State {
   void forgetUnfinished() noexcept;
   TarnVFSContent content();
   xcptref<TarnVFSFile> fileToWrite();
+  void inherit(const xcptref<TarnVFSItem>& item, const xcptref<TarnVFSFile>& file);
   void attach();
 
   TarnVFS& files_;
@@ -255,12 +256,25 @@ xcptref<TarnVFSFile> TarnVFSWriter::State::fileToWrite() {
   }
   auto file = TarnVFSFile::Create();
   modify(file)->setCreated(TarnVFSTime::Now());
-  if (!item.is_null()) {
-    TarnRef heir(file);
-    modify(item)->bequeathChildren(heir);
-  }
+  if (!item.is_null()) inherit(item, file);
   modify(folder_)->addItem(name_.c_str(), file, false);
   return file;
+}
+
+// Lets the file take the place of an item without content, which keeps its attributes when it is
+// listed elsewhere as well.
+void TarnVFSWriter::State::inherit(const xcptref<TarnVFSItem>& item,
+                                   const xcptref<TarnVFSFile>& file) {
+  modify(folder_)->removeItem(name_);
+  if (item->getRefCount() == 0) {
+    TarnRef heir(file);
+    modify(item)->bequeathChildren(heir);
+    return;
+  }
+  for (const auto& [name, child] : item->children()) {
+    if (name == TarnVFSItem::kRefCount) continue;
+    modify(file)->addChild(name.c_str(), child->deepClone());
+  }
 }
 
 void TarnVFSWriter::State::attach() {

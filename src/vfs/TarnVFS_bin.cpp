@@ -11,6 +11,7 @@
 
 #include "vfs/vfs_access.h"
 #include "vfs/vfs_names.h"
+#include "vfs/vfs_places.h"
 
 namespace tarns {
 
@@ -85,6 +86,7 @@ bool TarnVFS::bin(TarnPathText path, bool isFolder, unsigned long* id) {
     entry.node = isFolder ? TarnRef(modify(place.folder)->removeFolder(place.name))
                           : TarnRef(modify(place.folder)->removeItem(place.name));
     if (entry.node.is_null()) return false;
+    if (!isFolder) CountPlace(xcptref<TarnVFSItem>(entry.node), bin);
     entry.id = bin->getUint64(kBinLastID, 0) + 1;
     entry.time = TarnVFSTime::Now();
     modify(bin)->setValue(kBinLastID, TarnData(std::uint64_t{entry.id}));
@@ -130,10 +132,9 @@ bool TarnVFS::restore(const BinEntry& described, const TarnRef& entry, XString* 
     }
   } else {
     const xcptref<TarnVFSItem> item(described.node);
-    const std::uint32_t count = item->getRefCount();
     modify(entry)->deleteChild(kBinItem);
+    UncountPlace(item);
     modify(folder)->addItem(described.name.c_str(), item, true, &name);
-    if (item->getRefCount() != count) modify(item)->setRefCount(count);
   }
   if (path != nullptr) *path = JoinedPath(above, name.view());
   return true;
@@ -141,17 +142,14 @@ bool TarnVFS::restore(const BinEntry& described, const TarnRef& entry, XString* 
 
 // --- Removing -----------------------------------------------------------------------------------
 
-// Removes an entry, and counts down what it lists of items that stand elsewhere, too.
+// Removes an entry. What stands elsewhere as well counts a place less.
 void TarnVFS::dropEntry(const TarnRef& bin, unsigned long id) {
   const TarnRef entry = binEntry(id), node = entry->getChildWithName(kBinItem);
   modify(bin)->deleteChild(EntryName(id).c_str());
   if (node.is_null()) return;
   modify(entry)->deleteChild(kBinItem);
-  if (node.isA<TarnVFSFolder>()) dropReferences(Folder(node));
-  if (!node.isA<TarnVFSItem>()) return;
-  const xcptref<TarnVFSItem> item(node);
-  const std::uint32_t count = item->getRefCount();
-  if (count > 1) modify(item)->setRefCount(count - 1);
+  if (node.isA<TarnVFSFolder>()) RemoveSharedItems(getRootNode(), Folder(node));
+  if (node.isA<TarnVFSItem>()) UncountPlace(xcptref<TarnVFSItem>(node));
 }
 
 bool TarnVFS::delFromRecycleBin(unsigned long id) {

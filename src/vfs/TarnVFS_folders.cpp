@@ -3,11 +3,14 @@
 #include <tarns/core/TarnException.h>
 #include <tarns/vfs/TarnVFS.h>
 
+#include <unordered_map>
+#include <unordered_set>
 #include <utility>
 #include <vector>
 
 #include "vfs/vfs_access.h"
 #include "vfs/vfs_names.h"
+#include "vfs/vfs_places.h"
 
 namespace tarns {
 
@@ -29,21 +32,66 @@ bool LeadsThrough(Folder at, std::string_view path, const Folder& folder) {
   return false;
 }
 
+// What is merged into what when a folder is merged into another: that itself, then the sub-folders
+// that both have. Each pair once, as folders may be within themselves.
+class MergedFolders {
+ public:
+  MergedFolders(const Folder& from, const Folder& to) { add(from, to); }
+
+  bool isEmpty() const { return open_.empty(); }
+  std::pair<Folder, Folder> next() {
+    auto pair = std::move(open_.back());
+    open_.pop_back();
+    return pair;
+  }
+  void add(const Folder& from, const Folder& to) {
+    if (seen_[from].insert(to).second) open_.emplace_back(from, to);
+  }
+
+ private:
+  std::vector<std::pair<Folder, Folder>> open_;
+  std::unordered_map<Folder, std::unordered_set<Folder>> seen_;
+};
+
+// Whether all sub-folders of `from` may come into `to`.
+bool MayMerge(const Folder& from, const Folder& to) {
+  for (MergedFolders folders(from, to); !folders.isEmpty();) {
+    const auto [source, target] = folders.next();
+    for (const std::string& name : source->getFolderNames()) {
+      const Folder below = source->getFolder(name);
+      if (const Folder there = target->getFolder(name); !there.is_null()) {
+        folders.add(below, there);
+      } else if (!TakesFolders(target) || below->getParent(2) != source) {
+        return false;
+      }
+    }
+  }
+  return true;
+}
+
+// All but the lists, and what tells of them.
+void CopyAttributes(const Folder& from, const Folder& to) {
+  for (const auto& [name, child] : from->children()) {
+    const bool isOfLists = name == TarnVFSFolder::kItems || name == TarnVFSFolder::kFolders ||
+                           name == TarnVFSFolder::kShares || name == TarnVFSFolder::kRefCount;
+    if (!isOfLists) modify(to)->addChild(name.c_str(), child->deepClone());
+  }
+}
+
 // Moves what is in `from` into `to`; sub-folders that both have are merged in turn.
 void Merge(const Folder& from, const Folder& to) {
-  std::vector<std::pair<Folder, Folder>> open{{from, to}};
-  while (!open.empty()) {
-    const auto [source, target] = std::move(open.back());
-    open.pop_back();
+  for (MergedFolders folders(from, to); !folders.isEmpty();) {
+    const auto [source, target] = folders.next();
     for (const std::string& name : source->getItemNames()) {
       const auto item = modify(source)->removeItem(name);
       modify(target)->addItem(name.c_str(), item, false);
     }
     for (const std::string& name : source->getFolderNames()) {
       if (const Folder there = target->getFolder(name); !there.is_null()) {
-        open.emplace_back(source->getFolder(name), there);
-      } else {
-        modify(target)->addFolder(name.c_str(), modify(source)->removeFolder(name), false);
+        folders.add(source->getFolder(name), there);
+      } else if (!modify(target)->addFolder(name.c_str(), modify(source)->removeFolder(name),
+                                            false)) {
+        ThrowListedElsewhere(name);
       }
     }
   }
@@ -99,6 +147,7 @@ bool TarnVFS::createFolder(TarnPathText path, const char* icon, unsigned long ty
 bool TarnVFS::addFolder(TarnPathText path, Folder folder, bool overwrite, bool merge) {
   const Place place = placeAt(path.view());
   if (!place.isValid() || folder.is_null()) return false;
+  const Folder root = getRootNode();
   return change([&] {
     LockFolders(place.folder, place.folder);
     const Folder there = place.folder->getFolder(place.name);
@@ -107,11 +156,12 @@ bool TarnVFS::addFolder(TarnPathText path, Folder folder, bool overwrite, bool m
     // First, so that nothing has been changed when it is refused.
     if (folder->hasParent() || folder == there || IsAtOrAbove(folder, place.folder)) return false;
     if (!there.is_null() && merge) {
+      if (!MayMerge(folder, there)) return false;
       Merge(folder, there);
       return true;
     }
     if (!modify(place.folder)->addFolder(place.name.c_str(), folder, overwrite)) return false;
-    if (!there.is_null()) dropReferences(there);
+    if (!there.is_null()) RemoveSharedItems(root, there);
     return true;
   });
 }
@@ -119,11 +169,12 @@ bool TarnVFS::addFolder(TarnPathText path, Folder folder, bool overwrite, bool m
 bool TarnVFS::deleteFolder(TarnPathText path) {
   const Place place = placeAt(path.view());
   if (!place.isValid()) return false;
+  const Folder root = getRootNode();
   return change([&] {
     LockFolders(place.folder, place.folder);
     const Folder folder = modify(place.folder)->removeFolder(place.name);
     if (folder.is_null()) return false;
-    dropReferences(folder);
+    RemoveSharedItems(root, folder);
     return true;
   });
 }
@@ -162,26 +213,33 @@ std::vector<std::string> TarnVFS::getFolderNames(TarnPathText folder, std::strin
 }
 
 Folder CopyOf(const Folder& folder) {
-  Folder copy(folder->clone());
-  std::vector<std::pair<Folder, Folder>> open{{folder, copy}};
-  while (!open.empty()) {
-    const auto [source, target] = std::move(open.back());
-    open.pop_back();
-    for (const auto& [name, child] : source->children()) {
-      if (name == TarnVFSFolder::kItems || name == TarnVFSFolder::kFolders) continue;
-      modify(target)->addChild(name.c_str(), child->deepClone());
+  std::unordered_map<Folder, Folder> copies;
+  std::vector<Folder> open;
+  const auto copyOf = [&](const Folder& source) {
+    const auto [copy, isNew] = copies.try_emplace(source);
+    if (isNew) {
+      copy->second = Folder(source->clone());
+      open.push_back(source);
     }
+    return copy->second;
+  };
+  Folder top = copyOf(folder);
+  while (!open.empty()) {
+    const Folder source = std::move(open.back());
+    open.pop_back();
+    const Folder copy = copies.at(source);
+    CopyAttributes(source, copy);
     for (const std::string& name : source->getItemNames()) {
-      modify(target)->addItem(name.c_str(), CopyOf(source->getItem(name)), false);
+      modify(copy)->addItem(name.c_str(), CopyOf(source->getItem(name)), false);
     }
     for (const std::string& name : source->getFolderNames()) {
-      const Folder below = source->getFolder(name);
-      const Folder belowCopy(below->clone());
-      modify(target)->addFolder(name.c_str(), belowCopy, false);
-      open.emplace_back(below, belowCopy);
+      const Folder below = copyOf(source->getFolder(name));
+      const TarnRef folders =
+          modify(copy)->getChildWithNameNoFail(TarnVFSFolder::kFolders, TarnObject::GetType());
+      modify(folders)->addChild(name.c_str(), below);
     }
   }
-  return copy;
+  return top;
 }
 
 }  // namespace tarns

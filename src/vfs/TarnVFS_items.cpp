@@ -8,10 +8,10 @@
 #include <tarns/vfs/TarnVFSReader.h>
 
 #include <string>
-#include <unordered_set>
 #include <vector>
 
 #include "vfs/vfs_access.h"
+#include "vfs/vfs_places.h"
 
 namespace tarns {
 
@@ -24,30 +24,6 @@ using Folder = xcptref<TarnVFSFolder>;
 bool IsOfThePlace(std::string_view child) {
   return child == TarnVFSItem::kRefCount || child == TarnVFSItem::kOriginalPath ||
          child == TarnVFSItem::kItemName;
-}
-
-// Notes that a place of the item has gone.
-void DropReference(const Item& item) {
-  const std::uint32_t count = item->getRefCount();
-  if (count > 1) modify(item)->setRefCount(count - 1);
-}
-
-// Notes that items listed in `items` have lost this place. What stands elsewhere as well does not
-// refer to the removed list as its parent's any more, which would keep that from being collected.
-void DropListed(const TarnRef& items) {
-  for (const auto& [name, child] : items->children()) {
-    if (!child.isA<TarnVFSItem>()) continue;
-    const Item item(child);
-    if (item->getRefCount() > 1 && item->getParent() == items) modify(item)->makeOrphan();
-    DropReference(item);
-  }
-}
-
-// Notes in the root folder that items are listed in several places, so that removing folders looks
-// for them.
-void NoteShare(const Folder& root) {
-  modify(root)->setValue(TarnVFSFolder::kRefCount,
-                         TarnData(root->getUint32(TarnVFSFolder::kRefCount, 1) + 1));
 }
 
 }  // namespace
@@ -68,11 +44,9 @@ bool TarnVFS::addItem(TarnPathText path, Item item, bool overwrite, bool unique)
   getDBPathForItem(path.str().c_str());  // checks the names
   const Place place = placeAt(path.view());
   if (!place.isValid()) return false;
-  const Folder root = getRootNode();
   return change([&] {
     LockFolders(place.folder, place.folder);
     if (!overwrite && !place.folder->getItem(place.name).is_null()) return false;
-    if (item->hasParent()) NoteShare(root);
     return modify(place.folder)->addItem(place.name.c_str(), item, unique);
   });
 }
@@ -80,11 +54,9 @@ bool TarnVFS::addItem(TarnPathText path, Item item, bool overwrite, bool unique)
 bool TarnVFS::changeItem(TarnPathText path, Item item) {
   const Place place = placeAt(path.view());
   if (!place.isValid() || item.is_null()) return false;
-  const Folder root = getRootNode();
   return change([&] {
     LockFolders(place.folder, place.folder);
     if (place.folder->getItem(place.name).is_null()) return false;
-    if (item->hasParent()) NoteShare(root);
     return modify(place.folder)->addItem(place.name.c_str(), item, false);
   });
 }
@@ -94,10 +66,7 @@ bool TarnVFS::deleteItem(TarnPathText path) {
   if (!place.isValid()) return false;
   return change([&] {
     LockFolders(place.folder, place.folder);
-    const Item item = modify(place.folder)->removeItem(place.name);
-    if (item.is_null()) return false;
-    DropReference(item);
-    return true;
+    return !modify(place.folder)->removeItem(place.name).is_null();
   });
 }
 
@@ -109,31 +78,10 @@ bool TarnVFS::deleteItemsIn(TarnPathText folderPath) {
     LockFolders(folder, folder);
     const TarnRef items = folder->getItemsNode();
     if (items.is_null()) return true;
-    if (root->getUint32(TarnVFSFolder::kRefCount, 1) > 1) {
-      for (const auto& [name, child] : items->children()) DropReference(Item(child));
-    }
+    if (MayListSharedItems(root)) UncountPlacesIn(items);
     modify(items)->deleteChildren();
     return true;
   });
-}
-
-// Counts down what a folder that was removed lists of items that stand elsewhere, too. Folders that
-// have their parent elsewhere stay.
-void TarnVFS::dropReferences(const Folder& folder) {
-  if (getRootNode()->getUint32(TarnVFSFolder::kRefCount, 1) == 1 || folder->hasParent()) return;
-  std::unordered_set<Folder> seen{folder};
-  std::vector<Folder> open{folder};
-  while (!open.empty()) {
-    const Folder at = open.back();
-    open.pop_back();
-    if (const TarnRef items = at->getItemsNode(); !items.is_null()) DropListed(items);
-    const TarnRef folders = at->getFoldersNode();
-    if (folders.is_null()) continue;
-    for (const auto& [name, child] : folders->children()) {
-      if (!child.isA<TarnVFSFolder>() || child->getParent() != folders) continue;
-      if (seen.insert(Folder(child)).second) open.emplace_back(child);
-    }
-  }
 }
 
 // --- Moving, copying, sharing -------------------------------------------------------------------
@@ -157,7 +105,7 @@ bool TarnVFS::moveItemInternal(TarnPathText from, TarnPathText to, long mode, XS
   }
   const Place source = placeAt(from.view()), target = targetOf(from.view(), to.view());
   if (!source.isValid() || !target.isValid()) return false;
-  const Folder root = getRootNode(), effectiveRoot = getVFSRootNode();
+  const Folder effectiveRoot = getVFSRootNode();
   XString name;
   const bool isDone = change([&] {
     LockFolders(source.folder, target.folder);
@@ -165,11 +113,9 @@ bool TarnVFS::moveItemInternal(TarnPathText from, TarnPathText to, long mode, XS
     if (item.is_null()) return false;
     name = target.name;
     if (mode == kMove && source.folder == target.folder && source.name == target.name) return true;
-    const std::uint32_t count = item->getRefCount();
     if (mode == kMove) {
       modify(source.folder)->removeItem(source.name);
       modify(target.folder)->addItem(target.name.c_str(), item, true, &name);
-      if (item->getRefCount() != count) modify(item)->setRefCount(count);
       const bool isRenamed = name.view() != source.name;
       if (isRenamed && item->valueAt(kItemName)) modify(item)->setItemName(name);
     } else if (mode == kCopy) {
@@ -178,11 +124,9 @@ bool TarnVFS::moveItemInternal(TarnPathText from, TarnPathText to, long mode, XS
       modify(target.folder)->addItem(target.name.c_str(), copy, true, &name);
     } else {
       modify(target.folder)->addItem(target.name.c_str(), item, true, &name);
-      modify(item)->setRefCount(count + 1);
       if (!item->valueAt(TarnVFSItem::kOriginalPath)) {
         modify(item)->setOriginalPath(from.str().c_str());
       }
-      NoteShare(root);
     }
     return true;
   });

@@ -3,9 +3,11 @@
 #include <tarns/vfs/TarnVFSFile.h>
 
 #include <algorithm>
+#include <deque>
 #include <map>
 #include <optional>
 #include <string>
+#include <unordered_set>
 #include <utility>
 #include <vector>
 
@@ -36,16 +38,16 @@ TarnRef TarnVFS::buildFolderTreeFor() { return BuildFolderTreeFor(getVFSRootNode
 TarnRef TarnVFS::BuildFolderTreeFor(const xcptref<TarnVFSFolder>& folder) {
   if (folder.is_null()) return nullptr;
   TarnRef tree = TarnObject::Create();
-  std::vector<std::pair<xcptref<TarnVFSFolder>, TarnRef>> open{{folder, tree}};
+  std::unordered_set<xcptref<TarnVFSFolder>> seen{folder};
+  std::deque<std::pair<xcptref<TarnVFSFolder>, TarnRef>> open{{folder, tree}};  // nearest first
   while (!open.empty()) {
-    const auto [source, node] = std::move(open.back());
-    open.pop_back();
-    const TarnRef folders = source->getFoldersNode();
-    if (folders.is_null()) continue;
-    for (const auto& [name, child] : folders->children()) {
+    const auto [source, node] = std::move(open.front());
+    open.pop_front();
+    for (const std::string& name : source->getFolderNames()) {
       const TarnRef below = TarnObject::Create();
       modify(node)->addChild(name.c_str(), below);
-      open.emplace_back(xcptref<TarnVFSFolder>(child), below);
+      const auto found = source->getFolder(name);
+      if (seen.insert(found).second) open.emplace_back(found, below);
     }
   }
   return tree;

@@ -71,7 +71,8 @@ bool IsAtOrAbove(const TarnRef& folder, TarnRef node);
 
 // A new item of the same class with the same content and children, listed nowhere.
 xcptref<TarnVFSItem> CopyOf(const xcptref<TarnVFSItem>& item);
-// The same for a folder and everything in it.
+// The same for a folder and everything in it: a folder that is listed in several places of it, in
+// itself even, is copied once, and the copy is listed in as many.
 xcptref<TarnVFSFolder> CopyOf(const xcptref<TarnVFSFolder>& folder);
 
 }  // namespace tarns

@@ -101,7 +101,9 @@ class TARNS_API TarnVFS {
   // into that one, under its own name; where that is taken as well, under a numbered one. False
   // also where the folder would come into itself, and where sub-folders are not allowed. A copy
   // shares the contents of the items, and items that are listed in several places of the folder are
-  // copied once for each.
+  // copied once for each. A folder that an application has listed in several places, within itself
+  // even, can be moved from the place that is its parent's only (111 from others), and is one
+  // folder in as many places of a copy.
   bool moveFolder(TarnPathText from, TarnPathText to);
   bool copyFolder(TarnPathText from, TarnPathText to);
 
@@ -157,8 +159,9 @@ class TARNS_API TarnVFS {
   // Sets `path` to the path of a folder or item of this file system, below the folder on which it
   // was opened; false, and `path` as it was, for any other node.
   bool getPath(const xcptref<TarnObject>& node, TarnPath& path);
-  // A node with a child for each sub-folder, of the same name and with such children in turn.
-  // Transient and without parent.
+  // A node with a child for each sub-folder, of the same name and with such children in turn; of a
+  // folder that is listed in several places, or within itself, only the first such child of those
+  // nearest to the top has children. Transient and without parent.
   xcptref<TarnObject> buildFolderTreeFor();
   static xcptref<TarnObject> BuildFolderTreeFor(const xcptref<TarnVFSFolder>& folder);
   // A transient node with the values "Items", "Folders" (of the folder itself), "Bytes" (of its
@@ -235,7 +238,6 @@ class TARNS_API TarnVFS {
   bool bin(TarnPathText path, bool isFolder, unsigned long* id);
   TarnRef binEntry(unsigned long id);
   bool restore(const BinEntry& described, const TarnRef& entry, XString* path);
-  void dropReferences(const xcptref<TarnVFSFolder>& folder);
   void dropEntry(const TarnRef& bin, unsigned long id);
   template <class Work>
   bool change(Work&& work);

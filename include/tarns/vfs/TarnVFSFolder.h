@@ -32,6 +32,8 @@ class TARNS_API TarnVFSFolder : public TarnObject {
   static constexpr const char* kFolderIcon = "vfsIcon";
   static constexpr const char* kLinkPath = "vfsSharePath";
   static constexpr const char* kRefCount = "vfsRefs";
+  // A mark of the root folder: items have been shared.
+  static constexpr const char* kShares = "vfsShares";
   // Permissions and time of a directory that was put here; a node, made when they are set.
   static constexpr const char* kAttributes = "vfsAttributes";
   // A bit of the type: no sub-folders may be created in the folder.
@@ -69,17 +71,19 @@ class TARNS_API TarnVFSFolder : public TarnObject {
   std::vector<TarnVFSEntry> listItems(std::string_view after, std::size_t limit) const;
 
   // Lists `item` here. Where an item of that name is listed already: with `unique` that one stays
-  // and the new one gets a numbered name, name(1).ext; otherwise the new one takes its place, whose
-  // count of references goes down. An item that is listed elsewhere stays listed there and counts
-  // one place more. False for a null item, and where this very item bears the name already. The
-  // name is checked as in TarnObject::addChild(). `used`, when not null, receives the name.
+  // and the new one gets a numbered name, name(1).ext; otherwise the new one takes its place. An
+  // item that is listed elsewhere stays listed there and counts one place more; one that is
+  // replaced counts one less. False for a null item, and where this very item bears the name
+  // already. The name is checked as in TarnObject::addChild(). `used`, when not null, receives the
+  // name.
   bool addItem(const char* name, xcptref<TarnVFSItem> item, bool unique, XString* used = nullptr);
   // The same for a folder, whose name is not numbered. False also where a folder of that name is
-  // listed and `replace` is false, where `folder` is this one or above it, or is listed elsewhere.
+  // listed and `replace` is false, or none is and the type says kNoSubFolders; where `folder` is
+  // this one or above it, or is listed elsewhere.
   bool addFolder(const char* name, xcptref<TarnVFSFolder> folder, bool replace);
 
   // Takes the item (the folder with everything in it) off the list; null when there is none. The
-  // count of references stays as it is.
+  // item counts a place less; items in the folder go on counting their places there.
   xcptref<TarnVFSItem> removeItem(std::string_view name);
   xcptref<TarnVFSFolder> removeFolder(std::string_view name);
 };

@@ -12,7 +12,8 @@ namespace tarns {
 //
 // Its attributes are value children, made when they are first set; applications add values of their
 // own in the same way. An item as such has no content: TarnVFSFile does, and writing content to the
-// path of a plain item puts a TarnVFSFile in its place, which takes over its children.
+// path of a plain item puts a TarnVFSFile in its place, which takes over its children; other places
+// where it is listed keep the item, and the file gets copies of them.
 //
 // Threads and transactions: as every node.
 class TARNS_API TarnVFSItem : public TarnObject {
@@ -31,7 +32,9 @@ class TARNS_API TarnVFSItem : public TarnObject {
   // Where a copied or shared item was before, as a path of its file system; empty when never told.
   XString getOriginalPath() const;
   void setOriginalPath(const char* path);
-  // In how many places the item is listed: 1 unless it has been shared.
+  // In how many places the item is listed, the recycle bin and folders in it included; 0 for one
+  // that is listed nowhere. An item that has been listed in a removed folder only still is. Kept by
+  // the calls of TarnVFS and TarnVFSFolder.
   std::uint32_t getRefCount() const;
   void setRefCount(std::uint32_t count);
 
