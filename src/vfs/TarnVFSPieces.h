@@ -58,8 +58,6 @@ class VFSPieceTree {
   void set(std::uint64_t index, const TarnString& piece);
   // Forgets all pieces from `count` on.
   void truncate(std::uint64_t count);
-  // From now on all tables may be seen by others.
-  void publish() { own_.clear(); }
 
  private:
   xcptref<TarnVFSPieces> owned(const xcptref<TarnVFSPieces>& table, unsigned level);

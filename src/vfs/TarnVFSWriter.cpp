@@ -45,9 +45,6 @@ constexpr std::uint64_t kNone = std::numeric_limits<std::uint64_t>::max();
 class TarnVFSWriter::State {
  public:
   State(TarnVFS& files, std::string_view path, Mode mode);
-  ~State();
-  State(const State&) = delete;
-  State& operator=(const State&) = delete;
 
   void write(std::string_view bytes);
   void truncate(std::uint64_t size);
@@ -66,7 +63,7 @@ class TarnVFSWriter::State {
   void closePiece();
   void putIntoTables();
   void putAway();
-  void forgetUnfinished() noexcept;
+  void letGo(const xcptref<UnfinishedContent>& unfinished) noexcept;
   TarnVFSContent content();
   xcptref<TarnVFSFile> fileToWrite();
   void inherit(const xcptref<TarnVFSItem>& item, const xcptref<TarnVFSFile>& file);
@@ -87,7 +84,6 @@ class TarnVFSWriter::State {
   std::string piece_;            // being written
   std::uint64_t index_ = kNone;  // which one it is
   bool isChanged_ = false;
-  bool isPutAway_ = false;  // some of it is in the database
   bool isOver_ = false;
 };
 
@@ -108,8 +104,6 @@ TarnVFSWriter::State::State(TarnVFS& files, std::string_view path, Mode mode)
   bytes_ = before_.bytes;
   tables_ = VFSPieceTree(before_.pieces);
 }
-
-TarnVFSWriter::State::~State() { forgetUnfinished(); }
 
 void TarnVFSWriter::State::requireOpen() const {
   if (!isOver_) return;
@@ -197,25 +191,22 @@ void TarnVFSWriter::State::putAway() {
   TarnManager& manager = files_.getManager();
   if (manager.db().getCacheManager().in_transaction()) return;
   const auto unfinished = UnfinishedContent::In(files_);
-  Atomically(manager, [&] {
+  const bool isFirst = Atomically(manager, [&] {
     putIntoTables();
-    if (tables_.root().id() == 0) modify(unfinished)->setTables(tables_.root());
+    const bool isNew = tables_.root().id() == 0;
+    if (isNew) modify(unfinished)->setTables(tables_.root());
+    return isNew;
   });
-  isPutAway_ = true;
   written_.clear();
   writtenBytes_ = 0;
   bytes_ = TarnString();
   tablesEnd_ = kNone;
+  if (isFirst) letGo(unfinished);
 }
 
-// What was put away need not be kept for this writer any more; it is garbage, or an item's.
-void TarnVFSWriter::State::forgetUnfinished() noexcept {
-  if (!isPutAway_) return;
-  isPutAway_ = false;
+// What has been stored is kept by this writer from now on: a crash leaves garbage.
+void TarnVFSWriter::State::letGo(const xcptref<UnfinishedContent>& unfinished) noexcept {
   try {
-    goods::cache_manager& session = files_.getManager().db().getCacheManager();
-    if (goods::cache_manager::current() != &session || session.in_transaction()) return;
-    const auto unfinished = UnfinishedContent::In(files_);
     Atomically(files_.getManager(), [&] {
       if (unfinished->getTables() == tables_.root()) modify(unfinished)->setTables(nullptr);
     });
@@ -294,7 +285,6 @@ void TarnVFSWriter::State::finish() {
   Atomically(files_.getManager(), [&] { attach(); });
   isOver_ = true;
   ++files_.numChanges_;
-  forgetUnfinished();
 }
 
 // --- The interface ------------------------------------------------------------------------------

@@ -8,13 +8,14 @@
 
 namespace tarns {
 
-// Refers to the newest content that is being written, the child "vfsUnfinished" of a file system's
-// base node.
+// Refers to a content that is being written, the child "vfsUnfinished" of a file system's base
+// node.
 //
 // An object gets into a database by being referred to from there. Once it is in, the writer's own
 // reference keeps it from being collected, and it can go on referring to new pieces. So each writer
-// lets its tables be referred to from here for the one commit that stores them; the next one takes
-// the place. What a crash leaves is thus garbage, but for one content that the next writer frees.
+// lets its tables be referred to from here for the one commit that stores them, and takes them off
+// in the next. What a crash leaves is thus garbage, unless it comes between the two: then the next
+// writer of a large content frees the place.
 class UnfinishedContent : public TarnObject {
   TARN_CLASS_NAMED(UnfinishedContent, TarnObject, "TarnVFSUnfinished")
 

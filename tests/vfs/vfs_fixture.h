@@ -39,8 +39,9 @@ class vfs_test : public session_test {
   void mount(const char* subPath = nullptr) {
     vfs_ = std::make_unique<OpenVFS>(manager(), manager().getNoFail("files"), subPath);
   }
+  void unmount() { vfs_.reset(); }
   void remount() {
-    vfs_.reset();
+    unmount();
     reopen();
     mount();
   }
