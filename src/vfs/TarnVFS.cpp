@@ -46,6 +46,20 @@ xcptref<TarnVFSFolder> TarnVFS::getVFSRootNode() {
   return effectiveRoot_;
 }
 
+void TarnVFS::verifyRoot() {
+  if (base_->getChildWithName(kRootNode) != getRootNode()) {
+    TarnException::ThrowNonExistentPath(kRootNode);
+  }
+}
+
+void TarnVFS::verifyFolder() {
+  const auto folder = getVFSRootNode();
+  std::string way;
+  if (folder == root_ || PathBelow(root_, folder, way)) return;
+  if (root_->getChildWithName(getDBPathFor(subPath_).view()) == folder) return;
+  TarnException::ThrowNonExistentPath(subPath_);
+}
+
 // --- Paths --------------------------------------------------------------------------------------
 
 TarnPath TarnVFS::getDBPathFor(const char* folderPath) const {
@@ -79,13 +93,12 @@ xcptref<TarnVFSFolder> TarnVFS::folderAt(std::string_view path) {
       root->getChildWithName(getDBPathFor(std::string(path).c_str()).view()));
 }
 
-// Whether the folder, which was found at `path`, is still in the file system; in a transaction this
-// locks what is above. A folder that is listed in several places may have its parent in none that
-// is left.
+// Whether the folder, which was found at `path`, is still in the file system, whose root is; in a
+// transaction this locks what is above. A folder that is listed in several places may have its
+// parent in none that is left.
 bool TarnVFS::isThere(const xcptref<TarnVFSFolder>& folder, std::string_view path) {
   std::string way;
-  if (PathBelow(getRootNode(), folder, way)) return true;
-  return folderAt(path) == folder && PathBelow(getRootNode(), getVFSRootNode(), way);
+  return PathBelow(getRootNode(), folder, way) || folderAt(path) == folder;
 }
 
 xcptref<TarnVFSItem> TarnVFS::itemAt(std::string_view path) {

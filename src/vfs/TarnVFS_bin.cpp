@@ -108,7 +108,7 @@ TarnRef TarnVFS::binEntry(unsigned long id) {
 bool TarnVFS::restoreFromBin(unsigned long id, XString* path) {
   const TarnRef bin = getRecycleBin();
   getRootNode();
-  return change([&] {
+  return changeAnywhere([&] {
     modify(bin)->touch();
     const TarnRef entry = binEntry(id);
     if (entry.is_null() || !restore(Described(id, entry), entry, path)) return false;
@@ -155,7 +155,7 @@ void TarnVFS::dropEntry(const TarnRef& bin, unsigned long id) {
 bool TarnVFS::delFromRecycleBin(unsigned long id) {
   const TarnRef bin = getRecycleBin();
   getRootNode();
-  return change([&] {
+  return changeAnywhere([&] {
     modify(bin)->touch();
     if (binEntry(id).is_null()) return false;
     dropEntry(bin, id);
@@ -168,7 +168,7 @@ unsigned long TarnVFS::emptyRecycleBin(unsigned long seconds) {
   getRootNode();
   const std::int64_t now = TarnVFSTime::Now().seconds;
   unsigned long removed = 0;
-  change([&] {
+  changeAnywhere([&] {
     modify(bin)->touch();
     removed = 0;
     for (const BinEntry& entry : listRecycleBin()) {

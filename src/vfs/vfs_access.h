@@ -27,10 +27,22 @@ auto Atomically(TarnManager& manager, Work&& work) {
   return manager.db().getCacheManager().atomically(std::forward<Work>(work));
 }
 
-// The same for work that returns whether it has changed something.
+// The same for work that returns whether it has changed something; below the folder on which the
+// file system was opened.
 template <class Work>
 bool TarnVFS::change(Work&& work) {
-  const bool isChanged = Atomically(manager_, std::forward<Work>(work));
+  return changeAnywhere([&] {
+    verifyFolder();
+    return work();
+  });
+}
+
+template <class Work>
+bool TarnVFS::changeAnywhere(Work&& work) {
+  const bool isChanged = Atomically(manager_, [&] {
+    verifyRoot();
+    return work();
+  });
   if (isChanged) ++numChanges_;
   return isChanged;
 }

@@ -5,6 +5,7 @@
 #include <tarns/util/FileFP.h>
 
 #include <filesystem>
+#include <functional>
 
 #include "support/throws_tarn.h"
 #include "vfs/vfs_fixture.h"
@@ -51,6 +52,48 @@ TEST_F(TreeTest, OpensOnASubFolder) {
   EXPECT_STREQ(restored, "a~b~x");
   mount("no~such");
   EXPECT_EQ(vfs().getVFSRootNode(), vfs().getRootNode());
+}
+
+// A file system that was opened on a folder goes with it, but not into nothing.
+TEST_F(TreeTest, FollowsItsFolderWhileThatIsThere) {
+  vfs().createFolder("a~b~c");
+  put("a~b~x", "1");
+  OpenVFS below(manager(), manager().getObject("files"), "a~b");
+  const auto changeAll = [&] {
+    const auto item = TarnVFSItem::Create();
+    bool isDone = below.addItem("new", item, true, true) && below.copyItemTo("x", "y");
+    isDone &= below.createFolder("d") && below.copyFolder("c", "e");
+    return isDone && below.moveItemToBin("y") && below.deleteFolder("d") && below.deleteItem("new");
+  };
+  EXPECT_TRUE(changeAll());
+  ASSERT_TRUE(vfs().moveFolder("a~b", "z"));
+  EXPECT_TRUE(changeAll());
+  TarnVFSWriter writer(below, "x");
+  for (const bool isBinned : {true, false}) {
+    const Tree before = tree("z");
+    unsigned long id = 0;
+    ASSERT_TRUE(isBinned ? vfs().moveFolderToBin("z", &id) : vfs().deleteFolder("z"));
+    const std::vector<std::function<void()>> changes{
+        [&] { below.addItem("new", TarnVFSItem::Create(), true, true); },
+        [&] { below.changeItem("x", TarnVFSItem::Create()); },
+        [&] { below.deleteItem("x"); },
+        [&] { below.deleteItemsIn("c"); },
+        [&] { below.copyItemTo("x", "y"); },
+        [&] { below.createFolder("d"); },
+        [&] { below.addFolder("d", TarnVFSFolder::Create(), true, true); },
+        [&] { below.copyFolder("c", "f"); },
+        [&] { below.deleteFolder("c"); },
+        [&] { below.moveItemToBin("x"); },
+        [&] { writer.finish(); },
+        [&] { TarnVFSWriter(below, "x").finish(); }};
+    for (const auto& change : changes) EXPECT_THAT(change, ThrowsTarn(7, HasSubstr("a~b")));
+    if (!isBinned) break;
+    ASSERT_TRUE(below.restoreFromBin(id));
+    EXPECT_EQ(tree("z"), before);
+  }
+  manager().deleteBranch("files~vfsSystem");
+  EXPECT_THAT([&] { put("x", "1"); }, ThrowsTarn(7, HasSubstr("vfsSystem")));
+  EXPECT_THAT([&] { vfs().createFolder("d"); }, ThrowsTarn(7, HasSubstr("vfsSystem")));
 }
 
 TEST_F(TreeTest, RefusesFoldersWhereTheTypeSaysSo) {

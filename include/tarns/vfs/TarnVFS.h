@@ -42,8 +42,9 @@ namespace tarns {
 // name under numbered names both succeed.
 //
 // Threads: a TarnVFS belongs to one thread at a time, which must be attached to the session; any
-// number of them may be open on the same base, in any sessions. Each keeps its root folder: where
-// that is deleted or exchanged, open another one. The manager outlives it.
+// number of them may be open on the same base, in any sessions. Each keeps the folder on which it
+// was opened, and follows it when it is moved; once that has been removed, what would change
+// something throws 7, and reading finds what it held. The manager outlives it.
 class TARNS_API TarnVFS {
  public:
   static constexpr const char* kRootNode = "vfsSystem";
@@ -232,6 +233,8 @@ class TARNS_API TarnVFS {
   xcptref<TarnVFSFolder> folderAt(std::string_view path);
   xcptref<TarnVFSItem> itemAt(std::string_view path);
   bool isThere(const xcptref<TarnVFSFolder>& folder, std::string_view path);
+  void verifyRoot();
+  void verifyFolder();
   xcptref<TarnVFSFolder> makeFolder(const xcptref<TarnVFSFolder>& root, std::string_view path,
                                     const char* icon, unsigned long type);
   bool transferFolder(std::string_view from, std::string_view to, bool isCopy);
@@ -241,6 +244,8 @@ class TARNS_API TarnVFS {
   void dropEntry(const TarnRef& bin, unsigned long id);
   template <class Work>
   bool change(Work&& work);
+  template <class Work>
+  bool changeAnywhere(Work&& work);
 
   TarnManager& manager_;
   xcptref<TarnObject> base_;
