@@ -13,6 +13,7 @@
 #include <utility>
 
 #include "containers/block_ranges.h"
+#include "core/further_children.h"
 #include "core/node_access.h"
 
 namespace tarns {
@@ -20,6 +21,9 @@ namespace tarns {
 TARN_REGISTER(TarnBundle, TarnObject);
 
 namespace {
+
+[[maybe_unused]] const bool isDefined =
+    DefineIndivisible([](const TarnRef& node) { return node.isA<TarnBundle>(); });
 
 constexpr unsigned short kAllFree = TarnBundleBlock::kCapacity;
 

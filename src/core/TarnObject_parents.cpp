@@ -27,18 +27,6 @@ std::string_view NameIn(goods::reader& reader, const TarnObject& node) {
   return link != nullptr ? link->key() : std::string_view();
 }
 
-// Whether `upper` is `lower` or one of its ancestors.
-bool IsAtOrAbove(const TarnRef& upper, const TarnRef& lower) {
-  return goods::read_here([&](goods::reader& reader) {
-    const TarnObject* sought = reader.get(upper);
-    ParentWalk walk(reader, *reader.get(lower));
-    for (const TarnObject* node = &walk.node(); node != nullptr; node = walk.up()) {
-      if (node == sought) return true;
-    }
-    return false;
-  });
-}
-
 // Throws when `node` would come to lie below itself.
 void VerifyNotBelow(const TarnRef& node, const TarnRef& newParent) {
   if (!IsAtOrAbove(node, newParent)) return;
@@ -78,6 +66,17 @@ TarnRef FindAncestor(const TarnObject& from, Test&& test) {
 }
 
 }  // namespace
+
+bool IsAtOrAbove(const TarnRef& upper, const TarnRef& lower) {
+  return goods::read_here([&](goods::reader& reader) {
+    const TarnObject* sought = reader.get(upper);
+    ParentWalk walk(reader, *reader.get(lower));
+    for (const TarnObject* node = &walk.node(); node != nullptr; node = walk.up()) {
+      if (node == sought) return true;
+    }
+    return false;
+  });
+}
 
 void TarnNodeAccess::Orphan(const TarnRef& child, const goods::ref<goods::set_member>& entry) {
   if (child.is_null()) return;

@@ -9,6 +9,11 @@ FurtherHolderFunction& Function() {
   return function;
 }
 
+IndivisibleFunction& IndivisibleTest() {
+  static IndivisibleFunction function = nullptr;
+  return function;
+}
+
 }  // namespace
 
 bool DefineFurtherHolder(FurtherHolderFunction function) {
@@ -19,6 +24,16 @@ bool DefineFurtherHolder(FurtherHolderFunction function) {
 TarnRef FurtherHolderOf(const TarnRef& node) {
   const FurtherHolderFunction function = Function();
   return function != nullptr ? function(node) : TarnRef();
+}
+
+bool DefineIndivisible(IndivisibleFunction function) {
+  IndivisibleTest() = function;
+  return true;
+}
+
+bool IsIndivisible(const TarnRef& node) {
+  const IndivisibleFunction function = IndivisibleTest();
+  return function != nullptr && function(node);
 }
 
 }  // namespace tarns

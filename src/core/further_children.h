@@ -1,4 +1,5 @@
-// Children that a node finds as its own although another node's index holds them.
+// Children that a node finds as its own although another node's index holds them, and those that
+// are the node's own affair.
 #pragma once
 
 #include <tarns/core/TarnObject.h>
@@ -15,5 +16,14 @@ bool DefineFurtherHolder(FurtherHolderFunction function);
 // What hands over, deletes or copies all children of a node goes on with those of this one: null
 // for nearly all nodes. The further node has no parent.
 TarnRef FurtherHolderOf(const TarnRef& node);
+
+// Whether what is below a node belongs together with members in a way that only its class knows, so
+// that it is merged with another one as a whole or not at all.
+using IndivisibleFunction = bool (*)(const TarnRef& node);
+
+// As DefineFurtherHolder().
+bool DefineIndivisible(IndivisibleFunction function);
+
+bool IsIndivisible(const TarnRef& node);
 
 }  // namespace tarns

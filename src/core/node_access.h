@@ -75,6 +75,13 @@ TarnRef MakeBranch(const TarnRef& from, std::string_view path, std::string_view 
 // first.
 bool AddMissingNode(const TarnRef& from, std::string_view path, const TarnRef& node);
 
+// Throws when `node` cannot be put below `parent` under that name: a reference member takes nodes
+// of its class only.
+void VerifyFits(const TarnRef& parent, std::string_view name, const TarnRef& node);
+
+// Whether `upper` is `lower` or one of its ancestors.
+bool IsAtOrAbove(const TarnRef& upper, const TarnRef& lower);
+
 // Adds the names of up to `limit` abstract children, of those behind all that are called `after`
 // unless that is empty. `find(reader)` gives the node, or null; then false.
 bool AddChildNames(const std::function<const TarnObject*(goods::reader&)>& find,

@@ -38,4 +38,20 @@ void ForEachReference(TarnObject& node, Visit&& visit) {
   }
 }
 
+template <class Visit>
+void ForEachReference(const TarnObject& node, Visit&& visit) {
+  ForEachReference(const_cast<TarnObject&>(node),
+                   [&](const goods::field_descriptor& field, unsigned item,
+                       const goods::object_ref& reference) { visit(field, item, reference); });
+}
+
+// The reference that a node's class keeps under the name of another class's member; null for none.
+inline const goods::object_ref* SameReferenceIn(const TarnObject& node,
+                                                const goods::field_descriptor& field,
+                                                unsigned item) {
+  const TarnFieldDescriptor* const own = node.getClass().findField(field.name());
+  if (own == nullptr || !IsCountedReference(*own) || item >= own->n_items()) return nullptr;
+  return &ReferenceAt(node, *own, item);
+}
+
 }  // namespace tarns

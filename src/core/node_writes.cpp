@@ -164,19 +164,6 @@ TarnRef CompleteBranch(const TarnRef& top, std::string_view path, std::string_vi
   }
 }
 
-// Throws when `node` cannot be put below `parent` under that name: what is to be made on the way is
-// not attached then.
-void VerifyFits(const TarnRef& parent, std::string_view name, const TarnRef& node) {
-  const std::string text(name);
-  const auto body = *parent;
-  const TarnFieldDescriptor* field = body->getClass().findMember(text.c_str());
-  if (field != nullptr && field->mayHoldNodes() && field->getValueOffset(text.c_str()) >= 0) {
-    field->verifyFits(*body, text.c_str(), node);
-  } else if (node.is_null()) {
-    ThrowBadRef("NULL TarnRef write dereference");
-  }
-}
-
 // The node at `path`, made from default children as far as it is missing. `verify(node)` is called
 // before anything is attached and may throw.
 template <class Verify>
@@ -270,6 +257,17 @@ bool AddAt(const TarnRef& from, std::string_view path, const TarnRef& node) {
 }
 
 }  // namespace
+
+void VerifyFits(const TarnRef& parent, std::string_view name, const TarnRef& node) {
+  const std::string text(name);
+  const auto body = *parent;
+  const TarnFieldDescriptor* field = body->getClass().findMember(text.c_str());
+  if (field != nullptr && field->mayHoldNodes() && field->getValueOffset(text.c_str()) >= 0) {
+    field->verifyFits(*body, text.c_str(), node);
+  } else if (node.is_null()) {
+    ThrowBadRef("NULL TarnRef write dereference");
+  }
+}
 
 void StoreValue(const TarnRef& from, std::string_view path, const TarnData& value) {
   if (from.is_null()) ThrowBadRef("NULL TarnRef write dereference");

@@ -71,6 +71,13 @@ goods::object_ref MemberOf(const goods::object_ref& node, const goods::field_des
   return ReferenceAt(*holder.read(), field, item);
 }
 
+bool TakesNode(const goods::object_ref& node, const goods::field_descriptor& field,
+               const goods::object_ref& target) {
+  const TarnFieldDescriptor* const own = TarnRef::Trusted(node)->getClass().findField(field.name());
+  return own == nullptr || !own->isForNodes() ||
+         own->getReferencedClass()->is_superclass_for(goods::class_of(target));
+}
+
 // The same reference, which holds on to no handle.
 void LetGo(goods::object_ref& reference) {
   if (const goods::object_id id = reference.id(); id != 0) {
@@ -78,57 +85,57 @@ void LetGo(goods::object_ref& reference) {
   }
 }
 
-// A node's place among the children of its parent.
-struct ChildPlace {
-  TarnRef parent;  // null for none
-  std::string name;
-  std::size_t number = 0;  // among those of its name
-};
-
 TarnRef NodeOf(std::uint64_t key) {
   return TarnRef::Trusted(goods::keep_word(std::bit_cast<goods::ref_word>(key)));
 }
 
-// Calls visit(child) for the children of that name until it returns false; entries of nothing are
-// none.
-template <class Visit>
-void ForEachCalled(const TarnRef& parent, const std::string& name, Visit&& visit) {
-  for (TarnIterator at = parent->getIterTo(name.c_str()); !at.isNull() && at.getEntryName() == name;
-       at.next(nullptr)) {
-    const TarnRef child = at.get(nullptr);
-    if (!child.is_null() && !visit(child)) return;
+// Calls work() and returns whether what it reads was there: others may have deleted it meanwhile.
+template <class Work>
+bool IfThere(const Work& work) {
+  try {
+    work();
+    return true;
+  } catch (const TarnException& error) {
+    if (error.getErrorID() != ErrorID::ObjectGone) throw;
+    return false;
   }
 }
 
-// The child that stands at a place like that; null for none.
-TarnRef ChildAt(const TarnRef& parent, const ChildPlace& place) {
-  TarnRef found;
-  std::size_t number = 0;
-  ForEachCalled(parent, place.name, [&](const TarnRef& child) {
-    if (number++ == place.number) found = child;
-    return found.is_null();
-  });
-  return found;
-}
+// A node's place: the first child of that name. Without parent: nowhere.
+struct ChildPlace {
+  TarnRef parent;
+  std::string name;
+};
 
 ChildPlace PlaceOf(const TarnRef& node) {
   ChildPlace place;
-  try {
-    place.parent = node->getParent();
-    if (place.parent.is_null()) return place;
-    place.name = node->getName().view();
-    bool isThere = false;
-    ForEachCalled(place.parent, place.name, [&](const TarnRef& child) {
-      isThere = child == node;
-      if (!isThere) ++place.number;
-      return !isThere;
+  IfThere([&] {
+    goods::read_here([&](goods::reader& reader) {
+      place = {};
+      const TarnObject* const body = reader.get(node);
+      const TarnObject* const parent = TarnNodeAccess::ParentOf(reader, *body);
+      if (parent == nullptr) return;
+      place = {parent->getSelf(), std::string(TarnNodeAccess::LinkOf(reader, *body)->key())};
     });
-    if (!isThere) place.parent = nullptr;  // moved just now
-    return place;
-  } catch (const TarnException& error) {
-    if (error.getErrorID() != ErrorID::ObjectGone) throw;
-    return {};
-  }
+  });
+  return place;
+}
+
+TarnRef ChildAt(const goods::object_ref& parent, const ChildPlace& place) {
+  return TarnRef::Trusted(parent)->getIterTo(place.name.c_str()).get(nullptr);
+}
+
+// For each reference of `node` the one that `original` holds under the same name; none for null.
+BranchCopy::References CounterpartsOf(const TarnRef& node, const TarnRef& original) {
+  BranchCopy::References references;
+  if (original.is_null()) return references;
+  const auto from = original.read();
+  ForEachReference(*node.read(), [&](const goods::field_descriptor& field, unsigned item,
+                                     const goods::object_ref&) {
+    const goods::object_ref* const same = SameReferenceIn(*from, field, item);
+    references.push_back(same != nullptr ? goods::keep_word(same->word()) : goods::object_ref());
+  });
+  return references;
 }
 
 }  // namespace
@@ -161,32 +168,63 @@ TarnRef BranchCopy::copyNode(const TarnRef& original, const TarnClassDescriptor&
     copy = TarnValue::CreateValue(*value);
   } else {
     copy = original->clone();
-    noteReferences(copy);
+    noteReferences(copy, original);
   }
   return copy;
 }
 
-void BranchCopy::noteReferences(const TarnRef& node) {
-  auto body = modify(node);
-  ForEachReference(*body, [&](const goods::field_descriptor& field, unsigned item,
-                              goods::object_ref& reference) {
-    if (reference.is_null()) return;
-    const goods::object_ref target(reference);
-    if (!TarnObject::IsTarnObject(target)) return;
-    const TarnRef original = TarnRef::Trusted(target);
-    const Member member{node, &field, item, WalkKeyOf(target.word())};
-    members_.push_back(member);
-    if (IsOwnedByMember(original) && metOwned_.insert(member.original).second) {
-      owned_.push_back({original, member});
-    }
-  });
+BranchCopy::References BranchCopy::ReferencesOf(const TarnRef& node) {
+  return CounterpartsOf(node, node);
+}
+
+void BranchCopy::noteReferences(const TarnRef& node, const TarnRef& original,
+                                const References& before) {
+  struct Piece {
+    TarnRef copy, original;
+  };
+  std::vector<Piece> pieces{{node, original}};
+  const auto addPiece = [&](const goods::object_ref& made, const goods::object_ref& from) {
+    const auto isIt = [&](const Piece& known) { return known.copy == made; };
+    if (std::ranges::any_of(pieces, isIt)) return;
+    const bool isCopy = TarnObject::IsTarnObject(from);
+    pieces.push_back({TarnRef::Trusted(made), isCopy ? TarnRef::Trusted(from) : TarnRef()});
+    if (isCopy) relate(pieces.back().original, pieces.back().copy);
+  };
+  for (std::size_t at = 0; at < pieces.size(); ++at) {
+    const TarnRef copy = pieces[at].copy;
+    const References coming = CounterpartsOf(copy, pieces[at].original);
+    std::size_t next = 0;
+    ForEachReference(*copy.read(), [&](const goods::field_descriptor& field, unsigned item,
+                                       const goods::object_ref& reference) {
+      const std::size_t number = next++;
+      if (reference.is_null()) return;
+      const goods::object_ref target(reference);
+      if (!TarnObject::IsTarnObject(target)) return;
+      const goods::object_ref comes = number < coming.size() ? coming[number] : nullptr;
+      if (target != comes) {
+        if (at == 0 && number < before.size() && target == before[number]) return;
+        if (!IsStored(target)) {
+          addPiece(target, comes);
+          return;
+        }
+      }
+      noteReference({copy, &field, item, WalkKeyOf(target.word())}, TarnRef::Trusted(target));
+    });
+  }
+}
+
+void BranchCopy::noteReference(const Member& member, const TarnRef& target) {
+  members_.push_back(member);
+  if (copiesOwned_ && IsOwnedByMember(target) && metOwned_.insert(member.original).second) {
+    owned_.push_back({target, member});
+  }
 }
 
 void BranchCopy::addTask(const TarnRef& original, const TarnClassDescriptor& cls,
                          const TarnRef& copy) {
   const TarnRef further = cls.isTarnsBaseClass() ? TarnRef() : FurtherHolderOf(original);
   if (further.is_null()) {
-    tasks_.push_back({original, copy, nullptr});
+    if (!original->getChildren().is_null()) tasks_.push_back({original, copy, nullptr});
     return;
   }
   note(further, copy);
@@ -211,35 +249,47 @@ std::size_t BranchCopy::copyOwned() {
 std::size_t BranchCopy::copyMore(std::size_t limit) {
   std::size_t made = 0;
   while (made < limit) {
-    if (walk_) {
+    // First, while the node that refers to it is at hand.
+    if (!owned_.empty()) {
+      made += copyOwned();
+    } else if (walk_) {
       if (const TarnBranchWalk::Step* const step = walk_->next()) {
         made += copyStep(*step);
       } else {
         walk_.reset();
         levels_.clear();
       }
-    } else if (!tasks_.empty()) {
-      const Task task = std::move(tasks_.back());
-      tasks_.pop_back();
-      met_ = task.met;
-      levels_.push_back({task.copy, nullptr});
-      walk_.emplace(task.from);
-    } else if (!owned_.empty()) {
-      made += copyOwned();
-    } else {
+    } else if (!startTask()) {
       break;
     }
   }
   return made;
 }
 
+bool BranchCopy::startTask() {
+  if (tasks_.empty()) return false;
+  const Task task = std::move(tasks_.back());
+  tasks_.pop_back();
+  settledTasks_ = std::min(settledTasks_, tasks_.size());
+  IfThere([&] {
+    walk_.emplace(task.from);
+    met_ = task.met;
+    levels_.push_back({task.copy, nullptr, {}});
+  });
+  return true;
+}
+
 std::size_t BranchCopy::copyStep(const TarnBranchWalk::Step& step) {
   levels_.resize(step.depth);
+  settledLevels_ = std::min(settledLevels_, levels_.size());
   Level& level = levels_.back();
   if (step.node == excluded_) {
     walk_->skipChildren();
     return 0;
   }
+  // A place is that of the first child of a name.
+  const bool isNamesake = !notesAll_ && step.name == level.lastName;
+  if (!notesAll_) level.lastName = step.name;
   const std::uint64_t original = WalkKeyOf(step.node.word());
   if (step.depth == 1 && met_) {
     // A node may be listed under several names.
@@ -254,16 +304,21 @@ std::size_t BranchCopy::copyStep(const TarnBranchWalk::Step& step) {
     addBelow(level, step.name, step.node, true, original);
     return 1;
   }
-  const TarnRef copy = copyNode(step.node, *step.cls, step.hasValue ? &step.value : nullptr);
+  TarnRef copy;
+  if (!IfThere(
+          [&] { copy = copyNode(step.node, *step.cls, step.hasValue ? &step.value : nullptr); })) {
+    walk_->skipChildren();
+    return 0;
+  }
   // Among children of two nodes places do not tell.
-  if (notesAll_ || (step.depth == 1 && met_)) note(step.node, copy);
+  if (notesAll_ || isNamesake || (step.depth == 1 && met_)) note(step.node, copy);
   addBelow(level, step.name, copy, false, original);
   const bool mayHaveFurther = !step.cls->isTarnsBaseClass();
   if (mayHaveFurther && !FurtherHolderOf(step.node).is_null()) {
     walk_->skipChildren();
     addTask(step.node, *step.cls, copy);
   } else if (step.numChildren > 0) {
-    levels_.push_back({copy, nullptr});
+    levels_.push_back({copy, nullptr, {}});
   }
   return 1;
 }
@@ -313,7 +368,15 @@ void BranchCopy::settle() {
   attachments_.clear();
   memberTargets_.clear();
   linksBefore_ = 0;
-  for (Level& level : levels_) level.index = nullptr;
+  // What was stored before holds no handles; nor does what stays open for long.
+  for (; settledLevels_ < levels_.size(); ++settledLevels_) {
+    levels_[settledLevels_].index = nullptr;
+    LetGo(levels_[settledLevels_].copy);
+  }
+  for (; settledTasks_ < tasks_.size(); ++settledTasks_) {
+    LetGo(tasks_[settledTasks_].from);
+    LetGo(tasks_[settledTasks_].copy);
+  }
   for (; settledCopies_ < copies_.size(); ++settledCopies_) LetGo(copies_[settledCopies_].copy);
   for (; settledMembers_ < members_.size(); ++settledMembers_) {
     LetGo(members_[settledMembers_].node);
@@ -365,7 +428,7 @@ goods::object_ref BranchCopy::findByPlace(std::uint64_t original) {
   }
   for (; !way.empty(); way.pop_back()) {
     const auto& [key, place] = way.back();
-    if (!at.is_null()) at = ChildAt(TarnRef::Trusted(at), place);
+    if (!at.is_null()) at = ChildAt(at, place);
     LetGo(at);
     found_[key] = at;
   }
@@ -376,22 +439,41 @@ TarnRef BranchCopy::copyOf(const TarnRef& original) {
   return TarnRef::Trusted(find(WalkKeyOf(original.word())));
 }
 
-void BranchCopy::setReferences(std::size_t first, std::size_t limit) {
+std::vector<BranchCopy::Exchange> BranchCopy::findExchanges(std::size_t first, std::size_t limit) {
+  std::vector<Exchange> found;
   const std::size_t end = first + std::min(limit, countReferences() - first);
-  for (; first < end && first < members_.size(); ++first) {
-    const Member& member = members_[first];
-    const goods::object_ref copy = find(member.original), node(member.node);
-    if (copy.is_null() || MemberOf(node, *member.field, member.item) == copy) continue;
-    SetMember(node, *member.field, member.item, copy);
-  }
   for (; first < end; ++first) {
-    const Link& link = links_[first - members_.size()];
-    const goods::object_ref copy = find(link.original);
-    if (copy.is_null()) continue;
+    const bool isMember = first < members_.size();
+    const std::uint64_t original =
+        isMember ? members_[first].original : links_[first - members_.size()].original;
+    goods::object_ref copy = find(original);
+    if (copy.is_null() || (isMember && !isToExchange(members_[first], copy))) continue;
+    LetGo(copy);
+    found.push_back({first, std::move(copy)});
+  }
+  return found;
+}
+
+bool BranchCopy::isToExchange(const Member& member, const goods::object_ref& copy) const {
+  if (MemberOf(member.node, *member.field, member.item) == copy) return false;
+  // In a merge the counterpart may be of any class.
+  return !notesAll_ || TakesNode(member.node, *member.field, copy);
+}
+
+void BranchCopy::exchange(const std::vector<Exchange>& exchanges) {
+  for (const auto& [reference, copy] : exchanges) {
+    if (reference < members_.size()) {
+      const Member& member = members_[reference];
+      SetMember(member.node, *member.field, member.item, copy);
+      continue;
+    }
+    const Link& link = links_[reference - members_.size()];
     const auto entry = goods::ref<goods::set_member>::trusted(link.entry);
     modify(entry)->set_target(copy);
     modify(xcptref<TarnObjects>::Trusted(link.index))->update(entry);
   }
 }
+
+void BranchCopy::setReferences() { exchange(findExchanges(0, countReferences())); }
 
 }  // namespace tarns

@@ -35,14 +35,21 @@ class BranchCopy {
   // each copy that is noted has to stay in memory until it is stored. For originals that are
   // stored.
   void noteFew() { notesAll_ = false; }
+  // Makes no copies of nodes that only members lead to: for originals that are given up.
+  void shareOwned() { copiesOwned_ = false; }
 
   enum class Below { kCopied, kLeftOut };
   // The copy of one node, whose children copyMore() goes on with.
   TarnRef begin(const TarnRef& original, Below children);
   // Makes `copy` what references to `original` lead to.
   void relate(const TarnRef& original, const TarnRef& copy);
-  // Takes the members of a node that was given those of an original for a copy's.
-  void noteReferences(const TarnRef& node);
+  // The references that the members of a node hold, in the order of its class.
+  using References = std::vector<goods::object_ref>;
+  static References ReferencesOf(const TarnRef& node);
+  // Takes the references of `node`, which was given members of `original`, for a copy's; but not
+  // those that it had `before` and the original has not. What is new and of neither was made by the
+  // node's own clone() or copyFrom(): it is the copy already.
+  void noteReferences(const TarnRef& node, const TarnRef& original, const References& before = {});
 
   // Makes up to `limit` copies more (or a few above); returns how many, 0 at the end.
   std::size_t copyMore(std::size_t limit);
@@ -53,10 +60,18 @@ class BranchCopy {
   void attach();
   void settle();
 
-  // Where references and entries lead to originals that have copies, exchanges them: for those from
-  // the `first` on up to `limit` of them. May be called again. To be called when all is copied.
+  // References and entries that lead to originals that have copies. When all is copied:
+  // findExchanges() looks at up to `limit` of them from the `first` on, and only reads; exchange()
+  // then makes them lead to the copies.
+  struct Exchange {
+    std::size_t reference;
+    goods::object_ref copy;
+  };
   std::size_t countReferences() const { return members_.size() + links_.size(); }
-  void setReferences(std::size_t first, std::size_t limit);
+  std::vector<Exchange> findExchanges(std::size_t first, std::size_t limit);
+  void exchange(const std::vector<Exchange>& exchanges);
+  // All at once.
+  void setReferences();
 
   // What became of a node, or null. Once all is copied.
   TarnRef copyOf(const TarnRef& original);
@@ -91,6 +106,7 @@ class BranchCopy {
   struct Level {
     TarnRef copy;
     xcptref<TarnObjects> index;  // null while there is none, or the node is stored
+    std::string lastName;        // of the child before, where that counts
   };
   struct Attachment {
     TarnRef parent, child;
@@ -101,6 +117,8 @@ class BranchCopy {
 
   void note(const TarnRef& original, const TarnRef& copy);
   TarnRef copyNode(const TarnRef& original, const TarnClassDescriptor& cls, const TarnData* value);
+  void noteReference(const Member& member, const TarnRef& target);
+  bool startTask();
   void addTask(const TarnRef& original, const TarnClassDescriptor& cls, const TarnRef& copy);
   std::size_t copyOwned();
   std::size_t copyStep(const TarnBranchWalk::Step& step);
@@ -110,9 +128,10 @@ class BranchCopy {
   const goods::object_ref* findNoted(std::uint64_t original);
   goods::object_ref findByPlace(std::uint64_t original);
   void sortCopies();
+  bool isToExchange(const Member& member, const goods::object_ref& copy) const;
 
   TarnRef excluded_;
-  bool notesAll_ = true;
+  bool notesAll_ = true, copiesOwned_ = true;
   std::vector<Task> tasks_;
   std::vector<Owned> owned_;
   std::unordered_set<std::uint64_t> metOwned_;
@@ -130,6 +149,7 @@ class BranchCopy {
   std::vector<std::pair<Member, TarnRef>> memberTargets_;
   std::size_t linksBefore_ = 0;  // those that attach() made are behind
   std::size_t settledCopies_ = 0, settledMembers_ = 0, settledLinks_ = 0;
+  std::size_t settledLevels_ = 0, settledTasks_ = 0;
 };
 
 }  // namespace tarns

@@ -38,14 +38,17 @@ bool IsOfOneClass(const TarnRef& a, const TarnRef& b) {
 void RestoreWhereNull(const TarnObject& source, const TarnObject& before, TarnObject& to) {
   ForEachReference(
       to, [&](const goods::field_descriptor& field, unsigned item, goods::object_ref& reference) {
-        const TarnFieldDescriptor* const other = source.getClass().findField(field.name());
-        if (other == nullptr || !IsCountedReference(*other) || item >= other->n_items()) return;
+        const goods::object_ref* const comes = SameReferenceIn(source, field, item);
         const goods::object_ref& had = ReferenceAt(before, field, item);
-        if (ReferenceAt(source, *other, item).is_null() && !had.is_null()) reference = had;
+        if (comes != nullptr && comes->is_null() && !had.is_null()) reference = had;
       });
 }
 
 }  // namespace
+
+BranchMerge::BranchMerge(const TarnCloneOptions& options) : options_(options) {
+  if (!options.keepsSource) copies_.shareOwned();
+}
 
 void BranchMerge::hide(const TarnRef& holder, std::string_view name) {
   Present next;
@@ -122,17 +125,23 @@ void BranchMerge::meet(const Child& source, const Present& target, const TarnRef
   if (!met_.emplace(WalkKeyOf(source.node.word()), WalkKeyOf(target.node.word())).second) return;
   kept_.push_back(source.node);
   kept_.push_back(target.node);
-  const Step step = decide(source.node, target.node, !holder.is_null());
-  std::vector<Child> children = childrenOf(source.node);
+  const bool isWhole = IsIndivisible(source.node) && IsIndivisible(target.node);
+  const Step step = isWhole ? decideWhole(source.node, target.node)
+                            : decide(source.node, target.node, !holder.is_null());
+  std::vector<Child> children;
+  if (!isWhole) children = childrenOf(source.node);
   TarnRef at = target.children;
   if (options_.changesNothing) {
-    if (step == Step::kReplace) {
-      changed_[{WalkKeyOf(holder.word()), name}] = {source.node, target.children};
+    const TarnRef& below = isWhole ? source.node : target.children;
+    if (!holder.is_null() && isThereNow(step)) {
+      changed_[{WalkKeyOf(holder.word()), name}] = {source.node, below};
     }
   } else {
     if (step == Step::kTakeOver) takeOver(source.node, at);
     if (step == Step::kMergeValues) mergeValues(source.node, at);
-    if (step == Step::kReplace) at = replace(source, at, holder, name);
+    if (step == Step::kReplace) {
+      at = isWhole ? putInPlace(source, holder, name) : replace(source, at, holder, name);
+    }
     copies_.relate(source.node, at);
   }
   report(step == Step::kKeep      ? TarnMergeEffect::kKept
@@ -141,10 +150,24 @@ void BranchMerge::meet(const Child& source, const Present& target, const TarnRef
   levels_.push_back({std::move(at), std::move(children), 0, path_.size()});
 }
 
+// Whether, to a preview, what came is at the place from then on. One that was taken over has the
+// class and the value of the one that came, which only a choice could tell from what it was.
+bool BranchMerge::isThereNow(Step step) const {
+  return step == Step::kReplace || (step == Step::kTakeOver && options_.choose);
+}
+
+TarnMergeRule BranchMerge::ruleFor(const TarnRef& source, const TarnRef& target) const {
+  return options_.choose ? options_.choose({source, target, path_}) : options_.rule;
+}
+
+// Of two nodes of which each is one with what is below it.
+BranchMerge::Step BranchMerge::decideWhole(const TarnRef& source, const TarnRef& target) const {
+  return ruleFor(source, target) == TarnMergeRule::kReplace ? Step::kReplace : Step::kKeep;
+}
+
 BranchMerge::Step BranchMerge::decide(const TarnRef& source, const TarnRef& target,
                                       bool mayReplace) const {
-  const TarnMergeRule rule =
-      options_.choose ? options_.choose({source, target, path_}) : options_.rule;
+  const TarnMergeRule rule = ruleFor(source, target);
   if (rule == TarnMergeRule::kKeep) return Step::kKeep;
   if (rule == TarnMergeRule::kMergeValues && !HoldsNothing(target)) {
     return HoldsNothing(source) ? Step::kKeep : Step::kMergeValues;
@@ -156,12 +179,14 @@ BranchMerge::Step BranchMerge::decide(const TarnRef& source, const TarnRef& targ
 }
 
 void BranchMerge::takeOver(const TarnRef& source, const TarnRef& target) {
+  const BranchCopy::References before = BranchCopy::ReferencesOf(target);
   modify(target)->copyFrom(source);
-  if (options_.keepsSource) copies_.noteReferences(target);
+  copies_.noteReferences(target, source, before);
 }
 
 void BranchMerge::mergeValues(const TarnRef& source, const TarnRef& target) {
-  const TarnRef before = target->clone();
+  const BranchCopy::References references = BranchCopy::ReferencesOf(target);
+  const TarnRef before = target->clone();  // with texts of its own
   TarnData old, value;
   const bool hadValue = target->get(nullptr, old);
   const bool hasValue = source->get(nullptr, value) && value.getType() != TarnData::None;
@@ -171,7 +196,7 @@ void BranchMerge::mergeValues(const TarnRef& source, const TarnRef& target) {
     if (hadValue && !hasValue) body->setValue(nullptr, old);
     RestoreWhereNull(*source.read(), *before.read(), *body);
   }
-  if (options_.keepsSource) copies_.noteReferences(target);
+  copies_.noteReferences(target, source, references);
 }
 
 TarnRef BranchMerge::copyBranch(const TarnRef& original, BranchCopy::Below children) {
@@ -180,19 +205,35 @@ TarnRef BranchMerge::copyBranch(const TarnRef& original, BranchCopy::Below child
   return copy;
 }
 
+// Puts the one that comes where the other one is, with all below it; returns what is there then.
+TarnRef BranchMerge::putInPlace(const Child& source, const TarnRef& holder,
+                                const std::string& name) {
+  TarnRef heir = source.node;
+  if (options_.keepsSource) {
+    heir = copyBranch(source.node, BranchCopy::Below::kCopied);
+    modify(holder)->setNode(name.c_str(), heir);
+  } else if (source.isHome) {
+    modify(holder)->moveChild(name.c_str(), heir);
+  } else {
+    modify(holder)->setNode(name.c_str(), heir);  // its place is elsewhere
+  }
+  return heir;
+}
+
+// The same without its children, which come back one by one; it gets those of the other one.
 TarnRef BranchMerge::replace(const Child& source, const TarnRef& target, const TarnRef& holder,
                              const std::string& name) {
-  TarnRef heir = source.node;
+  TarnRef heir;
   if (options_.keepsSource) {
     heir = copyBranch(source.node, BranchCopy::Below::kLeftOut);
     modify(holder)->setNode(name.c_str(), heir);
   } else {
-    if (source.isHome) {
-      modify(holder)->moveChild(name.c_str(), heir);
-    } else {
-      modify(holder)->setNode(name.c_str(), heir);  // its place is elsewhere
-    }
-    modify(heir)->deleteChildren();  // they come back one by one
+    heir = putInPlace(source, holder, name);
+    auto body = modify(heir);
+    body->deleteChildren();
+    // A node without a list takes over the other one's as it is, with its value indexes.
+    const xcptref<TarnObjects> left = body->getChildren();
+    if (!left.is_null() && left->getValueIndexes().is_null()) TarnNodeAccess::ForgetIndex(*body);
   }
   modify(target)->bequeathChildren(heir);
   return heir;
@@ -223,7 +264,7 @@ void BranchMerge::report(TarnMergeEffect effect) const {
 void BranchMerge::finish() {
   copies_.copyMore(kAll);
   if (copies_.hasToAttach()) copies_.attach();
-  copies_.setReferences(0, kAll);
+  copies_.setReferences();
   for (const Listing& listing : listings_) {
     TarnRef node = copies_.copyOf(listing.node);
     if (node.is_null()) node = listing.node;

@@ -30,7 +30,7 @@ struct BranchNode {
 // Threads: one.
 class BranchMerge {
  public:
-  explicit BranchMerge(const TarnCloneOptions& options) : options_(options) {}
+  explicit BranchMerge(const TarnCloneOptions& options);
 
   // Takes the first child of that name for gone: as when it has been taken out of there.
   void hide(const TarnRef& holder, std::string_view name);
@@ -72,9 +72,13 @@ class BranchMerge {
             const std::string& name);
   void meetNextChild();
   void add(const Child& child, const TarnRef& holder, const std::string& name);
+  bool isThereNow(Step step) const;
+  TarnMergeRule ruleFor(const TarnRef& source, const TarnRef& target) const;
   Step decide(const TarnRef& source, const TarnRef& target, bool mayReplace) const;
+  Step decideWhole(const TarnRef& source, const TarnRef& target) const;
   void takeOver(const TarnRef& source, const TarnRef& target);
   void mergeValues(const TarnRef& source, const TarnRef& target);
+  TarnRef putInPlace(const Child& source, const TarnRef& holder, const std::string& name);
   TarnRef replace(const Child& source, const TarnRef& target, const TarnRef& holder,
                   const std::string& name);
   TarnRef copyBranch(const TarnRef& original, BranchCopy::Below children);

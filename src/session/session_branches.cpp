@@ -5,6 +5,7 @@
 #include <tarns/session/TarnManager.h>
 
 #include <string>
+#include <vector>
 
 #include "core/node_access.h"
 #include "schema/BranchMerge.h"
@@ -18,16 +19,7 @@ constexpr std::uint32_t kFirstObjectNumber = 65536;  // numbers below are those 
 // Throws unless `node` may come to stand below the node `at`.
 void VerifyOutside(const TarnRef& node, const TarnRef& at, std::string_view from,
                    std::string_view to) {
-  const bool isWithin = goods::read_here([&](goods::reader& reader) {
-    const TarnObject* moved = reader.get(node);
-    ParentWalk walk(reader, *reader.get(at));
-    if (&walk.node() == moved) return true;
-    while (const TarnObject* ancestor = walk.up()) {
-      if (ancestor == moved) return true;
-    }
-    return false;
-  });
-  if (!isWithin) return;
+  if (!IsAtOrAbove(node, at)) return;
   TarnException error;
   error << "Cannot put the branch \"" << from << "\" at \"" << to
         << "\", which lies within the branch itself.";
@@ -207,9 +199,7 @@ void TarnManager::moveNode(const TarnRef& node, std::string_view to) {
 void TarnManager::copyBranch(TarnPathText from, TarnPathText to, const TarnCloneOptions& options) {
   const TarnRef node = existing(from);
   VerifyNotRoot(to.view());
-  TarnPath rest(to.view());
-  const TarnRef parent = createParents(rest);
-  TarnCloner(options).copyInBatches(node, parent, rest.view());
+  TarnCloner(options).copyInBatches(node, getRoot(), to.view());
 }
 
 void TarnManager::mergeBranch(TarnPathText from, TarnPathText to, bool overwrite) {
@@ -217,18 +207,30 @@ void TarnManager::mergeBranch(TarnPathText from, TarnPathText to, bool overwrite
 }
 
 void TarnManager::mergeBranch(TarnPathText from, TarnPathText to, const TarnCloneOptions& options) {
-  getCacheManager().atomically([&] {
+  const auto work = [&](const TarnCloneOptions& rules) {
     const TarnRef node = existing(from);
     VerifyOutside(node, NearestNode(getRoot(), to.view()), from.view(), to.view());
-    BranchMerge merge(options);
-    if (!options.keepsSource) {
+    BranchMerge merge(rules);
+    if (!rules.keepsSource) {
       // First, so that a branch can be merged into one that it is in, whatever the names in it.
       const TarnRef parent = getObject(TarnBranches::ParentOf(from.view()));
       const XString name = NameOf(from.view());
-      options.changesNothing ? merge.hide(parent, name.view()) : TakeOut(parent, name);
+      rules.changesNothing ? merge.hide(parent, name.view()) : TakeOut(parent, name);
     }
-    mergeInto(merge, {node, nullptr}, to.view(), options.changesNothing);
+    mergeInto(merge, {node, nullptr}, to.view(), rules.changesNothing);
+  };
+  if (options.changesNothing) return work(options);
+  // Told when it is committed: what is repeated after a deadlock may come to something else.
+  std::vector<TarnMergeChange> changes;
+  TarnCloneOptions rules = options;
+  if (options.report) {
+    rules.report = [&](const TarnMergeChange& change) { changes.push_back(change); };
+  }
+  getCacheManager().atomically([&] {
+    changes.clear();
+    work(rules);
   });
+  for (const TarnMergeChange& change : changes) options.report(change);
 }
 
 void TarnManager::mergeBranch(xcptref<TarnObject> node, TarnPathText to, bool overwrite) {

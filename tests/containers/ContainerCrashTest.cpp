@@ -1,4 +1,4 @@
-// Bundles and collections when the program that changes them is killed.
+// Bundles, collections and copies when the program that changes them is killed.
 #include <gmock/gmock.h>
 #include <tarns/containers/TarnBundle.h>
 #include <tarns/containers/TarnCollection.h>
@@ -6,6 +6,7 @@
 #include <random>
 
 #include "containers/bundle_check.h"
+#include "support/branch_picture.h"
 #include "support/killed_process.h"
 #include "support/session_fixture.h"
 
@@ -20,6 +21,14 @@ class ContainerCrashTest : public session_test {
 
   std::chrono::microseconds someTime(unsigned most) {
     return std::chrono::microseconds(random_() % most);
+  }
+  void verifyStore() {
+    goods::check_options options;
+    options.full = true;
+    options.found = [](const goods::check_finding& finding) {
+      ADD_FAILURE() << finding.path << " (" << finding.id << "): " << finding.text;
+    };
+    manager().check(options);
   }
 };
 
@@ -80,12 +89,35 @@ TEST_F(ContainerCrashTest, ABalanceThatIsKilledLosesNothingAndIsFinishedByTheNex
   }
   TarnCollection::Balance(manager(), manager().getRoot(), "absent", nullptr);
   EXPECT_FALSE(xcptref<TarnCollection>(manager().getObject("c"))->isBalancing());
-  goods::check_options options;
-  options.full = true;
-  options.found = [](const goods::check_finding& finding) {
-    ADD_FAILURE() << finding.path << " (" << finding.id << "): " << finding.text;
-  };
-  manager().check(options);
+  verifyStore();
+}
+
+TEST_F(ContainerCrashTest, ACopyInBatchesThatIsKilledIsThereAsAWholeOrNotAtAll) {
+  manager().transaction([&] {
+    for (int i = 0; i < 1'500; ++i) {
+      manager().set("from~" + std::to_string(i % 30) + "~" + std::to_string(i), i);
+    }
+  });
+  const branch_picture original(manager().getObject("from"));
+  bool isFinished = false;
+  for (int kills = 0; !isFinished; ++kills) {
+    ASSERT_LT(kills, 200);
+    SCOPED_TRACE(testing::Message() << "kill " << kills);
+    close();
+    {
+      killed_process copier({PROGRAM_CONTAINER_WRITER, configuration(), "copy"});
+      ASSERT_EQ(copier.next_line(kLimit), "0");
+      isFinished = !copier.kill_after(someTime(15'000 * (kills + 1))).empty();
+    }
+    open();
+    EXPECT_EQ(branch_picture(manager().getObject("from")).differences(original), "");
+    const TarnRef copy = manager().getObject("to~copy");
+    if (copy.is_null()) continue;
+    EXPECT_EQ(branch_picture(copy).differences(original), "");
+    EXPECT_EQ(manager().getNumChildren(""), 2U) << "nothing unfinished is left";
+    manager().deleteBranch("to");
+  }
+  verifyStore();
 }
 
 }  // namespace

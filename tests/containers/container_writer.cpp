@@ -1,7 +1,9 @@
-// Changes a bundle, or balances a node, and writes a line for each step that is durable. Is killed.
+// Changes a bundle, balances a node or copies a branch, and writes a line for each step that is
+// durable. Is killed.
 #include <tarns/containers/TarnBundle.h>
 #include <tarns/containers/TarnCollection.h>
 #include <tarns/core/TarnException.h>
+#include <tarns/schema/TarnCloner.h>
 #include <tarns/session/TarnAttachment.h>
 #include <tarns/session/TarnManager.h>
 
@@ -42,6 +44,12 @@ void balance(TarnManager& manager) {
   say(1);
 }
 
+void copy(TarnManager& manager) {
+  say(0);
+  manager.copyBranch("from", "to~copy", {.batchSize = 40});
+  say(1);
+}
+
 }  // namespace
 
 int main(int argc, char** argv) {
@@ -53,6 +61,8 @@ int main(int argc, char** argv) {
     const TarnAttachment attachment(manager);
     if (std::strcmp(argv[2], "balance") == 0) {
       balance(manager);
+    } else if (std::strcmp(argv[2], "copy") == 0) {
+      copy(manager);
     } else {
       fill(manager);
     }

@@ -44,17 +44,20 @@ struct TarnMergeMeeting {
 
 struct TarnCloneOptions {
   // --- Copies in batches
-  std::size_t batchSize = 50'000;                    // nodes in a transaction, at least 1
-  std::function<void(std::uint64_t)> progress = {};  // called after each, with the nodes so far
+  std::size_t batchSize = 50'000;  // nodes in a transaction, at least 1
+  // Called after each, with the nodes so far; they grow no more while references are set.
+  std::function<void(std::uint64_t)> progress = {};
 
   // --- Merges
   TarnMergeRule rule = TarnMergeRule::kReplace;
-  // When set, decides in place of `rule`. May read anything, and changes nothing.
+  // When set, decides in place of `rule`. May read anything, and changes nothing. Asked once more
+  // for all when the session's mergeBranch() is repeated after a deadlock.
   std::function<TarnMergeRule(const TarnMergeMeeting&)> choose = {};
   bool keepsSource = false;     // copies what comes, instead of moving it
   bool changesNothing = false;  // only reports what a merge would do
-  std::function<void(const TarnMergeChange&)> report = {};  // called for each node that is met, in
-                                                            // the order of the source
+  // Called for each node that is met, in the order of the source; by the session's mergeBranch()
+  // when all is done (and committed, unless the caller has a transaction).
+  std::function<void(const TarnMergeChange&)> report = {};
 };
 
 // Copies and merges of whole branches: what deepClone() and the session's copyBranch() and
@@ -78,32 +81,41 @@ class TARNS_API TarnCloner {
   // outside, of one state for each some hundred nodes.
   xcptref<TarnObject> copy(const xcptref<TarnObject>& branch) const;
 
-  // Copies the branch, however large it is, to the child `name` of a stored node in several
-  // transactions, and returns the copy. The copy grows under the name NameOfUnfinished(name) beside
-  // its place, which it takes at the end, instead of what is there, in one small transaction. So
-  // whoever looks at the place sees what was there or the whole copy. What throws leaves all as it
-  // was. After a crash the unfinished copy remains: delete it, or begin anew, which does. Of two
-  // that copy to one place at a time, the earlier one fails.
+  // Copies the branch, however large it is, to `path` below a stored node in several transactions,
+  // and returns the copy. It grows under NameOfUnfinished(last name of the path) as a child of the
+  // lowest node on the path that exists. At the end it takes its place, instead of what is there,
+  // in one small transaction, which makes what is missing on the path, too. So whoever looks at the
+  // place sees what was there or the whole copy. What throws leaves all as it was. After a crash
+  // the unfinished copy remains: delete it, or begin anew, which does. Of two that copy to one
+  // place at a time, the earlier one fails.
   // Outside of other changes to the branch the copy is exact; with them it is of one state for each
   // some hundred nodes, and a node that is moved meanwhile may be missing or come twice.
+  // Locks nothing of the branch, and of the node in which the copy grows its list of children at
+  // the beginning and at the end. Throws 0 for a branch that is in what an earlier copy has left.
   // Within a transaction, or when `parent` is not stored, it is part of what the caller does.
   xcptref<TarnObject> copyInBatches(const xcptref<TarnObject>& branch,
-                                    const xcptref<TarnObject>& parent, std::string_view name) const;
+                                    const xcptref<TarnObject>& parent, std::string_view path) const;
   static std::string NameOfUnfinished(std::string_view name);
 
   // Merges the branch into the child `name` of `parent` (a member of that name counts as one), or
   // puts it there when there is none. A child that only one of the two has is kept, at any depth;
   // where both have one of that name the rule decides on the two nodes, and then their children are
   // merged in the same way. Of several children of one name the first is merged, the later ones
-  // into it in turn. A child that has its parent elsewhere is listed, and goes on having it.
+  // into it in turn. A child that has its parent elsewhere is listed, and goes on having it. A
+  // bundle is one with all that is in it: where both nodes are bundles, kReplace puts the one that
+  // comes in the place of the other, any other rule keeps the one that is there.
   //
   // Moving (the default) hands over the nodes themselves, with their identifiers, and leaves in
   // `branch` what was not used; `lister` is the node whose child it is taken from, by default its
-  // parent. With `keepsSource` the branch stays as it is, and references within it lead, in what
-  // was copied, to what became of their targets. A branch is not merged into itself.
-  // Outside a transaction each step is one of its own: call it within one. (Reporting alone may
-  // be of several states then.) Where a node is listed in several places of the branch, a report in
-  // advance may differ from what happens.
+  // parent. With `keepsSource` the branch stays as it is, and what comes is copied. In members that
+  // are copied or taken over, references to nodes of the branch lead to what became of those, as
+  // far as the members take nodes of that class. A node that moves keeps its references as they
+  // are, even to nodes that were merged into others and left behind. A branch is not merged into
+  // itself.
+  // Outside a transaction each step is one of its own: call it within one. (Reporting alone locks
+  // nothing then, and may be of several states.) A report in advance may differ from what happens
+  // where a node is listed in several places of the branch, and where several children of one name
+  // meet by kMergeValues what `choose` makes depend on values.
   // Throws 12 when a node does not fit a member that it would go into.
   void merge(const xcptref<TarnObject>& branch, const xcptref<TarnObject>& parent,
              std::string_view name) const;
