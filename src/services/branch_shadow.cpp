@@ -1,141 +1,19 @@
 #include "services/branch_shadow.h"
 
-#include <goods/String.h>
-#include <goods/cache_manager.h>
-#include <goods/class_descriptor.h>
-#include <goods/errors.h>
-#include <goods/reader.h>
-#include <goods/set_member.h>
 #include <tarns/core/TarnBranches.h>
-#include <tarns/core/TarnException.h>
-#include <tarns/core/TarnObjects.h>
-#include <tarns/session/TarnRoot.h>
 
 #include <algorithm>
 #include <functional>
 #include <utility>
 
-#include "core/node_access.h"
-#include "goods/B_tree_walk.h"
+#include "services/branch_shadow_parts.h"
 
 namespace tarns {
 
 namespace {
 
 using goods::object_id;
-using goods::ref_word;
 using Kind = TarnBranchChange::Kind;
-
-constexpr std::size_t kLookedAtTogether = 256;  // nodes, in one round of a reader
-
-[[noreturn]] void ThrowTooLarge() {
-  throw TarnException("The branch has too many nodes to be watched.", ErrorID::BadUsage);
-}
-
-object_id IdOf(ref_word word) { return word.is_id() ? word.id() : 0; }
-
-// Finds the texts that a node's members refer to.
-class TextFinder : public goods::ref_visitor {
- public:
-  TextFinder(goods::reader& in, object_id index, std::vector<object_id>& texts)
-      : in_(in), index_(index), texts_(texts) {}
-
-  void visit(ref_word& word, goods::ref_kind kind) override {
-    const object_id id = IdOf(word);
-    if (kind != goods::ref_kind::counted || id == 0 || id == index_) return;
-    try {
-      const auto* const target = in_.look(word, goods::object::self_class);
-      if (&target->cls() == &goods::String::self_class) texts_.push_back(id);
-    } catch (const goods::error_info& error) {  // what is gone is no text
-      if (error.code() != goods::error_code::object_deleted) throw;
-    }
-  }
-
- private:
-  goods::reader& in_;
-  const object_id index_;
-  std::vector<object_id>& texts_;
-};
-
-}  // namespace
-
-// An entry of an index, with the node that it stands for. The uppermost stands for the root.
-struct BranchShadow::Entry {
-  Entry() = default;
-  // A branch may be deep.
-  ~Entry() {
-    Entries left = std::move(children);
-    while (!left.empty()) {
-      const std::unique_ptr<Entry> one = std::move(left.back());
-      left.pop_back();
-      for (auto& child : one->children) left.push_back(std::move(child));
-      one->children.clear();
-    }
-  }
-  Entry(const Entry&) = delete;
-  Entry& operator=(const Entry&) = delete;
-
-  Entry* parent = nullptr;
-  object_id member = 0;
-  object_id node = 0;
-  object_id link = 0;     // the entry that is the node's way to its parent
-  object_id index = 0;    // of the children; 0 for none
-  std::size_t value = 0;  // a hash of it
-  std::vector<object_id> texts;
-  std::string name;
-  Entries children;
-  bool isHome = false;       // the node's children are here
-  bool isRewritten = false;  // the node or its index: its children have to be looked at
-};
-
-// What an entry's node is now.
-struct BranchShadow::Picture {
-  struct Child {
-    std::string name;
-    object_id member;
-    object_id node;
-  };
-  bool exists = false;
-  bool isPlain = false;  // of the class that has no members
-  bool hasValue = false;
-  object_id link = 0, index = 0;
-  std::size_t value = 0;
-  std::vector<object_id> texts;
-  std::vector<Child> children;
-};
-
-// What some commits have made different, before it is told.
-struct BranchShadow::Update {
-  struct Gone {
-    std::unique_ptr<Entry> entry;
-    std::string path;
-  };
-  struct Come {
-    Entry* entry;
-    std::string from;  // empty for what is new
-  };
-  struct Renamed {
-    Entry* entry;
-    std::string name;
-  };
-  std::unordered_set<Entry*> structure;  // nodes that were written, or their indexes
-  struct Written {
-    Entry* entry;
-    bool withIndex;  // which may be why the node was written
-  };
-  std::vector<Written> written;  // nodes and texts, for each commit
-  // Written nodes whose value is what it was; and nodes with another name, parent or index.
-  std::unordered_set<const Entry*> same, relinked;
-  std::unordered_map<object_id, Gone> gone;  // by node
-  std::vector<Gone> further;  // not where their nodes' children are, or of such a node as well
-  std::unordered_set<const Entry*> fresh;  // to be read
-  std::vector<Come> come;                  // new ones, parents first
-  std::vector<Come> moved;
-  std::vector<Come> formerHomes;  // whose nodes have gone, or are listed elsewhere with children
-  std::vector<Renamed> names;     // not given to the entries before all paths have been taken
-};
-
-namespace {
 
 template <class Entry>
 void ForEachBelow(Entry& top, const std::function<void(Entry&)>& visit) {
@@ -211,127 +89,6 @@ void BranchShadow::disown(Entry& entry) {
   for (const object_id text : entry.texts) remove(text);
 }
 
-// ---- Reading
-
-// What the entries' nodes are, some of them at a time in one state.
-BranchShadow::Pictures BranchShadow::look(std::span<Entry* const> entries,
-                                          bool (*withChildren)(const Entry&)) {
-  Pictures pictures;
-  for (std::size_t at = 0; at < entries.size(); at += kLookedAtTogether) {
-    const auto some = entries.subspan(at, std::min(kLookedAtTogether, entries.size() - at));
-    std::vector<Picture> seen = session_.read([&](goods::reader& in) {
-      std::vector<Picture> result;
-      std::vector<ref_word> words;
-      for (const Entry* entry : some) words.push_back(ref_word::of(entry->node));
-      const goods::guest_scope passing(in);
-      in.prefetch(words);
-      for (const Entry* entry : some) {
-        result.push_back(pictureOf(in, *entry, withChildren(*entry)));
-      }
-      return result;
-    });
-    for (std::size_t i = 0; i < some.size(); ++i) pictures.emplace(some[i], std::move(seen[i]));
-  }
-  return pictures;
-}
-
-BranchShadow::Picture BranchShadow::pictureOf(goods::reader& in, const Entry& entry,
-                                              bool withChildren) const {
-  Picture picture;
-  const TarnObject* node = nullptr;
-  try {
-    node =
-        static_cast<const TarnObject*>(in.look(ref_word::of(entry.node), TarnObject::self_class));
-  } catch (const goods::error_info& error) {  // removed by a collection
-    if (error.code() != goods::error_code::object_deleted) throw;
-    return picture;
-  }
-  picture.exists = true;
-  picture.isPlain =
-      &node->cls() == &TarnObject::SelfClass() || &node->cls() == &TarnRoot::SelfClass();
-  picture.link = IdOf(TarnNodeAccess::ParentLinkOf(*node));
-  const ref_word index = TarnNodeAccess::ChildrenOf(*node).word();
-  picture.index = IdOf(index);
-  TarnData value;
-  picture.hasValue = node->readValue(in, value);
-  if (picture.hasValue) picture.value = std::hash<std::string_view>()(value.getText());
-  if (!picture.isPlain) {
-    TextFinder finder(in, picture.index, picture.texts);
-    // A body that is only visited stays as it is.
-    node->cls().visit_references(const_cast<TarnObject&>(*node), finder);  // NOLINT(*-const-cast)
-  }
-  if (!withChildren || picture.index == 0) return picture;
-  // One that has been at home here may have moved with its children.
-  const bool hasChildren = entry.isHome || picture.link == entry.member || isOnWay(entry);
-  if (!hasChildren) return picture;
-  readChildren(in, *static_cast<const TarnObjects*>(in.look(index, TarnObjects::self_class)), entry,
-               picture);
-  return picture;
-}
-
-void BranchShadow::readChildren(goods::reader& in, const TarnObjects& index, const Entry& entry,
-                                Picture& picture) const {
-  const auto add = [&](const goods::index_entry& child) {
-    if (child.target.is_null()) return;
-    picture.children.push_back({std::string(child.name), IdOf(child.member), IdOf(child.target)});
-  };
-  goods::B_tree_walk walk(in, index);
-  const std::size_t level = levelOf(entry);
-  if (level < way_.size()) {  // only what leads on
-    walk.seek_lower(way_[level]);
-    if (!walk.at_end() && walk.entry().name == way_[level]) add(walk.entry());
-    return;
-  }
-  for (walk.seek_index(0); !walk.at_end(); walk.next()) {
-    add(walk.entry());
-    if (picture.children.size() > mostNodes_) ThrowTooLarge();  // before it takes more memory
-  }
-}
-
-// Makes the entry what the picture says, but for the children.
-void BranchShadow::takeOver(Entry& entry, Picture& picture) {
-  disown(entry);
-  entry.link = picture.link;
-  entry.index = picture.index;
-  entry.value = picture.value;
-  entry.texts = std::move(picture.texts);
-  entry.isRewritten = false;
-  own(entry);
-}
-
-// Reads new entries and all that is below them. Among that may be what was elsewhere before.
-void BranchShadow::fill(std::vector<Entry*> fresh, Update& update) {
-  for (std::size_t at = 0; at < fresh.size();) {
-    const std::size_t end = std::min(fresh.size(), at + kLookedAtTogether);
-    const std::vector<Entry*> some(fresh.begin() + static_cast<std::ptrdiff_t>(at),
-                                   fresh.begin() + static_cast<std::ptrdiff_t>(end));
-    at = end;
-    Pictures pictures = look(some, [](const Entry&) { return true; });
-    for (Entry* const entry : some) {
-      Picture& picture = pictures.at(entry);
-      takeOver(*entry, picture);
-      entry->isHome = entry->link == entry->member;
-      const bool isTold = update.fresh.contains(entry);  // not at the beginning
-      for (Picture::Child& child : picture.children) {
-        if (auto moved = findMoved(*entry, child.member, child.node, child.name, update)) {
-          entry->children.push_back(std::move(moved));
-          continue;
-        }
-        if (++count_ > mostNodes_) ThrowTooLarge();
-        auto& made = entry->children.emplace_back(std::make_unique<Entry>());
-        made->parent = entry;
-        made->member = child.member;
-        made->node = child.node;
-        made->name = std::move(child.name);
-        fresh.push_back(made.get());
-        if (!isTold) continue;
-        update.fresh.insert(made.get());
-        update.come.push_back({made.get(), {}});
-      }
-    }
-  }
-}
-
 // ---- Comparing
 
 void BranchShadow::apply(std::span<const CommitNote> commits,
@@ -350,7 +107,7 @@ void BranchShadow::apply(std::span<const CommitNote> commits,
   for (const Update::Come& one : update.come) fresh.push_back(one.entry);
   fill(std::move(fresh), update);
   const std::unordered_set<const Entry*> dead = forgetWhatIsGone(update);
-  if (count_ > mostNodes_) ThrowTooLarge();  // not before: what has moved was counted twice
+  if (count_ > mostNodes_) ThrowBranchTooLarge();  // not before: what has moved was counted twice
   tell(update, commits.back().version, dead, changes);
 }
 
@@ -379,7 +136,7 @@ std::vector<BranchShadow::Entry*> BranchShadow::findTouched(std::span<const Comm
       }
     }
     for (Entry* const entry : written) {
-      update.written.push_back({entry, indexes.contains(entry)});
+      update.written.push_back({entry, indexes.contains(entry), commit.version});
     }
   }
   return touched;
@@ -512,13 +269,15 @@ std::unordered_set<const BranchShadow::Entry*> BranchShadow::forgetWhatIsGone(Up
 }
 
 // First what is gone, then what has moved, has come and was changed. All is of the last commit:
-// what is there now may be of it, whatever commit has written the index.
+// what is there now may be of it, whatever commit has written the index. Where all nodes are where
+// they were, each change of a value is of the commit that wrote it.
 void BranchShadow::tell(const Update& update, std::uint64_t version,
                         const std::unordered_set<const Entry*>& dead,
                         std::vector<TarnBranchChange>& changes) const {
   const auto add = [&](Kind kind, std::string path, std::string from, object_id node) {
     changes.push_back({kind, std::move(path), std::move(from), node, version});
   };
+  const bool isOfValuesOnly = update.isOfValuesOnly();
   const auto isInBranch = [&](const Entry& entry) {
     return !dead.contains(&entry) && levelOf(entry) == way_.size();
   };
@@ -545,11 +304,13 @@ void BranchShadow::tell(const Update& update, std::uint64_t version,
   for (const Update::Come& one : update.come) {
     if (isInBranch(*one.entry)) add(Kind::Added, PathOf(*one.entry), {}, one.entry->node);
   }
-  for (const auto& [entry, withIndex] : update.written) {
+  for (const auto& [entry, withIndex, written] : update.written) {
     // A node is also written when it gets or loses a child, or gets another parent or name.
     const bool isOnlyLinked =
         update.same.contains(entry) && (withIndex || update.relinked.contains(entry));
-    if (!isOnlyLinked && isInBranch(*entry)) add(Kind::Changed, PathOf(*entry), {}, entry->node);
+    if (isOnlyLinked || !isInBranch(*entry)) continue;
+    add(Kind::Changed, PathOf(*entry), {}, entry->node);
+    if (isOfValuesOnly) changes.back().version = written;
   }
 }
 

@@ -163,6 +163,22 @@ TEST_F(BranchWatchTest, SeesTheCommitsOfAllSessionsInOrder) {
   EXPECT_EQ(numbers, kEach);
 }
 
+// Also when many are looked at together.
+TEST_F(BranchWatchTest, ValuesBearTheVersionsOfTheirCommits) {
+  TarnBranchWatch watch(manager(), "a");
+  const std::uint64_t id = manager().getObjectID("a~number");
+  std::vector<std::uint64_t> versions;
+  for (int i = 0; i < 500; ++i) {
+    manager().set("a~number", 1000 + i);
+    versions.push_back(manager().getVersion(id));
+  }
+  for (const std::uint64_t version : versions) {
+    const auto change = watch.next(kLong);
+    ASSERT_TRUE(change);
+    ASSERT_EQ(change->version, version);
+  }
+}
+
 TEST_F(BranchWatchTest, SaysWhenAReceiverWasTooSlow) {
   TarnBranchWatch::Options options;
   options.capacity = 10;

@@ -42,10 +42,12 @@ TARNS_API const char* NameOf(TarnBranchChange::Kind kind);
 // Changes come in the order of the commits. Each commit that writes a value or a member is told,
 // unless more than some 4,000 commits wait to be looked at, when neighbouring ones count as one.
 // What is added, removed and moved is found by comparing the indexes that commits have written with
-// what they were: commits that come within one such look, mostly some 100 microseconds, are told
-// together under the version of the last one, and a child that comes and goes in that time is not
-// seen. Changes of one version belong together: `from`, and the path of what is removed, are paths
-// before it, all others after it. Who takes in all of them knows the branch.
+// what they were. Only the state that the last commit has left can be looked at: where something
+// has been added, removed or moved by commits that come within one such look, mostly some 100
+// microseconds, all that these commits did is told together under the version of the last one, and
+// a child that comes and goes in that time is not seen. Otherwise each change bears the version of
+// its own commit. Changes of one version belong together: `from`, and the path of what is removed,
+// are paths before it, all others after it. Who takes in all of them knows the branch.
 //
 // A node that is listed in several places is in the branch where its parent link is, with what is
 // below it; further entries count as nodes without children. Nodes that members refer to are no
