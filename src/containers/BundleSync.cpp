@@ -33,12 +33,16 @@ class Exporter {
   Exporter(SyncedBundle& bundle, BundleExportFilter* filter)
       : bundle_(bundle), records_(bundle), filter_(filter) {}
 
-  // `partner`, when not null, is who it is for.
-  std::string make(std::uint64_t since, const SyncPartner* partner) {
+  // For a partner, or for whoever has everything up to `since`.
+  std::string makeFor(ReplicaID id, const SyncPartner& partner) {
+    addressee_ = id;
+    partner_ = &partner;
+    return make(filter_ == nullptr ? partner.acknowledged : partner.acknowledgedFiltered);
+  }
+  std::string make(std::uint64_t since) {
     if (since < records_.forgotten()) since = 0;
-    since = std::min(since, records_.revision());
-    since_ = since;
-    partner_ = since == 0 || (partner != nullptr && partner->isPartial) ? nullptr : partner;
+    since_ = std::min(since, records_.revision());
+    if (since_ == 0) partner_ = nullptr;
     records_.mark();
     writeHeader();
     addChanges();
@@ -49,15 +53,20 @@ class Exporter {
   void writeHeader() {
     file_.className = bundle_.getClassName().view();
     file_.from = records_.replica();
+    if (partner_ != nullptr) file_.addressee = addressee_;
+    file_.ended = records_.ended();
     file_.former = records_.former();
     file_.since = since_;
     file_.revision = records_.revision();
-    file_.isPartial = filter_ != nullptr || records_.isPartial();
+    // Up to `since_` filters may have kept something back, too.
+    file_.isPartial = filter_ != nullptr && since_ != 0;
     file_.known = records_.known();
-    file_.marks = records_.marks();
+    file_.marks = records_.heard();
     for (const auto& [replica, partner] : records_.partners()) {
-      file_.partners[replica] = {partner.received, partner.marks, partner.lacksExport};
+      file_.marks[replica];
+      file_.partners[replica] = {partner.received, partner.receivedFiltered, partner.lacksExport};
     }
+    file_.marks[file_.from] = records_.marks();
   }
 
   bool isWanted(const SyncRecord& record) const {
@@ -70,7 +79,10 @@ class Exporter {
       if (!isWanted(record)) return;
       TarnRef object = bundle_.getBundledChildWithName(name.c_str());
       if (object.is_null()) return;  // deleted by path since the scan: the next export has it
-      if (filter_ != nullptr && !filter_->shouldExport(object)) return;
+      if (filter_ != nullptr && !filter_->shouldExport(object)) {
+        file_.isPartial = true;
+        return;
+      }
       file_.changes.push_back(
           {.name = name, .version = record.version, .object = std::move(object), .text = {}});
     });
@@ -88,6 +100,7 @@ class Exporter {
   SyncRecords records_;
   BundleExportFilter* const filter_;
   std::uint64_t since_ = 0;
+  ReplicaID addressee_ = 0;
   const SyncPartner* partner_ = nullptr;  // who need not get what it knows; null: nobody
   SyncFile file_;
 };
@@ -100,20 +113,21 @@ unsigned long BundleSync::noticeChanges() {
 
 std::string BundleSync::exportSince(std::uint64_t revision, BundleExportFilter* filter) {
   return WithNoticedChanges(bundle_, [&](SyncedBundle& bundle, unsigned long) {
-    return Exporter(bundle, filter).make(revision, nullptr);
+    return Exporter(bundle, filter).make(revision);
   });
 }
 
 std::string BundleSync::exportFor(std::string_view partner, BundleExportFilter* filter) {
   return WithNoticedChanges(bundle_, [&](SyncedBundle& bundle, unsigned long) {
     const SyncRecords records(bundle);
-    const SyncPartner found = records.partners().at(PartnerCalled(records, partner));
-    return Exporter(bundle, filter).make(found.acknowledged, &found);
+    const ReplicaID id = PartnerCalled(records, partner);
+    const SyncPartner found = records.partners().at(id);
+    return Exporter(bundle, filter).makeFor(id, found);
   });
 }
 
 BundleImport BundleSync::import(std::string_view text) {
-  const SyncFile file = SyncFile::Read(text);
+  SyncFile file = SyncFile::Read(text);
   return WithNoticedChanges(
       bundle_, [&](SyncedBundle& bundle, unsigned long) { return SyncImport(bundle, file).run(); });
 }
@@ -122,10 +136,11 @@ std::vector<BundlePartner> BundleSync::partners() const {
   // Only reads.
   auto& bundle = const_cast<SyncedBundle&>(*bundle_.read());
   std::vector<BundlePartner> all;
-  for (const auto& [replica, partner] : SyncRecords(bundle).partners()) {
-    if (partner.isReplaced) continue;
-    all.push_back(
-        {TextOfReplica(replica), partner.received, partner.acknowledged, partner.lacksExport});
+  const SyncRecords records(bundle);
+  for (const auto& [replica, partner] : records.partners()) {
+    if (records.isGone(replica, partner)) continue;
+    all.push_back({TextOfReplica(replica), partner.received, partner.acknowledged,
+                   partner.lacksExport, partner.isReplaced});
   }
   return all;
 }
@@ -134,12 +149,17 @@ void BundleSync::addPartner(std::string_view replica) {
   const auto bundle = modify(bundle_);
   SyncRecords records(*bundle);
   const auto id = ReplicaFrom(replica);
-  if (!id || *id == records.replica()) {
+  if (!id || *id == records.replica() || records.ended().contains(*id)) {
     TarnException error;
     error << "\"" << replica << "\" cannot be a partner of the bundle.";
     throw error;
   }
-  if (!records.partners().contains(*id)) records.putPartner(*id, {.marks = {}, .knows = {}});
+  const auto all = records.partners();
+  const auto found = all.find(*id);
+  if (found != all.end() && !found->second.isReplaced) return;
+  SyncPartner partner = found == all.end() ? SyncPartner() : found->second;
+  partner.isReplaced = false;
+  records.putPartner(*id, partner);
 }
 
 void BundleSync::acknowledge(std::string_view partner, std::uint64_t revision) {
@@ -154,6 +174,7 @@ void BundleSync::acknowledge(std::string_view partner, std::uint64_t revision) {
   SyncPartner found = records.partners().at(id);
   if (found.acknowledged >= revision) return;
   found.acknowledged = revision;
+  found.acknowledgedFiltered = std::max(found.acknowledgedFiltered, revision);
   records.putPartner(id, found);
   records.forgetDeletions();
 }

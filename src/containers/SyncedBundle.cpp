@@ -37,9 +37,9 @@ bool SyncedBundle::write(const char* name, GOODSinOut& out) {
   out.write("Replica", replica_);
   out.write("Revision", revision_);
   out.write("Forgotten", forgotten_);
-  out.write("Partial", isPartial_);
   out.write("Home", home_);
   out.write("Former", former_);
+  out.write("Ended", ended_);
   out.write("Marks", marks_);
   return out.write("Known", known_);
 }
@@ -68,9 +68,10 @@ bool SyncedBundle::renameBundledChild(const char* oldName, const char* newName) 
 }
 
 bool SyncedBundle::markChanged(const char* name) {
-  const TarnRef child = getBundledChildWithName(name);
+  SyncRecords records(*this);
+  const TarnRef child = records.objectCalled(ViewOf(name));
   if (child.is_null()) return false;
-  SyncRecords(*this).noteChange(ViewOf(name), DigestOf(TextOf(ViewOf(name), child)));
+  records.noteChange(ViewOf(name), DigestOf(TextOf(ViewOf(name), child)));
   return true;
 }
 

@@ -53,11 +53,15 @@ void VerifyChecksum(std::string_view text) {
   if (last.substr(kEnd.size()) != ChecksumOf(before)) ThrowBadFile("it has been changed");
 }
 
-void WritePartner(PInOut& out, ReplicaID replica, const SyncFile::Arrived& arrived) {
-  out.write("Partner", TextOfReplica(replica));
+void WriteReplica(PInOut& out, ReplicaID replica, const SyncMarks& marks,
+                  const SyncFile::Arrived& arrived) {
+  out.write("Replica", TextOfReplica(replica));
   out.indentIn();
-  out.write("Received", arrived.received);
-  out.write("Marks", arrived.marks.str());
+  out.write("Marks", marks.str());
+  if (arrived.received != 0) out.write("Received", arrived.received);
+  if (arrived.receivedFiltered > arrived.received) {
+    out.write("ReceivedFiltered", arrived.receivedFiltered);
+  }
   if (arrived.lacksExport) out.write("LacksExport", true);
   out.indentOut();
 }
@@ -101,14 +105,18 @@ class FileReader {
 
   void readLine() {
     if (in_.isCmd("Changed") || in_.isCmd("Deleted")) return readChange();
-    if (in_.isCmd("Partner")) return readPartner();
+    if (in_.isCmd("Replica")) return readAboutReplica();
     if (!file_.changes.empty()) in_.fail("this line belongs before the changes");
     if (in_.isCmd("Class")) {
       in_.read(file_.className);
     } else if (in_.isCmd("From")) {
       file_.from = readReplica();
+    } else if (in_.isCmd("For")) {
+      file_.addressee = readReplica();
     } else if (in_.isCmd("Former")) {
       file_.former = readVersion();
+    } else if (in_.isCmd("Ended")) {
+      file_.ended = readEnds();
     } else if (in_.isCmd("Since")) {
       file_.since = readRevision();
     } else if (in_.isCmd("Revision")) {
@@ -117,35 +125,33 @@ class FileReader {
       in_.read(file_.isPartial);
     } else if (in_.isCmd("Known")) {
       file_.known = readVersion();
-    } else if (in_.isCmd("Marks")) {
-      file_.marks = readMarks();
     } else {
       in_.fail("an export has no line of this kind");
     }
   }
 
-  void readPartner() {
-    const ReplicaID replica = readReplica();
+  void readAboutReplica() {
+    const ReplicaID id = readReplica();
+    SyncMarks marks;
     SyncFile::Arrived arrived;
     in_.indentIn();
     while (*in_.getCommand() != '\0') {
-      if (in_.isCmd("Received")) {
+      if (in_.isCmd("Marks")) {
+        marks = readMarks();
+      } else if (in_.isCmd("Received")) {
         arrived.received = readRevision();
-      } else if (in_.isCmd("Marks")) {
-        arrived.marks = readMarks();
+      } else if (in_.isCmd("ReceivedFiltered")) {
+        arrived.receivedFiltered = readRevision();
       } else if (in_.isCmd("LacksExport")) {
         in_.read(arrived.lacksExport);
       } else {
-        in_.fail("a partner has no line of this kind");
+        in_.fail("of a replica, an export has no line of this kind");
       }
     }
     in_.indentOut();
-    if (!arrived.marks.empty() && arrived.marks.newest().revision != arrived.received) {
-      in_.fail("the marks of a partner end at another revision than was received");
-    }
-    if (!file_.partners.emplace(replica, std::move(arrived)).second) {
-      in_.fail("a partner is named twice");
-    }
+    arrived.receivedFiltered = std::max(arrived.received, arrived.receivedFiltered);
+    file_.partners[id] = arrived;
+    if (!file_.marks.emplace(id, std::move(marks)).second) in_.fail("a replica is named twice");
   }
 
   void readChange() {
@@ -172,7 +178,7 @@ class FileReader {
     if (!in_.isCmd(file_.className.c_str())) {
       in_.fail("an object is missing, or of another class than the bundle's");
     }
-    NodeReader reader(in_);
+    NodeReader reader(in_, NodeReader::Unknown::kRefuse);
     XString name;
     const TarnRef object = reader.readBlock(name);
     if (object.is_null()) TarnException::ThrowMissingDescriptor(file_.className.c_str());
@@ -200,6 +206,12 @@ class FileReader {
     in_.readLine();
     return *std::move(version);
   }
+  SyncEnds readEnds() {
+    auto ends = EndsFrom(in_.getValue());
+    if (!ends) in_.fail("this is no list of ends");
+    in_.readLine();
+    return *std::move(ends);
+  }
   SyncMarks readMarks() {
     auto marks = SyncMarks::Parse(in_.getValue());
     if (!marks) in_.fail("this is no list of marks");
@@ -210,7 +222,9 @@ class FileReader {
   // What the lines say must fit together.
   void verify() const {
     if (file_.from == 0 || file_.className.empty()) ThrowBadFile("its sender is missing");
-    if (file_.marks.empty() || file_.marks.newest().revision != file_.revision) {
+    const auto sender = file_.marks.find(file_.from);
+    if (sender == file_.marks.end() || sender->second.empty() ||
+        sender->second.newest().revision != file_.revision) {
       ThrowBadFile("its marks end at another revision than its own");
     }
     if (file_.since > file_.revision) ThrowBadFile("it begins behind its end");
@@ -218,8 +232,11 @@ class FileReader {
       if (revision > file_.revision) ThrowBadFile("it knows of a revision later than its own");
     }
     for (const SyncChange& change : file_.changes) {
-      if (!change.version.isWithin(file_.known))
-        ThrowBadFile("it has a change that it does not know");
+      for (const auto& [replica, revision] : change.version.entries()) {
+        if (revision > file_.revision || !file_.marks.contains(replica)) {
+          ThrowBadFile("it has a change of a revision that it does not know");
+        }
+      }
     }
   }
 
@@ -246,13 +263,17 @@ std::string SyncFile::write() const {
   out.indentIn();
   out.write("Class", className);
   out.write("From", TextOfReplica(from));
+  if (addressee != 0) out.write("For", TextOfReplica(addressee));
   if (!former.empty()) out.write("Former", former.str());
+  if (!ended.empty()) out.write("Ended", TextOfEnds(ended));
   out.write("Since", since);
   out.write("Revision", revision);
   if (isPartial) out.write("Partial", true);
   out.write("Known", known.str());
-  out.write("Marks", marks.str());
-  for (const auto& [replica, arrived] : partners) WritePartner(out, replica, arrived);
+  for (const auto& [replica, list] : marks) {
+    const auto partner = partners.find(replica);
+    WriteReplica(out, replica, list, partner == partners.end() ? Arrived() : partner->second);
+  }
   for (const SyncChange& change : changes) WriteChange(out, change);
   out.indentOut();
   out.close();
@@ -269,6 +290,14 @@ SyncFile SyncFile::Read(std::string_view text) {
   } catch (const XException& error) {
     throw TarnException(error.getError(), ErrorID::BadExportFile);
   }
+}
+
+void SyncFile::applyEnds(SyncEnds& ends) {
+  ApplyEnds(ends, {}, marks, [&](ReplicaID replica, std::uint64_t first, ReplicaID name) {
+    bool isNamed = known.rename(replica, first, name);
+    for (SyncChange& change : changes) isNamed |= change.version.rename(replica, first, name);
+    return isNamed;
+  });
 }
 
 void ReplaceContent(const TarnRef& object, std::string_view text) {

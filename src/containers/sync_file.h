@@ -23,26 +23,29 @@ struct SyncChange {
 };
 
 struct SyncFile {
-  // What the sender has got from, and knows of, a partner.
+  // What the sender has got from a partner.
   struct Arrived {
-    std::uint64_t received = 0;
-    SyncMarks marks;
+    std::uint64_t received = 0, receivedFiltered = 0;
     bool lacksExport = false;
   };
 
   std::string className;
   ReplicaID from = 0;
-  SyncVersion former;          // replicas that the sender was
-  std::uint64_t since = 0;     // 0: everything that there is
-  std::uint64_t revision = 0;  // of the sender
-  bool isPartial = false;      // filters have kept something back
-  SyncVersion known;           // what the sender has seen
-  SyncMarks marks;             // of the sender
+  ReplicaID addressee = 0;               // what this one has seen is not in it; 0: for everybody
+  SyncVersion former;                    // replicas that the sender was
+  SyncEnds ended;                        // and all that it knows to have ended
+  std::uint64_t since = 0;               // 0: everything that there is
+  std::uint64_t revision = 0;            // of the sender
+  bool isPartial = false;                // filters may have kept something back
+  SyncVersion known;                     // what the sender has seen
+  std::map<ReplicaID, SyncMarks> marks;  // of all that the sender has heard of, and itself
   std::map<ReplicaID, Arrived> partners;
   std::vector<SyncChange> changes;  // in ascending order of names
 
   std::string write() const;
-  // Checks everything that can be checked without a bundle. Throws 15, 109.
+  // Gives what replicas did after their ends the names that the sender's marks say; see ApplyEnds.
+  void applyEnds(SyncEnds& ends);
+  // Checks everything that can be checked without a bundle. Throws 3, 15, 109.
   static SyncFile Read(std::string_view text);
 };
 

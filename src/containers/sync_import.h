@@ -14,15 +14,19 @@ namespace tarns {
 // One import into a bundle, whose own changes have been noticed: within a transaction.
 class SyncImport {
  public:
-  SyncImport(SyncedBundle& bundle, const SyncFile& file)
+  // Changes names of replicas in `file`, which may be imported again then.
+  SyncImport(SyncedBundle& bundle, SyncFile& file)
       : bundle_(bundle), records_(bundle), file_(file) {}
 
   BundleImport run();
 
  private:
-  bool isOwn();
+  void verify();
+  bool wasSetBack();
+  void agreeOnEnds();
+  void findEnds(SyncEnds& ends) const;
   void markReplaced();
-  bool takeAcknowledgement();
+  void takeAcknowledgement();
   BundleImport::Outcome relate() const;
   BundleImport end(BundleImport::Outcome outcome);
 
@@ -30,6 +34,7 @@ class SyncImport {
   void take(const SyncChange& change);
   void takeNew(const SyncChange& change);
   void settle(const SyncChange& change, const SyncRecord& ours);
+  void keepOurs(const SyncChange& change, const SyncRecord& ours, const SyncVersion& version);
   void takeOver(const SyncChange& change, const SyncVersion& version, bool wasDeleted);
   void deleteObject(const std::string& name, const SyncVersion& version);
   void deleteWhatIsMissing();
@@ -37,7 +42,7 @@ class SyncImport {
 
   SyncedBundle& bundle_;
   SyncRecords records_;
-  const SyncFile& file_;
+  SyncFile& file_;
   SyncPartner partner_;  // the sender
   SyncVersion known_;    // what had been seen before
   BundleImport result_;

@@ -6,6 +6,7 @@
 #include <goods/obj_storage.h>
 #include <tarns/containers/SyncedBundleDeletion.h>
 #include <tarns/core/TarnException.h>
+#include <tarns/core/TarnIterator.h>
 #include <xxhash.h>
 
 #include <algorithm>
@@ -19,10 +20,10 @@ namespace tarns {
 namespace {
 
 constexpr const char* kReceived = "Received";
+constexpr const char* kReceivedFiltered = "ReceivedFiltered";
 constexpr const char* kAcknowledged = "Acknowledged";
-constexpr const char* kMarks = "Marks";
+constexpr const char* kAcknowledgedFiltered = "AcknowledgedFiltered";
 constexpr const char* kKnows = "Knows";
-constexpr const char* kPartial = "Partial";
 constexpr const char* kLacksExport = "LacksExport";
 constexpr const char* kReplaced = "Replaced";
 
@@ -30,6 +31,23 @@ constexpr const char* kReplaced = "Replaced";
   TarnException error;
   error << "A synchronised bundle keeps \"" << text << "\", which is no " << what << ".";
   error.setErrorID(ErrorID::CorruptData);
+  throw error;
+}
+
+[[noreturn]] void ThrowTwoOfOneName(const SyncedBundle& bundle, std::string_view name) {
+  TarnException error;
+  error << "The bundle \"" << bundle.getName() << "\" has several objects called \"" << name
+        << "\"; one that is synchronised has one object of each name.";
+  throw error;
+}
+
+[[noreturn]] void ThrowOtherClass(const SyncedBundle& bundle, std::string_view name,
+                                  const TarnRef& object) {
+  TarnException error;
+  error << "In the bundle \"" << bundle.getName() << "\", which is synchronised, the object \""
+        << name << "\" is of the class \"" << object->getType() << "\", not \""
+        << bundle.getClassName() << "\".";
+  error.setErrorID(ErrorID::BadTypecast);
   throw error;
 }
 
@@ -69,9 +87,9 @@ SyncPartner PartnerOf(const TarnRef& node) {
   SyncPartner partner;
   partner.received = node->getUint64(kReceived, std::uint64_t{0});
   partner.acknowledged = node->getUint64(kAcknowledged, std::uint64_t{0});
-  partner.marks = MarksFrom(node->getXString(kMarks, "").view());
+  partner.receivedFiltered = node->getUint64(kReceivedFiltered, std::uint64_t{0});
+  partner.acknowledgedFiltered = node->getUint64(kAcknowledgedFiltered, std::uint64_t{0});
   partner.knows = VersionFrom(node->getXString(kKnows, "").view());
-  partner.isPartial = node->getBoolean(kPartial, false);
   partner.lacksExport = node->getBoolean(kLacksExport, false);
   partner.isReplaced = node->getBoolean(kReplaced, false);
   return partner;
@@ -100,42 +118,74 @@ void SyncRecords::settleReplica() {
   const std::string now = homeNow(), before = bundle_.home_.str();
   if (bundle_.replica_ == 0) bundle_.replica_ = NewReplicaID();
   if (now == before || now.empty()) return;
-  if (!before.empty()) becomeAnother(bundle_.revision_);
+  if (!before.empty()) becomeCopy();
   bundle_.home_ = TarnString(std::string_view(now));
 }
 
+// The original may go on: what it has done so far may come from it, and it has not ended.
+void SyncRecords::becomeCopy() {
+  const ReplicaID original = replica();
+  const SyncMarks its = marks();
+  SyncPartner partner{.knows = known(), .isReplaced = true};
+  if (!its.empty()) partner.received = partner.receivedFiltered = its.newest().revision;
+  takeName(NewReplicaID(), revision());
+  bundle_.marks_.clear();
+  putHeard(original, its);
+  putPartner(original, partner);
+}
+
 void SyncRecords::becomeAnother(std::uint64_t revision) {
-  const ReplicaID old = bundle_.replica_;
-  // What it has done so far may come back to it, from the original of a copy, for one.
-  SyncPartner self{.marks = marks(), .knows = known(), .isReplaced = true};
-  if (!self.marks.empty()) self.received = self.marks.newest().revision;
+  const ReplicaID old = replica();
+  SyncMarks before = marks();
+  const SyncMarks since = before.splitFrom(revision + 1);
+  takeName(since.empty() ? NewReplicaID() : since.nameFrom(0, old), revision);
+  bundle_.marks_ = TarnString(std::string_view(since.str()));
+  putHeard(old, before);
+  SyncEnds ends = ended();
+  AddEnd(ends, old, revision + 1);
+  bundle_.ended_ = TarnString(std::string_view(TextOfEnds(ends)));
+  renameAll(old, revision + 1, replica());
+  putPartner(old, {.knows = {}, .isReplaced = true});
+}
+
+// From now on; it has the old one's changes up to `revision`.
+void SyncRecords::takeName(ReplicaID name, std::uint64_t revision) {
+  const ReplicaID old = replica();
   SyncVersion formerly = former();
   formerly.add(old, std::max<std::uint64_t>(revision, 1));
   bundle_.former_ = TarnString(std::string_view(formerly.str()));
-  SyncVersion seen = VersionFrom(bundle_.known_.str());
-  seen.cutBack(old, 0);
-  seen.add(old, revision);
-  bundle_.known_ = TarnString(std::string_view(seen.str()));
-  bundle_.marks_.clear();
-  bundle_.replica_ = NewReplicaID();
+  bundle_.replica_ = name;
+  SyncVersion seen(old, revision);
+  addKnown(seen);
+  for (const auto& [replica, partner] : partners()) {
+    if (!partner.isReplaced) putPartner(replica, {.knows = {}, .lacksExport = true});
+  }
+}
 
-  std::map<std::string, SyncRecord> doubtful;
-  const auto collect = [&](const std::string& name, const SyncRecord& record) {
-    if (record.version.of(old) > revision) doubtful.emplace(name, record);
+// What a replica did from a revision on gets its other name, wherever it is mentioned; whether it
+// was mentioned anywhere.
+bool SyncRecords::renameAll(ReplicaID replica, std::uint64_t first, ReplicaID name) {
+  SyncVersion seen = VersionFrom(bundle_.known_.str());
+  bool isNamed = seen.rename(replica, first, name);
+  seen.cutBack(bundle_.replica_, 0);
+  bundle_.known_ = TarnString(std::string_view(seen.str()));
+  std::map<std::string, SyncRecord> named;
+  const auto collect = [&](const std::string& object, const SyncRecord& record) {
+    if (record.version.of(replica) >= first) named.emplace(object, record);
   };
   forEachObject(collect);
   forEachDeletion(collect);
-  for (auto& [name, record] : doubtful) {
-    record.revision = nextRevision();
-    record.version.cutBack(old, revision);
-    record.version.add(bundle_.replica_, record.revision);
-    keep(name, record);
+  isNamed |= !named.empty();
+  for (auto& [object, record] : named) {
+    record.version.rename(replica, first, name);
+    keep(object, record);
   }
-  for (const auto& [replica, partner] : partners()) {
-    if (partner.isReplaced) continue;
-    putPartner(replica, {.marks = {}, .knows = {}, .lacksExport = true});
+  for (auto& [id, partner] : partners()) {
+    if (partner.knows.of(replica) < first) continue;
+    partner.knows.rename(replica, first, name);
+    putPartner(id, partner);
   }
-  putPartner(old, self);
+  return isNamed;
 }
 
 void SyncRecords::advanceTo(std::uint64_t revision) {
@@ -164,6 +214,59 @@ void SyncRecords::mark() {
   if (!all.empty() && all.newest().revision == bundle_.revision_) return;
   all.add({NewReplicaID(), bundle_.revision_});
   bundle_.marks_ = TarnString(std::string_view(all.str()));
+}
+
+std::map<ReplicaID, SyncMarks> SyncRecords::heard() const {
+  std::map<ReplicaID, SyncMarks> found;
+  const TarnRef all = bundle_.getChildWithName(SyncedBundle::kReplicas);
+  if (all.is_null()) return found;
+  for (const auto& [name, node] : all->children()) {
+    const auto replica = ReplicaFrom(name);
+    if (!replica) ThrowDamaged("replica", name);
+    found.emplace(*replica, MarksFrom(ValueOf(node)));
+  }
+  return found;
+}
+
+SyncMarks SyncRecords::heardOf(ReplicaID replica) const {
+  const TarnRef node = childOf(SyncedBundle::kReplicas, TextOfReplica(replica));
+  return node.is_null() ? SyncMarks() : MarksFrom(ValueOf(node));
+}
+
+void SyncRecords::putHeard(ReplicaID replica, const SyncMarks& marks) {
+  if (replica == bundle_.replica_) return;
+  const TarnRef all = list(SyncedBundle::kReplicas);
+  const TarnRef node = modify(all)->getChildWithNameNoFail(TextOfReplica(replica).c_str(),
+                                                           TarnStringValue::GetType());
+  modify(node)->setValue(nullptr, TarnData(marks.str()));
+}
+
+SyncEnds SyncRecords::ended() const {
+  auto ends = EndsFrom(bundle_.ended_.str());
+  if (!ends) ThrowDamaged("list of ends", bundle_.ended_.str());
+  return *std::move(ends);
+}
+
+void SyncRecords::applyEnds(SyncEnds& ends) {
+  const auto before = heard();
+  auto now = before;
+  ApplyEnds(ends, ended(), now, [&](ReplicaID replica, std::uint64_t first, ReplicaID name) {
+    return renameAll(replica, first, name);
+  });
+  for (const auto& [replica, marks] : now) {
+    const auto found = before.find(replica);
+    if (found == before.end() || found->second.str() != marks.str()) putHeard(replica, marks);
+  }
+  const std::string text = TextOfEnds(ends);
+  if (bundle_.ended_.str() == text) return;
+  bundle_.ended_ = TarnString(std::string_view(text));
+  for (auto& [replica, partner] : partners()) {
+    const auto end = ends.find(replica);
+    if (end == ends.end()) continue;
+    partner.received = std::min(partner.received, end->second - 1);
+    partner.receivedFiltered = std::min(partner.receivedFiltered, end->second - 1);
+    putPartner(replica, partner);
+  }
 }
 
 // --- Records ------------------------------------------------------------------------------------
@@ -256,8 +359,19 @@ void SyncRecords::noteDeletion(std::string_view name) {
   putDeletion(name, version);
 }
 
+TarnRef SyncRecords::objectCalled(std::string_view name) const {
+  const TarnRef all = bundle_.getChildWithName(TarnBundle::kBundledChildren);
+  if (all.is_null()) return nullptr;
+  TarnIterator place = all->getIterTo(std::string(name).c_str());
+  if (place.isNull()) return nullptr;
+  TarnRef object = place.next(nullptr);
+  if (place.getEntryName() == name) ThrowTwoOfOneName(bundle_, name);
+  if (!object->isOfType(bundle_.getClassName())) ThrowOtherClass(bundle_, name, object);
+  return object;
+}
+
 bool SyncRecords::notice(std::string_view name) {
-  const TarnRef object = bundle_.getBundledChildWithName(std::string(name).c_str());
+  const TarnRef object = objectCalled(name);
   const auto before = find(name);
   const bool wasThere = before && !before->isDeleted;
   if (object.is_null()) {
@@ -271,6 +385,10 @@ bool SyncRecords::notice(std::string_view name) {
 }
 
 // --- Partners -----------------------------------------------------------------------------------
+
+bool SyncRecords::isGone(ReplicaID replica, const SyncPartner& partner) const {
+  return partner.isReplaced && ended().contains(replica);
+}
 
 bool SyncRecords::hasPartners() const {
   const TarnRef all = bundle_.getChildWithName(SyncedBundle::kPartners);
@@ -298,10 +416,10 @@ void SyncRecords::putPartner(ReplicaID replica, const SyncPartner& partner) {
       modify(all)->getChildWithNameNoFail(TextOfReplica(replica).c_str(), TarnObject::GetType());
   const auto body = modify(node);
   body->setValue(kReceived, TarnData(partner.received));
+  body->setValue(kReceivedFiltered, TarnData(partner.receivedFiltered));
   body->setValue(kAcknowledged, TarnData(partner.acknowledged));
-  body->setValue(kMarks, TarnData(partner.marks.str()));
+  body->setValue(kAcknowledgedFiltered, TarnData(partner.acknowledgedFiltered));
   body->setValue(kKnows, TarnData(partner.knows.str()));
-  body->setValue(kPartial, TarnData(partner.isPartial));
   body->setValue(kLacksExport, TarnData(partner.lacksExport));
   body->setValue(kReplaced, TarnData(partner.isReplaced));
 }
@@ -314,7 +432,7 @@ bool SyncRecords::removePartner(ReplicaID replica) {
 void SyncRecords::forgetDeletions() {
   std::uint64_t least = std::numeric_limits<std::uint64_t>::max();
   for (const auto& [replica, partner] : partners()) {
-    if (!partner.isReplaced) least = std::min(least, partner.acknowledged);
+    if (!partner.isReplaced) least = std::min(least, partner.acknowledgedFiltered);
   }
   std::vector<std::string> known;
   forEachDeletion([&](const std::string& name, const SyncRecord& record) {

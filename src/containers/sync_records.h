@@ -22,13 +22,14 @@ struct SyncRecord {
   bool isDeleted = false;
 };
 
+// What comes up to a revision is there, of `...Filtered` without what filters kept back.
 struct SyncPartner {
-  std::uint64_t received = 0, acknowledged = 0;
-  SyncMarks marks;         // of the partner, as of `received`
-  SyncVersion knows;       // which changes the partner had seen then
-  bool isPartial = false;  // filters may have kept changes from it that `knows` contains
+  std::uint64_t received = 0, receivedFiltered = 0;          // of its changes here
+  std::uint64_t acknowledged = 0, acknowledgedFiltered = 0;  // of the changes here, there
+  SyncVersion knows;  // which changes it had seen when it last said so
   bool lacksExport = false;
-  // It has become another replica, as far as is known: deletions are not remembered for it.
+  // There is a replica that was made of it: deletions are not remembered for it until it is heard
+  // of again.
   bool isReplaced = false;
 };
 
@@ -46,9 +47,9 @@ class SyncRecords {
   // Gives the bundle an identity where it has none, and another one where it is not the bundle that
   // its identity was made for: a copy, or one in a database made from a backup.
   void settleReplica();
-  // Makes the bundle a new replica. Of what it has done as the old one that is certain, for all
-  // partners, which is not later than `revision`; the rest counts as done by the new one. Partners
-  // get everything again, and are asked for everything.
+  // Makes the bundle, which was set back, another replica. What it has done as the old one is
+  // certain up to `revision`; there that one ends, and the rest counts as done by the new one.
+  // Partners get everything again, and are asked for everything.
   void becomeAnother(std::uint64_t revision);
 
   ReplicaID replica() const { return bundle_.replica_; }
@@ -56,14 +57,25 @@ class SyncRecords {
   // Makes later revisions greater than this one, too.
   void advanceTo(std::uint64_t revision);
   std::uint64_t forgotten() const { return bundle_.forgotten_; }
-  bool isPartial() const { return bundle_.isPartial_; }
-  void setPartial() { bundle_.isPartial_ = true; }
   SyncVersion former() const;  // replicas that the bundle was, each with its last revision
-  SyncVersion known() const;   // with its own changes
+  SyncVersion known() const;   // all changes that have been seen, with its own
   void addKnown(const SyncVersion& version);
   SyncMarks marks() const;
   // Marks the revision, unless nothing has happened since the last mark.
   void mark();
+
+  // Of others, all that have been heard of in exports: every change of them that is here is not
+  // later than their last mark.
+  std::map<ReplicaID, SyncMarks> heard() const;
+  SyncMarks heardOf(ReplicaID replica) const;
+  void putHeard(ReplicaID replica, const SyncMarks& marks);
+  SyncEnds ended() const;
+  // Gives all that others did after their ends its names; see ApplyEnds.
+  void applyEnds(SyncEnds& ends);
+
+  // The object of that name, or null. Throws 0 when there are two, 12 when it is of another class
+  // than the bundle's: neither can be exchanged.
+  TarnRef objectCalled(std::string_view name) const;
 
   std::optional<SyncRecord> find(std::string_view name) const;
   void forEachObject(const Visit& visit) const;
@@ -80,6 +92,8 @@ class SyncRecords {
   void putDeletion(std::string_view name, const SyncVersion& version);
 
   std::map<ReplicaID, SyncPartner> partners() const;
+  // Whether it is nobody's business any more: ended, and replaced.
+  bool isGone(ReplicaID replica, const SyncPartner& partner) const;
   bool hasPartners() const;  // that deletions are remembered for
   void putPartner(ReplicaID replica, const SyncPartner& partner);
   bool removePartner(ReplicaID replica);
@@ -91,6 +105,9 @@ class SyncRecords {
   TarnRef list(const char* name);
   void removeFrom(const char* list, std::string_view name);
   void keep(std::string_view name, const SyncRecord& record);
+  void becomeCopy();
+  void takeName(ReplicaID name, std::uint64_t revision);
+  bool renameAll(ReplicaID replica, std::uint64_t first, ReplicaID name);
   std::uint64_t nextRevision() { return ++bundle_.revision_; }
   std::string homeNow() const;
 

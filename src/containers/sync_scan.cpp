@@ -9,13 +9,6 @@ namespace tarns {
 
 namespace {
 
-[[noreturn]] void ThrowTwoOfOneName(const xcptref<SyncedBundle>& bundle, const std::string& name) {
-  TarnException error;
-  error << "The bundle \"" << bundle->getName() << "\" has several objects called \"" << name
-        << "\"; one that is synchronised has one object of each name.";
-  throw error;
-}
-
 TarnChildren ChildrenOf(const TarnRef& node) {
   return node.is_null() ? TarnChildren(nullptr) : node->children();
 }
@@ -33,21 +26,17 @@ bool IsAsRecorded(const std::string& name, const TarnRef& object, const TarnRef&
 
 }  // namespace
 
-// Both lists are in the order of names.
+// Both lists are in the order of names. A second object of one name has no record of its own, so
+// its name is returned, and looked at again under locks: the first may have been deleted meanwhile.
 std::vector<std::string> FindUnnoticed(const xcptref<SyncedBundle>& bundle) {
   std::vector<std::string> suspects;
   const TarnChildren objects = ChildrenOf(bundle->getChildWithName(TarnBundle::kBundledChildren));
   const TarnChildren records = ChildrenOf(bundle->getChildWithName(SyncedBundle::kRevisions));
   auto object = objects.begin(), record = records.begin();
-  std::string last;  // of the objects
   while (object != objects.end() || record != records.end()) {
     const bool hasObject = object != objects.end(), hasRecord = record != records.end();
     const int order = !hasObject ? 1 : !hasRecord ? -1 : object->name.compare(record->name);
-    if (order <= 0) {
-      if (object->name == last) ThrowTwoOfOneName(bundle, last);
-      last = object->name;
-    }
-    if (order != 0 || !IsAsRecorded(last, object->child, record->child)) {
+    if (order != 0 || !IsAsRecorded(object->name, object->child, record->child)) {
       suspects.push_back(order <= 0 ? object->name : record->name);
     }
     if (order <= 0) ++object;

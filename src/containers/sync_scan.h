@@ -13,7 +13,7 @@
 namespace tarns {
 
 // The names whose objects are not what their records say, as far as can be told without locks:
-// what is changed meanwhile may be missing. Throws 0 when two objects bear one name.
+// what is changed meanwhile may be missing.
 std::vector<std::string> FindUnnoticed(const xcptref<SyncedBundle>& bundle);
 
 // Gives revisions to what has changed, then calls work(bundle, how many there were), all in one

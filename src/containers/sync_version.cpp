@@ -1,8 +1,10 @@
 #include "containers/sync_version.h"
 
 #include <fmt/format.h>
+#include <tarns/core/TarnException.h>
 
 #include <algorithm>
+#include <bit>
 #include <charconv>
 #include <random>
 #include <system_error>
@@ -112,6 +114,14 @@ void SyncVersion::cutBack(ReplicaID replica, std::uint64_t revision) {
   if (at->second == 0) entries_.erase(at);
 }
 
+bool SyncVersion::rename(ReplicaID replica, std::uint64_t first, ReplicaID name) {
+  const std::uint64_t revision = of(replica);
+  if (revision < first) return false;
+  cutBack(replica, first - 1);
+  add(name, revision);
+  return true;
+}
+
 void SyncVersion::join(const SyncVersion& other) {
   for (const auto& [replica, revision] : other.entries_) add(replica, revision);
 }
@@ -140,12 +150,35 @@ std::pair<std::uint64_t, ReplicaID> SyncVersion::stamp() const {
   return greatest;
 }
 
+// --- Ends ---------------------------------------------------------------------------------------
+
+std::optional<SyncEnds> EndsFrom(std::string_view text) {
+  SyncEnds ends;
+  const bool isGood = ForEachPair(text, [&](ReplicaID replica, std::uint64_t first) {
+    return replica != 0 && first != 0 && ends.emplace(replica, first).second;
+  });
+  return isGood ? std::optional(std::move(ends)) : std::nullopt;
+}
+
+std::string TextOfEnds(const SyncEnds& ends) {
+  std::string text;
+  for (const auto& [replica, first] : ends) AppendPair(text, replica, first);
+  return text;
+}
+
+bool AddEnd(SyncEnds& ends, ReplicaID replica, std::uint64_t first) {
+  const auto [known, isNew] = ends.emplace(replica, first);
+  if (!isNew && known->second <= first) return false;
+  known->second = first;
+  return true;
+}
+
 // --- Marks --------------------------------------------------------------------------------------
 
 std::optional<SyncMarks> SyncMarks::Parse(std::string_view text) {
   SyncMarks marks;
   const bool isGood = ForEachPair(text, [&](std::uint64_t token, std::uint64_t revision) {
-    if (marks.marks_.size() == kMax) return false;
+    if (marks.marks_.size() == kMax || token == 0) return false;
     if (!marks.empty() && marks.newest().revision >= revision) return false;
     marks.marks_.push_back({token, revision});
     return true;
@@ -188,8 +221,73 @@ std::uint64_t SyncMarks::lastCommon(const SyncMarks& other) const {
   return 0;
 }
 
-void SyncMarks::cutBack(std::uint64_t revision) {
-  std::erase_if(marks_, [&](const Mark& mark) { return mark.revision > revision; });
+ReplicaID SyncMarks::nameFrom(std::uint64_t first, ReplicaID replica) const {
+  for (const Mark& mark : marks_) {
+    if (mark.revision >= first && mark.token != replica) return mark.token;
+  }
+  const ReplicaID made = std::rotl(replica, 32) ^ first;
+  return made == 0 || made == replica ? ~replica : made;
+}
+
+void SyncMarks::join(const SyncMarks& other) {
+  if (other.compare(*this) == Relation::kLater) *this = other;
+}
+
+SyncMarks SyncMarks::splitFrom(std::uint64_t first) {
+  SyncMarks later;
+  const auto at = std::find_if(marks_.begin(), marks_.end(),
+                               [&](const Mark& mark) { return mark.revision >= first; });
+  later.marks_.assign(at, marks_.end());
+  marks_.erase(at, marks_.end());
+  return later;
+}
+
+namespace {
+
+constexpr std::size_t kMaxRounds = 64;
+
+// A name leads to one that is new, unless somebody has made the marks up.
+[[noreturn]] void ThrowCircle() {
+  TarnException error;
+  error << "This is no export of a bundle that can be imported: its marks lead in a circle.";
+  error.setErrorID(ErrorID::BadExportFile);
+  throw error;
+}
+
+// One end; whether anything has changed.
+bool ApplyEnd(ReplicaID replica, std::uint64_t first, bool isNew, SyncEnds& ends,
+              std::map<ReplicaID, SyncMarks>& marks, const SyncRename& rename) {
+  SyncMarks before = marks[replica];
+  const SyncMarks later = before.splitFrom(first);
+  if (later.empty() && !isNew) return false;
+  const ReplicaID name = later.nameFrom(first, replica);
+  // Two lives that part further on have the same first mark here, and one of them has the name.
+  if (const auto there = marks.find(name); there != marks.end()) {
+    if (later.compare(there->second) == SyncMarks::Relation::kApart) {
+      return AddEnd(ends, name, later.lastCommon(there->second) + 1);
+    }
+  }
+  marks[replica] = before;
+  if (rename(replica, first, name) || !later.empty()) marks[name].join(later);
+  return true;
+}
+
+}  // namespace
+
+// What has got a name may have to get another one: until nothing changes any more.
+void ApplyEnds(SyncEnds& ends, SyncEnds applied, std::map<ReplicaID, SyncMarks>& marks,
+               const SyncRename& rename) {
+  std::size_t rounds = 0;
+  for (bool isDone = false; !isDone;) {
+    if (++rounds > kMaxRounds + 2 * ends.size()) ThrowCircle();
+    isDone = true;
+    for (const auto& [replica, first] : SyncEnds(ends)) {
+      if (!marks.contains(replica)) continue;
+      std::uint64_t& done = applied[replica];
+      if (ApplyEnd(replica, first, done != first, ends, marks, rename)) isDone = false;
+      done = first;
+    }
+  }
 }
 
 }  // namespace tarns

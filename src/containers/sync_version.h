@@ -2,6 +2,8 @@
 #pragma once
 
 #include <cstdint>
+#include <functional>
+#include <map>
 #include <optional>
 #include <string>
 #include <string_view>
@@ -43,6 +45,8 @@ class SyncVersion {
   void add(ReplicaID replica, std::uint64_t revision);  // unless there is a later one
   // Takes what is later than `revision` away; with 0 all.
   void cutBack(ReplicaID replica, std::uint64_t revision);
+  // What `replica` did from the revision `first` on, `name` did; whether it did anything.
+  bool rename(ReplicaID replica, std::uint64_t first, ReplicaID name);
   void join(const SyncVersion& other);
 
   // Whether all of this is in `other`.
@@ -55,6 +59,17 @@ class SyncVersion {
  private:
   std::vector<Entry> entries_;  // in the order of replicas, no revision is 0
 };
+
+// Where replicas have ended: the first revision that does not count any more. One that is set back
+// gives out revisions for the second time; what was done after the point that it was set back to is
+// counted under other names, in each of its lives under another one (SyncMarks::nameFrom).
+using SyncEnds = std::map<ReplicaID, std::uint64_t>;
+
+// As text: like a version's.
+std::optional<SyncEnds> EndsFrom(std::string_view text);
+std::string TextOfEnds(const SyncEnds& ends);
+// Whether that was not known yet. Of two ends the earlier one counts.
+bool AddEnd(SyncEnds& ends, ReplicaID replica, std::uint64_t first);
 
 // Points in the life of a replica: at each export that has something new it draws a random token
 // for its revision. Of two lists of one replica one continues the other, unless the replica has
@@ -76,6 +91,14 @@ class SyncMarks {
 
   bool empty() const { return marks_.empty(); }
   const Mark& newest() const { return marks_.back(); }
+  // What `replica`, whose marks these are, is called after its end, in this one of its lives: the
+  // token of its first mark there. All who have the mark find the same name. Where there is none,
+  // as in a copy that was made before the mark: a name that is made of the end.
+  ReplicaID nameFrom(std::uint64_t first, ReplicaID replica) const;
+  // Takes away, and returns, the marks from that revision on.
+  SyncMarks splitFrom(std::uint64_t first);
+  // Takes the other list where it goes on behind this one.
+  void join(const SyncMarks& other);
   bool contains(const Mark& mark) const;
   void add(const Mark& mark);
   // How this list stands to another one of the same replica. What can no longer be told, since the
@@ -83,7 +106,6 @@ class SyncMarks {
   Relation compare(const SyncMarks& other) const;
   // The revision of the last mark that both have; 0 when there is none.
   std::uint64_t lastCommon(const SyncMarks& other) const;
-  void cutBack(std::uint64_t revision);
 
  private:
   bool mayHaveDropped(std::uint64_t revision) const {
@@ -91,5 +113,13 @@ class SyncMarks {
   }
   std::vector<Mark> marks_;  // ascending
 };
+
+// Gives all that replicas did after their ends its names, on one side of an exchange: in `marks`,
+// which are of the lives that this side knows, and through `rename`, which does so in all versions
+// and says whether there was anything. Adds to `ends` where two lists of marks show another one.
+// What is in `applied` has been done here before. Throws 15 for marks that no bundle has drawn.
+using SyncRename = std::function<bool(ReplicaID replica, std::uint64_t first, ReplicaID name)>;
+void ApplyEnds(SyncEnds& ends, SyncEnds applied, std::map<ReplicaID, SyncMarks>& marks,
+               const SyncRename& rename);
 
 }  // namespace tarns

@@ -22,7 +22,8 @@ constexpr std::size_t kNoLevel = std::numeric_limits<std::size_t>::max();  // no
 
 }  // namespace
 
-NodeReader::NodeReader(PInOut& in) : in_(in), before_(in.getNesting()), level_(in.getLevel()) {
+NodeReader::NodeReader(PInOut& in, Unknown unknown)
+    : in_(in), unknown_(unknown), before_(in.getNesting()), level_(in.getLevel()) {
   in_.setNesting(this);
 }
 
@@ -173,6 +174,7 @@ void NodeReader::readLines(std::size_t at) {
     return;
   }
   const std::uint64_t line = in_.getLineNumber();
+  if (!in_.isAtEnd() && in_.getLineLevel() >= open_[at].level) refuseMember(open_[at].node);
   if (const std::uint64_t skipped = in_.skip(open_[at].level)) {
     Log log(Log::Level::Warning);
     log << "Line " << line << ": a \"" << open_[at].node->getType()
@@ -215,6 +217,7 @@ void NodeReader::beginMember() {
   bool isHome = false;
   const bool isElsewhere = isReference();
   TarnRef node = isElsewhere ? readReference(isHome) : TarnObject::CreateOfType(type.c_str());
+  if (node.is_null()) refuseClass(type);
   pending.field->copyTo(node, &*modify(pending.holder), pending.name.c_str());
   if (isElsewhere) links_.push_back({pending.holder, pending.field, pending.name});
   if (node.is_null() || isElsewhere) {
@@ -248,6 +251,7 @@ void NodeReader::readChild(const Open& list) {
   }
   const TarnRef child = TarnObject::CreateOfType(type.c_str());
   if (child.is_null()) {
+    refuseClass(type);
     Log log(Log::Level::Warning);
     log << "Line " << in_.getLineNumber() << ": there is no class \"" << type << "\"; the node \""
         << name << "\" is left out.";
@@ -259,6 +263,15 @@ void NodeReader::readChild(const Open& list) {
   TarnObject::VerifyChildName(parent, name);
   modify(parent->getChildren())->insert(name, child);
   open_.push_back({child, level + 1, false});
+}
+
+void NodeReader::refuseMember(const TarnRef& node) const {
+  if (unknown_ == Unknown::kPassOver) return;
+  in_.fail("a \"" + std::string(node->getType()) + "\" has no member \"" + in_.getCommand() + "\"");
+}
+
+void NodeReader::refuseClass(const std::string& type) const {
+  if (unknown_ == Unknown::kRefuse) TarnException::ThrowMissingDescriptor(type.c_str());
 }
 
 // A list of children that does not end is refused; a node without children may end anywhere, and

@@ -22,7 +22,11 @@ class TarnFieldDescriptor;
 // Errors: TarnException with the number of the line. Threads: one.
 class NodeReader : public PInOut::Nesting {
  public:
-  explicit NodeReader(PInOut& in);
+  // What to do at a class, or a member, that the process does not know: pass it over, with a line
+  // in the log, or throw 3, or 15.
+  enum class Unknown { kPassOver, kRefuse };
+
+  explicit NodeReader(PInOut& in, Unknown unknown = Unknown::kPassOver);
   NodeReader(const NodeReader&) = delete;
   NodeReader& operator=(const NodeReader&) = delete;
   ~NodeReader() override;
@@ -90,12 +94,16 @@ class NodeReader : public PInOut::Nesting {
   void keepLinks();
   void undoLinks();
   void warnWhereCut() const;
+  // Nothing when what is unknown is passed over.
+  void refuseMember(const TarnRef& node) const;
+  void refuseClass(const std::string& type) const;
   bool isReference() const;
   TarnRef readReference(bool& isHome);
   template <class Work>
   auto withLineNumber(Work&& work) const;
 
   PInOut& in_;
+  const Unknown unknown_;
   PInOut::Nesting* const before_;
   const std::size_t level_;
   TarnRef top_;

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <fmt/format.h>
 #include <gtest/gtest.h>
 #include <tarns/containers/BundleSync.h>
 #include <tarns/session/TarnAttachment.h>
@@ -13,6 +14,7 @@
 #include <type_traits>
 #include <vector>
 
+#include "containers/sync_records.h"
 #include "support/scratch_directory.h"
 
 // A database with a synchronised bundle of Drawers at "b". Several of them are open at a time; each
@@ -128,6 +130,15 @@ class SyncSite {
                           std::filesystem::copy_options::recursive);
     open();
   }
+  // Gets the same files as another one.
+  void takeFilesOf(SyncSite& other) {
+    close();
+    other.save();
+    std::filesystem::remove_all(directory_.path() / "data");
+    std::filesystem::copy(other.directory_.path() / "saved", directory_.path() / "data",
+                          std::filesystem::copy_options::recursive);
+    open();
+  }
   // Becomes a copy that the library has made of another one.
   void becomeBackupOf(SyncSite& other) {
     close();
@@ -162,6 +173,19 @@ class SyncSite {
   scratch_directory directory_;
   std::unique_ptr<tarns::TarnManager> manager_;
 };
+
+inline void ReplaceAll(std::string& text, const std::string& from, const std::string& to) {
+  for (std::size_t at = 0; (at = text.find(from, at)) != std::string::npos; at += to.size()) {
+    text.replace(at, from.size(), to);
+  }
+}
+
+// A changed export with a last line that fits it.
+inline std::string WithChecksum(std::string text) {
+  if (const std::size_t end = text.rfind("End "); end != std::string::npos) text.resize(end);
+  const auto hash = tarns::DigestOf(text);
+  return text + fmt::format("End {:016x}{:016x}\n", hash[1], hash[0]);
+}
 
 // Exports and imports between all sites until nobody learns anything new. Deletions are exported
 // until their acknowledgement has come back, so that takes a few rounds.

@@ -23,8 +23,8 @@ namespace tarns {
 // name, and giving an object another one counts as deleting it and creating another.
 //
 // Beside BundledChildren and Blocks the bundle has the children Revisions (of the objects that are
-// there), Deletions (SyncedBundleDeletion, by name) and Partners; all are the bundle's own affair.
-// Threads and transactions: as TarnBundle.
+// there), Deletions (SyncedBundleDeletion, by name), Partners and Replicas; all are the bundle's
+// own affair. Threads and transactions: as TarnBundle.
 class TARNS_API SyncedBundle : public TarnBundle {
   TARN_CLASS(SyncedBundle, TarnBundle)
 
@@ -32,6 +32,7 @@ class TARNS_API SyncedBundle : public TarnBundle {
   static constexpr const char* kRevisions = "Revisions";
   static constexpr const char* kDeletions = "Deletions";
   static constexpr const char* kPartners = "Partners";
+  static constexpr const char* kReplicas = "Replicas";
 
   explicit SyncedBundle(const char* className);
   static xcptref<SyncedBundle> Create(const char* className) {
@@ -44,7 +45,8 @@ class TARNS_API SyncedBundle : public TarnBundle {
   bool deleteBundledChild(const char* name) override;
   // Throws 0 also when there is another object of the new name.
   bool renameBundledChild(const char* oldName, const char* newName);
-  // Gives the object of that name a new revision; false when there is none.
+  // Gives the object of that name a new revision; false when there is none. Throws 0 when there are
+  // two, and 12 when it is of another class than the bundle's.
   bool markChanged(const char* name);
 
   std::uint64_t getRevision() const { return revision_; }
@@ -65,9 +67,9 @@ class TARNS_API SyncedBundle : public TarnBundle {
   std::uint64_t replica_ = 0;    // stored as "Replica"; 0: none yet
   std::uint64_t revision_ = 0;   // stored as "Revision"
   std::uint64_t forgotten_ = 0;  // stored as "Forgotten": deletions up to this one may be forgotten
-  bool isPartial_ = false;       // stored as "Partial": filters have kept something from it
   TarnString home_;              // stored as "Home": where it was when it became `replica_`
   TarnString former_;            // stored as "Former": what it was before that
+  TarnString ended_;             // stored as "Ended": replicas that were set back, as it knows
   TarnString marks_;             // stored as "Marks"
   TarnString known_;             // stored as "Known": changes of others that it has seen
 };
