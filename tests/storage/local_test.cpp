@@ -12,6 +12,7 @@
 #include <random>
 #include <thread>
 
+#include "storage/local/storage_file.h"
 #include "storage/storage_fixture.h"
 #include "storage/storage_rows.h"
 #include "support/killed_process.h"
@@ -100,6 +101,33 @@ TEST_F(LocalTest, LeavesOneFileWhenClosed) {
     ++files;
   }
   EXPECT_EQ(files, 2U);
+}
+
+// Blocks go past the cache; what comes in other pieces is written all the same.
+TEST_F(LocalTest, FilesThatBypassTheCacheTakeEveryWrite) {
+  for (const auto place :
+       {scratch_directory::place::on_disk, scratch_directory::place::in_memory}) {
+    const scratch_directory directory(place);
+    const auto file = storage_disk::machine().create(directory.file("f"));
+    std::vector<std::byte> expected(5 * file_block::bytes), found(expected.size());
+    const auto write = [&](std::uint64_t at, std::span<const std::byte> from) {
+      file->write(at, from);
+      std::ranges::copy(from, expected.begin() + static_cast<std::ptrdiff_t>(at));
+      file->sync();
+      storage_disk::machine().open(directory.file("f"))->read(0, found);
+      EXPECT_TRUE(found == expected) << at;
+    };
+    std::vector<file_block> blocks(5);
+    write(0, std::as_bytes(std::span(blocks)));
+    file->bypass_cache();
+    for (const std::size_t i : {0U, 3U, 2U}) {
+      blocks[0].content.fill(static_cast<std::byte>(i + 1));
+      write(i * file_block::bytes, std::as_bytes(std::span(blocks).first(1)));
+    }
+    blocks[0].content.fill(std::byte{9});
+    write(100, std::as_bytes(std::span(blocks).first(1)).subspan(1, 300));
+    write(file_block::bytes, std::as_bytes(std::span(blocks).first(2)));
+  }
 }
 
 TEST_F(LocalTest, SessionsOfAProcessShareTheOpenStore) {

@@ -282,6 +282,8 @@ class faulty_file : public goods::storage_file {
     if (failure) fail(*failure, path_);
   }
 
+  void bypass_cache() override { real_->bypass_cache(); }
+
  private:
   void write_through(std::uint64_t at, std::span<const std::byte> from) {
     real_->write(at, from);

@@ -114,6 +114,7 @@ class memory_disk : public storage_disk {
       content().synced = content().now;
       content().pending.clear();
     }
+    void bypass_cache() override {}
 
    private:
     memory_disk::content& content() { return disk_.files_.at(path_); }

@@ -9,7 +9,7 @@
 namespace goods {
 namespace {
 
-constexpr std::uint64_t block = 4096;  // bytes; files grow by whole ones
+constexpr std::uint64_t block = file_block::bytes;  // files grow by whole ones
 constexpr std::uint64_t smallest_step = std::uint64_t{64} << 10;
 constexpr std::uint64_t largest_step = std::uint64_t{4} << 20;
 
@@ -65,7 +65,7 @@ void commit_log::append(std::span<const commit_request* const> group, commit_ver
         "again.",
         store_);
   log_file& f = current();
-  make_ready(f);
+  make_ready(f, durable);
   log_record about;
   about.mark = f.mark;
   about.first = first;
@@ -74,6 +74,7 @@ void commit_log::append(std::span<const commit_request* const> group, commit_ver
   write_log_record(about, group, identity_, record_);
   write_record(f, durable);
   f.position += record_.size();
+  f.last = f.position % block == 0 ? file_block() : blocks_.back();
   const commit_version last = first + group.size() - 1;
   if (durable) {
     f.synced_size = f.size;
@@ -83,9 +84,12 @@ void commit_log::append(std::span<const commit_request* const> group, commit_ver
   }
 }
 
-void commit_log::make_ready(log_file& f) {
+void commit_log::make_ready(log_file& f, bool durable) {
   storage_disk& disk = storage_disk::instance();
-  if (!f.file) f.file = disk.create(f.path);
+  if (!f.file) {
+    f.file = disk.create(f.path);
+    if (durable) f.file->bypass_cache();
+  }
   if (!f.is_listed) disk.sync_directory(directory_);
   f.is_listed = true;
   if (f.position == 0) f.mark = std::uint64_t{random_()} << 32 | random_();
@@ -96,16 +100,26 @@ void commit_log::make_ready(log_file& f) {
 void commit_log::grow(log_file& f, std::uint64_t needed) {
   if (needed <= f.size) return;
   const std::uint64_t size = grown(f.size, needed, room_);
-  const std::vector<std::byte> zeros(size - f.size);
-  f.file->write(f.size, zeros);
+  const std::vector<file_block> zeros((size - f.size) / block);
+  f.file->write(f.size, std::as_bytes(std::span(zeros)));
   f.size = size;
+}
+
+// In whole blocks, the first of which may begin with records that are there already.
+void commit_log::write_at_end(log_file& f, std::span<const std::byte> bytes) {
+  const std::uint64_t before = f.position % block;
+  blocks_.assign((before + bytes.size() + block - 1) / block, file_block());
+  if (before != 0) blocks_.front() = f.last;
+  const std::span<std::byte> all = std::as_writable_bytes(std::span(blocks_));
+  std::ranges::copy(bytes, all.subspan(before).begin());
+  f.file->write(f.position - before, all);
 }
 
 void commit_log::write_record(log_file& f, bool durable) {
   grow(f, f.position + record_.size());
   bool is_whole = false;
   try {
-    f.file->write(f.position, record_);
+    write_at_end(f, record_);
     is_whole = true;
     if (durable) f.file->sync();
   } catch (...) {
@@ -128,7 +142,7 @@ bool commit_log::undo(log_file& f) noexcept {
   constexpr std::array<std::byte, log_header_size> nothing{};
   for (int i = 0; i < tries; ++i) {
     try {
-      f.file->write(f.position, nothing);
+      write_at_end(f, nothing);
       f.file->sync();
       return true;
     } catch (...) {

@@ -75,13 +75,15 @@ class commit_log {
     std::uint64_t size = 0;
     std::uint64_t synced_size = 0;
     std::uint64_t position = 0;  // of the next record
+    file_block last;             // that in which it begins, as far as it is taken
     std::uint64_t mark = 0;
     commit_version unsynced = 0;  // its newest commit that is not known to be durable; 0: none
   };
 
   log_file& current() REQUIRES(lock_) { return files_[active_]; }
-  void make_ready(log_file& f) REQUIRES(lock_);
+  void make_ready(log_file& f, bool durable) REQUIRES(lock_);
   void grow(log_file& f, std::uint64_t needed) REQUIRES(lock_);
+  void write_at_end(log_file& f, std::span<const std::byte> bytes) REQUIRES(lock_);
   void write_record(log_file& f, bool durable) REQUIRES(lock_);
   bool undo(log_file& f) noexcept REQUIRES(lock_);
 
@@ -90,7 +92,8 @@ class commit_log {
   const storage_identity identity_;
   const std::uint64_t room_;
   std::random_device random_;
-  std::vector<std::byte> record_;  // being written
+  std::vector<std::byte> record_;   // being written
+  std::vector<file_block> blocks_;  // in which it is
   std::atomic<bool> failed_{false};
   mutable guarded_mutex lock_;
   std::array<log_file, 2> files_ GUARDED_BY(lock_);

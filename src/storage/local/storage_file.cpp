@@ -36,6 +36,7 @@ class machine_file : public storage_file {
     while (!into.empty()) {
       const ssize_t got = ::pread(descriptor_, into.data(), into.size(), static_cast<off_t>(at));
       if (got < 0 && errno == EINTR) continue;
+      if (got < 0 && errno == EINVAL && use_cache()) continue;
       if (got < 0) fail("reading it");
       if (got == 0) throw_system_error("reading behind its end", path_, EIO);
       at += static_cast<std::uint64_t>(got);
@@ -48,6 +49,7 @@ class machine_file : public storage_file {
       const ssize_t written =
           ::pwrite(descriptor_, from.data(), from.size(), static_cast<off_t>(at));
       if (written < 0 && errno == EINTR) continue;
+      if (written < 0 && errno == EINVAL && use_cache()) continue;
       if (written < 0) fail("writing it");
       at += static_cast<std::uint64_t>(written);
       from = from.subspan(static_cast<std::size_t>(written));
@@ -58,7 +60,19 @@ class machine_file : public storage_file {
     if (::fdatasync(descriptor_) != 0) fail("syncing it");
   }
 
+  void bypass_cache() override {
+    const int flags = ::fcntl(descriptor_, F_GETFL);
+    if (flags >= 0) ::fcntl(descriptor_, F_SETFL, flags | O_DIRECT);  // fails where it cannot
+  }
+
  private:
+  // Whether it did not until now.
+  bool use_cache() const {
+    const int flags = ::fcntl(descriptor_, F_GETFL);
+    return flags >= 0 && (flags & O_DIRECT) != 0 &&
+           ::fcntl(descriptor_, F_SETFL, flags & ~O_DIRECT) == 0;
+  }
+
   [[noreturn]] void fail(std::string_view operation) const {
     throw_system_error(operation, path_, errno);
   }

@@ -1,6 +1,7 @@
 // Files that the embedded backend writes by itself, beside those of SQLite.
 #pragma once
 
+#include <array>
 #include <cstddef>
 #include <cstdint>
 #include <memory>
@@ -34,6 +35,17 @@ class storage_file {
 
   // Returns once every earlier write, and the size, survives a loss of power.
   virtual void sync() = 0;
+
+  // From now on writes go past the system's cache where its file system can do that: for a file
+  // that is synced after every write. Only whole file_blocks gain; the first write or read of
+  // anything else is as before, and ends it.
+  virtual void bypass_cache() = 0;
+};
+
+// What is written past the system's cache consists of these, in memory and in the file.
+struct alignas(4096) file_block {
+  static constexpr std::size_t bytes = 4096;
+  std::array<std::byte, bytes> content{};
 };
 
 // Where files are.
