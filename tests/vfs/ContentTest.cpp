@@ -1,7 +1,10 @@
 // Content: reading and writing in pieces, and what others see of it.
 #include <gmock/gmock.h>
 #include <tarns/core/TarnException.h>
+#include <tarns/vfs/TarnVFSStreams.h>
 
+#include <iterator>
+#include <limits>
 #include <random>
 #include <string>
 #include <tuple>
@@ -152,6 +155,59 @@ TEST_F(ContentTest, IsNotSeenBeforeItIsFinished) {
   const goods::check_result found = manager().check({});
   EXPECT_EQ(found.faults, 0u);
   EXPECT_LT(found.objects, 50u);
+}
+
+TEST_F(ContentTest, IsAStreamToo) {
+  std::string expected;
+  {
+    TarnVFSOutput out(vfs(), "x");
+    for (int i = 0; i < 60'000; ++i) {
+      out << i << '\n';
+      expected += std::to_string(i) + '\n';
+    }
+    const std::string large = Bytes(2 * kPiece, 5);
+    out << large;
+    expected += large;
+    EXPECT_EQ(out.tellp(), static_cast<std::streamoff>(expected.size()));
+    out.seekp(3).put('!');
+    expected[3] = '!';
+    out.seekp(-2, std::ios::end) << "end of it";
+    expected.replace(expected.size() - 2, 2, "end of it");
+    EXPECT_FALSE(vfs().isItemExist("x"));
+    out.getWriter().setPermissions(0600);
+    out.finish();
+  }
+  EXPECT_TRUE(content("x") == expected);
+  EXPECT_EQ(vfs().getInfo("x")->permissions, 0600u);
+
+  TarnVFSInput in(vfs(), "x");
+  put("x", "other");  // the stream reads what was there
+  int number = -1;
+  in.seekg(static_cast<std::streamoff>(expected.find("50000"))) >> number;
+  EXPECT_EQ(number, 50'000);
+  EXPECT_EQ(in.tellg(), static_cast<std::streamoff>(expected.find("50000") + 5));
+  in.seekg(-9, std::ios::end);
+  std::string line;
+  std::getline(in, line);
+  EXPECT_EQ(line, "end of it");
+  EXPECT_TRUE(in.eof());
+  in.clear();
+  EXPECT_TRUE(in.seekg(0));
+  EXPECT_TRUE(std::string(std::istreambuf_iterator<char>(in), {}) == expected);
+  EXPECT_FALSE(in.seekg(1, std::ios::end));
+  in.clear();
+  EXPECT_FALSE(in.seekg(-1));
+
+  { TarnVFSOutput(vfs(), "x") << "not finished"; }
+  EXPECT_EQ(content("x"), "other");
+  TarnVFSOutput failed(vfs(), "x");
+  failed.seekp(std::numeric_limits<std::streamoff>::max());
+  failed << "12" << std::flush;
+  EXPECT_TRUE(failed.bad());
+  EXPECT_THAT([&] { failed.finish(); }, ThrowsTarn(0, HasSubstr("has failed")));
+  EXPECT_EQ(content("x"), "other");
+  EXPECT_THAT([&] { TarnVFSInput(vfs(), "no"); }, ThrowsTarn(7, HasSubstr("no")));
+  EXPECT_THAT([&] { TarnVFSOutput(vfs(), "no~x"); }, ThrowsTarn(7, HasSubstr("no~x")));
 }
 
 TEST_F(ContentTest, SeesConflicts) {
