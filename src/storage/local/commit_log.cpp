@@ -108,10 +108,11 @@ void commit_log::grow(log_file& f, std::uint64_t needed) {
 // In whole blocks, the first of which may begin with records that are there already.
 void commit_log::write_at_end(log_file& f, std::span<const std::byte> bytes) {
   const std::uint64_t before = f.position % block;
-  blocks_.assign((before + bytes.size() + block - 1) / block, file_block());
+  blocks_.resize((before + bytes.size() + block - 1) / block);
   if (before != 0) blocks_.front() = f.last;
   const std::span<std::byte> all = std::as_writable_bytes(std::span(blocks_));
-  std::ranges::copy(bytes, all.subspan(before).begin());
+  const auto end = std::ranges::copy(bytes, all.subspan(before).begin()).out;
+  std::fill(end, all.end(), std::byte{0});
   f.file->write(f.position - before, all);
 }
 
