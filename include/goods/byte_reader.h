@@ -33,7 +33,12 @@ class GOODS_API byte_reader {
     if (next_ == end_) fail("ends too early");
     return static_cast<std::uint8_t>(*next_++);
   }
-  std::span<const std::byte> get_bytes(std::size_t count);
+  std::span<const std::byte> get_bytes(std::size_t count) {
+    if (count > left()) fail("ends too early");
+    const std::span<const std::byte> bytes(next_, count);
+    next_ += count;
+    return bytes;
+  }
   std::uint64_t get_unsigned() {
     if (next_ != end_ && *next_ < std::byte{0x80}) return static_cast<std::uint64_t>(*next_++);
     return get_long_unsigned();
@@ -41,13 +46,23 @@ class GOODS_API byte_reader {
   std::int64_t get_signed();
   double get_double();
   float get_float();
-  std::string_view get_text();  // points into the bytes
-  object_id get_reference();    // 0 for none
-  void skip_reference();        // without looking where it leads
+  std::string_view get_text() {  // points into the bytes
+    const std::span<const std::byte> bytes = get_bytes(get_count());
+    return {reinterpret_cast<const char*>(bytes.data()), bytes.size()};
+  }
+  object_id get_reference();  // 0 for none
+  void skip_reference() {     // without looking where it leads
+    const std::uint64_t code = get_unsigned();
+    if (code != 0 && ((code - 1) & 1) != 0) get_unsigned();
+  }
 
   // A number of elements that each take at least one byte: never more than there are bytes left, so
   // that it may be used to reserve memory.
-  std::size_t get_count();
+  std::size_t get_count() {
+    const std::uint64_t count = get_unsigned();
+    if (count > left()) fail("ends too early");
+    return static_cast<std::size_t>(count);
+  }
 
   // Throws corrupt_data: "The stored object S:N WHAT."
   [[noreturn]] void fail(const char* what) const;

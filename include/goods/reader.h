@@ -93,6 +93,7 @@ class GOODS_API reader {
 
  private:
   friend class cache_manager;
+  friend class guest_room;
   friend class guest_scope;
   friend class passing_scope;
   friend class read_round;
@@ -137,6 +138,21 @@ class GOODS_API guest_scope {
   reader& in_;
   const bool invited_before_;
   const bool kept_before_;
+};
+
+// While it lives, guests go into a room of their own, which is emptied when it ends: for who looks
+// at much in one round, some at a time. What is looked at meanwhile must not be used afterwards, as
+// a walk through an index does that is moved on in here.
+class GOODS_API guest_room {
+ public:
+  explicit guest_room(reader& in);
+  ~guest_room();
+  guest_room(const guest_room&) = delete;
+  guest_room& operator=(const guest_room&) = delete;
+
+ private:
+  reader& in_;
+  std::unique_ptr<guest_list> outside_;
 };
 
 // While it lives, `passed` receives what the reader looks at in a transaction (outside one

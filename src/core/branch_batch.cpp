@@ -21,8 +21,6 @@ constexpr std::size_t kFirstLookahead = 32;
 constexpr std::size_t kMostLookahead = 256;
 constexpr std::size_t kLookaheadAbove = 8;  // of nodes that are entered themselves
 
-constexpr std::size_t kMostBefore = 256;  // entries of one name that a level remembers
-
 }  // namespace
 
 std::uint64_t WalkKeyOf(goods::ref_word node) {
@@ -74,8 +72,7 @@ void BranchBatch::enter(goods::ref_word node, goods::ref_word index, const TarnO
   frame.node = node;
   frame.index = index;
   frame.place.emplace(in_, entries).seek_index(0);
-  frame.last.reset();
-  frame.before.clear();
+  frame.trail.clear();
   frame.lookahead = kFirstLookahead;
   frame.ahead.clear();
 }
@@ -90,8 +87,7 @@ void BranchBatch::resume(const WalkLevel& level) {
   frame.lookahead = level.lookahead;
   if (!level.last) return;
   frame.place->seek_behind(*level.last);
-  frame.last = {level.last->name, level.last->member.word(), {}};
-  for (const auto& member : level.last->before) frame.before.push_back(member.word());
+  frame.trail.resume(*level.last);
 }
 
 void BranchBatch::loadAhead(Frame& frame) {
@@ -126,13 +122,7 @@ void BranchBatch::readStep(Frame& frame) {
   const goods::index_entry entry = frame.place->entry();
   const TarnObject* child = frame.ahead.back();
   frame.ahead.pop_back();
-  if (!frame.last || frame.last->name != entry.name) {
-    frame.before.clear();
-  } else {
-    if (frame.before.size() == kMostBefore) frame.before.erase(frame.before.begin());
-    frame.before.push_back(frame.last->member);
-  }
-  frame.last = entry;
+  frame.trail.pass(entry);
   frame.place->next();
   if (child == nullptr) return;  // an entry that stands for nothing
 
@@ -175,14 +165,7 @@ std::vector<WalkLevel> BranchBatch::takeLevels() {
     level.lookahead = frame.lookahead;
     if (frame.place->at_end()) continue;
     level.index = xcptref<TarnObjects>::Trusted(goods::to_reference(frame.index));
-    if (frame.last) {
-      level.last.emplace(frame.last->name, goods::ref<goods::set_member>::trusted(
-                                               goods::keep_word(frame.last->member)));
-      for (const goods::ref_word member : frame.before) {
-        level.last->before.push_back(
-            goods::ref<goods::set_member>::trusted(goods::keep_word(member)));
-      }
-    }
+    level.last = frame.trail.position();
   }
   return levels;
 }

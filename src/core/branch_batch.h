@@ -14,6 +14,7 @@
 #include <vector>
 
 #include "goods/B_tree_walk.h"
+#include "goods/index_trail.h"
 
 namespace tarns {
 
@@ -71,8 +72,7 @@ class BranchBatch {
     goods::ref_word node;
     goods::ref_word index;
     std::optional<goods::B_tree_walk> place;  // at the child that comes next
-    std::optional<goods::index_entry> last;   // handed out last
-    std::vector<goods::ref_word> before;      // members of the same name handed out before that
+    goods::index_trail trail;                 // of what was handed out
     std::size_t lookahead = 0;                // how many children are loaded at once
     std::vector<const TarnObject*> ahead;     // loaded children, the next one last
   };

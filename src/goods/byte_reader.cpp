@@ -28,13 +28,6 @@ void byte_reader::fail(const char* what) const {
                                                     storage_of(self_), number_of(self_), what));
 }
 
-std::span<const std::byte> byte_reader::get_bytes(std::size_t count) {
-  if (count > left()) fail("ends too early");
-  const std::span<const std::byte> bytes(next_, count);
-  next_ += count;
-  return bytes;
-}
-
 std::uint64_t byte_reader::get_long_unsigned() {
   std::uint64_t value = 0;
   for (unsigned shift = 0; shift < 64; shift += 7) {
@@ -59,11 +52,6 @@ float byte_reader::get_float() {
   return std::bit_cast<float>(read_high_bytes<std::uint32_t>(*this));
 }
 
-std::string_view byte_reader::get_text() {
-  const std::span<const std::byte> bytes = get_bytes(get_count());
-  return {reinterpret_cast<const char*>(bytes.data()), bytes.size()};
-}
-
 object_id byte_reader::get_reference() {
   const std::uint64_t code = get_unsigned();
   if (code == 0) return 0;
@@ -79,17 +67,6 @@ object_id byte_reader::get_reference() {
     fail("holds a reference that leads nowhere");
   }
   return make_object_id(static_cast<storage_number>(storage), static_cast<object_number>(number));
-}
-
-void byte_reader::skip_reference() {
-  const std::uint64_t code = get_unsigned();
-  if (code != 0 && ((code - 1) & 1) != 0) get_unsigned();
-}
-
-std::size_t byte_reader::get_count() {
-  const std::uint64_t count = get_unsigned();
-  if (count > left()) fail("ends too early");
-  return static_cast<std::size_t>(count);
 }
 
 }  // namespace goods

@@ -18,19 +18,25 @@ namespace {
 constexpr std::size_t first_size = 16;
 constexpr std::size_t most_at_once = 256;  // numbers in one call to the storage
 constexpr std::size_t most_kept = 8192;    // places that a thread keeps
-constexpr std::size_t most_groups = 64;    // held in one round: of some kilobytes each
-constexpr std::size_t groups_looked_at = 4;
+constexpr std::size_t most_groups = 64;    // held at a time: of some kilobytes each
 
-// What the thread keeps for its next read; destructors of other thread_local objects may still read
-// when it is gone.
-struct spare_list {
-  std::unique_ptr<guest_list> list;
-  ~spare_list();
+// What the thread keeps for its next reads, one within the other; destructors of other thread_local
+// objects may still read when it is gone.
+struct spare_lists {
+  std::array<std::unique_ptr<guest_list>, 2> lists;
+  ~spare_lists();
 };
 thread_local bool spare_is_gone = false;
-thread_local spare_list spare;
+thread_local spare_lists spare;
 
-spare_list::~spare_list() { spare_is_gone = true; }
+spare_lists::~spare_lists() { spare_is_gone = true; }
+
+std::size_t hash_of(object_id id) {
+  return static_cast<std::size_t>((id * 0x9E3779B97F4A7C15U) >> 32);
+}
+
+// The same for objects that are probably in one group.
+object_id place_of_group(object_id id) { return id / neighbours::most; }
 
 }  // namespace
 
@@ -44,7 +50,7 @@ class guest_list::sink : public state_sink {
     last_ = list_.find(id);
     if (last_ != nullptr) return;
     object_state taken = state;
-    if (!list_.hold(number_, state.group)) taken.group = nullptr;
+    if (!list_.hold(id, state.group)) taken.group = nullptr;
     last_ = list_.take_in(storage_, id, taken);
   }
   void missing(object_number) override {}
@@ -59,20 +65,25 @@ class guest_list::sink : public state_sink {
 };
 
 std::unique_ptr<guest_list> guest_list::take() {
-  if (!spare_is_gone && spare.list != nullptr) return std::move(spare.list);
+  if (!spare_is_gone) {
+    for (auto& list : spare.lists) {
+      if (list != nullptr) return std::move(list);
+    }
+  }
   return std::unique_ptr<guest_list>(new guest_list);
 }
 
 void guest_list::give_back(std::unique_ptr<guest_list> list) noexcept {
   list->clear();
-  if (spare_is_gone || spare.list != nullptr || list->places_.size() > most_kept) return;
-  spare.list = std::move(list);
+  if (spare_is_gone || list->places_.size() > most_kept) return;
+  const auto place = std::find(spare.lists.begin(), spare.lists.end(), nullptr);
+  if (place != spare.lists.end()) *place = std::move(list);
 }
 
 // Where it is, or may be put.
 std::size_t guest_list::place_of(object_id id) const {
   const std::size_t mask = places_.size() - 1;
-  std::size_t at = static_cast<std::size_t>((id * 0x9E3779B97F4A7C15U) >> 32) & mask;
+  std::size_t at = hash_of(id) & mask;
   while (places_[at].filling == filling_ && places_[at].id != id) at = (at + 1) & mask;
   return at;
 }
@@ -91,26 +102,37 @@ const object* guest_list::load(cache_manager& session, object_id id) {
   return into.last();
 }
 
-// What was loaded last is what the next one is near to.
 const object* guest_list::find_nearby(cache_manager& session, object_id id) {
   if (const object* known = find(id)) return known;
-  const std::size_t count = std::min(groups_.size(), groups_looked_at);
-  for (std::size_t i = groups_.size(); i > groups_.size() - count; --i) {
-    const held_group& group = groups_[i - 1];
-    object_state state{};
-    if (group.storage == storage_of(id) && group.states->find(number_of(id), state)) {
-      return take_in(session.db().storage(group.storage), id, state);
-    }
+  if (groups_.empty()) return nullptr;
+  const std::uint8_t at = group_at(place_of_group(id));
+  if (at == 0) return nullptr;
+  object_state state{};
+  if (!groups_[at - 1U].states->find(number_of(id), state)) return nullptr;
+  return take_in(session.db().storage(storage_of(id)), id, state);
+}
+
+// The one of the group that is there, or may be put there.
+std::uint8_t& guest_list::group_at(object_id where) {
+  static_assert(most_groups * 2 <= std::tuple_size_v<decltype(group_places_)>);
+  const std::size_t mask = group_places_.size() - 1;
+  std::size_t at = hash_of(where) & mask;
+  while (group_places_[at] != 0 && groups_[group_places_[at] - 1U].place != where) {
+    at = (at + 1) & mask;
   }
-  return nullptr;
+  return group_places_[at];
 }
 
 // Whether the group stays as long as the list. A long walk does without most of its groups.
-bool guest_list::hold(storage_number storage, const state_group* group) {
+bool guest_list::hold(object_id id, const state_group* group) {
   if (group == nullptr) return false;
   if (!groups_.empty() && groups_.back().states.get() == group) return true;
+  const object_id where = place_of_group(id);
+  std::uint8_t& at = group_at(where);
+  if (at != 0) return groups_[at - 1U].states.get() == group;
   if (groups_.size() == most_groups) return false;
-  groups_.push_back({storage, group->shared_from_this()});
+  groups_.push_back({where, group->shared_from_this()});
+  at = static_cast<std::uint8_t>(groups_.size());
   return true;
 }
 
@@ -161,6 +183,7 @@ void guest_list::load(cache_manager& session, std::span<object_id> ids) {
 void guest_list::clear() noexcept {
   for (object* const body : bodies_) body->~object();
   bodies_.clear();
+  if (!groups_.empty()) group_places_.fill(0);
   groups_.clear();
   arena_.reset();
   if (++filling_ == 0) {  // what was filled that often ago would seem to be there

@@ -1,6 +1,7 @@
 // Objects that one reader looks at in passing.
 #pragma once
 
+#include <array>
 #include <cstddef>
 #include <cstdint>
 #include <memory>
@@ -32,7 +33,7 @@ class guest_list {
   guest_list(const guest_list&) = delete;
   guest_list& operator=(const guest_list&) = delete;
 
-  // An empty one. A thread keeps the memory of the last one that it gave back.
+  // An empty one. A thread keeps the memory of those that it gave back last.
   static std::unique_ptr<guest_list> take();
   static void give_back(std::unique_ptr<guest_list> list) noexcept;
 
@@ -59,20 +60,23 @@ class guest_list {
     std::uint32_t filling = 0;  // free unless it is filling_
   };
 
-  // What came along with an object of that storage.
+  // What came along with an object.
   struct held_group {
-    storage_number storage;
+    object_id place = 0;  // see place_of_group()
     std::shared_ptr<const state_group> states;
   };
 
   guest_list() = default;
   std::size_t place_of(object_id id) const;
   const object* take_in(obj_storage& storage, object_id id, const object_state& state);
-  bool hold(storage_number storage, const state_group* group);
+  bool hold(object_id id, const state_group* group);
+  std::uint8_t& group_at(object_id where);
   void add(object_id id, object& body);  // destroys it later, or at once when it throws
   void grow();
 
   std::vector<held_group> groups_;  // they also keep the bytes that bodies refer to
+  // Which of these is at a place, from 1 on; 0: none. Open addressing with linear probing.
+  std::array<std::uint8_t, 128> group_places_{};
   body_arena arena_;
   std::vector<object*> bodies_;
   std::vector<place> places_;  // open addressing with linear probing, at most half full

@@ -22,6 +22,18 @@ constexpr std::size_t least_entry_bytes = 3;  // in the stored form
 
 std::uint64_t bits_of(ref_word word) { return std::bit_cast<std::uint64_t>(word); }
 
+// As a number, so that one comparison orders most texts; zeros stand for what a short one lacks.
+std::uint64_t first_bytes(std::string_view text) {
+  std::uint64_t bits = 0;
+  if (text.size() >= sizeof(bits)) {
+    std::memcpy(&bits, text.data(), sizeof(bits));
+  } else if (!text.empty()) {
+    std::memcpy(&bits, text.data(), text.size());
+  }
+  static_assert(std::endian::native == std::endian::little);
+  return __builtin_bswap64(bits);
+}
+
 std::size_t common_length(std::string_view a, std::string_view b) {
   const std::size_t limit = std::min(a.size(), b.size());
   return static_cast<std::size_t>(std::mismatch(a.begin(), a.begin() + limit, b.begin()).first -
@@ -177,11 +189,7 @@ void index_page::close_gap(std::size_t at) {
 // --------------------------------------------------------------------------------------
 
 std::uint64_t index_page::prefix_of(std::string_view name) const {
-  const std::string_view rest = name.substr(std::min<std::size_t>(skip_, name.size()));
-  std::uint64_t bits = 0;
-  if (!rest.empty()) std::memcpy(&bits, rest.data(), std::min(rest.size(), sizeof(bits)));
-  static_assert(std::endian::native == std::endian::little);
-  return __builtin_bswap64(bits);
+  return first_bytes(name.substr(std::min<std::size_t>(skip_, name.size())));
 }
 
 void index_page::set_skip(std::size_t skip) {
@@ -369,15 +377,22 @@ void index_page::unpack(byte_reader& in) {
 }
 
 std::optional<index_entry> index_page::find_packed(byte_reader in, std::string_view name) {
+  const std::uint64_t wanted = first_bytes(name);
   std::string_view before;
+  std::uint64_t before_bytes = 0;
   for (std::size_t left = in.get_count(); left > 0; --left) {
     const std::string_view text = in.get_text();
     if (text.size() > set_member::max_key_length) {
       in.fail("is an index page with an impossible entry");
     }
-    if (text < before) in.fail("is an index page out of order");
+    const std::uint64_t bytes = first_bytes(text);
+    if (bytes < before_bytes || (bytes == before_bytes && text < before)) {
+      in.fail("is an index page out of order");
+    }
     before = text;
-    const int order = text.compare(name);
+    before_bytes = bytes;
+    if (bytes > wanted) break;
+    const int order = bytes < wanted ? -1 : text.compare(name);
     if (order > 0) break;
     if (order < 0) {
       in.skip_reference();

@@ -41,6 +41,7 @@ class object_cache {
   ~object_cache();
 
   object_handle* find(object_id id) const { return table_.find(id); }
+  void prefetch(object_id id) const { table_.prefetch(id); }  // find() will look for it soon
   object_handle& find_or_make(object_id id);
   object_ref counted(object_id id);
 

@@ -28,16 +28,12 @@ QueryConditions::QueryConditions(const TarnQuery& query) {
   });
 }
 
-// From the end: joined by And it is necessary; by Or neither it nor what is before; by anything
-// else it does not count.
-std::vector<const QueryConditions::Condition*> QueryConditions::necessary() const {
-  std::vector<const Condition*> found;
-  for (std::size_t i = conditions_.size(); i-- > 0;) {
-    const auto logic = i == 0 ? TarnQueryElement::And : conditions_[i - 1].logic;
-    if (logic == TarnQueryElement::Or) break;
-    if (logic == TarnQueryElement::And) found.push_back(&conditions_[i]);
+// The logic of the last one joins nothing.
+bool QueryConditions::isAnyOf() const {
+  for (std::size_t i = 0; i + 1 < conditions_.size(); ++i) {
+    if (conditions_[i].logic == TarnQueryElement::And) return false;
   }
-  return found;
+  return true;
 }
 
 bool QueryConditions::hold(goods::reader& reader, const TarnObject& node, Subject& subject) const {

@@ -35,10 +35,10 @@ class QueryConditions {
 
   explicit QueryConditions(const TarnQuery& query);
 
-  // Those without which the whole cannot hold.
-  std::vector<const Condition*> necessary() const;
-  // Whether there is but one condition.
-  bool isSingle() const { return conditions_.size() == 1; }
+  // In their order; joined from left to right.
+  const std::vector<Condition>& all() const { return conditions_; }
+  // Whether the whole holds as soon as one of those does that And or Or joins.
+  bool isAnyOf() const;
 
   // Within goods::cache_manager::read().
   bool hold(goods::reader& reader, const TarnObject& node, Subject& subject) const;

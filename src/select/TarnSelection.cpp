@@ -7,6 +7,7 @@
 #include "core/node_access.h"
 #include "core/value_index.h"
 #include "goods/B_tree_walk.h"
+#include "goods/index_trail.h"
 #include "goods/prototype.h"
 #include "select/QueryConditions.h"
 #include "select/index_search.h"
@@ -15,13 +16,8 @@ namespace tarns {
 
 namespace {
 
-constexpr std::size_t kLookahead = 64;    // children that are looked at together
-constexpr std::size_t kLeastAhead = 8;    // where few are wanted
-constexpr std::size_t kMostBefore = 256;  // entries of one name that a position remembers
-
-goods::ref<goods::set_member> Kept(goods::ref_word member) {
-  return goods::ref<goods::set_member>::trusted(goods::keep_word(member));
-}
+constexpr std::size_t kLookahead = 64;  // children that are looked at together
+constexpr std::size_t kLeastAhead = 8;  // where few are wanted
 
 // The children that come next in a list, and whether the query holds for them.
 class ChildrenAhead {
@@ -42,6 +38,7 @@ class ChildrenAhead {
                                  : std::clamp<std::size_t>(wanted, kLeastAhead, kLookahead);
     const std::size_t count = std::min(most, place.left_on_page());
     for (std::size_t i = 0; i < count; ++i) words_.push_back(place.entry(i).target);
+    const goods::guest_room room(reader_);  // only results stay
     reader_.prefetch(words_);
     for (const goods::ref_word word : words_) {
       nodes_.push_back(static_cast<const TarnObject*>(reader_.look(word, TarnObject::self_class)));
@@ -73,7 +70,7 @@ class CandidateFilter {
     while (end < some.size() && some[end].name == first.name) ++end;
     if (end > next + 1) {
       takeNamed(first.name);
-    } else if (first.isCertain && conditions_.isSingle()) {
+    } else if (first.isCertain && conditions_.isAnyOf()) {
       add(first.name, first.child);
     } else {
       if (next >= loaded_) loadFrom(some, next);
@@ -120,7 +117,7 @@ struct TarnSelection::Batch {
   std::optional<goods::index_position> last;
   std::size_t looked = 0;
   bool isAtEnd = false;
-  std::string indexUsed;
+  std::vector<std::string> indexesUsed;
   bool isWholeName = false;  // `last` stands for all entries of its name
 };
 
@@ -155,7 +152,7 @@ void TarnSelection::fetch() {
     looked_ += batch.looked;
     found_ = std::move(batch.found);
     isAtEnd_ = batch.isAtEnd;
-    indexUsed_ = std::move(batch.indexUsed);
+    indexesUsed_ = std::move(batch.indexesUsed);
     if (!batch.last) continue;
     last_ = std::move(batch.last);
     lastName_ = last_->name;
@@ -168,20 +165,20 @@ TarnSelection::Batch TarnSelection::look(goods::reader& reader) const {
   Batch batch;
   const goods::guest_scope guests(reader, goods::guest_scope::policy::at_first);
   const TarnObjects& children = *reader.get(index_);
-  bool isFound = false;
-  const bool isWhole = PastDamage([&] { isFound = lookUp(reader, children, batch); });
-  if (!isWhole) batch = {};  // what is damaged among the children themselves is met again
-  if (!isFound) lookAtAll(reader, children, batch);
+  bool isDone = false;  // what is damaged among the children themselves is met again
+  PastDamage([&] { isDone = lookUp(reader, children, batch); });
+  if (isDone) return batch;
+  batch = {};
+  lookAtAll(reader, children, batch);
   return batch;
 }
 
 // By a value index, if there is one that helps.
 bool TarnSelection::lookUp(goods::reader& reader, const TarnObjects& children, Batch& batch) const {
   if (last_ && !startsBehindName_) return false;
-  const QueryConditions::Condition* const condition =
-      IndexSearch::Choose(reader, children, *conditions_);
-  if (condition == nullptr) return false;
-  IndexSearch search(reader, children, *condition);
+  const std::optional<IndexPlan> plan = PlanOf(reader, children, *conditions_);
+  if (!plan) return false;
+  PlanSearch search(reader, children, *plan);
   std::vector<IndexCandidate> some;
   const std::string_view after = last_ ? std::string_view(last_->name) : std::string_view();
   if (!search.collect(after, kBatchSize, some)) return false;
@@ -189,9 +186,12 @@ bool TarnSelection::lookUp(goods::reader& reader, const TarnObjects& children, B
   std::size_t next = 0;
   while (next < some.size() && batch.found.size() < limit_) next = filter.take(some, next);
   batch.looked = search.looked();
-  batch.indexUsed = condition->path;
+  for (const QueryConditions::Condition* each : *plan) batch.indexesUsed.push_back(each->path);
+  std::ranges::sort(batch.indexesUsed);
+  batch.indexesUsed.erase(std::unique(batch.indexesUsed.begin(), batch.indexesUsed.end()),
+                          batch.indexesUsed.end());
   batch.isAtEnd = next == some.size() && search.isAtEnd();
-  if (next == 0) return true;
+  if (next == 0) return batch.isAtEnd;
   batch.last.emplace(some[next - 1].name);
   batch.isWholeName = true;
   return true;
@@ -200,30 +200,25 @@ bool TarnSelection::lookUp(goods::reader& reader, const TarnObjects& children, B
 void TarnSelection::lookAtAll(goods::reader& reader, const TarnObjects& children,
                               Batch& batch) const {
   goods::B_tree_walk place(reader, children);
+  goods::index_trail trail;
   if (!last_) {
     place.seek_index(0);
   } else if (startsBehindName_) {
     place.seek_upper(last_->name);
   } else {
     place.seek_behind(*last_);
+    trail.resume(*last_);
   }
   ChildrenAhead ahead(reader, *conditions_);
-  std::optional<goods::index_entry> last;
-  std::vector<goods::ref_word> before;
   const auto goesOn = [&] {
     if (batch.found.size() < limit_) return batch.looked < kBatchSize;
+    const auto& last = trail.last();
     return last && last->name == place.entry().name;  // see startBehind()
   };
   while (!place.at_end() && goesOn()) {
     if (ahead.isEmpty()) ahead.look(place, limit_ - std::min(limit_, batch.found.size()));
     const goods::index_entry entry = place.entry();
-    if (!last || last->name != entry.name) {
-      before.clear();
-    } else {
-      if (before.size() == kMostBefore) before.erase(before.begin());
-      before.push_back(last->member);
-    }
-    last = entry;
+    trail.pass(entry);
     ++batch.looked;
     if (ahead.takeNext()) {
       batch.found.push_back({.name = std::string(entry.name),
@@ -232,9 +227,7 @@ void TarnSelection::lookAtAll(goods::reader& reader, const TarnObjects& children
     place.next();
   }
   batch.isAtEnd = place.at_end();
-  if (!last) return;
-  batch.last.emplace(last->name, Kept(last->member));
-  for (const goods::ref_word member : before) batch.last->before.push_back(Kept(member));
+  batch.last = trail.position();
 }
 
 namespace {

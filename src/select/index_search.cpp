@@ -2,6 +2,8 @@
 
 #include <algorithm>
 #include <cmath>
+#include <iterator>
+#include <utility>
 
 #include "core/value_index.h"
 #include "core/value_index_changes.h"
@@ -43,18 +45,53 @@ void ForEachGroup(goods::reader& reader, const goods::B_tree& tree, const Visit&
 
 }  // namespace
 
-const QueryConditions::Condition* IndexSearch::Choose(goods::reader& reader,
-                                                      const TarnObjects& children,
-                                                      const QueryConditions& conditions) {
-  if (children.getValueIndexesWord().is_null() || HasChangesOfItsOwn()) return nullptr;
-  const QueryConditions::Condition* best = nullptr;
-  for (const QueryConditions::Condition* each : conditions.necessary()) {
-    if (each->isAnything || each->path.empty() || each->reference.empty()) continue;
-    if (each->op > TarnQueryElement::Contains) continue;
-    if (best != nullptr && CostOf(best->op) <= CostOf(each->op)) continue;
-    if (FindValueIndex(reader, children, each->path) != nullptr) best = each;
+namespace {
+
+struct Way {
+  IndexPlan conditions;
+  int cost = -1;  // of the worst of them
+
+  bool isNoWorseThan(const Way& other) const {
+    return std::pair(cost, conditions.size()) <= std::pair(other.cost, other.conditions.size());
   }
-  return best;
+  void add(const Way& other) {
+    conditions.insert(conditions.end(), other.conditions.begin(), other.conditions.end());
+    cost = std::max(cost, other.cost);
+  }
+};
+
+std::optional<Way> WayOf(goods::reader& reader, const TarnObjects& children,
+                         const QueryConditions::Condition& condition) {
+  const bool isNever = condition.path.empty() || condition.reference.empty() ||
+                       (condition.op > TarnQueryElement::Contains && !condition.isAnything);
+  if (isNever) return Way{};
+  if (condition.isAnything) return std::nullopt;
+  if (FindValueIndex(reader, children, condition.path) == nullptr) return std::nullopt;
+  return Way{{&condition}, CostOf(condition.op)};
+}
+
+}  // namespace
+
+std::optional<IndexPlan> PlanOf(goods::reader& reader, const TarnObjects& children,
+                                const QueryConditions& conditions) {
+  if (children.getValueIndexesWord().is_null() || HasChangesOfItsOwn()) return std::nullopt;
+  std::optional<Way> way = Way{};  // no condition yet: it holds nowhere
+  TarnQueryElement::LogicType logic = TarnQueryElement::Or;
+  for (const QueryConditions::Condition& condition : conditions.all()) {
+    if (logic == TarnQueryElement::And) {
+      const std::optional<Way> next = WayOf(reader, children, condition);
+      if (!way || (next && next->isNoWorseThan(*way))) way = next;
+    } else if (logic == TarnQueryElement::Or && way) {
+      const std::optional<Way> next = WayOf(reader, children, condition);
+      if (next)
+        way->add(*next);
+      else
+        way.reset();
+    }
+    logic = condition.logic;
+  }
+  if (!way) return std::nullopt;
+  return std::move(way->conditions);
 }
 
 IndexSearch::IndexSearch(goods::reader& reader, const TarnObjects& children,
@@ -66,7 +103,6 @@ IndexSearch::IndexSearch(goods::reader& reader, const TarnObjects& children,
 bool IndexSearch::collect(std::string_view after, std::size_t some,
                           std::vector<IndexCandidate>& found) {
   found.clear();
-  isAtEnd_ = true;
   lastComplete_.reset();
   bool isUsable = true;
   ForEachGroup(reader_, tree_, [&](unsigned char group) {
@@ -118,7 +154,6 @@ bool IndexSearch::collectGroup(unsigned char group, std::string_view after, std:
     if (!entry || entry->isNameCut) return false;
     if (isUpTo && entry->text > reference.substr(0, ValueIndexEntry::kMostText)) break;
     if (isByName && condition_.op == Equal && taken >= some && entry->name != last) {
-      isAtEnd_ = false;
       if (!lastComplete_ || last < *lastComplete_) lastComplete_ = last;
       break;
     }
@@ -132,6 +167,38 @@ bool IndexSearch::collectGroup(unsigned char group, std::string_view after, std:
     }
     found.push_back({std::string(entry->name), stored.target, isKnown});
   }
+  return true;
+}
+
+// ---- several conditions
+
+PlanSearch::PlanSearch(goods::reader& reader, const TarnObjects& children, const IndexPlan& plan) {
+  searches_.reserve(plan.size());
+  for (const QueryConditions::Condition* each : plan) {
+    searches_.emplace_back(reader, children, *each);
+  }
+}
+
+std::size_t PlanSearch::looked() const {
+  std::size_t sum = 0;
+  for (const IndexSearch& each : searches_) sum += each.looked();
+  return sum;
+}
+
+bool PlanSearch::collect(std::string_view after, std::size_t some,
+                         std::vector<IndexCandidate>& found) {
+  found.clear();
+  std::optional<std::string> upTo;
+  std::vector<IndexCandidate> part;
+  for (IndexSearch& each : searches_) {
+    if (!each.collect(after, some, part)) return false;
+    const auto& complete = each.completeUpTo();
+    if (complete && (!upTo || *complete < *upTo)) upTo = complete;
+    std::ranges::move(part, std::back_inserter(found));
+  }
+  isAtEnd_ = !upTo;
+  if (searches_.size() > 1) std::ranges::stable_sort(found, {}, &IndexCandidate::name);
+  if (upTo) std::erase_if(found, [&](const IndexCandidate& each) { return each.name > *upTo; });
   return true;
 }
 

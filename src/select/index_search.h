@@ -22,18 +22,20 @@ struct IndexCandidate {
   bool isCertain = false;  // the condition holds
 };
 
+// Conditions one of which holds wherever a whole query does, each with an index that can be used.
+using IndexPlan = std::vector<const QueryConditions::Condition*>;
+
+// The plan that spares most: of what And joins the cheaper side, of what Or joins both. No
+// conditions: the query holds nowhere. Nothing when there is no such plan, or when the transaction
+// has changes of its own, which indexes do not know of.
+std::optional<IndexPlan> PlanOf(goods::reader& reader, const TarnObjects& children,
+                                const QueryConditions& conditions);
+
 // The children for which one condition may hold, in the order of their names.
 //
 // Within one goods::cache_manager::read().
 class IndexSearch {
  public:
-  // The condition of `conditions` that an index of `children` helps most with: of those without
-  // which the whole cannot hold. Null when there is none, or the transaction has changes of its
-  // own, which indexes do not know of.
-  static const QueryConditions::Condition* Choose(goods::reader& reader,
-                                                  const TarnObjects& children,
-                                                  const QueryConditions& conditions);
-
   // The index of the condition's path must exist.
   IndexSearch(goods::reader& reader, const TarnObjects& children,
               const QueryConditions::Condition& condition);
@@ -42,8 +44,9 @@ class IndexSearch {
   // one name: for Equal about `some`, for other operators all that there are. Nothing when names
   // are too long to be told apart by the index.
   bool collect(std::string_view after, std::size_t some, std::vector<IndexCandidate>& found);
-  // Whether collect() has reached the end, and how many entries it has looked at.
-  bool isAtEnd() const { return isAtEnd_; }
+  // Up to which name collect() has found all; nothing when it has reached the end.
+  const std::optional<std::string>& completeUpTo() const { return lastComplete_; }
+  // How many entries it has looked at.
   std::size_t looked() const { return looked_; }
 
  private:
@@ -53,9 +56,21 @@ class IndexSearch {
   goods::reader& reader_;
   const goods::B_tree& tree_;
   const QueryConditions::Condition& condition_;
-  bool isAtEnd_ = true;
   std::size_t looked_ = 0;
-  std::optional<std::string> lastComplete_;  // where there is more: up to which name all is found
+  std::optional<std::string> lastComplete_;
+};
+
+// The same for all conditions of a plan: a child that several may hold for is there several times.
+class PlanSearch {
+ public:
+  PlanSearch(goods::reader& reader, const TarnObjects& children, const IndexPlan& plan);
+  bool collect(std::string_view after, std::size_t some, std::vector<IndexCandidate>& found);
+  bool isAtEnd() const { return isAtEnd_; }
+  std::size_t looked() const;
+
+ private:
+  std::vector<IndexSearch> searches_;
+  bool isAtEnd_ = true;
 };
 
 // The names of all children whose value at `below` may equal `wanted`, as TarnData::compare() says,

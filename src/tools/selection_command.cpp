@@ -4,6 +4,8 @@
 
 #include <cstdio>
 #include <optional>
+#include <string>
+#include <vector>
 
 #include "tools/Findings.h"
 #include "tools/Output.h"
@@ -12,6 +14,21 @@
 #include "tools/where_clause.h"
 
 namespace tarns {
+
+namespace {
+
+std::string LookedAt(const std::vector<std::string>& indexes) {
+  if (indexes.empty()) return "children";
+  std::string text = indexes.size() == 1 ? "entries of the index" : "entries of the indexes";
+  const char* separator = " of \"";
+  for (const std::string& index : indexes) {
+    text += separator + Shown(index) + '"';
+    separator = " and \"";
+  }
+  return text;
+}
+
+}  // namespace
 
 int PrintSelection(OpenDatabase& database, const std::string& path, const xcptref<TarnQuery>& query,
                    const SelectionOptions& options) {
@@ -30,9 +47,7 @@ int PrintSelection(OpenDatabase& database, const std::string& path, const xcptre
   }
   const std::size_t found = findings.finish();
   if (options.explains) {
-    const std::string& index = selection.getIndexUsed();
-    const std::string what =
-        index.empty() ? "children" : "entries of the index of \"" + Shown(index) + "\"";
+    const std::string what = LookedAt(selection.getIndexesUsed());
     std::fprintf(stderr, "tarns: %s: looked at %llu %s of \"%s\"%s, %zu found.\n",
                  Shown(WhereOf(*query.read())).c_str(),
                  static_cast<unsigned long long>(selection.getNumLooked()), what.c_str(),

@@ -80,6 +80,32 @@ TEST(GuestTest, LeavesTheCacheAsItWas) {
   EXPECT_EQ(session.session().cached_bytes(), full);
 }
 
+TEST(GuestTest, ARoomTakesItsGuestsWithItAndNoOthers) {
+  const test_store store;
+  std::vector<std::string> texts;
+  for (int i = 0; i < 5000; ++i) texts.push_back("text " + std::to_string(i));
+  std::vector<ref_word> words;
+  {
+    test_session session(store);
+    words = store_texts(session, texts);
+  }
+  test_session session(store);
+  const std::size_t before = session.session().cached_bytes();
+  session.session().read([&](reader& in) {
+    const guest_scope guests(in);
+    const object* const outside = in.look(words[4000], String::self_class);
+    for (std::size_t first = 0; first < words.size(); first += 100) {
+      const guest_room room(in);
+      in.prefetch(std::span(words).subspan(first, 100));
+      for (std::size_t i = first; i < first + 100; ++i) ASSERT_EQ(text_of(in, words[i]), texts[i]);
+    }
+    EXPECT_EQ(static_cast<const String*>(outside)->text(), texts[4000]);
+    EXPECT_EQ(in.look(words[4000], String::self_class), outside);
+    EXPECT_EQ(text_of(in, words[4001]), texts[4001]);
+  });
+  EXPECT_EQ(session.session().cached_bytes(), before);
+}
+
 TEST(GuestTest, OnlyWhereTheClassAllowsItAndNoTransactionIsOpen) {
   const test_store store;
   object_id text = 0;

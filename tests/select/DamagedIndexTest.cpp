@@ -105,7 +105,7 @@ class DamagedIndexTest : public session_test {
         for (const auto& [name, child] : collector->children()) collected += name + ' ';
         EXPECT_EQ(found, expected) << below << " = " << value;
         EXPECT_EQ(collected, expected) << below << " = " << value;
-        used = selection.getIndexUsed() + used;
+        for (const std::string& each : selection.getIndexesUsed()) used = each + used;
       }
     }
     return used;

@@ -54,7 +54,10 @@ Found FindBySelection(const TarnRef& parent, const xcptref<TarnQuery>& query,
   TarnSelection selection(parent, query);
   Found found;
   for (const auto& [name, child] : selection) found.emplace_back(name, child);
-  if (indexUsed != nullptr) *indexUsed = selection.getIndexUsed();
+  if (indexUsed != nullptr) {
+    indexUsed->clear();
+    for (const std::string& each : selection.getIndexesUsed()) *indexUsed += each;
+  }
   return found;
 }
 
@@ -191,7 +194,34 @@ class ValueIndexPropertyTest : public ValueIndexTest {
         }
         compareCollected(parent, below);
       }
+      compareJoined(parent);
     }
+  }
+
+  // Of up to four conditions, joined in any way, in pages.
+  void compareJoined(const TarnRef& parent) {
+    const auto query = TarnQuery::Create();
+    for (unsigned i = 1 + any(4); i > 0; --i) {
+      const char* const paths[] = {"a", "a~b", "Count", "Inner~a", "b", ""};
+      const std::string text = any(6) == 0 ? "*" : std::string(anyValue().getText());
+      modify(query)->addElement(
+          Element::Create(paths[any(6)], static_cast<Element::OperatorType>(any(9)), text.c_str(),
+                          static_cast<Element::LogicType>(any(3))));
+    }
+    const Found expected = FindByAsking(parent, query);
+    ASSERT_EQ(FindBySelection(parent, query), expected) << picture();
+    const std::size_t limit = 1 + any(3);
+    Found paged;
+    std::string behind;
+    for (bool isAtEnd = false; !isAtEnd;) {
+      TarnSelection page(parent, query);
+      page.limitTo(limit);
+      if (!behind.empty()) page.startBehind(behind);
+      for (const auto& [name, child] : page) paged.emplace_back(name, child);
+      behind = page.getLastName();
+      isAtEnd = page.isAtEnd();
+    }
+    ASSERT_EQ(paged, expected) << picture();
   }
 
   void compareCollected(const TarnRef& parent, const char* below) {
@@ -260,7 +290,7 @@ TEST_F(ValueIndexTest, FindsByEveryComparisonAndInPages) {
       const std::size_t before = paged.size();
       for (const auto& [name, child] : page) paged.emplace_back(name, child);
       EXPECT_TRUE(paged.size() - before == 70 || page.isAtEnd()) << op;
-      EXPECT_EQ(page.getIndexUsed(), "v");
+      EXPECT_THAT(page.getIndexesUsed(), ElementsAre("v"));
       behind = page.getLastName();
       isAtEnd = page.isAtEnd();
     }
@@ -268,29 +298,40 @@ TEST_F(ValueIndexTest, FindsByEveryComparisonAndInPages) {
   }
 }
 
-TEST_F(ValueIndexTest, HelpsWithConditionsThatMustHold) {
+TEST_F(ValueIndexTest, HelpsWithConditionsOneOfWhichMustHold) {
   for (int i = 0; i < 40; ++i) {
     const std::string child = "p~c" + std::to_string(i);
     manager().set(child + "~v", std::to_string(i % 4));
     manager().set(child + "~w", std::to_string(i % 3));
+    manager().set(child + "~u", std::to_string(i % 5));
   }
   ASSERT_TRUE(TarnValueIndex::Declare(node("p"), "v"));
+  ASSERT_TRUE(TarnValueIndex::Declare(node("p"), "u"));
   const auto condition = [](const char* path, const char* value, std::uint32_t logic) {
     return Element::Create(path, Element::Equal, value, static_cast<Element::LogicType>(logic));
   };
   struct Case {
     std::vector<xcptref<Element>> elements;
-    bool isUsed;
+    std::vector<std::string> used;
     std::uint64_t looked;
   };
+  const std::vector<std::string> v{"v"}, both{"u", "v"}, none;
   const Case cases[] = {
-      {{condition("v", "1", 0), condition("w", "2", 0)}, true, 10},
-      {{condition("w", "2", 0), condition("v", "1", 0)}, true, 10},
-      {{condition("w", "2", 1), condition("w", "0", 0), condition("v", "1", 0)}, true, 10},
-      {{condition("v", "1", 1), condition("w", "2", 0)}, false, 40},  // v or w
-      {{condition("v", "1", 7), condition("w", "2", 0)}, true, 10},   // w does not count
-      {{condition("v", "*", 0), condition("w", "2", 0)}, false, 40},
-      {{condition("w", "2", 0)}, false, 40},
+      {{condition("v", "1", 0), condition("w", "2", 0)}, v, 10},
+      {{condition("w", "2", 0), condition("v", "1", 0)}, v, 10},
+      {{condition("w", "2", 1), condition("w", "0", 0), condition("v", "1", 0)}, v, 10},
+      {{condition("v", "1", 1), condition("w", "2", 0)}, none, 40},  // v or w
+      {{condition("v", "1", 7), condition("w", "2", 0)}, v, 10},     // w does not count
+      {{condition("v", "*", 0), condition("w", "2", 0)}, none, 40},
+      {{condition("w", "2", 0)}, none, 40},
+      {{condition("v", "1", 1), condition("v", "2", 1), condition("v", "1", 0)}, v, 30},
+      {{condition("v", "1", 1), condition("u", "2", 0)}, both, 18},
+      {{condition("v", "1", 1), condition("u", "2", 0), condition("w", "2", 0)}, both, 18},
+      {{condition("v", "1", 1), condition("u", "2", 0), condition("u", "1", 0)}, {"u"}, 8},
+      {{condition("w", "1", 0), condition("u", "2", 1), condition("v", "3", 0)}, both, 18},
+      {{condition("w", "1", 1), condition("u", "2", 1), condition("v", "3", 0)}, none, 40},
+      {{condition("v", "1", 1), condition("w", "", 0)}, v, 10},  // what is never true
+      {{condition("v", "1", 0), condition("w", "", 0)}, none, 0},
   };
   for (const Case& test : cases) {
     const auto query = TarnQuery::Create();
@@ -300,7 +341,7 @@ TEST_F(ValueIndexTest, HelpsWithConditionsThatMustHold) {
     Found found;
     for (const auto& [name, child] : selection) found.emplace_back(name, child);
     EXPECT_EQ(found, FindByAsking(node("p"), query));
-    EXPECT_EQ(selection.getIndexUsed(), test.isUsed ? "v" : "");
+    EXPECT_EQ(selection.getIndexesUsed(), test.used);
     EXPECT_EQ(selection.getNumLooked(), test.looked);
   }
 }

@@ -33,9 +33,9 @@ class QueryConditions;
 // state throughout: a transaction, which then locks every child and value that is looked at.
 // Subjects are found by path below each child; children that others find by paths only (those of a
 // bundle are below BundledChildren) are not looked for.
-// Where the node has a value index for a condition without which the query cannot hold, only what
-// that one leads to is looked at; the result is the same. Then a limit spares little unless the
-// condition is Equal.
+// Where the node has value indexes for conditions one of which holds wherever the query does (one
+// that And joins, or all that Or joins), only what those lead to is looked at; the result is the
+// same. Then a limit spares little unless the conditions are Equal.
 // A selection is gone through once. Threads: one at a time. Errors: TarnException.
 class TARNS_API TarnSelection {
  public:
@@ -80,19 +80,22 @@ class TARNS_API TarnSelection {
   Iterator begin();
   std::default_sentinel_t end() const { return {}; }
 
-  // All that are left, within the limit, ordered by the value at a path below each as
-  // TarnData::compare() says; those without one come first (last when descending). Equal ones stay
-  // in the order of their names.
+  // The matches that are left, ordered by the value at a path below each as TarnData::compare()
+  // says; those without one come first (last when descending). Equal ones stay in the order of
+  // their names. A limit counts before the order: limitTo(10) and orderedBy() give the first ten
+  // matches by name, ordered by value. For the ten that come first by value: best(10).
   std::vector<TarnChild> orderedBy(std::string_view path, bool isDescending = false);
-  // The first `count` of these; no more are kept meanwhile.
+  // The first `count` in that order, of all matches that are left (within a limit, if there is
+  // one). Looks at all of them, and keeps no more than `count` meanwhile.
   std::vector<TarnChild> best(std::size_t count, std::string_view path, bool isDescending = false);
   // The same as a comparator orders them; `target` is the one that it was made with. Values are
   // read again for each comparison.
   std::vector<TarnChild> best(std::size_t count, TarnValueComparator& order, TarnData& target,
                               bool isDescending = false);
 
-  // The path whose value index has been used last (see TarnValueIndex); empty for none.
-  const std::string& getIndexUsed() const { return indexUsed_; }
+  // The paths whose value indexes have been used last (see TarnValueIndex), in order; none when all
+  // children were looked at.
+  const std::vector<std::string>& getIndexesUsed() const { return indexesUsed_; }
   // How many children, or entries of an index, have been looked at so far.
   std::uint64_t getNumLooked() const { return looked_; }
   // Where the next selection goes on: the match that the loop was left at, or else the last child
@@ -117,7 +120,7 @@ class TARNS_API TarnSelection {
   std::optional<goods::index_position> last_;  // the entry that was looked at last
   bool startsBehindName_ = false;              // last_ stands for all entries of its name
   std::string lastName_;
-  std::string indexUsed_;
+  std::vector<std::string> indexesUsed_;
   std::vector<TarnChild> found_;  // in the last batch
   std::size_t at_ = 0;
   std::uint64_t looked_ = 0;

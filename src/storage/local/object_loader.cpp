@@ -93,6 +93,7 @@ bool object_loader::load_from_cache(std::span<const object_number> numbers, comm
         !(all[i - 1]->has(slot_of(numbers[i])) && all[i - 1]->is_apart(slot_of(numbers[i])));
     all[i] = same ? all[i - 1] : find(numbers[i]);
     if (!all[i]) return false;
+    if (!same) all[i]->prefetch();
   }
   for (std::size_t i = 0; i < numbers.size(); ++i) deliver(*all[i], numbers[i], into);
   return true;
