@@ -14,9 +14,10 @@ namespace tarns::bench {
 
 const std::vector<std::string>& Bench::Items() {
   static const std::vector<std::string> items = {
-      "load",   "disk",        "hot-1", "hot-2",  "hot-tx", "lock",     "cold-read", "cold-walk",
-      "memory", "list",        "query", "export", "import", "update-1", "update-8",  "update-100",
-      "delete", "query-index", "wide",  "reopen", "clone",  "watch",    "bundle",    "balance"};
+      "load",      "disk",       "hot-1",  "hot-2",       "hot-tx", "lock",   "cold-read",
+      "cold-walk", "memory",     "list",   "query",       "export", "import", "update-1",
+      "update-8",  "update-100", "delete", "query-index", "wide",   "reopen", "clone",
+      "watch",     "vfs",        "bundle", "balance"};
   return items;
 }
 
@@ -48,6 +49,7 @@ void Bench::run() {
   if (wants("reopen")) reopen();
   if (wants("clone") && std::ranges::count(options_.peers, "tarns") > 0) clone();
   if (wants("watch")) watch();
+  if (wants("vfs") && std::ranges::count(options_.peers, "tarns") > 0) files();
   if (isNamed("bundle")) bundle();
   if (isNamed("balance")) balance();
 }

@@ -25,6 +25,7 @@ struct BenchOptions {
   bool dropCaches = false;                          // empty the page cache before each cold process
   std::size_t cacheBytes = std::size_t{256} << 20;  // for each peer, but where an item says its own
   int rounds = 3;                                   // of what only reads; the median counts
+  std::filesystem::path tree = "/usr/share/doc";    // files for the item "vfs"
 };
 
 // The run: fills a store of each peer with the index, then lets all of them do each item in turn
@@ -88,6 +89,8 @@ class Bench {
   void clone();
   // WatchItem.cpp
   void watch();
+  // FilesItem.cpp
+  void files();
 
   // ContainerItems.cpp
   void bundle();

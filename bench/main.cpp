@@ -35,6 +35,7 @@ constexpr const char* kUsage =
     "  --cpu-time        count the processor time of the thread that works, where it is one "
     "thread:\n"
     "                    for a machine that others use at the same time\n"
+    "  --vfs-tree DIR    files to put and get in the item vfs (/usr/share/doc)\n"
     "  --drop-caches     empty the system's page cache before each cold process (needs root)\n"
     "  --dir DIR         make the scratch directory in DIR instead of the current directory\n"
     "  --keep            keep the scratch directory\n"
@@ -85,19 +86,14 @@ std::size_t ParseCount(const std::string& text) {
 }
 
 Arguments Parse(int argc, char** argv) {
-  const option known[] = {{"items", required_argument, nullptr, 'i'},
-                          {"peers", required_argument, nullptr, 'p'},
-                          {"quick", no_argument, nullptr, 'q'},
-                          {"packages", required_argument, nullptr, 'n'},
-                          {"index", required_argument, nullptr, 'x'},
-                          {"rounds", required_argument, nullptr, 'r'},
-                          {"cache-mib", required_argument, nullptr, 'm'},
-                          {"cpu-time", no_argument, nullptr, 't'},
-                          {"drop-caches", no_argument, nullptr, 'c'},
-                          {"dir", required_argument, nullptr, 'd'},
-                          {"keep", no_argument, nullptr, 'k'},
-                          {"json", required_argument, nullptr, 'j'},
-                          {}};
+  const option known[] = {
+      {"items", required_argument, nullptr, 'i'},     {"peers", required_argument, nullptr, 'p'},
+      {"quick", no_argument, nullptr, 'q'},           {"packages", required_argument, nullptr, 'n'},
+      {"index", required_argument, nullptr, 'x'},     {"rounds", required_argument, nullptr, 'r'},
+      {"cache-mib", required_argument, nullptr, 'm'}, {"cpu-time", no_argument, nullptr, 't'},
+      {"vfs-tree", required_argument, nullptr, 'v'},  {"drop-caches", no_argument, nullptr, 'c'},
+      {"dir", required_argument, nullptr, 'd'},       {"keep", no_argument, nullptr, 'k'},
+      {"json", required_argument, nullptr, 'j'},      {}};
   Arguments arguments;
   arguments.bench.peers = BenchStore::Peers();
   // NOLINTNEXTLINE(concurrency-mt-unsafe): no other thread runs yet
@@ -126,6 +122,9 @@ Arguments Parse(int argc, char** argv) {
         break;
       case 't':
         Stopwatch::CountProcessorTime();
+        break;
+      case 'v':
+        arguments.bench.tree = optarg;
         break;
       case 'c':
         arguments.bench.dropCaches = true;

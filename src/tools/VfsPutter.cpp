@@ -1,6 +1,7 @@
 #include "tools/VfsPutter.h"
 
 #include <tarns/core/TarnBranches.h>
+#include <tarns/core/TarnException.h>
 #include <tarns/vfs/TarnVFSWriter.h>
 
 #include <dirent.h>
@@ -313,6 +314,7 @@ void VfsPutter::apply(Change& change) {
   if (change.name.empty()) return makeFolder(directory);
   const auto there = directory.wasThere ? directory.folder->getItem(change.name) : nullptr;
   const bool isFile = there.isA<TarnVFSFile>();
+  if (!isFile && !there.is_null()) return writeOver(directory.pathOf(change.name), change);
   const xcptref<TarnVFSFile> file = isFile ? xcptref<TarnVFSFile>(there) : TarnVFSFile::Create();
   {
     auto body = modify(file);
@@ -325,11 +327,26 @@ void VfsPutter::apply(Change& change) {
   if (!isFile) modify(directory.folder)->addItem(change.name.c_str(), file, false);
 }
 
+// Gives an item without content, which is there already, content.
+void VfsPutter::writeOver(const std::string& path, const Change& change) {
+  TarnVFSWriter writer(files_, path);
+  writer.write(std::string_view(change.bytes));
+  writer.setKind(change.info.kind);
+  writer.setPermissions(change.info.permissions);
+  writer.setModified(change.info.modified);
+  writer.finish();
+}
+
 // Also when this is repeated after its transaction was rolled back.
 void VfsPutter::makeFolder(Directory& directory) {
   if (!directory.wasThere) {
     directory.folder = TarnVFSFolder::Create();
-    modify(directory.above->folder)->addFolder(directory.name.c_str(), directory.folder, false);
+    const bool isMade =
+        modify(directory.above->folder)->addFolder(directory.name.c_str(), directory.folder, false);
+    if (!isMade) {
+      throw TarnException(("The folder \"" + directory.path + "\" cannot be made.").c_str(),
+                          ErrorID::BadUsage);
+    }
   }
   auto folder = modify(directory.folder);
   folder->setPermissions(directory.status.st_mode & 07777);

@@ -52,6 +52,7 @@ class VfsPutter {
   void add(Change change);
   void commit();
   void apply(Change& change);
+  void writeOver(const std::string& path, const Change& change);
   void makeFolder(Directory& directory);
   bool isFolderThere(Directory& directory, const std::string& name);
   void fail(const std::string& path, const char* what);

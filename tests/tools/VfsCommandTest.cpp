@@ -357,6 +357,23 @@ TEST_F(VfsCommandTest, PutLeavesOutTheDatabaseAndFindsNames) {
   EXPECT_EQ(vfs({"ls", "closed"}), "");
 }
 
+TEST_F(VfsCommandTest, PutGivesItemsWithoutContentContent) {
+  fs::create_directories(file("s"));
+  Write(file("s") + "/x", "bytes");
+  inSession([](TarnVFS& files) {
+    files.createFolder("s");
+    const auto item = TarnVFSItem::Create();
+    modify(item)->setValue("colour", TarnData("red"));
+    files.addItem("s~x", item, false, false);
+  });
+  vfs({"put", file("s"), "s"});
+  EXPECT_EQ(vfs({"cat", "s~x"}), "bytes");
+  inSession([](TarnVFS& files) {
+    EXPECT_STREQ(files.getItem("s~x")->getXString("colour"), "red");
+    EXPECT_EQ(files.getItem("s~x")->getRefCount(), 1u);
+  });
+}
+
 TEST_F(VfsCommandTest, FoldersWithinThemselvesAreShownOnce) {
   inSession([](TarnVFS& files) {
     files.createFolder("a~b");
