@@ -91,6 +91,11 @@ class GOODS_API cache_manager {
   void attach();                    // attaches the calling thread, leaving another session
   static void detach();             // rolls back an open transaction; no effect when not attached
 
+  // What a thread that leaves the session keeps to come back to it: empty once the session is gone
+  // or was taken away from whoever had it so far (revoke_tickets). It does not keep the session.
+  std::weak_ptr<cache_manager> ticket();
+  void revoke_tickets();  // those given out before
+
   // Runs `work(reader&)` and returns its result. Outside a transaction `work` may run several
   // times, until it has seen one committed state throughout: it must have no effect but its result,
   // and may not call the application. Inside a transaction, or inside another read(), it runs once.
@@ -287,6 +292,7 @@ class GOODS_API cache_manager {
   std::unique_ptr<object_cache> cache_;
   std::mutex attachments_lock_;
   std::vector<std::shared_ptr<thread_attachment>> attachments_;  // under attachments_lock_
+  std::shared_ptr<cache_manager> ticket_;  // owns nothing; under attachments_lock_
   std::mutex companions_lock_;
   std::vector<std::pair<const void*, std::unique_ptr<session_companion>>>
       companions_;  // under companions_lock_

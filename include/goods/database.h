@@ -119,6 +119,9 @@ class GOODS_API database {
   const std::string& get_open_problem() const { return open_problem_; }
   virtual void close();
   bool is_open() const { return session_ != nullptr; }
+  // Whether one of its storages takes no commits any more, see outcome_unknown, until all databases
+  // of the process that share it have been closed. Safe from any thread.
+  bool has_failed() const;
 
   // The session's cache; the database must be open.
   cache_manager& session() const;

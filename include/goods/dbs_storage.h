@@ -327,6 +327,9 @@ class dbs_storage {
   // told.
   virtual commit_version commit(const commit_request& request) = 0;
 
+  // Whether it takes no commits until it is opened again, as after outcome_unknown.
+  virtual bool has_failed() const { return false; }
+
   // Returns when all that is visible is durable, under any durability option.
   virtual void make_durable() = 0;
 

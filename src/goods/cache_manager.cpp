@@ -49,7 +49,8 @@ std::atomic<bool> cache_manager::cooperative_mode{false};
 cache_manager::cache_manager(database& db)
     : db_(db),
       transaction_limit_(usual_transaction_limit()),
-      cache_(std::make_unique<object_cache>(db, *this)) {}
+      cache_(std::make_unique<object_cache>(db, *this)),
+      ticket_(this, [](cache_manager*) {}) {}
 
 cache_manager::~cache_manager() {
   const std::lock_guard guard(attachments_lock_);
@@ -91,6 +92,17 @@ void cache_manager::detach() {
   mine->leave_session();
   const std::lock_guard guard(session->attachments_lock_);
   std::erase(session->attachments_, mine);
+}
+
+std::weak_ptr<cache_manager> cache_manager::ticket() {
+  const std::lock_guard guard(attachments_lock_);
+  return ticket_;
+}
+
+void cache_manager::revoke_tickets() {
+  std::shared_ptr<cache_manager> next(this, [](cache_manager*) {});
+  const std::lock_guard guard(attachments_lock_);
+  ticket_.swap(next);
 }
 
 void cache_manager::begin_transaction() {

@@ -112,6 +112,11 @@ std::unique_ptr<cache_manager> database::create_session() {
   return std::make_unique<cache_manager>(*this);
 }
 
+bool database::has_failed() const {
+  return std::ranges::any_of(storages_,
+                             [](const auto& storage) { return storage->dbs().has_failed(); });
+}
+
 cache_manager& database::session() const {
   if (session_ == nullptr) throw_error(error_code::usage, "The database is not open.");
   return *session_;

@@ -3,18 +3,22 @@
 
 namespace tarns {
 
-TarnAttachment::TarnAttachment(TarnManager& manager) : former_(goods::cache_manager::current()) {
+TarnAttachment::TarnAttachment(TarnManager& manager) {
   manager.verifyIsInitialized();
   TarnCacheManager& session = manager.db().getCacheManager();
   session.verifyMayAttach();
+  goods::cache_manager* const former = goods::cache_manager::current();
   session_ = &session;
-  if (former_ != session_) manager.attach();
+  isOwn_ = former != session_;
+  if (!isOwn_) return;
+  if (former != nullptr) former_ = former->ticket();
+  manager.attach();
 }
 
 TarnAttachment::~TarnAttachment() {
-  if (former_ == session_ || goods::cache_manager::current() != session_) return;
+  if (!isOwn_ || goods::cache_manager::current() != session_) return;
   goods::cache_manager::detach();
-  if (former_ != nullptr) former_->attach();
+  if (const auto former = former_.lock()) former->attach();
 }
 
 }  // namespace tarns

@@ -82,8 +82,12 @@ void TarnCacheManager::verifyAttached() const {
 }
 
 void TarnCacheManager::verifyMayAttach() const {
-  const goods::cache_manager* other = current();
-  if (other == nullptr || other == this || !other->in_transaction()) return;
+  if (current() != this) VerifyMayLeave();
+}
+
+void TarnCacheManager::VerifyMayLeave() {
+  const goods::cache_manager* const session = current();
+  if (session == nullptr || !session->in_transaction()) return;
   goods::throw_error(goods::error_code::usage,
                      "The calling thread cannot leave its session for another one while it has a "
                      "transaction open there: commit it, or roll it back, first.");

@@ -15,7 +15,9 @@ namespace {
 
 constexpr std::size_t kMainStackSize = 0x100000;  // bytes
 constexpr unsigned kRetryPause = 5;               // seconds
-constexpr std::chrono::milliseconds kShortPause{20};
+constexpr std::chrono::milliseconds kShortPause{20}, kNoTime{0};
+// More could not be counted.
+constexpr std::chrono::milliseconds kLongestWait = std::chrono::hours(24 * 365);
 
 goods::storage_number StorageNumber(unsigned long id) {
   return static_cast<goods::storage_number>(id & 0xFFFF);
@@ -58,6 +60,7 @@ void TarnManager::Initialize() {
 void TarnManager::SetNumConnectAttempts(unsigned long attempts) { MnumConnectAttempts = attempts; }
 
 void TarnManager::connect(const char* configPath, bool loadDataLibraries, const char* libraryPath) {
+  verifyMayConnect();
   if (configPath == nullptr) configPath = "";
   freeDB();
   database_ = std::make_unique<TarnDatabase>(*this);
@@ -74,7 +77,8 @@ void TarnManager::connect(const char* configPath, bool loadDataLibraries, const 
 
 void TarnManager::connect(const char* configPath, std::chrono::milliseconds limit,
                           bool loadDataLibraries, const char* libraryPath) {
-  const auto deadline = std::chrono::steady_clock::now() + limit;
+  verifyMayConnect();
+  const auto deadline = std::chrono::steady_clock::now() + std::clamp(limit, kNoTime, kLongestWait);
   if (configPath == nullptr) configPath = "";
   freeDB();
   database_ = std::make_unique<TarnDatabase>(*this);
@@ -92,9 +96,16 @@ void TarnManager::connect(const char* configPath, std::chrono::milliseconds limi
 
 void TarnManager::afterConnecting(const char* configPath, bool loadDataLibraries,
                                   const char* libraryPath) {
+  if (loadDataLibraries) {
+    MdataLibraries.supportDependencies(supportsDependencies_);
+    try {
+      MdataLibraries.loadDataLibraries(configPath, libraryPath, supportsDependencies_);
+    } catch (...) {
+      freeDB();
+      throw;
+    }
+  }
   configPath_.set(configPath);
-  if (!loadDataLibraries) return;
-  MdataLibraries.loadDataLibraries(configPath, libraryPath, supportsDependencies_);
 }
 
 void TarnManager::freeDB() {

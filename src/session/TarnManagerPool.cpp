@@ -1,6 +1,7 @@
 #include <tarns/core/TarnException.h>
 #include <tarns/logging/Log.h>
 #include <tarns/session/TarnManagerPool.h>
+#include <unistd.h>
 
 #include <algorithm>
 #include <exception>
@@ -11,12 +12,21 @@ namespace tarns {
 namespace {
 
 using Clock = std::chrono::steady_clock;
+using std::chrono::milliseconds;
+
+constexpr std::size_t kMostSessions = 10'000;
+// More could not be counted.
+constexpr milliseconds kLongest = std::chrono::hours(24 * 365);
+// For how long a session tries to connect before it looks whether the pool was shut down.
+constexpr milliseconds kTry{50};
+// After which the destructor tells whom it waits for.
+constexpr std::chrono::seconds kFirstWord{1}, kNextWord{60};
 
 [[noreturn]] void ThrowShutDown() {
   throw TarnException("The pool of sessions is shut down.", ErrorID::DBuninitialized);
 }
 
-[[noreturn]] void ThrowNoneFree(std::size_t largest, std::chrono::milliseconds limit) {
+[[noreturn]] void ThrowNoneFree(std::size_t largest, milliseconds limit) {
   TarnException error;
   error << "None of the " << largest << " sessions of the pool became free within "
         << static_cast<long long>(limit.count()) << " ms.";
@@ -28,17 +38,15 @@ using Clock = std::chrono::steady_clock;
   throw TarnException("The session is not checked out of this pool.", ErrorID::BadUsage);
 }
 
-bool IsOpen(const TarnManager& session) {
-  try {
-    session.verifyIsInitialized();
-    return session.db().is_open();
-  } catch (const TarnException&) {
-    return false;  // somebody has tried to connect it elsewhere
-  }
-}
+milliseconds Clamped(milliseconds limit) { return std::clamp(limit, milliseconds(0), kLongest); }
 
-void VerifyOptions(const TarnPoolOptions& options) {
-  if (options.largest > 0 && options.smallest <= options.largest) return;
+TarnPoolOptions Verified(TarnPoolOptions options) {
+  options.wait = Clamped(options.wait);
+  options.idle = Clamped(options.idle);
+  if (options.largest > 0 && options.largest <= kMostSessions &&
+      options.smallest <= options.largest) {
+    return options;
+  }
   TarnException error;
   error << "A pool cannot have at least " << options.smallest << " and at most " << options.largest
         << " sessions.";
@@ -46,78 +54,188 @@ void VerifyOptions(const TarnPoolOptions& options) {
   throw error;
 }
 
+// Has the calling thread attached in the end to what it is attached to now.
+class KeptAttachment {
+ public:
+  KeptAttachment() : session_(goods::cache_manager::current()) {
+    if (session_ != nullptr) ticket_ = session_->ticket();
+  }
+  ~KeptAttachment() {
+    if (goods::cache_manager::current() == session_) return;
+    goods::cache_manager::detach();
+    if (const auto session = ticket_.lock()) session->attach();
+  }
+  KeptAttachment(const KeptAttachment&) = delete;
+  KeptAttachment& operator=(const KeptAttachment&) = delete;
+
+ private:
+  goods::cache_manager* const session_;
+  std::weak_ptr<goods::cache_manager> ticket_;
+};
+
 }  // namespace
 
+// A thread is in a function of the pool that may use it after the last session was returned.
+class TarnManagerPool::Call {
+ public:
+  explicit Call(TarnManagerPool& pool) : pool_(pool) {
+    const std::lock_guard hold(pool_.lock_);
+    ++pool_.calls_;
+  }
+  ~Call() {
+    const std::lock_guard hold(pool_.lock_);
+    --pool_.calls_;
+    pool_.allReturned_.notify_all();
+  }
+  Call(const Call&) = delete;
+  Call& operator=(const Call&) = delete;
+
+ private:
+  TarnManagerPool& pool_;
+};
+
 TarnManagerPool::TarnManagerPool(const char* configPath, TarnPoolOptions options)
-    : configPath_(configPath != nullptr ? configPath : ""), options_(std::move(options)) {
-  VerifyOptions(options_);
-  for (; total_ < options_.smallest; ++total_) {
-    idle_.push_back(make());
-    idle_.back().returned = Clock::now();
-    ++figures_.made;
+    : configPath_(configPath != nullptr ? configPath : ""), options_(Verified(std::move(options))) {
+  // A session on its way from one list to the other cannot be lost for want of memory.
+  idle_.reserve(options_.largest);
+  inUse_.reserve(options_.largest);
+  const TimePoint deadline = Clock::now() + options_.wait;
+  while (total_ < options_.smallest) {
+    Session session;
+    ++total_;
+    make(session, deadline);
+    session.returned = Clock::now();
+    idle_.push_back(std::move(session));
   }
 }
 
 TarnManagerPool::~TarnManagerPool() {
   shutDown();
   std::unique_lock hold(lock_);
-  allReturned_.wait(hold, [this] { return total_ == 0 && waiters_.empty(); });
+  std::chrono::seconds patience = kFirstWord;
+  while (!allReturned_.wait_for(hold, patience, [this] { return total_ == 0 && calls_ == 0; })) {
+    const std::string holders = describeHolders();
+    hold.unlock();
+    Log(Log::Warning) << "A pool of sessions on \"" << configPath_
+                      << "\" cannot end before its sessions are returned: " << holders << ".";
+    hold.lock();
+    patience = kNextWord;
+  }
 }
 
 // --- Making and closing sessions: without the mutex ---------------------------------------------
 
-TarnManagerPool::Session TarnManagerPool::make() const {
-  Session session;
-  session.manager = std::make_unique<TarnManager>();
-  session.manager->connect(configPath_.c_str(), options_.wait);
-  if (options_.prepare) options_.prepare(*session.manager);
-  return session;
+// For the room that total_ has for it, which it gives back when it throws.
+void TarnManagerPool::make(Session& room, TimePoint deadline) {
+  try {
+    room.manager = std::make_unique<TarnManager>();
+    connect(*room.manager, deadline);
+    room.wasFailed = room.manager->db().has_failed();
+    room.ticket = room.manager->db().getCacheManager().ticket();
+    if (options_.prepare) prepare(room);
+    room.settings = SettingsOf(*room.manager);
+  } catch (...) {
+    room.manager.reset();
+    const std::lock_guard hold(lock_);
+    giveBackRoom(room.generation);
+    throw;
+  }
+  const std::lock_guard hold(lock_);
+  ++figures_.made;
 }
 
-// For the room that total_ has for it.
-TarnManagerPool::Session TarnManagerPool::makeOrGiveUp() {
-  try {
-    std::uint64_t generation = 0;
+void TarnManagerPool::connect(TarnManager& manager, TimePoint deadline) const {
+  const char* const libraries =
+      options_.libraryPath.empty() ? nullptr : options_.libraryPath.c_str();
+  manager.supportDependencies(options_.supportDependencies);
+  for (;;) {
     {
       const std::lock_guard hold(lock_);
-      generation = generation_;
+      if (isShutDown_) ThrowShutDown();
     }
-    Session session = make();
-    session.generation = generation;
-    const std::lock_guard hold(lock_);
-    ++figures_.made;
-    return session;
-  } catch (...) {
-    const std::lock_guard hold(lock_);
-    --total_;
-    giveNext();
-    throw;
+    const auto left = std::chrono::ceil<milliseconds>(deadline - Clock::now());
+    try {
+      manager.connect(configPath_.c_str(), std::clamp(left, milliseconds(0), kTry),
+                      options_.loadDataLibraries, libraries);
+      return;
+    } catch (const TarnException& error) {
+      if (error.getErrorID() != ErrorID::DatabaseInUse || left <= kTry) throw;
+    }
   }
 }
 
-void TarnManagerPool::Close(std::vector<Session> sessions) noexcept {
-  for (Session& session : sessions) {
-    try {
-      session.manager.reset();
-    } catch (const std::exception& error) {
-      Log(Log::Warning) << "A session of a pool could not be closed well: " << error.what();
+void TarnManagerPool::prepare(const Session& session) const {
+  TarnCacheManager::VerifyMayLeave();
+  const KeptAttachment kept;
+  options_.prepare(*session.manager);
+  if (!session.ticket.expired()) return;
+  throw TarnException("A session was closed or connected anew by the function that prepares it.",
+                      ErrorID::BadUsage);
+}
+
+TarnManagerPool::Settings TarnManagerPool::SettingsOf(const TarnManager& session) {
+  const TarnCacheManager& cache = session.db().getCacheManager();
+  return {cache.lock_timeout(), cache.transaction_limit(), cache.cache_limit(),
+          cache.remembersValues()};
+}
+
+// Leaves nothing of the session's last user to the next one.
+void TarnManagerPool::TidyUp(Session& session) {
+  const auto used = session.ticket.lock();
+  if (used == nullptr) return;  // closed, or connected anew
+  try {
+    if (goods::cache_manager::current() == used.get()) goods::cache_manager::detach();
+    used->revoke_tickets();
+    session.ticket = used->ticket();
+    TarnCacheManager& cache = session.manager->db().getCacheManager();
+    const Settings& settings = session.settings;
+    cache.set_lock_timeout(settings.lockTimeout);
+    cache.set_transaction_limit(settings.transactionLimit);
+    if (cache.cache_limit() != settings.cacheLimit) cache.setCacheLimit(settings.cacheLimit);
+    if (cache.remembersValues() != settings.remembersValues) {
+      cache.rememberValues(settings.remembersValues);
     }
+  } catch (const std::exception& error) {
+    session.isBroken = true;
+    Log(Log::Warning) << "A session of a pool is closed, since it could not be tidied up: "
+                      << error.what();
   }
 }
 
 void TarnManagerPool::discard(Session session) {
-  std::vector<Session> closing;
-  closing.push_back(std::move(session));
-  Close(std::move(closing));
+  session.manager.reset();
   const std::lock_guard hold(lock_);
-  --total_;
-  giveNext();
+  giveBackRoom(session.generation);
+}
+
+// Closes idle sessions that are too many, or of no use any more.
+void TarnManagerPool::closeStale() {
+  for (;;) {
+    Session stale;
+    {
+      const std::lock_guard hold(lock_);
+      if (!takeStale(stale)) return;
+    }
+    discard(std::move(stale));
+  }
 }
 
 // --- Under the mutex ----------------------------------------------------------------------------
 
 bool TarnManagerPool::isUsable(const Session& session) const {
-  return !session.isBroken && session.generation == generation_ && IsOpen(*session.manager);
+  return !session.isBroken && session.generation == generation_ && !session.ticket.expired();
+}
+
+// All sessions that there are, or for which there is room, become old.
+void TarnManagerPool::startRenewal() {
+  ++generation_;
+  old_ = total_;
+}
+
+// A store that had failed when the session was made is not cured by making it anew.
+void TarnManagerPool::renewWhenFailed(const Session& session) {
+  if (session.wasFailed || !isUsable(session) || !session.manager->db().has_failed()) return;
+  startRenewal();
 }
 
 TarnManagerPool::Session* TarnManagerPool::find(const TarnManager& session) {
@@ -126,153 +244,137 @@ TarnManagerPool::Session* TarnManagerPool::find(const TarnManager& session) {
   return found != inUse_.end() ? &*found : nullptr;
 }
 
-// Lets the thread that has waited longest go on, when there is something for it.
+void TarnManagerPool::giveBackRoom(std::uint64_t generation) {
+  --total_;
+  if (generation != generation_) --old_;
+  giveNext();
+}
+
+// Lets the threads that have waited longest go on, as far as there is something for them.
 void TarnManagerPool::giveNext() {
   allReturned_.notify_all();
-  if (waiters_.empty() || isShutDown_) return;
-  Waiter& waiter = *waiters_.front();
-  if (!idle_.empty()) {
-    waiter.session = std::move(idle_.back());
-    idle_.pop_back();
-  } else if (total_ < options_.largest) {
-    ++total_;
-    waiter.mayMake = true;
-  } else {
-    return;
-  }
-  waiters_.pop_front();
-  waiter.given.notify_one();
-}
-
-// Idle sessions that are too many, or of no use any more.
-std::vector<TarnManagerPool::Session> TarnManagerPool::takeStale() {
-  std::vector<Session> stale;
-  const auto now = Clock::now();
-  for (std::size_t i = 0; i < idle_.size();) {
-    const bool isTooOld = now - idle_[i].returned > options_.idle;
-    const bool isTooMany = total_ - stale.size() > options_.smallest;
-    if (!isShutDown_ && isUsable(idle_[i]) && !(isTooOld && isTooMany)) {
-      ++i;
-      continue;
+  while (!waiters_.empty() && !isShutDown_ && old_ == 0) {
+    Waiter& waiter = *waiters_.front();
+    if (!idle_.empty()) {
+      waiter.session = std::move(idle_.back());
+      idle_.pop_back();
+    } else if (total_ < options_.largest) {
+      ++total_;
+      waiter.session.generation = generation_;
+    } else {
+      return;
     }
-    if (!isUsable(idle_[i])) ++figures_.replaced;
-    stale.push_back(std::move(idle_[i]));
-    idle_.erase(idle_.begin() + static_cast<std::ptrdiff_t>(i));
+    waiter.isGiven = true;
+    waiters_.pop_front();
+    waiter.given.notify_one();
   }
-  return stale;
 }
 
-TarnManagerPool::Wait TarnManagerPool::waitFor(Waiter& waiter, std::chrono::milliseconds limit,
-                                               std::unique_lock<std::mutex>& hold) {
-  const auto isGiven = [&] { return waiter.session.manager != nullptr || waiter.mayMake; };
-  const auto start = Clock::now();
-  const auto place = waiters_.insert(waiters_.end(), &waiter);
-  ++figures_.waits;
-  // Longer limits than the clock can count to are no limit.
-  const auto longest = std::chrono::milliseconds(std::chrono::hours(24 * 365));
-  waiter.given.wait_until(hold, start + std::min(limit, longest),
-                          [&] { return isGiven() || isShutDown_; });
-  figures_.longestWait =
-      std::max(figures_.longestWait,
-               std::chrono::duration_cast<std::chrono::microseconds>(Clock::now() - start));
-  if (isGiven()) return Wait::kGiven;  // whatever else has happened
-  waiters_.erase(place);
-  allReturned_.notify_all();
-  if (isShutDown_) return Wait::kShutDown;
-  ++figures_.timeOuts;
-  return Wait::kTimeOut;
+bool TarnManagerPool::takeStale(Session& into) {
+  const auto now = Clock::now();
+  const bool areMany = idle_.size() + inUse_.size() > options_.smallest;
+  const auto stale = std::ranges::find_if(idle_, [&](const Session& session) {
+    const bool isTooOld = areMany && now - session.returned > options_.idle;
+    return isShutDown_ || isTooOld || !isUsable(session);
+  });
+  if (stale == idle_.end()) return false;
+  if (!isUsable(*stale)) ++figures_.replaced;
+  into = std::move(*stale);
+  idle_.erase(stale);
+  return true;
+}
+
+std::string TarnManagerPool::describeHolders() const {
+  if (inUse_.empty()) return "some are being closed";
+  std::string text = "the threads that have taken them are";
+  for (const Session& session : inUse_) text += ' ' + std::to_string(session.thread);
+  return text;
 }
 
 // --- Check-out ----------------------------------------------------------------------------------
 
-// A session, or an empty one for which the caller may make one.
-TarnManagerPool::Session TarnManagerPool::take(std::chrono::milliseconds limit) {
+// A session, or the room for one that the caller is to make. `isFirst`: before all others that
+// wait.
+TarnManagerPool::Session TarnManagerPool::take(milliseconds limit, TimePoint deadline,
+                                               bool isFirst) {
   std::unique_lock hold(lock_);
   if (isShutDown_) ThrowShutDown();
-  ++figures_.checkOuts;
-  if (waiters_.empty() && !idle_.empty()) {
-    Session session = std::move(idle_.back());
-    idle_.pop_back();
-    return session;
-  }
-  if (waiters_.empty() && total_ < options_.largest) {
-    ++total_;
-    return {};
-  }
+  if (!isFirst) ++figures_.checkOuts;
   Waiter waiter;
-  switch (waitFor(waiter, limit, hold)) {
-    case Wait::kShutDown:
-      ThrowShutDown();
-    case Wait::kTimeOut:
-      ThrowNoneFree(options_.largest, limit);
-    case Wait::kGiven:
-      break;
+  const auto place = waiters_.insert(isFirst ? waiters_.begin() : waiters_.end(), &waiter);
+  giveNext();
+  if (!waiter.isGiven) {
+    const auto start = Clock::now();
+    ++figures_.waits;
+    waiter.given.wait_until(hold, deadline, [&] { return waiter.isGiven || isShutDown_; });
+    figures_.longestWait =
+        std::max(figures_.longestWait,
+                 std::chrono::duration_cast<std::chrono::microseconds>(Clock::now() - start));
   }
-  return std::move(waiter.session);
+  if (waiter.isGiven) return std::move(waiter.session);
+  waiters_.erase(place);
+  if (isShutDown_) ThrowShutDown();
+  ++figures_.timeOuts;
+  ThrowNoneFree(options_.largest, limit);
 }
 
-TarnManager& TarnManagerPool::handOut(Session session) {
-  const std::lock_guard hold(lock_);
-  inUse_.push_back(std::move(session));
-  return *inUse_.back().manager;
-}
-
-TarnManager& TarnManagerPool::checkOut(std::chrono::milliseconds limit) {
-  Session session = take(limit);
-  bool isBroken = false;
-  if (session.manager != nullptr) {
+// Null when the session was closed, since it is of no use.
+TarnManager* TarnManagerPool::handOut(Session session) {
+  {
     const std::lock_guard hold(lock_);
-    isBroken = !isUsable(session);
-    if (isBroken) ++figures_.replaced;
+    renewWhenFailed(session);
+    if (!isShutDown_ && isUsable(session)) {
+      session.thread = ::gettid();
+      inUse_.push_back(std::move(session));
+      return inUse_.back().manager.get();
+    }
+    if (!isUsable(session)) ++figures_.replaced;
   }
-  if (isBroken) {
-    std::vector<Session> closing;
-    closing.push_back(std::exchange(session, Session{}));
-    Close(std::move(closing));
+  closeStale();
+  discard(std::move(session));
+  return nullptr;
+}
+
+TarnManager& TarnManagerPool::checkOut(milliseconds limit) {
+  const Call call(*this);
+  limit = Clamped(limit);
+  const TimePoint deadline = Clock::now() + limit;
+  for (bool isFirst = false;; isFirst = true) {
+    Session session = take(limit, deadline, isFirst);
+    if (session.manager == nullptr) make(session, deadline);
+    if (TarnManager* const given = handOut(std::move(session))) return *given;
   }
-  return handOut(session.manager != nullptr ? std::move(session) : makeOrGiveUp());
 }
 
 // --- Check-in -----------------------------------------------------------------------------------
 
-void TarnManagerPool::checkIn(TarnManager& session) {
-  {
-    const std::lock_guard hold(lock_);
-    if (find(session) == nullptr) ThrowNotCheckedOut();
-  }
-  if (IsOpen(session) && goods::cache_manager::current() == &session.db().getCacheManager()) {
-    goods::cache_manager::detach();  // rolls back
-  }
-  Session returned;
-  bool isKept = false;
-  {
-    const std::lock_guard hold(lock_);
-    Session* const used = find(session);
-    if (used == nullptr) ThrowNotCheckedOut();
-    returned = std::move(*used);
-    *used = std::move(inUse_.back());
-    inUse_.pop_back();
-    isKept = isUsable(returned);
-    if (!isKept) ++figures_.replaced;
-    isKept = isKept && !isShutDown_;
-  }
-  if (isKept) {
-    put(std::move(returned));
-  } else {
-    discard(std::move(returned));
-  }
+TarnManagerPool::Session TarnManagerPool::takeBack(const TarnManager& session) {
+  const std::lock_guard hold(lock_);
+  Session* const used = find(session);
+  if (used == nullptr) ThrowNotCheckedOut();
+  std::swap(*used, inUse_.back());
+  Session returned = std::move(inUse_.back());
+  inUse_.pop_back();
+  return returned;
 }
 
-void TarnManagerPool::put(Session session) {
-  std::vector<Session> stale;
+void TarnManagerPool::checkIn(TarnManager& session) {
+  const Call call(*this);
+  Session returned = takeBack(session);
+  TidyUp(returned);
   {
     const std::lock_guard hold(lock_);
-    session.returned = Clock::now();
-    idle_.push_back(std::move(session));
-    giveNext();
-    stale = takeStale();
+    renewWhenFailed(returned);
+    const bool isGood = isUsable(returned);
+    if (!isGood) ++figures_.replaced;
+    if (isGood && !isShutDown_) {
+      returned.returned = Clock::now();
+      idle_.push_back(std::exchange(returned, Session{}));
+      giveNext();
+    }
   }
-  for (Session& old : stale) discard(std::move(old));
+  closeStale();
+  if (returned.manager != nullptr) discard(std::move(returned));
 }
 
 void TarnManagerPool::markBroken(TarnManager& session) {
@@ -283,26 +385,23 @@ void TarnManagerPool::markBroken(TarnManager& session) {
 }
 
 void TarnManagerPool::renew() {
-  std::vector<Session> stale;
+  const Call call(*this);
   {
     const std::lock_guard hold(lock_);
-    ++generation_;
-    stale = takeStale();
+    startRenewal();
   }
-  for (Session& old : stale) discard(std::move(old));
+  closeStale();
 }
 
-bool TarnManagerPool::shutDown(std::chrono::milliseconds limit) {
-  std::vector<Session> stale;
+bool TarnManagerPool::shutDown(milliseconds limit) {
   {
     const std::lock_guard hold(lock_);
     isShutDown_ = true;
     for (Waiter* const waiter : waiters_) waiter->given.notify_one();
-    stale = takeStale();
   }
-  for (Session& old : stale) discard(std::move(old));
+  closeStale();
   std::unique_lock hold(lock_);
-  return allReturned_.wait_for(hold, limit, [this] { return total_ == 0; });
+  return allReturned_.wait_for(hold, Clamped(limit), [this] { return total_ == 0; });
 }
 
 TarnPoolFigures TarnManagerPool::getFigures() const {

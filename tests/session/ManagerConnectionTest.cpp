@@ -185,10 +185,10 @@ TEST_F(ManagerConnectionTest, ConnectWaitsUntilTheDatabaseIsFreeOrAttemptsEnd) {
   close();
   killed_process holder({PROGRAM_SESSION_WRITER, configuration(), "work"});
   ASSERT_FALSE(holder.next_line(20s).empty());
-  const auto connecting = [this] {
-    return std::async(std::launch::async, [this] {
+  const auto connecting = [this](auto... limit) {
+    return std::async(std::launch::async, [this, limit...] {
       auto m = std::make_unique<TarnManager>();
-      m->connect(configuration().c_str());
+      m->connect(configuration().c_str(), limit...);
       return m;
     });
   };
@@ -198,7 +198,9 @@ TEST_F(ManagerConnectionTest, ConnectWaitsUntilTheDatabaseIsFreeOrAttemptsEnd) {
     const Attempts none(0);
     EXPECT_THAT([&] { waiting.get(); }, ThrowsTarn(5, "Unable to connect to database server."));
   }
-  auto waiting = connecting();
+  EXPECT_THAT([&] { connecting(std::chrono::milliseconds::min()).get(); },
+              ThrowsTarn(105, testing::_));
+  auto waiting = connecting(std::chrono::milliseconds::max());
   EXPECT_EQ(waiting.wait_for(300ms), std::future_status::timeout);
   holder.kill_after(0us);
   const auto m = waiting.get();

@@ -76,8 +76,10 @@ class TARNS_API TarnCacheManager : public goods::cache_manager {
 
   // Throws 110 unless the calling thread is attached to this session.
   void verifyAttached() const;
-  // Throws 111 when the calling thread has a transaction open in another session.
+  // Throws 111 when the calling thread has a transaction open in another session, or in the one
+  // that it is attached to.
   void verifyMayAttach() const;
+  static void VerifyMayLeave();
 
   // The root, made when the database is fresh: in a transaction of its own, also while the calling
   // thread has one open, so that a root that somebody has seen is there to stay.
@@ -94,6 +96,7 @@ class TARNS_API TarnCacheManager : public goods::cache_manager {
   // Whether values are remembered by path (they are by default): for measuring, and for programs
   // that never read a path twice. Before threads share the session.
   void rememberValues(bool on);
+  bool remembersValues() const { return remembered_ != nullptr; }
 
  protected:
   // Whether a locker governs the order in which `path` is locked. Ends the process when its parent

@@ -83,7 +83,8 @@ class TARNS_API TarnManager {
   // not attach the calling thread. With `loadDataLibraries` the extension libraries named for the
   // database are loaded then; what is wrong with one is reported by MdataLibraries and the log, and
   // is no error here. Throws 5 when the number of attempts is 0; at once what is wrong with the
-  // file or the storages. A session whose connect() has thrown is not connected.
+  // file or the storages. A session whose connect() has thrown is not connected; a TarnMeister,
+  // which cannot be connected, throws 111 and stays as it is.
   void connect(const char* configPath, bool loadDataLibraries = false,
                const char* libraryPath = nullptr);
   // The same, but gives up after `limit` (0: after one attempt) with 105, naming the storage that
@@ -317,6 +318,8 @@ class TARNS_API TarnManager {
  protected:
   // Closes and destroys the database, if there is one.
   void freeDB();
+  // Throws when the session has no database of its own to connect.
+  virtual void verifyMayConnect() const {}
   // The node that holds, or is to hold, the path's last branch, made with plain nodes as far as it
   // is missing. The path is left with its last branch only.
   xcptref<TarnObject> createParents(TarnPath& path);

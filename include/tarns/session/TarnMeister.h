@@ -1,11 +1,10 @@
 #pragma once
 
-#include <tarns/session/TarnAttachment.h>
 #include <tarns/session/TarnManager.h>
 #include <tarns/tarns_api.h>
 
 #include <chrono>
-#include <optional>
+#include <memory>
 
 namespace tarns {
 
@@ -22,7 +21,11 @@ class TarnManagerPool;
 // At its end an open transaction is rolled back, the thread is attached to what it was attached to
 // before, and the database goes back to the pool. References to objects must be gone by then: the
 // next user of the session works in the same cache.
-// It cannot be connected to another database.
+// It cannot be connected to another database: that throws 111.
+//
+// Several may be nested, and end in any order: a thread whose session before has gone back to its
+// pool, was closed or connected anew, is attached to what was before that one, or to nothing. But a
+// thread that waits for a second session while it has one may wait for itself, see TarnManagerPool.
 //
 // Threads: made and destroyed by one thread; others may attach to it meanwhile, and must have left
 // it at the end. Errors: as TarnManagerPool::checkOut(); 111 when the thread has a transaction open
@@ -47,11 +50,18 @@ class TARNS_API TarnMeister : public TarnManager {
   void connect(const char*, std::chrono::milliseconds, bool = false,
                const char* = nullptr) = delete;
 
+ protected:
+  void verifyMayConnect() const override;
+
  private:
+  // What the thread comes back to.
+  struct Stay;
+  static std::shared_ptr<Stay> Begin();
+  static void End(const std::shared_ptr<Stay>& stay);
+
   TarnManagerPool& pool_;
-  TarnManager* session_;  // the pool's; null once it is returned
-  goods::cache_manager* const former_;
-  std::optional<TarnAttachment> attachment_;
+  std::shared_ptr<Stay> stay_;
+  TarnManager* session_ = nullptr;  // the pool's; null once it is returned
 };
 
 }  // namespace tarns

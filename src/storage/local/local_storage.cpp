@@ -106,8 +106,12 @@ void local_storage::check_request(const commit_request& request) const {
 }
 
 // After a commit whose outcome is unknown, or one over several storages that others did not finish.
+bool local_storage::has_failed() const {
+  return parts_->store.has_failed() || parts_->log.has_failed();
+}
+
 void local_storage::check_usable() const {
-  if (!parts_->store.has_failed() && !parts_->log.has_failed()) return;
+  if (!has_failed()) return;
   throw_outcome_unknown(
       "The storage \"{}\" takes no commits after one whose outcome is unknown: it must be opened "
       "again.",
@@ -155,7 +159,7 @@ void local_storage::write_group(commit_queue::commit_group group) {
     write_together(group);
     return;
   } catch (...) {
-    if (group.size() == 1 || parts_->store.has_failed() || parts_->log.has_failed()) {
+    if (group.size() == 1 || has_failed()) {
       for (queued_commit* member : group) member->failure = std::current_exception();
       return;
     }

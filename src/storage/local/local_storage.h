@@ -48,6 +48,7 @@ class local_storage : public dbs_storage {
   void give_back(number_range unused) noexcept override;
   void reclaim(const std::function<bool(object_number first)>& is_unused) override;
   commit_version commit(const commit_request& request) override;
+  bool has_failed() const override;
   void make_durable() override;
   void give_back_room() override;
   std::unique_ptr<commit_pause> pause_commits() override;
