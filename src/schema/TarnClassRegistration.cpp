@@ -2,8 +2,11 @@
 #include <tarns/logging/Log.h>
 #include <tarns/schema/TarnClassRegistration.h>
 
+#include <exception>
 #include <string>
 #include <string_view>
+
+#include "schema/RegistrationScope.h"
 
 namespace tarns {
 
@@ -28,16 +31,25 @@ TarnClassRegistration::TarnClassRegistration(
     TarnFactory::TypeFunction getType, unsigned size,
     goods::class_descriptor::constructor_function construct, TarnFactory::CreateFunction create,
     goods::class_descriptor& base, const TarnClassOptions& options)
-    : factory_(create, VerifiedType(getType)),
-      helper_((std::string(getType()) + "_t").c_str(), size, options.scheme, construct, nullptr,
+    : helper_((std::string(getType()) + "_t").c_str(), size, options.scheme, construct, nullptr,
               &base, goods::class_descriptor::helper_class, options.isTarnsBaseClass,
-              options.pageN),
-      prototype_(construct(nullptr, helper_, 0)),
-      descriptor_(getType(), size, options.scheme, construct,
-                  prototype_.getObject()->describe_components(), &base, 0, options.isTarnsBaseClass,
-                  options.pageN, options.mayBeGuest) {
-  for (const char* formerName : options.formerNames) {
-    goods::class_descriptor::register_class_alias(formerName, getType());
+              options.pageN) {
+  RegistrationScope* const scope = RegistrationScope::Current();
+  if (scope != nullptr && scope->hasFailed()) return;
+  try {
+    factory_.emplace(create, VerifiedType(getType));
+    prototype_.emplace(construct(nullptr, helper_, 0));
+    descriptor_.emplace(getType(), size, options.scheme, construct,
+                        prototype_->getObject()->describe_components(), &base, 0,
+                        options.isTarnsBaseClass, options.pageN, options.mayBeGuest);
+    for (const char* formerName : options.formerNames) {
+      goods::class_descriptor::register_class_alias(formerName, getType());
+    }
+  } catch (const std::exception& error) {
+    if (scope == nullptr) throw;
+    scope->note(getType(), error.what());
+    descriptor_.reset();
+    factory_.reset();
   }
 }
 

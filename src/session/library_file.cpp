@@ -4,12 +4,14 @@
 #include <fmt/format.h>
 #include <sys/stat.h>
 #include <unistd.h>
+#include <xxhash.h>
 
 #include <algorithm>
 #include <bit>
 #include <cerrno>
 #include <cstdint>
 #include <cstring>
+#include <memory>
 #include <string_view>
 #include <system_error>
 
@@ -32,6 +34,16 @@ constexpr Elf64_Half kMachine = EM_RISCV;
 #endif
 
 [[noreturn]] void ThrowDamaged() { throw LibraryProblem("is damaged, or is no shared library"); }
+
+// 0 at the end of the file.
+std::size_t ReadSome(int file, void* into, std::size_t size, off_t offset) {
+  for (;;) {
+    const ssize_t got = pread(file, into, size, offset);
+    if (got >= 0) return static_cast<std::size_t>(got);
+    if (errno == EINTR) continue;
+    throw LibraryProblem(fmt::format("cannot be read: {}", std::generic_category().message(errno)));
+  }
+}
 
 class Reader {
  public:
@@ -73,15 +85,11 @@ class Reader {
     if (offset > size_ || size > size_ - offset) ThrowDamaged();
     auto* at = static_cast<char*>(into);
     while (size > 0) {
-      const ssize_t got = pread(file_, at, size, static_cast<off_t>(offset));
-      if (got < 0 && errno == EINTR) continue;
-      if (got < 0)
-        throw LibraryProblem(
-            fmt::format("cannot be read: {}", std::generic_category().message(errno)));
+      const std::size_t got = ReadSome(file_, at, size, static_cast<off_t>(offset));
       if (got == 0) ThrowDamaged();
       at += got;
-      offset += static_cast<std::uint64_t>(got);
-      size -= static_cast<std::uint64_t>(got);
+      offset += got;
+      size -= got;
     }
   }
 
@@ -158,5 +166,20 @@ class Reader {
 }  // namespace
 
 LibraryFile ReadLibraryFile(int file) { return Reader(file).read(); }
+
+LibraryContents ReadLibraryContents(int file) {
+  const std::unique_ptr<XXH3_state_t, decltype(&XXH3_freeState)> state(XXH3_createState(),
+                                                                       XXH3_freeState);
+  if (state == nullptr) throw std::bad_alloc();
+  XXH3_128bits_reset(state.get());
+  std::vector<char> bytes(1 << 16);
+  off_t offset = 0;
+  while (const std::size_t got = ReadSome(file, bytes.data(), bytes.size(), offset)) {
+    XXH3_128bits_update(state.get(), bytes.data(), got);
+    offset += static_cast<off_t>(got);
+  }
+  const XXH128_hash_t hash = XXH3_128bits_digest(state.get());
+  return {hash.high64, hash.low64};
+}
 
 }  // namespace tarns

@@ -1,8 +1,10 @@
 // What a shared library says of itself, read from its file without running any of it.
 #pragma once
 
+#include <cstdint>
 #include <stdexcept>
 #include <string>
+#include <utility>
 #include <vector>
 
 namespace tarns {
@@ -21,5 +23,9 @@ struct LibraryFile {
 // Reads an ELF file through a descriptor. Believes nothing that is in it: any bytes give a result
 // or a LibraryProblem.
 LibraryFile ReadLibraryFile(int file);
+
+// What tells different contents from each other: a hash of 128 bits. Throws as above.
+using LibraryContents = std::pair<std::uint64_t, std::uint64_t>;
+LibraryContents ReadLibraryContents(int file);
 
 }  // namespace tarns

@@ -6,6 +6,8 @@
 #include <tarns/schema/TarnCloner.h>
 #include <tarns/session/TarnLibraries.h>
 #include <tarns/session/TarnLibrary.h>
+#include <tarns/session/TarnManagerPool.h>
+#include <tarns/session/TarnMeister.h>
 #include <tarns/tarns_version.h>
 #include <unistd.h>
 
@@ -37,9 +39,10 @@ class LibrariesTest : public session_test {
   }
 
   std::string folder() const { return directory().file("tarns.libraries"); }
-  void put(const std::string& name) {
-    fs::copy_file(fs::path(LIBRARIES) / ("lib" + name + ".so"),
-                  fs::path(folder()) / ("lib" + name + ".so"));
+  std::string file(const std::string& name) const { return folder() + "/lib" + name + ".so"; }
+  void put(const std::string& name) { putAs(name, name); }
+  void putAs(const std::string& name, const std::string& as) {
+    fs::copy_file(fs::path(LIBRARIES) / ("lib" + name + ".so"), file(as));
   }
   std::size_t load(TarnLibraries& libraries, bool withDependencies = true) {
     return libraries.loadDataLibraries(configuration().c_str(), nullptr, withDependencies);
@@ -58,6 +61,7 @@ class LibrariesTest : public session_test {
 TEST_F(LibrariesTest, TheFolderIsNamedForTheDatabase) {
   EXPECT_EQ(TarnLibraries::GetFolder("data/tarns.conf", nullptr), "data/tarns.libraries");
   EXPECT_EQ(TarnLibraries::GetFolder("plant.conf", nullptr), "plant.libraries");
+  EXPECT_EQ(TarnLibraries::GetFolder("data/tarns.conf", ""), "data/tarns.libraries");
   EXPECT_EQ(TarnLibraries::GetFolder("/data/plant", "/usr/lib/x"), "/usr/lib/x/plant.libraries");
   EXPECT_THAT(std::string(GetLibraryVersion()),
               testing::StartsWith(std::string(TARNS_LIBRARY_ABI).substr(6) + "."));
@@ -72,37 +76,67 @@ TEST_F(LibrariesTest, BringsClassesInTheOrderOfDependencies) {
   EXPECT_TRUE(TarnObject::CreateOfType("Press").is_null());
   put("machines_tested");
   put("a_press");
+  putAs("a_press", "z_press");
   TarnLibraries& libraries = TarnManager::MdataLibraries;
   close();
-  {
+  for (int i = 0; i < 2; ++i) {  // the second time what they are linked with is there
     TarnManager session;
     session.connect(configuration().c_str(), true);
-    EXPECT_THAT(Problems(libraries),
-                ElementsAre("liba_press.so: is linked with \"libmachines_tested.so\" of the same "
-                            "folder, and dependencies are not supported here"));
+    const std::string problem =
+        "_press.so: is linked with \"libmachines_tested.so\" of the same folder, and dependencies "
+        "are not supported here";
+    EXPECT_THAT(Problems(libraries), ElementsAre("liba" + problem, "libz" + problem));
     EXPECT_FALSE(TarnObject::CreateOfType("Machine").is_null());
     EXPECT_TRUE(TarnObject::CreateOfType("Press").is_null());
   }
-  TarnManager session;
-  session.supportDependencies(true);
-  session.connect(configuration().c_str(), true);
+  TarnManagerPool pool(configuration().c_str(),
+                       {.largest = 1, .loadDataLibraries = true, .supportDependencies = true});
+  TarnMeister session(pool);
   EXPECT_THAT(Problems(libraries), IsEmpty());
   const auto states = libraries.getLibraries();
   ASSERT_EQ(states.size(), 2U);
   EXPECT_THAT(states[0].classes, ElementsAre("Machine"));
   EXPECT_THAT(states[1].classes, ElementsAre("Press"));
   EXPECT_EQ(load(libraries), 0U) << "once is enough";
-  const TarnAttachment attachment(session);
   session.set("hall~press", TarnObject::CreateOfType("Press"));
   session.set("hall~press~Force", 250);
   session.copyBranch("hall", "copy");
   EXPECT_EQ(session.getSint32("copy~press~Force"), 250);
   EXPECT_STREQ(session.getObject("copy~press")->getType(), "Press");
+
+  // What another database has of the same is used with both, unless it is another version.
+  const fs::path other = directory().file("other.libraries");
+  fs::create_directory(other);
+  fs::permissions(other, fs::perms::owner_all);
+  const auto loadOther = [&] {
+    return libraries.loadDataLibraries(directory().file("other.conf").c_str(), nullptr, true);
+  };
+  const std::string machines = "libmachines_tested.so", press = "liba_press.so";
+  for (const std::string& name : {machines, press}) fs::copy(folder() + "/" + name, other / name);
+  EXPECT_EQ(loadOther(), 0U);
+  EXPECT_THAT(Problems(libraries), IsEmpty());
+  for (const std::string& name : {machines, press}) std::ofstream(other / name, std::ios::app) << 1;
+  EXPECT_EQ(loadOther(), 0U);
+  EXPECT_THAT(
+      Problems(libraries),
+      ElementsAre(HasSubstr(machines + ": has the name \"" + machines +
+                            "\" of another one, which is loaded from \"" + folder()),
+                  HasSubstr(press + ": is linked with \"" + machines + "\", which was not")));
+  for (const std::string& name : {machines, press}) fs::remove(other / name);
+  EXPECT_EQ(loadOther(), 0U);
+  EXPECT_THAT(Problems(libraries), IsEmpty()) << "they are gone";
+  put("registers");
+  EXPECT_EQ(load(libraries), 1U);
+  EXPECT_THAT(libraries.getLibraries().back().classes, ElementsAre("Machine"));
+  EXPECT_THAT(libraries.getLibraries().back().replaced, ElementsAre("Machine"));
 }
 
 TEST_F(LibrariesTest, ABrokenLibraryIsReportedAndStopsNothing) {
   const captured_log log;
-  for (const char* name : {"no_abi", "other_abi", "unresolved", "circle_1", "circle_2"}) put(name);
+  for (const char* name : {"no_abi", "other_abi", "unresolved", "circle_1", "circle_2", "throws",
+                           "refused_base", "needs_refused"}) {
+    put(name);
+  }
   std::ofstream(folder() + "/libjunk.so") << "not a library at all, but long enough to be read\n";
   std::ofstream(folder() + "/libempty.so") << "";
   std::ofstream(folder() + "/readme.txt") << "ignored\n";
@@ -115,9 +149,27 @@ TEST_F(LibrariesTest, ABrokenLibraryIsReportedAndStopsNothing) {
                   HasSubstr("libunresolved.so: cannot be loaded: "),
                   HasSubstr("libcircle_1.so: is linked with \"libcircle_2.so\", and that in turn"),
                   HasSubstr("libcircle_2.so: is linked with \"libcircle_1.so\", and that in turn"),
+                  HasSubstr("libthrows.so: cannot register \"Thrower\": no such press"),
+                  HasSubstr("librefused_base.so: was built for \"tarns 99.0\""),
+                  HasSubstr("libneeds_refused.so: is linked with \"librefused_base.so.1\", which "
+                            "was not loaded"),
                   HasSubstr("libjunk.so: is damaged"), HasSubstr("libempty.so: is damaged")));
+  for (const char* name : {"Thrower", "Later"}) {
+    EXPECT_TRUE(TarnObject::CreateOfType(name).is_null());
+    EXPECT_EQ(goods::class_descriptor::find(name), nullptr);
+  }
   EXPECT_EQ(load(libraries), 0U);
-  EXPECT_EQ(libraries.getLibraries().size(), 7U) << "each is reported once";
+  EXPECT_EQ(libraries.getLibraries().size(), 10U) << "each is reported once";
+  fs::remove_all(folder());
+  EXPECT_EQ(load(libraries), 0U);
+  EXPECT_THAT(Problems(libraries), ElementsAre(HasSubstr("libthrows.so"))) << "it is still there";
+}
+
+TEST_F(LibrariesTest, ALibraryThatEndsTheProcessIsNamed) {
+  put("throws_at_once");
+  close();  // the child has no threads
+  TarnLibraries libraries;
+  EXPECT_DEATH(load(libraries), "libthrows_at_once.so.*: too early");
 }
 
 TEST_F(LibrariesTest, LoadsNothingThatOthersMayChange) {
@@ -127,7 +179,7 @@ TEST_F(LibrariesTest, LoadsNothingThatOthersMayChange) {
     std::function<void()> spoil;
     const char* problem;
   };
-  const std::string file = folder() + "/libno_abi.so";
+  const std::string file = this->file("no_abi");
   const auto recreate = [&] {
     fs::remove_all(folder());
     fs::create_directory(folder());

@@ -7,6 +7,7 @@
 #include <tarns/schema/TarnFactory.h>
 #include <tarns/tarns_api.h>
 
+#include <optional>
 #include <vector>
 
 namespace tarns {
@@ -32,6 +33,8 @@ struct TarnClassOptions {
 // unloaded. A class of a name that another live class has is reported as an error in the log, and
 // takes that one's place in look-ups by name while it lives. Threads: as function-local statics
 // are, see TARN_REGISTER.
+// Errors: what the members' description throws; where TarnLibraries loads the class, it is noted,
+// and neither this class nor others that the library registers afterwards become known.
 class TARNS_API TarnClassRegistration {
  public:
   TarnClassRegistration(TarnFactory::TypeFunction getType, unsigned size,
@@ -39,13 +42,14 @@ class TARNS_API TarnClassRegistration {
                         TarnFactory::CreateFunction create, goods::class_descriptor& base,
                         const TarnClassOptions& options);
 
-  TarnClassDescriptor& getDescriptor() { return descriptor_; }
+  // The helper's where the class did not become known.
+  TarnClassDescriptor& getDescriptor() { return descriptor_ ? *descriptor_ : helper_; }
 
  private:
-  TarnFactory factory_;
+  std::optional<TarnFactory> factory_;
   TarnClassDescriptor helper_;
-  TarnClassPrototype prototype_;
-  TarnClassDescriptor descriptor_;
+  std::optional<TarnClassPrototype> prototype_;
+  std::optional<TarnClassDescriptor> descriptor_;
 };
 
 }  // namespace tarns
