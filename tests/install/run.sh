@@ -1,7 +1,7 @@
 #!/usr/bin/env bash
 # Installs the library, moves the installed tree elsewhere, and builds and runs a small outside project
 # against it: through the CMake package, then through pkg-config. The project's program is the one in
-# the README.
+# the README, its library of classes the example's, which the installed command loads.
 #
 # usage: run.sh BUILD_DIRECTORY C++_COMPILER
 set -euo pipefail
@@ -16,6 +16,7 @@ mv "$work/first" "$work/tree"
 library=$(find "$work/tree" -name libtarns.so)
 mkdir "$work/project"
 cp "$here/CMakeLists.txt" "$work/project/"
+cp "$here"/../../examples/{Machine.h,Machine.cpp,machine_library.cpp} "$work/project/"
 sed -n '/^```cpp$/,/^```$/{/^```/!p}' "$here/../../README.md" >"$work/project/main.cpp"
 
 fail() {
@@ -39,6 +40,18 @@ cmake -S "$work/project" -B "$work/cmake" -G Ninja -DCMAKE_CXX_COMPILER="$compil
   -DCMAKE_PREFIX_PATH="$work/tree" -DCMAKE_CXX_FLAGS="-Wall -Wextra -Wpedantic -Werror" >/dev/null
 cmake --build "$work/cmake" >"$work/log" || { cat "$work/log" && fail "the CMake build"; }
 expect_two_runs cmake "$work/cmake/outside"
+
+echo "a library of classes"
+command=$(find "$work/tree" -path '*/bin/tarns')
+if [[ -n $command ]]; then
+  mkdir "$work/hall"
+  mkdir -m 700 "$work/hall/tarns.libraries"
+  install -m 600 "$work/cmake/libmachines.so" "$work/hall/tarns.libraries/"
+  tarns=("$command" -d "$work/hall")
+  "${tarns[@]}" init >/dev/null
+  printf 'Machine press\n  Speed 40\n' | "${tarns[@]}" --libraries import - press --format text >/dev/null
+  [[ $("${tarns[@]}" --libraries get press~Speed) == 40 ]] || fail "the class of the library is not known"
+fi
 
 echo "through pkg-config"
 export PKG_CONFIG_PATH=${library%/*}/pkgconfig
