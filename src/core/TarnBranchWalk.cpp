@@ -14,9 +14,10 @@ namespace tarns {
 
 namespace {
 
-// The first batches are small: many walks look at a few nodes only.
+// The first batches are small: many walks look at a few nodes only. Larger ones than this take
+// longer: what was read has left the processor's caches until the walk gets there.
 constexpr std::size_t kFirstBatch = 32;
-constexpr std::size_t kLargestBatch = 512;
+constexpr std::size_t kLargestBatch = 128;
 
 }  // namespace
 

@@ -52,7 +52,7 @@ bool TarnStringValue::getValue(TarnData& out) const {
 }
 
 bool TarnStringValue::setTarnValue(const TarnData& value) {
-  value_.set(value.getString());
+  value_.set(value.getText());
   return true;
 }
 

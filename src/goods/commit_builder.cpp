@@ -152,6 +152,7 @@ void commit_builder::make_persistent(object_handle& handle, storage_number stora
 
 void commit_builder::pack_numbered() {
   for (; packed_ < changes_.created.size(); ++packed_) {
+    fetch_ahead(changes_.created, packed_);
     const object_handle& handle = *changes_.created[packed_].handle();
     pack(*handle.body(), handle.id(), true);
   }

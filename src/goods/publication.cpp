@@ -1,6 +1,5 @@
 #include "goods/publication.h"
 
-#include <span>
 #include <utility>
 
 #include <goods/class_descriptor.h>
@@ -31,16 +30,6 @@ void use_identifiers(object& body) {
   body.cls().visit_references(body, visitor);
 }
 
-// What a large commit made has left the processor's caches by the time it is published. A new
-// object lies directly before its handle.
-constexpr std::size_t fetched_ahead = 8;
-
-void fetch(const object_handle* handle) {
-  constexpr std::size_t cache_line = 64;
-  const auto* const end = reinterpret_cast<const char*>(handle);
-  for (std::size_t line = 0; line < 3; ++line) __builtin_prefetch(end - line * cache_line);
-}
-
 // An object that is in no table can be reached through counted references only. False, and nothing
 // happened, when there is one beside `created`.
 bool drop_unless_referenced(object_ref& created) {
@@ -63,7 +52,7 @@ void publication::install_created(object_cache& cache) {
   if (installed_ == created.size()) return;
   const std::span fresh(created.begin() + static_cast<std::ptrdiff_t>(installed_), created.end());
   for (std::size_t i = 0; i < fresh.size(); ++i) {
-    if (i + fetched_ahead < fresh.size()) fetch(fresh[i + fetched_ahead].handle());
+    fetch_ahead(fresh, i);
     use_identifiers(*fresh[i].handle()->body());
   }
   // From here on a new object is counted once by this publication and once by everybody outside.
@@ -72,7 +61,7 @@ void publication::install_created(object_cache& cache) {
   }
   const bool drops = cache.is_too_much(created.size());
   for (std::size_t i = 0; i < fresh.size(); ++i) {
-    if (i + fetched_ahead < fresh.size()) fetch(fresh[i + fetched_ahead].handle());
+    fetch_ahead(fresh, i);
     if (!drops || !drop_unless_referenced(fresh[i])) cache.install(*fresh[i].handle());
     ++installed_;
   }

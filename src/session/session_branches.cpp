@@ -8,6 +8,8 @@
 #include <vector>
 
 #include "core/node_access.h"
+#include "goods/new_objects.h"
+#include "schema/BranchCopy.h"
 #include "schema/BranchMerge.h"
 
 namespace tarns {
@@ -15,6 +17,7 @@ namespace tarns {
 namespace {
 
 constexpr std::uint32_t kFirstObjectNumber = 65536;  // numbers below are those of class layouts
+constexpr std::size_t kNodesUndisturbed = 4096;      // copied between two looks at the versions
 
 // Throws unless `node` may come to stand below the node `at`.
 void VerifyOutside(const TarnRef& node, const TarnRef& at, std::string_view from,
@@ -167,11 +170,54 @@ bool TarnManager::deleteBranch(TarnPathText path) {
 }
 
 void TarnManager::copyBranch(TarnPathText from, TarnPathText to) {
-  getCacheManager().atomically([&] {
+  goods::cache_manager& session = getCacheManager();
+  if (!session.in_transaction() && copyUndisturbed(from.view(), to.view())) return;
+  session.atomically([&] {
     const TarnRef node = existing(from);
     VerifyNotRoot(to.view());
     set(to, node->deepClone());
   });
+}
+
+// Makes the copy outside of transactions, where nothing has to be locked and kept in memory, and
+// stores it when nobody has committed anything since it was begun: then it is of one state, and
+// that is the current one while the place is locked. Otherwise, or when it is more than a
+// transaction may make, returns false as soon as that is known, and nothing has changed.
+bool TarnManager::copyUndisturbed(std::string_view from, std::string_view to) {
+  struct Disturbed {};
+  const std::vector<std::uint64_t> before = currentVersions();
+  const TarnRef node = existing(from);
+  VerifyNotRoot(to);
+  TarnRef copy;
+  {
+    const std::int64_t madeBefore = goods::new_object_bytes::count();
+    const auto limit = static_cast<std::int64_t>(getCacheManager().transaction_limit());
+    BranchCopy nodes;  // gone before the commit, which keeps in memory what others refer to
+    copy = nodes.begin(node, BranchCopy::Below::kCopied);
+    while (nodes.copyMore(kNodesUndisturbed) > 0) {
+      if (currentVersions() != before) return false;
+      if (goods::new_object_bytes::count() - madeBefore > limit) return false;
+    }
+    nodes.setReferences();
+  }
+  try {
+    getCacheManager().atomically([&] {
+      set(to, copy);
+      if (currentVersions() != before) throw Disturbed();
+    });
+  } catch (const Disturbed&) {
+    return false;
+  }
+  return true;
+}
+
+// Of all storages, with all commits that have returned.
+std::vector<std::uint64_t> TarnManager::currentVersions() const {
+  std::vector<std::uint64_t> versions;
+  for (unsigned long storage = 0; storage < getNumStorages(); ++storage) {
+    versions.push_back(getCacheManager().version(static_cast<goods::storage_number>(storage)));
+  }
+  return versions;
 }
 
 void TarnManager::moveBranch(TarnPathText from, TarnPathText to) {

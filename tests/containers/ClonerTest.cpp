@@ -5,6 +5,7 @@
 #include <tarns/core/TarnBranchWalk.h>
 #include <tarns/core/TarnException.h>
 #include <tarns/core/TarnObjects.h>
+#include <tarns/schema/TarnClassRegistration.h>
 #include <tarns/schema/TarnFieldDescriptor.h>
 
 #include <chrono>
@@ -14,6 +15,7 @@
 #include <stdexcept>
 #include <string>
 #include <thread>
+#include <utility>
 #include <vector>
 
 #include "bundle_check.h"
@@ -23,6 +25,20 @@
 #include "support/throws_tarn.h"
 
 namespace tarns {
+
+// Does something while it is copied, once.
+class Meddler : public TarnObject {
+  TARN_CLASS(Meddler, TarnObject)
+
+ public:
+  static inline std::function<void()> meddle;
+  TarnRef clone() const override {
+    if (const auto work = std::exchange(meddle, nullptr)) work();
+    return TarnObject::clone();
+  }
+};
+TARN_REGISTER(Meddler, TarnObject);
+
 namespace {
 
 using testing::HasSubstr;
@@ -322,6 +338,39 @@ TEST_F(ClonerTest, CopiesWhatIsThereWhileOthersChangeTheBranch) {
     EXPECT_EQ(child->getParent(), at("copy")) << name;
     EXPECT_NE(child, at("top~" + name)) << name;
   }
+}
+
+// One call, one state: also where it has to begin anew since somebody has committed meanwhile.
+TEST_F(ClonerTest, ACopyInOneTransactionIsOfOneState) {
+  manager().transaction([&] {
+    for (int i = 0; i < 500; ++i) manager().set("top~" + std::to_string(100 + i), 1);
+    manager().set("top~1", Meddler::Create());
+  });
+  Meddler::meddle = [&] {
+    std::jthread([&] {
+      const TarnAttachment attachment(manager());
+      manager().transaction([&] {
+        manager().set("top~0", 2);
+        for (int i = 0; i < 500; ++i) manager().set("top~" + std::to_string(100 + i), 2);
+      });
+    });
+  };
+  manager().copyBranch("top", "top~100~copy");
+  EXPECT_FALSE(Meddler::meddle);
+  EXPECT_EQ(manager().getSint32("top~100~copy~0"), 2);
+  for (int i = 0; i < 500; ++i) {
+    ASSERT_EQ(manager().getSint32("top~100~copy~" + std::to_string(100 + i)), 2);
+  }
+  EXPECT_EQ(at("top~100~copy~100~copy"), nullptr);
+  // What is more than a transaction may take is refused as in any other.
+  manager().transaction([&] {
+    for (int i = 0; i < 3'000; ++i) {
+      manager().set("large~" + std::to_string(i), std::string(500, 'x'));
+    }
+  });
+  manager().setTransactionLimit(std::size_t{1} << 20);
+  EXPECT_THAT([&] { manager().copyBranch("large", "copy"); }, ThrowsTarn(103, HasSubstr("1 MiB")));
+  EXPECT_EQ(at("copy"), nullptr);
 }
 
 // However deep it is: the longest way is gone down once, and nothing is looked for from the top.

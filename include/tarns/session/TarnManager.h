@@ -335,6 +335,8 @@ class TARNS_API TarnManager {
   T read(TarnPathText path, T (TarnData::*as)() const noexcept, T dflt) const;
   xcptref<TarnObject> existing(TarnPathText path) const;
   xcptref<TarnObject> branchFor(std::string_view path);
+  bool copyUndisturbed(std::string_view from, std::string_view to);
+  std::vector<std::uint64_t> currentVersions() const;
   void moveNode(const xcptref<TarnObject>& node, std::string_view to);
   void mergeInto(BranchMerge& merge, const BranchNode& source, std::string_view to,
                  bool changesNothing);
