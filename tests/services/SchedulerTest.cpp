@@ -16,6 +16,7 @@
 
 #include "services/CountingDelegate.h"
 #include "support/captured_log.h"
+#include "support/replaced_rows.h"
 #include "support/session_fixture.h"
 #include "support/throws_tarn.h"
 
@@ -273,6 +274,25 @@ TEST_F(SchedulerTest, GoesOnWhenItsBranchIsMadeAnew) {
   WaitUntil([&] { return tasks_.getNumTasks() == 0; });
   scheduler.stop();
   EXPECT_EQ(scheduler.getFigures().runs, 3u);
+}
+
+TEST_F(SchedulerTest, ADamagedTaskHoldsUpNoOther) {
+  std::vector<std::uint64_t> nodes;
+  for (const auto early : {3s, 2s, 1s}) {
+    const auto number = tasks_.schedule({"CountingDelegate", TarnTasks::Now() - early, {}, {}});
+    nodes.push_back(TarnObject::GetObjectID(tasks_.getTask(number)));
+  }
+  close();
+  goods::rewrite_object(directory().file("data0/store.db"), goods::number_of(nodes[0]),
+                        [](std::vector<std::byte>& state) { state.resize(1); });
+  open();
+  const captured_log log;
+  TaskScheduler scheduler(config().c_str(), Quick());
+  WaitUntil([&] { return scheduler.getFigures().runs == 2; });
+  scheduler.stop();
+  EXPECT_THAT(log.lines(), Contains(HasSubstr("could not be run and waits: ")));
+  EXPECT_THAT(counts(), ElementsAre(1, 1));
+  EXPECT_EQ(manager().getNumChildren("scheduler~Due"), 1u);  // until it is restored
 }
 
 TEST_F(SchedulerTest, ALockThatIsNotHadIsNoFailureOfTheTask) {
