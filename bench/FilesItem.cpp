@@ -96,6 +96,9 @@ double RunAndSync(const ChildProcess& process, const fs::path& written) {
 void Bench::files() {
   const fs::path program = fs::path(OwnProgram()).replace_filename("tarns");
   if (!fs::exists(program)) return report_.note("vfs: not measured, there is no tarns command");
+  if (!fs::is_directory(options_.tree)) {
+    return report_.note("vfs: not measured, there is no directory " + options_.tree.string());
+  }
   const fs::path place = options_.scratch / "vfs";
   const fs::path source = Stage(options_.tree, place / "source", options_.quick);
   const auto count = static_cast<double>(CountFiles(source));
