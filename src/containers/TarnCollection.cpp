@@ -5,9 +5,7 @@
 #include <tarns/schema/GOODSinOut.h>
 #include <tarns/schema/TarnClassRegistration.h>
 
-#include <algorithm>
 #include <cstdint>
-#include <iterator>
 
 #include "core/further_children.h"
 #include "core/node_access.h"
@@ -18,8 +16,9 @@ TARN_REGISTER_WITH(TarnCollection, TarnUint32Value, .pageN = 146);
 
 namespace {
 
-TarnRef OldOf(const TarnRef& node) {
-  return node.isA<TarnCollection>() ? xcptref<TarnCollection>(node)->getOld() : nullptr;
+const TarnObject* OldOf(goods::reader& reader, const TarnObject& node) {
+  if (!TarnCollection::SelfClass().is_superclass_for(node.cls())) return nullptr;
+  return static_cast<const TarnCollection&>(node).lookAtOld(reader);
 }
 
 [[maybe_unused]] const bool isDefined = DefineFurtherHolder(OldOf);
@@ -77,17 +76,7 @@ unsigned long TarnCollection::getNumChildren() const {
 std::vector<std::string> TarnCollection::getAllChildNames(std::string_view after,
                                                           std::size_t limit) const {
   return goods::read_here([&](goods::reader& reader) {
-    const auto& self = static_cast<const TarnCollection&>(Current(reader, *this));
-    std::vector<std::string> own = self.getChildNames(after, limit);
-    if (self.old_.is_null()) return own;
-    std::vector<std::string> old = reader.get(self.old_)->getChildNames(after, limit);
-    std::vector<std::string> all;
-    all.reserve(own.size() + old.size());
-    std::merge(std::move_iterator(own.begin()), std::move_iterator(own.end()),
-               std::move_iterator(old.begin()), std::move_iterator(old.end()),
-               std::back_inserter(all));
-    if (all.size() > limit) all.resize(limit);
-    return all;
+    return static_cast<const TarnCollection&>(Current(reader, *this)).getChildNames(after, limit);
   });
 }
 
@@ -111,6 +100,10 @@ unsigned long TarnCollection::GetOptimalHeightFor(unsigned long numChildren) {
     for (unsigned long i = 0; i < height; ++i) limit *= limit;  // wraps
   } while (numChildren > limit && limit != 0);
   return height;
+}
+
+const TarnObject* TarnCollection::lookAtOld(goods::reader& reader) const {
+  return reader.get(old_);
 }
 
 void TarnCollection::discardOld() {

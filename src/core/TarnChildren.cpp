@@ -4,6 +4,8 @@
 
 #include <utility>
 
+#include "core/further_children.h"
+
 namespace tarns {
 
 TarnChildren::Iterator::Iterator(xcptref<TarnObjects> index) : index_(std::move(index)) {
@@ -16,11 +18,21 @@ TarnChildren::Iterator& TarnChildren::Iterator::operator++() {
 }
 
 void TarnChildren::Iterator::fetch() {
+  bool isOfBoth = false;
   auto entries = goods::read_here([&](goods::reader& reader) {
-    return reader.get(index_)->entries_after(reader, last_ ? &*last_ : nullptr, kBatchSize);
+    const goods::index_position* const after = last_ ? &*last_ : nullptr;
+    const TarnObjects& own = *reader.get(index_);
+    const TarnObjects* const further = FurtherListOf(reader, own);
+    isOfBoth = further != nullptr;
+    if (isOfBoth) return EntriesOfBoth(reader, own, *further, after, kBatchSize);
+    return own.entries_after(reader, after, kBatchSize);
   });
   if (!last_) last_.emplace(std::string_view());
-  last_->move_behind(entries);
+  if (!isOfBoth) {
+    last_->move_behind(entries);
+  } else if (!entries.empty()) {
+    last_ = BehindAllCalled(entries.back().name);
+  }
   batch_.clear();
   batch_.reserve(entries.size());
   for (goods::held_entry& entry : entries) {
@@ -28,7 +40,7 @@ void TarnChildren::Iterator::fetch() {
         {.name = std::move(entry.name), .child = xcptref<TarnObject>::Trusted(entry.target)});
   }
   at_ = 0;
-  isLastBatch_ = entries.size() < kBatchSize;
+  isLastBatch_ = isOfBoth ? entries.empty() : entries.size() < kBatchSize;
 }
 
 }  // namespace tarns

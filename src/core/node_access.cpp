@@ -9,6 +9,7 @@
 #include <optional>
 #include <utility>
 
+#include "core/further_children.h"
 #include "goods/B_tree_walk.h"
 #include "goods/prototype.h"
 #include "util/c_text.h"
@@ -100,6 +101,15 @@ bool AddChildNames(const std::function<const TarnObject*(goods::reader&)>& find,
       const goods::guest_scope guests(reader, goods::guest_scope::policy::at_first);
       const TarnObjects* index = exists ? TarnNodeAccess::IndexOf(reader, *node) : nullptr;
       if (index == nullptr) return;
+      if (const TarnObjects* const further = FurtherListOf(reader, *node)) {
+        std::optional<goods::index_position> from = position;
+        if (!from && !after.empty()) from = BehindAllCalled(after);
+        const auto some =
+            EntriesOfBoth(reader, *index, *further, from ? &*from : nullptr, wanted + 1);
+        for (const goods::held_entry& entry : some) names.push_back(entry.name);
+        if (!some.empty()) next = BehindAllCalled(some.back().name);
+        return;
+      }
       goods::B_tree_walk walk(reader, *index);
       if (position) {
         walk.seek_behind(*position);
@@ -119,6 +129,7 @@ bool AddChildNames(const std::function<const TarnObject*(goods::reader&)>& find,
     });
     goesOn = next.has_value();
     position = std::move(next);
+    if (names.size() - before > limit) names.resize(before + limit);
     limit -= names.size() - before;
   }
   return exists;

@@ -3,13 +3,16 @@
 #include <tarns/containers/TarnBundle.h>
 #include <tarns/containers/TarnCollection.h>
 #include <tarns/core/TarnException.h>
+#include <tarns/core/TarnObjects.h>
 #include <tarns/schema/GOODSinOut.h>
 #include <tarns/schema/TarnClassRegistration.h>
 
 #include <functional>
 #include <map>
+#include <set>
 #include <sstream>
 
+#include "support/replaced_rows.h"
 #include "support/session_fixture.h"
 #include "support/throws_tarn.h"
 
@@ -52,13 +55,24 @@ class CollectionTest : public session_test {
     TarnCollection::Balance(manager(), manager().getRoot(), "c", progress);
   }
   xcptref<TarnCollection> collection() { return xcptref<TarnCollection>(manager().getObject("c")); }
-  // Names of the children of both nodes, and how many nodes have each.
+  // Names of the children in the indexes of both nodes, and how often each is there. Checks that
+  // listings have the same.
   std::map<std::string, int> places() {
-    std::map<std::string, int> places;
-    for (const auto& [name, child] : collection()->children()) ++places[name];
+    std::map<std::string, int> places, listed, named;
+    const auto add = [&](const goods::held_entry& entry) { return ++places[entry.name] > 0; };
+    goods::B_tree::iterate(collection()->getChildren(), add);
     if (const TarnRef old = collection()->getOld(); !old.is_null()) {
-      for (const auto& [name, child] : old->children()) ++places[name];
+      goods::B_tree::iterate(old->getChildren(), add);
     }
+    std::string before;
+    for (const auto& [name, child] : collection()->children()) {
+      ++listed[name];
+      EXPECT_LE(before, name);
+      before = name;
+    }
+    for (const std::string& name : collection()->getChildNames({}, 100'000)) ++named[name];
+    EXPECT_EQ(listed, places);
+    EXPECT_EQ(named, places);
     return places;
   }
   // A balance that is interrupted after so many steps.
@@ -152,6 +166,64 @@ TEST_F(CollectionTest, InterruptedItFindsDeletesCountsAndAddsInBothNodes) {
   EXPECT_EQ(collection()->getNumChildren(), 19U);
   EXPECT_EQ(manager().getSint32("c~5"), 500);
   EXPECT_STREQ(manager().getXString("c~8"), "exchanged");
+}
+
+// More than fit into one batch, some of one name, moved while they are listed.
+TEST_F(CollectionTest, ListsEachChildOnceWhileItIsMoved) {
+  constexpr int kChildren = 400, kOfOneName = 150;
+  addPlain(kChildren);
+  manager().transaction([&] {
+    for (int i = 0; i < kOfOneName; ++i) {
+      modify(manager().getObject("c"))->addChild("5", TarnObject::Create());
+    }
+  });
+  balanceSteps(1 + 100);
+  for (const int steps : {0, 50, 200, 2000}) {
+    SCOPED_TRACE(testing::Message() << steps << " steps on");
+    std::size_t met = 0;
+    std::map<std::string, int> found;
+    for (const auto& [name, child] : collection()->children()) {
+      if (++met == 200 && steps < kChildren) balanceSteps(steps);
+      if (met == 200 && steps > kChildren) balance();
+      ++found[name];
+    }
+    EXPECT_EQ(met, static_cast<std::size_t>(kChildren + kOfOneName));
+    EXPECT_EQ(found["5"], 1 + kOfOneName);
+    EXPECT_EQ(found.size(), static_cast<std::size_t>(kChildren));
+    std::vector<std::string> paged;
+    while (true) {
+      const auto some = manager().getChildNames("c", paged.empty() ? "" : paged.back(), 17);
+      if (some.empty()) break;
+      EXPECT_LE(some.size(), 17U);
+      paged.insert(paged.end(), some.begin(), some.end());
+    }
+    EXPECT_EQ(std::set<std::string>(paged.begin(), paged.end()).size(), found.size());
+  }
+  EXPECT_FALSE(collection()->isBalancing());
+}
+
+// It stays where it is, and all others are moved.
+TEST_F(CollectionTest, AChildThatCannotBeReadKeepsTheBalanceOpen) {
+  addPlain(10);
+  const auto lost = goods::number_of(manager().getObjectID("c~5"));
+  close();
+  goods::rewrite_segment(
+      directory().file("data0/store.db"), lost,
+      [&](goods::segment_builder& builder, const auto&) { builder.remove(goods::slot_of(lost)); });
+  open();
+  for (int call = 0; call < 2; ++call) {
+    EXPECT_THAT([&] { balance(); }, ThrowsTarn(ErrorID::ObjectGone, HasSubstr("")));
+    EXPECT_TRUE(collection()->isBalancing());
+    EXPECT_EQ(collection()->getNumAbstractChildren(), 9U);
+    EXPECT_EQ(collection()->getNumChildren(), 10U);
+    for (const auto& [name, nodes] : places()) EXPECT_EQ(nodes, 1) << name;
+    for (int i = 0; i < 10; ++i) {
+      if (i != 5) {
+        EXPECT_EQ(manager().getSint32("c~" + std::to_string(i), -1), i);
+      }
+    }
+    reopen();
+  }
 }
 
 // Every step is tried as the one that fails.

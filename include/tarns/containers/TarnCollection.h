@@ -18,12 +18,16 @@ class TarnManager;
 // Balance() puts a new collection in the place of a node and moves the children over one by one.
 // Meanwhile the collection refers to the old node (member Old), and finds and deletes there what it
 // does not have itself; new children go into the collection. So every child is found by the path
-// that it always had, and is in exactly one of the two nodes. What goes through children
-// (children(), iterateChildren(), getChildNames() ...) sees those of the node that it is called on:
-// for both use getAllChildNames(), or go through the collection and then through what Old refers
-// to, in one transaction. So do iterators, selections and the commands that list. What deletes
+// that it always had, and is in exactly one of the two nodes. children() and getChildNames() list
+// the children of both in the order of their names, each once also while they are moved; a range
+// that was begun before the collection came goes on with the old node, where children that have
+// been moved meanwhile are missing. Iterators, iterateChildren(), walks (TarnBranchWalk),
+// selections and counts of abstract children see those of the node that they are used on: go
+// through the collection and then through what Old refers to, in one transaction. What deletes
 // children, hands all of them over (bequeathChildren(), merging) or copies the branch takes those
 // of both. A child that has not been moved yet has the old node for its parent, which has none.
+// Other entries that list the node itself (below other nodes) go on leading to the old node, which
+// is empty in the end: they are not followed, since a node does not know who lists it.
 //
 // Threads and transactions: as every node. Readers do not wait; transactions that read in the
 // collection wait for the one child that is on its way.
@@ -49,7 +53,7 @@ class TARNS_API TarnCollection : public TarnUint32Value {
 
   // Children, not members: the node's own and the old node's getNumChildren().
   unsigned long getNumChildren() const override;
-  // As TarnObject::getChildNames(after, limit), of both nodes as of one moment.
+  // getChildNames(after, limit), all of it as of one moment.
   std::vector<std::string> getAllChildNames(std::string_view after, std::size_t limit) const;
 
   // Levels of the node's own index; 0 before it has one.
@@ -63,6 +67,7 @@ class TARNS_API TarnCollection : public TarnUint32Value {
   // Whether a balance is under way, or was interrupted.
   bool isBalancing() const { return !old_.is_null(); }
   xcptref<TarnObject> getOld() const { return old_; }
+  const TarnObject* lookAtOld(goods::reader& reader) const;  // null for none
   void discardOld();
 
   bool write(const char* name, GOODSinOut& out) override;
