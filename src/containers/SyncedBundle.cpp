@@ -4,7 +4,6 @@
 #include <tarns/schema/GOODSinOut.h>
 #include <tarns/schema/TarnClassRegistration.h>
 
-#include "containers/sync_file.h"
 #include "containers/sync_records.h"
 
 namespace tarns {
@@ -71,7 +70,7 @@ bool SyncedBundle::markChanged(const char* name) {
   SyncRecords records(*this);
   const TarnRef child = records.objectCalled(ViewOf(name));
   if (child.is_null()) return false;
-  records.noteChange(ViewOf(name), DigestOf(TextOf(ViewOf(name), child)));
+  records.noteChange(ViewOf(name), records.digestOf(ViewOf(name), child));
   return true;
 }
 

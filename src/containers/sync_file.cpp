@@ -246,11 +246,11 @@ class FileReader {
 
 }  // namespace
 
-std::string TextOf(std::string_view name, const TarnRef& object) {
+std::string TextOf(std::string_view name, const TarnRef& object, const NodeWriter::Visit& visit) {
   std::string text;
   PInOut out;
   out.writeTo(text);
-  TarnObject::Write(std::string(name).c_str(), object, &out);
+  NodeWriter(out, NodeWriter::Form::kWhole, visit).write(name, object);
   out.close();
   return text;
 }

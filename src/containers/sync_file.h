@@ -10,6 +10,7 @@
 #include <vector>
 
 #include "containers/sync_version.h"
+#include "core/NodeWriter.h"
 
 namespace tarns {
 
@@ -49,8 +50,9 @@ struct SyncFile {
   static SyncFile Read(std::string_view text);
 };
 
-// The text form of an object as a child of that name.
-std::string TextOf(std::string_view name, const TarnRef& object);
+// The text form of an object as a child of that name. `visit` is called with the nodes below it.
+std::string TextOf(std::string_view name, const TarnRef& object,
+                   const NodeWriter::Visit& visit = {});
 
 // Makes `object` what its text form says; whatever it was.
 void ReplaceContent(const TarnRef& object, std::string_view text);

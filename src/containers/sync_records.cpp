@@ -51,6 +51,15 @@ constexpr const char* kReplaced = "Replaced";
   throw error;
 }
 
+[[noreturn]] void ThrowNotApart(const SyncedBundle& bundle, std::string_view name,
+                                const TarnRef& node) {
+  TarnException error;
+  error << "The object \"" << name << "\" of the bundle \"" << bundle.getName()
+        << "\" cannot be exchanged: it leads to \"" << node->getName()
+        << "\", and so into the bundle, of which there would be a copy in it.";
+  throw error;
+}
+
 SyncVersion VersionFrom(std::string_view text) {
   auto version = SyncVersion::Parse(text);
   if (!version) ThrowDamaged("version", text);
@@ -370,6 +379,17 @@ TarnRef SyncRecords::objectCalled(std::string_view name) const {
   return object;
 }
 
+SyncDigest SyncRecords::digestOf(std::string_view name, const TarnRef& object) const {
+  const TarnRef bundle = bundle_.getSelf();
+  const auto isOfOthers = [&](TarnRef node) {
+    while (!node.is_null() && node != object && node != bundle) node = node->getParent();
+    return node == bundle;
+  };
+  return DigestOf(TextOf(name, object, [&](const TarnRef& node, bool isHome) {
+    if (isHome ? node == bundle : isOfOthers(node)) ThrowNotApart(bundle_, name, node);
+  }));
+}
+
 bool SyncRecords::notice(std::string_view name) {
   const TarnRef object = objectCalled(name);
   const auto before = find(name);
@@ -378,7 +398,7 @@ bool SyncRecords::notice(std::string_view name) {
     if (wasThere) noteDeletion(name);
     return wasThere;
   }
-  const SyncDigest digest = DigestOf(TextOf(name, object));
+  const SyncDigest digest = digestOf(name, object);
   if (wasThere && before->digest == digest) return false;
   noteChange(name, digest);
   return true;

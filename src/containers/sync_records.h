@@ -76,6 +76,8 @@ class SyncRecords {
   // The object of that name, or null. Throws 0 when there are two, 12 when it is of another class
   // than the bundle's: neither can be exchanged.
   TarnRef objectCalled(std::string_view name) const;
+  // Of its text form. Throws 0 when that would hold other objects of the bundle, or the bundle.
+  SyncDigest digestOf(std::string_view name, const TarnRef& object) const;
 
   std::optional<SyncRecord> find(std::string_view name) const;
   void forEachObject(const Visit& visit) const;

@@ -129,6 +129,7 @@ void NodeWriter::writeDeferred(Block& block) {
     block.deferred.clear();
     block.next = 0;
   }
+  if (visit_) visit_(deferred.node, false);
   std::string step = NodePlaces::MemberStep(deferred.name);
   const NodePlaces::Check check = NodePlaces::CheckBehind(CheckOf(block), step);
   const Arrival arrival = arrive(deferred.node, deferred.name, deferred.level, false, check);
@@ -181,6 +182,7 @@ void NodeWriter::writeChild(Block& block, const TarnBranchWalk::Step& step) {
   noteStep(block, step);
   const std::size_t level = block.level + 2 * step.depth;
   const bool isHome = step.lister.is_null();
+  if (visit_) visit_(step.node, isHome);
   const Block::Step& here = block.way[step.depth - 1];
   const Arrival arrival = arrive(step.node, step.name, level, isHome, here.check);
   if (arrival == Arrival::kIsWritten) {

@@ -5,10 +5,12 @@
 #include <tarns/core/TarnObject.h>
 #include <tarns/util/PInOut.h>
 
+#include <functional>
 #include <memory>
 #include <optional>
 #include <string>
 #include <string_view>
+#include <utility>
 #include <vector>
 
 #include "core/NodePlaces.h"
@@ -23,7 +25,12 @@ class NodeWriter : public PInOut::Nesting {
  public:
   enum class Form { kWhole, kMinLocking };
 
-  NodeWriter(PInOut& out, Form form) : out_(out), form_(form) {}
+  // Called with each node that the writer comes to below the first one; `isHome`: as a child of its
+  // parent, otherwise through a member, or an entry that only lists it. May throw.
+  using Visit = std::function<void(const TarnRef& node, bool isHome)>;
+
+  NodeWriter(PInOut& out, Form form, Visit visit = {})
+      : out_(out), form_(form), visit_(std::move(visit)) {}
 
   // Writes the block of `node` at the level of the PInOut.
   void write(std::string_view name, const TarnRef& node);
@@ -86,6 +93,7 @@ class NodeWriter : public PInOut::Nesting {
 
   PInOut& out_;
   const Form form_;
+  const Visit visit_;  // may be empty
   std::optional<NodePlaces> places_;
   std::vector<std::unique_ptr<Block>> blocks_;  // each is written within the one before it
   std::vector<Deferred> deferred_;              // of the node whose lines are being written

@@ -5,6 +5,7 @@
 #include <array>
 #include <memory>
 #include <set>
+#include <vector>
 
 #include "containers/SyncSite.h"
 #include "support/throws_tarn.h"
@@ -36,7 +37,7 @@ BundleImport Send(SyncSite& from, SyncSite& to) { return to.import(from.exportTo
 class SyncPartnersTest : public testing::Test {
  protected:
   SyncPartnersTest() {
-    for (auto& site : sites_) site = std::make_unique<SyncSite>();
+    for (int i = 0; i < 3; ++i) sites_.push_back(std::make_unique<SyncSite>());
   }
   SyncSite& a() { return *sites_[0]; }
   SyncSite& b() { return *sites_[1]; }
@@ -57,7 +58,7 @@ class SyncPartnersTest : public testing::Test {
   }
 
  private:
-  std::array<std::unique_ptr<SyncSite>, 3> sites_;
+  std::vector<std::unique_ptr<SyncSite>> sites_;
 };
 
 // --- Exports that are not for everybody ---

@@ -3,6 +3,7 @@
 // begins.
 #include <gmock/gmock.h>
 
+#include <algorithm>
 #include <cstdlib>
 #include <map>
 #include <memory>
@@ -199,7 +200,8 @@ class SyncPropertyTest : public testing::Test {
 TEST_F(SyncPropertyTest, TwoBundlesBecomeEqualAndLoseNothing) {
   const std::uint64_t changes = Setting("TARNS_SYNC_CHANGES", 300);
   const std::uint64_t seed = Setting("TARNS_SYNC_SEED", std::random_device()());
-  run({.sites = 2, .changesEach = changes, .names = 200, .mayBeSetBack = false}, seed);
+  const std::size_t names = std::max<std::uint64_t>(200, changes / 5);
+  run({.sites = 2, .changesEach = changes, .names = names, .mayBeSetBack = false}, seed);
 }
 
 TEST_F(SyncPropertyTest, ManyBundlesBecomeEqualAndLoseNothing) {

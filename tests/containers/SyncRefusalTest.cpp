@@ -164,6 +164,39 @@ TEST_F(SyncRefusalTest, SaysWhichObjectCannotBeExchanged) {
   expectEqual();
 }
 
+// Copies of an object in others would come back in its place.
+TEST_F(SyncRefusalTest, RefusesObjectsThatLeadToOthersOfTheBundle) {
+  struct Case {
+    const char *listed, *named;  // whose children are listed in the object, and what is found
+  };
+  a().in([&] {
+    TarnManager& manager = a().manager();
+    manager.set("hall~links", SyncedBundle::Create("TarnObject"));
+    manager.set("elsewhere~part", 1);
+    const xcptref<SyncedBundle> bundle(manager.getObject("hall~links"));
+    modify(bundle)->newChild("other");
+    manager.set("hall~links~BundledChildren~other~deep~value", 1);
+    const TarnRef object = modify(bundle)->newChild("x");
+    for (const Case& one :
+         {Case{"hall~links~BundledChildren", "other"},
+          Case{"hall~links~BundledChildren~other", "deep"}, Case{"hall~links", "Blocks"},
+          Case{"hall", "links"}, Case{"", "links"}}) {
+      SCOPED_TRACE(one.listed);
+      modify(object)->addChild("parts", TarnObject::Create());
+      manager.getObject(one.listed)->addChildrenTo(object->getChildWithName("parts"));
+      const auto refusal = ThrowsTarn(0, AllOf(HasSubstr("The object \"x\""),
+                                               HasSubstr("\"" + std::string(one.named) + "\",")));
+      EXPECT_THAT([&] { BundleSync(bundle).exportSince(0); }, refusal);
+      EXPECT_THAT([&] { modify(bundle)->markChanged("x"); }, refusal);
+      modify(object)->deleteChild("parts");
+    }
+    modify(object)->addChild("itself", object);
+    manager.getObject("elsewhere")->addChildrenTo(object);
+    BundleSync(bundle).exportSince(0);
+    EXPECT_EQ(BundleSync(bundle).noticeChanges(), 0U);
+  });
+}
+
 // What was two objects of one name when it was found need not be when it is looked at.
 TEST_F(SyncRefusalTest, RefusesTwoObjectsOfOneNameOnlyWhileThereAre) {
   a().create("x", "");

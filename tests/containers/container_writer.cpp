@@ -1,5 +1,6 @@
-// Changes a bundle, balances a node or copies a branch, and writes a line for each step that is
-// durable. Is killed.
+// Changes a bundle, imports into one, balances a node or copies a branch, and writes a line for
+// each step that is durable. Is killed.
+#include <tarns/containers/BundleSync.h>
 #include <tarns/containers/TarnBundle.h>
 #include <tarns/containers/TarnCollection.h>
 #include <tarns/core/TarnException.h>
@@ -10,6 +11,8 @@
 #include <chrono>
 #include <cstdio>
 #include <cstring>
+#include <fstream>
+#include <iterator>
 #include <string>
 
 namespace {
@@ -44,6 +47,16 @@ void balance(TarnManager& manager) {
   say(1);
 }
 
+// What stands beside the configuration.
+void import(TarnManager& manager, const std::string& configuration) {
+  std::ifstream file(configuration + ".export", std::ios::binary);
+  const std::string text{std::istreambuf_iterator<char>(file), {}};
+  BundleSync sync(xcptref<SyncedBundle>(manager.getObject("synced")));
+  say(0);
+  sync.import(text);
+  say(1);
+}
+
 void copy(TarnManager& manager) {
   say(0);
   manager.copyBranch("from", "to~copy", {.batchSize = 40});
@@ -63,6 +76,8 @@ int main(int argc, char** argv) {
       balance(manager);
     } else if (std::strcmp(argv[2], "copy") == 0) {
       copy(manager);
+    } else if (std::strcmp(argv[2], "import") == 0) {
+      import(manager, argv[1]);
     } else {
       fill(manager);
     }

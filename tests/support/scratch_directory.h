@@ -5,6 +5,7 @@
 
 #include <cerrno>
 #include <cstdlib>
+#include <exception>
 #include <filesystem>
 #include <iostream>
 #include <string>
@@ -37,9 +38,11 @@ class scratch_directory {
       std::cerr << "kept: " << path_ << '\n';
       return;
     }
-    std::error_code failure;
-    std::filesystem::remove_all(path_, failure);
-    if (failure) std::cerr << "left over: " << path_ << ": " << failure.message() << '\n';
+    try {
+      std::filesystem::remove_all(path_);
+    } catch (const std::exception& failure) {
+      std::cerr << "left over: " << failure.what() << '\n';
+    }
   }
 
   const std::filesystem::path& path() const { return path_; }

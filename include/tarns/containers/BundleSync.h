@@ -88,17 +88,21 @@ struct BundlePartner {
 //
 // Exporting and importing are one transaction each (or part of the one that is open), and change
 // nothing when they throw. Each looks at all objects of the bundle; outside a transaction most of
-// that is done before the transaction begins, and without locks.
-// In a transaction that is rolled back after its export has been sent, the bundle has been set
-// back. Content of objects: as the text form has it. What an object's members refer to outside of
-// it comes along as a copy. All classes must be known, with the same members, on both sides.
-// Threads: one at a time.
+// that is done before the transaction begins, and without locks. A transaction that is rolled back
+// after its export has been sent has set the bundle back.
+//
+// Content of objects: as the text form has it. What an object's members refer to outside of it
+// comes along as a copy, and becomes one here, too, when a partner's change is imported. So objects
+// of the bundle must not refer to each other, nor to a branch that has the bundle in it. All
+// classes must be known, with the same members, on both sides. Threads: one at a time; any
+// number of sessions may exchange at once.
 class TARNS_API BundleSync {
  public:
   explicit BundleSync(xcptref<SyncedBundle> bundle) : bundle_(std::move(bundle)) {}
 
   // Gives revisions to what has been created, changed and deleted without one; how many there were.
-  // Throws 0 when there are several objects of one name, 12 when there is one of another class.
+  // Throws 0 when there are several objects of one name, or one that leads to others, or to the
+  // bundle; 12 when there is one of another class.
   unsigned long noticeChanges();
 
   // Everything that has a later revision than `revision`; 0, and every revision of before a
