@@ -1,5 +1,6 @@
 #include "tools/BranchPlacer.h"
 
+#include <tarns/containers/TarnCollection.h>
 #include <tarns/core/TarnBranchWalk.h>
 #include <tarns/core/TarnException.h>
 #include <tarns/core/TarnIterator.h>
@@ -46,10 +47,13 @@ void BranchPlacer::noteHomes(const TarnRef& branch) {
 
 std::vector<BranchPlacer::Child> BranchPlacer::takeChildren(const TarnRef& node) const {
   std::vector<Child> children;
+  TarnRef further;  // whose children are listed here, too
+  if (node.isA<TarnCollection>()) further = xcptref<TarnCollection>(node)->getOld();
   for (const auto& [name, child] : node->children()) {
     const auto noted = homes_.find(child.handle());
     const TarnRef home = noted != homes_.end() ? noted->second : child->getParent();
-    children.push_back({std::string(name), child, home == node});
+    const bool isHome = home == node || (!further.is_null() && home == further);
+    children.push_back({std::string(name), child, isHome});
   }
   if (!children.empty()) modify(node)->deleteChildren();
   return children;

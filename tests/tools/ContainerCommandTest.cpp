@@ -33,7 +33,6 @@ class ContainerCommandTest : public testing::Test {
     work(manager);
   }
 
- private:
   scratch_directory directory_;
 };
 
@@ -115,6 +114,22 @@ TEST_F(ContainerCommandTest, SetKeepsTheChildrenOfACollectionThatIsBalancing) {
     EXPECT_EQ(run({"get", "c", "c~new", "c~old"}).out, "x\n1\n2\n");
     EXPECT_EQ(run({"rm", "c"}).status, 0);
   }
+}
+
+TEST_F(ContainerCommandTest, ImportInBatchesKeepsTheChildrenOfACollectionThatIsBalancing) {
+  inSession([](TarnManager& manager) {
+    manager.set("old~3~x", 3);
+    manager.set("old~4", 4);
+    manager.set("c", TarnRef(new TarnCollection(manager.getObject("old"))));
+    manager.set("c~1", 1);
+  });
+  const std::string file = directory_.file("c.txt");
+  ASSERT_EQ(run({"export", "c", file}).status, 0);
+  const program_result result = run({"import", file, "d", "--batch", "2"});
+  EXPECT_EQ(result.status, 0) << result.err;
+  EXPECT_EQ(run({"ls", "d"}).out, "1\n3\n4\n");
+  EXPECT_EQ(run({"get", "d~3~x", "d~4"}).out, "3\n4\n");
+  EXPECT_EQ(run({"check", "--full"}).status, 0);
 }
 
 TEST_F(ContainerCommandTest, IndexesAreDeclaredUsedAndGivenUp) {
