@@ -404,7 +404,7 @@ TEST(SyncMarksTest, GivesWhatWasDoneAfterAnEndOneName) {
     for (const auto& mark : list) marks.add(mark);
     return marks;
   };
-  const auto applied = [](std::vector<SyncEnds> steps, SyncMarks marks) {
+  const auto applied = [](const std::vector<SyncEnds>& steps, SyncMarks marks) {
     std::map<ReplicaID, SyncMarks> all = {{1, std::move(marks)}};
     SyncVersion version(1, 14);
     SyncEnds ends, done;
