@@ -1,8 +1,6 @@
 // Exports that cannot be taken over as they are, and bundles that cannot be exported.
 #include <gmock/gmock.h>
 
-#include <array>
-#include <memory>
 #include <sstream>
 
 #include "containers/SyncSite.h"
@@ -17,17 +15,7 @@ using testing::Contains;
 using testing::HasSubstr;
 using Outcome = BundleImport::Outcome;
 
-class SyncRefusalTest : public testing::Test {
- protected:
-  SyncRefusalTest() : sites_{std::make_unique<SyncSite>(), std::make_unique<SyncSite>()} {}
-  SyncSite& a() { return *sites_[0]; }
-  SyncSite& b() { return *sites_[1]; }
-  void exchange() { ExchangeAll(sites_); }
-  void expectEqual() { EXPECT_EQ(a().contents(), b().contents()); }
-
- private:
-  std::array<std::unique_ptr<SyncSite>, 2> sites_;
-};
+class SyncRefusalTest : public TwoSitesTest {};
 
 // Every line left out, doubled or changed, every cut; with a checksum that fits.
 TEST_F(SyncRefusalTest, RefusesDamagedAndHostileExports) {

@@ -6,6 +6,7 @@
 #include <tarns/session/TarnAttachment.h>
 #include <tarns/session/TarnManager.h>
 
+#include <array>
 #include <filesystem>
 #include <fstream>
 #include <map>
@@ -199,3 +200,16 @@ void ExchangeAll(Sites& sites) {
     }
   }
 }
+
+// Two sites that know nothing of each other yet.
+class TwoSitesTest : public testing::Test {
+ protected:
+  TwoSitesTest() : sites_{std::make_unique<SyncSite>(), std::make_unique<SyncSite>()} {}
+  SyncSite& a() { return *sites_[0]; }
+  SyncSite& b() { return *sites_[1]; }
+  void exchange() { ExchangeAll(sites_); }
+  void expectEqual() { EXPECT_EQ(a().contents(), b().contents()); }
+
+ private:
+  std::array<std::unique_ptr<SyncSite>, 2> sites_;
+};

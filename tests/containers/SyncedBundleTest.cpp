@@ -4,9 +4,7 @@
 #include <tarns/containers/SyncedBundleDeletion.h>
 #include <tarns/schema/TarnClassDescriptor.h>
 
-#include <array>
 #include <functional>
-#include <memory>
 
 #include "containers/SyncSite.h"
 #include "support/throws_tarn.h"
@@ -21,17 +19,7 @@ using testing::SizeIs;
 using Kind = BundleConflict::Kind;
 using Outcome = BundleImport::Outcome;
 
-class SyncedBundleTest : public testing::Test {
- protected:
-  SyncedBundleTest() : sites_{std::make_unique<SyncSite>(), std::make_unique<SyncSite>()} {}
-  SyncSite& a() { return *sites_[0]; }
-  SyncSite& b() { return *sites_[1]; }
-  void exchange() { ExchangeAll(sites_); }
-  void expectEqual() { EXPECT_EQ(a().contents(), b().contents()); }
-
- private:
-  std::array<std::unique_ptr<SyncSite>, 2> sites_;
-};
+class SyncedBundleTest : public TwoSitesTest {};
 
 TEST_F(SyncedBundleTest, GivesEverythingThatHappensARevision) {
   a().in([&] {

@@ -50,16 +50,24 @@ std::string_view text_of(reader& in, ref_word word) {
   return static_cast<const String*>(in.look(word, String::self_class))->text();
 }
 
-TEST(GuestTest, LeavesTheCacheAsItWas) {
-  const test_store store;
+// 5,000 of them, stored by a session that has ended.
+struct many_texts {
+  test_store store;
   std::vector<std::string> texts;
-  for (int i = 0; i < 5000; ++i) texts.push_back("text " + std::to_string(i));
   std::vector<ref_word> words;
-  {
+
+  many_texts() {
+    for (int i = 0; i < 5000; ++i) texts.push_back("text " + std::to_string(i));
     test_session session(store);
     words = store_texts(session, texts);
   }
-  test_session session(store);
+};
+
+TEST(GuestTest, LeavesTheCacheAsItWas) {
+  const many_texts stored;
+  const auto& texts = stored.texts;
+  const auto& words = stored.words;
+  test_session session(stored.store);
   const auto wrong_texts = [&](bool in_passing, bool at_once) {
     return session.session().read([&](reader& in) {
       const std::unique_ptr<guest_scope> guests(in_passing ? new guest_scope(in) : nullptr);
@@ -81,15 +89,10 @@ TEST(GuestTest, LeavesTheCacheAsItWas) {
 }
 
 TEST(GuestTest, ARoomTakesItsGuestsWithItAndNoOthers) {
-  const test_store store;
-  std::vector<std::string> texts;
-  for (int i = 0; i < 5000; ++i) texts.push_back("text " + std::to_string(i));
-  std::vector<ref_word> words;
-  {
-    test_session session(store);
-    words = store_texts(session, texts);
-  }
-  test_session session(store);
+  const many_texts stored;
+  const auto& texts = stored.texts;
+  const auto& words = stored.words;
+  test_session session(stored.store);
   const std::size_t before = session.session().cached_bytes();
   session.session().read([&](reader& in) {
     const guest_scope guests(in);

@@ -105,11 +105,11 @@ void local_storage::check_request(const commit_request& request) const {
   }
 }
 
-// After a commit whose outcome is unknown, or one over several storages that others did not finish.
 bool local_storage::has_failed() const {
   return parts_->store.has_failed() || parts_->log.has_failed();
 }
 
+// After a commit whose outcome is unknown, or one over several storages that others did not finish.
 void local_storage::check_usable() const {
   if (!has_failed()) return;
   throw_outcome_unknown(
