@@ -5,6 +5,7 @@
 
 #include <algorithm>
 #include <iterator>
+#include <optional>
 
 #include "containers/sync_file.h"
 #include "containers/sync_import.h"
@@ -43,9 +44,14 @@ class Exporter {
     if (since < records_.forgotten()) since = 0;
     since_ = std::min(since, records_.revision());
     if (since_ == 0) partner_ = nullptr;
+    const std::vector<std::string> names = wantedObjects();
+    // They may have changed since they were compared without locks: what is written under a version
+    // is what that version stands for.
+    for (const std::string& name : names) records_.notice(name);
     records_.mark();
     writeHeader();
-    addChanges();
+    addObjects(names);
+    addDeletions();
     return file_.write();
   }
 
@@ -59,7 +65,7 @@ class Exporter {
     file_.since = since_;
     file_.revision = records_.revision();
     // Up to `since_` filters may have kept something back, too.
-    file_.isPartial = filter_ != nullptr && since_ != 0;
+    if (filter_ != nullptr && since_ != 0) file_.isPartial = true;
     file_.known = records_.known();
     file_.marks = records_.heard();
     for (const auto& [replica, partner] : records_.partners()) {
@@ -74,18 +80,34 @@ class Exporter {
     return partner_ == nullptr || !record.version.isWithin(partner_->knows);
   }
 
-  void addChanges() {
+  // Their names, in order; without those that the filter keeps back.
+  std::vector<std::string> wantedObjects() {
+    std::vector<std::string> names;
     records_.forEachObject([&](const std::string& name, const SyncRecord& record) {
       if (!isWanted(record)) return;
-      TarnRef object = bundle_.getBundledChildWithName(name.c_str());
-      if (object.is_null()) return;  // deleted by path since the scan: the next export has it
-      if (filter_ != nullptr && !filter_->shouldExport(object)) {
+      const TarnRef object = bundle_.getBundledChildWithName(name.c_str());
+      if (filter_ == nullptr || object.is_null() || filter_->shouldExport(object)) {
+        names.push_back(name);
+      } else {
         file_.isPartial = true;
-        return;
       }
-      file_.changes.push_back(
-          {.name = name, .version = record.version, .object = std::move(object), .text = {}});
     });
+    return names;
+  }
+
+  // Without what has been deleted by path since the scan, which is a deletion now.
+  void addObjects(const std::vector<std::string>& names) {
+    for (const std::string& name : names) {
+      TarnRef object = bundle_.getBundledChildWithName(name.c_str());
+      if (object.is_null()) continue;
+      file_.changes.push_back({.name = name,
+                               .version = records_.find(name)->version,
+                               .object = std::move(object),
+                               .text = {}});
+    }
+  }
+
+  void addDeletions() {
     records_.forEachDeletion([&](const std::string& name, const SyncRecord& record) {
       if (!isWanted(record)) return;
       file_.changes.push_back(
@@ -127,9 +149,13 @@ std::string BundleSync::exportFor(std::string_view partner, BundleExportFilter* 
 }
 
 BundleImport BundleSync::import(std::string_view text) {
-  SyncFile file = SyncFile::Read(text);
-  return WithNoticedChanges(
-      bundle_, [&](SyncedBundle& bundle, unsigned long) { return SyncImport(bundle, file).run(); });
+  std::optional<SyncFile> read = SyncFile::Read(text);
+  return WithNoticedChanges(bundle_, [&](SyncedBundle& bundle, unsigned long) {
+    // An attempt changes it; one that is repeated after a deadlock begins with what was sent.
+    SyncFile file = read ? std::move(*read) : SyncFile::Read(text);
+    read.reset();
+    return SyncImport(bundle, file).run();
+  });
 }
 
 std::vector<BundlePartner> BundleSync::partners() const {
@@ -148,6 +174,7 @@ std::vector<BundlePartner> BundleSync::partners() const {
 void BundleSync::addPartner(std::string_view replica) {
   const auto bundle = modify(bundle_);
   SyncRecords records(*bundle);
+  records.settleReplica();
   const auto id = ReplicaFrom(replica);
   if (!id || *id == records.replica() || records.ended().contains(*id)) {
     TarnException error;
@@ -165,6 +192,7 @@ void BundleSync::addPartner(std::string_view replica) {
 void BundleSync::acknowledge(std::string_view partner, std::uint64_t revision) {
   const auto bundle = modify(bundle_);
   SyncRecords records(*bundle);
+  records.settleReplica();
   const ReplicaID id = PartnerCalled(records, partner);
   if (revision > records.revision()) {
     TarnException error;
@@ -182,6 +210,7 @@ void BundleSync::acknowledge(std::string_view partner, std::uint64_t revision) {
 bool BundleSync::dropPartner(std::string_view partner) {
   const auto bundle = modify(bundle_);
   SyncRecords records(*bundle);
+  records.settleReplica();
   const auto id = ReplicaFrom(partner);
   if (!id || !records.removePartner(*id)) return false;
   records.forgetDeletions();

@@ -196,6 +196,8 @@ void SyncImport::take(const SyncChange& change) {
   if (!ours) return takeNew(change);
   switch (change.version.compare(ours->version)) {
     case SyncVersion::Order::kEqual:
+      settleEqual(change, *ours);
+      break;
     case SyncVersion::Order::kBefore:
       ++result_.unchanged;
       break;
@@ -244,6 +246,26 @@ void SyncImport::settle(const SyncChange& change, const SyncRecord& ours) {
   if (isTheirsKept) return takeOver(change, both, ours.isDeleted);
   if (wasSeen) ++result_.unchanged;
   keepOurs(change, ours, both);
+}
+
+// One version should stand for one content. It does not where two sides settled a conflict by the
+// names of replicas of which one has got another name since (agreeOnEnds). All who see that choose
+// alike, and make of it a change that everybody gets.
+void SyncImport::settleEqual(const SyncChange& change, const SyncRecord& ours) {
+  const bool isSame = ours.isDeleted == change.isDeleted &&
+                      (ours.isDeleted || ours.digest == DigestOf(change.text));
+  const std::string text = isSame || ours.isDeleted ? std::string() : textOfOurs(change.name);
+  if (isSame || (ours.isDeleted == change.isDeleted && text == change.text)) {
+    ++result_.unchanged;
+    return;
+  }
+  const bool isTheirsKept = change.isDeleted ? false : ours.isDeleted || text < change.text;
+  SyncVersion version = ours.version;
+  version.add(records_.replica(), records_.revision() + 1);
+  result_.conflicts.push_back(
+      {change.name, KindOf(change, ours), isTheirsKept, isTheirsKept ? text : change.text});
+  if (isTheirsKept) return takeOver(change, version, ours.isDeleted);
+  keepOurs(change, ours, version);
 }
 
 void SyncImport::keepOurs(const SyncChange& change, const SyncRecord& ours,

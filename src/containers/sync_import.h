@@ -14,7 +14,7 @@ namespace tarns {
 // One import into a bundle, whose own changes have been noticed: within a transaction.
 class SyncImport {
  public:
-  // Changes names of replicas in `file`, which may be imported again then.
+  // Changes names of replicas in `file`.
   SyncImport(SyncedBundle& bundle, SyncFile& file)
       : bundle_(bundle), records_(bundle), file_(file) {}
 
@@ -34,6 +34,7 @@ class SyncImport {
   void take(const SyncChange& change);
   void takeNew(const SyncChange& change);
   void settle(const SyncChange& change, const SyncRecord& ours);
+  void settleEqual(const SyncChange& change, const SyncRecord& ours);
   void keepOurs(const SyncChange& change, const SyncRecord& ours, const SyncVersion& version);
   void takeOver(const SyncChange& change, const SyncVersion& version, bool wasDeleted);
   void deleteObject(const std::string& name, const SyncVersion& version);

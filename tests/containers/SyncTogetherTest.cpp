@@ -1,13 +1,16 @@
 // Exchanges while others change the bundle, exchange, too, or are killed.
 #include <gmock/gmock.h>
+#include <tarns/containers/BundleExportFilter.h>
 #include <tarns/containers/BundleSync.h>
 
 #include <atomic>
 #include <fstream>
+#include <functional>
 #include <mutex>
 #include <random>
 #include <set>
 #include <thread>
+#include <utility>
 
 #include "containers/SyncSite.h"
 #include "support/killed_process.h"
@@ -101,6 +104,38 @@ TEST(SyncTogetherTest, SessionsExchangeOneBundleAtATime) {
   EXPECT_EQ(found, all);
   EXPECT_EQ(a.contents(), b.contents());
   EXPECT_EQ(a.deletions() + b.deletions() + a.notice() + b.notice(), 0U);
+}
+
+// Has another thread do something when the first object is about to be exported.
+class Meanwhile : public BundleExportFilter {
+ public:
+  Meanwhile(SyncSite& site, std::function<void()> work) : site_(site), work_(std::move(work)) {}
+  bool shouldExport(xcptref<TarnObject> object) override {
+    if (work_) std::thread([this] { site_.in(std::exchange(work_, nullptr)); }).join();
+    return BundleExportFilter::shouldExport(object);
+  }
+
+ private:
+  SyncSite& site_;
+  std::function<void()> work_;
+};
+
+class SyncMeanwhileTest : public TwoSitesTest {};
+
+// Otherwise "off" and "on" would be exported under one version, which counts as equal for good.
+TEST_F(SyncMeanwhileTest, WhatIsChangedDuringAnExportAndBackIsNotTakenForUnchanged) {
+  for (const char* name : {"before", "x"}) a().create(name, "new");
+  exchange();
+  a().change("x", "off");
+  a().notice();
+  Meanwhile filter(a(), [&] { a().manager().set(SyncSite::PathOf("x") + "~Label", "on"); });
+  const auto exported = a().in([&] { return BundleSync(a().bundle()).exportSince(0, &filter); });
+  b().import(exported);
+  EXPECT_EQ(a().contents(), b().contents());
+  a().change("x", "off");
+  a().import(b().exportFor(a()));  // which acknowledges "x"
+  exchange();
+  expectEqual();
 }
 
 class SyncKillTest : public session_test {

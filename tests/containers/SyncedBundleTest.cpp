@@ -198,6 +198,30 @@ TEST_F(SyncedBundleTest, SettlesConflictsInOneWayOnBothSidesAndReportsThem) {
   }
 }
 
+// As sites have it that settled one conflict by different names of the same replica.
+TEST_F(SyncedBundleTest, SettlesOneVersionWithTwoContents) {
+  for (const bool isTheirsKept : {false, true}) {
+    const std::string name = isTheirsKept ? "x" : "y", told = isTheirsKept ? "zzz" : "aaa";
+    a().create(name, "mine");
+    exchange();
+    a().create("new with " + name, "");
+    std::string text = a().exportSince(0);
+    const std::string block = "Drawer " + name + "\n      Count 7\n      Label ";
+    ASSERT_THAT(text, HasSubstr(block + "mine"));
+    ReplaceAll(text, block + "mine", block + told);
+    const auto result = b().import(WithChecksum(text));
+    ASSERT_THAT(result.conflicts, SizeIs(1));
+    EXPECT_EQ(result.conflicts.front().name, name);
+    EXPECT_EQ(result.conflicts.front().isTheirsKept, isTheirsKept);
+    EXPECT_THAT(result.conflicts.front().lost, HasSubstr(isTheirsKept ? "mine" : told));
+    EXPECT_THAT(a().import(b().exportFor(a())).conflicts, IsEmpty());
+    EXPECT_THAT(a().text(name), HasSubstr(isTheirsKept ? told : "mine"));
+    exchange();
+    expectEqual();
+    EXPECT_EQ(a().notice() + b().notice(), 0U);
+  }
+}
+
 TEST_F(SyncedBundleTest, TakesTheSameChangeOnBothSidesForNoConflict) {
   for (const char* name : {"x", "y"}) a().create(name, "before");
   exchange();
