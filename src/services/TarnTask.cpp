@@ -26,7 +26,9 @@ bool TarnTask::write(const char* name, GOODSinOut& out) {
 }
 
 std::string TarnTask::getRunKey() const {
-  return fmt::format("{}-{}-{}", number_, created_, runs_);
+  // The plan tells runs apart that have the same number since a backup was restored, the identifier
+  // those of a copy from the original's.
+  return fmt::format("{}-{}-{}-{}-{}", number_, created_, GetObjectID(getSelf()), runs_, planned_);
 }
 
 }  // namespace tarns

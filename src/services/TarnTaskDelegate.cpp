@@ -46,6 +46,12 @@ std::unique_ptr<TarnTaskDelegate> TarnTaskDelegate::Create(std::string_view type
 
 bool TarnTaskDelegate::IsKnown(std::string_view type) { return MakerOf(type) != nullptr; }
 
+std::uint64_t TarnTaskDelegate::GetNumRegistrations() {
+  Registry& registry = Delegates();
+  const std::lock_guard guard(registry.lock);
+  return registry.last;
+}
+
 TarnTaskDelegateRegistration::TarnTaskDelegateRegistration(std::string type,
                                                            TarnTaskDelegate::Maker maker) {
   Registry& registry = Delegates();

@@ -1,9 +1,11 @@
 #include <goods/cache_manager.h>
+#include <tarns/core/TarnException.h>
 #include <tarns/services/TarnTasks.h>
 
 #include <algorithm>
 #include <utility>
 
+#include "services/RunningTasks.h"
 #include "services/TaskTable.h"
 
 namespace tarns {
@@ -43,13 +45,29 @@ std::uint64_t TarnTasks::schedule(const Plan& plan) {
   return InTransaction(manager_, [&] { return TaskTable(manager_, path_).add(plan)->getNumber(); });
 }
 
-bool TarnTasks::cancel(std::uint64_t number) {
+bool TarnTasks::cancelNow(std::uint64_t number) {
   return InTransaction(manager_, [&] {
     const xcptref<TarnTask> task = getTask(number);
     if (task.is_null() || task->getState() == TarnTask::Ended) return false;
     TaskTable(manager_, path_).end(task);
     return true;
   });
+}
+
+// In the caller's transaction the run might wait for what the caller has locked: there it is a lock
+// like any other.
+bool TarnTasks::cancel(std::uint64_t number) {
+  if (manager_.db().session().in_transaction()) return cancelNow(number);
+  while (true) {
+    const xcptref<TarnTask> task = getTask(number);
+    if (task.is_null()) return false;
+    const RunningTasks::Watch watch(RunningTasks::KeyOf(manager_, task));
+    try {
+      return cancelNow(number);
+    } catch (const TarnException& error) {
+      if (error.getErrorID() != ErrorID::LockTimeOut || !watch.hasSeenRun()) throw;
+    }
+  }
 }
 
 bool TarnTasks::resume(std::uint64_t number, Time due) {

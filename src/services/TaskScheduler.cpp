@@ -10,6 +10,7 @@
 #include <algorithm>
 #include <atomic>
 #include <condition_variable>
+#include <limits>
 #include <map>
 #include <mutex>
 #include <optional>
@@ -17,6 +18,8 @@
 #include <string>
 #include <utility>
 
+#include "services/DueWalk.h"
+#include "services/RunningTasks.h"
 #include "services/TaskTable.h"
 
 namespace tarns {
@@ -24,7 +27,8 @@ namespace tarns {
 namespace {
 
 constexpr std::uint32_t kMostInARound = 64;  // runs, between which stop() is looked for anyhow
-constexpr std::size_t kNamesAtOnce = 64;
+constexpr std::size_t kTidiedAtOnce = 64;    // entries
+constexpr std::size_t kAll = std::numeric_limits<std::size_t>::max();
 constexpr std::size_t kLongestReason = 4096;      // bytes
 constexpr auto kPause = std::chrono::seconds(1);  // before what could not be done is tried again
 // What nobody signals is noticed after this: that the list is another node, or a delegate known.
@@ -42,8 +46,16 @@ class RunScope {
   RunScope& operator=(const RunScope&) = delete;
 };
 
+// How far an attempt at a run is.
+enum class Phase {
+  kClaiming,
+  kRunning,  // the delegate
+  kEnding,
+  kCommitting,
+};
+
 // Whether what is being thrown is no fault of the task's; within a handler.
-bool IsOfTheDatabase() {
+bool IsOfTheDatabase(Phase phase) {
   try {
     throw;
   } catch (const TarnException& error) {
@@ -51,10 +63,12 @@ bool IsOfTheDatabase() {
       case ErrorID::Deadlock:
       case ErrorID::LockTimeOut:
       case ErrorID::IOFailure:
-      case ErrorID::StorageFull:
-      case ErrorID::OutcomeUnknown:
       case ErrorID::ReadOnly:
         return true;
+      // Sooner it is the limit of what a transaction may take, or comes from another database.
+      case ErrorID::StorageFull:
+      case ErrorID::OutcomeUnknown:
+        return phase == Phase::kCommitting;
       default:
         return false;
     }
@@ -100,12 +114,7 @@ class TaskScheduler::Loop {
 
  private:
   using Time = TarnTask::Time;
-  enum class Outcome {
-    kDone,
-    kGone,
-    kLeft,       // to others
-    kPostponed,  // to be tried again soon
-  };
+  using Outcome = DueWalk::Outcome;
   struct Postponed {
     Time until;
     std::uint32_t times = 0;
@@ -134,12 +143,26 @@ class TaskScheduler::Loop {
   void watchDue();
   Outcome runEntry(const std::string& name, const TaskTable::DueEntry& entry);
   Outcome runTask(const xcptref<TarnTask>& task, const std::string& name, Time due);
-  Outcome postpone(std::uint64_t number, const std::string& why);
+  Outcome postpone(std::uint64_t number, const xcptref<TarnTask>& task, const std::string& why);
+  void noteReason(const xcptref<TarnTask>& task, const std::string& why);
+  void endRun(const xcptref<TarnTask>& task);
   bool isKnown(const std::string& delegate);
+  // No lock is waited for in there.
+  template <class Work>
+  auto withoutWaiting(const Work& work) {
+    struct Restored {
+      Loop& loop;
+      ~Restored() { loop.worker_.setLockTimeout(loop.options_.lockTimeout); }
+    } const restored{*this};
+    worker_.setLockTimeout(std::chrono::milliseconds(0));
+    return work();
+  }
   bool claim(const xcptref<TarnTask>& task, const std::string& name, Time due);
   void runDelegate(const xcptref<TarnTask>& task);
   void noteFailure(const xcptref<TarnTask>& task, std::uint64_t run, const std::string& why);
   Time nextAttempt(std::uint32_t errors) const;
+  void tidySuspended();
+  void dropIfDeleted(const std::string& name);
 
   const Options options_;
   DatabaseWorker worker_;
@@ -147,7 +170,11 @@ class TaskScheduler::Loop {
   // Of the worker:
   std::set<std::string> unknown_;  // delegates that were complained of
   std::map<std::uint64_t, Postponed> postponed_;
-  std::uint64_t watchedID_ = 0;  // of what changed_ is registered with; 0 for nothing
+  DueWalk walk_{kLongestSleep};
+  std::uint64_t numRegistrations_ = 0;  // of delegates, when walk_ began
+  std::size_t toTidy_ = kAll;           // entries of Suspended to look at
+  std::string tidied_;                  // the last one that was
+  std::uint64_t watchedID_ = 0;         // of what changed_ is registered with; 0 for nothing
   std::atomic<std::uint64_t> runs_{0}, failures_{0}, suspended_{0};
 
   std::mutex lock_;
@@ -239,6 +266,7 @@ void TaskScheduler::Loop::watchDue() {
     const std::lock_guard guard(lock_);
     isWatching_ = true;
   }
+  if (watchedID_ != id) walk_.forget();
   watchedID_ = id;
   try {
     due->signal_on_modification(&changed_);
@@ -251,23 +279,21 @@ void TaskScheduler::Loop::watchDue() {
 
 std::optional<TarnTask::Time> TaskScheduler::Loop::runDue(std::uint32_t most) {
   watchDue();
+  tidySuspended();
+  const std::uint64_t registrations = TarnTaskDelegate::GetNumRegistrations();
+  if (std::exchange(numRegistrations_, registrations) != registrations) walk_.forget();
   const std::string path = table_->pathOf(TarnTasks::kDue);
-  std::string last;
-  std::optional<Time> again;  // for what is postponed
-  while (true) {
-    const std::vector<std::string> names = worker_.getChildNames(path, last, kNamesAtOnce);
-    for (const std::string& name : names) {
-      const auto entry = TaskTable::ParseDueName(name);
-      if (!entry) continue;  // somebody else's
-      if (entry->due > TarnTasks::Now()) return again ? std::min(*again, entry->due) : entry->due;
-      if (isStopping_ || most == 0) return TarnTasks::Now();
-      const Outcome outcome = runEntry(name, *entry);
-      if (outcome == Outcome::kDone) --most;
-      if (outcome == Outcome::kPostponed) again = TarnTasks::Now() + kPause;
-    }
-    if (names.size() < kNamesAtOnce) return again;
-    last = names.back();
-  }
+  return walk_.walk({
+      .names = [&](const std::string& after,
+                   std::size_t limit) { return worker_.getChildNames(path, after, limit); },
+      .mayGoOn = [&] { return !isStopping_ && most > 0; },
+      .look =
+          [&](const std::string& name, const TaskTable::DueEntry& entry) {
+            const Outcome outcome = runEntry(name, entry);
+            if (outcome == Outcome::kDone) --most;
+            return outcome;
+          },
+  });
 }
 
 // What goes wrong with one task does not hold up those behind it.
@@ -277,50 +303,77 @@ TaskScheduler::Loop::Outcome TaskScheduler::Loop::runEntry(const std::string& na
   if (postponed != postponed_.end() && postponed->second.until > TarnTasks::Now()) {
     return Outcome::kPostponed;
   }
+  xcptref<TarnTask> task;
   try {
     worker_.attach();  // a delegate may have left the session
-    const xcptref<TarnTask> task = table_->find(TarnTasks::kDue, name, entry.number);
+    task = table_->find(TarnTasks::kDue, name, entry.number);
     const Outcome outcome = task.is_null() ? Outcome::kGone : runTask(task, name, entry.due);
     if (outcome != Outcome::kPostponed) postponed_.erase(entry.number);
     return outcome;
   } catch (...) {
     if (isStopping_) throw;  // perhaps because it was asked to; no failure
-    return postpone(entry.number, ReasonOfFailure());
+    return postpone(entry.number, task, ReasonOfFailure());
   }
 }
 
 TaskScheduler::Loop::Outcome TaskScheduler::Loop::postpone(std::uint64_t number,
+                                                           const xcptref<TarnTask>& task,
                                                            const std::string& why) {
   if (postponed_.size() >= kMostRemembered) postponed_.clear();
   Postponed& postponed = postponed_[number];
   postponed.until = nextAttempt(++postponed.times);
   Log(Log::Warning) << "The task " << std::to_string(number).c_str() << " of \""
                     << options_.path.c_str() << "\" could not be run and waits: " << why.c_str();
+  if (postponed.times >= options_.mostErrors && !task.is_null()) noteReason(task, why);
   return Outcome::kPostponed;
+}
+
+// So that it is seen where tasks are listed. What stands in the way of that as well is in the log.
+void TaskScheduler::Loop::noteReason(const xcptref<TarnTask>& task, const std::string& why) {
+  try {
+    worker_.attach();
+    withoutWaiting([&] {
+      worker_.db().session().atomically([&] {
+        const bool isOfInterest =
+            task->getState() == TarnTask::Scheduled && task->getLastError() != why;
+        if (isOfInterest) table_->noteReason(task, why);
+      });
+    });
+  } catch (...) {
+    Log(Log::Warning) << "That could not be kept with the task: " << ReasonOfFailure().c_str();
+  }
 }
 
 TaskScheduler::Loop::Outcome TaskScheduler::Loop::runTask(const xcptref<TarnTask>& task,
                                                           const std::string& name, Time due) {
   if (!isKnown(task->getDelegate())) return Outcome::kLeft;
   const std::uint64_t run = task->getRuns();
-  bool isMine = false, hasReturned = false;
+  const RunningTasks::Scope running(RunningTasks::KeyOf(worker_, task));
+  bool isMine = false;
+  Phase phase = Phase::kClaiming;
+  const auto isFailure = [&] {
+    return phase != Phase::kClaiming && !isStopping_ && !IsOfTheDatabase(phase);
+  };
   try {
     worker_.db().session().atomically([&] {
-      isMine = hasReturned = false;  // after a deadlock
+      phase = Phase::kClaiming;  // also after a deadlock
       isMine = claim(task, name, due);
       if (!isMine) return;
+      running.begins();
+      phase = Phase::kRunning;
       runDelegate(task);
-      hasReturned = true;
-      if (task->getState() == TarnTask::Scheduled) table_->finishRun(task, TarnTasks::Now());
+      phase = Phase::kEnding;
+      endRun(task);
+      phase = Phase::kCommitting;
     });
   } catch (const TarnException& error) {
-    const bool isTaken = !isMine && error.getErrorID() == ErrorID::LockTimeOut;
+    const bool isTaken = phase == Phase::kClaiming && error.getErrorID() == ErrorID::LockTimeOut;
     if (isTaken) return Outcome::kPostponed;
-    if (!isMine || hasReturned || isStopping_ || IsOfTheDatabase()) throw;
+    if (!isFailure()) throw;
     noteFailure(task, run, ReasonOfFailure());
     return Outcome::kDone;
   } catch (...) {
-    if (hasReturned || isStopping_) throw;
+    if (!isFailure()) throw;
     noteFailure(task, run, ReasonOfFailure());
     return Outcome::kDone;
   }
@@ -341,21 +394,13 @@ bool TaskScheduler::Loop::isKnown(const std::string& delegate) {
 
 // Takes the task, or throws at once when somebody has it. False when it is not to be run (now).
 bool TaskScheduler::Loop::claim(const xcptref<TarnTask>& task, const std::string& name, Time due) {
-  worker_.setLockTimeout(std::chrono::milliseconds(0));
-  const auto restore = [this] { worker_.setLockTimeout(options_.lockTimeout); };
-  bool isDue = false;
-  try {
-    isDue = task->getState() == TarnTask::Scheduled && task->getDue() == due;
-  } catch (...) {
-    restore();
-    throw;
-  }
-  restore();
+  const bool isDue = withoutWaiting(
+      [&] { return task->getState() == TarnTask::Scheduled && task->getDue() == due; });
   // Looked at as committed, which cannot change now: in the transaction it would lock Tasks shared,
   // which is written later.
   const bool isDeleted =
       isDue && !worker_.db().session().outside_transaction([&] { return task->hasParent(); });
-  if (isDeleted) table_->dropDueEntry(name);
+  if (isDeleted) table_->dropEntry(TarnTasks::kDue, name);
   return isDue && !isDeleted;
 }
 
@@ -364,9 +409,21 @@ void TaskScheduler::Loop::runDelegate(const xcptref<TarnTask>& task) {
   if (delegate == nullptr) {
     throw TarnException("The task's delegate has just been unloaded.", ErrorID::Unspecified);
   }
-  const RunScope scope(this);
-  TarnTaskRun run(worker_, task, [this] { return isStopping_.load(); });
-  delegate->run(run);
+  const std::uint64_t transaction = worker_.db().session().transaction_number();
+  {
+    const RunScope scope(this);
+    TarnTaskRun run(worker_, task, [this] { return isStopping_.load(); });
+    delegate->run(run);
+  }
+  if (worker_.db().session().transaction_number() == transaction) return;
+  throw TarnException("The delegate has ended the transaction that its run is, or left it.",
+                      ErrorID::BadUsage);
+}
+
+// Throws when the transaction cannot be committed any more, which the delegate may not have
+// noticed.
+void TaskScheduler::Loop::endRun(const xcptref<TarnTask>& task) {
+  if (task->getState() == TarnTask::Scheduled) table_->finishRun(task, TarnTasks::Now());
 }
 
 void TaskScheduler::Loop::noteFailure(const xcptref<TarnTask>& task, std::uint64_t run,
@@ -383,6 +440,7 @@ void TaskScheduler::Loop::noteFailure(const xcptref<TarnTask>& task, std::uint64
   ++failures_;
   if (!isLast) return;
   ++suspended_;
+  if (toTidy_ != kAll) toTidy_ += kTidiedAtOnce;
   Log(Log::Error) << "The task " << std::to_string(task->getNumber()).c_str() << " of \""
                   << options_.path.c_str() << "\" is suspended: " << why.c_str();
 }
@@ -391,6 +449,42 @@ TarnTask::Time TaskScheduler::Loop::nextAttempt(std::uint32_t errors) const {
   std::chrono::microseconds delay = options_.firstDelay;
   for (std::uint32_t i = 1; i < errors && delay < options_.longestDelay; ++i) delay *= 2;
   return TarnTasks::Now() + std::min(delay, options_.longestDelay);
+}
+
+// Takes tasks out of Suspended that somebody has deleted: looks through all of it after the start,
+// a few entries in each round, and at a few more whenever a task has been suspended.
+void TaskScheduler::Loop::tidySuspended() {
+  const std::string path = table_->pathOf(TarnTasks::kSuspended);
+  const std::size_t limit = std::min(toTidy_, kTidiedAtOnce);
+  if (limit == 0) return;
+  std::vector<std::string> names;
+  if (!worker_.getObject(path).is_null()) names = worker_.getChildNames(path, tidied_, limit);
+  for (const std::string& name : names) dropIfDeleted(name);
+  if (names.size() < limit) {
+    toTidy_ = 0;
+    tidied_.clear();
+    return;
+  }
+  tidied_ = names.back();
+  if (toTidy_ != kAll) toTidy_ -= limit;
+}
+
+void TaskScheduler::Loop::dropIfDeleted(const std::string& name) {
+  const auto number = TaskTable::ParseName(name);
+  if (!number) return;  // somebody else's
+  try {
+    const xcptref<TarnTask> task = table_->find(TarnTasks::kSuspended, name, *number);
+    if (task.is_null() || task->hasParent()) return;
+    withoutWaiting([&] {
+      worker_.db().session().atomically([&] {
+        if (task->getState() == TarnTask::Suspended) table_->dropEntry(TarnTasks::kSuspended, name);
+      });
+    });
+  } catch (...) {  // another round will come
+    Log(Log::Warning) << "The deleted task \"" << name.c_str() << "\" of \""
+                      << options_.path.c_str()
+                      << "\" stays among those that are suspended: " << ReasonOfFailure().c_str();
+  }
 }
 
 // --- TaskScheduler

@@ -128,9 +128,13 @@ void TaskTable::leaveDue(const xcptref<TarnTask>& task) {
   leave(TarnTasks::kDue, DueNameOf({task->getDue(), task->getNumber()}));
 }
 
-void TaskTable::dropDueEntry(std::string_view name) {
-  lock({TarnTasks::kDue});
-  leave(TarnTasks::kDue, name);
+void TaskTable::dropEntry(const char* list, std::string_view name) {
+  lock({list});
+  leave(list, name);
+}
+
+void TaskTable::noteReason(const xcptref<TarnTask>& task, std::string_view why) {
+  modify(task)->lastError_.set(why);
 }
 
 // The caller has taken it out of where it was.

@@ -3,6 +3,7 @@
 #include <tarns/services/TarnTasks.h>
 
 #include <chrono>
+#include <compare>
 #include <cstdint>
 #include <initializer_list>
 #include <optional>
@@ -25,6 +26,7 @@ class TaskTable {
   struct DueEntry {
     TarnTask::Time due;
     std::uint64_t number;
+    friend auto operator<=>(const DueEntry&, const DueEntry&) = default;
   };
 
   TaskTable(TarnManager& manager, std::string_view path);
@@ -47,8 +49,10 @@ class TaskTable {
   // A run has failed: to be tried again at `due`, or, with none, suspended.
   void failRun(const xcptref<TarnTask>& task, std::string_view why,
                std::optional<TarnTask::Time> due);
-  // Of a task that somebody has taken out of Tasks.
-  void dropDueEntry(std::string_view name);
+  // Keeps in the task why it cannot be run, which is no error of its own. Locks nothing else.
+  void noteReason(const xcptref<TarnTask>& task, std::string_view why);
+  // Takes out of Due, or Suspended, the entry of a task that is not in Tasks any more.
+  void dropEntry(const char* list, std::string_view name);
 
  private:
   void lock(std::initializer_list<const char*> lists) const;

@@ -7,7 +7,6 @@
 
 #include <atomic>
 #include <chrono>
-#include <functional>
 #include <set>
 #include <stdexcept>
 #include <string>
@@ -15,9 +14,9 @@
 #include <vector>
 
 #include "services/CountingDelegate.h"
+#include "services/scheduler_fixture.h"
 #include "support/captured_log.h"
 #include "support/replaced_rows.h"
-#include "support/session_fixture.h"
 #include "support/throws_tarn.h"
 
 namespace {
@@ -30,39 +29,10 @@ using testing::HasSubstr;
 
 TARN_REGISTER_TASK_DELEGATE(CountingDelegate);
 
-// Does what the test says.
-class SaidDelegate : public TarnTaskDelegate {
- public:
-  static inline std::function<void(TarnTaskRun&)> what;
-  void run(TarnTaskRun& run) override { what(run); }
-};
 TARN_REGISTER_TASK_DELEGATE(SaidDelegate);
 
-class SchedulerTest : public session_test {
+class SchedulerTest : public scheduler_test {
  protected:
-  ~SchedulerTest() override { SaidDelegate::what = nullptr; }
-
-  // With delays that a test can wait for.
-  static TaskScheduler::Options Quick() {
-    TaskScheduler::Options options;
-    options.mostErrors = 3;
-    options.firstDelay = 1ms;
-    return options;
-  }
-  std::string config() const { return configuration(); }
-
-  template <class Test>
-  static void WaitUntil(Test test) {
-    const auto end = std::chrono::steady_clock::now() + 60s;
-    while (!test()) {
-      ASSERT_LT(std::chrono::steady_clock::now(), end) << "waited in vain";
-      std::this_thread::sleep_for(1ms);
-    }
-  }
-  void waitUntilNoneAreLeft() {
-    WaitUntil([this] { return tasks_.getNumTasks() == 0; });
-  }
-
   // How often each run was done.
   std::multiset<unsigned> counts() {
     std::multiset<unsigned> numbers;
@@ -72,8 +42,6 @@ class SchedulerTest : public session_test {
     }
     return numbers;
   }
-
-  TarnTasks tasks_{manager()};
 };
 
 TEST_F(SchedulerTest, RunsWhatIsDueInTheOrderOfTimesAndWakesForWhatIsScheduledLater) {
@@ -308,6 +276,13 @@ TEST_F(SchedulerTest, ALockThatIsNotHadIsNoFailureOfTheTask) {
   TaskScheduler scheduler(config().c_str(), options);
   WaitUntil([&] { return !log.lines().empty(); });
   EXPECT_THAT(log.lines(), Contains(HasSubstr("could not be run and waits: ")));
+  // The reason is kept where tasks are listed.
+  WaitUntil([&] {
+    const auto info =
+        manager().db().session().outside_transaction([&] { return tasks_.getInfo(number); });
+    EXPECT_EQ(info->errors, 0u);
+    return info->lastError.find("\"shared\" could not be locked") != std::string::npos;
+  });
   transaction.commit();
   waitUntilNoneAreLeft();
   std::thread other([&] { scheduler.stop(); });

@@ -48,10 +48,16 @@ class TARNS_API TarnTaskRun {
 // (a mail that is sent, a file) happens at least once: a run that was killed, failed, or was the
 // victim of a deadlock before its commit is done again. All attempts at one run have the same
 // TarnTaskRun::getKey(), which no other run of any task ever has; hand it to whatever can tell that
-// it has had this one, or keep it there.
+// it has had this one, or keep it there. A run that is done again since its database was set back
+// to a backup has the key that it had before.
 //
 // A run that throws has failed and is rolled back. It is tried again after a delay that doubles
-// each time; too many failures in a row suspend the task, with what was thrown.
+// each time; too many failures in a row suspend the task, with what was thrown. So has a run that
+// returns from a transaction that cannot be committed, say because one within it was rolled back or
+// a call in it failed halfway, whether or not the delegate has caught that. It may not end the
+// run's transaction itself, nor leave the session: a TarnAttachment to another one, or a
+// TarnMeister, throws 111. What needs another session (another database, a pool) does that in a
+// thread of its own that the run waits for; that thread has no part in the run's transaction.
 //
 // Each run gets a delegate of its own, made by its default constructor. Threads: the scheduler's
 // worker, which has a stack of 256 KiB.
@@ -69,6 +75,8 @@ class TARNS_API TarnTaskDelegate {
   // Null when this program does not have it.
   static std::unique_ptr<TarnTaskDelegate> Create(std::string_view type);
   static bool IsKnown(std::string_view type);
+  // How many have been registered so far, also those that are gone.
+  static std::uint64_t GetNumRegistrations();
 };
 
 // Makes a delegate known while it lives; of two of one name the later one counts. Threads: any.

@@ -55,7 +55,9 @@ class TARNS_API TarnTasks {
     std::chrono::microseconds period{0};
     std::uint64_t runs = 0;
     std::uint32_t errors = 0;  // since the last run that was committed
-    std::string lastError;     // of these; empty when there are none
+    // Of these; or what has kept it from being run several times in a row, without being an error
+    // of the task. Empty when there is nothing to tell.
+    std::string lastError;
   };
 
   explicit TarnTasks(TarnManager& manager, std::string path = kDefaultPath);
@@ -64,8 +66,10 @@ class TARNS_API TarnTasks {
 
   // Returns the task's number.
   std::uint64_t schedule(const Plan& plan);
-  // Takes the task away; false when there is none (any more). Waits while it is running: a task
-  // that runs once has then ended, a periodic one goes.
+  // Takes the task away; false when there is none (any more). Waits while it is running, however
+  // long that is: a task that runs once has then ended, a periodic one goes. Within a transaction
+  // of the caller's, where the run might wait for the caller, it is a lock like any other, and
+  // throws 101 after the session's lock time-out. A run may cancel its own task.
   bool cancel(std::uint64_t number);
   // Schedules a suspended task again, with no errors; false when there is no such task.
   bool resume(std::uint64_t number, Time due = Now());
@@ -77,6 +81,8 @@ class TARNS_API TarnTasks {
   unsigned long getNumTasks() const;
 
  private:
+  bool cancelNow(std::uint64_t number);
+
   TarnManager& manager_;
   std::string path_;
 };

@@ -1,0 +1,87 @@
+#include "services/RunningTasks.h"
+
+#include <goods/database.h>
+#include <goods/obj_storage.h>
+
+#include <condition_variable>
+#include <map>
+#include <mutex>
+
+namespace tarns {
+
+namespace {
+
+struct Use {
+  unsigned running = 0;  // also about to find that another one runs it
+  unsigned watched = 0;
+  std::uint64_t begun = 0;
+};
+
+struct Registry {
+  std::mutex lock;
+  std::condition_variable ended;
+  std::map<RunningTasks::Key, Use> tasks;  // under lock; those that run or are watched
+
+  void forgetUnused(std::map<RunningTasks::Key, Use>::iterator task) {
+    if (task->second.running == 0 && task->second.watched == 0) tasks.erase(task);
+  }
+};
+
+Registry& Tasks() {
+  static auto* const registry = new Registry;  // outlives schedulers of static objects
+  return *registry;
+}
+
+}  // namespace
+
+RunningTasks::Key RunningTasks::KeyOf(const TarnManager& manager, const xcptref<TarnTask>& task) {
+  const std::uint64_t id = TarnObject::GetObjectID(task);
+  return {&manager.db().storage(goods::storage_of(id)).dbs(), id};
+}
+
+RunningTasks::Scope::Scope(const Key& key) : key_(key) {
+  Registry& registry = Tasks();
+  const std::lock_guard guard(registry.lock);
+  ++registry.tasks[key].running;
+}
+
+RunningTasks::Scope::~Scope() {
+  Registry& registry = Tasks();
+  const std::lock_guard guard(registry.lock);
+  const auto task = registry.tasks.find(key_);
+  if (--task->second.running > 0) return;
+  registry.ended.notify_all();
+  registry.forgetUnused(task);
+}
+
+void RunningTasks::Scope::begins() const {
+  Registry& registry = Tasks();
+  const std::lock_guard guard(registry.lock);
+  ++registry.tasks.find(key_)->second.begun;
+}
+
+RunningTasks::Watch::Watch(const Key& key) : key_(key) {
+  Registry& registry = Tasks();
+  std::unique_lock guard(registry.lock);
+  Use& use = registry.tasks[key];
+  ++use.watched;
+  registry.ended.wait(guard, [&] { return use.running == 0; });
+  begun_ = use.begun;
+}
+
+RunningTasks::Watch::~Watch() {
+  Registry& registry = Tasks();
+  const std::lock_guard guard(registry.lock);
+  const auto task = registry.tasks.find(key_);
+  --task->second.watched;
+  registry.forgetUnused(task);
+}
+
+bool RunningTasks::Watch::hasSeenRun() const {
+  Registry& registry = Tasks();
+  const std::lock_guard guard(registry.lock);
+  const Use& use = registry.tasks.find(key_)->second;
+  return use.running > 0 || use.begun != begun_;
+}
+
+}  // namespace tarns
