@@ -144,9 +144,14 @@ class TarnBranchWatch::Follower : private goods::commit_feed {
   }
 
   void follow() {
+    std::vector<goods::commit_version> before;
+    for (unsigned long storage = 0; storage < manager_.getNumStorages(); ++storage) {
+      before.push_back(session().version(static_cast<goods::storage_number>(storage)));
+    }
     auto shadow = makeShadow();
     {
       const std::lock_guard guard(lock_);
+      dropUpTo(before);
       hasBegun_ = true;
       news_.notify_all();
     }
@@ -172,6 +177,16 @@ class TarnBranchWatch::Follower : private goods::commit_feed {
       shadow->apply(commits, changes);
       if (!changes.empty()) keep(std::move(changes));
     }
+  }
+
+  // With lock_. Commits of before the watch that the session had not taken in until now.
+  void dropUpTo(const std::vector<goods::commit_version>& versions) {
+    std::erase_if(pending_, [&](const CommitNote& note) {
+      const bool isOld = !note.changed.empty() &&
+                         note.version <= versions.at(goods::storage_of(note.changed.front()));
+      if (isOld) numPending_ -= note.changed.size() + 1;
+      return isOld;
+    });
   }
 
   std::unique_ptr<BranchShadow> makeShadow() {

@@ -1,5 +1,6 @@
 #include <tarns/services/TarnWatcherEvent.h>
 
+#include <algorithm>
 #include <utility>
 
 #include "services/WatchedEvents.h"
@@ -37,8 +38,13 @@ bool TarnWatcherEvent::removeCallback(const CallBack& callBack,
                                       std::shared_ptr<TarnWatcherTarget>* target) {
   const std::lock_guard guard(lock_);
   if (!calls_.callBacks.remove(callBack)) return false;
-  const auto known = calls_.targets.find(callBack.getClient());
-  if (target != nullptr && known != calls_.targets.end()) *target = known->second;
+  const XObject* const client = callBack.getClient();
+  const auto known = calls_.targets.find(client);
+  if (known == calls_.targets.end()) return true;
+  if (target != nullptr) *target = known->second;
+  const bool isLast = std::none_of(calls_.callBacks.begin(), calls_.callBacks.end(),
+                                   [&](const CallBack& one) { return one.getClient() == client; });
+  if (isLast) calls_.targets.erase(known);
   return true;
 }
 

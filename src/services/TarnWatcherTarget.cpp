@@ -118,4 +118,10 @@ void Uint32ToTarnWatcherTargetMap::removeKey(const void* client) {
   std::erase_if(leaving_, [](const auto& entry) { return entry.second->isFree(); });
 }
 
+void Uint32ToTarnWatcherTargetMap::removeUnused(const void* client) {
+  const std::lock_guard guard(lock_);
+  const auto found = targets_.find(client);
+  if (found != targets_.end() && found->second.use_count() == 1) targets_.erase(found);
+}
+
 }  // namespace tarns

@@ -113,6 +113,10 @@ void WatchedEvents::arm(const Event& event) {
   } catch (...) {
     forget(*event);
     event->setArmed(std::current_exception());
+    std::vector<const void*> unused;
+    // Others that have joined it meanwhile fail as well.
+    for (const auto& [client, target] : event->takeCalls().targets) unused.push_back(client);
+    for (const void* const client : unused) targets_.removeUnused(client);
     throw;
   }
   event->setArmed();
@@ -155,6 +159,7 @@ void WatchedEvents::withdraw(const Event& event, const CallBack& callBack) {
     if (event->removeCallback(callBack)) empty = takeIfEmpty(event);
   }
   if (empty != nullptr) giveUp(empty);
+  targets_.removeUnused(callBack.getClient());
 }
 
 // ---- Giving up

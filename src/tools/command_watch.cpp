@@ -2,6 +2,7 @@
 #include <spawn.h>
 #include <sys/wait.h>
 #include <tarns/core/TarnException.h>
+#include <tarns/session/TarnManager.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -12,6 +13,8 @@
 #include <memory>
 #include <optional>
 #include <system_error>
+#include <thread>
+#include <utility>
 #include <vector>
 
 #include "tools/BranchLook.h"
@@ -30,7 +33,7 @@ namespace {
 using Clock = std::chrono::steady_clock;
 using std::chrono::milliseconds;
 
-// While another program has the database.
+// While another program has the database, or only looks at it.
 constexpr milliseconds kShortestPause(200), kLongestPause(2000);
 
 struct WatchOptions {
@@ -121,18 +124,25 @@ class BranchFollower {
       end = start + std::chrono::duration_cast<Clock::duration>(
                         std::chrono::duration<double>(*options_.timeout));
     }
-    std::optional<BranchLook> before;
+    milliseconds pause(0);
     while (true) {
       ThrowIfInterrupted();
-      if (auto now = look()) {
-        if (before && tell(now->since(*before))) return ExitStatus::kDone;
-        before = std::move(now);
+      const Looked looked = look();
+      if (looked == Looked::kInUse) {  // it may be closed without a further trace
+        sleepFor(kShortestPause, end);
+        changes_.wait(Left(end, kLongestPause - kShortestPause));
+      } else {
+        if (looked == Looked::kChanged && tell()) return ExitStatus::kDone;
         while (!changes_.areThere() && (!end || Clock::now() < *end)) {
           changes_.wait(Left(end, std::nullopt));
         }
-      } else {  // in use: it may be closed without a further trace
-        ::usleep(static_cast<useconds_t>(kShortestPause.count()) * 1000);
-        changes_.wait(Left(end, kLongestPause - kShortestPause));
+        // A look of another program changes files, too: two that watch must not wake each other for
+        // ever.
+        const bool isFirst = pause == milliseconds(0);
+        pause = looked == Looked::kChanged
+                    ? milliseconds(0)
+                    : std::min(isFirst ? kShortestPause : 2 * pause, kLongestPause);
+        sleepFor(pause, end);
       }
       if (end && Clock::now() >= *end) {
         return count_ > 0 ? ExitStatus::kDone : ExitStatus::kNotFound;
@@ -148,22 +158,49 @@ class BranchFollower {
     return std::max(milliseconds(0), most ? std::min(*most, rest) : rest);
   }
 
-  // Nothing while another program has the database.
-  std::optional<BranchLook> look() {
+  // Ends early, within a fifth of a second, when a signal has come.
+  static void sleepFor(milliseconds time, const std::optional<Clock::time_point>& end) {
+    for (auto left = *Left(end, time); left > milliseconds(0); left -= kShortestPause) {
+      std::this_thread::sleep_for(std::min(left, kShortestPause));
+      ThrowIfInterrupted();
+    }
+  }
+
+  // How much has been committed in each storage.
+  static std::vector<std::uint64_t> VersionsOf(TarnManager& manager) {
+    std::vector<std::uint64_t> versions;
+    for (unsigned long storage = 0; storage < manager.getNumStorages(); ++storage) {
+      versions.push_back(
+          manager.db().session().version(static_cast<goods::storage_number>(storage)));
+    }
+    return versions;
+  }
+
+  enum class Looked { kInUse, kUnchanged, kChanged };
+
+  // A database in which nothing has been committed since the last look is let go of at once.
+  Looked look() {
     try {
       OpenDatabase database(invocation_);
-      BranchLook now(options_.path, database->getObject(options_.path), isJson_);
+      std::vector<std::uint64_t> versions = VersionsOf(*database);
+      const bool isNew = versions != versions_;
+      if (isNew) {
+        before_ = std::exchange(
+            now_, BranchLook(options_.path, database->getObject(options_.path), isJson_));
+      }
       changes_.noteHeld();
-      return now;
+      versions_ = std::move(versions);
+      return isNew ? Looked::kChanged : Looked::kUnchanged;
     } catch (const TarnException& error) {
       if (error.getErrorID() != ErrorID::DatabaseInUse) throw;
-      return std::nullopt;
+      return Looked::kInUse;
     }
   }
 
   // Whether there have been as many as were asked for.
-  bool tell(const std::vector<LookChange>& changes) {
-    for (const LookChange& change : changes) {
+  bool tell() {
+    if (!before_) return false;
+    for (const LookChange& change : now_->since(*before_)) {
       out_ << (isJson_ ? JsonOf(change) : TextOf(change)) << '\n';
       out_.flush();
       if (!options_.line.empty()) Execute(options_.line, change, invocation_.database);
@@ -176,6 +213,8 @@ class BranchFollower {
   const WatchOptions& options_;
   const bool isJson_;
   StorageChanges changes_;
+  std::vector<std::uint64_t> versions_;  // of the last look
+  std::optional<BranchLook> before_, now_;
   Output out_;
   std::uint64_t count_ = 0;
 };

@@ -22,6 +22,7 @@ using namespace std::chrono_literals;
 using namespace tarns;
 using testing::ElementsAre;
 using testing::HasSubstr;
+using testing::IsEmpty;
 using Kind = TarnBranchChange::Kind;
 
 constexpr auto kLong = 20s;
@@ -161,6 +162,20 @@ TEST_F(BranchWatchTest, SeesTheCommitsOfAllSessionsInOrder) {
     ++(change->path == "a~number" ? numbers : texts);
   }
   EXPECT_EQ(numbers, kEach);
+}
+
+// Which the session has not taken in when the watch begins.
+TEST_F(BranchWatchTest, TellsNothingOfWhatWasCommittedBefore) {
+  TarnManager other;
+  other.connect(configuration().c_str());
+  for (int i = 0; i < 20; ++i) {
+    std::jthread([&] {
+      const TarnAttachment attachment(other);
+      other.set("a~number", i);
+    }).join();
+    TarnBranchWatch watch(manager(), "a");
+    EXPECT_THAT(told(watch, "a~text"), IsEmpty());
+  }
 }
 
 // Also when many are looked at together.

@@ -369,6 +369,12 @@ TEST_F(WatcherTest, AWatchThatFailsLeavesNothing) {
     EXPECT_THAT([&] { events->watch(object, CallBack(Plain::Call, plain), 1); },
                 ThrowsTarn(111, HasSubstr("stopped")));
   }
+  Client client;
+  for (const char* path : {"a~number", "a~text"}) {
+    EXPECT_THAT([&] { events->watch(id(path), CallBack(&client, &Client::called, nullptr), 1); },
+                ThrowsTarn(111, HasSubstr("stopped")));
+    EXPECT_EQ(events->lockTarget(&client), nullptr);
+  }
   manager().set("a~number", 2);
   EXPECT_TRUE(before.calls.wait(kLong));  // as it was
   events->close(true);

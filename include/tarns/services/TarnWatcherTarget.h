@@ -76,6 +76,8 @@ class TARNS_API Uint32ToTarnWatcherTargetMap {
   // have gone, but for those of the calling thread; so does every other call for the client. Calls
   // within callbacks of the client do not wait for each other, see TarnWatcherTarget.
   void removeKey(const void* client);
+  // The same, without waiting, where nobody has the client's target.
+  void removeUnused(const void* client);
 
  private:
   using Targets = std::unordered_multimap<const void*, std::shared_ptr<TarnWatcherTarget>>;
