@@ -129,7 +129,7 @@ class BranchFollower {
       ThrowIfInterrupted();
       const Looked looked = look();
       if (looked == Looked::kInUse) {  // it may be closed without a further trace
-        sleepFor(kShortestPause, end);
+        SleepFor(kShortestPause, end);
         changes_.wait(Left(end, kLongestPause - kShortestPause));
       } else {
         if (looked == Looked::kChanged && tell()) return ExitStatus::kDone;
@@ -142,7 +142,7 @@ class BranchFollower {
         pause = looked == Looked::kChanged
                     ? milliseconds(0)
                     : std::min(isFirst ? kShortestPause : 2 * pause, kLongestPause);
-        sleepFor(pause, end);
+        SleepFor(pause, end);
       }
       if (end && Clock::now() >= *end) {
         return count_ > 0 ? ExitStatus::kDone : ExitStatus::kNotFound;
@@ -159,7 +159,7 @@ class BranchFollower {
   }
 
   // Ends early, within a fifth of a second, when a signal has come.
-  static void sleepFor(milliseconds time, const std::optional<Clock::time_point>& end) {
+  static void SleepFor(milliseconds time, const std::optional<Clock::time_point>& end) {
     for (auto left = *Left(end, time); left > milliseconds(0); left -= kShortestPause) {
       std::this_thread::sleep_for(std::min(left, kShortestPause));
       ThrowIfInterrupted();
