@@ -223,8 +223,9 @@ TarnVFSContent TarnVFSWriter::State::content() {
   if (size_ > kPiece) {
     putIntoTables();
     content.pieces = tables_.root();
-  } else if (written_.empty() && tables_.root().is_null() && size_ == before_.size) {
-    content.bytes = bytes_;  // not written to
+  } else if (written_.empty() && tablesEnd_ == kNone && tables_.root().is_null() &&
+             size_ == before_.size) {
+    content.bytes = bytes_;  // neither written to nor cut
   } else {
     const std::string bytes = fetch(0);
     content = TarnVFSContent(std::string_view(bytes).substr(0, size_));

@@ -106,6 +106,30 @@ TEST_F(ContentTest, IsWrittenAnywhere) {
   }
 }
 
+// What was cut off does not come back, above all where the content has its old size again.
+TEST_F(ContentTest, ReadsAsZerosWhatWasCutOff) {
+  for (const std::size_t size : {std::size_t{1}, std::size_t{7}, kPiece, kPiece + 1, 2 * kPiece}) {
+    const std::string bytes = Bytes(size, 1);
+    const std::vector<std::vector<std::size_t>> cuts{
+        {0, size}, {size / 2, size},      {kPiece, 0, size}, {0, 3 * kPiece, size},
+        {size},    {3 * kPiece, 0, size}, {kPiece, size}};
+    for (const auto& sizes : cuts) {
+      SCOPED_TRACE(testing::Message() << size << " bytes: " << testing::PrintToString(sizes));
+      put("x", bytes);
+      std::string model = bytes;
+      TarnVFSWriter writer(vfs(), "x", TarnVFSWriter::Mode::kUpdate);
+      for (const std::size_t next : sizes) {
+        writer.truncate(next);
+        model.resize(next);
+      }
+      writer.finish();
+      EXPECT_TRUE(content("x") == model);
+      remount();
+      EXPECT_TRUE(content("x") == model);
+    }
+  }
+}
+
 TEST_F(ContentTest, IsReadAsItWas) {
   const std::string before = Bytes(5 * kPiece, 1), after = Bytes(6 * kPiece, 2);
   put("x", before);
