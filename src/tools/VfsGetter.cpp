@@ -60,7 +60,7 @@ std::array<timespec, 2> TimesOf(const TarnVFSInfo& info) {
 bool SetAttributes(int file, const TarnVFSInfo& info) {
   const bool hasPermissions = info.permissions != TarnVFSInfo::kNoPermissions;
   if (hasPermissions && ::fchmod(file, info.permissions & 07777) != 0) return false;
-  return info.modified == TarnVFSTime{} || ::futimens(file, TimesOf(info).data()) == 0;
+  return info.modified == TarnVFSInfo::kNoTime || ::futimens(file, TimesOf(info).data()) == 0;
 }
 
 std::string Joined(const std::string& directory, const std::string& name) {
@@ -243,7 +243,7 @@ bool VfsGetter::makeLink(int directory, const std::string& name, const TarnVFSEn
     return false;
   }
   if (::symlinkat(target.c_str(), directory, name.c_str()) != 0) return false;
-  if (entry.info.modified == TarnVFSTime{} ||
+  if (entry.info.modified == TarnVFSInfo::kNoTime ||
       ::utimensat(directory, name.c_str(), TimesOf(entry.info).data(), AT_SYMLINK_NOFOLLOW) == 0) {
     return true;
   }

@@ -276,6 +276,7 @@ void VfsPutter::putLarge(const std::shared_ptr<Directory>& directory, const std:
   if (size < 0 || ::fstat(file, &status) != 0) {
     return fail(Joined(directory->real, name), std::generic_category().message(errno).c_str());
   }
+  writer.setKind(TarnVFSInfo::Kind::kFile);  // a link may be there
   writer.setPermissions(status.st_mode & 07777);
   writer.setModified(TimeOf(status.st_mtim));
   writer.finish();

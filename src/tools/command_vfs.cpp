@@ -63,7 +63,7 @@ std::string ModeText(const TarnVFSInfo& info) {
 }
 
 std::string TimeText(TarnVFSTime time) {
-  if (time == TarnVFSTime{}) return {};
+  if (time == TarnVFSInfo::kNoTime) return {};
   const time_t seconds = time.seconds;
   tm parts{};
   if (::gmtime_r(&seconds, &parts) == nullptr) return std::to_string(time.seconds) + " s";

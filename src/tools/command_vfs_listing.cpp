@@ -94,7 +94,7 @@ std::string JsonOf(const std::string& name, const TarnVFSInfo& info) {
   std::string json = "{\"name\": " + Quoted(TextOfName(name)) +
                      ", \"kind\": " + Quoted(KindText(info.kind)) +
                      ", \"size\": " + std::to_string(info.size);
-  if (info.modified != TarnVFSTime{}) {
+  if (info.modified != TarnVFSInfo::kNoTime) {
     json += ", \"modified\": " + Quoted(TimeText(info.modified));
   }
   if (info.permissions != TarnVFSInfo::kNoPermissions) {

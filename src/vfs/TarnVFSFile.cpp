@@ -71,6 +71,12 @@ constexpr std::array kTypes = std::to_array<ExtensionType>({
 });
 constexpr const char* kUnknownType = "application/octet-stream";
 
+constexpr std::uint8_t kModifiedTold = 1, kCreatedTold = 2;
+
+std::uint8_t WithBit(std::uint8_t bits, std::uint8_t bit, bool isSet) {
+  return static_cast<std::uint8_t>(isSet ? bits | bit : bits & ~bit);
+}
+
 [[noreturn]] void ThrowTooLong(std::size_t size) {
   TarnException error;
   error << "A content of " << size << " bytes is longer than a piece; write it with a "
@@ -111,6 +117,7 @@ bool TarnVFSFile::write(const char* name, GOODSinOut& out) {
   out.write("ModifiedNs", modifiedNs_);
   out.write("Created", created_);
   out.write("CreatedNs", createdNs_);
+  out.write("Told", told_);
   out.write("Permissions", permissions_);
   out.writeEnum("Kind", kind_);
   out.addEnumValue("Kind", static_cast<unsigned long>(TarnVFSInfo::Kind::kFile), "File");
@@ -125,8 +132,8 @@ TarnVFSInfo TarnVFSFile::getStoredInfo() const {
   info.kind = kind_;
   info.size = size_;
   info.permissions = permissions_;
-  info.modified = {modified_, modifiedNs_};
-  info.created = {created_, createdNs_};
+  info.modified = TimeFromStored({modified_, modifiedNs_}, (told_ & kModifiedTold) != 0);
+  info.created = TimeFromStored({created_, createdNs_}, (told_ & kCreatedTold) != 0);
   return info;
 }
 
@@ -143,14 +150,18 @@ void TarnVFSFile::setPermissions(std::uint32_t permissions) {
 
 void TarnVFSFile::setModified(TarnVFSTime time) {
   VerifyTime(time);
-  modified_ = time.seconds;
-  modifiedNs_ = time.nanoseconds;
+  const TarnVFSTime stored = TimeToStore(time);
+  modified_ = stored.seconds;
+  modifiedNs_ = stored.nanoseconds;
+  told_ = WithBit(told_, kModifiedTold, time != TarnVFSInfo::kNoTime);
 }
 
 void TarnVFSFile::setCreated(TarnVFSTime time) {
   VerifyTime(time);
-  created_ = time.seconds;
-  createdNs_ = time.nanoseconds;
+  const TarnVFSTime stored = TimeToStore(time);
+  created_ = stored.seconds;
+  createdNs_ = stored.nanoseconds;
+  told_ = WithBit(told_, kCreatedTold, time != TarnVFSInfo::kNoTime);
 }
 
 const char* TarnVFSFile::GetContentTypeFor(std::string_view name) {
@@ -165,7 +176,8 @@ const char* TarnVFSFile::GetContentTypeFor(std::string_view name) {
 }
 
 std::string TarnVFSFile::getContentType(std::string_view name) const {
-  return contentType_.isNull() ? GetContentTypeFor(name) : contentType_.str();
+  const std::string told = contentType_.isNull() ? std::string() : contentType_.str();
+  return told.empty() ? GetContentTypeFor(name) : told;
 }
 
 void TarnVFSFile::setContentType(const char* type) { contentType_ = TarnString(type); }

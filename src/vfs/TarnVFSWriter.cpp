@@ -279,7 +279,7 @@ void TarnVFSWriter::State::attach() {
   body->setContent(content());
   body->setModified(modified_ ? *modified_ : TarnVFSTime::Now());
   if (permissions_) body->setPermissions(*permissions_);
-  body->setKind(kind_ ? *kind_ : TarnVFSInfo::Kind::kFile);
+  if (kind_) body->setKind(*kind_);
   if (contentType_) body->setContentType(contentType_->c_str());
 }
 

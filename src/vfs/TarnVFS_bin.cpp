@@ -3,7 +3,6 @@
 #include <tarns/core/TarnBranches.h>
 #include <tarns/vfs/TarnVFS.h>
 
-#include <algorithm>
 #include <charconv>
 #include <string>
 #include <string_view>
@@ -35,7 +34,10 @@ TarnVFS::BinEntry Described(unsigned long id, const TarnRef& entry) {
   described.isFolder = entry->getUint32(TarnVFS::kBinItemType, 0) == TarnVFS::kBinTypeFolder;
   described.name = entry->getXString(TarnVFS::kBinItemName, "").view();
   described.path = entry->getXString(TarnVFS::kBinItemPath, "").view();
-  described.time.seconds = entry->getSint64(TarnVFS::kBinTime, 0);
+  described.time = TarnVFSInfo::kNoTime;
+  if (entry->hasChild(TarnVFS::kBinTime)) {
+    described.time = {entry->getSint64(TarnVFS::kBinTime, 0), 0};
+  }
   described.node = entry->getChildWithName(TarnVFS::kBinItem);
   return described;
 }
@@ -170,10 +172,14 @@ unsigned long TarnVFS::emptyRecycleBin(unsigned long seconds) {
   unsigned long removed = 0;
   changeAnywhere([&] {
     modify(bin)->touch();
+  // Of an entry without a time more than any that is asked for.
+  const auto ageOf = [now](const BinEntry& entry) {
+    const std::int64_t then = entry.time.seconds;
+    return then < now ? static_cast<std::uint64_t>(now) - static_cast<std::uint64_t>(then) : 0;
+  };
     removed = 0;
     for (const BinEntry& entry : listRecycleBin()) {
-      const std::int64_t age = std::max<std::int64_t>(0, now - entry.time.seconds);
-      if (static_cast<std::uint64_t>(age) < seconds) continue;
+      if (ageOf(entry) < seconds) continue;
       dropEntry(bin, entry.id);
       ++removed;
     }
@@ -199,7 +205,9 @@ TarnRef TarnVFS::BuildRecycleBinTree(const TarnRef& bin) {
     body->setValue(kBinItemName, TarnData(entry.name.c_str()));
     body->setValue(kBinItemPath, TarnData(entry.path.c_str()));
     body->setValue(kBinItemType, TarnData(entry.isFolder ? kBinTypeFolder : kBinTypeItem));
-    body->setValue(kBinTime, TarnData(entry.time.seconds));
+    if (entry.time != TarnVFSInfo::kNoTime) {
+      body->setValue(kBinTime, TarnData(entry.time.seconds));
+    }
     if (entry.isFolder && !entry.node.is_null()) {
       body->addChild(TarnVFSFolder::kFolders, BuildFolderTreeFor(Folder(entry.node)));
     }

@@ -22,8 +22,14 @@ using Folder = xcptref<TarnVFSFolder>;
 
 // What a copy does not take over: where and how often the item is listed.
 bool IsOfThePlace(std::string_view child) {
-  return child == TarnVFSItem::kRefCount || child == TarnVFSItem::kOriginalPath ||
-         child == TarnVFSItem::kItemName;
+  return child == TarnVFSItem::kRefCount || child == TarnVFSItem::kOriginalPath;
+}
+
+// Who gives an item another name wants to see that.
+void ShowNewName(const Item& item, std::string_view before, const XString& name) {
+  if (name.view() != before && item->valueAt(TarnVFSItem::kItemName)) {
+    modify(item)->setItemName(name);
+  }
 }
 
 }  // namespace
@@ -116,11 +122,11 @@ bool TarnVFS::moveItemInternal(TarnPathText from, TarnPathText to, long mode, XS
     if (mode == kMove) {
       modify(source.folder)->removeItem(source.name);
       modify(target.folder)->addItem(target.name.c_str(), item, true, &name);
-      const bool isRenamed = name.view() != source.name;
-      if (isRenamed && item->valueAt(kItemName)) modify(item)->setItemName(name);
+      ShowNewName(item, source.name, name);
     } else if (mode == kCopy) {
       const Item copy = CopyOf(item);
       modify(copy)->setOriginalPath(from.str().c_str());
+      ShowNewName(copy, source.name, name);
       modify(target.folder)->addItem(target.name.c_str(), copy, true, &name);
     } else {
       modify(target.folder)->addItem(target.name.c_str(), item, true, &name);

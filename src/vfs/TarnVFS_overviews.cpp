@@ -1,4 +1,5 @@
 // TarnVFS: trees and summaries.
+#include <tarns/core/TarnBranches.h>
 #include <tarns/vfs/TarnVFS.h>
 #include <tarns/vfs/TarnVFSFile.h>
 
@@ -7,6 +8,7 @@
 #include <map>
 #include <optional>
 #include <string>
+#include <string_view>
 #include <unordered_set>
 #include <utility>
 #include <vector>
@@ -17,6 +19,20 @@ namespace {
 
 constexpr std::size_t kPage = 1000;  // items at a time
 
+// A content type as the name of a child: whatever was set, it is one.
+std::string NameOfType(std::string_view type) {
+  constexpr std::size_t kLongest = 255;  // that of registered ones
+  std::string name;
+  for (const char c : type.substr(0, std::min(type.find('\0'), kLongest))) {
+    if (c == TarnBranches::kSeparator) {
+      name += "%7E";
+    } else {
+      name += c;
+    }
+  }
+  return name.empty() ? "?" : name;
+}
+
 struct Summary {
   std::uint64_t items = 0, bytes = 0;
   std::optional<TarnVFSTime> modified;
@@ -26,8 +42,10 @@ struct Summary {
     ++items;
     if (!entry.item.isA<TarnVFSFile>()) return;
     bytes += entry.info.size;
-    modified = std::max(modified.value_or(entry.info.modified), entry.info.modified);
-    ++types[xcptref<TarnVFSFile>(entry.item)->getContentType(entry.name)];
+    if (entry.info.modified != TarnVFSInfo::kNoTime) {
+      modified = std::max(modified.value_or(entry.info.modified), entry.info.modified);
+    }
+    ++types[NameOfType(xcptref<TarnVFSFile>(entry.item)->getContentType(entry.name))];
   }
 };
 

@@ -14,6 +14,7 @@ bool TarnVFSAttributes::write(const char* name, GOODSinOut& out) {
   TarnObject::write(name, out);
   out.write("Modified", modified_);
   out.write("ModifiedNs", modifiedNs_);
+  out.write("Told", isTold_);
   return out.write("Permissions", permissions_);
 }
 
@@ -25,7 +26,7 @@ void VerifyPermissions(std::uint32_t permissions) {
 
 void VerifyTime(TarnVFSTime time) {
   constexpr std::uint32_t kSecond = 1'000'000'000;
-  if (time.nanoseconds < kSecond) return;
+  if (time.nanoseconds < kSecond || time == TarnVFSInfo::kNoTime) return;
   throw TarnException("A time has less than 1,000,000,000 nanoseconds.", ErrorID::BadUsage);
 }
 

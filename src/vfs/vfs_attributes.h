@@ -12,6 +12,15 @@ namespace tarns {
 void VerifyPermissions(std::uint32_t permissions);
 void VerifyTime(TarnVFSTime time);
 
+// Times are stored as seconds and nanoseconds and whether they were told. Items that were stored
+// before there was the latter have zeros for what was never told, and for 1970-01-01 00:00:00.
+inline TarnVFSTime TimeToStore(TarnVFSTime time) {
+  return time == TarnVFSInfo::kNoTime ? TarnVFSTime{} : time;
+}
+inline TarnVFSTime TimeFromStored(TarnVFSTime stored, bool isTold) {
+  return isTold || stored != TarnVFSTime{} ? stored : TarnVFSInfo::kNoTime;
+}
+
 // Permissions and time of a folder: its child "vfsAttributes".
 class TarnVFSAttributes : public TarnObject {
   TARN_CLASS(TarnVFSAttributes, TarnObject)
@@ -22,15 +31,18 @@ class TarnVFSAttributes : public TarnObject {
 
   std::uint32_t getPermissions() const { return permissions_; }
   void setPermissions(std::uint32_t permissions) { permissions_ = permissions; }
-  TarnVFSTime getModified() const { return {modified_, modifiedNs_}; }
+  TarnVFSTime getModified() const { return TimeFromStored({modified_, modifiedNs_}, isTold_); }
   void setModified(TarnVFSTime time) {
-    modified_ = time.seconds;
-    modifiedNs_ = time.nanoseconds;
+    const TarnVFSTime stored = TimeToStore(time);
+    modified_ = stored.seconds;
+    modifiedNs_ = stored.nanoseconds;
+    isTold_ = time != TarnVFSInfo::kNoTime;
   }
 
  private:
   std::int64_t modified_ = 0;
   std::uint32_t modifiedNs_ = 0;
+  bool isTold_ = false;  // the time
   std::uint32_t permissions_ = TarnVFSInfo::kNoPermissions;
 };
 

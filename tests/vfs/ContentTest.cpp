@@ -304,6 +304,51 @@ TEST_F(ContentTest, KeepsAttributes) {
       ThrowsTarn(111, HasSubstr("nanoseconds")));
 }
 
+// Any time that can be told is one, that of all zeros as well.
+TEST_F(ContentTest, TellsTimesFromTimesThatWereNeverTold) {
+  const auto file = TarnVFSFile::Create();
+  vfs().addItem("x", file, false, false);
+  vfs().createFolder("f");
+  const auto folder = vfs().getFolder("f");
+  modify(folder)->setPermissions(0700);
+  const TarnVFSTime never = TarnVFSInfo::kNoTime;
+  for (const TarnVFSTime time : {never, TarnVFSTime{0, 0}, TarnVFSTime{0, 1}, TarnVFSTime{-1, 0},
+                                 TarnVFSTime{std::numeric_limits<std::int64_t>::min(), 0}, never}) {
+    SCOPED_TRACE(testing::Message() << time.seconds << "." << time.nanoseconds);
+    modify(xcptref<TarnVFSFile>(vfs().getItem("x")))->setModified(time);
+    modify(xcptref<TarnVFSFile>(vfs().getItem("x")))->setCreated({0, 0});
+    modify(vfs().getFolder("f"))->setModified(time);
+    EXPECT_EQ(vfs().summarizeItemsIn("")->hasChild("Modified"), time != never);
+    EXPECT_EQ(vfs().getInfo("x")->modified, time);
+    remount();
+    EXPECT_EQ(vfs().listItems("").front().info.modified, time);
+    EXPECT_EQ(vfs().getInfo("x")->created, TarnVFSTime());
+    EXPECT_EQ(vfs().getInfo("f")->modified, time);
+  }
+  // Stored by a program that did not note whether a time was told.
+  const auto old = TarnVFSFile::Create();
+  modify(old)->setValue("Modified", TarnData(std::int64_t{5}));
+  EXPECT_EQ(old->getInfo().modified, (TarnVFSTime{5, 0}));
+  EXPECT_EQ(old->getInfo().created, never);
+}
+
+TEST_F(ContentTest, StaysWhatItIsUnlessThatIsTold) {
+  using Mode = TarnVFSWriter::Mode;
+  put("x", "target");
+  EXPECT_EQ(vfs().getInfo("x")->kind, TarnVFSInfo::Kind::kFile);
+  modify(xcptref<TarnVFSFile>(vfs().getItem("x")))->setKind(TarnVFSInfo::Kind::kLink);
+  for (const Mode mode : {Mode::kUpdate, Mode::kReplace}) {
+    TarnVFSWriter writer(vfs(), "x", mode);
+    writer.write("elsewhere");
+    writer.finish();
+    EXPECT_EQ(vfs().getInfo("x")->kind, TarnVFSInfo::Kind::kLink);
+  }
+  TarnVFSWriter writer(vfs(), "x");
+  writer.setKind(TarnVFSInfo::Kind::kFile);
+  writer.finish();
+  EXPECT_EQ(vfs().getInfo("x")->kind, TarnVFSInfo::Kind::kFile);
+}
+
 // Nothing of a file system is lost in the text form of its branch.
 TEST_F(ContentTest, ComesBackFromAnExport) {
   vfs().createFolder("a");

@@ -128,9 +128,11 @@ class TARNS_API TarnVFS {
 
   // To another path or, where a folder stands there, into that one under the item's own name. Where
   // an item stands there, the new one gets a numbered name. A copy has content and attributes of
-  // its own; a shared item is one item in several places, with a count of them ("vfsRefs"), and is
-  // gone with the last one. Moving an item to where it is does nothing and returns true. `used`,
-  // when not null, receives the path that came of it.
+  // its own, the same as the item at first. A name that was set to be shown (setItemName()) goes
+  // along unless the name in the folder becomes another one, which is shown then. A shared item is
+  // one item in several places, with a count of them ("vfsRefs"), and is gone with the last one.
+  // Moving an item to where it is does nothing and returns true. `used`, when not null, receives
+  // the path that came of it.
   bool moveItem(TarnPathText from, TarnPathText to, XString* used = nullptr);
   bool copyItemTo(TarnPathText from, TarnPathText to, XString* used = nullptr);
   bool shareItem(TarnPathText from, TarnPathText to, XString* used = nullptr);
@@ -166,9 +168,10 @@ class TARNS_API TarnVFS {
   xcptref<TarnObject> buildFolderTreeFor();
   static xcptref<TarnObject> BuildFolderTreeFor(const xcptref<TarnVFSFolder>& folder);
   // A transient node with the values "Items", "Folders" (of the folder itself), "Bytes" (of its
-  // items, Uint64) and, when there are items, "Modified" (the latest time in seconds) and a child
-  // "Types" with the number of items of each content type, "/" written as it is. Null when there is
-  // no such folder.
+  // items, Uint64), "Modified" (the latest time in seconds, when one was told) and, when there are
+  // items with content, a child "Types" with the number of those of each content type, "/" written
+  // as it is, "~" as "%7E", and of types that are longer the first 255 bytes. Null when there is no
+  // such folder.
   xcptref<TarnObject> summarizeItemsIn(TarnPathText folder);
 
   // --- Recycle bin ------------------------------------------------------------------------------
@@ -193,7 +196,7 @@ class TARNS_API TarnVFS {
     unsigned long id = 0;
     bool isFolder = false;
     std::string name, path;  // path: from the root folder
-    TarnVFSTime time = {};   // of binning; whole seconds
+    TarnVFSTime time = {};   // of binning; whole seconds; kNoTime where an entry has none
     TarnRef node;
   };
   // In the order in which they were binned; up to `limit` of those behind the number `after`.

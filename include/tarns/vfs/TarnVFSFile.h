@@ -42,7 +42,8 @@ struct TARNS_API TarnVFSContent {
 //
 // Stored in members, so that a small file is two objects: this one and its bytes. Write content
 // through TarnVFSWriter, or here where it is at most one piece, and read it through TarnVFSReader.
-// By path the members read as Size, Modified, ModifiedNs, Created, CreatedNs, Permissions, Kind and
+// By path the members read as Size, Modified, ModifiedNs, Created, CreatedNs, Told (bits: 1, that
+// Modified was told though it may be 0; 2, the same for Created), Permissions, Kind and
 // ContentType; Bytes and Pieces are the file system's own and not to be written.
 //
 // Threads and transactions: as every node.
@@ -58,13 +59,14 @@ class TARNS_API TarnVFSFile : public TarnVFSItem {
   void setKind(TarnVFSInfo::Kind kind) { kind_ = kind; }
   // Throws 111 for more than 07777 other than TarnVFSInfo::kNoPermissions.
   void setPermissions(std::uint32_t permissions);
+  // Throw 111 for more nanoseconds than a second has; TarnVFSInfo::kNoTime: as if never told.
   void setModified(TarnVFSTime time);
   void setCreated(TarnVFSTime time);
 
   // What was set or, where nothing was, what the extension of `name` stands for:
   // "application/octet-stream" when it is not known.
   std::string getContentType(std::string_view name) const;
-  void setContentType(const char* type);  // null: by the extension again
+  void setContentType(const char* type);  // null or "": by the extension again
   static const char* GetContentTypeFor(std::string_view name);
 
   TarnVFSContent getContent() const;
@@ -80,6 +82,7 @@ class TARNS_API TarnVFSFile : public TarnVFSItem {
   std::int64_t created_ = 0;
   std::uint32_t modifiedNs_ = 0;
   std::uint32_t createdNs_ = 0;
+  std::uint8_t told_ = 0;  // which of both were: kModifiedTold, kCreatedTold
   std::uint32_t permissions_ = TarnVFSInfo::kNoPermissions;
   TarnVFSInfo::Kind kind_ = TarnVFSInfo::Kind::kFile;
   TarnString contentType_;  // null: by the extension

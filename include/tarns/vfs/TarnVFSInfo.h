@@ -5,6 +5,7 @@
 
 #include <compare>
 #include <cstdint>
+#include <limits>
 #include <string>
 
 namespace tarns {
@@ -31,13 +32,15 @@ struct TarnVFSInfo {
   };
 
   Kind kind = Kind::kFile;
-  std::uint64_t size = 0;         // bytes of content; 0 for a folder
-  std::uint32_t permissions = 0;  // of POSIX, at most 07777; kNoPermissions: never told
-  TarnVFSTime modified = {};      // when the content was written last; 0 for a folder: never told
-  TarnVFSTime created = {};       // when the item was made; 0 for a folder
-  std::uint32_t references = 1;   // in so many places the item is listed
+  std::uint64_t size = 0;                      // bytes of content; 0 for a folder
+  std::uint32_t permissions = kNoPermissions;  // of POSIX, at most 07777
+  TarnVFSTime modified = kNoTime;              // when the content was written last
+  TarnVFSTime created = kNoTime;               // when the item was made; never told of a folder
+  std::uint32_t references = 1;                // in so many places the item is listed
 
+  // What stands for permissions and times that were never told.
   static constexpr std::uint32_t kNoPermissions = 0xFFFFFFFF;
+  static constexpr TarnVFSTime kNoTime{std::numeric_limits<std::int64_t>::min(), 0xFFFFFFFF};
 };
 
 // One line of a listing of items.
