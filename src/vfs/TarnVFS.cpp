@@ -7,6 +7,7 @@
 #include <vector>
 
 #include "core/node_access.h"
+#include "goods/transaction.h"
 #include "vfs/vfs_access.h"
 #include "vfs/vfs_names.h"
 
@@ -185,11 +186,16 @@ bool IsAtOrAbove(const TarnRef& folder, TarnRef node) {
   });
 }
 
-void LockFolders(const TarnRef& one, const TarnRef& other) {
+void Hold(const TarnRef& node) {
+  if (goods::transaction::copy_of(*node.handle()) != nullptr) return;  // has been written to
+  modify(node)->touch();
+  goods::cache_manager::require().touched(*node.handle());
+}
+
+void HoldFolders(const TarnRef& one, const TarnRef& other) {
   const bool isOrdered = one.id() <= other.id();
-  const TarnRef &first = isOrdered ? one : other, &second = isOrdered ? other : one;
-  modify(first)->touch();
-  if (first != second) modify(second)->touch();
+  Hold(isOrdered ? one : other);
+  Hold(isOrdered ? other : one);
 }
 
 // --- Names --------------------------------------------------------------------------------------

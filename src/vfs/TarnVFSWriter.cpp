@@ -270,7 +270,7 @@ void TarnVFSWriter::State::inherit(const xcptref<TarnVFSItem>& item,
 }
 
 void TarnVFSWriter::State::attach() {
-  LockFolders(folder_, folder_);
+  Hold(folder_);
   files_.verifyRoot();
   files_.verifyFolder();
   if (!files_.isThere(folder_, above_)) TarnException::ThrowNonExistentPath(above_.c_str());

@@ -79,16 +79,21 @@ bool TarnVFS::bin(TarnPathText path, bool isFolder, unsigned long* id) {
   BinEntry entry;
   entry.isFolder = isFolder;
   entry.name = place.name;
-  const bool isDone = change([&] {
-    LockFolders(place.folder, place.folder);
-    modify(bin)->touch();
+  const bool isDone = changeBin(bin, [&] {
+    Hold(place.folder);
+    verifyFolder();
     std::string above;
     if (!PathBelow(root, place.folder, above)) return false;  // it has been removed
     entry.path = JoinedPath(above, place.name);
-    entry.node = isFolder ? TarnRef(modify(place.folder)->removeFolder(place.name))
-                          : TarnRef(modify(place.folder)->removeItem(place.name));
+    entry.node = isFolder ? TarnRef(place.folder->getFolder(place.name))
+                          : TarnRef(place.folder->getItem(place.name));
     if (entry.node.is_null()) return false;
-    if (!isFolder) CountPlace(xcptref<TarnVFSItem>(entry.node), bin);
+    if (isFolder) {
+      modify(place.folder)->removeFolder(place.name);
+    } else {
+      modify(place.folder)->removeItem(place.name);
+      CountPlace(xcptref<TarnVFSItem>(entry.node), bin);
+    }
     entry.id = bin->getUint64(kBinLastID, 0) + 1;
     entry.time = TarnVFSTime::Now();
     modify(bin)->setValue(kBinLastID, TarnData(std::uint64_t{entry.id}));
@@ -110,8 +115,7 @@ TarnRef TarnVFS::binEntry(unsigned long id) {
 bool TarnVFS::restoreFromBin(unsigned long id, XString* path) {
   const TarnRef bin = getRecycleBin();
   getRootNode();
-  return changeAnywhere([&] {
-    modify(bin)->touch();
+  return changeBin(bin, [&] {
     const TarnRef entry = binEntry(id);
     if (entry.is_null() || !restore(Described(id, entry), entry, path)) return false;
     modify(bin)->deleteChild(EntryName(id).c_str());
@@ -157,8 +161,7 @@ void TarnVFS::dropEntry(const TarnRef& bin, unsigned long id) {
 bool TarnVFS::delFromRecycleBin(unsigned long id) {
   const TarnRef bin = getRecycleBin();
   getRootNode();
-  return changeAnywhere([&] {
-    modify(bin)->touch();
+  return changeBin(bin, [&] {
     if (binEntry(id).is_null()) return false;
     dropEntry(bin, id);
     return true;
@@ -169,14 +172,13 @@ unsigned long TarnVFS::emptyRecycleBin(unsigned long seconds) {
   const TarnRef bin = getRecycleBin();
   getRootNode();
   const std::int64_t now = TarnVFSTime::Now().seconds;
-  unsigned long removed = 0;
-  changeAnywhere([&] {
-    modify(bin)->touch();
   // Of an entry without a time more than any that is asked for.
   const auto ageOf = [now](const BinEntry& entry) {
     const std::int64_t then = entry.time.seconds;
     return then < now ? static_cast<std::uint64_t>(now) - static_cast<std::uint64_t>(then) : 0;
   };
+  unsigned long removed = 0;
+  changeBin(bin, [&] {
     removed = 0;
     for (const BinEntry& entry : listRecycleBin()) {
       if (ageOf(entry) < seconds) continue;

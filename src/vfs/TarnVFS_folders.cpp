@@ -107,15 +107,15 @@ void ThrowListedElsewhere(const std::string& name) {
                       ErrorID::BadUsage);
 }
 
-Folder TarnVFS::makeFolder(const Folder& root, std::string_view path, const char* icon,
+Folder TarnVFS::makeFolder(const Folder& top, std::string_view path, const char* icon,
                            unsigned long type) {
   VerifyNoNul(path);
-  Folder folder = root;
+  Folder folder = top;
   for (auto branch = TarnBranches(path).begin(); branch != std::default_sentinel; ++branch) {
     const std::string name(*branch);
     Folder below = folder->getFolder(name);
     if (below.is_null()) {
-      modify(folder)->touch();  // first, so that only one makes it
+      Hold(folder);  // first, so that only one makes it
       below = folder->getFolder(name);
     }
     if (below.is_null()) {
@@ -139,17 +139,23 @@ bool TarnVFS::createFolder(TarnPathText path, const char* icon, unsigned long ty
     const Folder parent = folderAt(above);
     if (!parent.is_null() && !TakesFolders(parent)) return false;
   }
-  if (!folderAt(path.view()).is_null()) return true;
-  const Folder root = getVFSRootNode();
-  return change([&] { return !makeFolder(root, path.view(), icon, type).is_null(); });
+  // The last folder on the way that is there, which gets the first of those that are not.
+  Folder last = getVFSRootNode();
+  auto branch = TarnBranches(path.view()).begin();
+  for (; branch != std::default_sentinel; ++branch) {
+    Folder below = last->getFolder(*branch);
+    if (below.is_null()) break;
+    last = std::move(below);
+  }
+  if (branch == std::default_sentinel) return true;
+  return change(last, last, [&] { return !makeFolder(last, branch.rest(), icon, type).is_null(); });
 }
 
 bool TarnVFS::addFolder(TarnPathText path, Folder folder, bool overwrite, bool merge) {
   const Place place = placeAt(path.view());
   if (!place.isValid() || folder.is_null()) return false;
   const Folder root = getRootNode();
-  return change([&] {
-    LockFolders(place.folder, place.folder);
+  return change(place.folder, place.folder, [&] {
     const Folder there = place.folder->getFolder(place.name);
     if (there.is_null() && !TakesFolders(place.folder)) return false;
     if (!there.is_null() && !merge && !overwrite) return false;
@@ -170,10 +176,10 @@ bool TarnVFS::deleteFolder(TarnPathText path) {
   const Place place = placeAt(path.view());
   if (!place.isValid()) return false;
   const Folder root = getRootNode();
-  return change([&] {
-    LockFolders(place.folder, place.folder);
-    const Folder folder = modify(place.folder)->removeFolder(place.name);
+  return change(place.folder, place.folder, [&] {
+    const Folder folder = place.folder->getFolder(place.name);
     if (folder.is_null()) return false;
+    modify(place.folder)->removeFolder(place.name);
     RemoveSharedItems(root, folder);
     return true;
   });
@@ -184,8 +190,7 @@ bool TarnVFS::transferFolder(std::string_view from, std::string_view to, bool is
   if (!source.isValid() || !target.isValid()) return false;
   const Folder root = getVFSRootNode();
   const std::string_view above = folderAt(to).is_null() ? TarnBranches::ParentOf(to) : to;
-  return change([&] {
-    LockFolders(source.folder, target.folder);
+  return change(source.folder, target.folder, [&] {
     const Folder folder = source.folder->getFolder(source.name);
     if (folder.is_null() || IsAtOrAbove(folder, target.folder)) return false;
     if (LeadsThrough(root, above, folder)) return false;

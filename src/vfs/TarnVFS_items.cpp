@@ -50,9 +50,9 @@ bool TarnVFS::addItem(TarnPathText path, Item item, bool overwrite, bool unique)
   getDBPathForItem(path.str().c_str());  // checks the names
   const Place place = placeAt(path.view());
   if (!place.isValid()) return false;
-  return change([&] {
-    LockFolders(place.folder, place.folder);
-    if (!overwrite && !place.folder->getItem(place.name).is_null()) return false;
+  return change(place.folder, place.folder, [&] {
+    const Item there = place.folder->getItem(place.name);
+    if (!there.is_null() && (!overwrite || (!unique && there == item))) return false;
     return modify(place.folder)->addItem(place.name.c_str(), item, unique);
   });
 }
@@ -60,9 +60,9 @@ bool TarnVFS::addItem(TarnPathText path, Item item, bool overwrite, bool unique)
 bool TarnVFS::changeItem(TarnPathText path, Item item) {
   const Place place = placeAt(path.view());
   if (!place.isValid() || item.is_null()) return false;
-  return change([&] {
-    LockFolders(place.folder, place.folder);
-    if (place.folder->getItem(place.name).is_null()) return false;
+  return change(place.folder, place.folder, [&] {
+    const Item there = place.folder->getItem(place.name);
+    if (there.is_null() || there == item) return false;
     return modify(place.folder)->addItem(place.name.c_str(), item, false);
   });
 }
@@ -70,9 +70,10 @@ bool TarnVFS::changeItem(TarnPathText path, Item item) {
 bool TarnVFS::deleteItem(TarnPathText path) {
   const Place place = placeAt(path.view());
   if (!place.isValid()) return false;
-  return change([&] {
-    LockFolders(place.folder, place.folder);
-    return !modify(place.folder)->removeItem(place.name).is_null();
+  return change(place.folder, place.folder, [&] {
+    if (place.folder->getItem(place.name).is_null()) return false;
+    modify(place.folder)->removeItem(place.name);
+    return true;
   });
 }
 
@@ -80,8 +81,7 @@ bool TarnVFS::deleteItemsIn(TarnPathText folderPath) {
   const Folder folder = folderAt(folderPath.view());
   if (folder.is_null()) return false;
   const Folder root = getRootNode();
-  return change([&] {
-    LockFolders(folder, folder);
+  return change(folder, folder, [&] {
     const TarnRef items = folder->getItemsNode();
     if (items.is_null()) return true;
     if (MayListSharedItems(root)) UncountPlacesIn(items);
@@ -113,8 +113,7 @@ bool TarnVFS::moveItemInternal(TarnPathText from, TarnPathText to, long mode, XS
   if (!source.isValid() || !target.isValid()) return false;
   const Folder effectiveRoot = getVFSRootNode();
   XString name;
-  const bool isDone = change([&] {
-    LockFolders(source.folder, target.folder);
+  const bool isDone = change(source.folder, target.folder, [&] {
     const Item item = source.folder->getItem(source.name);
     if (item.is_null()) return false;
     name = target.name;
@@ -126,8 +125,8 @@ bool TarnVFS::moveItemInternal(TarnPathText from, TarnPathText to, long mode, XS
     } else if (mode == kCopy) {
       const Item copy = CopyOf(item);
       modify(copy)->setOriginalPath(from.str().c_str());
-      ShowNewName(copy, source.name, name);
       modify(target.folder)->addItem(target.name.c_str(), copy, true, &name);
+      ShowNewName(copy, source.name, name);
     } else {
       modify(target.folder)->addItem(target.name.c_str(), item, true, &name);
       if (!item->valueAt(TarnVFSItem::kOriginalPath)) {

@@ -27,19 +27,32 @@ auto Atomically(TarnManager& manager, Work&& work) {
   return manager.db().getCacheManager().atomically(std::forward<Work>(work));
 }
 
-// The same for work that returns whether it has changed something; below the folder on which the
-// file system was opened.
+// Holds a node for the transaction, so that nobody else changes it. It is not written by that:
+// where nothing follows, nothing is committed.
+void Hold(const TarnRef& node);
+
+// Holds both folders, which may be the same; always in the same order.
+void HoldFolders(const TarnRef& one, const TarnRef& other);
+
+// The same for work that returns whether it has changed something, with both folders held. They are
+// held before anything is read: two that read a folder first would wait for each other.
 template <class Work>
-bool TarnVFS::change(Work&& work) {
-  return changeAnywhere([&] {
+bool TarnVFS::change(const TarnRef& one, const TarnRef& other, Work&& work) {
+  const bool isChanged = Atomically(manager_, [&] {
+    HoldFolders(one, other);
+    verifyRoot();
     verifyFolder();
     return work();
   });
+  if (isChanged) ++numChanges_;
+  return isChanged;
 }
 
+// The same with the recycle bin held, which comes before all folders.
 template <class Work>
-bool TarnVFS::changeAnywhere(Work&& work) {
+bool TarnVFS::changeBin(const TarnRef& bin, Work&& work) {
   const bool isChanged = Atomically(manager_, [&] {
+    Hold(bin);
     verifyRoot();
     return work();
   });
@@ -52,18 +65,15 @@ template <class T>
 xcptref<T> ChildNoFail(TarnManager& manager, const TarnRef& parent, const char* name) {
   if (TarnRef found = parent->getChildWithName(name); !found.is_null()) return xcptref<T>(found);
   return Atomically(manager, [&] {
-    auto writable = modify(parent);  // first, so that only one makes it
+    Hold(parent);  // first, so that only one makes it
     TarnRef found = parent->getChildWithName(name);
     if (found.is_null()) {
       found = T::Create();
-      writable->addChild(name, found);
+      modify(parent)->addChild(name, found);
     }
     return xcptref<T>(found);
   });
 }
-
-// Holds the folders for the transaction; always in the same order. They may be the same.
-void LockFolders(const TarnRef& one, const TarnRef& other);
 
 // The names from `root` to a folder or item below it, joined; false when it is not below.
 bool PathBelow(const xcptref<TarnVFSFolder>& root, const TarnRef& node, std::string& path);

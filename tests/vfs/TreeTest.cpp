@@ -107,6 +107,60 @@ TEST_F(TreeTest, RefusesFoldersWhereTheTypeSaysSo) {
   EXPECT_EQ(tree(), (Tree{{"a/", ""}, {"c/", ""}}));
   EXPECT_TRUE(vfs().createFolder("c", "late", 2));  // is there, stays as it is
   EXPECT_EQ(vfs().getFolder("c")->getFolderType(), 0u);
+  // What takes no sub-folders any more is asked for those that it has.
+  vfs().createFolder("c~d~e");
+  modify(vfs().getFolder("c"))->setFolderType(TarnVFSFolder::kNoSubFolders);
+  EXPECT_FALSE(vfs().createFolder("c~d"));
+  EXPECT_TRUE(vfs().createFolder("c~d~e"));
+  EXPECT_TRUE(vfs().createFolder("c~d~f"));
+  mount("c");
+  EXPECT_TRUE(vfs().createFolder("d"));
+  EXPECT_FALSE(vfs().createFolder("g"));
+}
+
+// What is refused, or finds nothing to do, leaves no trace: nobody is told of a change.
+TEST_F(TreeTest, RefusedCallsCommitNothing) {
+  vfs().createFolder("a~b");
+  vfs().createFolder("closed", nullptr, TarnVFSFolder::kNoSubFolders);
+  put("a~x", "1");
+  put("binned", "2");
+  vfs().moveItemToBin("binned");
+  const auto item = vfs().getItem("a~x");
+  const auto loose = TarnVFSItem::Create();
+  const std::vector<std::function<bool()>> calls{
+      [&] { return vfs().addItem("a~x", loose, false, false); },
+      [&] { return vfs().addItem("a~x", item, true, false); },
+      [&] { return vfs().changeItem("a~none", loose); },
+      [&] { return vfs().changeItem("a~x", item); },
+      [&] { return vfs().deleteItem("a~none"); },
+      [&] { return vfs().moveItem("a~none", "a~b"); },
+      [&] { return vfs().copyItemTo("a~none", "a~b"); },
+      [&] { return vfs().createFolder("closed~c"); },
+      [&] { return vfs().createFolder("closed~c~d"); },
+      [&] { return vfs().addFolder("closed~c", TarnVFSFolder::Create(), true, true); },
+      [&] { return vfs().addFolder("a", TarnVFSFolder::Create(), false, false); },
+      [&] { return vfs().deleteFolder("a~none"); },
+      [&] { return vfs().moveFolder("a", "a~b"); },
+      [&] { return vfs().copyFolder("a", "closed"); },
+      [&] { return vfs().moveItemToBin("a~none"); },
+      [&] { return vfs().moveFolderToBin("a~none"); },
+      [&] { return vfs().restoreFromBin(7); },
+      [&] { return vfs().delFromRecycleBin(7); },
+      [&] { return vfs().emptyRecycleBin(3600) > 0; },
+      [&] { return !vfs().moveItem("a~x", "a~x"); },
+      [&] { return !vfs().createFolder("a~b"); }};
+  const std::uint64_t before = manager().getVersion();
+  for (std::size_t i = 0; i < calls.size(); ++i) {
+    EXPECT_FALSE(calls[i]()) << i;
+    EXPECT_EQ(manager().getVersion(), before) << i;
+  }
+  manager().transaction([&] {
+    for (const auto& call : calls) EXPECT_FALSE(call());
+  });
+  EXPECT_EQ(manager().getVersion(), before);
+  // The folder is written to by what has changed it.
+  manager().transaction([&] { EXPECT_TRUE(vfs().addItem("a~x", loose, true, true)); });
+  EXPECT_GT(manager().getVersion(), before);
 }
 
 TEST_F(TreeTest, AddsItems) {
@@ -187,6 +241,28 @@ TEST_F(TreeTest, MovesAndCopiesItems) {
   put("y", "changed");
   EXPECT_EQ(content("b~x.txt"), "two");
   EXPECT_THAT([&] { vfs().moveItemInternal("y", "z", 3); }, ThrowsTarn(111, HasSubstr("modes")));
+}
+
+// The name to be shown goes along until an item gets another name.
+TEST_F(TreeTest, CopiesShowTheNamesOfTheirItems) {
+  vfs().createFolder("a");
+  vfs().createFolder("b");
+  put("a~x", "1");
+  put("a~plain", "2");
+  modify(vfs().getItem("a~x"))->setItemName("Shown");
+  ASSERT_TRUE(vfs().copyItemTo("a~x", "b"));
+  ASSERT_TRUE(vfs().copyItemTo("a~x", "b"));
+  ASSERT_TRUE(vfs().copyItemTo("a~x", "b~y"));
+  ASSERT_TRUE(vfs().copyItemTo("a~plain", "b~other"));
+  ASSERT_TRUE(vfs().copyFolder("a", "c"));
+  ASSERT_TRUE(vfs().moveItem("a~x", "c~z"));
+  const std::map<std::string, std::string> expected{{"b~x", "Shown"},     {"b~x(1)", "x(1)"},
+                                                    {"b~y", "y"},         {"c~x", "Shown"},
+                                                    {"b~other", "other"}, {"c~z", "z"}};
+  for (const auto& [path, name] : expected) {
+    EXPECT_EQ(vfs().getItem(path)->getItemName(), name) << path;
+  }
+  EXPECT_FALSE(vfs().getItem("b~other")->hasChild("vfsName"));
 }
 
 TEST_F(TreeTest, CountsThePlacesOfSharedItems) {
@@ -386,6 +462,29 @@ TEST_F(TreeTest, GivesOverviews) {
   EXPECT_STREQ(path, "a~b~c");
   EXPECT_TRUE(vfs().getPath(vfs().getVFSRootNode(), path));
   EXPECT_TRUE(path.isEmpty());
+}
+
+// Nothing that somebody takes for a content type keeps a folder from being summed up.
+TEST_F(TreeTest, SumsUpAnyContentTypes) {
+  const std::string longest(70'000, 't');
+  const struct {
+    const char *item, *type, *shown;
+  } cases[] = {{"1", "a~~b", "a%7E%7Eb"},
+               {"2", "a~b", "a%7Eb"},
+               {"3", "~", "%7E"},
+               {"4.txt", "", "text/plain"},
+               {"5.txt", nullptr, "text/plain"},
+               {"6", longest.c_str(), nullptr}};
+  for (const auto& c : cases) {
+    put(c.item, "1");
+    modify(xcptref<TarnVFSFile>(vfs().getItem(c.item)))->setContentType(c.type);
+  }
+  const TarnRef types = vfs().summarizeItemsIn("")->getChildWithName("Types");
+  EXPECT_EQ(types->getNumAbstractChildren(), 5u);
+  for (const auto& c : cases) {
+    const std::string name = c.shown != nullptr ? c.shown : longest.substr(0, 255);
+    EXPECT_EQ(types->getUint64(name.c_str()), name == "text/plain" ? 2u : 1u) << name;
+  }
 }
 
 TEST_F(TreeTest, ExportsItems) {

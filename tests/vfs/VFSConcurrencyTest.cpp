@@ -1,16 +1,25 @@
 // File systems that several threads and sessions use at a time.
 #include <gmock/gmock.h>
 #include <tarns/core/TarnException.h>
+#include <tarns/session/TarnCacheManager.h>
+#include <tarns/session/TarnDatabase.h>
+#include <tarns/session/TarnTransaction.h>
 
 #include <atomic>
+#include <chrono>
+#include <functional>
+#include <memory>
 #include <set>
 #include <thread>
 
 #include "support/run_in_sessions.h"
+#include "support/throws_tarn.h"
 #include "vfs/vfs_fixture.h"
 
 namespace tarns {
 namespace {
+
+using testing::HasSubstr;
 
 class VFSConcurrencyTest : public vfs_test {
  protected:
@@ -104,6 +113,83 @@ TEST_F(VFSConcurrencyTest, ReadersSeeWholeContents) {
       EXPECT_EQ(seen.find_first_not_of(seen[0]), std::string::npos);
     } while (writers > 0);
   });
+}
+
+// In which order folders and the bin are taken: with all of them held by somebody else, and no time
+// to wait, a call names the one that it wanted first, and for writing: who had read it before would
+// wait for others that did the same.
+TEST_F(VFSConcurrencyTest, TakesTheBinFirstAndAFolderBeforeItLooksAtIt) {
+  vfs().createFolder("f~g");
+  for (const char* name : {"f~x", "f~binned"}) put(name, "1");
+  unsigned long id = 0;
+  ASSERT_TRUE(vfs().moveItemToBin("f~binned", &id));
+  const std::string folder = "files~vfsSystem~vfsFolders~f", bin = "files~vfsRecycleBin";
+  TarnManager other;
+  other.connect(configuration().c_str());
+  other.db().getCacheManager().set_lock_timeout(std::chrono::milliseconds(0));
+  const struct {
+    const char* what;
+    const char* mountedOn;
+    std::string wanted;
+    std::function<void(TarnVFS&)> call;
+  } cases[] = {
+      {"binning", "", bin, [](TarnVFS& files) { files.moveItemToBin("f~x"); }},
+      {"restoring", "", bin, [id](TarnVFS& files) { files.restoreFromBin(id); }},
+      {"adding", "f", folder,
+       [](TarnVFS& files) { files.addItem("y", TarnVFSItem::Create(), false, false); }},
+      {"making", "f", folder, [](TarnVFS& files) { files.createFolder("h"); }},
+      {"moving", "f", folder, [](TarnVFS& files) { files.moveItem("x", "g"); }},
+      {"writing", "f", folder, [](TarnVFS& files) { TarnVFSWriter(files, "x").finish(); }},
+  };
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.what);
+    std::unique_ptr<TarnVFS> files;
+    {
+      const TarnAttachment attachment(other);
+      files = std::make_unique<TarnVFS>(other, other.getObject("files"), c.mountedOn);
+    }
+    const TarnAttachment attachment(manager());
+    TarnTransaction transaction(manager());
+    for (const char* held : {"files", "files~vfsSystem", bin.c_str(), folder.c_str()}) {
+      modify(manager().getObject(held))->touch();
+    }
+    std::jthread([&] {
+      const TarnAttachment here(other);
+      EXPECT_THAT(
+          [&] { c.call(*files); },
+          ThrowsTarn(101, HasSubstr("\"" + c.wanted + "\" could not be locked for writing")));
+      files.reset();
+    }).join();
+    transaction.rollback();
+  }
+}
+
+// Threads that have opened the file system on a folder, and others that have not, change that.
+TEST_F(VFSConcurrencyTest, NothingIsLostInAFolderThatSomeHaveOpened) {
+  constexpr int kThreads = 4, kEach = 25;
+  vfs().createFolder("f~g");
+  run_in_sessions(manager(), kThreads, [&](int i, TarnManager& session) {
+    const bool isOpenedOnFolder = i < kThreads / 2;
+    TarnVFS files(session, session.getObject("files"), isOpenedOnFolder ? "f" : "");
+    const std::string above = isOpenedOnFolder ? "" : "f~";
+    for (int n = 0; n < kEach; ++n) {
+      const std::string name = std::to_string(i) + "-" + std::to_string(n);
+      EXPECT_TRUE(files.addItem(above + name, TarnVFSFile::Create(), false, false));
+      EXPECT_TRUE(files.createFolder(above + "g~" + std::to_string(n)));
+      unsigned long id = 0;
+      if (n % 3 == 0) {
+        EXPECT_TRUE(files.moveItem(above + name, above + "g"));
+      } else if (n % 3 == 1) {
+        EXPECT_TRUE(files.moveItemToBin(above + name, &id));
+        EXPECT_TRUE(files.restoreFromBin(id));
+      }
+    }
+  });
+  constexpr std::size_t kMoved = kThreads * ((kEach + 2) / 3);
+  EXPECT_EQ(vfs().getItemNames("f~g", {}, 1000).size(), kMoved);
+  EXPECT_EQ(vfs().getItemNames("f", {}, 1000).size(), kThreads * kEach - kMoved);
+  EXPECT_EQ(vfs().getFolderNames("f~g").size(), kEach);
+  EXPECT_EQ(vfs().listRecycleBin().size(), 0u);
 }
 
 TEST_F(VFSConcurrencyTest, BinsAndRestoresEveryItemOnce) {

@@ -89,7 +89,9 @@ class TARNS_API TarnVFS {
 
   // Makes the folder, and those above it that are missing. True also when it is there already,
   // which leaves it as it is. False when the folder in which the first one is to be made has the
-  // type bit TarnVFSFolder::kNoSubFolders. `icon` may be null, `type` 0.
+  // type bit TarnVFSFolder::kNoSubFolders, and when the folder directly above `path` has it, unless
+  // that is the one that the empty path names, even where the folder is there. `icon` may be null,
+  // `type` 0.
   bool createFolder(TarnPathText path, const char* icon = nullptr, unsigned long type = 0);
   // Puts a folder that is listed nowhere at the path. Where there is one already: with `merge`,
   // what `folder` holds is moved into that (items of the same names are replaced, sub-folders
@@ -238,7 +240,7 @@ class TARNS_API TarnVFS {
   bool isThere(const xcptref<TarnVFSFolder>& folder, std::string_view path);
   void verifyRoot();
   void verifyFolder();
-  xcptref<TarnVFSFolder> makeFolder(const xcptref<TarnVFSFolder>& root, std::string_view path,
+  xcptref<TarnVFSFolder> makeFolder(const xcptref<TarnVFSFolder>& top, std::string_view path,
                                     const char* icon, unsigned long type);
   bool transferFolder(std::string_view from, std::string_view to, bool isCopy);
   bool bin(TarnPathText path, bool isFolder, unsigned long* id);
@@ -246,9 +248,9 @@ class TARNS_API TarnVFS {
   bool restore(const BinEntry& described, const TarnRef& entry, XString* path);
   void dropEntry(const TarnRef& bin, unsigned long id);
   template <class Work>
-  bool change(Work&& work);
+  bool change(const TarnRef& one, const TarnRef& other, Work&& work);
   template <class Work>
-  bool changeAnywhere(Work&& work);
+  bool changeBin(const TarnRef& bin, Work&& work);
 
   TarnManager& manager_;
   xcptref<TarnObject> base_;
