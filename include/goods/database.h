@@ -17,6 +17,7 @@ namespace goods {
 
 class cache_manager;
 class check_rules;
+class dbs_storage;
 class obj_storage;
 
 // How far a collection is.
@@ -122,6 +123,9 @@ class GOODS_API database {
   // Whether one of its storages takes no commits any more, see outcome_unknown, until all databases
   // of the process that share it have been closed. Safe from any thread.
   bool has_failed() const;
+  // Those storages. Each is counted once for every database of the process that has it open, and
+  // has expired when the last one was closed: then opening it begins anew.
+  std::vector<std::weak_ptr<const dbs_storage>> failed_storages() const;
 
   // The session's cache; the database must be open.
   cache_manager& session() const;

@@ -26,6 +26,7 @@ class GOODS_API obj_storage {
   std::uint64_t get_used_size() const;
 
   dbs_storage& dbs() const { return *storage_; }
+  std::weak_ptr<const dbs_storage> shared() const { return storage_; }
   layout_catalog& catalog() const { return *catalog_; }
   number_pool& numbers() const { return *numbers_; }
 

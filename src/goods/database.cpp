@@ -117,6 +117,14 @@ bool database::has_failed() const {
                              [](const auto& storage) { return storage->dbs().has_failed(); });
 }
 
+std::vector<std::weak_ptr<const dbs_storage>> database::failed_storages() const {
+  std::vector<std::weak_ptr<const dbs_storage>> failed;
+  for (const auto& storage : storages_) {
+    if (storage->dbs().has_failed()) failed.push_back(storage->shared());
+  }
+  return failed;
+}
+
 cache_manager& database::session() const {
   if (session_ == nullptr) throw_error(error_code::usage, "The database is not open.");
   return *session_;

@@ -1,14 +1,18 @@
 #include <goods/cache_manager.h>
 #include <tarns/core/TarnException.h>
+#include <tarns/logging/Log.h>
 #include <tarns/services/DatabaseWorker.h>
 
+#include <algorithm>
+#include <chrono>
 #include <utility>
 
 namespace tarns {
 
 namespace {
 
-constexpr std::size_t kStackSize = 0x40000;  // bytes
+constexpr std::size_t kStackSize = 0x40000;             // bytes
+constexpr auto kLook = std::chrono::milliseconds(200);  // between looks after the store
 constexpr auto kPriority = static_cast<goods::task::priority>(2);
 
 }  // namespace
@@ -17,9 +21,14 @@ DatabaseWorker::DatabaseWorker() = default;
 
 DatabaseWorker::~DatabaseWorker() { terminate(true); }
 
-void DatabaseWorker::start(const char* configPath) {
+void DatabaseWorker::start(const char* configPath) { start(configPath, nullptr); }
+
+void DatabaseWorker::start(const char* configPath,
+                           std::function<void(TarnManager& manager)> connected) {
   if (thread_) throw TarnException("A worker is started only once.", ErrorID::BadUsage);
   connect(configPath, false, nullptr);
+  hasSession_ = true;
+  connected_ = std::move(connected);
   stopped_ = false;
   try {
     thread_.emplace(
@@ -92,9 +101,12 @@ void DatabaseWorker::terminate(bool wait) {
 
 void DatabaseWorker::work() noexcept {
   threadID_ = std::this_thread::get_id();
+  if (connected_) prepareSession();
   while (true) {
-    requests_.wait();
+    const bool isRequest = waitForRequest();
     if (stopRequested_) break;
+    if (connected_) lookAfterStore();
+    if (!isRequest) continue;
     runPending();
     done_.signal();
   }
@@ -103,14 +115,24 @@ void DatabaseWorker::work() noexcept {
   done_.signal();
 }
 
+void DatabaseWorker::runRequest() {
+  if (isClosed_) {
+    throw TarnException(
+        "The database takes no commits until it is opened again, once all other sessions of this "
+        "process on it are closed.",
+        ErrorID::OutcomeUnknown);
+  }
+  attach();  // the request before may have left
+  if (numberedRequest_ != nullptr) {
+    numberedRequest_(*this, number_, argument_);
+  } else {
+    request_(*this, argument_);
+  }
+}
+
 void DatabaseWorker::runPending() noexcept {
   try {
-    attach();  // the request before may have left
-    if (numberedRequest_ != nullptr) {
-      numberedRequest_(*this, number_, argument_);
-    } else {
-      request_(*this, argument_);
-    }
+    runRequest();
   } catch (...) {
     failure_ = std::current_exception();
   }
@@ -119,6 +141,109 @@ void DatabaseWorker::runPending() noexcept {
   // The request may have disconnected the session, or left it.
   const goods::cache_manager* const session = goods::cache_manager::current();
   if (session != nullptr && session->in_transaction()) detach();  // which rolls it back
+}
+
+// --- A store that has failed ---------------------------------------------------------------------
+
+// False when there is none yet, and it is time to look after the store.
+bool DatabaseWorker::waitForRequest() noexcept {
+  if (connected_) return requests_.wait(kLook);
+  requests_.wait();
+  return true;
+}
+
+bool DatabaseWorker::useSession(const std::function<void(TarnManager& manager)>& use) {
+  struct Used {
+    DatabaseWorker& worker;
+    ~Used() {
+      const std::lock_guard guard(worker.sessionLock_);
+      --worker.users_;
+      worker.unused_.notify_all();
+    }
+  };
+  {
+    const std::lock_guard guard(sessionLock_);
+    if (!hasSession_) return false;
+    ++users_;
+  }
+  const Used used{*this};
+  use(*this);
+  return true;
+}
+
+// Between requests.
+void DatabaseWorker::lookAfterStore() noexcept {
+  try {
+    if (!isClosed_ && hasFailed()) {
+      failed_ = db().failed_storages();
+      closeSession();
+      Log(Log::Warning) << "The database \"" << getDBconfigFilePath()
+                        << "\" takes no commits any more: a worker has closed its session, and "
+                           "waits until all others of this process are closed.";
+    }
+    const auto isGone = [](const auto& storage) { return storage.expired(); };
+    if (isClosed_ && std::ranges::all_of(failed_, isGone)) connectAnew();
+  } catch (const std::exception& error) {
+    complain(error.what());  // and does it again the next time
+  }
+}
+
+bool DatabaseWorker::hasFailed() const noexcept {
+  try {
+    verifyIsInitialized();
+    return db().has_failed();
+  } catch (const TarnException&) {  // a request has disconnected it
+    return false;
+  }
+}
+
+void DatabaseWorker::closeSession() {
+  {
+    std::unique_lock guard(sessionLock_);
+    hasSession_ = false;
+    unused_.wait(guard, [this] { return users_ == 0; });
+  }
+  isClosed_ = true;
+  freeDB();
+}
+
+void DatabaseWorker::connectAnew() {
+  const std::string path = getDBconfigFilePath();
+  try {
+    connect(path.c_str(), std::chrono::milliseconds(0));
+  } catch (...) {
+    freeDB();
+    throw;
+  }
+  isClosed_ = false;
+  failed_.clear();
+  {
+    const std::lock_guard guard(sessionLock_);
+    hasSession_ = true;
+  }
+  prepareSession();
+}
+
+void DatabaseWorker::prepareSession() noexcept {
+  try {
+    attach();
+    connected_(*this);
+    problem_.clear();
+    return;
+  } catch (const std::exception& error) {
+    complain(error.what());
+  } catch (...) {
+    complain("something was thrown that is no exception.");
+  }
+  closeSession();
+}
+
+void DatabaseWorker::complain(const char* why) noexcept {
+  try {
+    if (std::exchange(problem_, why) == why) return;
+    Log(Log::Error) << "A worker cannot open its database again and goes on trying: " << why;
+  } catch (const std::exception&) {  // NOLINT(bugprone-empty-catch): there is nobody to tell
+  }
 }
 
 }  // namespace tarns

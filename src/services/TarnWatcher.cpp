@@ -43,12 +43,18 @@ class FunctionClient : public XObject, public std::enable_shared_from_this<Funct
 TarnWatcher::TarnWatcher(const char* configPath)
     : worker_(std::make_unique<DatabaseWorker>()),
       events_(std::make_shared<WatchedEvents>(*worker_)) {
-  worker_->start(configPath);
-  worker_->run([](TarnManager& manager) {
+  worker_->start(configPath, [this](TarnManager& manager) {
     manager.setCacheLimit(kCacheLimit);
     // From now on it is known what has changed.
     manager.db().session().may_have_changed(goods::root_object_number, 0);
+    events_->callAll();
   });
+  try {
+    worker_->run([](TarnManager&) {});  // it is so when this returns
+  } catch (...) {
+    worker_->terminate(true);
+    throw;
+  }
 }
 
 TarnWatcher::~TarnWatcher() {

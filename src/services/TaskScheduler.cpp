@@ -135,11 +135,14 @@ class TaskScheduler::Loop {
     std::optional<Time> next;  // when to look again; none: when something has changed
   };
 
+  void begin();
   void work() noexcept;
   void sleepUntil(std::optional<Time> time);
+  void complain(std::string& last, std::string why);
   void noteChange();
   static void RunDue(TarnManager& manager, std::uint32_t most, const void* round);
   std::optional<Time> runDue(std::uint32_t most);
+  bool canCommit() const;
   void watchDue();
   Outcome runEntry(const std::string& name, const TaskTable::DueEntry& entry);
   Outcome runTask(const xcptref<TarnTask>& task, const std::string& name, Time due);
@@ -189,10 +192,15 @@ class TaskScheduler::Loop {
 
 TaskScheduler::Loop::Loop(const char* configPath, Options options)
     : options_(Verified(std::move(options))) {
-  worker_.start(configPath);
-  worker_.setLockTimeout(options_.lockTimeout);
   table_.emplace(worker_, options_.path);
-  thread_.emplace(goods::task::create([](void* self) { static_cast<Loop*>(self)->work(); }, this));
+  worker_.start(configPath, [this](TarnManager&) { begin(); });
+  try {
+    thread_.emplace(
+        goods::task::create([](void* self) { static_cast<Loop*>(self)->work(); }, this));
+  } catch (...) {
+    worker_.terminate(true);  // its thread uses what is destroyed before it
+    throw;
+  }
 }
 
 void TaskScheduler::Loop::stop() {
@@ -206,7 +214,8 @@ void TaskScheduler::Loop::stop() {
   wakes_.notify_all();
   const std::lock_guard ending(ending_);
   if (thread_) thread_->join();
-  if (!worker_.hasStopped()) worker_.db().session().withdraw_signal(&changed_);
+  worker_.useSession(
+      [this](TarnManager& manager) { manager.db().session().withdraw_signal(&changed_); });
   worker_.terminate(true);
 }
 
@@ -214,18 +223,26 @@ void TaskScheduler::Loop::stop() {
 // -------------------------------------------------------------------------------------
 
 void TaskScheduler::Loop::work() noexcept {
+  std::string problem;
   while (!isStopping_) {
     Round round{*this, {}};
     try {
       worker_.execute(RunDue, kMostInARound, &round);
+      problem.clear();
     } catch (...) {
       if (isStopping_) return;
-      Log(Log::Error) << "The scheduler of \"" << options_.path.c_str()
-                      << "\" could not go on and tries again: " << ReasonOfFailure().c_str();
+      complain(problem, ReasonOfFailure());
       round.next = TarnTasks::Now() + kPause;
     }
     sleepUntil(round.next);
   }
+}
+
+void TaskScheduler::Loop::complain(std::string& last, std::string why) {
+  if (last == why) return;
+  last = std::move(why);
+  Log(Log::Error) << "The scheduler of \"" << options_.path.c_str()
+                  << "\" could not go on and tries again: " << last.c_str();
 }
 
 void TaskScheduler::Loop::sleepUntil(std::optional<Time> time) {
@@ -253,6 +270,15 @@ void TaskScheduler::Loop::RunDue(TarnManager&, std::uint32_t most, const void* r
   mine.next = mine.loop.runDue(most);
 }
 
+// With a new session. What was postponed for want of the former one need not wait.
+void TaskScheduler::Loop::begin() {
+  worker_.setLockTimeout(options_.lockTimeout);
+  postponed_.clear();
+  walk_.forget();
+  watchedID_ = 0;
+  noteChange();
+}
+
 // Before the list is looked at, so that no change is missed. The list may be another node by now.
 void TaskScheduler::Loop::watchDue() {
   const TarnRef due = worker_.getNoFail(table_->pathOf(TarnTasks::kDue));
@@ -277,6 +303,12 @@ void TaskScheduler::Loop::watchDue() {
   }
 }
 
+// Not when the store has failed: what is run then is run in vain.
+bool TaskScheduler::Loop::canCommit() const {
+  worker_.verifyIsInitialized();
+  return !worker_.db().has_failed();
+}
+
 std::optional<TarnTask::Time> TaskScheduler::Loop::runDue(std::uint32_t most) {
   watchDue();
   tidySuspended();
@@ -286,7 +318,7 @@ std::optional<TarnTask::Time> TaskScheduler::Loop::runDue(std::uint32_t most) {
   return walk_.walk({
       .names = [&](const std::string& after,
                    std::size_t limit) { return worker_.getChildNames(path, after, limit); },
-      .mayGoOn = [&] { return !isStopping_ && most > 0; },
+      .mayGoOn = [&] { return !isStopping_ && most > 0 && canCommit(); },
       .look =
           [&](const std::string& name, const TaskTable::DueEntry& entry) {
             const Outcome outcome = runEntry(name, entry);

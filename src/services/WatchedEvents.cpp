@@ -180,7 +180,11 @@ void WatchedEvents::forget(const TarnWatcherEvent& event) {
 }
 
 void WatchedEvents::giveUp(const Event& event) {
-  worker_.db().session().withdraw_signal(event.get());
+  const bool isDone = worker_.useSession(
+      [&](TarnManager& manager) { manager.db().session().withdraw_signal(event.get()); });
+  if (isDone) return;
+  const std::lock_guard guard(lock_);
+  outlived_.push_back(event);
 }
 
 void WatchedEvents::removeEvent(std::uint64_t id) {
@@ -263,12 +267,31 @@ WatchedEvents::Event WatchedEvents::fired(TarnWatcherEvent& event) {
     if (isClosed_ || event.isEmpty()) return owner;
     ++uses_;
   }
+  call(event);
+  return owner;
+}
+
+// The caller has counted the use.
+void WatchedEvents::call(TarnWatcherEvent& event) noexcept {
   try {
     execute(event.getObjectID(), event.takeCalls());
   } catch (const std::exception& error) {
     logFailure(event.getObjectID(), error.what());
   }
-  return owner;
+}
+
+void WatchedEvents::callAll() {
+  decltype(live_) waiting;
+  std::vector<Event> outlived;
+  {
+    const std::lock_guard guard(lock_);
+    outlived.swap(outlived_);
+    if (isClosed_) return;
+    events_.clear();
+    waiting.swap(live_);
+    uses_ += waiting.size();
+  }
+  for (const auto& [event, owner] : waiting) call(*owner);
 }
 
 // On a new thread. The caller has counted the use.
@@ -332,8 +355,10 @@ void WatchedEvents::logFailure(std::uint64_t id, const char* why) noexcept {
     std::string name = "object " + std::to_string(goods::storage_of(id)) + ":" +
                        std::to_string(goods::number_of(id));
     try {
-      const TarnAttachment attachment(worker_);
-      name = worker_.db().session().name_of(id);
+      worker_.useSession([&](TarnManager& manager) {
+        const TarnAttachment attachment(manager);
+        name = manager.db().session().name_of(id);
+      });
     } catch (const std::exception&) {  // NOLINT(bugprone-empty-catch): the number will do
     }
     Log(Log::Error) << "A callback that watched " << name.c_str() << " failed: " << why;

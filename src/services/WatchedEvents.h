@@ -40,6 +40,10 @@ class WatchedEvents : public std::enable_shared_from_this<WatchedEvents> {
   void removeClient(const void* client, std::uint64_t id);
   TarnWatcherTargetLock* lockTarget(const void* client) { return targets_.getLock(client); }
 
+  // The session has been connected anew: what has changed since it was closed cannot be told, so
+  // all events that wait are called, as if their objects had changed. On the worker's thread.
+  void callAll();
+
   // Called while an event is being signalled. Returns what keeps it.
   std::shared_ptr<TarnWatcherEvent> fired(TarnWatcherEvent& event);
 
@@ -62,6 +66,7 @@ class WatchedEvents : public std::enable_shared_from_this<WatchedEvents> {
   void giveUpIfEmpty(const std::vector<Event>& events, std::unique_lock<std::mutex> guard);
   void forget(const TarnWatcherEvent& event);
   void giveUp(const Event& event);
+  void call(TarnWatcherEvent& event) noexcept;
   void execute(std::uint64_t id, TarnWatcherEvent::Calls calls);
   void executeCallbacks(std::uint64_t id, const TarnWatcherEvent::Calls& calls);
   void callOne(std::uint64_t id, const CallBack& callBack);
@@ -73,6 +78,8 @@ class WatchedEvents : public std::enable_shared_from_this<WatchedEvents> {
   std::mutex lock_;
   std::unordered_map<std::uint64_t, Event> events_;          // by identifier
   std::unordered_map<const TarnWatcherEvent*, Event> live_;  // all that the session may signal
+  std::vector<Event>
+      outlived_;  // given up while the session was being closed, which may signal them
   bool isClosed_ = false;
   std::size_t uses_ = 0;  // calls of watch(), and threads of callbacks
   std::condition_variable unused_;

@@ -232,10 +232,20 @@ void TarnManagerPool::startRenewal() {
   old_ = total_;
 }
 
-// A store that had failed when the session was made is not cured by making it anew.
 void TarnManagerPool::renewWhenFailed(const Session& session) {
-  if (session.wasFailed || !isUsable(session) || !session.manager->db().has_failed()) return;
-  startRenewal();
+  if (isUsable(session) && session.manager->db().has_failed()) startRenewal();
+}
+
+// A store that had failed when the session was made is not cured by making it anew, while somebody
+// outside of the pool has it open.
+void TarnManagerPool::renewWhenCurable(const Session& session) {
+  if (!session.wasFailed) return renewWhenFailed(session);
+  if (!isUsable(session)) return;
+  const auto failed = session.manager->db().failed_storages();
+  const auto isOurs = [this](const auto& storage) {
+    return static_cast<std::size_t>(storage.use_count()) <= total_;
+  };
+  if (!failed.empty() && std::ranges::all_of(failed, isOurs)) startRenewal();
 }
 
 TarnManagerPool::Session* TarnManagerPool::find(const TarnManager& session) {
@@ -322,7 +332,7 @@ TarnManagerPool::Session TarnManagerPool::take(milliseconds limit, TimePoint dea
 TarnManager* TarnManagerPool::handOut(Session session) {
   {
     const std::lock_guard hold(lock_);
-    renewWhenFailed(session);
+    if (!session.wasFailed) renewWhenFailed(session);  // it can be read
     if (!isShutDown_ && isUsable(session)) {
       session.thread = ::gettid();
       inUse_.push_back(std::move(session));
@@ -364,7 +374,7 @@ void TarnManagerPool::checkIn(TarnManager& session) {
   TidyUp(returned);
   {
     const std::lock_guard hold(lock_);
-    renewWhenFailed(returned);
+    renewWhenCurable(returned);
     const bool isGood = isUsable(returned);
     if (!isGood) ++figures_.replaced;
     if (isGood && !isShutDown_) {

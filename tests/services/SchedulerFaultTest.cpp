@@ -222,4 +222,33 @@ TEST_F(SchedulerFaultTest, WhatIsLeftToOthersIsNeitherForgottenNorInTheWayOfTheR
   EXPECT_THAT(order, ElementsAre(1, 2, 3, 4, 0, 0));
 }
 
+// Where the order of locks is checked, what goes against it ends the process.
+TEST_F(SchedulerFaultTest, WorksWhereTheOrderOfLocksIsChecked) {
+  struct Checked {
+    Checked() { TarnCacheManager::EnableTransactionChecking(true); }
+    ~Checked() { TarnCacheManager::EnableTransactionChecking(false); }
+  } const checked;
+  std::atomic<bool> fails = true;
+  SaidDelegate::what = [&](TarnTaskRun& run) {
+    TarnManager& inRun = run.getManager();
+    inRun.set("z", inRun.getSint32("z", 0) + 1);
+    inRun.set("a", inRun.getSint32("z"));
+    TarnTasks(inRun).cancel(TarnTasks(inRun).schedule({.delegate = "SaidDelegate"}));
+    if (fails) throw std::runtime_error("not yet");
+  };
+  TaskScheduler scheduler(config().c_str(), Quick());
+  std::uint64_t number = 0;
+  manager().transaction([&] { number = tasks_.schedule({.delegate = "SaidDelegate"}); });
+  WaitUntil([&] { return scheduler.getFigures().suspended == 1; });
+  fails = false;
+  EXPECT_TRUE(tasks_.resume(number));
+  waitUntilNoneAreLeft();
+  const std::uint64_t periodic = tasks_.schedule({"SaidDelegate", TarnTasks::Now(), 1ms, {}});
+  WaitUntil([&] { return tasks_.getInfo(periodic)->runs >= 3; });
+  EXPECT_TRUE(tasks_.cancel(periodic));
+  scheduler.stop();
+  EXPECT_EQ(manager().getSint32("a"), manager().getSint32("z"));
+  EXPECT_EQ(static_cast<std::uint64_t>(manager().getSint32("z")), scheduler.getFigures().runs);
+}
+
 }  // namespace

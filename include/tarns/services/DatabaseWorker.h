@@ -6,12 +6,17 @@
 #include <tarns/tarns_api.h>
 
 #include <atomic>
+#include <condition_variable>
+#include <cstddef>
 #include <cstdint>
 #include <exception>
 #include <functional>
+#include <memory>
 #include <mutex>
 #include <optional>
+#include <string>
 #include <thread>
+#include <vector>
 
 namespace tarns {
 
@@ -38,6 +43,16 @@ class TARNS_API DatabaseWorker : public TarnManager {
   // Connects, as connect(configPath, false, nullptr) does, and starts the thread. Once. What it
   // throws leaves a worker without a thread.
   void start(const char* configPath);
+  // The same, and keeps nobody from opening a store again that takes no commits any more (error
+  // 106, see goods::database::has_failed): the worker closes its session then, between requests,
+  // and connects anew once no session of the process has that store open. Until then requests throw
+  // 106. `connected` is called on the thread, which is attached, after each connecting, the first
+  // one included; when it throws, that is logged, and done again with another session.
+  void start(const char* configPath, std::function<void(TarnManager& manager)> connected);
+
+  // Runs `use` on the calling thread, while the session is kept from being closed for that reason.
+  // False, and nothing is run, when it is closed or about to be.
+  bool useSession(const std::function<void(TarnManager& manager)>& use);
 
   // Each runs the request on the thread and returns when it is done. Throw what it throws, and 111
   // when the thread has not been started or was told to stop.
@@ -56,6 +71,14 @@ class TARNS_API DatabaseWorker : public TarnManager {
   bool isOwnThread() const { return std::this_thread::get_id() == threadID_.load(); }
   void work() noexcept;
   void runPending() noexcept;
+  void runRequest();
+  bool waitForRequest() noexcept;
+  void lookAfterStore() noexcept;
+  void prepareSession() noexcept;
+  bool hasFailed() const noexcept;
+  void closeSession();
+  void connectAnew();
+  void complain(const char* why) noexcept;
 
   std::mutex turn_;  // of whom has a request
   // Of the turn: the pending request.
@@ -71,6 +94,17 @@ class TARNS_API DatabaseWorker : public TarnManager {
   goods::semaphore done_;            // released once for each finished request, and at the end
   std::atomic<std::thread::id> threadID_{};
   std::optional<goods::task> thread_;
+
+  // Of the thread, once it runs:
+  std::function<void(TarnManager&)> connected_;                  // null: the session stays
+  bool isClosed_ = false;                                        // by itself
+  std::vector<std::weak_ptr<const goods::dbs_storage>> failed_;  // for which it was closed
+  std::string problem_;                                          // that was complained of
+
+  std::mutex sessionLock_;
+  std::condition_variable unused_;
+  bool hasSession_ = false;  // under sessionLock_
+  std::size_t users_ = 0;    // under sessionLock_: calls of useSession()
 };
 
 }  // namespace tarns

@@ -43,6 +43,11 @@ class WatchedEvents;
 // at (or a lower one: taken before reading): a modification since then calls back at once. It also
 // does when that cannot be told, since it is too long ago.
 //
+// When the store takes no commits any more (error 106) the watcher closes its session, so that it
+// does not keep anybody from opening the store again, and connects anew once nobody has it open.
+// All that waits is called back then, since it may have changed; in between watch() and
+// Initialize() throw 106.
+//
 // Ownership: one watcher for the process. Threads: any; Initialize() and Destroy() exclude each
 // other, and nobody may use the watcher that is being destroyed but its callbacks and handles.
 // Errors: XException for identifier 0; those of TarnManager::getObject(), so 108 for an object that

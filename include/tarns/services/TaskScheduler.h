@@ -24,8 +24,11 @@ namespace tarns {
 //
 // Errors: the constructor throws what TarnManager::connect() throws, and 0 for options that cannot
 // be. What goes wrong later is in the log, and tried again: what the delegate throws counts as an
-// error of the task, locks that are not to be had and failures of the storage do not. Threads: any;
-// a delegate of its own may neither stop() a scheduler nor end its life.
+// error of the task, and so does a commit that fails; locks that are not to be had, deadlocks and
+// failures of the storage do not. When the store takes no commits any more (error 106) nothing is
+// run; the scheduler's session is closed then, see DatabaseWorker::start(), and connected anew when
+// no other one of the process has the store open. Threads: any; a delegate of its own may neither
+// stop() a scheduler nor end its life.
 class TARNS_API TaskScheduler {
  public:
   struct Options {

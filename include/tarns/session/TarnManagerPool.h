@@ -159,6 +159,7 @@ class TARNS_API TarnManagerPool {
   void giveBackRoom(std::uint64_t generation);
   void startRenewal();
   void renewWhenFailed(const Session& session);
+  void renewWhenCurable(const Session& session);
   bool isUsable(const Session& session) const;
   bool takeStale(Session& into);
   Session* find(const TarnManager& session);
