@@ -30,13 +30,14 @@ std::string StepTo(const TarnRef& holder, std::string_view name, const TarnRef& 
   return NodePlaces::ChildStep(name, number);
 }
 
-TarnRef ChildAt(const TarnRef& node, std::string_view name, unsigned long number) {
-  TarnIterator place = node->getIterTo(std::string(name).c_str());
-  while (!place.isNull() && --number != 0) {
-    place.next(nullptr);
-    if (!place.isNull() && place.getEntryName() != name) return nullptr;
+// The child of that number among those of its name. When there are fewer, null, and `number` is
+// less by as many.
+TarnRef ChildAt(const TarnRef& node, std::string_view name, unsigned long& number) {
+  for (TarnIterator place = node->getIterTo(std::string(name).c_str());
+       !place.isNull() && place.getEntryName() == name; place.next(nullptr)) {
+    if (--number == 0) return place.get(nullptr);
   }
-  return place.get(nullptr);
+  return nullptr;
 }
 
 TarnRef NodeOfMember(const TarnRef& node, std::string_view member) {
@@ -136,14 +137,15 @@ NodePlaces::Check NodePlaces::CheckBehind(Check before, std::string_view step) {
 }
 
 // A step is looked for when it is known whether a number follows.
-TarnRef NodePlaces::NodeAt(const TarnRef& top, std::string_view place) {
+TarnRef NodePlaces::NodeAt(const TarnRef& top, std::string_view place, Coming* coming) {
   TarnRef node = top;
   while (!place.empty() && !node.is_null()) {
     const std::string_view step = TakeStep(place);
     if (step.empty()) {
       const std::string_view member = TakeStep(place);
       if (!member.starts_with('.')) return nullptr;
-      node = NodeOfMember(node, member.substr(1));
+      TarnRef next = coming != nullptr ? coming->member(node, member.substr(1)) : nullptr;
+      node = next.is_null() ? NodeOfMember(node, member.substr(1)) : std::move(next);
       continue;
     }
     unsigned long number = 1;
@@ -155,7 +157,9 @@ TarnRef NodePlaces::NodeAt(const TarnRef& top, std::string_view place) {
         return nullptr;
       }
     }
-    node = ChildAt(node, step, number);
+    TarnRef next = ChildAt(node, step, number);
+    if (next.is_null() && coming != nullptr) next = coming->child(node, step, number);
+    node = std::move(next);
   }
   return node;
 }

@@ -51,8 +51,17 @@ class NodePlaces {
   // The check of a place from that of the place one step before.
   static Check CheckBehind(Check before, std::string_view step);
 
-  // The node at a place below `top`; null when there is none.
-  static TarnRef NodeAt(const TarnRef& top, std::string_view place);
+  // What is still to be put at nodes that are stored. Null: nothing.
+  class Coming {
+   public:
+    virtual ~Coming() = default;
+    // The child of that number among those of its name that are still to come to `holder`.
+    virtual TarnRef child(const TarnRef& holder, std::string_view name, unsigned long number) = 0;
+    // The node that the member is going to refer to.
+    virtual TarnRef member(const TarnRef& holder, std::string_view name) = 0;
+  };
+  // The node at a place below `top`; null when there is none. `coming`: null when nothing is.
+  static TarnRef NodeAt(const TarnRef& top, std::string_view place, Coming* coming = nullptr);
 
  private:
   struct Away {

@@ -6,21 +6,78 @@
 #include <tarns/schema/TarnClassDescriptor.h>
 #include <tarns/schema/TarnFieldDescriptor.h>
 
+#include <algorithm>
 #include <exception>
 #include <limits>
+#include <span>
 #include <utility>
 
 #include "core/NodePlaces.h"
 #include "core/node_access.h"
 #include "core/text_words.h"
+#include "goods/new_objects.h"
 
 namespace tarns {
 
 namespace {
 
 constexpr std::size_t kNoLevel = std::numeric_limits<std::size_t>::max();  // no line is as deep
+// A part ends where only few nodes have to be put at nodes that are stored, or when it has as many
+// nodes as several.
+constexpr std::size_t kLongestPart = 2;
+constexpr std::int64_t kPartBytes = std::int64_t{32} << 20;  // of few, but large nodes
+constexpr std::size_t kHomesTogether = 1000;                 // in a transaction
+
+// What a place one step below a stored node is called in NodeReader::coming_.
+std::string KeyOf(const TarnRef& holder, char kind, std::string_view name) {
+  return std::to_string(holder.id()) + kind + std::string(name);
+}
+
+// Calls work(item) for all of them, some at a time in a transaction.
+template <class Work>
+void InTransactions(PartStore& store, std::span<const PartStore::Home> all, const Work& work) {
+  while (!all.empty()) {
+    const auto some = all.first(std::min(all.size(), kHomesTogether));
+    store.change([&] {
+      for (const PartStore::Home& one : some) work(one);
+    });
+    all = all.subspan(some.size());
+  }
+}
 
 }  // namespace
+
+// Where the additions of the part that is being read lead to. All parts before have been stored.
+class NodeReader::ComingNodes : public NodePlaces::Coming {
+ public:
+  explicit ComingNodes(NodeReader& reader) : reader_(reader) {
+    auto& at = reader.numComing_;
+    for (; at < reader.additions_.size(); ++at) {
+      const PartStore::Addition& addition = reader.additions_[at];
+      const char kind = addition.kind == PartStore::Addition::kMember ? kMember : kChild;
+      reader.coming_[KeyOf(addition.holder, kind, addition.name)].push_back(addition.node);
+    }
+  }
+  TarnRef child(const TarnRef& holder, std::string_view name, unsigned long number) override {
+    const std::vector<TarnRef>* const all = find(holder, kChild, name);
+    return all != nullptr && number <= all->size() ? (*all)[number - 1] : TarnRef();
+  }
+  TarnRef member(const TarnRef& holder, std::string_view name) override {
+    const std::vector<TarnRef>* const all = find(holder, kMember, name);
+    return all != nullptr ? all->back() : TarnRef();
+  }
+
+ private:
+  static constexpr char kChild = '~', kMember = '.';
+
+  const std::vector<TarnRef>* find(const TarnRef& holder, char kind, std::string_view name) const {
+    if (holder.id() == 0) return nullptr;
+    const auto found = reader_.coming_.find(KeyOf(holder, kind, name));
+    return found != reader_.coming_.end() ? &found->second : nullptr;
+  }
+
+  NodeReader& reader_;
+};
 
 NodeReader::NodeReader(PInOut& in, Unknown unknown)
     : in_(in), unknown_(unknown), before_(in.getNesting()), level_(in.getLevel()) {
@@ -28,9 +85,17 @@ NodeReader::NodeReader(PInOut& in, Unknown unknown)
 }
 
 NodeReader::~NodeReader() {
-  undoLinks();
+  if (store_ != nullptr) store_->finish();
+  undoLinks(ways_);
+  undoLinks(waysOnTheWay_);
   in_.setNesting(before_);
   in_.setLevel(level_);
+}
+
+void NodeReader::storeTo(PartStore& store, std::size_t nodes) {
+  store_ = &store;
+  partSize_ = std::max<std::size_t>(nodes, 1);
+  madeBefore_ = goods::new_object_bytes::count();
 }
 
 // Errors of the text name the line already.
@@ -38,12 +103,11 @@ template <class Work>
 auto NodeReader::withLineNumber(Work&& work) const {
   try {
     return work();
+  } catch (const LocatedException&) {
+    throw;
   } catch (const TarnException& error) {
     if (error.getErrorID() >= ErrorID::Deadlock) throw;  // not the text's fault
-    TarnException located;
-    located << "Line " << in_.getLineNumber() << ": " << error.getError();
-    located.setErrorID(error.getErrorID());
-    throw located;
+    throw LocatedException(in_.getLineNumber(), error);
   } catch (const XException& error) {
     throw TarnException(error.getError(), ErrorID::BadExportFile);
   }
@@ -133,28 +197,104 @@ void NodeReader::work() {
   takeHome();
 }
 
+void NodeReader::close() {
+  open_.pop_back();
+  stored_ = std::min(stored_, open_.size());
+}
+
+// --- In parts -----------------------------------------------------------------------------------
+
+// Before a node is made.
+void NodeReader::endPartIfFull() {
+  if (store_ == nullptr) return;
+  const std::int64_t bytes = goods::new_object_bytes::count() - madeBefore_;
+  const std::size_t parts = std::max(
+      made_ / partSize_, static_cast<std::size_t>(std::max<std::int64_t>(bytes / kPartBytes, 0)));
+  if (parts >= kLongestPart || (parts > 0 && isStored())) endPart();
+  ++made_;
+}
+
+void NodeReader::endPart() {
+  PartStore::Part part;
+  if (!std::exchange(hasParts_, true)) part.top = top_;
+  part.additions = std::exchange(additions_, {});
+  coming_.clear();
+  numComing_ = 0;
+  waitForParts();
+  waysOnTheWay_ = std::exchange(ways_, {});
+  store_->store(std::move(part));
+  stored_ = open_.size();
+  made_ = 0;
+  madeBefore_ = goods::new_object_bytes::count();
+}
+
+void NodeReader::waitForParts() {
+  for (PartStore::Home& home : store_->wait()) homes_.push_back(std::move(home));
+  for (Listing& listing : waysOnTheWay_.listings) {
+    if (listing.isHome) homes_.push_back(std::move(listing.place));
+  }
+  waysOnTheWay_ = {};
+}
+
+// All that has been read until now.
+void NodeReader::storeRest() {
+  if (!additions_.empty()) endPart();
+  waitForParts();
+}
+
+// Runs `work`, which changes the node that is on top of the stack, and what it returns.
+template <class Work>
+void NodeReader::write(const Work& work) {
+  if (!isStored()) return work();
+  storeRest();
+  store_->change(work);
+}
+
+void NodeReader::rename(const TarnRef& node, std::string_view name) {
+  if (additions_.empty() || additions_.back().node != node ||
+      additions_.back().kind != PartStore::Addition::kChild || additions_.back().name == name) {
+    return;
+  }
+  TarnObject::VerifyChildName(node, name);
+  additions_.back().name = name;
+  coming_.clear();
+  numComing_ = 0;
+}
+
+// --- Ways to nodes that stand elsewhere ---------------------------------------------------------
+
 // Only when everything stands in its place: until then a node may be where it was met first, and
 // its place in the tree below that.
 void NodeReader::takeHome() {
-  for (const Listing& listing : listings_) {
-    if (listing.isHome) modify(listing.node)->makeOrphan();
+  if (hasParts_) {
+    storeRest();
+    InTransactions(*store_, homes_,
+                   [](const PartStore::Home& home) { modify(home.node)->makeOrphan(); });
+    InTransactions(*store_, homes_,
+                   [](const PartStore::Home& home) { modify(home.index)->becomeHome(home.entry); });
+    return;
   }
-  for (const Listing& listing : listings_) {
-    if (listing.isHome) modify(listing.index)->becomeHome(listing.entry);
+  for (const auto& [place, isHome] : ways_.listings) {
+    if (isHome) modify(place.node)->makeOrphan();
+  }
+  for (const auto& [place, isHome] : ways_.listings) {
+    if (isHome) modify(place.index)->becomeHome(place.entry);
   }
 }
 
 // The text was good to its end.
-void NodeReader::keepLinks() {
-  listings_.clear();
-  links_.clear();
-}
+void NodeReader::keepLinks() { ways_ = {}; }
 
-// After a failure: nodes that refer to each other in a circle would never be freed.
-void NodeReader::undoLinks() {
+// After a failure: nodes that refer to each other in a circle would never be freed. In a part that
+// has been stored nothing is left to undo.
+void NodeReader::undoLinks(const Ways& ways) const {
   try {
-    for (const Listing& listing : listings_) modify(listing.index)->removeEntry(listing.entry);
-    for (const Link& link : links_) {
+    for (const auto& [place, isHome] : ways.listings) {
+      if (hasParts_ && place.index.id() != 0) continue;
+      modify(place.index)->removeEntry(place.entry);
+    }
+    for (const Link& link : ways.links) {
+      if (hasParts_ && link.holder.id() != 0) continue;
       TarnRef nothing;
       link.field->copyTo(nothing, &*modify(link.holder), link.name.c_str());
     }
@@ -167,7 +307,8 @@ void NodeReader::undoLinks() {
 // Lets the node read up to what is nested or ends its block.
 void NodeReader::readLines(std::size_t at) {
   in_.setLevel(open_[at].level);
-  modify(open_[at].node)->read(in_);
+  if (isStored() && (in_.isAtEnd() || in_.getLineLevel() < open_[at].level)) return close();
+  write([&] { modify(open_[at].node)->read(in_); });
   in_.setLevel(open_[at].level);
   if (pending_.kind != Pending::kNothing) {
     beginPending();
@@ -180,7 +321,7 @@ void NodeReader::readLines(std::size_t at) {
     log << "Line " << line << ": a \"" << open_[at].node->getType()
         << "\" does not know this member; " << skipped << " lines of the node are passed over.";
   }
-  open_.pop_back();
+  close();
 }
 
 void NodeReader::beginPending() {
@@ -200,26 +341,36 @@ void NodeReader::beginChildren() {
   const Pending pending = std::exchange(pending_, {});
   in_.setLevel(pending.level);
   if (in_.getValue() != TextWord::kOpen) in_.fail("Children are followed by {");
-  TarnNodeAccess::MakeIndex(*modify(pending.holder), pending.pageN);
+  write([&] { TarnNodeAccess::MakeIndex(*modify(pending.holder), pending.pageN); });
   in_.readLine();
+  const bool isOfStored = isStored();
   open_.push_back({pending.holder, pending.level + 1, true});
+  if (isOfStored) stored_ = open_.size();
 }
 
 void NodeReader::beginMember() {
   const Pending pending = std::exchange(pending_, {});
   in_.setLevel(pending.level);
+  const std::uint64_t line = in_.getLineNumber();
   in_.readLine();
   in_.setLevel(pending.level + 1);
   const std::string type = in_.getCommand();
   if (type.empty()) in_.fail("the node of the member \"" + pending.name + "\" is missing");
   in_.readLine();
   in_.setLevel(pending.level + 2);
+  endPartIfFull();
   bool isHome = false;
   const bool isElsewhere = isReference();
   TarnRef node = isElsewhere ? readReference(isHome) : TarnObject::CreateOfType(type.c_str());
   if (node.is_null()) refuseClass(type);
-  pending.field->copyTo(node, &*modify(pending.holder), pending.name.c_str());
-  if (isElsewhere) links_.push_back({pending.holder, pending.field, pending.name});
+  if (isStored()) {
+    if (pending.field->isForNodes()) VerifyRefClass(node, *pending.field->getReferencedClass());
+    additions_.push_back(
+        {PartStore::Addition::kMember, pending.holder, node, pending.name, pending.field, line});
+  } else {
+    pending.field->copyTo(node, &*modify(pending.holder), pending.name.c_str());
+    if (isElsewhere) ways_.links.push_back({pending.holder, pending.field, pending.name});
+  }
   if (node.is_null() || isElsewhere) {
     in_.skip(pending.level + 2);
   } else {
@@ -235,9 +386,10 @@ void NodeReader::readChild(const Open& list) {
   if (in_.getLineLevel() == level - 1 && in_.isCmd(TextWord::kClose)) {
     lineOfLastClose_ = in_.getLineNumber();
     in_.readLine();
-    open_.pop_back();
+    close();
     return;
   }
+  endPartIfFull();
   in_.setLevel(level);
   const std::string type = in_.getCommand();
   if (type.empty()) in_.fail("the } that ends the children is missing");
@@ -260,8 +412,13 @@ void NodeReader::readChild(const Open& list) {
   }
   // A line "Name" has the last word.
   if (in_.isCmd(TextWord::kName) && !HasMemberCalledName(*child.read())) name = in_.getValue();
-  TarnObject::VerifyChildName(parent, name);
-  modify(parent->getChildren())->insert(name, child);
+  verifyName(parent, name);
+  if (isStored()) {
+    additions_.push_back(
+        {PartStore::Addition::kChild, parent, child, name, nullptr, in_.getLineNumber()});
+  } else {
+    modify(parent->getChildren())->insert(name, child);
+  }
   open_.push_back({child, level + 1, false});
 }
 
@@ -287,10 +444,23 @@ void NodeReader::warnWhereCut() const {
 void NodeReader::readListed(const TarnRef& parent, const std::string& name) {
   bool isHome = false;
   const TarnRef node = readReference(isHome);
-  TarnObject::VerifyChildName(parent, name);
+  verifyName(parent, name);
+  if (isStored()) {
+    using Addition = PartStore::Addition;
+    additions_.push_back({isHome ? Addition::kHome : Addition::kListed, parent, node, name, nullptr,
+                          in_.getLineNumber()});
+    return;
+  }
   const xcptref<TarnObjects> index = parent->getChildren();
   const auto entry = modify(index)->link(name, node);
-  listings_.push_back({node, index, entry, isHome});
+  ways_.listings.push_back({{node, index, entry}, isHome});
+}
+
+// The error names the parent.
+void NodeReader::verifyName(const TarnRef& parent, const std::string& name) {
+  if (IsChildName(name)) return;
+  if (isStored()) waitForParts();
+  TarnObject::VerifyChildName(parent, name);
 }
 
 bool NodeReader::isReference() const {
@@ -301,7 +471,14 @@ bool NodeReader::isReference() const {
 TarnRef NodeReader::readReference(bool& isHome) {
   isHome = in_.isCmd(TextWord::kHome);
   const std::string place = in_.getValue();
-  TarnRef node = NodePlaces::NodeAt(top_, place);
+  TarnRef node;
+  if (hasParts_) {
+    waitForParts();
+    ComingNodes coming(*this);
+    node = NodePlaces::NodeAt(top_, place, &coming);
+  } else {
+    node = NodePlaces::NodeAt(top_, place);
+  }
   if (node.is_null()) in_.fail("no node above this line stands at \"" + place + "\"");
   in_.readLine();
   return node;

@@ -5,9 +5,13 @@
 #include <tarns/core/TarnObjects.h>
 #include <tarns/util/PInOut.h>
 
+#include <cstdint>
 #include <string>
 #include <string_view>
+#include <unordered_map>
 #include <vector>
+
+#include "core/PartStore.h"
 
 namespace tarns {
 
@@ -18,7 +22,16 @@ class TarnFieldDescriptor;
 //
 // New nodes are put below their parent before their own lines are read, so that references to
 // places lead to them.
-// Memory: what the nodes and their entries take, and a few dozen bytes for each level that is open.
+//
+// With storeTo() the branch is stored part by part. A part ends before a node is made, and with it
+// all nodes that are open are stored: from there on nothing is written to them, and nothing read
+// from them. What is to be put at them is kept in `additions_` and goes with the next part. Lines
+// that are left of such a node are read in a transaction of their own, after all that came before
+// has been stored; for plain nodes there are none. References to places are looked for in what is
+// stored and then among the additions. The number of nodes that are open when a part ends is
+// `stored_`: it falls as they are closed, and new nodes stand above them.
+// Memory: what the nodes and their entries take, and a few dozen bytes for each level that is open;
+// in parts what two parts take, and a handle for each node that is listed before its place.
 // Errors: TarnException with the number of the line. Threads: one.
 class NodeReader : public PInOut::Nesting {
  public:
@@ -30,6 +43,10 @@ class NodeReader : public PInOut::Nesting {
   NodeReader(const NodeReader&) = delete;
   NodeReader& operator=(const NodeReader&) = delete;
   ~NodeReader() override;
+
+  // Before readAll(): hands parts of about `nodes` nodes (0 counts as 1) to `store`, which outlives
+  // the reader. Shorter texts are not stored.
+  void storeTo(PartStore& store, std::size_t nodes);
 
   // The node whose header is the current line, at level 0 of a whole text; null when its class is
   // not known. `name`, when not null, becomes what the header says.
@@ -49,6 +66,10 @@ class NodeReader : public PInOut::Nesting {
   static PInOut::Status ReadChildren(TarnObject& parent, unsigned char pageN, PInOut& in);
   static PInOut::Status ReadMember(TarnObject& holder, const TarnFieldDescriptor& field,
                                    const std::string& name, PInOut& in);
+
+  // What TarnObject::readName() comes to for a node without parent: the parent of a node that is
+  // being read may be stored already, and then gets it later. Throws for what is no name.
+  void rename(const TarnRef& node, std::string_view name);
 
  private:
   // Something nested that read() has come to.
@@ -70,9 +91,7 @@ class NodeReader : public PInOut::Nesting {
   // What leads to a node that stands elsewhere in the file: an entry, which may be to become its
   // place in the tree, or a member.
   struct Listing {
-    TarnRef node;
-    xcptref<TarnObjects> index;
-    goods::ref<goods::set_member> entry;
+    PartStore::Home place;
     bool isHome;
   };
   struct Link {
@@ -80,6 +99,12 @@ class NodeReader : public PInOut::Nesting {
     const TarnFieldDescriptor* field;
     std::string name;
   };
+  // Of the nodes that are not stored yet.
+  struct Ways {
+    std::vector<Listing> listings;
+    std::vector<Link> links;
+  };
+  class ComingNodes;
 
   static PInOut::Status ReadNested(Pending pending, PInOut& in);
   void readLinesOf(const TarnRef& node);
@@ -89,10 +114,19 @@ class NodeReader : public PInOut::Nesting {
   void beginChildren();
   void beginMember();
   void readChild(const Open& list);
+  void verifyName(const TarnRef& parent, const std::string& name);
   void readListed(const TarnRef& parent, const std::string& name);
+  bool isStored() const { return stored_ != 0 && stored_ == open_.size(); }
+  void close();
+  void endPartIfFull();
+  void endPart();
+  void waitForParts();
+  void storeRest();
+  template <class Work>
+  void write(const Work& work);
   void takeHome();
   void keepLinks();
-  void undoLinks();
+  void undoLinks(const Ways& ways) const;
   void warnWhereCut() const;
   // Nothing when what is unknown is passed over.
   void refuseMember(const TarnRef& node) const;
@@ -108,10 +142,22 @@ class NodeReader : public PInOut::Nesting {
   const std::size_t level_;
   TarnRef top_;
   std::vector<Open> open_;
-  std::vector<Listing> listings_;
-  std::vector<Link> links_;
+  Ways ways_;
   Pending pending_;
   std::uint64_t lineOfLastClose_ = 0;  // of the } that ended a list of children last
+
+  // In parts.
+  PartStore* store_ = nullptr;
+  std::size_t partSize_ = 0;     // nodes
+  bool hasParts_ = false;        // one has been handed over
+  std::size_t stored_ = 0;       // of open_, from the first on
+  std::size_t made_ = 0;         // nodes of the part that is being read
+  std::int64_t madeBefore_ = 0;  // see goods::new_object_bytes
+  std::vector<PartStore::Addition> additions_;
+  std::unordered_map<std::string, std::vector<TarnRef>> coming_;  // by place; see ComingNodes
+  std::size_t numComing_ = 0;                                     // additions that are in it
+  Ways waysOnTheWay_;                                             // of the part before
+  std::vector<PartStore::Home> homes_;                            // of all parts before
 };
 
 }  // namespace tarns

@@ -111,7 +111,11 @@ bool TarnObject::read(PInOut& in) {
 
 PInOut::Status TarnObject::readName(PInOut& in) {
   const XString name(in.getValue());
-  if (hasParent() && getName() != name) setName(name);
+  if (hasParent()) {
+    if (getName() != name) setName(name);
+  } else if (auto* const reader = dynamic_cast<NodeReader*>(in.getNesting())) {
+    reader->rename(getSelf(), name.view());
+  }
   in.readLine();
   return PInOut::Continue;
 }

@@ -3,6 +3,7 @@
 #include <goods/cache_manager.h>
 #include <goods/object_handle.h>
 #include <tarns/core/TarnBranches.h>
+#include <tarns/core/TarnException.h>
 #include <tarns/schema/TarnClassDescriptor.h>
 
 #include <algorithm>
@@ -148,6 +149,21 @@ TarnRef FindNode(const TarnRef& from, std::string_view path) {
     const TarnObject* node = FindNode(reader, *reader.get(from), path);
     return node != nullptr ? node->getSelf() : TarnRef();
   });
+}
+
+TarnRef NearestNode(TarnRef from, std::string_view path) {
+  TarnRef node = std::move(from);
+  for (const std::string_view branch : TarnBranches(path)) {
+    TarnRef child = FindNode(node, branch);
+    if (child.is_null()) break;
+    node = std::move(child);
+  }
+  return node;
+}
+
+void VerifyNotRoot(std::string_view path) {
+  if (!path.empty()) return;
+  throw TarnException("A branch cannot be put in the place of the root.", ErrorID::Unspecified);
 }
 
 bool FindInIndex(goods::reader& reader, const TarnObject& node, std::string_view name,

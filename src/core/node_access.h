@@ -56,6 +56,13 @@ TarnRef FindNode(const TarnRef& from, std::string_view path);
 // As the one above.
 bool FindInIndex(const TarnRef& parent, std::string_view name, TarnRef& child);
 
+// The node at a path below `from` or, as far as that is missing, the lowest of those above it that
+// exist.
+TarnRef NearestNode(TarnRef from, std::string_view path);
+
+// Throws for the empty path, where a branch is to be put somewhere below the root.
+void VerifyNotRoot(std::string_view path);
+
 // Writes the value at `path`, as TarnObject::setValue() does: an existing one with a lock on
 // nothing but the value, a new one with what is missing on the way attached at once. Atomic.
 void StoreValue(const TarnRef& from, std::string_view path, const TarnData& value);

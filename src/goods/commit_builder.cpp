@@ -71,6 +71,10 @@ void commit_builder::add_root(const object_ref& root, storage_number storage) {
   handle.become_persistent(db_, make_object_id(storage, root_object_number));
 }
 
+void commit_builder::add_loose(const object_ref& object, storage_number storage) {
+  open_.push_back({object.handle(), storage});
+}
+
 void commit_builder::build() {
   // What is pushed last is walked first: the roots, then the copies in the order of their writing.
   for (auto c = changes_.copies.rbegin(); c != changes_.copies.rend(); ++c) {

@@ -40,6 +40,9 @@ class commit_builder {
   // `root` becomes the root object of `storage`.
   void add_root(const object_ref& root, storage_number storage);
 
+  // `object`, if it is still transient, is stored in `storage` though nothing refers to it.
+  void add_loose(const object_ref& object, storage_number storage);
+
   // Numbers and packs. What it made persistent is in publication::created, also when it throws.
   void build();
 

@@ -293,6 +293,11 @@ void transaction::add_root(object_ref root, storage_number storage) {
   roots_.emplace_back(std::move(root), storage);
 }
 
+void transaction::store(object_ref object, storage_number storage) {
+  verify_not_doomed();
+  loose_.emplace_back(std::move(object), storage);
+}
+
 void transaction::attempt(const std::function<void()>& work) {
   verify_not_doomed();
   const std::size_t before = changes_->copies.size();
@@ -341,7 +346,7 @@ void transaction::commit() {
   verify_not_doomed();
   verify_limit();
   drop_unchanged();
-  if (!changes_->copies.empty() || !roots_.empty()) commit_copies();
+  if (!changes_->copies.empty() || !roots_.empty() || !loose_.empty()) commit_copies();
   finish();
 }
 
@@ -386,6 +391,7 @@ void transaction::commit_copies() {
   std::vector<commit_version> versions;
   try {
     for (const auto& [root, storage] : roots_) builder.add_root(root, storage);
+    for (const auto& [object, storage] : loose_) builder.add_loose(object, storage);
     builder.build();
     for (const auto& [id, target] : back_targets_) builder.build_on_target(id, target);
     builder.check_other_storages();
@@ -419,6 +425,7 @@ void transaction::finish() noexcept {
   read_.clear();
   changes_.reset();
   roots_.clear();
+  loose_.clear();
   back_targets_.clear();
   if (owner_.holds_nothing()) return;
   for (std::uint32_t s = 0; s < session_.db().get_number_of_storages(); ++s) {

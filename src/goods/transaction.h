@@ -65,7 +65,7 @@ class transaction {
   std::uint64_t number() const { return number_; }
 
   // Whether it holds private copies: objects that are not stored yet may belong to the tree then.
-  bool has_changes() const { return !copies_.empty() || !roots_.empty(); }
+  bool has_changes() const { return !copies_.empty() || !roots_.empty() || !loose_.empty(); }
 
   // Rolls back now; see above. `reason` is a sentence. The first one counts, unless it was told
   // without the code that a later one has.
@@ -131,6 +131,11 @@ class transaction {
   // Stores `root` (transient) as the root object of `storage` when this commits.
   void add_root(object_ref root, storage_number storage);
 
+  // Stores `object` (transient), with all that it refers to, in `storage` when this commits, though
+  // nothing leads to it: the next collection removes it unless a handle holds it until something
+  // does.
+  void store(object_ref object, storage_number storage);
+
   // Runs `work`. What it throws leaves the transaction as it was, but for the locks, as far as
   // `work` has written nothing that was written before: new copies are dropped. A lock that was not
   // to be had dooms it nevertheless.
@@ -184,6 +189,7 @@ class transaction {
   std::unordered_set<const object*> touched_;                 // copies that may be unchanged
   std::unordered_set<object_id> read_;                        // see note_read()
   std::vector<std::pair<object_ref, storage_number>> roots_;
+  std::vector<std::pair<object_ref, storage_number>> loose_;  // see store()
   // What back references have been set to, which count nothing themselves.
   std::map<object_id, object_ref> back_targets_;
   std::vector<std::pair<object_ref, object*>>

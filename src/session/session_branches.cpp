@@ -29,22 +29,6 @@ void VerifyOutside(const TarnRef& node, const TarnRef& at, std::string_view from
   throw error;
 }
 
-// The node at `path` or, as far as that is missing, the lowest of those above it that exist.
-TarnRef NearestNode(TarnRef root, std::string_view path) {
-  TarnRef node = std::move(root);
-  for (const std::string_view branch : TarnBranches(path)) {
-    TarnRef child = FindNode(node, branch);
-    if (child.is_null()) break;
-    node = std::move(child);
-  }
-  return node;
-}
-
-void VerifyNotRoot(std::string_view to) {
-  if (!to.empty()) return;
-  throw TarnException("A branch cannot be put in the place of the root.", ErrorID::Unspecified);
-}
-
 // Ends the node's place under that name, be it a member or a child; other places stay.
 void TakeOut(const TarnRef& parent, const XString& name) {
   TarnRef nothing;

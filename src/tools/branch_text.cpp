@@ -12,6 +12,15 @@
 
 namespace tarns {
 
+namespace {
+
+[[noreturn]] void ThrowNoClass(const std::string& type) {
+  throw TarnException(("Line 1: there is no class \"" + type + "\".").c_str(),
+                      ErrorID::BadExportFile);
+}
+
+}  // namespace
+
 BranchForm FormFor(const std::string& format, const std::string& file) {
   if (!format.empty()) return format == "text" ? BranchForm::kText : BranchForm::kJson;
   const std::string_view name = WithoutCompression(file);
@@ -51,9 +60,13 @@ void PlaceBranch(TarnManager& manager, const std::string& path, const TarnRef& n
 TarnRef ImportKnown(const TarnManager& manager, PInOut& in) {
   const std::string type = in.getCommand();
   TarnRef node = manager.importFrom(in);
-  if (!node.is_null()) return node;
-  throw TarnException(("Line 1: there is no class \"" + type + "\".").c_str(),
-                      ErrorID::BadExportFile);
+  if (node.is_null()) ThrowNoClass(type);
+  return node;
+}
+
+void ImportKnownTo(TarnManager& manager, const std::string& path, PInOut& in) {
+  const std::string type = in.getCommand();
+  if (manager.importTo(path, in).is_null()) ThrowNoClass(type);
 }
 
 }  // namespace tarns

@@ -29,5 +29,7 @@ void PlaceBranch(TarnManager& manager, const std::string& path, const TarnRef& n
 
 // The node that a text describes; where its class is not known, 15 that says so. `in` is open.
 TarnRef ImportKnown(const TarnManager& manager, PInOut& in);
+// The same, put in the place of what is at `path`, which is not the root's.
+void ImportKnownTo(TarnManager& manager, const std::string& path, PInOut& in);
 
 }  // namespace tarns

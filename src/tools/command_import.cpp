@@ -115,17 +115,31 @@ void PlaceInBatches(TarnManager& manager, const TarnRef& node, const ImportOptio
   }
 }
 
+// Calls read(PInOut&).
+template <class Read>
+auto ReadWithProgress(InputFile& input, const Read& read) {
+  ImportProgress progress(input);
+  PInOut in;
+  in.reportProgressTo(&progress);
+  in.readFrom([&](char* into, std::size_t size) { return input.read(into, size); });
+  return read(in);
+}
+
+// Whether the text becomes the branch at the path, and nothing is merged.
+bool TakesPlace(const TarnManager& manager, const ImportOptions& options) {
+  if (options.batch != 0 || options.isDryRun || options.path.empty()) return false;
+  return options.replaces || manager.getObject(options.path).is_null();
+}
+
 int ImportText(const Invocation& invocation, const ImportOptions& options) {
   InputFile input(options.file);
   OpenDatabase database(invocation);
-  TarnRef node;
-  {
-    ImportProgress progress(input);
-    PInOut in;
-    in.reportProgressTo(&progress);
-    in.readFrom([&](char* into, std::size_t size) { return input.read(into, size); });
-    node = ImportKnown(*database, in);
+  if (TakesPlace(*database, options)) {
+    ReadWithProgress(input, [&](PInOut& in) { ImportKnownTo(*database, options.path, in); });
+    return ExitStatus::kDone;
   }
+  const TarnRef node =
+      ReadWithProgress(input, [&](PInOut& in) { return ImportKnown(*database, in); });
   if (options.batch != 0) {
     PlaceInBatches(*database, node, options);
     return ExitStatus::kDone;

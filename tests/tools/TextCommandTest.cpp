@@ -103,6 +103,26 @@ TEST_F(TextCommandTest, MergesOrReplacesOrOnlySaysWhatWouldChange) {
   EXPECT_EQ(run({"ls", "m"}).out, "new\n");
 }
 
+// Long enough to be stored in parts.
+TEST_F(TextCommandTest, PutsALongTextInPlaceAsAWholeOrNotAtAll) {
+  constexpr int kNodes = 25'000;
+  std::string lines = "TarnObject m\n  Children {\n";
+  for (int i = 0; i < kNodes; ++i) {
+    lines += "    TarnSint32Value " + std::to_string(i) + "\n      Value 1\n";
+  }
+  const std::string before = text();
+  const std::vector<std::string> replacing{"import", "-", "m", "--format", "text", "--replace"};
+  const program_result cut = run(replacing, lines);
+  EXPECT_EQ(cut.status, 3);
+  EXPECT_THAT(cut.err, HasSubstr("the } that ends the children is missing"));
+  EXPECT_EQ(text(), before);
+  EXPECT_THAT(run({"gc"}).out, testing::Not(HasSubstr("removed: 0,")));
+  EXPECT_EQ(run(replacing, lines + "  }\n").status, 0);
+  EXPECT_EQ(run({"get", "m~0", "m~24999"}).out, "1\n1\n");
+  EXPECT_EQ(run({"import", "-", "new~m", "--format", "text"}, lines + "  }\n").status, 0);
+  EXPECT_EQ(text("new~m"), text("m"));
+}
+
 TEST_F(TextCommandTest, ChangesNothingWhenSomethingIsWrong) {
   const std::string before = text();
   ASSERT_EQ(run({"export", "", file("a.txt.zst")}).status, 0);

@@ -381,6 +381,9 @@ class TARNS_API TarnObject : public goods::object {
   // true, with the first line that it does not know as the current one. Called again behind what
   // is nested, so what overrides it loops as TarnValue's classes do. `in` must stand at the level
   // of the lines.
+  // In an import that stores what it reads in parts (TarnManager::importTo) the node may be stored
+  // between two calls, so only persistent members last, is not called again when none of its lines
+  // are left then, and may get its parent later.
   virtual bool read(PInOut& in);
 
   // --- For derived classes ----------------------------------------------------------------------

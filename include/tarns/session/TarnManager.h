@@ -315,6 +315,23 @@ class TARNS_API TarnManager {
   xcptref<TarnObject> importFrom(std::istream& in, XString* name = nullptr,
                                  XProgressReporter* reporter = nullptr) const;
 
+  // The same, with the branch put at `path` as set() does, in the place of what is there; returned
+  // is its first node. Whoever looks at the path sees what was there or the whole branch, and what
+  // throws leaves all as it was. The memory that is needed does not grow with the text: about each
+  // `nodesAtATime` nodes (and 32 MiB of them) are stored in a transaction of their own, with
+  // nothing that leads to them, and a small transaction at the end puts the branch in its place.
+  // After an error, or a crash, the next collection removes what was stored. Shorter texts, and all
+  // within a transaction of the calling thread, are one transaction. Nodes that are listed before
+  // their place in the tree, and those that are open, stay in memory as handles.
+  // Beside the errors of importFrom() those of set(); 0 for the empty path.
+  static constexpr std::size_t kNodesAtATime = 10'000;
+  xcptref<TarnObject> importTo(TarnPathText path, PInOut& in, XString* name = nullptr,
+                               std::size_t nodesAtATime = kNodesAtATime);
+  xcptref<TarnObject> importTo(TarnPathText path, const char* file, XString* name = nullptr,
+                               XProgressReporter* reporter = nullptr);
+  xcptref<TarnObject> importTo(TarnPathText path, std::istream& in, XString* name = nullptr,
+                               XProgressReporter* reporter = nullptr);
+
  protected:
   // Closes and destroys the database, if there is one.
   void freeDB();

@@ -1,0 +1,112 @@
+#include "core/PartStore.h"
+
+#include <goods/cache_manager.h>
+#include <tarns/schema/TarnFieldDescriptor.h>
+
+#include <utility>
+
+#include "core/node_access.h"
+#include "goods/thread_attachment.h"
+#include "goods/transaction.h"
+
+namespace tarns {
+
+namespace {
+
+// A transaction that is not repeated when it fails: what it was made of may be gone.
+class OneTransaction {
+ public:
+  explicit OneTransaction(goods::cache_manager& session) : session_(session) {
+    session_.begin_transaction();
+    goods::transaction::running().set_of_call();
+  }
+  OneTransaction(const OneTransaction&) = delete;
+  OneTransaction& operator=(const OneTransaction&) = delete;
+  ~OneTransaction() {
+    if (isOpen_) session_.abort_transaction();
+  }
+  void commit() {
+    isOpen_ = false;
+    session_.end_transaction();
+  }
+
+ private:
+  const goods::library_call call_;
+  goods::cache_manager& session_;
+  bool isOpen_ = true;
+};
+
+}  // namespace
+
+LocatedException::LocatedException(std::uint64_t line, const TarnException& error) {
+  *this << "Line " << line << ": " << error.getError();
+  setErrorID(error.getErrorID());
+}
+
+PartStore::PartStore(goods::cache_manager& session, goods::storage_number storage)
+    : session_(session), storage_(storage) {}
+
+PartStore::~PartStore() = default;
+
+void PartStore::store(Part part) {
+  OneTransaction transaction(session_);
+  apply(part);
+  // What nobody else refers to need not stay in memory once it is stored.
+  part = {};
+  lastHolder_ = nullptr;
+  lastIndex_ = nullptr;
+  transaction.commit();
+}
+
+std::vector<PartStore::Home> PartStore::wait() { return std::exchange(homes_, {}); }
+
+void PartStore::finish() noexcept {}
+
+void PartStore::change(const std::function<void()>& work) {
+  OneTransaction transaction(session_);
+  work();
+  transaction.commit();
+}
+
+void PartStore::apply(Part& part) {
+  if (!part.top.is_null()) goods::transaction::running().store(part.top, storage_);
+  for (const Addition& addition : part.additions) {
+    try {
+      add(addition);
+    } catch (const TarnException& error) {
+      if (error.getErrorID() >= ErrorID::Deadlock) throw;  // not the text's fault
+      throw LocatedException(addition.line, error);
+    }
+  }
+}
+
+void PartStore::add(const Addition& addition) {
+  switch (addition.kind) {
+    case Addition::kChild:
+      modify(indexOf(addition.holder))->insert(addition.name, addition.node);
+      break;
+    case Addition::kListed:
+      modify(indexOf(addition.holder))->link(addition.name, addition.node);
+      break;
+    case Addition::kHome: {
+      const xcptref<TarnObjects>& index = indexOf(addition.holder);
+      homes_.push_back({addition.node, index, modify(index)->link(addition.name, addition.node)});
+      break;
+    }
+    case Addition::kMember: {
+      TarnRef node = addition.node;
+      addition.field->copyTo(node, &*modify(addition.holder), addition.name.c_str());
+      break;
+    }
+  }
+}
+
+const xcptref<TarnObjects>& PartStore::indexOf(const TarnRef& holder) {
+  if (lastHolder_ != holder) {
+    lastHolder_ = holder;
+    lastIndex_ = holder->getChildren();
+  }
+  return lastIndex_;
+}
+
+}  // namespace tarns

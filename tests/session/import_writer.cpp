@@ -1,0 +1,42 @@
+// Imports a branch over and over until it is killed: import_writer CONFIGURATION GROUPS.
+//
+// Each branch is made from a number, one more than that of the branch before, which goes to the
+// standard output when the branch is durable.
+#include <tarns/core/TarnException.h>
+#include <tarns/session/TarnAttachment.h>
+#include <tarns/session/TarnManager.h>
+#include <unistd.h>
+
+#include <cstdio>
+#include <cstdlib>
+#include <exception>
+
+#include "session/numbered_branch.h"
+
+namespace {
+
+void Acknowledge(int number) {
+  char line[32];
+  const int length = std::snprintf(line, sizeof line, "%d\n", number);
+  if (::write(STDOUT_FILENO, line, static_cast<std::size_t>(length)) != length) std::_Exit(1);
+}
+
+}  // namespace
+
+int main(int argc, char** argv) try {
+  using namespace tarns;
+  if (argc != 3) return 2;
+  TarnManager::Initialize();
+  TarnManager manager;
+  manager.connect(argv[1], std::chrono::seconds(20));
+  const TarnAttachment attachment(manager);
+  const numbered_branch branch(std::atoi(argv[2]));
+  Acknowledge(0);  // it is open
+  for (int number = branch.numberOf(manager) + 1;; ++number) {
+    branch.import(manager, number);
+    Acknowledge(number);
+  }
+} catch (const std::exception& error) {
+  std::fprintf(stderr, "%s\n", error.what());
+  return 1;
+}
