@@ -114,6 +114,7 @@ void VfsPutter::put(const std::string& source, const std::string& path) {
     if (!path.empty() && files_.isItemExist(path)) {
       throw UsageError{"\"" + path + "\" is an item, \"" + source + "\" a directory."};
     }
+    VerifyNoItemOnTheWay(files_, path);
     if (!files_.createFolder(path)) {
       throw UsageError{"Folders are not allowed at \"" + path + "\"."};
     }
@@ -128,6 +129,7 @@ void VfsPutter::put(const std::string& source, const std::string& path) {
     directory->file =
         UniqueFile(::open(directory->real.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
     if (directory->file.get() < 0) ThrowSystemError(directory->real);
+    VerifyNoItemOnTheWay(files_, directory->path);
     if (!files_.createFolder(directory->path)) {
       throw UsageError{"Folders are not allowed at \"" + directory->path + "\"."};
     }
@@ -161,9 +163,13 @@ void VfsPutter::putDirectory(std::shared_ptr<Directory> directory) {
     return fail(directory->real, "This directory holds the open database; skipped.");
   }
   // The stream closes the file that it is given.
-  DIR* const stream = ::fdopendir(::fcntl(directory->file.get(), F_DUPFD_CLOEXEC, 0));
-  if (stream == nullptr)
-    return fail(directory->real, std::generic_category().message(errno).c_str());
+  const int copy = ::fcntl(directory->file.get(), F_DUPFD_CLOEXEC, 0);
+  DIR* const stream = copy < 0 ? nullptr : ::fdopendir(copy);
+  if (stream == nullptr) {
+    fail(directory->real, std::generic_category().message(errno).c_str());
+    const UniqueFile closes(copy);
+    return;
+  }
   errno = 0;
   // NOLINTNEXTLINE(concurrency-mt-unsafe): nobody else has this stream
   while (const dirent* entry = ::readdir(stream)) {

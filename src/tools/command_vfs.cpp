@@ -1,5 +1,7 @@
 #include <fmt/format.h>
+#include <tarns/core/TarnBranches.h>
 #include <tarns/core/TarnException.h>
+#include <tarns/core/TarnPath.h>
 
 #include <time.h>
 
@@ -12,8 +14,17 @@ namespace tarns {
 
 namespace {
 
+// A TarnVFS would make a file system where there is none, and whoever only looks must not write.
 TarnRef BaseOf(OpenDatabase& database, const VfsOptions& options, bool make) {
-  return make ? database->getNoFail(options.base) : database.node(options.base);
+  if (make) return database->getNoFail(options.base);
+  TarnRef base = database->getObject(options.base);
+  if (!base.is_null() && base->getChildWithName(TarnVFS::kRootNode).isA<TarnVFSFolder>()) {
+    return base;
+  }
+  throw TarnException(("There is no file system below \"" + options.base +
+                       "\"; \"tarns vfs put\" and \"tarns vfs mkdir\" make one.")
+                          .c_str(),
+                      ErrorID::NonExistentPath);
 }
 
 }  // namespace
@@ -35,6 +46,40 @@ OpenFiles::OpenFiles(const Invocation& invocation, const VfsOptions& options, bo
 void ThrowNoSuchEntry(std::string_view path) {
   throw TarnException(("There is no folder and no item \"" + std::string(path) + "\".").c_str(),
                       ErrorID::NonExistentPath);
+}
+
+bool NamesFolder(std::string_view path) {
+  return path.size() > 1 && path.back() == TarnBranches::kSeparator;
+}
+
+std::string WithoutMark(std::string_view path) {
+  return std::string(path.substr(0, path.size() - (NamesFolder(path) ? 1 : 0)));
+}
+
+void VerifyPath(std::string_view path) {
+  TarnPath names;
+  for (const std::string_view name : TarnBranches(path)) names << name;
+}
+
+void VerifyNoItemAt(TarnVFS& files, const std::string& path) {
+  if (!files.isItemExist(path)) return;
+  throw TarnException(("There is an item \"" + path + "\" already.").c_str(), ErrorID::Unspecified);
+}
+
+void VerifyNoItemOnTheWay(TarnVFS& files, const std::string& folder) {
+  std::string path;
+  for (const std::string_view name : TarnBranches(folder)) {
+    path += (path.empty() ? "" : "~") + std::string(name);
+    if (!files.isFolderExist(path)) VerifyNoItemAt(files, path);
+  }
+}
+
+FoundFile FindFile(TarnVFS& files, const std::string& path) {
+  FoundFile found{WithoutMark(path)};
+  if (!NamesFolder(path)) found.item = files.getItem(found.path);
+  if (found.item.is_null()) found.folder = files.getFolder(found.path);
+  if (found.item.is_null() && found.folder.is_null()) ThrowNoSuchEntry(path);
+  return found;
 }
 
 void Complain(std::string_view message) {

@@ -1,8 +1,11 @@
 // tarns vfs mkdir, mv, cp, rm, bin: changing.
+#include <tarns/core/TarnBranches.h>
 #include <tarns/core/TarnException.h>
 
+#include <charconv>
 #include <memory>
 #include <string>
+#include <system_error>
 
 #include "tools/Listing.h"
 #include "tools/Output.h"
@@ -30,56 +33,98 @@ struct BinOptions : VfsOptions {
   throw TarnException(what.c_str(), ErrorID::Unspecified);
 }
 
+void VerifyNoFolderAt(TarnVFS& files, const std::string& path) {
+  if (files.isFolderExist(path)) ThrowRefused("There is a folder \"" + path + "\" already.");
+}
+
 int Mkdir(const Invocation& invocation, const ChangeOptions& options) {
+  const std::string path = WithoutMark(options.path);
+  VerifyPath(path);
   OpenFiles files(invocation, options, true);
-  if (!files->createFolder(options.path)) {
-    ThrowRefused("Folders are not allowed at \"" + options.path + "\".");
-  }
+  VerifyNoItemOnTheWay(*files, path);
+  if (!files->createFolder(path)) ThrowRefused("Folders are not allowed at \"" + path + "\".");
   return ExitStatus::kDone;
 }
 
+// Where something is to be moved or copied to.
+struct Target {
+  std::string to;      // as it was given, but for "~" at its end
+  std::string folder;  // into which it comes
+  std::string path;    // that it gets there, unless it is numbered
+};
+
+// Throws where it cannot come there because of what is there.
+Target TargetOf(TarnVFS& files, const FoundFile& source, const std::string& given) {
+  if (source.path.empty()) ThrowRefused("\"\" is the whole file system, which stays where it is.");
+  Target target;
+  target.to = WithoutMark(given);
+  const bool isInto = files.isFolderExist(target.to);
+  target.folder = isInto || NamesFolder(given) ? target.to : TarnBranches::ParentOf(target.to);
+  if (!files.isFolderExist(target.folder)) {
+    throw TarnException(("There is no folder \"" + target.folder + "\".").c_str(),
+                        ErrorID::NonExistentPath);
+  }
+  target.path = target.to;
+  if (isInto) {
+    target.path += (target.to.empty() ? "" : "~") + std::string(TarnBranches::LastOf(source.path));
+  }
+  if (source.item.is_null()) {
+    VerifyNoItemAt(files, target.path);
+  } else {
+    VerifyNoFolderAt(files, target.path);
+  }
+  return target;
+}
+
 // Explains why a folder or item was not moved or copied.
-[[noreturn]] void ThrowNotTransferred(OpenFiles& files, const ChangeOptions& options) {
-  if (!files->getInfo(options.path)) ThrowNoSuchEntry(options.path);
-  ThrowRefused("\"" + options.path + "\" cannot go to \"" + options.to +
-               "\": there is no such folder, it takes no folders, or it is within the folder.");
+[[noreturn]] void ThrowNotTransferred(TarnVFS& files, const FoundFile& source,
+                                      const Target& target) {
+  const std::string start = "\"" + source.path + "\" cannot go to \"" + target.to + "\": ";
+  const auto folder = files.getFolder(target.folder);
+  const bool takesFolders =
+      !folder.is_null() && (folder->getFolderType() & TarnVFSFolder::kNoSubFolders) == 0;
+  if (source.item.is_null() && takesFolders) ThrowRefused(start + "that is within it.");
+  ThrowRefused(start + "\"" + target.folder + "\" takes no sub-folders.");
 }
 
 int Mv(const Invocation& invocation, const ChangeOptions& options) {
   OpenFiles files(invocation, options);
-  const bool isDone = files->isItemExist(options.path)
-                          ? files->moveItem(options.path, options.to)
-                          : files->moveFolder(options.path, options.to);
-  if (!isDone) ThrowNotTransferred(files, options);
+  const FoundFile source = FindFile(*files, options.path);
+  const Target target = TargetOf(*files, source, options.to);
+  const bool isDone = source.item.is_null() ? files->moveFolder(source.path, target.to)
+                                            : files->moveItem(source.path, target.to);
+  if (!isDone) ThrowNotTransferred(*files, source, target);
   return ExitStatus::kDone;
 }
 
 int Cp(const Invocation& invocation, const ChangeOptions& options) {
   OpenFiles files(invocation, options);
-  const bool isItem = files->isItemExist(options.path);
+  const FoundFile source = FindFile(*files, options.path);
+  const bool isItem = !source.item.is_null();
   if (!isItem && options.shares) throw UsageError{"--share is for items."};
-  if (!isItem && !options.isRecursive && files->isFolderExist(options.path)) {
-    throw UsageError{"\"" + options.path + "\" is a folder; copy it with -r."};
+  if (!isItem && !options.isRecursive) {
+    throw UsageError{"\"" + source.path + "\" is a folder; copy it with -r."};
   }
-  const bool isDone = options.shares ? files->shareItem(options.path, options.to)
-                      : isItem       ? files->copyItemTo(options.path, options.to)
-                                     : files->copyFolder(options.path, options.to);
-  if (!isDone) ThrowNotTransferred(files, options);
+  const Target target = TargetOf(*files, source, options.to);
+  const bool isDone = options.shares ? files->shareItem(source.path, target.to)
+                      : isItem       ? files->copyItemTo(source.path, target.to)
+                                     : files->copyFolder(source.path, target.to);
+  if (!isDone) ThrowNotTransferred(*files, source, target);
   return ExitStatus::kDone;
 }
 
 int Rm(const Invocation& invocation, const ChangeOptions& options) {
   OpenFiles files(invocation, options);
-  const bool isItem = files->isItemExist(options.path);
-  if (!isItem && !files->isFolderExist(options.path)) ThrowNoSuchEntry(options.path);
+  const FoundFile found = FindFile(*files, options.path);
+  const bool isItem = !found.item.is_null();
   if (!isItem && !options.isRecursive) {
-    throw UsageError{"\"" + options.path + "\" is a folder; remove it with -r."};
+    throw UsageError{"\"" + found.path + "\" is a folder; remove it with -r."};
   }
-  const bool isDone = options.bins ? isItem ? files->moveItemToBin(options.path)
-                                            : files->moveFolderToBin(options.path)
-                      : isItem ? files->deleteItem(options.path)
-                                   : files->deleteFolder(options.path);
-  if (!isDone) ThrowRefused("\"" + options.path + "\" cannot be removed.");
+  const bool isDone =
+      options.bins ? isItem ? files->moveItemToBin(found.path) : files->moveFolderToBin(found.path)
+      : isItem ? files->deleteItem(found.path)
+                   : files->deleteFolder(found.path);
+  if (!isDone) ThrowRefused("\"" + found.path + "\" cannot be removed.");
   return ExitStatus::kDone;
 }
 
@@ -91,7 +136,18 @@ int Rm(const Invocation& invocation, const ChangeOptions& options) {
       ErrorID::NonExistentPath);
 }
 
+// What is checked of a number on the command line; "" when it is one.
+std::string FaultOfNumber(const std::string& text) {
+  unsigned long number = 0;
+  const auto [end, error] = std::from_chars(text.data(), text.data() + text.size(), number);
+  const bool isNumber = error == std::errc() && end == text.data() + text.size();
+  return isNumber ? "" : "\"" + text + "\" is no number that there can be.";
+}
+
 int BinLs(const Invocation& invocation, const BinOptions& options) {
+  if (invocation.format == Format::kTree || invocation.format == Format::kRaw) {
+    throw UsageError{"vfs bin ls has the formats table and json."};
+  }
   OpenFiles files(invocation, options);
   Output out;
   if (invocation.format == Format::kJson) {
@@ -196,17 +252,20 @@ void AddVfsBin(CLI::App& vfs, Invocation& invocation) {
       "Put an entry back to where it was; prints its path", "tarns -d data vfs bin restore 3",
       "tarns -d data vfs bin restore 3 --base archive")
       .add_option("ID", restore->id, "The entry's number")
-      ->required();
+      ->required()
+      ->check(FaultOfNumber);
   auto remove = std::make_shared<BinOptions>();
   Add(bin, invocation, remove, BinRm, "rm", "Remove an entry", "tarns -d data vfs bin rm 3",
       "tarns -d data vfs bin rm 3 --base archive")
       .add_option("ID", remove->id, "The entry's number")
-      ->required();
+      ->required()
+      ->check(FaultOfNumber);
   auto empty = std::make_shared<BinOptions>();
   Add(bin, invocation, empty, BinEmpty, "empty", "Remove all entries",
       "tarns -d data vfs bin empty", "tarns -d data vfs bin empty --older 86400")
       .add_option("--older", empty->seconds, "Only those that were binned so long ago")
-      ->type_name("SECONDS");
+      ->type_name("SECONDS")
+      ->check(FaultOfNumber);
 }
 
 }  // namespace tarns

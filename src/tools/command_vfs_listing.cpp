@@ -85,7 +85,7 @@ class Entries {
 };
 
 xcptref<TarnVFSFolder> FolderAt(OpenFiles& files, const std::string& path) {
-  auto folder = files->getFolder(path);
+  auto folder = files->getFolder(WithoutMark(path));
   if (folder.is_null()) ThrowNoSuchEntry(path);
   return folder;
 }
@@ -107,11 +107,12 @@ std::string JsonOf(const std::string& name, const TarnVFSInfo& info) {
 
 template <class Visit>
 void ForEachListed(OpenFiles& files, const ListOptions& options, const Visit& visit) {
-  if (const auto item = files->getItem(options.path); !item.is_null()) {
-    visit(Entry{std::string(TarnBranches::LastOf(options.path)), item->getInfo(), item});
+  const FoundFile found = FindFile(*files, options.path);
+  if (!found.item.is_null()) {
+    visit(Entry{std::string(TarnBranches::LastOf(found.path)), found.item->getInfo(), found.item});
     return;
   }
-  Entries entries(FolderAt(files, options.path), options.after);
+  Entries entries(found.folder, options.after);
   for (std::size_t listed = 0; listed < options.limit; ++listed) {
     ThrowIfInterrupted();
     const auto entry = entries.next();
@@ -167,7 +168,7 @@ int Tree(const Invocation& invocation, const VfsOptions& options) {
   std::vector<Level> open;
   open.push_back({top, Entries(top, {})});
   Output out;
-  out << (options.path.empty() ? "." : Shown(options.path)) << '\n';
+  out << (options.path.empty() ? "." : Shown(WithoutMark(options.path))) << '\n';
   while (!open.empty()) {
     ThrowIfInterrupted();
     const auto entry = open.back().entries.next();
@@ -194,32 +195,32 @@ int Tree(const Invocation& invocation, const VfsOptions& options) {
 
 int Stat(const Invocation& invocation, const VfsOptions& options) {
   OpenFiles files(invocation, options);
-  const auto info = files->getInfo(options.path);
-  if (!info) ThrowNoSuchEntry(options.path);
-  const auto item = files->getItem(options.path);
-  const std::string name(TarnBranches::LastOf(options.path));
+  const FoundFile found = FindFile(*files, options.path);
+  const auto& item = found.item;
+  const TarnVFSInfo info = item.is_null() ? found.folder->getInfo() : item->getInfo();
+  const std::string name(TarnBranches::LastOf(found.path));
   Output out;
   if (invocation.format == Format::kJson) {
-    out << JsonOf(name, *info) << '\n';
+    out << JsonOf(name, info) << '\n';
     out.finish();
     return ExitStatus::kDone;
   }
   Listing facts(out, {});
-  facts.add({"kind:", KindText(info->kind)});
-  if (!item.is_null()) facts.add({"size:", std::to_string(info->size)});
-  if (item.isA<TarnVFSFile>() && info->kind == TarnVFSInfo::Kind::kFile) {
+  facts.add({"kind:", KindText(info.kind)});
+  if (!item.is_null()) facts.add({"size:", std::to_string(info.size)});
+  if (item.isA<TarnVFSFile>() && info.kind == TarnVFSInfo::Kind::kFile) {
     facts.add({"type:", Shown(xcptref<TarnVFSFile>(item)->getContentType(name))});
   }
-  if (info->kind == TarnVFSInfo::Kind::kLink) {
-    facts.add({"leads to:", info->size < PATH_MAX ? Shown(TarnVFSReader(item).readAll())
-                                                  : "nothing: longer than links can be"});
+  if (info.kind == TarnVFSInfo::Kind::kLink) {
+    facts.add({"leads to:", info.size < PATH_MAX ? Shown(TarnVFSReader(item).readAll())
+                                                 : "nothing: longer than links can be"});
   }
-  facts.add({"mode:", ModeText(*info)});
-  facts.add({"modified:", TimeText(info->modified)});
-  facts.add({"created:", TimeText(info->created)});
-  facts.add({"references:", std::to_string(info->references)});
+  facts.add({"mode:", ModeText(info)});
+  facts.add({"modified:", TimeText(info.modified)});
+  facts.add({"created:", TimeText(info.created)});
+  facts.add({"references:", std::to_string(info.references)});
   if (item.is_null()) {
-    const TarnRef summary = files->summarizeItemsIn(options.path);
+    const TarnRef summary = files->summarizeItemsIn(found.path);
     for (const char* key : {"Folders", "Items", "Bytes"}) {
       facts.add({std::string(key) + ":", std::to_string(summary->getUint64(key))});
     }

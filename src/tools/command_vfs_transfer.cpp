@@ -5,6 +5,7 @@
 #include <sys/resource.h>
 #include <sys/stat.h>
 
+#include <cerrno>
 #include <exception>
 #include <filesystem>
 #include <memory>
@@ -24,6 +25,7 @@ namespace {
 
 struct TransferOptions : VfsOptions {
   std::string real;
+  bool hasPath = false;  // "" is one
   bool overwrite = false;
 };
 
@@ -45,13 +47,17 @@ bool IsDirectory(const std::string& path) {
   return ::stat(path.c_str(), &status) == 0 && S_ISDIR(status.st_mode);
 }
 
-// Runs `work`; what ends it early is passed on when `tell()` has been called.
-template <class Work, class Tell>
-void RunTelling(const Work& work, const Tell& tell) {
+// Runs `work`; what ends it early is passed on when `tell()` has been called, which an error before
+// anything was done does not ask for.
+template <class Work, class Count, class Tell>
+void RunTelling(const Work& work, const Count& count, const Tell& tell) {
   try {
     work();
-  } catch (...) {
+  } catch (const Interrupted&) {
     tell();
+    throw;
+  } catch (...) {
+    if (count() > 0) tell();
     throw;
   }
 }
@@ -62,22 +68,42 @@ std::string CountText(std::uint64_t count, const char* what, const std::string& 
   return text;
 }
 
-// Where a source without a path goes: under its own name; a file into a folder that is there.
-std::string PutPath(TarnVFS& files, const TransferOptions& options) {
+// Throws 7 when there is no such file; nothing has been made for it then.
+void VerifyIsThere(const std::string& real) {
+  struct stat status {};
+  if (::lstat(real.c_str(), &status) == 0) return;
+  const int error = errno;
+  if (error != ENOENT && error != ENOTDIR) {
+    throw std::system_error(error, std::generic_category(), "\"" + real + "\"");
+  }
+  throw TarnException(("\"" + real + "\": " + std::generic_category().message(error) + ".").c_str(),
+                      ErrorID::NonExistentPath);
+}
+
+// The name in the tree of what is to be put.
+std::string PutName(const TransferOptions& options) {
   std::string real = LastNameOf(options.real);
   std::error_code problem;
   if (!IsFileName(real)) real = std::filesystem::canonical(options.real, problem).filename();
-  std::string name = NameInTree(real);
-  if (options.path.empty()) {
-    if (!IsFileName(real))
-      throw UsageError{"\"" + options.real + "\" needs a PATH: it has no name."};
-    return name;
+  if (!options.hasPath && !IsFileName(real)) {
+    throw UsageError{"\"" + options.real + "\" needs a PATH: it has no name."};
   }
-  if (IsDirectory(options.real) || !files.isFolderExist(options.path)) return options.path;
-  return options.path + "~" + name;
+  return NameInTree(real);
+}
+
+// Where a source goes: without a path under its own name; a file into a folder.
+std::string PutPath(TarnVFS& files, const TransferOptions& options, const std::string& name) {
+  if (!options.hasPath) return name;
+  std::string path = WithoutMark(options.path);
+  const bool isInto = NamesFolder(options.path) || files.isFolderExist(path);
+  if (IsDirectory(options.real) || !isInto) return path;
+  return path.empty() ? name : path + "~" + name;
 }
 
 int Put(const Invocation& invocation, const TransferOptions& options) {
+  VerifyIsThere(options.real);
+  VerifyPath(WithoutMark(options.path));
+  const std::string name = PutName(options);
   AllowManyOpenFiles();
   OpenFiles files(invocation, options, true);
   const SignalWatch watch;
@@ -86,7 +112,8 @@ int Put(const Invocation& invocation, const TransferOptions& options) {
   for (const std::string& directory : StorageDirectoriesOf(ConfigurationOf(invocation))) {
     putter.leaveOut(directory);
   }
-  RunTelling([&] { putter.put(options.real, PutPath(*files, options)); },
+  RunTelling([&] { putter.put(options.real, PutPath(*files, options, name)); },
+             [&] { return putter.getNumStored(); },
              [&] {
                Complain("Ended early: " +
                         CountText(putter.getNumStored(), "are stored", putter.getLastStored()) +
@@ -99,10 +126,10 @@ int Get(const Invocation& invocation, const TransferOptions& options) {
   AllowManyOpenFiles();
   OpenFiles files(invocation, options);
   const SignalWatch watch;
-  const auto item = files->getItem(options.path);
-  const auto folder = item.is_null() ? files->getFolder(options.path) : nullptr;
-  if (item.is_null() && folder.is_null()) ThrowNoSuchEntry(options.path);
-  const std::string name = NameOfFile(TarnBranches::LastOf(options.path));
+  const FoundFile found = FindFile(*files, options.path);
+  const auto& item = found.item;
+  const auto& folder = found.folder;
+  const std::string name = NameOfFile(TarnBranches::LastOf(found.path));
   std::string target = options.real;
   const bool isInto = !item.is_null() && !target.empty() && IsDirectory(target);
   if ((target.empty() || isInto) && !IsFileName(name)) {
@@ -118,6 +145,7 @@ int Get(const Invocation& invocation, const TransferOptions& options) {
   VfsGetter getter(options.overwrite, [&](std::uint64_t count) { progress.show(0, count); });
   RunTelling(
       [&] { item.is_null() ? getter.getFolder(folder, target) : getter.getItem(item, target); },
+      [&] { return getter.getNumWritten(); },
       [&] {
         Complain("Ended early: " +
                  CountText(getter.getNumWritten(), "are written", getter.getLastWritten()) +
@@ -134,10 +162,12 @@ void AddVfsPut(CLI::App& vfs, Invocation& invocation) {
       vfs, *options, "put", "Copy a real file or directory into the file system",
       "tarns -d data vfs put /usr/share/doc doc", "tarns -d data vfs put letter.txt letters");
   command.add_option("SOURCE", options->real, "The file or directory")->required();
-  command.add_option("PATH", options->path,
-                     "Where it goes; without it, to its own name. A directory is merged with a "
-                     "folder that is there, a file goes into it; items are replaced");
-  command.callback([&invocation, options] {
+  const CLI::Option* const path = command.add_option(
+      "PATH", options->path,
+      "Where it goes; without it, to its own name; \"\" is the whole file system. A directory is "
+      "merged with a folder that is there, a file goes into it; items are replaced");
+  command.callback([&invocation, options, path] {
+    options->hasPath = path->count() > 0;
     invocation.action = [&invocation, options] { return Put(invocation, *options); };
   });
 }

@@ -25,7 +25,7 @@ CLI::App& AddVfsCommand(CLI::App& vfs, VfsOptions& options, const char* name,
 // A database and a file system in it.
 class OpenFiles {
  public:
-  // Throws 7 when there is no such base, unless `make` says to make one.
+  // Throws 7 when there is no file system below the base, unless `make` says to make one.
   OpenFiles(const Invocation& invocation, const VfsOptions& options, bool make = false);
 
   TarnVFS* operator->() { return &files_; }
@@ -38,6 +38,27 @@ class OpenFiles {
 
 // Throws 7, naming the path.
 [[noreturn]] void ThrowNoSuchEntry(std::string_view path);
+
+// Whether a path ends with a "~", which says that it names a folder.
+bool NamesFolder(std::string_view path);
+// The path without that.
+std::string WithoutMark(std::string_view path);
+// Throws 8 unless the path has names that can be given.
+void VerifyPath(std::string_view path);
+
+// A folder and an item of one name would be two things at one path. Throw 0, the second one where a
+// folder that is to be made, or one above it, would be the second of both.
+void VerifyNoItemAt(TarnVFS& files, const std::string& path);
+void VerifyNoItemOnTheWay(TarnVFS& files, const std::string& folder);
+
+// What a path names: the item or, where there is none or the path ends with "~", the folder.
+struct FoundFile {
+  std::string path;                     // without "~" at its end
+  xcptref<TarnVFSItem> item = nullptr;  // one of both
+  xcptref<TarnVFSFolder> folder = nullptr;
+};
+// Throws what ThrowNoSuchEntry() throws.
+FoundFile FindFile(TarnVFS& files, const std::string& path);
 // Writes "tarns: " and the message to standard error.
 void Complain(std::string_view message);
 

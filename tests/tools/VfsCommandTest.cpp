@@ -125,11 +125,14 @@ void MakeAwkwardTree(const fs::path& top) {
   fs::create_symlink("no such", top / "a~b" / "broken~link");
   fs::permissions(top / "piece", fs::perms(04751));
   fs::permissions(top / "more", fs::perms(0400));
-  SetTime(top / "piece", {-1, 999'999'999});
+  SetTime(top / "report(2).txt", {-1, 999'999'999});
   SetTime(top / "more", {1'000'000'000, 1});
   SetTime(top / "link", {7, 8});
+  SetTime(top / "piece", {0, 0});
+  SetTime(top / "directory link", {0, 0});
   SetTime(top / "a~b" / "%7E", {5'000'000'000, 123});
   fs::permissions(top / "a~b" / "%7E", fs::perms(0500));
+  SetTime(top / "empty", {0, 0});
 }
 
 TEST_F(VfsCommandTest, RealTreesComeBackAsTheyWere) {
@@ -197,7 +200,7 @@ TEST_F(VfsCommandTest, SingleFilesGoToPathsAndIntoFolders) {
     int status;
     const char* message;
   } failures[] = {
-      {{"vfs", "put", file("none")}, 3, "none"},
+      {{"vfs", "put", file("none")}, 1, "none"},
       {{"vfs", "get", "none"}, 1, "\"none\""},
       {{"vfs", "get", "x.txt", file("none") + "/x"}, 3, "none"},
       {{"vfs", "cat", "f"}, 1, "\"f\""},
@@ -205,9 +208,24 @@ TEST_F(VfsCommandTest, SingleFilesGoToPathsAndIntoFolders) {
       {{"vfs", "ls", "--base", "none"}, 1, "none"},
       {{"vfs", "mv", "f", "f~g"}, 3, "within"},
       {{"vfs", "mv", "none", "f"}, 1, "\"none\""},
+      {{"vfs", "mv", "f", "no~such"}, 1, "There is no folder \"no\""},
+      {{"vfs", "mv", "f~x.txt", "g~"}, 1, "There is no folder \"g\""},
+      {{"vfs", "mv", "f", "f~g~h"}, 3, "that is within it"},
+      {{"vfs", "mv", "", "f"}, 3, "is the whole file system"},
+      {{"vfs", "cp", "--share", "none", "f"}, 1, "\"none\""},
+      {{"vfs", "cp", "--share", "f", "h"}, 2, "is for items"},
+      {{"vfs", "mkdir", "x.txt"}, 3, "There is an item \"x.txt\""},
+      {{"vfs", "mkdir", "x.txt~h"}, 3, "There is an item \"x.txt\""},
+      {{"vfs", "put", file("x.txt"), "x.txt~h~i"}, 3, "There is an item \"x.txt\""},
+      {{"vfs", "mv", "f~g", "x.txt"}, 3, "There is an item \"x.txt\""},
+      {{"vfs", "cp", "-r", "f", "new~y"}, 3, "There is an item \"new~y\""},
+      {{"vfs", "stat", "x.txt~"}, 1, "\"x.txt~\""},
       {{"vfs", "cp", "f", "h"}, 2, "-r"},
       {{"vfs", "rm", "f"}, 2, "-r"},
       {{"vfs", "bin", "restore", "7"}, 1, "7"},
+      {{"vfs", "bin", "rm", "18446744073709551616"}, 2, "\"18446744073709551616\""},
+      {{"vfs", "bin", "empty", "--older", "-5"}, 2, "\"-5\""},
+      {{"vfs", "bin", "ls", "--format", "raw"}, 2, "table and json"},
       {{"vfs", "put", file("dir"), "x.txt"}, 2, "is an item"},
       {{"vfs"}, 2, "subcommand"},
   };
@@ -224,7 +242,7 @@ TEST_F(VfsCommandTest, ChangesAndLists) {
   vfs({"put", file("x"), "a~x.txt"});
   vfs({"cp", "a~x.txt", "a"});
   vfs({"cp", "--share", "a~x.txt", "shared"});
-  vfs({"mkdir", "a~x.txt"});
+  inSession([](TarnVFS& files) { files.createFolder("a~x.txt"); });
   vfs({"cp", "-r", "a", "b"});
   EXPECT_EQ(vfs({"ls", "a"}), "x(1).txt\nx.txt\nx.txt\n");
   EXPECT_EQ(vfs({"ls", "a", "--limit", "1", "--after", "x(1).txt"}), "x.txt\n");
@@ -249,6 +267,115 @@ TEST_F(VfsCommandTest, ChangesAndLists) {
             ".\n  a/\n    x.txt  (5)\n  c/\n    d/\n      x(1).txt  (5)\n      x.txt/\n"
             "  shared  (5)\n");
   EXPECT_EQ(run({"check", "--full"}).status, 0);
+}
+
+// What only looks, and what cannot be done, leaves a database as it was.
+TEST_F(VfsCommandTest, LookingAndFailingMakeNoFileSystem) {
+  ASSERT_EQ(run({"set", "app", "5"}).status, 0);
+  Write(file("x"), "12345");
+  const std::string before = run({"export", ""}).out;
+  const std::vector<std::vector<std::string>> calls{{"ls"},
+                                                    {"tree"},
+                                                    {"stat"},
+                                                    {"cat", "x"},
+                                                    {"get", "x"},
+                                                    {"mv", "x", "y"},
+                                                    {"cp", "x", "y"},
+                                                    {"rm", "x"},
+                                                    {"bin", "ls"},
+                                                    {"bin", "rm", "1"},
+                                                    {"bin", "restore", "1"},
+                                                    {"bin", "empty"},
+                                                    {"put", file("none")}};
+  for (const char* base : {"files", "app", "none"}) {
+    for (std::vector<std::string> call : calls) {
+      SCOPED_TRACE(call[0] + " in " + base);
+      const bool isPut = call[0] == "put";
+      call.insert(call.begin(), "vfs");
+      call.insert(call.end(), {"--base", base});
+      const program_result result = run(call);
+      EXPECT_EQ(result.status, 1) << result.err;
+      EXPECT_THAT(result.err, HasSubstr(isPut ? "No such file" : "There is no file system below"));
+      EXPECT_THAT(result.err, testing::Not(HasSubstr("Ended early")));
+    }
+  }
+  for (const std::vector<std::string>& call :
+       {std::vector<std::string>{"mkdir", "a~~b"}, {"put", file("x"), "a~~b"}, {"put", "/"}}) {
+    std::vector<std::string> all{"vfs"};
+    all.insert(all.end(), call.begin(), call.end());
+    EXPECT_NE(run(all).status, 0);
+  }
+  EXPECT_EQ(run({"export", ""}).out, before);
+}
+
+// A "~" at the end of a path means the folder of two things that bear one name.
+TEST_F(VfsCommandTest, AFolderBesideAnItemOfItsNameIsNamedByAMark) {
+  Write(file("x"), "12345");
+  vfs({"put", file("x"), "n"});
+  inSession([](TarnVFS& files) { files.createFolder("n~sub"); });
+  EXPECT_EQ(vfs({"ls", "n"}), "n\n");
+  EXPECT_EQ(vfs({"ls", "n~"}), "sub\n");
+  EXPECT_THAT(vfs({"stat", "n"}), HasSubstr("file"));
+  EXPECT_THAT(vfs({"stat", "n~"}), HasSubstr("folder"));
+  vfs({"get", "n~", file("out")});
+  EXPECT_TRUE(fs::is_directory(file("out") + "/sub"));
+  vfs({"put", file("x"), "into~"});
+  EXPECT_EQ(vfs({"cat", "into~x"}), "12345");
+  EXPECT_EQ(run({"vfs", "mv", "n~", "m"}).status, 0);
+  EXPECT_EQ(vfs({"ls"}), "into\nm\nn\n");
+  const program_result refused = run({"vfs", "mv", "n", "m~sub"});
+  EXPECT_EQ(refused.status, 0) << refused.err;
+  EXPECT_EQ(vfs({"ls", "m~sub"}), "n\n");
+  inSession([](TarnVFS& files) { files.createFolder("m~n"); });
+  const program_result collides = run({"vfs", "mv", "m~sub~n", "m"});
+  EXPECT_EQ(collides.status, 3);
+  EXPECT_THAT(collides.err, HasSubstr("There is a folder \"m~n\" already"));
+  vfs({"rm", "-r", "m~sub~"});
+  EXPECT_EQ(vfs({"tree", "m~"}), "m\n  n/\n");
+}
+
+// A whole file system that was got goes back to where it was.
+TEST_F(VfsCommandTest, TheWholeFileSystemGoesOutAndBack) {
+  Write(file("x"), "12345");
+  vfs({"put", file("x"), "a~x"});
+  vfs({"put", file("x"), ""});
+  EXPECT_EQ(vfs({"ls"}), "a\nx\n");
+  vfs({"get", "", file("out")});
+  vfs({"rm", "-r", "a"});
+  vfs({"put", file("out"), ""});
+  EXPECT_EQ(vfs({"tree"}), ".\n  a/\n    x  (5)\n  x  (5)\n");
+  vfs({"get", "", file("again")});
+  EXPECT_EQ(PictureOf(file("out")), PictureOf(file("again")));
+}
+
+// A directory that cannot be read for want of files to open is named with that reason.
+TEST_F(VfsCommandTest, PutTellsThatTooManyFilesAreOpen) {
+  fs::path deep = file("deep");
+  for (int level = 0; level < 100; ++level) deep /= "d";
+  fs::create_directories(deep);
+  const program_result result =
+      run_program({"/bin/sh", "-c",
+                   "ulimit -n 64; " + std::string(PROGRAM_TARNS_COMMAND) + " -d '" + file("db") +
+                       "' vfs put '" + file("deep") + "' d"});
+  EXPECT_EQ(result.status, 3);
+  EXPECT_THAT(result.err, HasSubstr("Too many open files"));
+  EXPECT_THAT(result.err, testing::Not(HasSubstr("Bad file descriptor")));
+}
+
+// A long file takes the place of a link, and is a file.
+TEST_F(VfsCommandTest, PutReplacesLinksByFiles) {
+  for (const std::size_t size : {std::size_t{5}, std::size_t{2} << 20}) {
+    const std::string bytes = Bytes(size, 3);
+    fs::create_symlink("target", file("x"));
+    vfs({"put", file("x"), "y"});
+    EXPECT_THAT(vfs({"stat", "y"}), HasSubstr("leads to:"));
+    fs::remove(file("x"));
+    Write(file("x"), bytes);
+    vfs({"put", file("x"), "y"});
+    EXPECT_THAT(vfs({"stat", "y"}), testing::Not(HasSubstr("leads to:")));
+    EXPECT_TRUE(vfs({"cat", "y"}) == bytes);
+    fs::remove(file("x"));
+  }
 }
 
 // The text form has every byte of a content; JSON refuses what it cannot have.
