@@ -64,11 +64,15 @@ std::string_view TakeStep(std::string_view& rest) {
 bool NodePlaces::note(const TarnRef& node) {
   const std::uint64_t id = node.id();
   if (id == 0) return transient_.insert(node.handle()).second;
-  auto& chunk = stored_[id / kChunk];
-  if (chunk == nullptr) chunk = std::make_unique<std::bitset<kChunk>>();
-  const auto bit = (*chunk)[id % kChunk];
+  if (last_ == nullptr || lastNumber_ != id / kChunk) {
+    auto& chunk = stored_[id / kChunk];
+    if (chunk == nullptr) chunk = std::make_unique<std::bitset<kChunk>>();
+    last_ = chunk.get();
+    lastNumber_ = id / kChunk;
+  }
+  auto bit = (*last_)[id % kChunk];
   const bool isNew = !bit;
-  chunk->set(id % kChunk);
+  bit = true;
   return isNew;
 }
 

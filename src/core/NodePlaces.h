@@ -79,6 +79,8 @@ class NodePlaces {
   const bool mayMove_;
   const goods::kept_numbers kept_;
   std::unordered_map<std::uint64_t, std::unique_ptr<std::bitset<kChunk>>> stored_;
+  std::bitset<kChunk>* last_ = nullptr;  // of stored_, used last: the next node is mostly near
+  std::uint64_t lastNumber_ = 0;
   std::unordered_set<const void*> transient_;
   std::unordered_map<std::uint64_t, Away> away_;
   std::unordered_map<std::uint64_t, Again> again_;

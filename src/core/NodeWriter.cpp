@@ -44,6 +44,12 @@ class Hold {
   PInOut& out_;
 };
 
+// Whether the value is all that a node of its class writes.
+bool IsKnownValue(const TarnBranchWalk::Step& step) {
+  if (!step.hasValue || &TarnValueClassOf(step.value.getType()) != step.cls) return false;
+  return !step.value.isString() || !step.value.getText().empty();  // which may be null
+}
+
 }  // namespace
 
 void NodeWriter::verify(bool isWritten) const {
@@ -196,21 +202,20 @@ void NodeWriter::writeChild(Block& block, const TarnBranchWalk::Step& step) {
     places_->noteAway(step.node, step.lister, NodePlaces::ChildStep(here.name, here.number));
   }
   block.hasEmptyIndex = form_ == Form::kWhole && step.hasIndex && step.numChildren == 0;
-  if (!writeValueLines(step, level)) writeOwnLines(block, step.name, step.node, level);
+  if (!writeKnownLines(step, level)) writeOwnLines(block, step.name, step.node, level);
 }
 
-// The lines of the library's own value classes, which the walk has read already.
-bool NodeWriter::writeValueLines(const TarnBranchWalk::Step& step, std::size_t level) {
-  if (!step.hasValue || &TarnValueClassOf(step.value.getType()) != step.cls) return false;
-  const TarnData& value = step.value;
-  if (value.isString() && value.getText().empty()) return false;  // which may be null
+// The lines of the library's own plain nodes and values, of which the walk has told all there is.
+bool NodeWriter::writeKnownLines(const TarnBranchWalk::Step& step, std::size_t level) {
+  const bool isPlain = step.cls == &TarnObject::self_class;
+  if (!isPlain && !IsKnownValue(step)) return false;
   out_.setLevel(level);
   bool isWritten = out_.write(step.cls->name(), std::string_view(step.name));
   out_.setLevel(level + 1);
   if (form_ == Form::kMinLocking) {
     isWritten = isWritten && out_.write(TextWord::kName, std::string_view(step.name));
   }
-  verify(isWritten && WriteValue(out_, TextWord::kValue, value));
+  verify(isWritten && (isPlain || WriteValue(out_, TextWord::kValue, step.value)));
   return true;
 }
 

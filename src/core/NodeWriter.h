@@ -85,7 +85,7 @@ class NodeWriter : public PInOut::Nesting {
   void writeNext(Block& block);
   void writeChild(Block& block, const TarnBranchWalk::Step& step);
   void writeOwnLines(Block& block, std::string_view name, const TarnRef& node, std::size_t level);
-  bool writeValueLines(const TarnBranchWalk::Step& step, std::size_t level);
+  bool writeKnownLines(const TarnBranchWalk::Step& step, std::size_t level);
   bool writeReference(std::string_view name, const TarnRef& node, std::size_t level, bool isHome);
   void moveTo(Block& block, std::size_t depth);
   void endIndex(Block& block);

@@ -14,6 +14,9 @@ constexpr std::size_t kIntegerRoom = 32;
 // Room for the shortest text of any double, which std::to_chars keeps below 25 characters.
 constexpr std::size_t kRealRoom = 32;
 
+// Bytes that a buffer keeps beyond what it needs: texts that take turns in it are of many lengths.
+constexpr std::size_t kKeptAnyway = 512;
+
 // Inserts a comma before every group of three digits counted from the end; returns the new length.
 std::size_t GroupDigits(char* text, std::size_t length) {
   const std::size_t first = text[0] == '-' ? 1 : 0;
@@ -80,7 +83,7 @@ void Buffer::set(std::string_view content) {
   const std::size_t needed = content.size() + 1;
   // Only memory at least half of which is used again is kept, so that a buffer that once held
   // something large does not hold its memory for good.
-  if (needed <= capacity_ && capacity_ / 2 <= needed + 32) {
+  if (needed <= capacity_ && capacity_ / 2 <= needed + kKeptAnyway / 2) {
     if (!content.empty()) std::memmove(bytes_.get(), content.data(), content.size());
     length_ = content.size();
     bytes_[length_] = '\0';

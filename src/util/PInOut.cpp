@@ -21,6 +21,24 @@
 
 namespace tarns {
 
+namespace {
+
+bool IsPlainCommand(std::string_view text) {
+  return IsPlainText(text) && text.front() != '(' && text.find(' ') == std::string_view::npos;
+}
+
+// What most lines are, with one look at the room that there is.
+void AppendPlain(std::string& text, std::size_t blanks, std::string_view command,
+                 std::string_view value) {
+  const std::size_t before = text.size();
+  text.resize(before + blanks + command.size() + 1 + value.size(), ' ');
+  char* const at = text.data() + before + blanks;
+  command.copy(at, command.size());
+  value.copy(at + command.size() + 1, value.size());
+}
+
+}  // namespace
+
 // The file that is read or written.
 class PInOut::File {
  public:
@@ -212,8 +230,13 @@ bool PInOut::write(const char* command) {
 }
 
 bool PInOut::writeText(const char* command, std::string_view value) {
+  const std::string_view word = ViewOf(command);
+  if (level_ <= kDeepestIndentation && IsPlainCommand(word) && IsPlainText(value)) {
+    AppendPlain(buffer_, 2 * level_, word, value);
+    return endLine();
+  }
   writeIndentation();
-  appendQuoted(ViewOf(command), true);
+  appendQuoted(word, true);
   buffer_ += ' ';
   appendQuoted(value, false);
   return endLine();
@@ -230,10 +253,7 @@ void PInOut::writeIndentation() {
 }
 
 void PInOut::appendQuoted(std::string_view text, bool isCommand) {
-  const bool isPlain =
-      IsPlainText(text) &&
-      (!isCommand || (text.front() != '(' && text.find(' ') == std::string_view::npos));
-  if (isPlain) {
+  if (isCommand ? IsPlainCommand(text) : IsPlainText(text)) {
     buffer_ += text;
   } else {
     AppendQuotedText(buffer_, text);

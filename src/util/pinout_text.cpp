@@ -2,6 +2,7 @@
 
 #include <tarns/util/Stringer.h>
 
+#include <algorithm>
 #include <array>
 #include <cstdint>
 #include <cstring>
@@ -99,7 +100,9 @@ void AppendHex(std::string& out, unsigned char byte) {
 bool IsPlainText(std::string_view text) {
   if (text.empty() || text.front() == ' ' || text.back() == ' ') return false;
   for (std::size_t i = 0; i < text.size();) {
-    if (i + kWord <= text.size() && AreUsualCharacters(text.data() + i)) {
+    // The last word may begin among characters that have been looked at.
+    if (text.size() >= kWord &&
+        AreUsualCharacters(text.data() + std::min(i, text.size() - kWord))) {
       i += kWord;
       continue;
     }

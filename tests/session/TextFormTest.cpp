@@ -23,6 +23,7 @@
 
 #include "support/branch_picture.h"
 #include "support/captured_log.h"
+#include "support/random_tree.h"
 #include "support/session_fixture.h"
 #include "support/throws_tarn.h"
 
@@ -218,6 +219,62 @@ TEST_F(TextFormTest, KeepsEveryValue) {
   modify(node)->addChild("plain", TarnObject::Create());
   manager().set("a~b", node);
   expectRoundTrip(manager().getObject("a~b"));
+}
+
+// An export of a branch without shared nodes, for which each node is asked for its own lines.
+void WriteByNodes(std::string_view name, const TarnRef& node, bool isMinLocking, PInOut& out) {
+  out.write(node->getType(), name);
+  out.indentIn();
+  if (isMinLocking) out.write("Name", name);
+  node->writeConcreteMembers(out);
+  const bool isEmpty = node->getNumAbstractChildren() == 0;
+  if (!node->getChildren().is_null() && !(isMinLocking && isEmpty)) {
+    out.write("Children", "{");
+    out.indentIn();
+    for (const auto& [below, child] : node->children())
+      WriteByNodes(below, child, isMinLocking, out);
+    out.indentOut();
+    out.write("}");
+  }
+  out.indentOut();
+}
+
+// An export writes the lines of plain nodes and values without asking the nodes.
+TEST_F(TextFormTest, WritesWhatTheNodesWriteOfThemselves) {
+  constexpr int kTrees = 200;
+  manager().transaction([&] {
+    for (int number = 0; number < kTrees; ++number) {
+      manager().set("top~" + std::to_string(number), TarnRef(TarnObject::Create()));
+      const TarnRef tree = manager().getObject("top~" + std::to_string(number));
+      random_tree(tree, static_cast<std::uint64_t>(number), random_tree::links::none);
+      modify(tree)->addChild("null", TarnStringValue::Create());
+      modify(tree)->addChild("tagged", Tagged::Create());
+    }
+  });
+  manager().set("top~emptied~child", 1);
+  manager().deleteBranch("top~emptied~child");
+  for (const bool isMinLocking : {false, true}) {
+    SCOPED_TRACE(isMinLocking);
+    reopen();
+    const auto text = [&](const auto& write) {
+      std::string written;
+      PInOut out;
+      out.writeTo(written);
+      write(out);
+      EXPECT_TRUE(out.close());
+      return written;
+    };
+    const auto exported = [&] {
+      return text([&](PInOut& out) {
+        isMinLocking ? manager().exportMinLockingTo("top", out) : manager().exportTo("top", out);
+      });
+    };
+    const std::string outside = exported();
+    EXPECT_EQ(manager().transaction(exported), outside);
+    EXPECT_EQ(outside, text([&](PInOut& out) {
+                WriteByNodes("top", manager().getObject("top"), isMinLocking, out);
+              }));
+  }
 }
 
 TEST_F(TextFormTest, LetsClassesHaveLinesOfTheirOwn) {
