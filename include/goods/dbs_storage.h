@@ -69,6 +69,8 @@ class state_sink {
   virtual ~state_sink() = default;
   virtual void found(const object_state& state) = 0;
   virtual void missing(object_number number) = 0;
+  // Whether it is read once among very much, so that it is not worth a storage's memory.
+  virtual bool is_passing() const { return false; }
 };
 
 // One object's part in a commit. `body` must stay valid until commit() or prepare() returns.
@@ -302,6 +304,10 @@ class dbs_storage {
   // is at least `at_least`. A number that no object has is reported missing.
   virtual commit_version load(std::span<const object_number> numbers, commit_version at_least,
                               state_sink& into) = 0;
+
+  // Objects that will be loaded before long, in about this order: a storage may begin to read them.
+  // Only a hint, which may be dropped.
+  virtual void expect(std::span<const object_number> /*numbers*/) noexcept {}
 
   // `count` consecutive numbers nobody else gets, all >= first_object_number; never the root's.
   // They are not durable: numbers that no commit uses are handed out again after reopening.

@@ -88,6 +88,10 @@ class GOODS_API reader {
   // does not have in memory. Only a hint; null references are allowed. No effect elsewhere.
   void prefetch(std::span<const ref_word> words);
 
+  // Within a guest_scope: says what will be looked at some time after that, in about this order, so
+  // that storages can begin to read it. Only a hint; null references are allowed.
+  void expect(std::span<const ref_word> words);
+
   // Whether the reading happens inside a transaction.
   bool in_transaction() const { return transaction_ != nullptr; }
 
@@ -99,6 +103,7 @@ class GOODS_API reader {
   friend class read_round;
   const object* look_persistent(ref_word word);
   const object* look_in_passing(ref_word word);
+  guest_list& guests();
   const object* look_in_cache(ref_word word, object_id id) const;
 
   cache_manager* session_ = nullptr;    // null: only transient objects can be looked at
@@ -107,6 +112,7 @@ class GOODS_API reader {
   std::unique_ptr<guest_list> guests_;  // null until there is one
   bool invites_guests_ = false;         // see guest_scope
   bool keeps_second_looks_ = false;
+  bool is_passing_ = false;
   bool keeps_what_it_loads_ = false;  // a round that was repeated too often
 };
 
@@ -119,17 +125,23 @@ class GOODS_API guest_scope {
  public:
   enum class policy : std::uint8_t {
     always,
-    at_first  // what was a guest lately gets its place in the cache
+    at_first,  // what was a guest lately gets its place in the cache
+    once       // of very much: storages need not remember it either
   };
 
   explicit guest_scope(reader& in, policy how = policy::always)
-      : in_(in), invited_before_(in.invites_guests_), kept_before_(in.keeps_second_looks_) {
+      : in_(in),
+        invited_before_(in.invites_guests_),
+        kept_before_(in.keeps_second_looks_),
+        passing_before_(in.is_passing_) {
     in.invites_guests_ = !in.keeps_what_it_loads_ && !in.in_transaction();
     in.keeps_second_looks_ = how == policy::at_first;
+    in.is_passing_ = how == policy::once;
   }
   ~guest_scope() {
     in_.invites_guests_ = invited_before_;
     in_.keeps_second_looks_ = kept_before_;
+    in_.is_passing_ = passing_before_;
   }
   guest_scope(const guest_scope&) = delete;
   guest_scope& operator=(const guest_scope&) = delete;
@@ -138,6 +150,7 @@ class GOODS_API guest_scope {
   reader& in_;
   const bool invited_before_;
   const bool kept_before_;
+  const bool passing_before_;
 };
 
 // While it lives, guests go into a room of their own, which is emptied when it ends: for who looks

@@ -20,6 +20,7 @@ namespace {
 constexpr std::size_t kFirstLookahead = 32;
 constexpr std::size_t kMostLookahead = 256;
 constexpr std::size_t kLookaheadAbove = 8;  // of nodes that are entered themselves
+constexpr std::size_t kExpected = 128;      // children that a storage is told of before they come
 
 }  // namespace
 
@@ -50,10 +51,15 @@ void WalkLevels::cut(std::size_t count) {
 
 BranchBatch::BranchBatch(goods::reader& in, const WalkLevels& levels, std::vector<Step>& steps,
                          std::size_t limit)
-    : in_(in), levels_(levels), steps_(steps), limit_(limit), kept_(levels.size()) {}
+    : in_(in),
+      levels_(levels),
+      steps_(steps),
+      limit_(limit),
+      most_(limit + limit / 4),
+      kept_(levels.size()) {}
 
 std::size_t BranchBatch::read() {
-  while (count_ < limit_) {
+  while (!isFull()) {
     if (numFrames_ == 0) {
       if (kept_ == 0) break;
       resume(levels_[--kept_]);
@@ -66,6 +72,13 @@ std::size_t BranchBatch::read() {
   return count_;
 }
 
+// Going on among the children of a node means to look for the place in its index once more: a batch
+// rather ends where they end, when that is near.
+bool BranchBatch::isFull() {
+  if (count_ < limit_) return false;
+  return count_ == most_ || numFrames_ == 0 || top().place->at_end();
+}
+
 void BranchBatch::enter(goods::ref_word node, goods::ref_word index, const TarnObjects& entries) {
   if (numFrames_ == frames_.size()) frames_.push_back(std::make_unique<Frame>());
   Frame& frame = *frames_[numFrames_++];
@@ -74,6 +87,7 @@ void BranchBatch::enter(goods::ref_word node, goods::ref_word index, const TarnO
   frame.place.emplace(in_, entries).seek_index(0);
   frame.trail.clear();
   frame.lookahead = kFirstLookahead;
+  frame.expected = 0;
   frame.ahead.clear();
 }
 
@@ -85,14 +99,15 @@ void BranchBatch::resume(const WalkLevel& level) {
   enter(level.node.word(), level.index.word(), *index);
   Frame& frame = top();
   frame.lookahead = level.lookahead;
+  frame.expected = level.expected;
   if (!level.last) return;
   frame.place->seek_behind(*level.last);
   frame.trail.resume(*level.last);
 }
 
 void BranchBatch::loadAhead(Frame& frame) {
-  const std::size_t count =
-      std::min({frame.lookahead, frame.place->left_on_page(), limit_ - count_});
+  const std::size_t count = std::min(
+      {frame.lookahead, frame.place->left_on_page(), (count_ < limit_ ? limit_ : most_) - count_});
   words_.clear();
   for (std::size_t i = 0; i < count; ++i) words_.push_back(frame.place->entry(i).target);
   in_.prefetch(words_);
@@ -114,10 +129,25 @@ void BranchBatch::loadAhead(Frame& frame) {
   in_.prefetch(words_);
   frame.lookahead = haveChildren ? kLookaheadAbove : std::min(frame.lookahead * 2, kMostLookahead);
   std::ranges::reverse(frame.ahead);
+  expectMore(frame, count);
+}
+
+// Has the storage read what comes behind those that have just been loaded, as far as it stands on
+// this page.
+void BranchBatch::expectMore(Frame& frame, std::size_t loaded) {
+  frame.expected -= std::min(frame.expected, loaded);
+  if (frame.expected >= kExpected / 2) return;
+  const std::size_t told = loaded + frame.expected;
+  const std::size_t end = std::min(loaded + kExpected, frame.place->left_on_page());
+  if (end <= told) return;
+  words_.clear();
+  for (std::size_t i = told; i < end; ++i) words_.push_back(frame.place->entry(i).target);
+  in_.expect(words_);
+  frame.expected = end - loaded;
 }
 
 void BranchBatch::readStep(Frame& frame) {
-  const goods::guest_scope guests(in_);
+  const goods::guest_scope guests(in_, goods::guest_scope::policy::once);
   if (frame.ahead.empty()) loadAhead(frame);
   const goods::index_entry entry = frame.place->entry();
   const TarnObject* child = frame.ahead.back();
@@ -163,6 +193,7 @@ std::vector<WalkLevel> BranchBatch::takeLevels() {
     level.node = TarnRef::Trusted(goods::keep_word(frame.node));
     level.key = WalkKeyOf(frame.node);
     level.lookahead = frame.lookahead;
+    level.expected = frame.expected;
     if (frame.place->at_end()) continue;
     level.index = xcptref<TarnObjects>::Trusted(goods::to_reference(frame.index));
     level.last = frame.trail.position();

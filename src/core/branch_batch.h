@@ -25,6 +25,7 @@ struct WalkLevel {
   xcptref<TarnObjects> index;                 // counted; null when there are no more children
   std::optional<goods::index_position> last;  // handed out last; none: begin at the first
   std::size_t lookahead = 0;                  // see BranchBatch::Frame
+  std::size_t expected = 0;
 };
 
 // Tells nodes apart: the identifier or, for one that is not stored, the handle.
@@ -56,11 +57,11 @@ class BranchBatch {
  public:
   using Step = TarnBranchWalk::Step;
 
-  // `steps` are filled from the beginning, at most `limit` of them.
+  // `steps` are filled from the beginning: about `limit` of them, at most a quarter more.
   BranchBatch(goods::reader& in, const WalkLevels& levels, std::vector<Step>& steps,
               std::size_t limit);
 
-  // Returns how many there were; fewer than `limit` only at the end.
+  // Returns how many there were; 0 at the end.
   std::size_t read();
 
   // What the levels are after these steps: the lowest kept() of the old ones, and above them these.
@@ -74,6 +75,7 @@ class BranchBatch {
     std::optional<goods::B_tree_walk> place;  // at the child that comes next
     goods::index_trail trail;                 // of what was handed out
     std::size_t lookahead = 0;                // how many children are loaded at once
+    std::size_t expected = 0;                 // of those behind them the storage has been told
     std::vector<const TarnObject*> ahead;     // loaded children, the next one last
   };
 
@@ -81,13 +83,15 @@ class BranchBatch {
   Frame& top() { return *frames_[numFrames_ - 1]; }
   void resume(const WalkLevel& level);
   void loadAhead(Frame& frame);
+  void expectMore(Frame& frame, std::size_t loaded);
   void readStep(Frame& frame);
+  bool isFull();
   bool isOpen(goods::ref_word node) const;
 
   goods::reader& in_;
   const WalkLevels& levels_;
   std::vector<Step>& steps_;
-  const std::size_t limit_;
+  const std::size_t limit_, most_;
   std::size_t count_ = 0;
   std::size_t kept_;
   std::vector<std::unique_ptr<Frame>> frames_;  // the first numFrames_ are in use

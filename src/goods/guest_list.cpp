@@ -8,6 +8,7 @@
 #include <goods/database.h>
 #include <goods/obj_storage.h>
 #include <goods/object.h>
+#include <goods/object_handle.h>
 
 #include "goods/layout_catalog.h"
 #include "goods/object_cache.h"
@@ -38,12 +39,30 @@ std::size_t hash_of(object_id id) {
 // The same for objects that are probably in one group.
 object_id place_of_group(object_id id) { return id / neighbours::most; }
 
+// Calls act(storage, numbers) for those that follow each other in one storage, some at a time.
+template <class Act>
+void for_each_storage(std::span<const object_id> ids, const Act& act) {
+  std::array<object_number, most_at_once> numbers;
+  while (!ids.empty()) {
+    const storage_number storage = storage_of(ids.front());
+    std::size_t count = 0;
+    while (count < std::min(ids.size(), most_at_once) && storage_of(ids[count]) == storage) {
+      numbers[count] = number_of(ids[count]);
+      ++count;
+    }
+    act(storage, std::span<const object_number>(numbers.data(), count));
+    ids = ids.subspan(count);
+  }
+}
+
 }  // namespace
 
 class guest_list::sink : public state_sink {
  public:
   sink(guest_list& list, obj_storage& storage, storage_number number)
       : list_(list), storage_(storage), number_(number) {}
+
+  bool is_passing() const override { return list_.are_passing_; }
 
   void found(const object_state& state) override {
     const object_id id = make_object_id(number_, state.number);
@@ -75,7 +94,7 @@ std::unique_ptr<guest_list> guest_list::take() {
 
 void guest_list::give_back(std::unique_ptr<guest_list> list) noexcept {
   list->clear();
-  if (spare_is_gone || list->places_.size() > most_kept) return;
+  if (spare_is_gone || std::max(list->places_.size(), list->wanted_.capacity()) > most_kept) return;
   const auto place = std::find(spare.lists.begin(), spare.lists.end(), nullptr);
   if (place != spare.lists.end()) *place = std::move(list);
 }
@@ -166,18 +185,52 @@ void guest_list::grow() {
 
 void guest_list::load(cache_manager& session, std::span<object_id> ids) {
   std::ranges::sort(ids);  // neighbours are stored together
-  std::array<object_number, most_at_once> numbers;
-  while (!ids.empty()) {
-    const storage_number storage = storage_of(ids.front());
-    std::size_t count = 0;
-    while (count < std::min(ids.size(), most_at_once) && storage_of(ids[count]) == storage) {
-      numbers[count] = number_of(ids[count]);
-      ++count;
-    }
+  for_each_storage(ids, [&](storage_number storage, std::span<const object_number> numbers) {
     sink into(*this, session.db().storage(storage), storage);
-    session.cache().load_for_guests(storage, {numbers.data(), count}, into);
-    ids = ids.subspan(count);
+    session.cache().load_for_guests(storage, numbers, into);
+  });
+}
+
+void guest_list::expect(cache_manager& session, std::span<const ref_word> words) {
+  absent_.clear();
+  for (const ref_word word : words) {
+    const object_id id = word.is_handle() ? word.handle()->id() : word.id();
+    if (id != 0) absent_.push_back(id);
   }
+  for_each_storage(absent_, [&](storage_number storage, std::span<const object_number> numbers) {
+    if (storage < session.db().get_number_of_storages()) {
+      session.db().storage(storage).dbs().expect(numbers);
+    }
+  });
+}
+
+// In three steps, so that the processor waits for many objects at a time: where the handles are
+// found, the handles, the bodies.
+void guest_list::prefetch(cache_manager& session, std::span<const ref_word> words) {
+  wanted_.clear();
+  absent_.clear();
+  object_cache& cache = session.cache();
+  for (const ref_word word : words) {
+    if (word.is_null() || (word.is_handle() && word.handle()->is_transient())) continue;
+    object_handle* const handle = word.is_handle() ? word.handle() : nullptr;
+    const object_id id = handle != nullptr ? handle->id() : word.id();
+    if (find_nearby(session, id) != nullptr) continue;
+    if (handle == nullptr) cache.prefetch(id);
+    wanted_.push_back({id, handle});
+  }
+  for (wanted_object& one : wanted_) {
+    if (one.handle == nullptr) one.handle = cache.find(one.id);
+    if (one.handle != nullptr) __builtin_prefetch(one.handle);
+  }
+  for (const wanted_object& one : wanted_) {
+    const object* const body = one.handle != nullptr ? one.handle->body() : nullptr;
+    if (body == nullptr) {
+      absent_.push_back(one.id);
+    } else {
+      __builtin_prefetch(body);
+    }
+  }
+  load(session, absent_);
 }
 
 void guest_list::clear() noexcept {

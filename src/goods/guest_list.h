@@ -50,10 +50,24 @@ class guest_list {
   // `ids`.
   void load(cache_manager& session, std::span<object_id> ids);
 
+  // Loads those of the objects behind `words` that neither the list nor the session's cache has,
+  // and has the processor fetch the others. Null references are allowed.
+  void prefetch(cache_manager& session, std::span<const ref_word> words);
+
+  // Tells storages what will be loaded before long.
+  void expect(cache_manager& session, std::span<const ref_word> words);
+
+  // Whether storages need not remember what is loaded from now on; usually they do.
+  void set_passing(bool are_passing) { are_passing_ = are_passing; }
+
   void clear() noexcept;
 
  private:
   class sink;
+  struct wanted_object {
+    object_id id;
+    object_handle* handle;  // null when it is not known, or there is none
+  };
   struct place {
     object_id id = 0;
     std::uint32_t body = 0;     // in bodies_
@@ -81,6 +95,9 @@ class guest_list {
   std::vector<object*> bodies_;
   std::vector<place> places_;  // open addressing with linear probing, at most half full
   std::uint32_t filling_ = 1;  // grows when everything is cleared
+  bool are_passing_ = false;
+  std::vector<wanted_object> wanted_;  // of prefetch()
+  std::vector<object_id> absent_;
 };
 
 }  // namespace goods

@@ -11,11 +11,6 @@ namespace goods {
 
 namespace {
 
-struct wanted_object {
-  object_id id;
-  object_handle* handle;  // null when it is not known, or there is none
-};
-
 // After so many rounds that a commit disturbed, commits wait for the reader.
 constexpr int rounds_without_waiting = 8;
 
@@ -100,49 +95,33 @@ const object* reader::look_in_cache(ref_word word, object_id id) const {
   return handle != nullptr ? handle->body() : nullptr;
 }
 
+guest_list& reader::guests() {
+  if (guests_ == nullptr) guests_ = guest_list::take();
+  guests_->set_passing(is_passing_);
+  return *guests_;
+}
+
 // Null for what has to be looked at in the usual way.
 const object* reader::look_in_passing(ref_word word) {
-  object_id id = word.is_handle() ? word.handle()->id() : word.id();
-  if (guests_ == nullptr) guests_ = guest_list::take();
-  if (const object* guest = guests_->find_nearby(*session_, id)) {
+  const object_id id = word.is_handle() ? word.handle()->id() : word.id();
+  guest_list& here = guests();
+  if (const object* guest = here.find_nearby(*session_, id)) {
     if (keeps_second_looks_) session_->cache().was_passed_lately(id);  // the next look is a second
     return guest;
   }
   if (const object* body = look_in_cache(word, id)) return body;
   if (keeps_second_looks_ && session_->cache().was_passed_lately(id)) return nullptr;
-  return guests_->load(*session_, id);
+  return here.load(*session_, id);
 }
 
-// In three steps, so that the processor waits for many objects at a time: where the handles are
-// found, the handles, the bodies.
 void reader::prefetch(std::span<const ref_word> words) {
   if (!invites_guests_ || session_ == nullptr) return;
-  if (guests_ == nullptr) guests_ = guest_list::take();
-  std::vector<wanted_object> wanted;
-  wanted.reserve(words.size());
-  object_cache& cache = session_->cache();
-  for (const ref_word word : words) {
-    if (word.is_null() || (word.is_handle() && word.handle()->is_transient())) continue;
-    object_handle* const handle = word.is_handle() ? word.handle() : nullptr;
-    const object_id id = handle != nullptr ? handle->id() : word.id();
-    if (guests_->find_nearby(*session_, id) != nullptr) continue;
-    if (handle == nullptr) cache.prefetch(id);
-    wanted.push_back({id, handle});
-  }
-  for (wanted_object& one : wanted) {
-    if (one.handle == nullptr) one.handle = cache.find(one.id);
-    if (one.handle != nullptr) __builtin_prefetch(one.handle);
-  }
-  std::vector<object_id> absent;
-  for (const wanted_object& one : wanted) {
-    const object* const body = one.handle != nullptr ? one.handle->body() : nullptr;
-    if (body == nullptr) {
-      absent.push_back(one.id);
-    } else {
-      __builtin_prefetch(body);
-    }
-  }
-  guests_->load(*session_, absent);
+  guests().prefetch(*session_, words);
+}
+
+void reader::expect(std::span<const ref_word> words) {
+  if (!invites_guests_ || session_ == nullptr) return;
+  guests().expect(*session_, words);
 }
 
 guest_room::guest_room(reader& in) : in_(in), outside_(std::move(in.guests_)) {}

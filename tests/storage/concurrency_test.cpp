@@ -97,6 +97,7 @@ TEST_P(ConcurrencyTest, EveryLoadIsAsOfTheVersionItNames) {
       while (writers != 0) {
         // Sometimes more is asked for than is surely visible, as a session that was told more does.
         const commit_version at_least = random() % 2 == 0 ? newest : 0;
+        if (random() % 4 == 0) storage->expect(objects);
         newest = std::max(newest, read_once(*storage, 1 + random() % 7, at_least, marks));
       }
     });

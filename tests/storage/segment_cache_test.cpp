@@ -12,6 +12,7 @@ namespace goods {
 namespace {
 
 using patch = segment_cache::patch;
+using reading = segment_cache::reading;
 
 patch put(segment_number number, commit_version version, unsigned slot, std::size_t size) {
   segment_builder builder(number, nullptr);
@@ -69,8 +70,8 @@ class cached_store {
     unmerged_.erase(number);
     cache_.publish(number, nullptr, nullptr, ++version_);
   }
-  void read(segment_number number) {
-    if (newest_.contains(number)) cache_.offer(newest_[number], version_);
+  void read(segment_number number, reading how) {
+    if (newest_.contains(number)) cache_.offer(newest_[number], version_, how);
   }
   void merge() { unmerged_.clear(); }
 
@@ -99,6 +100,7 @@ TEST(SegmentCacheTest, AnswersTheNewestStateOrNone) {
     std::size_t found = 0;
     for (int step = 0; step < 60'000; ++step) {
       const auto number = static_cast<segment_number>(random() % numbers);
+      const reading how = random() % 4 == 0 ? reading::in_passing : reading::usual;
       switch (random() % 8) {
         case 0:
         case 1:
@@ -116,13 +118,13 @@ TEST(SegmentCacheTest, AnswersTheNewestStateOrNone) {
           ASSERT_EQ(cache.find(number), nullptr) << "step " << step;
           break;
         case 3:
-          store.read(number);
+          store.read(number, how);
           break;
         default:
           if (random() % 1000 == 0) store.merge();
           for (unsigned i = 0; i < random() % 20; ++i)
-            ASSERT_TRUE(is_right(cache.look(number), store.newest(number))) << "step " << step;
-          const auto answer = cache.find(number);
+            ASSERT_TRUE(is_right(cache.look(number, how), store.newest(number))) << "step " << step;
+          const auto answer = cache.find(number, how);
           found += answer != nullptr ? 1 : 0;
           ASSERT_TRUE(answer == nullptr || are_equal(answer, store.newest(number)))
               << "step " << step;
@@ -173,6 +175,38 @@ TEST(SegmentCacheTest, KeepsWhatIsUsedAndRefusesWhatMayBeOld) {
   cache.publish(2 * part, nullptr, nullptr, 5);
   cache.offer(make_segment(2 * part, 4, 300), 4);
   EXPECT_EQ(cache.find(2 * part), nullptr) << "the snapshot was older than the removal";
+}
+
+// A walk over everything leaves little behind, but what others have used meanwhile, and displaces
+// nothing. The next one is worth remembering.
+TEST(SegmentCacheTest, LetsPassWhatIsReadOnce) {
+  constexpr segment_number known = 500, all = 20'000, shown = 700, most_left = 512;
+  segment_cache cache(std::size_t{64} << 20);
+  const auto walk = [&](segment_number first, segment_number end) {
+    for (segment_number i = first; i < end; ++i) {
+      if (!cache.find(i, reading::in_passing)) {
+        cache.offer(make_segment(i, 1, 300), 1, reading::in_passing);
+        EXPECT_NE(cache.find(i, reading::in_passing), nullptr) << "it is needed now";
+      }
+      if (i == shown) {
+        EXPECT_NE(cache.find(i), nullptr);
+      }
+    }
+  };
+  const auto kept = [&](segment_number first, segment_number end) {
+    segment_number count = 0;
+    for (segment_number i = first; i < end; ++i) {
+      count += cache.find(i, reading::in_passing) != nullptr ? 1 : 0;
+    }
+    return count;
+  };
+  for (segment_number i = 1; i < known; ++i) cache.offer(make_segment(i, 1, 300), 1);
+  walk(1, all);
+  EXPECT_EQ(kept(1, known), known - 1);
+  EXPECT_NE(cache.find(shown), nullptr);
+  EXPECT_LE(kept(known, all), most_left + 1);
+  walk(1, all);
+  EXPECT_EQ(kept(1, all), all - 1);
 }
 
 // What is laid over a segment counts, and is not laid over it when it does not say all.

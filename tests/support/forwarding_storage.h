@@ -20,6 +20,9 @@ class forwarding_storage : public goods::dbs_storage {
                              goods::commit_version at_least, goods::state_sink& into) override {
     return to_->load(numbers, at_least, into);
   }
+  void expect(std::span<const goods::object_number> numbers) noexcept override {
+    to_->expect(numbers);
+  }
   goods::object_number allocate(std::uint32_t count) override { return to_->allocate(count); }
   goods::number_range reuse(std::uint32_t most) override { return to_->reuse(most); }
   void give_back(goods::number_range unused) noexcept override { to_->give_back(unused); }

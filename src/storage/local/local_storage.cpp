@@ -57,6 +57,10 @@ commit_version local_storage::load(std::span<const object_number> numbers, commi
   return loader_.load(numbers, at_least, into);
 }
 
+void local_storage::expect(std::span<const object_number> numbers) noexcept {
+  if (generation_ == storage_process::instance().generation()) parts_->ahead.expect(numbers);
+}
+
 commit_version local_storage::newest_version() const {
   return parts_->versions.visible.load(std::memory_order_acquire);
 }

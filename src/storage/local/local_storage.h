@@ -43,6 +43,7 @@ class local_storage : public dbs_storage {
   const std::string& name() const override { return name_; }
   commit_version load(std::span<const object_number> numbers, commit_version at_least,
                       state_sink& into) override;
+  void expect(std::span<const object_number> numbers) noexcept override;
   object_number allocate(std::uint32_t count) override;
   number_range reuse(std::uint32_t most) override;
   void give_back(number_range unused) noexcept override;

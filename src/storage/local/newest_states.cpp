@@ -18,7 +18,7 @@ bool newest_states::file_is_ahead(commit_version as_of) const {
 }
 
 std::shared_ptr<const segment> newest_states::find(segment_number number, commit_version as_of) {
-  if (auto cached = from_.cache.find(number)) return cached;
+  if (auto cached = from_.cache.find(number, how_)) return cached;
   const commit_overlay::layers unmerged = from_.overlay.find(number);
   const auto patch =
       unmerged.newer ? segment_patch::combine(unmerged.older, unmerged.newer) : unmerged.older;
@@ -38,7 +38,7 @@ std::shared_ptr<const segment> newest_states::find(segment_number number, commit
     if (found->version() <= patch->version()) found = patched(*patch, found.get());
   }
   // Of a commit that is not visible yet, and may stay hidden, nothing is kept.
-  if (found->version() <= as_of) from_.cache.offer(found, as_of);
+  if (found->version() <= as_of) from_.cache.offer(found, as_of, how_);
   return found;
 }
 

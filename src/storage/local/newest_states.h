@@ -33,7 +33,10 @@ class newest_states {
     snapshot_pool& readers;
     const store_versions& versions;
   };
-  explicit newest_states(const sources& from) : from_(from) {}
+  // `how`: what becomes of segments that are read.
+  using reading = segment_cache::reading;
+  explicit newest_states(const sources& from, reading how = reading::usual)
+      : from_(from), how_(how) {}
 
   // Null when there is none. `as_of`: a version that was visible before the call; what is read
   // from the database is offered to the cache as of it.
@@ -54,6 +57,7 @@ class newest_states {
   std::shared_ptr<const segment> read(segment_number number);
 
   const sources& from_;
+  const reading how_;
   std::optional<snapshot_pool::lease> snapshot_;
 };
 

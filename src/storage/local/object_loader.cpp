@@ -39,6 +39,11 @@ bool deliver_from(const segment_cache::found_segment& cached, object_number numb
   return true;
 }
 
+newest_states::reading reading_of(const state_sink& into) {
+  using enum segment_cache::reading;
+  return into.is_passing() ? in_passing : usual;
+}
+
 // Commits over several storages become visible everywhere before anything is read anywhere.
 void wait_for_publication() {
   while ((storage_process::instance().publications() & 1) != 0) std::this_thread::yield();
@@ -51,10 +56,12 @@ commit_version object_loader::load(std::span<const object_number> numbers, commi
   wait_for_publication();
   commit_version as_of = 0;
   if (load_from_cache(numbers, at_least, into, as_of)) return as_of;
+  const newest_states::reading how = reading_of(into);
   located_list all;
   bool done = false;
-  for (int i = 0; i < undisturbed_after && !done; ++i) done = locate(numbers, at_least, all, as_of);
-  if (!done) locate_undisturbed(numbers, at_least, all, as_of);
+  for (int i = 0; i < undisturbed_after && !done; ++i)
+    done = locate(numbers, at_least, how, all, as_of);
+  if (!done) locate_undisturbed(numbers, at_least, how, all, as_of);
   for (std::size_t i = 0; i < numbers.size(); ++i) {
     const located& object = all[i];
     if (!object.in)
@@ -73,14 +80,14 @@ bool object_loader::load_from_cache(std::span<const object_number> numbers, comm
   as_of = versions_.visible.load(std::memory_order_acquire);
   if (as_of < at_least) return false;
   const auto find = [&](object_number number) {
-    auto cached = from_.cache.find(segment_of(number));
+    auto cached = from_.cache.find(segment_of(number), reading_of(into));
     const unsigned slot = slot_of(number);
     if (cached && (cached->version() > as_of || (cached->has(slot) && cached->is_apart(slot))))
       cached.reset();
     return cached;
   };
   if (numbers.size() == 1) {
-    const auto cached = from_.cache.look(segment_of(numbers[0]));
+    const auto cached = from_.cache.look(segment_of(numbers[0]), reading_of(into));
     if (!cached.whole && !cached.layered) return false;
     const commit_version version =
         cached.whole ? cached.whole->version() : cached.layered->version();
@@ -101,13 +108,13 @@ bool object_loader::load_from_cache(std::span<const object_number> numbers, comm
 
 // False when commits came in between.
 bool object_loader::locate(std::span<const object_number> numbers, commit_version at_least,
-                           located_list& all, commit_version& as_of) {
+                           newest_states::reading how, located_list& all, commit_version& as_of) {
   const std::uint64_t before = versions_.publications.load(std::memory_order_acquire);
   as_of = versions_.visible.load(std::memory_order_acquire);
   if (as_of < at_least) return false;
   // Only who knew of a hidden commit from the beginning has looked past none of what it replaced.
   const bool hidden = versions_.has_hidden.load(std::memory_order_acquire);
-  newest_states newest(from_);
+  newest_states newest(from_, how);
   const auto is_disturbed = [&] {
     return before % 2 != 0 || versions_.publications.load(std::memory_order_acquire) != before ||
            // A commit that is in the database already is about to be published or hidden.
@@ -126,15 +133,15 @@ bool object_loader::locate(std::span<const object_number> numbers, commit_versio
 }
 
 void object_loader::locate_undisturbed(std::span<const object_number> numbers,
-                                       commit_version at_least, located_list& all,
-                                       commit_version& as_of) {
+                                       commit_version at_least, newest_states::reading how,
+                                       located_list& all, commit_version& as_of) {
   for (;;) {
     {
       guarded_scope scope(versions_.publishing);
       if (versions_.visible.load(std::memory_order_acquire) < at_least)
         throw_error(error_code::usage, fmt::format("The storage \"{}\" has no version {} yet.",
                                                    from_.store, at_least));
-      if (locate(numbers, at_least, all, as_of)) return;
+      if (locate(numbers, at_least, how, all, as_of)) return;
     }
     std::this_thread::yield();
   }

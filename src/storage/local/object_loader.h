@@ -33,10 +33,10 @@ class object_loader {
 
   bool load_from_cache(std::span<const object_number> numbers, commit_version at_least,
                        state_sink& into, commit_version& as_of);
-  bool locate(std::span<const object_number> numbers, commit_version at_least, located_list& all,
-              commit_version& as_of);
+  bool locate(std::span<const object_number> numbers, commit_version at_least,
+              newest_states::reading how, located_list& all, commit_version& as_of);
   void locate_undisturbed(std::span<const object_number> numbers, commit_version at_least,
-                          located_list& all, commit_version& as_of);
+                          newest_states::reading how, located_list& all, commit_version& as_of);
   bool find_all(std::span<const object_number> numbers, newest_states& newest, located_list& all,
                 commit_version as_of) const;
 

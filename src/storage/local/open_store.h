@@ -17,6 +17,7 @@
 #include "storage/local/notice_board.h"
 #include "storage/local/prepared_commits.h"
 #include "storage/local/presence_map.h"
+#include "storage/local/read_ahead.h"
 #include "storage/local/segment_cache.h"
 #include "storage/local/segment_store.h"
 #include "storage/local/snapshot_pool.h"
@@ -61,6 +62,7 @@ struct open_store {
   snapshot_pool readers;
   commit_overlay overlay;
   const newest_states::sources newest;
+  read_ahead ahead;
   commit_log log;
   checkpointer checkpoints;
   log_merger merger;

@@ -45,14 +45,14 @@ bool segment_cache::contains(segment_number number) {
   return found.used;
 }
 
-std::shared_ptr<const segment> segment_cache::find(segment_number number) {
+std::shared_ptr<const segment> segment_cache::find(segment_number number, reading how) {
   shard& s = shard_of(number);
   std::shared_ptr<const segment> content;
   patch newer;
   {
     guarded_scope scope(s.lock);
     place& found = s.place_of(number);
-    if (found.content) found.used = true;
+    if (found.content) found.note_use(how);
     if (!found.newer) return found.content;
     content = found.content;
     newer = found.newer;
@@ -66,14 +66,14 @@ std::shared_ptr<const segment> segment_cache::find(segment_number number) {
   return now;
 }
 
-segment_cache::found_segment segment_cache::look(segment_number number) {
+segment_cache::found_segment segment_cache::look(segment_number number, reading how) {
   shard& s = shard_of(number);
   std::shared_ptr<const segment> content;
   patch newer;
   {
     guarded_scope scope(s.lock);
     place& found = s.place_of(number);
-    if (found.content) found.used = true;
+    if (found.content) found.note_use(how);
     if (!found.newer) return {found.content, nullptr};
     if (found.looks < most_looks) {
       ++found.looks;
@@ -81,17 +81,21 @@ segment_cache::found_segment segment_cache::look(segment_number number) {
       newer = found.newer;
     }
   }
-  if (!content) return {find(number), nullptr};
+  if (!content) return {find(number, how), nullptr};
   return {nullptr, std::make_shared<const layered_segment>(std::move(content), std::move(newer))};
 }
 
-void segment_cache::offer(const std::shared_ptr<const segment>& found, commit_version as_of) {
+void segment_cache::offer(const std::shared_ptr<const segment>& found, commit_version as_of,
+                          reading how) {
   const std::size_t limit = shard_limit_.load(std::memory_order_relaxed);
   if (cost_of(*found) > limit) return;
+  place dropped;  // after the mutex
   shard& s = shard_of(found->number());
   guarded_scope scope(s.lock);
   if (s.last_change > as_of || s.place_of(found->number()).content) return;
   s.insert(found, limit);
+  if (how == reading::in_passing && !s.came_by(found->number()))
+    dropped = s.let_pass(found->number());
 }
 
 void segment_cache::publish(segment_number number, const patch& before, const patch& now,
@@ -134,6 +138,12 @@ void segment_cache::shard::insert(std::shared_ptr<const segment> content,
   place_of(number) = {number, false, std::move(content), nullptr, added};
   ++entries;
   bytes += added;
+}
+
+segment_cache::place segment_cache::shard::let_pass(segment_number number) {
+  place_of(number).passes = true;  // where nothing was put in for lack of memory, it means nothing
+  const place& first = place_of(std::exchange(passing[next_passing++ % most_passing], number));
+  return first.content && first.passes ? erase(first) : place();
 }
 
 segment_cache::place segment_cache::shard::replace(place& known,

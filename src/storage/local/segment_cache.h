@@ -6,6 +6,7 @@
 #include <cstddef>
 #include <cstdint>
 #include <memory>
+#include <utility>
 #include <vector>
 
 #include <goods/dbs_storage.h>
@@ -22,23 +23,31 @@ namespace goods {
 // that was published when find() was called: entries change by publish() before the version is made
 // known, and offer() refuses what may be older than that. What a commit changes is laid over an
 // entry when that is found the next time, or looked at some more times: whoever commits does not
-// wait for it, and many never are. Threads: any. One mutex for each shard, held for a look-up;
+// wait for it, and many never are.
+//
+// Who goes through very many segments once has them looked at in passing: they stay as long as the
+// few that came next, unless somebody uses them in the usual way. What comes by in passing a second
+// time is kept like all else. So a long walk takes hardly any memory, and displaces nothing.
+// Threads: any. One mutex for each shard, held for a look-up;
 // nothing is called under it.
 class segment_cache {
  public:
   explicit segment_cache(std::size_t limit);  // bytes
 
-  std::shared_ptr<const segment> find(segment_number number);
+  enum class reading : std::uint8_t { usual, in_passing };
+
+  std::shared_ptr<const segment> find(segment_number number, reading how = reading::usual);
 
   // The same for who wants an object or two of it: at most one of both is set.
   struct found_segment {
     std::shared_ptr<const segment> whole;
     std::shared_ptr<const layered_segment> layered;
   };
-  found_segment look(segment_number number);
+  found_segment look(segment_number number, reading how = reading::usual);
 
   // What a reader has found in the snapshot of version `as_of`.
-  void offer(const std::shared_ptr<const segment>& found, commit_version as_of);
+  void offer(const std::shared_ptr<const segment>& found, commit_version as_of,
+             reading how = reading::usual);
 
   bool contains(segment_number number);
 
@@ -53,6 +62,8 @@ class segment_cache {
 
  private:
   static constexpr std::size_t shards = 64;
+  // Of each shard: segments that stay though they only passed, and places for what came by.
+  static constexpr std::size_t most_passing = 8, remembered = 1024;
 
   struct place {
     segment_number number = 0;
@@ -62,6 +73,12 @@ class segment_cache {
 
     std::size_t bytes = 0;  // of memory, what is to be laid over it included
     unsigned looks = 0;     // at both since `newer` came
+    bool passes = false;    // everybody has looked at it in passing
+
+    void note_use(reading how) {
+      used = true;
+      if (how == reading::usual) passes = false;
+    }
   };
 
   // Open addressing with linear probing, at most half full: a look-up touches one place.
@@ -72,11 +89,20 @@ class segment_cache {
     std::size_t hand GUARDED_BY(lock) = 0;
     std::size_t bytes GUARDED_BY(lock) = 0;
     commit_version last_change GUARDED_BY(lock) = 0;  // of any segment of this shard
+    std::array<segment_number, most_passing> passing
+        GUARDED_BY(lock) = {};  // the last ones, around
+    std::size_t next_passing GUARDED_BY(lock) = 0;
+    std::array<segment_number, remembered> passed GUARDED_BY(lock) = {};
 
     std::size_t home(segment_number number) const REQUIRES(lock);
     place& place_of(segment_number number) REQUIRES(lock);  // where it is, or may be put
     // Keeps nothing when there is no memory for it.
     void insert(std::shared_ptr<const segment> content, std::size_t limit) noexcept REQUIRES(lock);
+    // Of one that has just been put in. Returns what is to be dropped after the mutex.
+    place let_pass(segment_number number) REQUIRES(lock);
+    bool came_by(segment_number number) REQUIRES(lock) {
+      return std::exchange(passed[number / shards % remembered], number) == number;
+    }
     place erase(std::size_t at) REQUIRES(lock);
     place erase(const place& known) REQUIRES(lock) {
       return erase(static_cast<std::size_t>(&known - places.data()));
