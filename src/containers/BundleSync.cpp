@@ -86,7 +86,8 @@ class Exporter {
     records_.forEachObject([&](const std::string& name, const SyncRecord& record) {
       if (!isWanted(record)) return;
       const TarnRef object = bundle_.getBundledChildWithName(name.c_str());
-      if (filter_ == nullptr || object.is_null() || filter_->shouldExport(object)) {
+      if (object.is_null()) return;  // deleted by path since the scan: the next export has it
+      if (filter_ == nullptr || filter_->shouldExport(object)) {
         names.push_back(name);
       } else {
         file_.isPartial = true;
@@ -95,14 +96,11 @@ class Exporter {
     return names;
   }
 
-  // Without what has been deleted by path since the scan, which is a deletion now.
   void addObjects(const std::vector<std::string>& names) {
     for (const std::string& name : names) {
-      TarnRef object = bundle_.getBundledChildWithName(name.c_str());
-      if (object.is_null()) continue;
       file_.changes.push_back({.name = name,
                                .version = records_.find(name)->version,
-                               .object = std::move(object),
+                               .object = bundle_.getBundledChildWithName(name.c_str()),
                                .text = {}});
     }
   }

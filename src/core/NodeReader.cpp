@@ -23,8 +23,9 @@ namespace {
 
 constexpr std::size_t kNoLevel = std::numeric_limits<std::size_t>::max();  // no line is as deep
 // A part ends where only few nodes have to be put at nodes that are stored, or when it has as many
-// nodes as several.
-constexpr std::size_t kLongestPart = 2;
+// nodes as several. Within the lines of a node it ends late: for each further line the node is read
+// in a transaction of its own then.
+constexpr std::size_t kLongestPart = 2, kLongestWithinLines = 8;
 constexpr std::int64_t kPartBytes = std::int64_t{32} << 20;  // of few, but large nodes
 constexpr std::size_t kHomesTogether = 1000;                 // in a transaction
 
@@ -54,8 +55,10 @@ class NodeReader::ComingNodes : public NodePlaces::Coming {
     auto& at = reader.numComing_;
     for (; at < reader.additions_.size(); ++at) {
       const PartStore::Addition& addition = reader.additions_[at];
-      const char kind = addition.kind == PartStore::Addition::kMember ? kMember : kChild;
-      reader.coming_[KeyOf(addition.holder, kind, addition.name)].push_back(addition.node);
+      const bool isMember = addition.kind == PartStore::Addition::kMember;
+      const TarnRef& from = isMember ? addition.reader : addition.holder;
+      reader.coming_[KeyOf(from, isMember ? kMember : kChild, addition.name)].push_back(
+          addition.node);
     }
   }
   TarnRef child(const TarnRef& holder, std::string_view name, unsigned long number) override {
@@ -205,12 +208,12 @@ void NodeReader::close() {
 // --- In parts -----------------------------------------------------------------------------------
 
 // Before a node is made.
-void NodeReader::endPartIfFull() {
+void NodeReader::endPartIfFull(std::size_t longest) {
   if (store_ == nullptr) return;
   const std::int64_t bytes = goods::new_object_bytes::count() - madeBefore_;
   const std::size_t parts = std::max(
       made_ / partSize_, static_cast<std::size_t>(std::max<std::int64_t>(bytes / kPartBytes, 0)));
-  if (parts >= kLongestPart || (parts > 0 && isStored())) endPart();
+  if (parts >= longest || (parts > 0 && isStored())) endPart();
   ++made_;
 }
 
@@ -358,15 +361,15 @@ void NodeReader::beginMember() {
   if (type.empty()) in_.fail("the node of the member \"" + pending.name + "\" is missing");
   in_.readLine();
   in_.setLevel(pending.level + 2);
-  endPartIfFull();
+  endPartIfFull(kLongestWithinLines);
   bool isHome = false;
   const bool isElsewhere = isReference();
   TarnRef node = isElsewhere ? readReference(isHome) : TarnObject::CreateOfType(type.c_str());
   if (node.is_null()) refuseClass(type);
   if (isStored()) {
     if (pending.field->isForNodes()) VerifyRefClass(node, *pending.field->getReferencedClass());
-    additions_.push_back(
-        {PartStore::Addition::kMember, pending.holder, node, pending.name, pending.field, line});
+    additions_.push_back({PartStore::Addition::kMember, pending.holder, node, pending.name,
+                          pending.field, line, open_.back().node});
   } else {
     pending.field->copyTo(node, &*modify(pending.holder), pending.name.c_str());
     if (isElsewhere) ways_.links.push_back({pending.holder, pending.field, pending.name});
@@ -389,7 +392,7 @@ void NodeReader::readChild(const Open& list) {
     close();
     return;
   }
-  endPartIfFull();
+  endPartIfFull(kLongestPart);
   in_.setLevel(level);
   const std::string type = in_.getCommand();
   if (type.empty()) in_.fail("the } that ends the children is missing");
@@ -415,7 +418,7 @@ void NodeReader::readChild(const Open& list) {
   verifyName(parent, name);
   if (isStored()) {
     additions_.push_back(
-        {PartStore::Addition::kChild, parent, child, name, nullptr, in_.getLineNumber()});
+        {PartStore::Addition::kChild, parent, child, name, nullptr, in_.getLineNumber(), {}});
   } else {
     modify(parent->getChildren())->insert(name, child);
   }
@@ -447,8 +450,13 @@ void NodeReader::readListed(const TarnRef& parent, const std::string& name) {
   verifyName(parent, name);
   if (isStored()) {
     using Addition = PartStore::Addition;
-    additions_.push_back({isHome ? Addition::kHome : Addition::kListed, parent, node, name, nullptr,
-                          in_.getLineNumber()});
+    additions_.push_back({isHome ? Addition::kHome : Addition::kListed,
+                          parent,
+                          node,
+                          name,
+                          nullptr,
+                          in_.getLineNumber(),
+                          {}});
     return;
   }
   const xcptref<TarnObjects> index = parent->getChildren();

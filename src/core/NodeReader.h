@@ -118,7 +118,7 @@ class NodeReader : public PInOut::Nesting {
   void readListed(const TarnRef& parent, const std::string& name);
   bool isStored() const { return stored_ != 0 && stored_ == open_.size(); }
   void close();
-  void endPartIfFull();
+  void endPartIfFull(std::size_t longest);
   void endPart();
   void waitForParts();
   void storeRest();

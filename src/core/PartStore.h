@@ -45,6 +45,9 @@ class PartStore {
     std::string name;                  // of the child, or of the member or its element
     const TarnFieldDescriptor* field;  // of a member
     std::uint64_t line;                // that errors name
+    // Of a member: the node whose lines named it, and at which its place begins. That is not the
+    // holder where a class has another object read lines.
+    TarnRef reader;
   };
   // An entry that is to become its node's place in the tree.
   struct Home {

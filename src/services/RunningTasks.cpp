@@ -14,7 +14,7 @@ namespace {
 struct Use {
   unsigned running = 0;  // also about to find that another one runs it
   unsigned watched = 0;
-  std::uint64_t begun = 0;
+  std::uint64_t begun = 0, ended = 0;
 };
 
 struct Registry {
@@ -32,6 +32,8 @@ Registry& Tasks() {
   return *registry;
 }
 
+thread_local const RunningTasks::Key* runsHere = nullptr;
+
 }  // namespace
 
 RunningTasks::Key RunningTasks::KeyOf(const TarnManager& manager, const xcptref<TarnTask>& task) {
@@ -43,13 +45,16 @@ RunningTasks::Scope::Scope(const Key& key) : key_(key) {
   Registry& registry = Tasks();
   const std::lock_guard guard(registry.lock);
   ++registry.tasks[key].running;
+  runsHere = &key_;
 }
 
 RunningTasks::Scope::~Scope() {
   Registry& registry = Tasks();
   const std::lock_guard guard(registry.lock);
+  runsHere = nullptr;
   const auto task = registry.tasks.find(key_);
-  if (--task->second.running > 0) return;
+  --task->second.running;
+  ++task->second.ended;
   registry.ended.notify_all();
   registry.forgetUnused(task);
 }
@@ -65,8 +70,10 @@ RunningTasks::Watch::Watch(const Key& key) : key_(key) {
   std::unique_lock guard(registry.lock);
   Use& use = registry.tasks[key];
   ++use.watched;
-  registry.ended.wait(guard, [&] { return use.running == 0; });
   begun_ = use.begun;
+  if (runsHere != nullptr && *runsHere == key) return;
+  const std::uint64_t ended = use.ended;
+  registry.ended.wait(guard, [&] { return use.running == 0 || use.ended != ended; });
 }
 
 RunningTasks::Watch::~Watch() {

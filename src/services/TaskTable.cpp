@@ -97,9 +97,15 @@ xcptref<TarnTask> TaskTable::find(const char* list, std::string_view name,
   return task->getNumber() == number ? task : xcptref<TarnTask>();
 }
 
-// Those that are missing are made when they are needed.
+// Those that are missing are made when they are needed, which writes to the node above them.
 void TaskTable::lock(std::initializer_list<const char*> lists) const {
   XStringList paths;
+  bool isMissing = false;
+  (void)manager_.getRoot();  // made where there is none: not while nothing may be written
+  manager_.db().session().outside_transaction([&] {
+    for (const char* list : lists) isMissing |= manager_.getObject(pathOf(list)).is_null();
+  });
+  if (isMissing && !path_.empty()) paths.addLast(path_.c_str());
   for (const char* list : lists) paths.addLast(pathOf(list).c_str());
   TarnTransaction::Lock(manager_, paths);
 }

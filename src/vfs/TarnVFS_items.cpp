@@ -85,6 +85,7 @@ bool TarnVFS::deleteItemsIn(TarnPathText folderPath) {
     const TarnRef items = folder->getItemsNode();
     if (items.is_null()) return true;
     if (MayListSharedItems(root)) UncountPlacesIn(items);
+    modify(folder)->touch();  // for whoever watches it
     modify(items)->deleteChildren();
     return true;
   });

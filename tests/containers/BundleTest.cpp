@@ -13,6 +13,7 @@
 
 #include "containers/Drawer.h"
 #include "support/node_test.h"
+#include "support/session_fixture.h"
 #include "support/throws_tarn.h"
 
 namespace tarns {
@@ -568,6 +569,40 @@ TEST(StoredBundleTest, FindsTheBlockOfAnObjectAgainAfterReopening) {
     ADD_FAILURE() << finding.path << " (" << finding.id << "): " << finding.text;
   };
   EXPECT_GT(stored.database().check(options).objects, 4000U);
+}
+
+// Places in it begin at the block, though its slots are an object of their own.
+class BundleInPartsTest : public session_test {};
+
+TEST_F(BundleInPartsTest, ABlockThatIsReadInPartsIsTheSame) {
+  const auto block = TarnBundleBlock::Create();
+  modify(block)->initialize("TarnObject");
+  for (const unsigned short slot : {996, 997, 998}) {
+    for (const char* name : {"a", "b"})
+      modify(block->getAt(slot))->addChild(name, TarnObject::Create());
+  }
+  // Listed before and behind where it stands.
+  const TarnRef shared = block->getAt(997)->getChildWithName("b");
+  for (const unsigned short slot : {996, 998})
+    modify(block->getAt(slot)->getChildren())->link("c", shared);
+  manager().set("block", TarnRef(block));
+  std::string text;
+  PInOut out;
+  out.writeTo(text);
+  manager().exportTo("block", out);
+  ASSERT_TRUE(out.close());
+  for (const std::size_t size : {121, 123}) {  // parts end within the block
+    std::stringstream stream(text);
+    PInOut in;
+    in.readFrom(stream);
+    manager().importTo("copy", in, nullptr, size);
+    std::string again;
+    PInOut copy;
+    copy.writeTo(again);
+    manager().exportTo("copy", copy);
+    ASSERT_TRUE(copy.close());
+    EXPECT_EQ(again.substr(again.find('\n')), text.substr(text.find('\n'))) << size;
+  }
 }
 
 }  // namespace

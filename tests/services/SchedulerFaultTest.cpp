@@ -182,7 +182,9 @@ TEST_F(SchedulerFaultTest, SuspendedTasksThatSomebodyHasDeletedAreForgotten) {
   const auto numLeft = [&] { return manager().getNumChildren("scheduler~Suspended"); };
   {
     TaskScheduler scheduler(config().c_str(), options);
-    manager().deleteBranch(suspend(scheduler));
+    const std::string task = suspend(scheduler);
+    scheduler.stop();
+    manager().deleteBranch(task);
     EXPECT_EQ(numLeft(), 1u);
   }
   manager().set("scheduler~Suspended~somebody's", 1);

@@ -69,7 +69,8 @@ class TARNS_API TarnTasks {
   // Takes the task away; false when there is none (any more). Waits while it is running, however
   // long that is: a task that runs once has then ended, a periodic one goes. Within a transaction
   // of the caller's, where the run might wait for the caller, it is a lock like any other, and
-  // throws 101 after the session's lock time-out. A run may cancel its own task.
+  // throws 101 after the session's lock time-out. A run may cancel its own task; a thread that the
+  // run waits for may not: both would wait for ever.
   bool cancel(std::uint64_t number);
   // Schedules a suspended task again, with no errors; false when there is no such task.
   bool resume(std::uint64_t number, Time due = Now());
