@@ -89,7 +89,7 @@ xcptref<TarnObject> TarnManager::importTo(TarnPathText path, PInOut& in, XString
   PartStore store(session, goods::storage_of(near.id()));
   NodeReader reader(in);
   if (!session.in_transaction()) reader.storeTo(store, nodesAtATime);
-  const TarnRef branch = reader.readAll(name);
+  TarnRef branch = reader.readAll(name);
   if (!branch.is_null()) set(path, branch);
   return branch;
 }
