@@ -15,7 +15,7 @@
 #include <vector>
 
 #include "examples/Machine.h"
-#include "session/numbered_branch.h"
+#include "session/NumberedBranch.h"
 #include "support/branch_picture.h"
 #include "support/captured_log.h"
 #include "support/faulty_vfs.h"
@@ -210,10 +210,10 @@ TEST_F(ImportInPartsTest, ChangesNothingWhenALineIsWrong) {
 }
 
 TEST_F(ImportInPartsTest, ChangesNothingWhenTheSourceFails) {
-  const numbered_branch branch(100);
+  const NumberedBranch branch(100);
   branch.import(manager(), 1);
   const std::uint64_t objects = collect();
-  const std::string text = Export(manager().getObject(numbered_branch::kPath));
+  const std::string text = Export(manager().getObject(NumberedBranch::kPath));
   for (std::size_t end = 0; end < text.size(); end += text.size() / 5) {
     PInOut in;
     EXPECT_THROW(
@@ -280,20 +280,20 @@ TEST_F(ImportInPartsTest, IsOneCommitForASmallTextAndPartOfAnOpenTransaction) {
 }
 
 TEST_F(ImportInPartsTest, PutsTheBranchInThePlaceOfAnother) {
-  const numbered_branch branch(50);
+  const NumberedBranch branch(50);
   branch.import(manager(), 1);
   branch.import(manager(), 2);
   EXPECT_EQ(branch.numberOf(manager()), 2);
-  const TarnRef there = manager().getObject(numbered_branch::kPath);
+  const TarnRef there = manager().getObject(NumberedBranch::kPath);
   EXPECT_EQ(there->getParent(), manager().getObject("imported"));
   EXPECT_EQ(there->getName(), "branch");
 }
 
 // A collection comes at every point of the import, and at each one the import may be given up.
 TEST_F(ImportInPartsTest, KeepsWhatIsStoredFromBeingCollected) {
-  const numbered_branch branch(60);
+  const NumberedBranch branch(60);
   branch.import(manager(), 1);
-  const TarnRef original = manager().getObject(numbered_branch::kPath);
+  const TarnRef original = manager().getObject(NumberedBranch::kPath);
   const std::string text = Export(original);
   const branch_picture expected(original);
   int collections = 0;
@@ -311,7 +311,7 @@ TEST_F(ImportInPartsTest, KeepsWhatIsStoredFromBeingCollected) {
 
 TEST_F(ImportInPartsTest, GoesOnBesideCollectionsAndOtherImports) {
   constexpr int kImports = 15;
-  const numbered_branch branch(120);
+  const NumberedBranch branch(120);
   std::atomic<int> running = 2;
   const auto import = [&] {
     const TarnAttachment attachment(manager());
@@ -342,7 +342,7 @@ TEST_F(ImportOnDiskTest, ChangesNothingWhenTheDiskFails) {
   const scratch_directory directory;
   const std::string configuration = directory.file("tarns.conf");
   std::ofstream(configuration) << "1\n0: file:./data?log=64K\n";
-  const numbered_branch branch(60);
+  const NumberedBranch branch(60);
   TarnManager::Initialize();
   const auto inSession = [&](const auto& work) {
     TarnManager manager;
@@ -382,7 +382,7 @@ TEST_F(ImportKillTest, ABranchIsWholeAndACollectionRemovesWhatIsLeftOfTheNextOne
   const unsigned seed = std::random_device()();
   SCOPED_TRACE(testing::Message() << "seed " << seed);
   std::minstd_rand random(seed);
-  const numbered_branch branch(kGroups);
+  const NumberedBranch branch(kGroups);
   branch.import(manager(), 1);
   const std::uint64_t objects = collect();
   int number = 1;

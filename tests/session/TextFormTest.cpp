@@ -246,7 +246,7 @@ TEST_F(TextFormTest, WritesWhatTheNodesWriteOfThemselves) {
     for (int number = 0; number < kTrees; ++number) {
       manager().set("top~" + std::to_string(number), TarnRef(TarnObject::Create()));
       const TarnRef tree = manager().getObject("top~" + std::to_string(number));
-      random_tree(tree, static_cast<std::uint64_t>(number), random_tree::links::none);
+      const random_tree grown(tree, static_cast<std::uint64_t>(number), random_tree::links::none);
       modify(tree)->addChild("null", TarnStringValue::Create());
       modify(tree)->addChild("tagged", Tagged::Create());
     }

@@ -10,8 +10,9 @@
 #include <cstdio>
 #include <cstdlib>
 #include <exception>
+#include <string>
 
-#include "session/numbered_branch.h"
+#include "session/NumberedBranch.h"
 
 namespace {
 
@@ -30,7 +31,7 @@ int main(int argc, char** argv) try {
   TarnManager manager;
   manager.connect(argv[1], std::chrono::seconds(20));
   const TarnAttachment attachment(manager);
-  const numbered_branch branch(std::atoi(argv[2]));
+  const NumberedBranch branch(std::stoi(argv[2]));
   Acknowledge(0);  // it is open
   for (int number = branch.numberOf(manager) + 1;; ++number) {
     branch.import(manager, number);

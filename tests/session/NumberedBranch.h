@@ -8,12 +8,12 @@
 #include <string>
 
 // Groups of values, all of which say the branch's number.
-class numbered_branch {
+class NumberedBranch {
  public:
   static constexpr const char* kPath = "imported~branch";
   static constexpr std::size_t kNodesAtATime = 100;
 
-  explicit numbered_branch(int groups) : groups_(groups) {}
+  explicit NumberedBranch(int groups) : groups_(groups) {}
 
   void import(tarns::TarnManager& manager, int number) const {
     std::istringstream stream(text(number));
