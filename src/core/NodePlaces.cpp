@@ -76,6 +76,20 @@ bool NodePlaces::note(const TarnRef& node) {
   return isNew;
 }
 
+bool NodePlaces::noteAll(const NodePlaces& others) {
+  if (!others.transient_.empty()) return false;
+  for (const auto& [number, chunk] : others.stored_) {
+    const auto found = stored_.find(number);
+    if (found != stored_.end() && (*found->second & *chunk).any()) return false;
+  }
+  for (const auto& [number, chunk] : others.stored_) {
+    auto& mine = stored_[number];
+    if (mine == nullptr) mine = std::make_unique<std::bitset<kChunk>>();
+    *mine |= *chunk;
+  }
+  return true;
+}
+
 void NodePlaces::noteAway(const TarnRef& node, const TarnRef& holder, std::string step) {
   away_.emplace(KeyOf(node), Away{holder, std::move(step)});
 }

@@ -149,7 +149,7 @@ void NodeReader::readInto(const TarnRef& node) {
 void NodeReader::readLinesOf(const TarnRef& node) {
   in_.readLine();
   top_ = node;
-  open_.push_back({node, level_ + 1, false});
+  open_.push_back({node, level_ + 1, false, {}});
   work();
   in_.setLevel(level_);
 }
@@ -346,9 +346,12 @@ void NodeReader::beginChildren() {
   if (in_.getValue() != TextWord::kOpen) in_.fail("Children are followed by {");
   write([&] { TarnNodeAccess::MakeIndex(*modify(pending.holder), pending.pageN); });
   in_.readLine();
-  const bool isOfStored = isStored();
-  open_.push_back({pending.holder, pending.level + 1, true});
-  if (isOfStored) stored_ = open_.size();
+  if (isStored()) {
+    open_.push_back({pending.holder, pending.level + 1, true, {}});
+    stored_ = open_.size();
+  } else {
+    open_.push_back({pending.holder, pending.level + 1, true, pending.holder->getChildren()});
+  }
 }
 
 void NodeReader::beginMember() {
@@ -377,13 +380,12 @@ void NodeReader::beginMember() {
   if (node.is_null() || isElsewhere) {
     in_.skip(pending.level + 2);
   } else {
-    open_.push_back({std::move(node), pending.level + 2, false});
+    open_.push_back({std::move(node), pending.level + 2, false, {}});
   }
 }
 
 // A line of a list of children: the header of one, or the end.
 void NodeReader::readChild(const Open& list) {
-  const TarnRef parent = list.node;
   const std::size_t level = list.level;
   in_.setLevel(level - 1);
   if (in_.getLineLevel() == level - 1 && in_.isCmd(TextWord::kClose)) {
@@ -400,11 +402,11 @@ void NodeReader::readChild(const Open& list) {
   in_.readLine();
   in_.setLevel(level + 1);
   if (isReference()) {
-    readListed(parent, name);
+    readListed(list, name);
     in_.skip(level + 1);
     return;
   }
-  const TarnRef child = TarnObject::CreateOfType(type.c_str());
+  TarnRef child = TarnObject::CreateOfType(type.c_str());
   if (child.is_null()) {
     refuseClass(type);
     Log log(Log::Level::Warning);
@@ -415,14 +417,14 @@ void NodeReader::readChild(const Open& list) {
   }
   // A line "Name" has the last word.
   if (in_.isCmd(TextWord::kName) && !HasMemberCalledName(*child.read())) name = in_.getValue();
-  verifyName(parent, name);
+  verifyName(list.node, name);
   if (isStored()) {
     additions_.push_back(
-        {PartStore::Addition::kChild, parent, child, name, nullptr, in_.getLineNumber(), {}});
+        {PartStore::Addition::kChild, list.node, child, name, nullptr, in_.getLineNumber(), {}});
   } else {
-    modify(parent->getChildren())->insert(name, child);
+    modify(list.index)->insert(name, child);
   }
-  open_.push_back({child, level + 1, false});
+  open_.push_back({std::move(child), level + 1, false, {}});
 }
 
 void NodeReader::refuseMember(const TarnRef& node) const {
@@ -444,14 +446,14 @@ void NodeReader::warnWhereCut() const {
 }
 
 // A child that stands elsewhere in the file.
-void NodeReader::readListed(const TarnRef& parent, const std::string& name) {
+void NodeReader::readListed(const Open& list, const std::string& name) {
   bool isHome = false;
   const TarnRef node = readReference(isHome);
-  verifyName(parent, name);
+  verifyName(list.node, name);
   if (isStored()) {
     using Addition = PartStore::Addition;
     additions_.push_back({isHome ? Addition::kHome : Addition::kListed,
-                          parent,
+                          list.node,
                           node,
                           name,
                           nullptr,
@@ -459,9 +461,8 @@ void NodeReader::readListed(const TarnRef& parent, const std::string& name) {
                           {}});
     return;
   }
-  const xcptref<TarnObjects> index = parent->getChildren();
-  const auto entry = modify(index)->link(name, node);
-  ways_.listings.push_back({{node, index, entry}, isHome});
+  const auto entry = modify(list.index)->link(name, node);
+  ways_.listings.push_back({{node, list.index, entry}, isHome});
 }
 
 // The error names the parent.

@@ -87,6 +87,7 @@ class NodeReader : public PInOut::Nesting {
     TarnRef node;       // whose lines, or whose children, are read
     std::size_t level;  // of those lines
     bool isList;
+    xcptref<TarnObjects> index;  // of a list: where its nodes go, null when `node` is stored
   };
   // What leads to a node that stands elsewhere in the file: an entry, which may be to become its
   // place in the tree, or a member.
@@ -115,7 +116,7 @@ class NodeReader : public PInOut::Nesting {
   void beginMember();
   void readChild(const Open& list);
   void verifyName(const TarnRef& parent, const std::string& name);
-  void readListed(const TarnRef& parent, const std::string& name);
+  void readListed(const Open& list, const std::string& name);
   bool isStored() const { return stored_ != 0 && stored_ == open_.size(); }
   void close();
   void endPartIfFull(std::size_t longest);

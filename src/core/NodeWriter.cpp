@@ -44,8 +44,13 @@ class Hold {
   PInOut& out_;
 };
 
-// Whether the value is all that a node of its class writes.
-bool IsKnownValue(const TarnBranchWalk::Step& step) {
+constexpr std::size_t kLongestPiece = std::size_t{4} << 20;  // bytes of text
+
+bool IsPlainNode(const TarnBranchWalk::Step& step) { return step.cls == &TarnObject::self_class; }
+
+// Whether the walk has told all that the node writes.
+bool IsKnown(const TarnBranchWalk::Step& step) {
+  if (IsPlainNode(step)) return true;
   if (!step.hasValue || &TarnValueClassOf(step.value.getType()) != step.cls) return false;
   return !step.value.isString() || !step.value.getText().empty();  // which may be null
 }
@@ -98,6 +103,7 @@ void NodeWriter::begin(std::string_view name, const TarnRef& node, std::size_t l
   writeOwnLines(*block, name, node, level);
   block->hasEmptyIndex = form_ == Form::kWhole && !node->getChildren().is_null() &&
                          node->getNumAbstractChildren() == 0;
+  if (isShared(node, node->getNumAbstractChildren())) block->pieces = piecesOf(node, level);
   blocks_.push_back(std::move(block));
 }
 
@@ -173,10 +179,13 @@ std::string NodeWriter::placeNow() const {
 
 // The next node of the walk, or the end of the block.
 void NodeWriter::writeNext(Block& block) {
-  if (!block.walk) block.walk.emplace(block.top);
-  const TarnBranchWalk::Step* const step = block.walk->next();
-  if (step != nullptr) {
-    writeChild(block, *step);
+  if (!block.walk) {
+    if (block.pieces != nullptr) return writeNextPiece(block);
+    block.walk.emplace(block.top);
+  }
+  if (const TarnBranchWalk::Step* const step = block.walk->next()) return writeChild(block, *step);
+  if (block.pieces != nullptr) {
+    block.walk.reset();
     return;
   }
   moveTo(block, 0);
@@ -202,22 +211,86 @@ void NodeWriter::writeChild(Block& block, const TarnBranchWalk::Step& step) {
     places_->noteAway(step.node, step.lister, NodePlaces::ChildStep(here.name, here.number));
   }
   block.hasEmptyIndex = form_ == Form::kWhole && step.hasIndex && step.numChildren == 0;
-  if (!writeKnownLines(step, level)) writeOwnLines(block, step.name, step.node, level);
+  if (!IsKnown(step)) return writeOwnLines(block, step.name, step.node, level);
+  writeKnownLines(step, level);
+  if (arrival != Arrival::kFirst || !isShared(step.node, step.numChildren)) return;
+  block.walk->skipChildren();
+  shareChildren(step.node, level, here.check);
 }
 
 // The lines of the library's own plain nodes and values, of which the walk has told all there is.
-bool NodeWriter::writeKnownLines(const TarnBranchWalk::Step& step, std::size_t level) {
-  const bool isPlain = step.cls == &TarnObject::self_class;
-  if (!isPlain && !IsKnownValue(step)) return false;
+void NodeWriter::writeKnownLines(const TarnBranchWalk::Step& step, std::size_t level) {
   out_.setLevel(level);
   bool isWritten = out_.write(step.cls->name(), std::string_view(step.name));
   out_.setLevel(level + 1);
   if (form_ == Form::kMinLocking) {
     isWritten = isWritten && out_.write(TextWord::kName, std::string_view(step.name));
   }
-  verify(isWritten && (isPlain || WriteValue(out_, TextWord::kValue, step.value)));
-  return true;
+  verify(isWritten && (IsPlainNode(step) || WriteValue(out_, TextWord::kValue, step.value)));
 }
+
+// --- In pieces ----------------------------------------------------------------------------------
+
+bool NodeWriter::isShared(const TarnRef& parent, unsigned long numChildren) const {
+  return form_ == Form::kWhole && !visit_ && ListPieces::IsFor(parent, numChildren);
+}
+
+std::unique_ptr<ListPieces> NodeWriter::piecesOf(const TarnRef& parent, std::size_t level) {
+  return std::make_unique<ListPieces>(parent, [parent, level](ListPieces::Piece& piece) {
+    PInOut out;
+    out.writeTo(piece.text);
+    NodeWriter(out, Form::kWhole).writePiece(parent, level, piece);
+  });
+}
+
+// The children of a node that has been written, as a block of their own.
+void NodeWriter::shareChildren(const TarnRef& parent, std::size_t level, NodePlaces::Check check) {
+  auto block = std::make_unique<Block>();
+  block->top = parent;
+  block->level = level;
+  block->check = check;
+  block->pieces = piecesOf(parent, level);
+  blocks_.push_back(std::move(block));
+}
+
+void NodeWriter::writeNextPiece(Block& block) {
+  const std::unique_ptr<ListPieces::Piece> piece = block.pieces->next();
+  if (piece == nullptr) {
+    moveTo(block, 0);
+    blocks_.pop_back();
+    return;
+  }
+  if (!piece->nodes || !places_->noteAll(*piece->nodes)) {
+    block.walk.emplace(block.top, piece->range);
+    return;
+  }
+  if (piece->text.empty()) return;
+  moveTo(block, 1);
+  block.way.assign(1, {});
+  out_.pending() += piece->text;
+  const Hold handOn(out_);
+}
+
+// Leaves the piece to others at the first node that needs more than its own lines.
+void NodeWriter::writePiece(const TarnRef& parent, std::size_t level, ListPieces::Piece& piece) {
+  places_.emplace(parent, false);
+  Block block;
+  block.level = level;
+  block.depth = 1;
+  TarnBranchWalk walk(parent, piece.range);
+  while (const TarnBranchWalk::Step* const step = walk.next()) {
+    if (!IsKnown(*step) || !step->lister.is_null() || !places_->note(step->node)) return;
+    moveTo(block, step->depth);
+    block.hasEmptyIndex = step->hasIndex && step->numChildren == 0;
+    writeKnownLines(*step, level + 2 * step->depth);
+    if (piece.text.size() > kLongestPiece) return;
+  }
+  moveTo(block, 1);
+  if (out_.close()) piece.nodes.emplace(std::move(*places_));
+}
+
+// --- References, lists
+// ----------------------------------------------------------------------------
 
 // A block that only says where the node has been written. False when that cannot be told.
 bool NodeWriter::writeReference(std::string_view name, const TarnRef& node, std::size_t level,

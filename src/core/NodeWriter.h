@@ -13,6 +13,7 @@
 #include <utility>
 #include <vector>
 
+#include "core/ListPieces.h"
 #include "core/NodePlaces.h"
 
 namespace tarns {
@@ -20,7 +21,11 @@ namespace tarns {
 // One branch. While the lines of a node are written, blocks that belong in between are only noted,
 // with the place where they go (defer()); the lines behind such a place wait until the block has
 // been written.
-// Errors: 16 when writing fails; what the nodes' classes throw. Threads: one.
+//
+// Very many children are written in pieces by several threads (ListPieces), as far as there is
+// nothing in a piece but the library's own plain nodes and values, each below its parent and for
+// the first time; what is found to be otherwise is written here, in its turn. Errors: 16 when
+// writing fails; what the nodes' classes throw. Threads: one.
 class NodeWriter : public PInOut::Nesting {
  public:
   enum class Form { kWhole, kMinLocking };
@@ -60,7 +65,8 @@ class NodeWriter : public PInOut::Nesting {
       NodePlaces::Check check = 0;
     };
     std::vector<Step> way;
-    std::optional<TarnBranchWalk> walk;  // once the top's lines have been written
+    std::unique_ptr<ListPieces> pieces;  // of the top's children, when they are very many
+    std::optional<TarnBranchWalk> walk;  // once the top's lines have been written; of a piece
     std::size_t depth = 0;               // of the node whose lines were written last
     bool hasEmptyIndex = false;          // of that node
     // Lines of that node that wait, and the blocks among them from `next` on.
@@ -83,9 +89,14 @@ class NodeWriter : public PInOut::Nesting {
   void noteStep(Block& block, const TarnBranchWalk::Step& step);
   void writeDeferred(Block& block);
   void writeNext(Block& block);
+  bool isShared(const TarnRef& parent, unsigned long numChildren) const;
+  static std::unique_ptr<ListPieces> piecesOf(const TarnRef& parent, std::size_t level);
+  void shareChildren(const TarnRef& parent, std::size_t level, NodePlaces::Check check);
+  void writeNextPiece(Block& block);
+  void writePiece(const TarnRef& parent, std::size_t level, ListPieces::Piece& piece);
   void writeChild(Block& block, const TarnBranchWalk::Step& step);
   void writeOwnLines(Block& block, std::string_view name, const TarnRef& node, std::size_t level);
-  bool writeKnownLines(const TarnBranchWalk::Step& step, std::size_t level);
+  void writeKnownLines(const TarnBranchWalk::Step& step, std::size_t level);
   bool writeReference(std::string_view name, const TarnRef& node, std::size_t level, bool isHome);
   void moveTo(Block& block, std::size_t depth);
   void endIndex(Block& block);

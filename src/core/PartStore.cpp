@@ -3,9 +3,11 @@
 #include <goods/cache_manager.h>
 #include <tarns/schema/TarnFieldDescriptor.h>
 
+#include <system_error>
 #include <utility>
 
 #include "core/node_access.h"
+#include "goods/attached_scope.h"
 #include "goods/thread_attachment.h"
 #include "goods/transaction.h"
 
@@ -49,28 +51,51 @@ PartStore::PartStore(goods::cache_manager& session, goods::storage_number storag
 PartStore::~PartStore() = default;
 
 void PartStore::store(Part part) {
+  waitForThread();
+  part_ = std::move(part);
+  try {
+    onTheWay_ = std::async(std::launch::async, [this] {
+      const goods::attached_scope attached(session_);
+      storeNow();
+    });
+  } catch (const std::system_error&) {  // the system has no thread to spare
+    storeNow();
+  }
+}
+
+void PartStore::storeNow() {
   OneTransaction transaction(session_);
-  apply(part);
+  apply();
   // What nobody else refers to need not stay in memory once it is stored.
-  part = {};
+  part_ = {};
   lastHolder_ = nullptr;
   lastIndex_ = nullptr;
   transaction.commit();
 }
 
-std::vector<PartStore::Home> PartStore::wait() { return std::exchange(homes_, {}); }
+void PartStore::waitForThread() {
+  if (onTheWay_.valid()) onTheWay_.get();
+}
 
-void PartStore::finish() noexcept {}
+std::vector<PartStore::Home> PartStore::wait() {
+  waitForThread();
+  return std::exchange(homes_, {});
+}
+
+void PartStore::finish() noexcept {
+  if (onTheWay_.valid()) onTheWay_.wait();
+}
 
 void PartStore::change(const std::function<void()>& work) {
+  waitForThread();
   OneTransaction transaction(session_);
   work();
   transaction.commit();
 }
 
-void PartStore::apply(Part& part) {
-  if (!part.top.is_null()) goods::transaction::running().store(part.top, storage_);
-  for (const Addition& addition : part.additions) {
+void PartStore::apply() {
+  if (!part_.top.is_null()) goods::transaction::running().store(part_.top, storage_);
+  for (const Addition& addition : part_.additions) {
     try {
       add(addition);
     } catch (const TarnException& error) {

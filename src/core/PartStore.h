@@ -8,6 +8,7 @@
 
 #include <cstdint>
 #include <functional>
+#include <future>
 #include <string>
 #include <vector>
 
@@ -32,8 +33,10 @@ class LocatedException : public TarnException {
 // branch from being collected is the caller's reference to its top; once that has gone, or after a
 // crash, the next collection removes all of it.
 //
-// Threads: one, on which no transaction is open. Errors: those of storing, LocatedException where
-// an addition is the cause; what was stored before stays. After one it takes no more.
+// A part is stored by a thread of its own while the caller makes the next one.
+// Threads: the caller's is one, on which no transaction is open. Errors: those of storing,
+// LocatedException where an addition is the cause; what was stored before stays. They are thrown by
+// the call that comes next, or by wait(); after one it takes no more.
 class PartStore {
  public:
   // Puts a new node at a node that has been stored.
@@ -65,26 +68,33 @@ class PartStore {
   PartStore& operator=(const PartStore&) = delete;
   ~PartStore();
 
-  // Stores the additions in their order, with all new nodes that they lead to. Until wait() has
-  // returned, nothing of them, and nothing that was stored before, may be looked at.
+  // Stores the additions in their order, with all new nodes that they lead to, once the part before
+  // is stored. Until wait() has returned, nothing of them, and nothing that was stored before, may
+  // be looked at; the caller's references to them may go.
   void store(Part part);
   // Returns when everything is stored; with the entries of the kind kHome that have come since.
   std::vector<Home> wait();
   // The same, whatever comes of it.
   void finish() noexcept;
-  // Waits, and then runs `work` in a transaction of its own.
+  // Runs `work` in a transaction of its own, on this thread, when everything is stored.
   void change(const std::function<void()>& work);
 
  private:
-  void apply(Part& part);
+  void storeNow();
+  void waitForThread();
+  void apply();
   void add(const Addition& addition);
   const xcptref<TarnObjects>& indexOf(const TarnRef& holder);
 
   goods::cache_manager& session_;
   const goods::storage_number storage_;
+  // Of the thread that stores, and of the caller's once that has ended.
+  Part part_;
   std::vector<Home> homes_;
   TarnRef lastHolder_;  // of an addition, and its index
   xcptref<TarnObjects> lastIndex_;
+
+  std::future<void> onTheWay_;  // last: its end waits for the thread that uses all of the above
 };
 
 }  // namespace tarns

@@ -23,8 +23,10 @@ constexpr std::size_t kLargestBatch = 128;
 
 class TarnBranchWalk::Stack {
  public:
-  explicit Stack(const xcptref<TarnObject>& from) : from_(from) {
-    levels_.push({from, WalkKeyOf(from.word()), from->getChildren(), std::nullopt, kFirstBatch});
+  Stack(const xcptref<TarnObject>& from, Range range) : from_(from), range_(std::move(range)) {
+    std::optional<goods::index_position> first;
+    if (!range_.from.empty()) first.emplace(range_.from, nullptr);
+    levels_.push({from, WalkKeyOf(from.word()), from->getChildren(), first, kFirstBatch});
   }
 
   const Step* next() {
@@ -60,7 +62,7 @@ class TarnBranchWalk::Stack {
     std::size_t limit = limit_, kept = 0;
     std::vector<WalkLevel> entered;
     const std::size_t count = goods::read_here([&](goods::reader& reader) {
-      BranchBatch batch(reader, levels_, steps_, limit);
+      BranchBatch batch(reader, levels_, range_.to, steps_, limit);
       limit = std::max(limit / 2, kFirstBatch);  // should a commit come in between
       const std::size_t found = batch.read();
       entered = batch.takeLevels();
@@ -75,6 +77,7 @@ class TarnBranchWalk::Stack {
   }
 
   xcptref<TarnObject> from_;
+  const Range range_;
   WalkLevels levels_;
   std::vector<Step> steps_;  // as many as a batch ever had; the first count_ are of this one
   std::size_t at_ = 0, count_ = 0;
@@ -84,8 +87,9 @@ class TarnBranchWalk::Stack {
   std::size_t deepest_ = kAnyDepth;  // deeper steps are passed over
 };
 
-TarnBranchWalk::TarnBranchWalk(const xcptref<TarnObject>& from)
-    : stack_(std::make_unique<Stack>(from)) {}
+TarnBranchWalk::TarnBranchWalk(const xcptref<TarnObject>& from) : TarnBranchWalk(from, Range{}) {}
+TarnBranchWalk::TarnBranchWalk(const xcptref<TarnObject>& from, Range range)
+    : stack_(std::make_unique<Stack>(from, std::move(range))) {}
 TarnBranchWalk::TarnBranchWalk(TarnBranchWalk&& other) noexcept = default;
 TarnBranchWalk& TarnBranchWalk::operator=(TarnBranchWalk&& other) noexcept = default;
 TarnBranchWalk::~TarnBranchWalk() = default;

@@ -49,10 +49,11 @@ void WalkLevels::cut(std::size_t count) {
   }
 }
 
-BranchBatch::BranchBatch(goods::reader& in, const WalkLevels& levels, std::vector<Step>& steps,
-                         std::size_t limit)
+BranchBatch::BranchBatch(goods::reader& in, const WalkLevels& levels, std::string_view to,
+                         std::vector<Step>& steps, std::size_t limit)
     : in_(in),
       levels_(levels),
+      to_(to),
       steps_(steps),
       limit_(limit),
       most_(limit + limit / 4),
@@ -84,7 +85,9 @@ void BranchBatch::enter(goods::ref_word node, goods::ref_word index, const TarnO
   Frame& frame = *frames_[numFrames_++];
   frame.node = node;
   frame.index = index;
-  frame.place.emplace(in_, entries).seek_index(0);
+  frame.place.emplace(in_, entries);
+  if (kept_ + numFrames_ == 1) frame.place->end_at(to_);
+  frame.place->seek_index(0);
   frame.trail.clear();
   frame.lookahead = kFirstLookahead;
   frame.expected = 0;

@@ -10,6 +10,7 @@
 #include <memory>
 #include <optional>
 #include <string>
+#include <string_view>
 #include <unordered_map>
 #include <vector>
 
@@ -57,9 +58,10 @@ class BranchBatch {
  public:
   using Step = TarnBranchWalk::Step;
 
+  // `to`: the walk ends at the children of the lowest level whose names are not less, unless empty.
   // `steps` are filled from the beginning: about `limit` of them, at most a quarter more.
-  BranchBatch(goods::reader& in, const WalkLevels& levels, std::vector<Step>& steps,
-              std::size_t limit);
+  BranchBatch(goods::reader& in, const WalkLevels& levels, std::string_view to,
+              std::vector<Step>& steps, std::size_t limit);
 
   // Returns how many there were; 0 at the end.
   std::size_t read();
@@ -90,6 +92,7 @@ class BranchBatch {
 
   goods::reader& in_;
   const WalkLevels& levels_;
+  const std::string_view to_;
   std::vector<Step>& steps_;
   const std::size_t limit_, most_;
   std::size_t count_ = 0;

@@ -83,6 +83,7 @@ void B_tree_walk::seek_end() {
   start();
   while (!is_on_leaf()) enter(leaf().page->size() - 1);
   places_[depth_].at = leaf().page->size();
+  arrive();
 }
 
 bool B_tree_walk::seek(const index_position& position) {
@@ -132,18 +133,23 @@ bool B_tree_walk::seek_first(std::string_view name, const std::vector<ref<set_me
 }
 
 void B_tree_walk::next() {
-  ++places_[depth_].at;
-  settle();
+  if (++places_[depth_].at >= leaf().page->size()) settle();
 }
 
 void B_tree_walk::settle() {
-  if (!at_end()) return;
+  if (leaf().at < leaf().page->size()) return arrive();
   std::size_t up = depth_;
   while (up > 0 && places_[up - 1].at + 1 == places_[up - 1].page->size()) --up;
-  if (up == 0) return;  // behind the very last entry
+  if (up == 0) return arrive();  // behind the very last entry
   depth_ = up - 1;
   enter(places_[depth_].at + 1);
   while (!is_on_leaf()) enter(0);
+  arrive();
+}
+
+void B_tree_walk::arrive() {
+  const index_page& page = *leaf().page;
+  leaf_end_ = limit_.empty() ? page.size() : page.lower_bound(limit_);
 }
 
 bool B_tree_walk::previous() {
@@ -158,6 +164,7 @@ bool B_tree_walk::previous() {
   enter(places_[depth_].at - 1);
   while (!is_on_leaf()) enter(leaf().page->size() - 1);
   places_[depth_].at = leaf().page->size() - 1;
+  arrive();
   return true;
 }
 

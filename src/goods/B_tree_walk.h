@@ -1,6 +1,7 @@
 // A place in an index, to look around from.
 #pragma once
 
+#include <algorithm>
 #include <array>
 #include <cstddef>
 #include <cstdint>
@@ -29,15 +30,19 @@ class B_tree_walk {
   void seek_behind(const index_position& position);
   void seek_before(const index_position& position);
 
-  bool at_end() const { return leaf().at >= leaf().page->size(); }
+  // From now on the place of the first entry whose name is not less than `name` counts as the end.
+  // The name outlives the walk; empty: no such limit. To be called before a seek.
+  void end_at(std::string_view name) { limit_ = name; }
+
+  bool at_end() const { return leaf().at >= leaf_end_; }
   // The entry here, or one that is so many further on this page.
   index_entry entry(std::size_t ahead = 0) const {
     const place& here = leaf();
     const std::size_t at = here.at + ahead;
     return {here.page->name(at), here.page->member(at), here.page->target(at)};
   }
-  // The number of entries from here to the end of the page.
-  std::size_t left_on_page() const { return leaf().page->size() - leaf().at; }
+  // The number of entries from here to the end of the page, or of the walk.
+  std::size_t left_on_page() const { return leaf_end_ - std::min(leaf().at, leaf_end_); }
   void next();      // requires !at_end()
   bool previous();  // false, and nothing changed, at the first entry
 
@@ -59,9 +64,12 @@ class B_tree_walk {
   bool is_on_leaf() const { return places_[depth_].page->is_leaf(); }
   void enter(std::size_t at);  // goes down into a page of this one
   void settle();               // from behind a leaf's last entry to the next leaf's first
+  void arrive();               // on a leaf: finds out where it ends
 
   reader& in_;
   const index_page& root_;
+  std::string_view limit_;    // see end_at()
+  std::size_t leaf_end_ = 0;  // in the leaf
   std::size_t depth_ = 0;
   std::array<place, index_page::max_level + 1> places_;
 };

@@ -126,6 +126,40 @@ TEST_P(TarnBranchWalkTest, PassesOverWhatItIsToldTo) {
   }
 }
 
+// Ranges that follow each other are together what the whole walk is.
+TEST_P(TarnBranchWalkTest, GoesThroughRanges) {
+  atomically([&] {
+    for (int i = 0; i < 2'000; ++i) {
+      modify(root())->setValue((std::to_string(i) + "~2~1").c_str(), i);
+      if (i % 9 == 0) modify(root())->addChild("500", TarnValue::CreateValue(i));
+    }
+  });
+  reload();
+  const auto add = [](TarnBranchWalk walk, Lines& paths) {
+    while (walk.next() != nullptr) paths.push_back(walk.path());
+  };
+  Lines all;
+  add(TarnBranchWalk(root()), all);
+  EXPECT_EQ(all.size(), 6'223U);
+  // Among names and beside them, before the first and behind the last.
+  const Lines cuts[] = {{"1"},     {"500"}, {"5000"},
+                        {"", "!"}, {"~"},   {"0", "1", "2", "20", "200", "2x"}};
+  for (const Lines& between : cuts) {
+    Lines paths;
+    std::string from;
+    for (const std::string& to : between) {
+      if (!to.empty()) add(TarnBranchWalk(root(), {from, to}), paths);
+      from = to;
+    }
+    add(TarnBranchWalk(root(), {from, ""}), paths);
+    EXPECT_EQ(paths, all) << testing::PrintToString(between);
+  }
+  Lines none;
+  add(TarnBranchWalk(root(), {"500", "500"}), none);
+  add(TarnBranchWalk(root(), {"7", "3"}), none);
+  EXPECT_EQ(none, Lines());
+}
+
 TEST_P(TarnBranchWalkTest, GoesOnWhereTheLoopChangesTheTree) {
   constexpr int kNodes = 150;
   const auto name = [](int i) { return std::to_string(2000 + i); };

@@ -18,6 +18,7 @@
 #include "session/NumberedBranch.h"
 #include "support/branch_picture.h"
 #include "support/captured_log.h"
+#include "support/damage.h"
 #include "support/faulty_vfs.h"
 #include "support/killed_process.h"
 #include "support/random_tree.h"
@@ -79,23 +80,6 @@ class ImportInPartsTest : public session_test {
       ASSERT_TRUE(made == expected) << expected.differences(made);
     }
   }
-  // Objects of the database once it has been collected.
-  std::uint64_t collect() {
-    EXPECT_TRUE(manager().startGarbageCollection());
-    goods::check_options options;
-    options.full = true;
-    return manager().check(options).objects;
-  }
-  std::string damage() {
-    std::string damage;
-    goods::check_options options;
-    options.full = true;
-    options.found = [&](const goods::check_finding& finding) {
-      damage += finding.path + " (" + std::to_string(finding.id) + "): " + finding.text + '\n';
-    };
-    manager().check(options);
-    return damage;
-  }
 };
 
 TEST_F(ImportInPartsTest, MakesWhatAnImportInOnePieceMakes) {
@@ -113,11 +97,11 @@ TEST_F(ImportInPartsTest, MakesWhatAnImportInOnePieceMakes) {
     manager().deleteBranch("original");
     expectSame(text);
   }
-  EXPECT_EQ(damage(), "");
+  EXPECT_EQ(damage_of(manager()), "");
   manager().deleteBranch("copy");
   manager().deleteBranch("expected");
   reopen();
-  EXPECT_EQ(collect(), 2U) << "the root and its list of children";
+  EXPECT_EQ(objects_after_collection(manager()), 2U) << "the root and its list of children";
 }
 
 TEST_F(ImportInPartsTest, ReadsWhatEditorsAndOtherProgramsWrite) {
@@ -181,7 +165,7 @@ TEST_F(ImportInPartsTest, ChangesNothingWhenALineIsWrong) {
     text += "      Children {\n        TarnSint32Value v\n          Value 1\n      }\n";
   }
   text += "  }\n";
-  const std::uint64_t objects = collect();
+  const std::uint64_t objects = objects_after_collection(manager());
   std::size_t begin = 0;
   for (int line = 1; begin != text.size(); ++line) {
     for (const std::string wrong : {"   x\n", "(1000) x\n", "  Speed x\n", ""}) {
@@ -205,7 +189,7 @@ TEST_F(ImportInPartsTest, ChangesNothingWhenALineIsWrong) {
     }
     begin = text.find('\n', begin) + 1;
   }
-  EXPECT_EQ(collect(), objects);
+  EXPECT_EQ(objects_after_collection(manager()), objects);
   EXPECT_THAT([&] { importTo("", text, 1); }, ThrowsTarn(0, HasSubstr("root")));
   EXPECT_THAT([&] { importTo("a~~b", text, 1); }, ThrowsTarn(0, HasSubstr("no child name")));
 }
@@ -213,7 +197,7 @@ TEST_F(ImportInPartsTest, ChangesNothingWhenALineIsWrong) {
 TEST_F(ImportInPartsTest, ChangesNothingWhenTheSourceFails) {
   const NumberedBranch branch(100);
   branch.import(manager(), 1);
-  const std::uint64_t objects = collect();
+  const std::uint64_t objects = objects_after_collection(manager());
   const std::string text = Export(manager().getObject(NumberedBranch::kPath));
   for (std::size_t end = 0; end < text.size(); end += text.size() / 5) {
     PInOut in;
@@ -227,7 +211,7 @@ TEST_F(ImportInPartsTest, ChangesNothingWhenTheSourceFails) {
         std::runtime_error);
     EXPECT_TRUE(manager().getObject("other").is_null());
   }
-  EXPECT_EQ(collect(), objects);
+  EXPECT_EQ(objects_after_collection(manager()), objects);
 }
 
 // In a session that may hold little the same text cannot be imported in one transaction.
@@ -307,7 +291,7 @@ TEST_F(ImportInPartsTest, KeepsWhatIsStoredFromBeingCollected) {
   EXPECT_GT(collections, 10);
   const branch_picture made(manager().getObject("copy"));
   EXPECT_TRUE(made == expected) << expected.differences(made);
-  EXPECT_EQ(damage(), "");
+  EXPECT_EQ(damage_of(manager()), "");
 }
 
 TEST_F(ImportInPartsTest, GoesOnBesideCollectionsAndOtherImports) {
@@ -329,9 +313,9 @@ TEST_F(ImportInPartsTest, GoesOnBesideCollectionsAndOtherImports) {
   second.join();
   collector.join();
   EXPECT_EQ(branch.numberOf(manager()), kImports);
-  EXPECT_EQ(damage(), "");
+  EXPECT_EQ(damage_of(manager()), "");
   manager().deleteBranch("imported");
-  EXPECT_EQ(collect(), 2U);
+  EXPECT_EQ(objects_after_collection(manager()), 2U);
 }
 
 class ImportOnDiskTest : public testing::Test {
@@ -385,7 +369,7 @@ TEST_F(ImportKillTest, ABranchIsWholeAndACollectionRemovesWhatIsLeftOfTheNextOne
   std::minstd_rand random(seed);
   const NumberedBranch branch(kGroups);
   branch.import(manager(), 1);
-  const std::uint64_t objects = collect();
+  const std::uint64_t objects = objects_after_collection(manager());
   int number = 1;
   for (int i = 0; i < kKills && !HasFailure(); ++i) {
     close();
@@ -398,9 +382,9 @@ TEST_F(ImportKillTest, ABranchIsWholeAndACollectionRemovesWhatIsLeftOfTheNextOne
     open();
     EXPECT_THAT(branch.numberOf(manager()), testing::AnyOf(number, number + 1));
     number = branch.numberOf(manager());
-    EXPECT_EQ(damage(), "");
+    EXPECT_EQ(damage_of(manager()), "");
     if (i % 3 == 0) {
-      EXPECT_EQ(collect(), objects);
+      EXPECT_EQ(objects_after_collection(manager()), objects);
     }
   }
 }

@@ -43,11 +43,19 @@ class TARNS_API TarnBranchWalk {
                                     // that its parent link is this very entry
     bool hasValue = false;
     TarnData value;         // empty where there is none
-    bool isLast = false;    // of its parent's children
+    bool isLast = false;    // of its parent's children, or of those in the range
     bool isCircle = false;  // it is one of the nodes above it
   };
 
+  // Children of the node where a walk begins: those whose names are not less than `from`, and less
+  // than `to` unless that is empty.
+  struct Range {
+    std::string from, to;
+  };
+
   explicit TarnBranchWalk(const xcptref<TarnObject>& from);
+  // Goes through these children only, and what is below them.
+  TarnBranchWalk(const xcptref<TarnObject>& from, Range range);
   TarnBranchWalk(TarnBranchWalk&& other) noexcept;
   TarnBranchWalk& operator=(TarnBranchWalk&& other) noexcept;
   ~TarnBranchWalk();
