@@ -8,6 +8,7 @@
 #include <random>
 
 #include "session/counted_numbers.h"
+#include "support/damage.h"
 #include "support/killed_process.h"
 #include "support/scratch_directory.h"
 #include "support/session_fixture.h"
@@ -91,14 +92,7 @@ class KillTest : public testing::TestWithParam<KillShard> {
   static std::string DamageOf(const std::string& path) {
     TarnManager manager;
     manager.connect(path.c_str());
-    std::string damage;
-    goods::check_options options;
-    options.full = true;
-    options.found = [&](const goods::check_finding& finding) {
-      damage += finding.path + " (" + std::to_string(finding.id) + "): " + finding.text + '\n';
-    };
-    manager.check(options);
-    return damage;
+    return damage_of(manager);
   }
 
   std::string faultOfDatabase() { return faultOf(configuration(), false); }

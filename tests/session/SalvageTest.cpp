@@ -13,6 +13,7 @@
 #include <random>
 #include <set>
 
+#include "support/damage.h"
 #include "support/rewritten_objects.h"
 #include "support/session_fixture.h"
 
@@ -88,12 +89,7 @@ class SalvageTest : public testing::Test {
     Values found;
     in("new", [&](TarnManager& manager) {
       result_ = Salvage(directory_.file("old/tarns.conf"), manager);
-      goods::check_options options;
-      options.full = true;
-      options.found = [](const goods::check_finding& finding) {
-        ADD_FAILURE() << finding.path << " (" << finding.id << "): " << finding.text;
-      };
-      manager.check(options);
+      EXPECT_EQ(damage_of(manager), "");
       found = PictureOf(manager);
     });
     return found;

@@ -5,24 +5,13 @@
 #include <tarns/core/TarnException.h>
 #include <tarns/session/TarnAttachment.h>
 #include <tarns/session/TarnManager.h>
-#include <unistd.h>
 
 #include <cstdio>
-#include <cstdlib>
 #include <exception>
 #include <string>
 
 #include "session/NumberedBranch.h"
-
-namespace {
-
-void Acknowledge(int number) {
-  char line[32];
-  const int length = std::snprintf(line, sizeof line, "%d\n", number);
-  if (::write(STDOUT_FILENO, line, static_cast<std::size_t>(length)) != length) std::_Exit(1);
-}
-
-}  // namespace
+#include "support/acknowledge.h"
 
 int main(int argc, char** argv) try {
   using namespace tarns;
@@ -32,10 +21,10 @@ int main(int argc, char** argv) try {
   manager.connect(argv[1], std::chrono::seconds(20));
   const TarnAttachment attachment(manager);
   const NumberedBranch branch(std::stoi(argv[2]));
-  Acknowledge(0);  // it is open
+  acknowledge("0");  // it is open
   for (int number = branch.numberOf(manager) + 1;; ++number) {
     branch.import(manager, number);
-    Acknowledge(number);
+    acknowledge(std::to_string(number));
   }
 } catch (const std::exception& error) {
   std::fprintf(stderr, "%s\n", error.what());

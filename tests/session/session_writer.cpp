@@ -9,7 +9,6 @@
 #include <tarns/core/TarnException.h>
 #include <tarns/session/TarnAttachment.h>
 #include <tarns/session/TarnManager.h>
-#include <unistd.h>
 
 #include <chrono>
 #include <cstdio>
@@ -21,23 +20,18 @@
 #include <vector>
 
 #include "session/counted_numbers.h"
+#include "support/acknowledge.h"
 
 namespace {
 
 using namespace tarns;
-
-void Acknowledge(int thread, int number) {
-  char line[32];
-  const int length = std::snprintf(line, sizeof line, "%d %d\n", thread, number);
-  if (::write(STDOUT_FILENO, line, static_cast<std::size_t>(length)) != length) std::_Exit(1);
-}
 
 void Count(TarnManager& manager, int thread, const std::string& mode) {
   const int last = LastNumber(manager, thread);
   // What a crash may have prevented.
   if (last > 0) PutTree(manager, thread, last);
   for (int number = last + 1;; ++number) {
-    if (mode == "early") Acknowledge(thread, number);
+    if (mode == "early") acknowledge(std::to_string(thread) + ' ' + std::to_string(number));
     if (mode == "torn") {
       PutNear(manager, thread, number);
       PutFar(manager, thread, number);
@@ -48,7 +42,7 @@ void Count(TarnManager& manager, int thread, const std::string& mode) {
       });
     }
     PutTree(manager, thread, number);
-    if (mode != "early") Acknowledge(thread, number);
+    if (mode != "early") acknowledge(std::to_string(thread) + ' ' + std::to_string(number));
   }
 }
 

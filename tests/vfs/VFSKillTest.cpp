@@ -4,6 +4,7 @@
 #include <random>
 #include <string>
 
+#include "support/damage.h"
 #include "support/killed_process.h"
 #include "vfs/numbered_content.h"
 #include "vfs/vfs_fixture.h"
@@ -23,27 +24,6 @@ class VFSKillTest : public vfs_test {
     return lines.empty() ? 0 : std::stoi(lines.back());
   }
 
-  // Objects of the database once it has been collected.
-  std::uint64_t collect() {
-    EXPECT_TRUE(manager().startGarbageCollection());
-    goods::check_options options;
-    options.full = true;  // the quick check counts none
-    const std::uint64_t objects = manager().check(options).objects;
-    EXPECT_GT(objects, 0U);
-    return objects;
-  }
-
-  std::string damage() {
-    std::string damage;
-    goods::check_options options;
-    options.full = true;
-    options.found = [&](const goods::check_finding& finding) {
-      damage += finding.path + " (" + std::to_string(finding.id) + "): " + finding.text + '\n';
-    };
-    manager().check(options);
-    return damage;
-  }
-
   void close() {
     unmount();
     session_test::close();
@@ -57,14 +37,14 @@ TEST_F(VFSKillTest, AnItemIsWholeAndNothingIsLeftOfTheNextOne) {
   std::minstd_rand random(seed);
   PutContent(vfs(), kNumberAtFirst);
   PutContent(vfs(), kNumberAtFirst);
-  const std::uint64_t objects = collect();
+  const std::uint64_t objects = objects_after_collection(manager());
   int number = kNumberAtFirst;
   for (int i = 0; i < kKills; ++i) {
     const int acknowledged =
         std::max(number, putAndKill(std::chrono::microseconds(random() % 100'000)));
     mount();
     EXPECT_THAT(NumberOfContent(vfs()), testing::AnyOf(acknowledged, acknowledged + 1));
-    EXPECT_EQ(damage(), "");
+    EXPECT_EQ(damage_of(manager()), "");
     if (i % 3 != 0) {  // else the next program finds what this one has left
       number = NumberOfContent(vfs());
       continue;
@@ -72,7 +52,7 @@ TEST_F(VFSKillTest, AnItemIsWholeAndNothingIsLeftOfTheNextOne) {
     number = kNumberAtFirst;
     PutContent(vfs(), number);
     EXPECT_EQ(NumberOfContent(vfs()), number);
-    EXPECT_EQ(collect(), objects);
+    EXPECT_EQ(objects_after_collection(manager()), objects);
     ASSERT_FALSE(HasFailure()) << "kill " << i;
   }
 }
