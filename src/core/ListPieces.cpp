@@ -100,7 +100,8 @@ void ListPieces::startThreads() try {
 } catch (const std::system_error&) {  // NOLINT(bugprone-empty-catch): see above
 }
 
-void ListPieces::run() {
+// Without memory the pieces are the caller's.
+void ListPieces::run() try {
   const goods::attached_scope attached(session_);
   std::unique_lock lock(mutex_);
   while (!stopping_) {
@@ -110,6 +111,7 @@ void ListPieces::run() {
       changed_.wait(lock);
     }
   }
+} catch (...) {  // NOLINT(bugprone-empty-catch): see above
 }
 
 // The first piece that nobody writes; null when there is none.
