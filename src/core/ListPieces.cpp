@@ -4,6 +4,7 @@
 #include <tarns/core/TarnObjects.h>
 
 #include <algorithm>
+#include <iterator>
 #include <system_error>
 #include <utility>
 
@@ -15,24 +16,27 @@ namespace tarns {
 
 namespace {
 
-constexpr unsigned long kManyChildren = 1024;
 constexpr std::size_t kPieceChildren = 64;
 constexpr std::size_t kPiecesForThread = 4;  // that wait or are written, at most
 constexpr unsigned kMostThreads = 4;         // with the caller's
-constexpr std::size_t kMostLeft =
-    4;  // pieces that the caller has to write before it writes the rest
+// When more than so many pieces were of no use, and most of all, the caller writes so many children
+// before it is tried again.
+constexpr std::size_t kMostUseless = 4, kCallerChildren = 64 * kPieceChildren;
 
-unsigned NumThreads() { return std::min(std::thread::hardware_concurrency(), kMostThreads); }
+unsigned NumThreads() {
+  static const unsigned number = std::min(std::thread::hardware_concurrency(), kMostThreads);
+  return number;
+}
 
-// The name at which the piece behind the one from `from` on begins; empty when that is the last.
-// Children of one name are in one piece.
-std::string EndOfPiece(const TarnRef& parent, const std::string& from) {
+// The name of the child behind `count` of them, of which the first is the one at `from`; empty
+// when there are no more. Children of one name stay together.
+std::string NameBehind(const TarnRef& parent, const std::string& from, std::size_t count) {
   return goods::read_here([&](goods::reader& reader) -> std::string {
     const TarnObjects* const index = TarnNodeAccess::IndexOf(reader, *reader.get(parent));
     if (index == nullptr) return {};
     goods::B_tree_walk place(reader, *index);
     place.seek_lower(from);
-    for (std::size_t i = 1; i < kPieceChildren && !place.at_end(); ++i) place.next();
+    for (std::size_t i = 1; i < count && !place.at_end(); ++i) place.next();
     if (place.at_end()) return {};
     place.seek_upper(place.entry().name);
     return place.at_end() ? std::string() : std::string(place.entry().name);
@@ -50,87 +54,149 @@ bool ListPieces::IsFor(const TarnRef& parent, unsigned long numChildren) {
 ListPieces::ListPieces(TarnRef parent, Write write)
     : parent_(std::move(parent)),
       write_(std::move(write)),
+      numThreads_(NumThreads()),
       session_(goods::cache_manager::require()) {}
 
-ListPieces::~ListPieces() {
-  {
-    const std::lock_guard lock(mutex_);
-    stopping_ = true;
-  }
-  changed_.notify_all();
-  for (std::thread& thread : threads_) thread.join();
-}
+ListPieces::~ListPieces() { stopThreads(); }
 
 std::unique_ptr<ListPieces::Piece> ListPieces::next() {
   plan();
   if (threads_.empty()) startThreads();
-  std::unique_lock lock(mutex_);
-  if (entries_.empty()) return nullptr;
-  while (entries_.front().state != State::kDone) {
-    if (Entry* const entry = waiting()) {
-      write(*entry, lock);
-    } else {
-      changed_.wait(lock);
+  while (true) {
+    Entry* mine = nullptr;
+    {
+      goods::guarded_scope scope(lock_);
+      if (entries_.empty()) return nullptr;
+      while (entries_.front().state != State::kDone && (mine = take()) == nullptr) {
+        changed_.wait(lock_);
+      }
+      if (mine == nullptr) {
+        std::unique_ptr<Piece> piece = std::move(entries_.front().piece);
+        entries_.pop_front();
+        ++(piece->nodes ? numWritten_ : numLeft_);
+        return piece;
+      }
     }
+    write(*mine);
   }
-  std::unique_ptr<Piece> piece = std::move(entries_.front().piece);
-  entries_.pop_front();
-  ++(piece->nodes ? numWritten_ : numLeft_);
-  return piece;
+}
+
+void ListPieces::wasUseless() {
+  --numWritten_;
+  ++numLeft_;
+}
+
+void ListPieces::pause() {
+  stopThreads();
+  goods::guarded_scope scope(lock_);
+  if (entries_.empty()) return;
+  from_ = entries_.front().piece->range.from;
+  isPlanned_ = false;
+  entries_.clear();
 }
 
 // Sees to it that there are enough pieces for all threads.
 void ListPieces::plan() {
-  while (!isPlanned_ && entries_.size() < kPiecesForThread * NumThreads()) {
+  while (!isPlanned_) {
+    {
+      goods::guarded_scope scope(lock_);
+      if (entries_.size() >= kPiecesForThread * numThreads_) return;
+    }
+    const bool isForCaller = numLeft_ > kMostUseless + numWritten_;
+    if (isForCaller) numWritten_ = numLeft_ = 0;
     auto piece = std::make_unique<Piece>();
     piece->range.from = from_;
-    const bool isForCaller = numLeft_ > kMostLeft + numWritten_;
-    if (!isForCaller) piece->range.to = EndOfPiece(parent_, from_);
+    piece->range.to = NameBehind(parent_, from_, isForCaller ? kCallerChildren : kPieceChildren);
     from_ = piece->range.to;
     isPlanned_ = from_.empty();
-    const std::lock_guard lock(mutex_);
+    goods::guarded_scope scope(lock_);
     entries_.push_back({std::move(piece), isForCaller ? State::kDone : State::kWaits});
+    changed_.notify_one();
   }
-  changed_.notify_all();
 }
+
+// --- Threads ------------------------------------------------------------------------------------
 
 // None where the system has none to spare.
 void ListPieces::startThreads() try {
-  while (threads_.size() + 1 < NumThreads()) threads_.emplace_back([this] { run(); });
+  {
+    goods::guarded_scope scope(lock_);
+    stopping_ = false;
+  }
+  while (threads_.size() + 1 < numThreads_) threads_.emplace_back([this] { run(); });
 } catch (const std::system_error&) {  // NOLINT(bugprone-empty-catch): see above
 }
 
-// Without memory the pieces are the caller's.
+void ListPieces::stopThreads() {
+  {
+    goods::guarded_scope scope(lock_);
+    stopping_ = true;
+    changed_.notify_all();
+  }
+  for (std::thread& thread : threads_) thread.join();
+  threads_.clear();
+}
+
+// Without memory all pieces are the caller's.
 void ListPieces::run() try {
   const goods::attached_scope attached(session_);
-  std::unique_lock lock(mutex_);
-  while (!stopping_) {
-    if (Entry* const entry = waiting()) {
-      write(*entry, lock);
-    } else {
-      changed_.wait(lock);
-    }
-  }
+  while (Entry* const entry = waitForWork()) write(*entry);
 } catch (...) {  // NOLINT(bugprone-empty-catch): see above
 }
 
-// The first piece that nobody writes; null when there is none.
-ListPieces::Entry* ListPieces::waiting() {
-  const auto found = std::ranges::find(entries_, State::kWaits, &Entry::state);
-  return found != entries_.end() ? &*found : nullptr;
+// Null when it is time to end.
+ListPieces::Entry* ListPieces::waitForWork() {
+  goods::guarded_scope scope(lock_);
+  while (!stopping_) {
+    if (Entry* const entry = take()) return entry;
+    changed_.wait(lock_);
+  }
+  return nullptr;
 }
 
-void ListPieces::write(Entry& entry, std::unique_lock<std::mutex>& lock) {
-  entry.state = State::kIsWritten;
-  lock.unlock();
+// The first piece that nobody writes; null when there is none.
+ListPieces::Entry* ListPieces::take() {
+  const auto found = std::ranges::find(entries_, State::kWaits, &Entry::state);
+  if (found == entries_.end()) return nullptr;
+  found->state = State::kIsWritten;
+  return &*found;
+}
+
+void ListPieces::write(Entry& entry) {
+  Piece& piece = *entry.piece;
+  std::string behind;
   try {
-    write_(*entry.piece);
+    write_(piece);
+    if (!piece.tooMuch.empty()) behind = NameBehind(parent_, piece.tooMuch, 1);
   } catch (...) {  // the caller comes upon it once more
-    entry.piece->nodes.reset();
+    piece.nodes.reset();
+    piece.tooMuch.clear();
   }
-  lock.lock();
+  if (!piece.nodes) piece.text = {};
+  finish(entry, behind);
+}
+
+// What is too much becomes a piece of the caller's own, and what comes behind it another one.
+void ListPieces::finish(Entry& entry, const std::string& behind) {
+  goods::guarded_scope scope(lock_);
   entry.state = State::kDone;
   changed_.notify_all();
+  Piece& piece = *entry.piece;
+  if (piece.tooMuch.empty()) return;
+  const std::string end = piece.range.to;
+  const bool hasMore = !behind.empty() && (end.empty() || behind < end);
+  auto place = std::ranges::find_if(entries_, [&](const Entry& each) { return &each == &entry; });
+  const auto add = [&](const std::string& from, const std::string& to, State state) {
+    auto next = std::make_unique<Piece>();
+    next->range = {from, to};
+    place = entries_.insert(std::next(place), Entry{std::move(next), state});
+  };
+  piece.range.to = hasMore ? behind : end;
+  if (piece.nodes) {
+    add(piece.tooMuch, piece.range.to, State::kDone);
+    piece.range.to = piece.tooMuch;
+  }
+  if (hasMore) add(behind, end, State::kWaits);
 }
 
 }  // namespace tarns

@@ -226,7 +226,7 @@ void NodeReader::endPart() {
   waitForParts();
   waysOnTheWay_ = std::exchange(ways_, {});
   store_->store(std::move(part));
-  stored_ = open_.size();
+  for (; stored_ < open_.size(); ++stored_) open_[stored_].index = nullptr;
   made_ = 0;
   madeBefore_ = goods::new_object_bytes::count();
 }

@@ -87,7 +87,7 @@ class NodeReader : public PInOut::Nesting {
     TarnRef node;       // whose lines, or whose children, are read
     std::size_t level;  // of those lines
     bool isList;
-    xcptref<TarnObjects> index;  // of a list: where its nodes go, null when `node` is stored
+    xcptref<TarnObjects> index;  // of a list: where its nodes go; null once that is stored
   };
   // What leads to a node that stands elsewhere in the file: an entry, which may be to become its
   // place in the tree, or a member.

@@ -44,7 +44,7 @@ class Hold {
   PInOut& out_;
 };
 
-constexpr std::size_t kLongestPiece = std::size_t{4} << 20;  // bytes of text
+std::size_t SizeOf(const TarnData& value) { return value.isString() ? value.getText().size() : 0; }
 
 bool IsPlainNode(const TarnBranchWalk::Step& step) { return step.cls == &TarnObject::self_class; }
 
@@ -101,9 +101,10 @@ void NodeWriter::begin(std::string_view name, const TarnRef& node, std::size_t l
   block->step = std::move(step);
   block->check = check;
   writeOwnLines(*block, name, node, level);
-  block->hasEmptyIndex = form_ == Form::kWhole && !node->getChildren().is_null() &&
-                         node->getNumAbstractChildren() == 0;
-  if (isShared(node, node->getNumAbstractChildren())) block->pieces = piecesOf(node, level);
+  const unsigned long numChildren = node->getNumAbstractChildren();
+  block->hasEmptyIndex =
+      form_ == Form::kWhole && numChildren == 0 && !node->getChildren().is_null();
+  if (isShared(node, numChildren)) block->pieces = piecesOf(node, level);
   blocks_.push_back(std::move(block));
 }
 
@@ -215,7 +216,7 @@ void NodeWriter::writeChild(Block& block, const TarnBranchWalk::Step& step) {
   writeKnownLines(step, level);
   if (arrival != Arrival::kFirst || !isShared(step.node, step.numChildren)) return;
   block.walk->skipChildren();
-  shareChildren(step.node, level, here.check);
+  shareChildren(step.node, level);
 }
 
 // The lines of the library's own plain nodes and values, of which the walk has told all there is.
@@ -235,7 +236,11 @@ bool NodeWriter::isShared(const TarnRef& parent, unsigned long numChildren) cons
   return form_ == Form::kWhole && !visit_ && ListPieces::IsFor(parent, numChildren);
 }
 
+// One list at a time has threads.
 std::unique_ptr<ListPieces> NodeWriter::piecesOf(const TarnRef& parent, std::size_t level) {
+  for (const auto& block : blocks_) {
+    if (block->pieces != nullptr) block->pieces->pause();
+  }
   return std::make_unique<ListPieces>(parent, [parent, level](ListPieces::Piece& piece) {
     PInOut out;
     out.writeTo(piece.text);
@@ -244,11 +249,10 @@ std::unique_ptr<ListPieces> NodeWriter::piecesOf(const TarnRef& parent, std::siz
 }
 
 // The children of a node that has been written, as a block of their own.
-void NodeWriter::shareChildren(const TarnRef& parent, std::size_t level, NodePlaces::Check check) {
+void NodeWriter::shareChildren(const TarnRef& parent, std::size_t level) {
   auto block = std::make_unique<Block>();
   block->top = parent;
   block->level = level;
-  block->check = check;
   block->pieces = piecesOf(parent, level);
   blocks_.push_back(std::move(block));
 }
@@ -260,7 +264,9 @@ void NodeWriter::writeNextPiece(Block& block) {
     blocks_.pop_back();
     return;
   }
-  if (!piece->nodes || !places_->noteAll(*piece->nodes)) {
+  const bool isNew = piece->nodes && places_->noteAll(*piece->nodes);
+  if (!isNew) {
+    if (piece->nodes) block.pieces->wasUseless();
     block.walk.emplace(block.top, piece->range);
     return;
   }
@@ -271,26 +277,45 @@ void NodeWriter::writeNextPiece(Block& block) {
   const Hold handOn(out_);
 }
 
-// Leaves the piece to others at the first node that needs more than its own lines.
+// Leaves the piece to others at the first node that needs more than its own lines, and the first
+// child that is too much with what comes behind it.
 void NodeWriter::writePiece(const TarnRef& parent, std::size_t level, ListPieces::Piece& piece) {
   places_.emplace(parent, false);
   Block block;
   block.level = level;
   block.depth = 1;
+  std::string name;            // of the child of the list, or of several
+  std::vector<TarnRef> nodes;  // of those that are called so
+  std::size_t end = 0;         // of the text of those before
   TarnBranchWalk walk(parent, piece.range);
-  while (const TarnBranchWalk::Step* const step = walk.next()) {
-    if (!IsKnown(*step) || !step->lister.is_null() || !places_->note(step->node)) return;
+  while (true) {
+    const TarnBranchWalk::Step* const step = walk.next();
+    if (step == nullptr || (step->depth == 1 && step->name != name)) {
+      moveTo(block, 1);
+      end = piece.text.size() + out_.pending().size();
+      for (const TarnRef& node : std::exchange(nodes, {})) {
+        if (!places_->note(node)) return;
+      }
+      if (step == nullptr) break;
+      name = step->name;
+    }
+    if (!IsKnown(*step) || !step->lister.is_null()) return;
+    if (step->numChildren >= ListPieces::kManyChildren ||
+        piece.text.size() + SizeOf(step->value) > ListPieces::kLongestText) {
+      piece.tooMuch = name;
+      break;
+    }
+    nodes.push_back(step->node);
     moveTo(block, step->depth);
     block.hasEmptyIndex = step->hasIndex && step->numChildren == 0;
     writeKnownLines(*step, level + 2 * step->depth);
-    if (piece.text.size() > kLongestPiece) return;
   }
-  moveTo(block, 1);
-  if (out_.close()) piece.nodes.emplace(std::move(*places_));
+  if (!out_.close() || (end == 0 && !piece.tooMuch.empty())) return;
+  piece.text.resize(end);
+  piece.nodes.emplace(std::move(*places_));
 }
 
-// --- References, lists
-// ----------------------------------------------------------------------------
+// --- References and lists -----------------------------------------------------------------------
 
 // A block that only says where the node has been written. False when that cannot be told.
 bool NodeWriter::writeReference(std::string_view name, const TarnRef& node, std::size_t level,

@@ -90,8 +90,8 @@ class NodeWriter : public PInOut::Nesting {
   void writeDeferred(Block& block);
   void writeNext(Block& block);
   bool isShared(const TarnRef& parent, unsigned long numChildren) const;
-  static std::unique_ptr<ListPieces> piecesOf(const TarnRef& parent, std::size_t level);
-  void shareChildren(const TarnRef& parent, std::size_t level, NodePlaces::Check check);
+  std::unique_ptr<ListPieces> piecesOf(const TarnRef& parent, std::size_t level);
+  void shareChildren(const TarnRef& parent, std::size_t level);
   void writeNextPiece(Block& block);
   void writePiece(const TarnRef& parent, std::size_t level, ListPieces::Piece& piece);
   void writeChild(Block& block, const TarnBranchWalk::Step& step);

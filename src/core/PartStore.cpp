@@ -52,15 +52,18 @@ PartStore::~PartStore() = default;
 
 void PartStore::store(Part part) {
   waitForThread();
+  // Throws where the calling thread may not write.
+  { const OneTransaction nothing(session_); }
   part_ = std::move(part);
   try {
     onTheWay_ = std::async(std::launch::async, [this] {
       const goods::attached_scope attached(session_);
       storeNow();
     });
-  } catch (const std::system_error&) {  // the system has no thread to spare
-    storeNow();
+    return;
+  } catch (const std::system_error&) {  // NOLINT(bugprone-empty-catch): no thread to spare
   }
+  storeNow();
 }
 
 void PartStore::storeNow() {

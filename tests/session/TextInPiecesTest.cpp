@@ -12,6 +12,7 @@
 #include <thread>
 
 #include "support/random_tree.h"
+#include "support/rewritten_objects.h"
 #include "support/session_fixture.h"
 #include "support/throws_tarn.h"
 
@@ -20,9 +21,10 @@ namespace {
 
 class TextInPiecesTest : public session_test {
  protected:
+  // Of a branch with a list that is between others.
   std::string text() {
     std::ostringstream out;
-    manager().exportTo("top", out);
+    manager().exportTo("all", out);
     return out.str();
   }
   // A transaction belongs to one thread.
@@ -37,11 +39,15 @@ class TextInPiecesTest : public session_test {
       ASSERT_TRUE(text() == expected);
     }
     std::istringstream in(expected);
-    manager().importTo("top", in);
+    manager().importTo("all", in);
     EXPECT_TRUE(text() == expected);
-    manager().deleteBranch("top");
+    manager().deleteBranch("all");
   }
-  TarnRef top() { return manager().getNoFail("top"); }
+  TarnRef top() {
+    manager().set("all~a", 1);
+    manager().set("all~z~1", 1);
+    return manager().getNoFail("all~top");
+  }
 };
 
 TEST_F(TextInPiecesTest, IsWhatOneThreadWrites) {
@@ -56,10 +62,19 @@ TEST_F(TextInPiecesTest, IsWhatOneThreadWrites) {
       if (i % 500 == 0) modify(node)->addChild(name.c_str(), TarnValue::CreateValue(i));
     }
     for (int i = 0; i < 300; ++i) modify(node)->addChild("same", TarnValue::CreateValue(i));
-    for (int i = 0; i < 2'000; ++i) {
-      modify(node)->setValue(("wide~w" + std::to_string(i)).c_str(), i);
+    // Lists in lists, several of them in one piece.
+    for (const char* list : {"wide~", "wide~w500~", "wide~w500~w7~", "wider~", "wider~w5~"}) {
+      for (int i = 0; i < 1'500; ++i) {
+        modify(node)->setValue((list + ("w" + std::to_string(i))).c_str(), i);
+      }
     }
-    modify(node)->setValue("large", std::string(5'000'000, 'x').c_str());
+    for (const char* name : {"large", "0", "later", "same"}) {
+      modify(node)->addChild(name, TarnValue::CreateValue(std::string(5'000'000, 'x').c_str()));
+    }
+    for (int i = 0; i < 100; ++i) {
+      modify(node)->setValue(("page~" + std::to_string(i)).c_str(),
+                             std::string(90'000, 'x').c_str());
+    }
     modify(node)->setValue("emptied~gone", 1);
     modify(node->getChildWithName("emptied"))->deleteChild("gone");
   });
@@ -79,6 +94,7 @@ TEST_F(TextInPiecesTest, IsWhatOneThreadWrites) {
         modify(node->getChildWithName("500"))->addChild("listed", node->getChildWithName(name));
       }
       modify(node->getChildWithName("77"))->addChild("circle", node);
+      modify(manager().getObject("all~z"))->addChild("listed", node->getChildWithName("123"));
     });
     expectSame();
   }
@@ -88,17 +104,23 @@ TEST_F(TextInPiecesTest, HasEachChildOnceThatIsThereThroughout) {
   constexpr int kChildren = 3'000;
   const auto nameOf = [](int i) { return std::to_string(10'000 + i); };
   manager().transaction([&] {
-    for (int i = 0; i < kChildren; i += 2) manager().set("top~" + nameOf(i) + "~value", i);
+    for (int i = 0; i < kChildren; i += 2) manager().set("all~" + nameOf(i) + "~value", i);
   });
   std::atomic<bool> isDone = false;
   std::atomic<int> changes = 0;
   std::thread writer([&] {
     const TarnAttachment attachment(manager());
     for (int i = 1; !isDone; i = (i + 2 * 911) % kChildren) {
-      manager().set("top~" + nameOf(i) + "~value", i);
-      if (i % 3 == 0) manager().deleteBranch("top~" + nameOf(i));
-      if (i % 7 == 0) manager().set("top~" + nameOf(i - 1) + "~other", i);
       ++changes;
+      const std::string path = "all~" + nameOf(i);
+      manager().set(path + "~value", i);
+      if (i % 3 == 0) manager().deleteBranch(path);
+      if (i % 7 == 0) manager().set("all~" + nameOf(i - 1) + "~other", i);
+      // Backward: what has been written and is met again would be written as a reference to here.
+      if (i % 15 != 5 || i < 9) continue;
+      const std::string target = "all~" + nameOf(i - 9) + "x";
+      manager().deleteBranch(target);
+      manager().moveBranch(path, target);
     }
   });
   while (changes == 0) std::this_thread::yield();
@@ -110,6 +132,7 @@ TEST_F(TextInPiecesTest, HasEachChildOnceThatIsThereThroughout) {
     for (const auto& [name, child] : copy->children()) {
       ASSERT_LT(last, name);
       last = name;
+      if (name.ends_with('x')) continue;
       const int number = std::stoi(name) - 10'000;
       ASSERT_EQ(child->getSint32("value", number), number);
       if (number % 2 != 0) continue;
@@ -125,7 +148,7 @@ TEST_F(TextInPiecesTest, HasEachChildOnceThatIsThereThroughout) {
 TEST_F(TextInPiecesTest, EndsWhereTheTextCannotBeWritten) {
   manager().transaction([&] {
     for (int i = 0; i < 20'000; ++i) {
-      manager().set("top~" + std::to_string(i), std::string(100, 'x'));
+      manager().set("all~" + std::to_string(i), std::string(100, 'x'));
     }
   });
   for (std::size_t room : {0, 1'000'000, 2'000'000}) {
@@ -135,11 +158,26 @@ TEST_F(TextInPiecesTest, EndsWhereTheTextCannotBeWritten) {
       room -= bytes.size();
       return true;
     });
-    EXPECT_THAT([&] { manager().exportTo("top", out); },
+    EXPECT_THAT([&] { manager().exportTo("all", out); },
                 ThrowsTarn(ErrorID::TempFileFailure, testing::HasSubstr("disk full")));
     EXPECT_FALSE(out.close());
   }
   expectSame();
+}
+
+TEST_F(TextInPiecesTest, NamesAnObjectThatIsDamaged) {
+  manager().transaction([&] {
+    for (int i = 0; i < 5'000; ++i) manager().set("all~" + std::to_string(i), i);
+  });
+  const goods::object_id damaged = manager().getObject("all~3333").id();
+  close();
+  goods::rewrite_object(directory().file("data0/store.db"), goods::number_of(damaged),
+                        [](std::vector<std::byte>& body) { body.resize(body.size() / 2); });
+  open();
+  for (int round = 0; round < 3; ++round) {
+    EXPECT_THAT([&] { text(); },
+                ThrowsTarn(ErrorID::CorruptData, testing::HasSubstr(std::to_string(damaged))));
+  }
 }
 
 }  // namespace
