@@ -48,11 +48,14 @@ std::size_t SizeOf(const TarnData& value) { return value.isString() ? value.getT
 
 bool IsPlainNode(const TarnBranchWalk::Step& step) { return step.cls == &TarnObject::self_class; }
 
-// Whether the walk has told all that the node writes.
+bool IsPlainValue(const TarnBranchWalk::Step& step) {
+  return step.hasValue && &TarnValueClassOf(step.value.getType()) == step.cls;
+}
+
+// Whether the walk has told all that the node writes; an empty text may be null as well.
 bool IsKnown(const TarnBranchWalk::Step& step) {
-  if (IsPlainNode(step)) return true;
-  if (!step.hasValue || &TarnValueClassOf(step.value.getType()) != step.cls) return false;
-  return !step.value.isString() || !step.value.getText().empty();  // which may be null
+  return IsPlainNode(step) ||
+         (IsPlainValue(step) && (!step.value.isString() || !step.value.getText().empty()));
 }
 
 }  // namespace
@@ -212,15 +215,17 @@ void NodeWriter::writeChild(Block& block, const TarnBranchWalk::Step& step) {
     places_->noteAway(step.node, step.lister, NodePlaces::ChildStep(here.name, here.number));
   }
   block.hasEmptyIndex = form_ == Form::kWhole && step.hasIndex && step.numChildren == 0;
-  if (!IsKnown(step)) return writeOwnLines(block, step.name, step.node, level);
-  writeKnownLines(step, level);
-  if (arrival != Arrival::kFirst || !isShared(step.node, step.numChildren)) return;
+  writeLines(block, step, level);
+  // Behind other nodes' own lines there may be blocks that come first.
+  if (arrival != Arrival::kFirst || !IsKnown(step)) return;
+  if (!isShared(step.node, step.numChildren)) return;
   block.walk->skipChildren();
   shareChildren(step.node, level);
 }
 
-// The lines of the library's own plain nodes and values, of which the walk has told all there is.
-void NodeWriter::writeKnownLines(const TarnBranchWalk::Step& step, std::size_t level) {
+// Of the library's own plain nodes and values the walk has told all there is.
+void NodeWriter::writeLines(Block& block, const TarnBranchWalk::Step& step, std::size_t level) {
+  if (!IsKnown(step)) return writeOwnLines(block, step.name, step.node, level);
   out_.setLevel(level);
   bool isWritten = out_.write(step.cls->name(), std::string_view(step.name));
   out_.setLevel(level + 1);
@@ -265,6 +270,8 @@ void NodeWriter::writeNextPiece(Block& block) {
     return;
   }
   const bool isNew = piece->nodes && places_->noteAll(*piece->nodes);
+  fprintf(stderr, "piece %s..%s nodes %d new %d len %zu\n", piece->range.from.c_str(),
+          piece->range.to.c_str(), (int)piece->nodes.has_value(), (int)isNew, piece->text.size());
   if (!isNew) {
     if (piece->nodes) block.pieces->wasUseless();
     block.walk.emplace(block.top, piece->range);
@@ -299,7 +306,8 @@ void NodeWriter::writePiece(const TarnRef& parent, std::size_t level, ListPieces
       if (step == nullptr) break;
       name = step->name;
     }
-    if (!IsKnown(*step) || !step->lister.is_null()) return;
+    const bool isPlain = IsPlainNode(*step) || IsPlainValue(*step);
+    if (!isPlain || !step->lister.is_null()) return;
     if (step->numChildren >= ListPieces::kManyChildren ||
         piece.text.size() + SizeOf(step->value) > ListPieces::kLongestText) {
       piece.tooMuch = name;
@@ -308,7 +316,7 @@ void NodeWriter::writePiece(const TarnRef& parent, std::size_t level, ListPieces
     nodes.push_back(step->node);
     moveTo(block, step->depth);
     block.hasEmptyIndex = step->hasIndex && step->numChildren == 0;
-    writeKnownLines(*step, level + 2 * step->depth);
+    writeLines(block, *step, level + 2 * step->depth);
   }
   if (!out_.close() || (end == 0 && !piece.tooMuch.empty())) return;
   piece.text.resize(end);

@@ -96,7 +96,7 @@ class NodeWriter : public PInOut::Nesting {
   void writePiece(const TarnRef& parent, std::size_t level, ListPieces::Piece& piece);
   void writeChild(Block& block, const TarnBranchWalk::Step& step);
   void writeOwnLines(Block& block, std::string_view name, const TarnRef& node, std::size_t level);
-  void writeKnownLines(const TarnBranchWalk::Step& step, std::size_t level);
+  void writeLines(Block& block, const TarnBranchWalk::Step& step, std::size_t level);
   bool writeReference(std::string_view name, const TarnRef& node, std::size_t level, bool isHome);
   void moveTo(Block& block, std::size_t depth);
   void endIndex(Block& block);

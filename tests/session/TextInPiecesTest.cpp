@@ -90,8 +90,10 @@ TEST_F(TextInPiecesTest, IsWhatOneThreadWrites) {
         random_tree(child, number * 10'000 + i, random_tree::links::any);
       }
       // Listed before their place in the tree, and behind it.
-      for (const char* name : {"7", "900"}) {
-        modify(node->getChildWithName("500"))->addChild("listed", node->getChildWithName(name));
+      for (const char* name : {"7x", "900x"}) {
+        const TarnRef child = TarnObject::Create();
+        modify(node->getChildWithName("500"))->addChild("listed", child);
+        modify(node)->addChild(name, child);
       }
       modify(node->getChildWithName("77"))->addChild("circle", node);
       modify(manager().getObject("all~z"))->addChild("listed", node->getChildWithName("123"));

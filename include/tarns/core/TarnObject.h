@@ -357,7 +357,9 @@ class TARNS_API TarnObject : public goods::object {
   //
   // The branch of a node is the node, its children at any depth and the nodes that reflected
   // members refer to. Each is written once, in full where it is met first; further places refer to
-  // that one. Each batch of nodes is of one state; for one state throughout: a transaction.
+  // that one. Each batch of nodes is of one state; for one state throughout: a transaction. Without
+  // one, large lists are written by several threads (see TarnManager::exportTo), and where others
+  // may move nodes meanwhile, so that they are met twice, it takes ExportMinLockingTo().
   // Errors: 16 when writing fails; what is wrong with a text names the line.
 
   // Writes the branch under the node's own name.

@@ -296,7 +296,9 @@ class TARNS_API TarnManager {
 
   // Write the branch at `path`; throw 7 when there is none, 16 when writing fails. A file appears
   // when it is complete, with permissions 0600; the temporary one is the caller's to delete. For
-  // one state throughout: a transaction.
+  // one state throughout: a transaction. Without one up to three more threads, which end with the
+  // call, write large lists of children: what the classes of these nodes do when they are loaded and
+  // looked at must not wait for the caller, for example for a mutex that it holds.
   void exportTo(TarnPathText path, PInOut& out) const;
   void exportTo(TarnPathText path, const char* file) const;
   void exportTo(TarnPathText path, std::ostream& out) const;
@@ -317,9 +319,11 @@ class TARNS_API TarnManager {
 
   // The same, with the branch put at `path` as set() does, in the place of what is there; returned
   // is its first node. Whoever looks at the path sees what was there or the whole branch, and what
-  // throws leaves all as it was. The memory that is needed does not grow with the text: about each
-  // `nodesAtATime` nodes (and 32 MiB of them) are stored in a transaction of their own, with
-  // nothing that leads to them, and a small transaction at the end puts the branch in its place.
+  // throws leaves all as it was. The memory that is needed does not grow with the text: each
+  // `nodesAtATime` nodes (and 32 MiB of them; up to twice as many, and eight times within the lines
+  // of one node) are stored in a transaction of their own, with nothing that leads to them, by
+  // another thread, as above, while the next ones are read; lines that name a place wait for it.
+  // A small transaction at the end puts the branch in its place.
   // After an error, or a crash, the next collection removes what was stored. Shorter texts, and all
   // within a transaction of the calling thread, are one transaction. Nodes that are listed before
   // their place in the tree, and those that are open, stay in memory as handles.
