@@ -1,4 +1,5 @@
 #include <goods/cache_manager.h>
+#include <goods/object_handle.h>
 #include <tarns/containers/TarnBundle.h>
 #include <tarns/core/TarnException.h>
 #include <tarns/core/TarnObjects.h>
@@ -55,18 +56,17 @@ bool SaysNumber(std::string_view name, std::string_view base) {
 }
 
 // Makes the members of an object those of a new one, without children; its place in the tree stays.
-void Renew(const TarnRef& object) {
-  auto body = modify(object);
-  if (body->getNumAbstractChildren() > 0) body->deleteChildren();
-  if (&body->cls() != &TarnObject::self_class) {
-    const TarnRef fresh = body->constructor();
-    TarnNodeAccess::CopyState(*fresh.read(), *body);
-  }
+void Renew(TarnObject& object) {
+  const bool hasIndex = !TarnNodeAccess::ChildrenOf(object).is_null();
+  if (hasIndex && object.getNumAbstractChildren() > 0) object.deleteChildren();
+  if (&object.cls() == &TarnObject::self_class) return;
+  const TarnRef fresh = object.constructor();
+  TarnNodeAccess::CopyState(static_cast<const TarnObject&>(*fresh.handle()->body()), object);
 }
 
-// The child of that name in an index, or null.
-const TarnObject* LookAt(goods::reader& reader, const TarnObjects& index, std::string_view name) {
-  const auto entry = index.find(reader, name);
+// The child of that name in an index (null has none), or null.
+const TarnObject* LookAt(goods::reader& reader, const TarnObjects* index, std::string_view name) {
+  const auto entry = index != nullptr ? index->find(reader, name) : std::nullopt;
   if (!entry) return nullptr;
   return static_cast<const TarnObject*>(reader.look(entry->target, TarnObject::self_class));
 }
@@ -86,7 +86,7 @@ std::optional<BlockRanges::Range> RangeOf(const xcptref<TarnBundleBlock>& block)
   return range;
 }
 
-// Finds the block that holds an object: by what the session knows, then by looking at each.
+// Finds the block that holds a bundled object: by what the session knows, then by looking at each.
 class BlockSearch {
  public:
   BlockSearch(TarnRef blocks, TarnRef object)
@@ -120,9 +120,8 @@ class BlockSearch {
   bool findKnown() {
     for (const goods::object_id id : ranges_->candidates(blocks_.id(), object_.id())) {
       try {
-        const TarnRef block = TarnRef::Trusted(session_->find(id));
-        if (block.isA<TarnBundleBlock>() && block->getParent() == blocks_) {
-          if (isIn(xcptref<TarnBundleBlock>(block))) return true;
+        if (isOneOfBlocks(id)) {
+          if (isIn(xcptref<TarnBundleBlock>::Trusted(session_->find(id)))) return true;
           continue;
         }
       } catch (const TarnException& error) {
@@ -131,6 +130,15 @@ class BlockSearch {
       ranges_->forget(blocks_.id(), id);
     }
     return false;
+  }
+
+  bool isOneOfBlocks(goods::object_id id) const {
+    return goods::read_here([&](goods::reader& reader) {
+      const auto* object = static_cast<const TarnObject*>(
+          reader.look(goods::ref_word::of(id), TarnObject::self_class));
+      return TarnBundleBlock::self_class.is_superclass_for(object->cls()) &&
+             TarnNodeAccess::ParentOf(reader, *object) == reader.get(blocks_);
+    });
   }
 
   // Looks at all blocks that nothing is known of: one walk teaches what later searches need.
@@ -207,37 +215,47 @@ xcptref<TarnObject> TarnBundle::blocks() const { return getChildWithName(kBlocks
 xcptref<TarnObject> TarnBundle::newChild(const char* name) {
   const std::string_view text = ViewOf(name);
   if (!IsChildName(text)) VerifyChildName(getSelf(), text);  // throws
-  const Space space = nextSpace();
-  unsigned short slot = 0;
-  bool isFresh = modify(space.block)->allocate(slot);
-  TarnRef child = space.block->getAt(slot);
-  if (child.is_null()) {
-    child = refill(space.block, slot);
-    isFresh = true;
+  Space own;
+  Space& space = putOff_ != nullptr ? *putOff_ : own;
+  bool isFresh = false;
+  const TarnRef child = takeObject(space, isFresh);
+  // initialize() may use the bundle, too.
+  const xcptref<TarnObjects> children = space.children;
+  {
+    const auto body = modify(child);
+    if (!isFresh) Renew(*body);
+    body->initialize();
   }
-  if (!isFresh) Renew(child);
-  modify(child)->initialize();
-  modify(space.children)->insert(text, child);
-  // By what is free now: initialize() may have used the bundle, too.
-  if (putOff_ == nullptr) rename(space);
+  modify(children)->insert(text, child);
+  if (putOff_ == nullptr) rename(own);  // by what is free now
   return child;
 }
 
-// The block to fill next. What was put off is settled when it is another one than before.
-TarnBundle::Space TarnBundle::nextSpace() {
-  if (putOff_ != nullptr && putOff_->isNext) {
-    const xcptref<TarnBundleBlock>& block = putOff_->block;
-    if (block->hasUnused()) return *putOff_;
+// Of the block to fill next, which goes into `space`. What was put off is settled when it is
+// another one than before. `isFresh`: the object is still as it was made.
+xcptref<TarnObject> TarnBundle::takeObject(Space& space, bool& isFresh) {
+  for (bool isKnown = space.isNext;; isKnown = false) {
+    if (!isKnown) {
+      settle();
+      findOrMakeSpace(space);
+    }
+    const auto block = modify(space.block);
+    unsigned short slot = 0;
+    isFresh = block->allocate(slot);
+    if (slot >= TarnBundleBlock::kCapacity && isKnown) continue;
+    TarnRef child = block->getAt(slot);
+    if (!child.is_null()) return child;
+    isFresh = true;
+    return refill(space.block, slot);
   }
-  settle();
-  Space space;
+}
+
+void TarnBundle::findOrMakeSpace(Space& space) {
   if (!findSpace(space)) {
     makeSpace();
     if (!findSpace(space)) ThrowNoSpace(getSelf());
   }
   space.isNext = true;
-  if (putOff_ != nullptr) *putOff_ = space;
-  return space;
 }
 
 void TarnBundle::together(const std::function<void()>& work) {
@@ -273,8 +291,8 @@ bool TarnBundle::findSpace(Space& space) const {
   static const XString kFirst = TarnBundleBlock::GetBaseNameFor(1);
   return goods::read_here([&](goods::reader& reader) {
     const TarnObjects* own = TarnNodeAccess::IndexOf(reader, Current(reader, *this));
-    const TarnObject* children = own != nullptr ? LookAt(reader, *own, kBundledChildren) : nullptr;
-    const TarnObject* blocks = own != nullptr ? LookAt(reader, *own, kBlocks) : nullptr;
+    const TarnObject* children = LookAt(reader, own, kBundledChildren);
+    const TarnObject* blocks = LookAt(reader, own, kBlocks);
     if (children == nullptr || blocks == nullptr) return false;
     const TarnObjects* index = TarnNodeAccess::IndexOf(reader, *blocks);
     const auto entry = index != nullptr ? index->lower_bound(reader, kFirst.view()) : std::nullopt;
@@ -296,10 +314,19 @@ void TarnBundle::makeSpace() {
 
 // As updateBlockName(), for a block whose number of free slots has changed.
 void TarnBundle::rename(const Space& space) {
-  const XString base = space.block->getBaseName();
-  if (space.entry.is_null() || SaysNumber(space.entry->key(), base.view())) return;
+  if (space.entry.is_null()) return;
+  XString base;
+  bool isRight = false, isPlain = false;
+  goods::read_here([&](goods::reader& reader) {
+    base = reader.get(space.block)->getBaseName();
+    isRight = SaysNumber(reader.get(space.entry)->key(), base.view());
+    isPlain = &reader.get(space.blocks)->cls() == &TarnObject::self_class;
+  });
+  if (isRight) return;
+  const auto list = modify(space.list);
+  if (isPlain && RenameInPlace(*list, space.entry, base.view(), true)) return;
   const XString unique = space.blocks->getUniqueChildName(base);
-  modify(space.list)->rename(space.entry, unique.view());
+  list->rename(space.entry, unique.view());
 }
 
 xcptref<TarnObject> TarnBundle::getFullestBlockWithSpace(XString* blockName) {
@@ -347,19 +374,28 @@ void TarnBundle::updateBlockName(xcptref<TarnObject> block, const char* oldName)
 // --- Deleting and renaming ----------------------------------------------------------------------
 
 bool TarnBundle::deleteBundledChild(const char* name) {
-  const TarnRef children = bundledChildren();
-  const auto entry = EntryCalled(children, name);
+  xcptref<TarnObjects> children;
+  goods::ref<goods::set_member> entry;
+  TarnRef child, blocks;
+  goods::read_here([&](goods::reader& reader) {
+    const TarnObjects* own = TarnNodeAccess::IndexOf(reader, Current(reader, *this));
+    const TarnObject* list = LookAt(reader, own, kBundledChildren);
+    const TarnObjects* index = list != nullptr ? TarnNodeAccess::IndexOf(reader, *list) : nullptr;
+    const auto found = index != nullptr ? index->find(reader, ViewOf(name)) : std::nullopt;
+    if (!found) return;
+    children = TarnNodeAccess::ChildrenOf(*list);
+    entry = goods::ref<goods::set_member>::trusted(goods::to_reference(found->member));
+    child = TarnRef::Trusted(goods::to_reference(found->target));
+    if (const TarnObject* all = LookAt(reader, own, kBlocks)) blocks = all->getSelf();
+  });
   if (entry.is_null()) return false;
-  const TarnRef child = TarnRef::Trusted(entry->target());
-  modify(children->getChildren())->removeEntry(entry);
-  markAsFree(child);
+  modify(children)->removeEntry(entry);
+  if (!blocks.is_null()) markAsFree(child, blocks);
   return true;
 }
 
 // Nothing for an object that others have put there.
-void TarnBundle::markAsFree(const xcptref<TarnObject>& child) {
-  const TarnRef blocks = this->blocks();
-  if (blocks.is_null()) return;
+void TarnBundle::markAsFree(const xcptref<TarnObject>& child, const xcptref<TarnObject>& blocks) {
   const auto [block, slot] = BlockSearch(blocks, child).find();
   if (block.is_null()) return;
   modify(block)->release(slot);

@@ -1,4 +1,3 @@
-#include <fmt/format.h>
 #include <goods/cache_manager.h>
 #include <tarns/containers/BundleExportFilter.h>
 #include <tarns/containers/TarnBundleBlock.h>
@@ -23,7 +22,6 @@ namespace {
 
 constexpr const char* kSlots = "Slots";
 constexpr const char* kFreeMap = "FreeMap";
-constexpr const char* kNameFormat = "{:04}";
 
 [[noreturn]] void ThrowBadIndex(unsigned short index) {
   TarnException error;
@@ -75,10 +73,12 @@ const xcptref<TarnBundleSlots>& TarnBundleBlock::makeSlots() {
 
 void TarnBundleBlock::initialize(const char* className) {
   if (className == nullptr) className = "";
-  if (CreateOfType(className).is_null()) TarnException::ThrowMissingDescriptor(className);
+  TarnRef child = CreateOfType(className);
+  if (child.is_null()) TarnException::ThrowMissingDescriptor(className);
   auto slots = modify(makeSlots());
   for (std::size_t index = 0; index < kCapacity; ++index) {
-    slots->setAt(index, CreateOfType(className));
+    slots->setAt(index, std::move(child));
+    if (index + 1 < kCapacity) child = CreateOfType(className);
   }
   firstFresh_ = 0;
 }
@@ -137,7 +137,11 @@ unsigned short TarnBundleBlock::getNextUsed(unsigned short from) const {
 unsigned short TarnBundleBlock::GetNumUnused(const std::uint32_t* words, unsigned short wordCount) {
   unsigned number = 0;
   for (unsigned short word = 0; word < wordCount; ++word) {
-    number += static_cast<unsigned>(std::popcount(words[word]));
+    if (words[word] == ~std::uint32_t{0}) {  // as most are in a block
+      number += kWordBits;
+    } else if (words[word] != 0) {
+      number += static_cast<unsigned>(std::popcount(words[word]));
+    }
   }
   return static_cast<unsigned short>(number);
 }
@@ -152,7 +156,14 @@ bool TarnBundleBlock::hasUnused() const {
 }
 
 XString TarnBundleBlock::GetBaseNameFor(unsigned short numUnused) {
-  return {fmt::format(kNameFormat, numUnused)};
+  constexpr std::size_t kLeastDigits = 4, kMostDigits = 5;
+  char text[kMostDigits] = {'0', '0', '0', '0', '0'};
+  std::size_t begin = kMostDigits;
+  for (unsigned rest = numUnused; rest != 0; rest /= 10) {
+    text[--begin] = static_cast<char>('0' + rest % 10);
+  }
+  begin = std::min(begin, kMostDigits - kLeastDigits);
+  return XString(std::string_view(text + begin, kMostDigits - begin));
 }
 
 XString TarnBundleBlock::getBaseName() const { return GetBaseNameFor(getNumUnused()); }
@@ -161,8 +172,10 @@ XString TarnBundleBlock::getBaseName() const { return GetBaseNameFor(getNumUnuse
 
 xcptref<TarnObject> TarnBundleBlock::getAt(unsigned short index) const {
   if (index >= kCapacity) ThrowBadIndex(index);
-  if (slots_.is_null()) return nullptr;
-  return slots_->at(index);
+  return goods::read_here([&](goods::reader& reader) {
+    const TarnBundleSlots* slots = reader.get(slots_);
+    return slots != nullptr ? slots->at(index) : nullptr;
+  });
 }
 
 void TarnBundleBlock::setAt(unsigned short index, const xcptref<TarnObject>& child) {
@@ -178,17 +191,19 @@ unsigned short TarnBundleBlock::getIndexOf(const xcptref<TarnObject>& child) con
   const goods::ref_word handle = counted.word();
   const goods::object_id id = counted.id();
   const goods::ref_word identifier = id != 0 ? goods::ref_word::of(id) : handle;
-  const auto slots = *slots_;
-  const auto holds = [&](std::size_t index) {
-    const goods::ref_word word = slots->at(index).word();
-    return word == handle || word == identifier;
-  };
-  // Objects that were made together have numbers in the order of their slots.
-  const goods::object_id distance = id - slots->at(0).id();
-  if (distance < kCapacity && holds(distance)) return static_cast<unsigned short>(distance);
-  unsigned short index = 0;
-  while (index < kCapacity && !holds(index)) ++index;
-  return index;
+  return goods::read_here([&](goods::reader& reader) {
+    const TarnBundleSlots* slots = reader.get(slots_);
+    const auto holds = [&](std::size_t index) {
+      const goods::ref_word word = slots->at(index).word();
+      return word == handle || word == identifier;
+    };
+    // Objects that were made together have numbers in the order of their slots.
+    const goods::object_id distance = id - slots->at(0).id();
+    if (distance < kCapacity && holds(distance)) return static_cast<unsigned short>(distance);
+    unsigned short index = 0;
+    while (index < kCapacity && !holds(index)) ++index;
+    return index;
+  });
 }
 
 bool TarnBundleBlock::getIdentifiers(std::uint64_t& first, std::uint64_t& last) const {

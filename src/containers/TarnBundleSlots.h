@@ -5,6 +5,7 @@
 #include <tarns/core/TarnObject.h>
 
 #include <string_view>
+#include <utility>
 
 namespace tarns {
 
@@ -21,7 +22,7 @@ class TarnBundleSlots : public TarnObject {
   bool write(const char* name, GOODSinOut& out) override;
 
   const xcptref<TarnObject>& at(std::size_t index) const { return slots_[index]; }
-  void setAt(std::size_t index, const xcptref<TarnObject>& child) { slots_[index] = child; }
+  void setAt(std::size_t index, xcptref<TarnObject> child) { slots_[index] = std::move(child); }
 
  private:
   xcptref<TarnObject> slots_[TarnBundleBlock::kCapacity];

@@ -8,6 +8,7 @@
 
 #include "core/node_access.h"
 #include "core/value_index_changes.h"
+#include "goods/B_tree_writer.h"
 #include "goods/prototype.h"
 
 namespace tarns {
@@ -90,7 +91,8 @@ void TarnObjects::adopt(const goods::ref<goods::set_member>& entry,
   auto node = modify(child);
   if (child.handle()->wanted_storage() == goods::object_handle::no_storage &&
       !HasNoPlace(parent_.word())) {
-    node->cluster_with(getParent());
+    // Beside the parent; where this index is stored, that is beside the index.
+    node->cluster_with(handle()->is_transient() ? getParent() : goods::object_ref(handle()));
   }
   node->adoptOrphan(entry, !TarnNodeAccess::ParentLinkOf(*node).is_null());
 }
@@ -106,16 +108,14 @@ void TarnObjects::noteRemoved(const goods::ref<goods::set_member>& entry) const 
 
 void TarnObjects::insert(std::string_view name, const xcptref<TarnObject>& child) {
   if (child.is_null()) ThrowBadRef("NULL TarnRef write dereference");
-  const auto entry = goods::set_member::create(child, name);
-  B_tree::insert(entry);
+  const auto entry = goods::B_tree_writer(*this).add(name, child);
   noteAdded(entry);
   adopt(entry, child);
 }
 
 goods::ref<goods::set_member> TarnObjects::link(std::string_view name,
                                                 const xcptref<TarnObject>& child) {
-  auto entry = goods::set_member::create(child, name);
-  B_tree::insert(entry);
+  auto entry = goods::B_tree_writer(*this).add(name, child);
   noteAdded(entry);
   return entry;
 }
@@ -147,12 +147,24 @@ bool TarnObjects::removeEntry(const goods::ref<goods::set_member>& entry) {
 }
 
 void TarnObjects::rename(const goods::ref<goods::set_member>& entry, std::string_view name) {
+  if (RenameInPlace(*this, entry, name, false)) return;
   if (!remove(entry)) return;
   noteRemoved(entry);
   modify(entry)->set_key(name);
   B_tree::insert(entry);
   noteAdded(entry);
   note_relinked();
+}
+
+bool RenameInPlace(TarnObjects& children, const goods::ref<goods::set_member>& entry,
+                   std::string_view name, bool isUnique) {
+  if (!children.getValueIndexesWord().is_null()) return false;
+  if (name.size() > goods::set_member::max_key_length) return false;
+  const auto body = modify(entry);
+  if (!goods::B_tree_writer(children).rename(body->key(), entry, name, isUnique)) return false;
+  body->set_key(name);
+  children.note_relinked();
+  return true;
 }
 
 void TarnObjects::deleteChildren() {

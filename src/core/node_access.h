@@ -99,6 +99,11 @@ bool AddChildNames(const std::function<const TarnObject*(goods::reader&)>& find,
 template <class Visit>
 void ForEachEntry(const goods::ref<TarnObjects>& index, Visit&& visit);
 
+// Gives the entry another name where it stands. False, and nothing changed, when it is to move for
+// that, or is not there, or when `isUnique` is asked for and another entry has the name.
+bool RenameInPlace(TarnObjects& children, const goods::ref<goods::set_member>& entry,
+                   std::string_view name, bool isUnique);
+
 // What only the library's own walks over the tree may see of a node.
 class TarnNodeAccess {
  public:

@@ -3,6 +3,7 @@
 #include <algorithm>
 
 #include <goods/errors.h>
+#include <goods/object_handle.h>
 
 namespace goods {
 namespace {
@@ -50,12 +51,9 @@ B_tree_writer::B_tree_writer(B_tree& tree) : tree_(tree) {
   capacity_ = std::clamp<std::uint64_t>(wide, least, B_tree::max_page_entries);
 }
 
-ref<B_page> B_tree_writer::page_below(const index_page& above, std::size_t at) {
-  object_ref page = to_reference(above.page(at));
-  if (!B_page::self_class.is_superclass_for(class_of(page))) {
-    throw_error(error_code::corrupt_data, "An index refers to something else than a page.");
-  }
-  return ref<B_page>::trusted(std::move(page));
+// Whether it is a page shows when it is opened.
+object_ref B_tree_writer::page_below(const index_page& above, std::size_t at) {
+  return to_reference(above.page(at));
 }
 
 // --- Inserting
@@ -73,13 +71,22 @@ void B_tree_writer::insert(std::string_view name, ref_word member, ref_word targ
   tree_.set_count(tree_.count() + 1);
 }
 
+// Nobody else knows the member yet, so it takes no access to write it.
+ref<set_member> B_tree_writer::add(std::string_view name, object_ref target) {
+  const ref_word word = target.word();
+  ref<set_member> member = set_member::create(std::move(target), name);
+  insert(name, member.word(), word);
+  static_cast<set_member*>(member.handle()->body())->join(ref<set_owner>(&tree_));
+  return member;
+}
+
 // Returns the page that the one below had to split off, for the caller to enter.
 std::optional<B_tree_writer::new_page> B_tree_writer::insert_below(index_page& page,
                                                                    std::string_view name,
                                                                    ref_word member,
                                                                    ref_word target) {
   const std::size_t into = page.upper_bound(name) - 1;
-  const write_access<B_page> access = modify(page_below(page, into));
+  const write_access<B_page> access(page_below(page, into));
   index_page& below = page_of(access, page, into);
   const std::size_t changed_at = below.upper_bound(name);
   if (below.is_leaf()) {
@@ -163,11 +170,15 @@ bool B_tree_writer::change_below(index_page& page, std::string_view name, const 
     return false;
   }
   const std::size_t end = page.upper_bound(name);
+  const bounds around = bounds_;
   for (std::size_t at = page.lower_bound(name) - 1; at < end; ++at) {
+    bounds_ = around;
+    if (at > 0) bounds_.lower = page.name(at);
+    if (at + 1 < page.size()) bounds_.upper = page.name(at + 1);
     std::size_t size = 0;
     std::uint64_t removed = 0;
     {
-      const write_access<B_page> access = modify(page_below(page, at));
+      const write_access<B_page> access(page_below(page, at));
       index_page& below = page_of(access, page, at);
       const std::uint64_t before = below.total();
       if (!change_below(below, name, member, change)) continue;
@@ -179,6 +190,29 @@ bool B_tree_writer::change_below(index_page& page, std::string_view name, const 
     return true;
   }
   return false;
+}
+
+// Whether the entry at `at` would stand there as well if that were its name: behind its equals, in
+// a page that is not to be split.
+bool B_tree_writer::is_place_of(std::string_view name, const index_page& leaf, std::size_t at,
+                                bool is_unique) const {
+  if (leaf.name_bytes() + name.size() > most_name_bytes) return false;
+  const auto before = at > 0 ? leaf.name(at - 1) : bounds_.lower;
+  const auto behind = at + 1 < leaf.size() ? leaf.name(at + 1) : bounds_.upper;
+  if (before && (is_unique ? name <= *before : name < *before)) return false;
+  return !behind || name < *behind;
+}
+
+bool B_tree_writer::rename(std::string_view name, const object_ref& member, std::string_view next,
+                           bool is_unique) {
+  bool is_done = false;
+  change(name, member, [&](index_page& leaf, std::size_t at) {
+    if (!is_place_of(next, leaf, at, is_unique)) return;
+    leaf.insert_member(at, next, leaf.member(at), leaf.target(at));
+    leaf.erase(at + 1);
+    is_done = true;
+  });
+  return is_done;
 }
 
 // `size`: entries of the page at `at`, which just lost one.
@@ -193,8 +227,8 @@ void B_tree_writer::merge_around(index_page& above, std::size_t at, std::size_t 
 bool B_tree_writer::merge(index_page& above, std::size_t left) {
   const bool are_leaves = above.level() == 1;
   if (are_leaves && above.count(left) + above.count(left + 1) > capacity_ / 2) return false;
-  const write_access<B_page> into = modify(page_below(above, left));
-  const write_access<B_page> from = modify(page_below(above, left + 1));
+  const write_access<B_page> into(page_below(above, left));
+  const write_access<B_page> from(page_below(above, left + 1));
   index_page& page = page_of(into, above, left);
   index_page& next = page_of(from, above, left + 1);
   if (&page == &next) throw_contradiction();
@@ -213,7 +247,7 @@ void B_tree_writer::collapse_root() {
   while (!root.is_leaf() && root.size() == 1) {
     index_page only;
     {
-      const write_access<B_page> access = modify(page_below(root, 0));
+      const write_access<B_page> access(page_below(root, 0));
       only = std::move(page_of(access, root, 0));
     }
     root = std::move(only);

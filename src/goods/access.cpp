@@ -31,24 +31,19 @@ cache_manager& session_of(const object_handle& handle) {
   return *session;
 }
 
-thread_attachment* here() {
-  const cache_manager* const session = cache_manager::current();
-  return session != nullptr ? session->attachment() : nullptr;
-}
-
 void count_write(bool is_transient) {
-  thread_attachment* const thread = here();
+  thread_attachment* const thread = current_attachment();
   if (thread != nullptr) ++(is_transient ? thread->transient_writes : thread->stored_writes);
 }
 
 void verify_limit() {
-  const thread_attachment* const thread = here();
+  const thread_attachment* const thread = current_attachment();
   if (thread != nullptr && thread->open() != nullptr) thread->open()->verify_limit();
 }
 
 // Whether a write access that an exception leaves may have changed something that stays.
 bool has_half_changed(object_handle& handle) {
-  const thread_attachment* const thread = here();
+  const thread_attachment* const thread = current_attachment();
   return thread != nullptr && thread->open() != nullptr && thread->open()->has_changed(handle);
 }
 
@@ -87,15 +82,15 @@ Body* begin_access(object_handle& handle, metaobject*& scheme,
 }
 
 template <class Body>
-void end_access(object_handle& handle, metaobject* scheme, Body* body, int exceptions_before,
+void end_access(object_handle& handle, metaobject* scheme, Body* body, bool failed,
                 void (metaobject::*end)(object_handle&, Body*, bool)) {
   if (scheme == nullptr) return body->unpin();
-  (scheme->*end)(handle, body, std::uncaught_exceptions() > exceptions_before);
+  (scheme->*end)(handle, body, failed);
 }
 
 }  // namespace
 
-changing_call::changing_call() : thread_(here()) {
+changing_call::changing_call() : thread_(current_attachment()) {
   if (thread_ == nullptr) return;
   stored_before_ = thread_->stored_writes;
   transient_before_ = thread_->transient_writes;
@@ -104,15 +99,17 @@ changing_call::changing_call() : thread_(here()) {
 
 changing_call::~changing_call() {
   if (std::uncaught_exceptions() <= exceptions_ || !has_changed()) return;
-  here()->open()->half_changed(error_code::usage, "a call in it failed after half of its changes.");
+  current_attachment()->open()->half_changed(error_code::usage,
+                                             "a call in it failed after half of its changes.");
 }
 
 void changing_call::failed(const error_info& error) const noexcept {
-  if (has_changed()) here()->open()->half_changed(error.code(), message_of(error));
+  if (has_changed()) current_attachment()->open()->half_changed(error.code(), message_of(error));
 }
 
 bool changing_call::has_changed() const {
-  if (thread_ == nullptr || thread_ != here() || thread_->open() == nullptr) return false;
+  if (thread_ == nullptr || thread_ != current_attachment()) return false;
+  if (thread_->open() == nullptr) return false;
   return thread_->stored_writes != stored_before_ ||
          (counts_transient_ && thread_->transient_writes != transient_before_);
 }
@@ -122,7 +119,8 @@ read_access_base::read_access_base(object_ref reference)
       body_(begin_access(*reference_.handle(), scheme_, &metaobject::begin_read_access)) {}
 
 read_access_base::~read_access_base() noexcept(false) {
-  end_access(*reference_.handle(), scheme_, body_, exceptions_, &metaobject::end_read_access);
+  const bool failed = scheme_ != nullptr && std::uncaught_exceptions() > exceptions_;
+  end_access(*reference_.handle(), scheme_, body_, failed, &metaobject::end_read_access);
 }
 
 write_access_base::write_access_base(object_ref reference)
@@ -142,7 +140,7 @@ write_access_base::~write_access_base() noexcept(false) {
   if (has_ended_well || (scheme_ != nullptr && has_half_changed(*reference_.handle()))) {
     count_write(scheme_ == nullptr);
   }
-  end_access(*reference_.handle(), scheme_, body_, exceptions_, &metaobject::end_write_access);
+  end_access(*reference_.handle(), scheme_, body_, !has_ended_well, &metaobject::end_write_access);
 }
 
 void check_body(const object& body, const class_descriptor& expected) {

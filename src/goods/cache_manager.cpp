@@ -57,6 +57,10 @@ cache_manager::~cache_manager() {
   for (const auto& attachment : attachments_) attachment->leave_session();
 }
 
+thread_attachment* current_attachment() {
+  return fast_slot != nullptr && fast_slot->session() != nullptr ? fast_slot : nullptr;
+}
+
 cache_manager* cache_manager::current() {
   return fast_slot == nullptr ? nullptr : fast_slot->session();
 }

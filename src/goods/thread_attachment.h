@@ -54,4 +54,7 @@ class thread_attachment {
   std::unique_ptr<transaction> transaction_;
 };
 
+// The calling thread's stay in a session, or null.
+thread_attachment* current_attachment();
+
 }  // namespace goods

@@ -2,6 +2,9 @@
 #include <tarns/schema/TarnFactory.h>
 #include <tarns/util/XStringList.h>
 
+#include <atomic>
+#include <cstddef>
+#include <cstdint>
 #include <cstring>
 #include <mutex>
 
@@ -14,6 +17,33 @@ std::mutex& ChainLock() {
   static std::mutex lock;
   return lock;
 }
+
+// How often the chain has changed.
+std::atomic<std::uint64_t> chainVersion{0};
+
+// What the thread has made last: mostly it makes more of the same. The name is a copy, since the
+// class may have gone with its library.
+struct LastMade {
+  static constexpr std::size_t kMostLength = 63;
+
+  const TarnFactory* askedIn = nullptr;
+  std::uint64_t version = 0;  // of the chain
+  TarnFactory::CreateFunction create = nullptr;
+  char type[kMostLength + 1] = {};
+
+  bool is(const TarnFactory& asked, const char* typeName) const {
+    return askedIn == &asked && version == chainVersion && std::strcmp(type, typeName) == 0;
+  }
+  void set(const TarnFactory& asked, const char* typeName, TarnFactory::CreateFunction function) {
+    const std::size_t length = std::strlen(typeName);
+    askedIn = length <= kMostLength ? &asked : nullptr;
+    if (askedIn == nullptr) return;
+    std::memcpy(type, typeName, length + 1);
+    version = chainVersion;
+    create = function;
+  }
+};
+[[gnu::tls_model("initial-exec")]] thread_local LastMade lastMade;
 
 // The factory of TarnObject, which is always registered first; guarded as the chain is.
 TarnFactory*& Head() {
@@ -29,6 +59,7 @@ TarnFactory::TarnFactory(CreateFunction create, TypeFunction getType)
   // TarnObject is the head.
   if (std::strcmp(getType(), TarnObject::GetType()) != 0) TarnObject::SelfClass();
   const std::lock_guard guard(ChainLock());
+  ++chainVersion;
   if (Head() == nullptr) {
     Head() = this;
   } else {
@@ -38,6 +69,7 @@ TarnFactory::TarnFactory(CreateFunction create, TypeFunction getType)
 
 TarnFactory::~TarnFactory() {
   const std::lock_guard guard(ChainLock());
+  ++chainVersion;
   for (TarnFactory** link = &Head(); *link != nullptr; link = &(*link)->next_) {
     if (*link != this) continue;
     *link = next_;
@@ -53,6 +85,7 @@ const TarnFactory& TarnFactory::GetHead() {
 
 TarnObject* TarnFactory::createOfType(const char* typeName) const {
   if (typeName == nullptr) return nullptr;
+  if (lastMade.is(*this, typeName)) return lastMade.create();
   CreateFunction create = nullptr;
   {
     const std::lock_guard guard(ChainLock());
@@ -60,7 +93,10 @@ TarnObject* TarnFactory::createOfType(const char* typeName) const {
     while (factory != nullptr && std::strcmp(factory->getType_(), typeName) != 0) {
       factory = factory->next_;
     }
-    if (factory != nullptr) create = factory->create_;
+    if (factory != nullptr) {
+      create = factory->create_;
+      lastMade.set(*this, typeName, create);
+    }
   }
   return create != nullptr ? create() : nullptr;
 }

@@ -111,10 +111,11 @@ class TARNS_API TarnBundle : public TarnObject {
   };
   bool findSpace(Space& space) const;
   void makeSpace();
+  void findOrMakeSpace(Space& space);
+  xcptref<TarnObject> takeObject(Space& space, bool& isFresh);
   void rename(const Space& space);
-  Space nextSpace();
   void settle();
-  void markAsFree(const xcptref<TarnObject>& child);
+  void markAsFree(const xcptref<TarnObject>& child, const xcptref<TarnObject>& blocks);
 
   // What together() has put off, within it; without block: nothing.
   Space* putOff_ = nullptr;
