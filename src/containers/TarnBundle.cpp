@@ -64,6 +64,21 @@ void Renew(TarnObject& object) {
   TarnNodeAccess::CopyState(static_cast<const TarnObject&>(*fresh.handle()->body()), object);
 }
 
+// As TarnObjects::insert(), for a child whose body is at hand.
+void Enter(const xcptref<TarnObjects>& children, std::string_view name, const TarnRef& child,
+           TarnObject& body) {
+  const auto index = modify(children);
+  const goods::ref_word parent = index->getParentWord();
+  const bool mayBeAbove = !TarnNodeAccess::ChildrenOf(body).is_null() || parent == child.word() ||
+                          (parent.is_id() && parent.id() == child.id());
+  if (mayBeAbove) return index->insert(name, child);
+  const auto entry = index->link(name, child);
+  if (child.handle()->wanted_storage() == goods::object_handle::no_storage) {
+    body.cluster_with(children);
+  }
+  body.adoptOrphan(entry, !TarnNodeAccess::ParentLinkOf(body).is_null());
+}
+
 // The child of that name in an index (null has none), or null.
 const TarnObject* LookAt(goods::reader& reader, const TarnObjects* index, std::string_view name) {
   const auto entry = index != nullptr ? index->find(reader, name) : std::nullopt;
@@ -225,8 +240,8 @@ xcptref<TarnObject> TarnBundle::newChild(const char* name) {
     const auto body = modify(child);
     if (!isFresh) Renew(*body);
     body->initialize();
+    Enter(children, text, child, *body);
   }
-  modify(children)->insert(text, child);
   if (putOff_ == nullptr) rename(own);  // by what is free now
   return child;
 }
