@@ -32,17 +32,15 @@ goods::ref<goods::set_member> EntryCalled(const TarnRef& node, const char* name)
   return node.is_null() ? nullptr : node->getIterTo(name).getEntry();
 }
 
-goods::ref<goods::set_member> ParentLinkOf(const TarnRef& node) {
-  return goods::read_here([&](goods::reader& reader) {
-    return goods::ref<goods::set_member>::trusted(
-        goods::to_reference(TarnNodeAccess::ParentLinkOf(*reader.get(node))));
-  });
-}
-
 // The entry of a node's child: its link to the parent unless it has its parent elsewhere.
 goods::ref<goods::set_member> EntryOf(const TarnRef& node, const TarnRef& child) {
-  if (child->getParent() == node) return ParentLinkOf(child);
-  goods::ref<goods::set_member> found;
+  auto found = goods::read_here([&](goods::reader& reader) {
+    const TarnObject& body = *reader.get(child);
+    const bool isHere = TarnNodeAccess::ParentOf(reader, body) == reader.get(node);
+    return goods::ref<goods::set_member>::trusted(
+        isHere ? goods::to_reference(TarnNodeAccess::ParentLinkOf(body)) : goods::object_ref());
+  });
+  if (!found.is_null()) return found;
   ForEachEntry(node->getChildren(), [&](const goods::held_entry& entry, const TarnRef& target) {
     if (target == child) found = entry.member;
     return found.is_null();

@@ -497,6 +497,22 @@ TEST_P(BundleTest, ReplacesAnObjectThatWasLost) {
   EXPECT_EQ(modify(bundle)->newChild("again"), made);
 }
 
+// As others may name blocks by path.
+TEST_P(BundleTest, RefusesToFillAFullBlockThatIsNamedAsOneWithRoom) {
+  const auto bundle = addBundle("b", "TarnObject");
+  fill(bundle, 1000);
+  modify(bundle->getChildWithName("Blocks~0000"))->setName("0001");
+  const auto thrown = ThrowsTarn(0, HasSubstr("Invalid bundle block index 1024"));
+  EXPECT_THAT([&] { modify(bundle)->newChild("one"); }, thrown);
+  EXPECT_THAT(
+      [&] {
+        const auto body = modify(bundle);
+        body->together([&] { body->newChild("one"); });
+      },
+      thrown);
+  EXPECT_EQ(bundle->getNumBundledChildren(), 1000U);
+}
+
 // --- In the storage -----------------------------------------------------------------------------
 
 TEST(StoredBundleTest, HandingOutASlotWritesBytesAndNotABlock) {

@@ -12,6 +12,7 @@
 #include <goods/object_handle.h>
 
 #include "errors_matcher.h"
+#include "goods/B_tree_writer.h"
 
 namespace goods::testing {
 namespace {
@@ -30,6 +31,25 @@ class B_treeTest : public ::testing::Test {
     EXPECT_TRUE(modify(tree_)->remove(entry->second));
     EXPECT_TRUE(entry->second->owner().is_null());
     model_.erase(entry);
+  }
+
+  // Where it stands, if its place is there, otherwise by removing and inserting it.
+  bool rename(std::multimap<std::string, ref<set_member>>::iterator entry, const std::string& name,
+              bool is_unique) {
+    const ref<set_member> member = entry->second;
+    const bool in_place =
+        B_tree_writer(*modify(tree_)).rename(entry->first, member, name, is_unique);
+    model_.erase(entry);
+    if (in_place) {
+      EXPECT_FALSE(is_unique && model_.contains(name));
+      modify(member)->set_key(name);
+    } else {
+      EXPECT_TRUE(modify(tree_)->remove(member));
+      modify(member)->set_key(name);
+      modify(tree_)->insert(member);
+    }
+    model_.emplace(name, member);
+    return in_place;
   }
 
   auto any(std::mt19937& random) {
@@ -127,6 +147,27 @@ TEST_F(B_treeTest, BehavesLikeASortedMultimap) {
     while (!model_.empty()) remove(any(random));
     expect_equal_to_model();
     EXPECT_EQ(statistics().pages, 0U);
+  }
+}
+
+TEST_F(B_treeTest, RenamesEntriesWhereTheyStand) {
+  for (unsigned seed = 0; seed < 4; ++seed) {
+    SCOPED_TRACE(::testing::Message() << "seed " << seed);
+    std::mt19937 random(seed);
+    const unsigned names = seed % 2 == 0 ? 40 : 5000;
+    for (unsigned i = 0; i < 2000; ++i) add("n" + std::to_string(random() % names));
+    unsigned in_place = 0;
+    for (unsigned step = 0; step < 4000; ++step) {
+      const auto entry = any(random);
+      const bool is_near = random() % 2 == 0;
+      const std::string name =
+          is_near ? entry->first + "!" : "n" + std::to_string(random() % names);
+      if (rename(entry, name, random() % 2 == 0)) ++in_place;
+      if (step % 500 == 0) expect_equal_to_model();
+    }
+    EXPECT_GT(in_place, 20U);
+    EXPECT_LT(in_place, 3900U);
+    while (!model_.empty()) remove(any(random));
   }
 }
 
