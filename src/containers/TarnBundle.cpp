@@ -72,7 +72,7 @@ void Enter(const xcptref<TarnObjects>& children, std::string_view name, const Ta
   if (mayBeAbove) return index->insert(name, child);
   const auto entry = index->link(name, child);
   if (child.handle()->wanted_storage() == goods::object_handle::no_storage) {
-    body.cluster_with(children);
+    PlaceBeside(body, parent);
   }
   body.adoptOrphan(entry, !TarnNodeAccess::ParentLinkOf(body).is_null());
 }
@@ -145,12 +145,13 @@ class BlockSearch {
     return false;
   }
 
+  // The number may be another object's by now.
   bool isOneOfBlocks(goods::object_id id) const {
     return goods::read_here([&](goods::reader& reader) {
-      const auto* object = static_cast<const TarnObject*>(
-          reader.look(goods::ref_word::of(id), TarnObject::self_class));
-      return TarnBundleBlock::self_class.is_superclass_for(object->cls()) &&
-             TarnNodeAccess::ParentOf(reader, *object) == reader.get(blocks_);
+      const goods::object* object = reader.look(goods::ref_word::of(id), goods::object::self_class);
+      if (!TarnBundleBlock::self_class.is_superclass_for(object->cls())) return false;
+      const auto& block = static_cast<const TarnBundleBlock&>(*object);
+      return TarnNodeAccess::ParentOf(reader, block) == reader.get(blocks_);
     });
   }
 
@@ -231,7 +232,7 @@ xcptref<TarnObject> TarnBundle::newChild(const char* name) {
   Space own;
   Space& space = putOff_ != nullptr ? *putOff_ : own;
   bool isFresh = false;
-  const TarnRef child = takeObject(space, isFresh);
+  TarnRef child = takeObject(space, isFresh);
   // initialize() may use the bundle, too.
   const xcptref<TarnObjects> children = space.children;
   {
@@ -391,6 +392,8 @@ bool TarnBundle::deleteBundledChild(const char* name) {
   goods::ref<goods::set_member> entry;
   TarnRef child, blocks;
   goods::read_here([&](goods::reader& reader) {
+    entry = nullptr;
+    blocks = nullptr;
     const TarnObjects* own = TarnNodeAccess::IndexOf(reader, Current(reader, *this));
     const TarnObject* list = LookAt(reader, own, kBundledChildren);
     const TarnObjects* index = list != nullptr ? TarnNodeAccess::IndexOf(reader, *list) : nullptr;

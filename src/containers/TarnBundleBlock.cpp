@@ -73,12 +73,12 @@ const xcptref<TarnBundleSlots>& TarnBundleBlock::makeSlots() {
 
 void TarnBundleBlock::initialize(const char* className) {
   if (className == nullptr) className = "";
-  TarnRef child = CreateOfType(className);
-  if (child.is_null()) TarnException::ThrowMissingDescriptor(className);
+  const TarnRef first = CreateOfType(className);
+  if (first.is_null()) TarnException::ThrowMissingDescriptor(className);
   auto slots = modify(makeSlots());
-  for (std::size_t index = 0; index < kCapacity; ++index) {
-    slots->setAt(index, std::move(child));
-    if (index + 1 < kCapacity) child = CreateOfType(className);
+  slots->setAt(0, first);
+  for (std::size_t index = 1; index < kCapacity; ++index) {
+    slots->setAt(index, CreateOfType(className));
   }
   firstFresh_ = 0;
 }

@@ -91,8 +91,7 @@ void TarnObjects::adopt(const goods::ref<goods::set_member>& entry,
   auto node = modify(child);
   if (child.handle()->wanted_storage() == goods::object_handle::no_storage &&
       !HasNoPlace(parent_.word())) {
-    // Beside the parent; where this index is stored, that is beside the index.
-    node->cluster_with(handle()->is_transient() ? getParent() : goods::object_ref(handle()));
+    PlaceBeside(*node, parent_.word());
   }
   node->adoptOrphan(entry, !TarnNodeAccess::ParentLinkOf(*node).is_null());
 }

@@ -99,6 +99,15 @@ bool AddChildNames(const std::function<const TarnObject*(goods::reader&)>& find,
 template <class Visit>
 void ForEachEntry(const goods::ref<TarnObjects>& index, Visit&& visit);
 
+// As cluster_with(), without making a handle for a node that is stored.
+inline void PlaceBeside(TarnObject& node, goods::ref_word other) {
+  if (other.is_id()) {
+    node.attach_to_storage(nullptr, goods::storage_of(other.id()));
+  } else {
+    node.cluster_with(goods::to_reference(other));
+  }
+}
+
 // Gives the entry another name where it stands. False, and nothing changed, when it is to move for
 // that, or is not there, or when `isUnique` is asked for and another entry has the name.
 bool RenameInPlace(TarnObjects& children, const goods::ref<goods::set_member>& entry,

@@ -43,7 +43,7 @@ struct LastMade {
     create = function;
   }
 };
-[[gnu::tls_model("initial-exec")]] thread_local LastMade lastMade;
+thread_local LastMade lastMade;
 
 // The factory of TarnObject, which is always registered first; guarded as the chain is.
 TarnFactory*& Head() {
