@@ -140,7 +140,7 @@ TEST_P(TarnBranchWalkTest, GoesThroughRanges) {
   };
   Lines all;
   add(TarnBranchWalk(root()), all);
-  EXPECT_EQ(all.size(), 6'223U);
+  EXPECT_EQ(all.size(), 6'222U);
   // Among names and beside them, before the first and behind the last.
   const Lines cuts[] = {{"1"},     {"500"}, {"5000"},
                         {"", "!"}, {"~"},   {"0", "1", "2", "20", "200", "2x"}};
