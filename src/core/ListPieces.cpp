@@ -186,17 +186,18 @@ void ListPieces::finish(Entry& entry, const std::string& behind) {
   const std::string end = piece.range.to;
   const bool hasMore = !behind.empty() && (end.empty() || behind < end);
   auto place = std::ranges::find_if(entries_, [&](const Entry& each) { return &each == &entry; });
-  const auto add = [&](const std::string& from, const std::string& to, State state) {
-    auto next = std::make_unique<Piece>();
-    next->range = {from, to};
-    place = entries_.insert(std::next(place), Entry{std::move(next), state});
-  };
+  if (hasMore) insertBehind(place, {behind, end}, State::kWaits);
   piece.range.to = hasMore ? behind : end;
-  if (piece.nodes) {
-    add(piece.tooMuch, piece.range.to, State::kDone);
-    piece.range.to = piece.tooMuch;
-  }
-  if (hasMore) add(behind, end, State::kWaits);
+  if (!piece.nodes) return;
+  insertBehind(place, {piece.tooMuch, piece.range.to}, State::kDone);
+  piece.range.to = piece.tooMuch;
+}
+
+void ListPieces::insertBehind(std::list<Entry>::iterator place, TarnBranchWalk::Range range,
+                              State state) {
+  auto piece = std::make_unique<Piece>();
+  piece->range = std::move(range);
+  entries_.insert(std::next(place), Entry{std::move(piece), state});
 }
 
 }  // namespace tarns

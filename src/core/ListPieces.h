@@ -74,6 +74,8 @@ class ListPieces {
   Entry* take() REQUIRES(lock_);
   void write(Entry& entry);
   void finish(Entry& entry, const std::string& behind);
+  void insertBehind(std::list<Entry>::iterator place, TarnBranchWalk::Range range, State state)
+      REQUIRES(lock_);
 
   const TarnRef parent_;
   const Write write_;
