@@ -270,8 +270,6 @@ void NodeWriter::writeNextPiece(Block& block) {
     return;
   }
   const bool isNew = piece->nodes && places_->noteAll(*piece->nodes);
-  fprintf(stderr, "piece %s..%s nodes %d new %d len %zu\n", piece->range.from.c_str(),
-          piece->range.to.c_str(), (int)piece->nodes.has_value(), (int)isNew, piece->text.size());
   if (!isNew) {
     if (piece->nodes) block.pieces->wasUseless();
     block.walk.emplace(block.top, piece->range);
