@@ -39,6 +39,28 @@ bool take_varint(std::span<const std::byte>& from, std::uint64_t& value) {
   return true;
 }
 
+// How many bytes of a record a value takes whose type that is.
+std::uint64_t size_of_type(std::uint64_t type) {
+  constexpr std::array<std::uint8_t, 12> fixed = {0, 1, 2, 3, 4, 6, 8, 8, 0, 0, 0, 0};
+  return type < fixed.size() ? fixed[type] : (type - fixed.size()) / 2;
+}
+
+// The blob, or text, that is the second value of a record (id, body): SQLite takes the id from the
+// cell, whatever stands for it here, and gives the bytes of a text when it is asked for a blob.
+// False when the record is none of ours.
+bool take_body(std::span<const std::byte> record, std::span<const std::byte>& body) {
+  std::span<const std::byte> types = record;
+  std::uint64_t header_length = 0, id_type = 0, body_type = 0;
+  if (!take_varint(types, header_length) || !take_varint(types, id_type) ||
+      !take_varint(types, body_type) || header_length > record.size() || body_type < 12)
+    return false;
+  const std::uint64_t left = record.size() - header_length, id_size = size_of_type(id_type);
+  const std::uint64_t size = size_of_type(body_type);
+  if (id_size > left || size > left - id_size) return false;
+  body = record.subspan(header_length + id_size, size);
+  return true;
+}
+
 // The checksum that runs through a write-ahead log.
 struct log_checksum {
   std::uint32_t first = 0, second = 0;
@@ -138,8 +160,8 @@ unsigned page_file::cells_of(std::uint32_t number, const page& in) const {
 bool page_file::read_cell(std::uint32_t number, const page& in, unsigned cell, std::int64_t& key,
                           std::vector<std::byte>& body) {
   const std::size_t header = number == 1 ? database_header_size : 0;
-  const std::size_t at = big16(&in[header + 8 + 2 * std::size_t{cell}]);
-  if (at >= page_size) return false;
+  // SQLite does not look at the bits that no place in a page has either.
+  const std::size_t at = big16(&in[header + 8 + 2 * std::size_t{cell}]) % page_size;
   std::span<const std::byte> rest = std::span(in).subspan(at);
   std::uint64_t length = 0, id = 0;
   if (!take_varint(rest, length) || !take_varint(rest, id) || length > longest_payload)
@@ -166,15 +188,9 @@ bool page_file::read_cell(std::uint32_t number, const page& in, unsigned cell, s
       next = big32(more.data());
     }
   }
-  // The record: length of its header, then the types of id (null, since it is the key) and body.
-  std::span<const std::byte> record(payload);
-  std::uint64_t header_length = 0, id_type = 0, body_type = 0;
-  if (!take_varint(record, header_length) || !take_varint(record, id_type) ||
-      !take_varint(record, body_type) || header_length > payload.size() || id_type != 0 ||
-      body_type < 12 || body_type % 2 != 0 || (body_type - 12) / 2 > payload.size() - header_length)
-    return false;
-  const auto from = payload.begin() + static_cast<std::ptrdiff_t>(header_length);
-  body.assign(from, from + static_cast<std::ptrdiff_t>((body_type - 12) / 2));
+  std::span<const std::byte> found;
+  if (!take_body(payload, found)) return false;
+  body.assign(found.begin(), found.end());
   return true;
 }
 
