@@ -259,6 +259,56 @@ TEST_F(SalvageTest, TheLogCountsAndDamageToItTakesOnlyWhatIsThere) {
   EXPECT_EQ(salvage(), values_);
 }
 
+// SQLite has no checksums, and does not look at every byte of its own: what it reads in spite of
+// damage is salvaged, too.
+TEST_F(SalvageTest, WhatSQLiteReadsOverIsRead) {
+  const auto number = [](const std::string& in, std::size_t at, int bytes) {
+    std::size_t read = 0;
+    for (int i = 0; i < bytes; ++i) read = read << 8 | static_cast<unsigned char>(in.at(at++));
+    return read;
+  };
+  // Pages that are free afterwards, and the list of them.
+  inDamaged([&](TarnManager& manager) {
+    std::string large(200'000, '\0');
+    std::minstd_rand random;
+    for (char& c : large) c = static_cast<char>('A' + random() % 26);
+    manager.set("machines~saw~speed", large);
+  });
+  inDamaged([&](TarnManager& manager) { manager.set("machines~saw~speed", "5"); });
+  const std::string good = goods::read_file(file_);
+  constexpr std::size_t page = 4096;
+  const std::size_t list = (number(good, 32, 4) - 1) * page, listed = number(good, list + 4, 4);
+  ASSERT_GT(listed, 8U);
+  const auto isLast = [&](std::size_t at) { return number(good, at, 1) < 0x80; };
+  std::string cells = good, types = good, free = good;
+  for (std::size_t at = page; at < good.size(); at += page) {
+    const bool isLeaf = good[at] == 0x0d;
+    const std::size_t next = at / page + 1;
+    if (isLeaf && next <= listed) free.at(list + 8 + 4 * (next - 2) + 3) = static_cast<char>(next);
+    for (std::size_t i = 0; isLeaf && i < number(good, at + 3, 2); ++i) {
+      const std::size_t place = at + 8 + 2 * i;
+      cells.at(place) |= '\xf0';
+      std::size_t in = at + number(good, place, 2);
+      for (int skipped = 0; skipped < 2; ++in) skipped += isLast(in) ? 1 : 0;  // length and key
+      ++in;              // the length of the types
+      types.at(in) = 8;  // a number stands in the place of the key
+      while (!isLast(++in)) continue;
+      types.at(in) |= 1;  // and a text in that of the body
+    }
+  }
+  const std::pair<const char*, const std::string*> damages[] = {
+      {"places of cells", &cells}, {"types of values", &types}, {"the list of free pages", &free}};
+  for (const auto& [what, content] : damages) {
+    SCOPED_TRACE(what);
+    ASSERT_NE(*content, good);
+    goods::write_file(file_, *content);
+    EXPECT_EQ(salvage(), values_);
+    inDamaged([&](TarnManager& manager) { EXPECT_EQ(PictureOf(manager), values_); });
+    fs::remove_all(directory_.file("old/data"));
+    fs::create_directory(directory_.file("old/data"));
+  }
+}
+
 // The database under any damage: what could be read is there, and nothing else is.
 // TARNS_SALVAGE_SEED says where chance begins.
 TEST_F(SalvageTest, WhatCouldBeReadIsThereAndNothingIsWrong) {

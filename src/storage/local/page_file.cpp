@@ -10,6 +10,9 @@ namespace goods {
 namespace {
 
 constexpr std::size_t log_header = 32, frame_header = 24;
+constexpr std::byte inner_page{0x05}, leaf_page{0x0d};  // of a table
+// make_store() makes the tables first, one after the other, and there they begin for ever.
+constexpr std::uint32_t last_first_page = 1 + store_tables;
 constexpr std::size_t longest_payload = longest_row + 256;  // a row with its frame and header
 
 std::uint32_t big32(const std::byte* at) {
@@ -21,6 +24,9 @@ std::uint16_t big16(const std::byte* at) {
   return static_cast<std::uint16_t>(std::to_integer<unsigned>(at[0]) << 8 |
                                     std::to_integer<unsigned>(at[1]));
 }
+
+// Of a cell in its page. SQLite does not look at bits that no such place has.
+std::size_t place_of(const std::byte* at) { return big16(at) % page_file::page_size; }
 
 // SQLite's own: high bits first, nine bytes at most. False when the bytes end before it.
 bool take_varint(std::span<const std::byte>& from, std::uint64_t& value) {
@@ -86,6 +92,7 @@ page_file::page_file(const std::string& path) : file_(storage_disk::instance().o
       std::min<std::uint64_t>((file_->size() + page_size - 1) / page_size, 0xfffffffe));
   read_log(path + "-wal");
   read_free_list();
+  if (!free_.empty()) keep_pages_of_tables();
 }
 
 // What a cut file lacks at its end reads as zeros.
@@ -149,10 +156,26 @@ void page_file::read_free_list() {
   }
 }
 
+// SQLite asks the list for room only: whatever a damaged one says, it reads the pages that a table
+// consists of.
+void page_file::keep_pages_of_tables() {
+  for (std::uint32_t number = 1; number <= last_first_page; ++number) free_.erase(number);
+  page in;
+  for (std::uint32_t number = 2; number <= pages_; ++number) {
+    if (free_.contains(number) || !read_page(number, in) || in[0] != inner_page) continue;
+    free_.erase(big32(&in[8]));
+    const unsigned cells = std::min<unsigned>(big16(&in[3]), (page_size - 12) / 2);
+    for (unsigned cell = 0; cell < cells; ++cell) {
+      const std::size_t at = place_of(&in[12 + 2 * std::size_t{cell}]);
+      if (at + 4 <= page_size) free_.erase(big32(&in[at]));
+    }
+  }
+}
+
 // Of a leaf of a table; 0 for any other page.
 unsigned page_file::cells_of(std::uint32_t number, const page& in) const {
   const std::size_t header = number == 1 ? database_header_size : 0;
-  if (in[header] != std::byte{0x0d} || free_.contains(number)) return 0;
+  if (in[header] != leaf_page || free_.contains(number)) return 0;
   return std::min<unsigned>(big16(&in[header + 3]),
                             static_cast<unsigned>((page_size - header - 8) / 2));
 }
@@ -160,8 +183,7 @@ unsigned page_file::cells_of(std::uint32_t number, const page& in) const {
 bool page_file::read_cell(std::uint32_t number, const page& in, unsigned cell, std::int64_t& key,
                           std::vector<std::byte>& body) {
   const std::size_t header = number == 1 ? database_header_size : 0;
-  // SQLite does not look at the bits that no place in a page has either.
-  const std::size_t at = big16(&in[header + 8 + 2 * std::size_t{cell}]) % page_size;
+  const std::size_t at = place_of(&in[header + 8 + 2 * std::size_t{cell}]);
   std::span<const std::byte> rest = std::span(in).subspan(at);
   std::uint64_t length = 0, id = 0;
   if (!take_varint(rest, length) || !take_varint(rest, id) || length > longest_payload)

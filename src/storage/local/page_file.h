@@ -48,6 +48,7 @@ class page_file {
   bool read_page(std::uint32_t number, page& into);
   void read_log(const std::string& path);
   void read_free_list();
+  void keep_pages_of_tables();
   unsigned cells_of(std::uint32_t number, const page& in) const;
   bool read_cell(std::uint32_t number, const page& in, unsigned cell, std::int64_t& key,
                  std::vector<std::byte>& body);

@@ -16,7 +16,7 @@ struct table {
 };
 
 // The text is compared with what SQLite has stored: leave it as it is, blanks included.
-constexpr table tables[] = {
+constexpr table tables[store_tables] = {
     {"about", "CREATE TABLE about(id INTEGER PRIMARY KEY, body BLOB NOT NULL)"},
     {"segments", "CREATE TABLE segments(id INTEGER PRIMARY KEY, body BLOB NOT NULL)"},
     {"pieces", "CREATE TABLE pieces(id INTEGER PRIMARY KEY, body BLOB NOT NULL)"},

@@ -21,6 +21,7 @@ inline constexpr std::uint32_t store_format = 3;
 inline constexpr std::uint32_t store_application = 0x5441524e;
 
 inline constexpr std::size_t database_header_size = 100;
+inline constexpr std::size_t store_tables = 7;
 
 // Longest content of a row of any table but segments.
 inline constexpr std::size_t longest_row = std::size_t{16} << 20;
