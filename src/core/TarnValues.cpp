@@ -53,6 +53,9 @@ bool TarnStringValue::getValue(TarnData& out) const {
 
 bool TarnStringValue::setTarnValue(const TarnData& value) {
   value_.set(value.getText());
+  // Mostly only the text has changed, which is an object of its own.
+  goods::cache_manager* const session = goods::cache_manager::current();
+  if (session != nullptr) session->touched(*handle());
   return true;
 }
 

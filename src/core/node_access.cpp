@@ -170,6 +170,7 @@ bool FindInIndex(goods::reader& reader, const TarnObject& node, std::string_view
                  goods::ref_word& child) {
   child = {};
   if (!node.getClass().may_be_guest()) return false;  // it may find children elsewhere
+  const goods::guest_scope guests(reader, goods::guest_scope::policy::at_first);
   const TarnObjects* index = TarnNodeAccess::IndexOf(reader, node);
   if (index == nullptr) return true;
   if (const auto entry = index->find(reader, name)) child = entry->target;

@@ -3,11 +3,15 @@
 #include <goods/cache_manager.h>
 #include <tarns/core/TarnBranches.h>
 #include <tarns/core/TarnValue.h>
+#include <tarns/core/TarnValues.h>
 #include <tarns/schema/TarnClassDescriptor.h>
 
 #include <string>
+#include <utility>
 
 #include "core/node_access.h"
+#include "core/value_index_changes.h"
+#include "goods/thread_attachment.h"
 
 namespace tarns {
 
@@ -15,10 +19,11 @@ namespace {
 
 // Where a path leads to, as far as it leads.
 struct Place {
-  enum Kind { kNode, kMember, kMissing };
+  enum Kind { kNode, kMember, kMissing, kText };
   Kind kind;
   TarnRef node;           // the node itself; the one with the member; the last one that exists
   std::string_view rest;  // the member's name; the branches that are missing
+  goods::ref<goods::String> text = {};  // that the value at the place is, and nothing else
 };
 
 enum class Sought { kNode, kValue };
@@ -28,27 +33,60 @@ bool IsMember(const TarnObject& node, std::string_view name) {
   return node.getClass().hasDataMembers() && node.getClass().findMember(name) != nullptr;
 }
 
+// Nodes on the way are looked at in passing; a member may be one. `word`: where it is.
+const TarnObject* NextOnTheWay(goods::reader& reader, const TarnObject& node, std::string_view name,
+                               goods::ref_word& word) {
+  if (!node.getClass().hasDataMembers()) {
+    return PassToChild(reader, node, name, goods::guest_scope::policy::at_first, word);
+  }
+  const TarnObject* const child = node.findChild(reader, name);
+  if (child != nullptr) word = goods::ref_word::of(child->handle());
+  return child;
+}
+
+// The text of a value that may be stored without writing the value's node, which has been locked as
+// if it was; null where there is none.
+goods::ref<goods::String> TextToWrite(goods::ref_word value) {
+  goods::cache_manager* const session = goods::cache_manager::current();
+  if (session == nullptr || !value.is_id()) return {};
+  goods::transaction* const open = session->attachment()->open();
+  if (open == nullptr || !open->is_explicit()) return {};
+  const goods::object* const node = open->look_beside_write(value.id());
+  if (node == nullptr || &node->cls() != &TarnStringValue::self_class) return {};
+  // Indexes are kept by the nodes that a transaction writes. Not before the lock: who declares one
+  // has read the value by then, or waits for it.
+  if (MayHaveValueIndexes(*session)) return {};
+  const auto& text = static_cast<const TarnStringValue&>(*node).getTarnString().getReference();
+  return goods::ref<goods::String>::trusted(HeldTo(text.word()));
+}
+
 Place Locate(const TarnRef& from, std::string_view path, Sought sought) {
   return goods::read_here([&](goods::reader& reader) -> Place {
     const TarnObject* node = reader.get(from);
+    goods::ref_word at = from.word();
+    const auto here = [&] { return TarnRef::Trusted(goods::to_reference(at)); };
     const TarnBranches branches(path);
     for (auto branch = branches.begin(); branch != branches.end(); ++branch) {
       if (sought == Sought::kValue && branch.isLast() && IsMember(*node, *branch)) {
-        return {Place::kMember, node->getSelf(), *branch};
+        return {Place::kMember, here(), *branch};
       }
-      goods::ref_word value;
+      goods::ref_word next;
       // What is going to be written must not be looked at: it would be locked for reading before it
       // is locked for writing, and two that do so wait for each other.
-      if (sought == Sought::kValue && branch.isLast() && reader.in_transaction() &&
-          FindInIndex(reader, *node, *branch, value)) {
-        if (value.is_null()) return {Place::kMissing, node->getSelf(), branch.rest()};
-        return {Place::kNode, TarnRef::Trusted(goods::to_reference(value)), {}};
+      if (sought == Sought::kValue && branch.isLast() &&
+          FindInIndex(reader, *node, *branch, next)) {
+        if (next.is_null()) return {Place::kMissing, here(), branch.rest()};
+        if (auto text = TextToWrite(next); !text.is_null()) {
+          return {Place::kText, {}, {}, std::move(text)};
+        }
+        at = next;
+        return {Place::kNode, here(), {}};
       }
-      const TarnObject* next = node->findChild(reader, *branch);
-      if (next == nullptr) return {Place::kMissing, node->getSelf(), branch.rest()};
-      node = next;
+      node = NextOnTheWay(reader, *node, *branch, next);
+      if (node == nullptr) return {Place::kMissing, here(), branch.rest()};
+      at = next;
     }
-    return {Place::kNode, node->getSelf(), {}};
+    return {Place::kNode, here(), {}};
   });
 }
 
@@ -189,6 +227,10 @@ enum class Missing { kCreate, kRefuse };
 // Stores a value where something is; false when nothing is, or the path leads elsewhere by now.
 bool StoreAt(const Finding& place, const TarnData& value, std::string_view path) {
   if (place->kind == Place::kMissing) return false;
+  if (place->kind == Place::kText) {
+    modify(place->text)->set(value.getText());
+    return true;
+  }
   auto node = modify(place->node);
   if (!place.stillHolds()) return false;
   if (place->kind == Place::kNode) {

@@ -1,6 +1,7 @@
 #include <goods/access.h>
 
 #include <string>
+#include <type_traits>
 
 #include <goods/cache_manager.h>
 #include <goods/class_descriptor.h>
@@ -53,15 +54,20 @@ struct looked_up {
   object* transient_body = nullptr;
 };
 
-looked_up look_up(object_handle& handle) {
+looked_up look_up(object_handle& handle, bool writes) {
   if (handle.is_transient()) {
     object* body = handle.body();
     if (body == nullptr) throw_no_object();
     return {nullptr, body};
   }
   cache_manager& session = session_of(handle);
-  const reader_section section;
-  return {session.cache().loaded(handle)->cls().scheme(), nullptr};
+  {
+    const reader_section section;
+    const object* const body = writes ? handle.body() : session.cache().loaded(handle);
+    if (body != nullptr) return {body->cls().scheme(), nullptr};
+  }
+  // What is to be written need not be in the session's cache.
+  return {session.attachment()->states().class_of(session, handle.id()).scheme(), nullptr};
 }
 
 // A reference moved out of a private copy may still be an identifier.
@@ -74,7 +80,7 @@ object_ref counted(object_ref reference) {
 template <class Body>
 Body* begin_access(object_handle& handle, metaobject*& scheme,
                    Body* (metaobject::*begin)(object_handle&)) {
-  const looked_up found = look_up(handle);
+  const looked_up found = look_up(handle, std::is_same_v<Body, object>);
   scheme = found.scheme;
   if (scheme != nullptr) return (scheme->*begin)(handle);
   found.transient_body->pin();

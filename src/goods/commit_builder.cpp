@@ -78,7 +78,7 @@ void commit_builder::add_loose(const object_ref& object, storage_number storage)
 void commit_builder::build() {
   // What is pushed last is walked first: the roots, then the copies in the order of their writing.
   for (auto c = changes_.copies.rbegin(); c != changes_.copies.rend(); ++c) {
-    build_on(c->keeps.id(), c->keeps.handle());
+    build_on(c->keeps.id(), c->keeps.handle(), c->seen_at);
     push_referenced(*c->body, storage_of(c->keeps.id()), false);
   }
   const std::vector<object_ref> roots = changes_.created;
@@ -118,8 +118,9 @@ bool commit_builder::push_referenced(object& body, storage_number storage, bool 
   return visitor.found_back();
 }
 
-// `handle`: null when it is not known.
-void commit_builder::build_on(object_id id, const object_handle* handle) {
+// `handle`: null when it is not known. `seen_at`: when the object was seen, though the session may
+// not have it in memory; 0 when it was not.
+void commit_builder::build_on(object_id id, const object_handle* handle, commit_version seen_at) {
   share& in = share_of(storage_of(id));
   if (handle != nullptr && handle->is_being_made()) {
     const bool is_root = in.makes_root && number_of(id) == root_object_number;
@@ -131,7 +132,7 @@ void commit_builder::build_on(object_id id, const object_handle* handle) {
   if (handle == nullptr) handle = kept_.emplace_back(db_.session().cache().counted(id)).handle();
   in.builds_on.push_back(number_of(id));
   const reader_section section;
-  if (handle->body() == nullptr) in.seen_at = 0;
+  if (handle->body() == nullptr) in.seen_at = std::min(in.seen_at, seen_at);
 }
 
 void commit_builder::build_on_target(object_id id, const object_ref& target) {

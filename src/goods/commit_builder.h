@@ -82,7 +82,7 @@ class commit_builder {
 
   share& share_of(storage_number storage);
   bool push_referenced(object& body, storage_number storage, bool is_new);
-  void build_on(object_id id, const object_handle* handle);
+  void build_on(object_id id, const object_handle* handle, commit_version seen_at = 0);
   void make_persistent(object_handle& handle, storage_number storage);
   void pack(object& body, object_id id, bool is_new);
   void pack_numbered();

@@ -117,7 +117,7 @@ const object* guest_list::load(cache_manager& session, object_id id) {
   const storage_number storage = storage_of(id);
   const object_number number = number_of(id);
   sink into(*this, session.db().storage(storage), storage);
-  session.cache().load_for_guests(storage, {&number, 1}, into);
+  session.cache().load_states(storage, {&number, 1}, into);
   return into.last();
 }
 
@@ -187,7 +187,7 @@ void guest_list::load(cache_manager& session, std::span<object_id> ids) {
   std::ranges::sort(ids);  // neighbours are stored together
   for_each_storage(ids, [&](storage_number storage, std::span<const object_number> numbers) {
     sink into(*this, session.db().storage(storage), storage);
-    session.cache().load_for_guests(storage, numbers, into);
+    session.cache().load_states(storage, numbers, into);
   });
 }
 

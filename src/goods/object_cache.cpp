@@ -166,14 +166,17 @@ object* object_cache::load(object_handle& handle) {
     const outcome result = keep_loaded(handle, sink.take(), as_of, body);
     if (result == outcome::stale) continue;
     if (result == outcome::handle_dropped) return nullptr;
-    if (body == nullptr) {
-      throw_error(error_code::object_deleted,
-                  "No object is stored under the identifier " + std::to_string(storage_of(id)) +
-                      ":" + std::to_string(number) + " in \"" + from.dbs().name() + "\".");
-    }
+    if (body == nullptr) throw_missing(id);
     shrink_if_full();
     return body;
   }
+}
+
+void object_cache::throw_missing(object_id id) const {
+  throw_error(error_code::object_deleted, "No object is stored under the identifier " +
+                                              std::to_string(storage_of(id)) + ":" +
+                                              std::to_string(number_of(id)) + " in \"" +
+                                              db_.storage(storage_of(id)).dbs().name() + "\".");
 }
 
 void object_cache::load(std::span<const object_ref> objects) {

@@ -67,14 +67,18 @@ class object_cache {
     }
   }
 
-  // Hands states to `into` that nobody but the caller's read round will see (see guest_list). They
-  // are as of the version that the session has applied; where that changes, the round is repeated.
-  void load_for_guests(storage_number storage, std::span<const object_number> numbers,
-                       state_sink& into) {
+  // Hands states to `into` that nobody but the caller will see: its read round (see guest_list), or
+  // a transaction that has locked them. They are as of the version that is returned, and that the
+  // session has applied then; where that changes, a round is repeated.
+  commit_version load_states(storage_number storage, std::span<const object_number> numbers,
+                             state_sink& into) {
     const commit_version as_of =
         db_.storage(storage).dbs().load(numbers, applied_[storage].load(), into);
     apply_notices(storage, as_of);
+    return as_of;
   }
+  // Of an identifier under which nothing is stored.
+  [[noreturn]] void throw_missing(object_id id) const;
 
   // Whether this was asked for the same object not long ago, as far as it is remembered.
   bool was_passed_lately(object_id id) {

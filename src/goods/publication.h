@@ -5,6 +5,7 @@
 #include <span>
 #include <vector>
 
+#include <goods/dbs_storage.h>
 #include <goods/object_ref.h>
 
 namespace goods {
@@ -23,6 +24,9 @@ class publication {
   struct copy {
     object_ref keeps;
     object* body;  // owned until published
+    // A version in which the object was there, for a copy that was made past the session's cache;
+    // or 0.
+    commit_version seen_at = 0;
   };
 
   publication() = default;

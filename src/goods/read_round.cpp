@@ -32,7 +32,10 @@ read_round::read_round(cache_manager* session) {
 
 read_round::~read_round() {
   if (holds_publishing_) reader_.session_->cache().release_publishing();
-  if (attachment_ != nullptr && --attachment_->reads == 0) attachment_->known().release_displaced();
+  if (attachment_ != nullptr && --attachment_->reads == 0) {
+    attachment_->known().release_displaced();
+    attachment_->states().clear_guests();
+  }
   if (in_section_) reader_section::leave();
 }
 
@@ -76,7 +79,8 @@ const object* reader::look_persistent(ref_word word) {
   }
   if (transaction_ != nullptr) {
     if (passed_ != nullptr) passed_->add(word.is_handle() ? word.handle()->id() : word.id());
-    return transaction_->look(word);
+    const object* const guest = keeps_second_looks_ ? transaction_->look_in_passing(word) : nullptr;
+    return guest != nullptr ? guest : transaction_->look(word);
   }
   if (invites_guests_) {
     if (const object* body = look_in_passing(word)) return body;

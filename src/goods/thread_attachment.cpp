@@ -9,7 +9,7 @@ transaction& thread_attachment::open_or_join(bool is_explicit) {
     throw_error(error_code::usage,
                 "Within outside_transaction() nothing is written, and no transaction begun.");
   if (transaction_ == nullptr) {
-    transaction_ = std::make_unique<transaction>(*session_, locks_, known_, is_explicit);
+    transaction_ = std::make_unique<transaction>(*session_, locks_, known_, states_, is_explicit);
   } else if (is_explicit) {
     transaction_->verify_not_doomed();
     transaction_->join();
@@ -29,6 +29,7 @@ std::unique_ptr<transaction> thread_attachment::close_prepared() {
 
 void thread_attachment::leave_session() {
   transaction_.reset();
+  states_.release_groups();
   session_ = nullptr;
 }
 

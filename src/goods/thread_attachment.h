@@ -6,6 +6,7 @@
 #include <utility>
 
 #include "goods/known_objects.h"
+#include "goods/locked_states.h"
 #include "goods/transaction.h"
 
 namespace goods {
@@ -38,6 +39,7 @@ class thread_attachment {
 
   lock_owner& locks() { return locks_; }
   known_objects& known() { return known_; }
+  locked_states& states() { return states_; }
 
   int accesses = 0;       // wrappers of persistent objects that are open
   int reads = 0;          // nested cache_manager::read()
@@ -50,7 +52,8 @@ class thread_attachment {
  private:
   cache_manager* session_;
   lock_owner locks_;
-  known_objects known_;  // of the transaction
+  known_objects known_;  // of the transaction, as
+  locked_states states_;
   std::unique_ptr<transaction> transaction_;
 };
 

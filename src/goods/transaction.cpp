@@ -17,8 +17,11 @@
 #include "goods/commit_builder.h"
 #include "goods/commit_upkeep.h"
 #include "goods/epoch.h"
+#include "goods/join_watch.h"
 #include "goods/known_objects.h"
+#include "goods/layout_catalog.h"
 #include "goods/lock_errors.h"
+#include "goods/locked_states.h"
 #include "goods/new_objects.h"
 #include "goods/object_cache.h"
 #include "goods/publication.h"
@@ -52,26 +55,24 @@ class back_target_finder : public ref_visitor {
   std::vector<object_id> found;
 };
 
-struct body_unpinner {
-  void operator()(object* body) const { body->unpin(); }
-};
-
 }  // namespace
 
 transaction::transaction(cache_manager& session, lock_owner& owner, known_objects& known,
-                         bool is_explicit)
+                         locked_states& states, bool is_explicit)
     : session_(session),
       number_(last_number.fetch_add(1, std::memory_order_relaxed) + 1),
       is_of_access_(!is_explicit),
       depth_(is_explicit ? 1 : 0),
       owner_(owner),
       known_(known),
+      states_(states),
       changes_(std::make_shared<publication>()),
       made_before_(new_object_bytes::count()) {}
 
 transaction::~transaction() {
   finish();
   known_.clear();  // not sooner: a read may be in progress when it is doomed
+  states_.release_groups();
 }
 
 transaction& transaction::running() { return *cache_manager::require().attachment()->open(); }
@@ -80,13 +81,14 @@ void transaction::lock_number(storage_number storage, object_number number) {
   lock(make_object_id(storage, number), lock_mode::exclusive);
 }
 
-void transaction::lock(object_id id, lock_mode mode) {
+commit_version transaction::lock(object_id id, lock_mode mode) {
   verify_not_doomed();
   obj_storage& storage = session_.db().storage(storage_of(id));
   try {
     const commit_version newest =
         storage.dbs().locks().lock(owner_, number_of(id), mode, session_.lock_timeout());
     session_.cache().apply_notices(storage_of(id), newest);
+    return newest;
   } catch (const error_info& error) {
     refused(error, id, mode);
   }
@@ -125,6 +127,12 @@ object* transaction::own_copy(object_handle& handle) const {
   return own == copies_.end() ? nullptr : own->second.body;
 }
 
+transaction::measured_copy* transaction::find_copy(object_handle& handle) {
+  if (!handle.is_being_written()) return nullptr;
+  const auto own = copies_.find(&handle);
+  return own == copies_.end() ? nullptr : &own->second;
+}
+
 object* transaction::copy_of(object_handle& handle) noexcept {
   cache_manager* const session = cache_manager::current();
   thread_attachment* const thread = session != nullptr ? session->attachment() : nullptr;
@@ -153,6 +161,43 @@ const object* transaction::look(ref_word word) {
   const object* body = read(*counted.handle());
   known_.keep(std::move(counted), body);
   return body;
+}
+
+const object* transaction::look_in_passing(ref_word word) {
+  verify_not_doomed();
+  const object_id id = word.is_handle() ? word.handle()->id() : word.id();
+  if (const object* body = known_.find(id)) return body;
+  if (holds_exclusively(id)) return nullptr;  // its own version counts
+  const commit_version newest = lock(id, lock_mode::shared);
+  if (!states_.has(id, newest)) {
+    if (has_body_or_copy(word) || session_.cache().was_passed_lately(id)) return nullptr;
+  }
+  return states_.guest(session_, id, newest);
+}
+
+const object* transaction::look_beside_write(object_id id) {
+  verify_not_doomed();
+  if (!read_.empty() || joins_are_watched.load(std::memory_order_relaxed)) return nullptr;
+  const bool was_held = holds_exclusively(id);
+  const commit_version newest = lock(id, lock_mode::exclusive);
+  if (was_held || !states_.has(id, newest)) {
+    if (has_body_or_copy(ref_word::of(id))) return nullptr;
+  }
+  return states_.guest(session_, id, newest);
+}
+
+bool transaction::holds_exclusively(object_id id) const {
+  const neighbours self{neighbours::group_of(number_of(id)), neighbours::member_of(number_of(id))};
+  return owner_.holds_exclusively(session_.db().storage(storage_of(id)).dbs().locks(), self);
+}
+
+// Then it is looked at in the usual way: what the session has in memory costs less there, and a
+// copy may be the transaction's own.
+bool transaction::has_body_or_copy(ref_word word) const {
+  const reader_section section;
+  const object_handle* const handle =
+      word.is_handle() ? word.handle() : session_.cache().find(word.id());
+  return handle != nullptr && (handle->body() != nullptr || handle->is_being_written());
 }
 
 bool transaction::has_written(std::span<const stored_neighbours> objects) const {
@@ -193,25 +238,25 @@ void transaction::lock_shared(std::span<const stored_neighbours> objects) {
 }
 
 object* transaction::write(object_handle& handle) {
-  if (object* own = own_copy(handle)) {
-    if (!touched_.empty()) touched_.erase(own);
+  if (measured_copy* own = find_copy(handle)) {
+    own->is_touched = false;
     verify_limit();
-    return own;
+    return own->body;
   }
   verify_not_doomed();
   verify_limit();
   if (!read_.empty() && read_.contains(handle.id())) session_.promotes_read_lock(handle);
   session_.joins_transaction(handle);
   object_ref keeps(&handle);
-  lock(handle.id(), lock_mode::exclusive);
-  const reader_section section;
-  const object& committed = *session_.cache().loaded(handle);
-  std::unique_ptr<object, body_unpinner> copy(committed.cls().create(&handle));
-  committed.cls().copy_state(committed, *copy);
+  const commit_version newest = lock(handle.id(), lock_mode::exclusive);
+  stored_form before;
+  commit_version seen_at = 0;
+  own_body copy = copy_committed(handle, newest, before, seen_at);
   const std::size_t bytes = copy->cls().body_bytes(*copy);
-  const auto entry = copies_.emplace(&handle, measured_copy{copy.get(), bytes}).first;
+  const auto entry =
+      copies_.emplace(&handle, measured_copy{copy.get(), bytes, false, before}).first;
   try {
-    changes_->copies.push_back({std::move(keeps), copy.get()});
+    changes_->copies.push_back({std::move(keeps), copy.get(), seen_at});
   } catch (...) {
     copies_.erase(entry);
     throw;
@@ -222,11 +267,42 @@ object* transaction::write(object_handle& handle) {
   return copy.release();
 }
 
+transaction::own_body transaction::copy_committed(object_handle& handle, commit_version newest,
+                                                  stored_form& before, commit_version& seen_at) {
+  const reader_section section;
+  const object* const committed = handle.body();
+  if (committed == nullptr) return copy_stored(handle, newest, before, seen_at);
+  own_body copy(committed->cls().create(&handle));
+  committed->cls().copy_state(*committed, *copy);
+  return copy;
+}
+
+// What the session does not have in memory is not brought there: the copy takes its place with the
+// commit.
+transaction::own_body transaction::copy_stored(object_handle& handle, commit_version newest,
+                                               stored_form& before, commit_version& seen_at) {
+  const object_id id = handle.id();
+  obj_storage& storage = session_.db().storage(storage_of(id));
+  own_body copy;
+  acting_sink into([&](const object_state& state) {
+    storage.count_read(state.body.size());
+    copy.reset(storage.catalog().instantiate(&handle, state));
+    if (state.body.size() > stored_form::most) return;
+    before.layout = state.layout;
+    before.size = static_cast<std::uint8_t>(state.body.size());
+    std::ranges::copy(state.body, before.bytes.begin());
+  });
+  seen_at = states_.load(session_, id, newest, into);
+  if (copy == nullptr) session_.cache().throw_missing(id);
+  handle.mark_used();
+  return copy;
+}
+
 void transaction::written(object_handle& handle) noexcept {
-  const auto own = copies_.find(&handle);
-  if (own == copies_.end()) return;
-  const std::size_t bytes = own->second.body->cls().body_bytes(*own->second.body);
-  copied_bytes_ += bytes - std::exchange(own->second.bytes, bytes);
+  measured_copy* const own = find_copy(handle);
+  if (own == nullptr) return;
+  const std::size_t bytes = own->body->cls().body_bytes(*own->body);
+  copied_bytes_ += bytes - std::exchange(own->bytes, bytes);
 }
 
 void transaction::verify_limit() {
@@ -243,16 +319,20 @@ void transaction::verify_limit() {
 }
 
 bool transaction::has_changed(object_handle& handle) const noexcept {
-  object* const own = own_copy(handle);
+  if (!handle.is_being_written()) return false;
+  const auto own = copies_.find(&handle);
   try {
-    return own != nullptr && !is_as_committed(handle, *own);
+    return own != copies_.end() && !is_as_committed(handle, own->second);
   } catch (...) {
     return true;
   }
 }
 
 void transaction::touched(object_handle& handle) {
-  if (object* own = own_copy(handle)) touched_.insert(own);
+  measured_copy* const own = find_copy(handle);
+  if (own == nullptr) return;
+  own->is_touched = true;
+  has_touched_ = true;
 }
 
 void transaction::replace(object_handle& handle, object& body) {
@@ -321,7 +401,6 @@ void transaction::take_back(std::size_t first) noexcept {
     object* const body = copies.back().body;
     handle.set_being_written(false);
     known_.forget(handle.id());
-    touched_.erase(body);
     const auto own = copies_.find(&handle);
     copied_bytes_ -= own->second.bytes;
     copies_.erase(own);
@@ -350,25 +429,31 @@ void transaction::commit() {
   finish();
 }
 
-bool transaction::is_as_committed(object_handle& handle, object& copy) const {
-  if (refers_to_new_objects(copy)) return false;
-  const auto is_it = [&](const auto& one) { return one.second == &copy; };
+bool transaction::is_as_committed(object_handle& handle, const measured_copy& copy) const {
+  if (refers_to_new_objects(*copy.body)) return false;
+  const auto is_it = [&](const auto& one) { return one.second == copy.body; };
   if (std::ranges::any_of(replacing_, is_it)) return false;  // end_replacing() looks at it
   const auto pack = [&](const object& body) {
     byte_writer bytes;
     body.cls().pack(body, bytes, handle.id());
     return bytes;
   };
+  const class_descriptor& cls = copy.body->cls();
+  const byte_writer now = pack(*copy.body);
+  layout_catalog& catalog = session_.db().storage(storage_of(handle.id())).catalog();
+  if (copy.before.layout != 0 && copy.before.layout == catalog.number_for(cls))
+    return std::ranges::equal(std::span(copy.before.bytes).first(copy.before.size), now.bytes());
   const reader_section section;
   const object& committed = *session_.cache().loaded(handle);
-  return &committed.cls() == &copy.cls() &&
-         std::ranges::equal(pack(committed).bytes(), pack(copy).bytes());
+  return &committed.cls() == &cls && std::ranges::equal(pack(committed).bytes(), now.bytes());
 }
 
 void transaction::drop_unchanged() {
-  if (touched_.empty()) return;
+  if (!has_touched_) return;
   const auto is_unchanged = [&](const publication::copy& copy) {
-    return touched_.contains(copy.body) && is_as_committed(*copy.keeps.handle(), *copy.body);
+    object_handle& handle = *copy.keeps.handle();
+    const measured_copy& own = copies_.at(&handle);
+    return own.is_touched && is_as_committed(handle, own);
   };
   // All that may fail first: what is dropped below is not looked at again.
   std::vector<const object*> unchanged;
@@ -421,7 +506,6 @@ void transaction::finish() noexcept {
   }
   end_replacing();
   copies_.clear();
-  touched_.clear();
   read_.clear();
   changes_.reset();
   roots_.clear();

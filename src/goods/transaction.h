@@ -1,6 +1,8 @@
 // One thread's transaction.
 #pragma once
 
+#include <array>
+#include <cstddef>
 #include <cstdint>
 #include <functional>
 #include <map>
@@ -13,7 +15,9 @@
 #include <utility>
 #include <vector>
 
+#include <goods/dbs_storage.h>
 #include <goods/errors.h>
+#include <goods/object.h>
 #include <goods/object_ref.h>
 #include <goods/reader.h>
 
@@ -24,7 +28,7 @@ namespace goods {
 
 class cache_manager;
 class known_objects;
-class object;
+class locked_states;
 class transaction_companion;
 
 // Private copies of what was written, locks, and the way to commit or drop them.
@@ -40,7 +44,8 @@ class transaction_companion;
 // Threads: the one that opened it; publishing may run on another one while the owner waits.
 class transaction {
  public:
-  transaction(cache_manager& session, lock_owner& owner, known_objects& known, bool is_explicit);
+  transaction(cache_manager& session, lock_owner& owner, known_objects& known,
+              locked_states& states, bool is_explicit);
   ~transaction();  // rolls back
   transaction(const transaction&) = delete;
   transaction& operator=(const transaction&) = delete;
@@ -84,6 +89,12 @@ class transaction {
   const object* read(object_handle& handle);
   // The same by reference, not pinned: it stays until the thread's outermost read is over.
   const object* look(ref_word word);
+  // The same for what is looked at once among much: it need not be in the session's cache then, and
+  // has no handle. Null for what has to be looked at as above.
+  const object* look_in_passing(ref_word word);
+  // The same for who is going to write what belongs to a stored object, which itself stays as it is
+  // and needs no private copy: locks it exclusively. Null also when joining has to be told of.
+  const object* look_beside_write(object_id id);
 
   // See cache_manager. Throws what look() would.
   bool lock_unchanged(std::span<const stored_neighbours> objects, std::uint32_t sum);
@@ -150,15 +161,40 @@ class transaction {
   void roll_back() noexcept;
 
  private:
+  // What a private copy was stored as, where that is short enough to be kept.
+  struct stored_form {
+    static constexpr std::size_t most = 24;
+    class_number layout = 0;  // 0: not kept
+    std::uint8_t size = 0;
+    std::array<std::byte, most> bytes;
+  };
+  struct measured_copy {
+    object* body;
+    std::size_t bytes;        // when it was measured last
+    bool is_touched = false;  // and perhaps not changed
+    stored_form before = {};
+  };
+  struct body_unpinner {
+    void operator()(object* body) const { body->unpin(); }
+  };
+  using own_body = std::unique_ptr<object, body_unpinner>;
+
+  measured_copy* find_copy(object_handle& handle);
   object* own_copy(object_handle& handle) const;
-  void lock(object_id id, lock_mode mode);
+  own_body copy_committed(object_handle& handle, commit_version newest, stored_form& before,
+                          commit_version& seen_at);
+  own_body copy_stored(object_handle& handle, commit_version newest, stored_form& before,
+                       commit_version& seen_at);
+  commit_version lock(object_id id, lock_mode mode);
   void lock_shared(std::span<const stored_neighbours> objects);
   [[noreturn]] void refused(const error_info& error, object_id id, lock_mode mode);
   void commit_copies();
   void take_back(std::size_t first) noexcept;
   void end_replacing() noexcept;
   bool is_own(const object& body) const;
-  bool is_as_committed(object_handle& handle, object& copy) const;
+  bool is_as_committed(object_handle& handle, const measured_copy& copy) const;
+  bool has_body_or_copy(ref_word word) const;
+  bool holds_exclusively(object_id id) const;
   void drop_unchanged();
   [[noreturn]] void throw_doomed() const;
   void finish() noexcept;  // gives up copies that were not published, and the locks
@@ -178,15 +214,12 @@ class transaction {
   bool is_attempt_ = false;
   lock_owner& owner_;
   known_objects& known_;
+  locked_states& states_;
   std::shared_ptr<publication> changes_;  // owns the copies; null when it is over
-  struct measured_copy {
-    object* body;
-    std::size_t bytes;  // when it was measured last
-  };
   std::unordered_map<object_handle*, measured_copy> copies_;  // look-up into changes_
   std::size_t copied_bytes_ = 0;                              // of all of them
+  bool has_touched_ = false;                                  // copies, now or earlier
   const std::int64_t made_before_;                            // see new_object_bytes
-  std::unordered_set<const object*> touched_;                 // copies that may be unchanged
   std::unordered_set<object_id> read_;                        // see note_read()
   std::vector<std::pair<object_ref, storage_number>> roots_;
   std::vector<std::pair<object_ref, storage_number>> loose_;  // see store()

@@ -91,8 +91,11 @@ void change_merger::change_apart(const segment* old, const object_change& change
 
 commit_overlay::table replaced_states(const segment_changes& changes, newest_states& newest) {
   commit_overlay::table old_states;
+  old_states.segments.reserve(changes.changed.size());
   for (const auto& change : changes.changed) {
-    old_states.segments[change.number] = segment_patch::whole(change.number, change.before.get());
+    bool is_new = false;
+    old_states.segments.place(change.number, is_new) =
+        segment_patch::whole(change.number, change.before.get());
     for (unsigned slot = 0; change.before && slot < segment_slots; ++slot) {
       if (!holds_apart(change.before.get(), slot)) continue;
       const object_number number = change.before->object(slot);

@@ -6,7 +6,7 @@
 namespace goods {
 namespace {
 
-constexpr std::size_t entry_overhead = 64;  // bytes: a node of the table and its share of buckets
+constexpr std::size_t entry_overhead = 64;  // bytes: its share of the table
 
 std::size_t cost(const std::shared_ptr<const segment_patch>& patch) {
   return patch ? patch->memory() : 0;
@@ -14,15 +14,17 @@ std::size_t cost(const std::shared_ptr<const segment_patch>& patch) {
 
 std::size_t cost(const apart_state& state) { return state.body ? state.body->size : 0; }
 
-template <class Map>
-typename Map::mapped_type find_in(const Map& map, typename Map::key_type key) {
-  const auto found = map.find(key);
-  return found == map.end() ? typename Map::mapped_type{} : found->second;
+// Where the value of `key` is, or will be: until it is put there, it is as if there was none.
+std::shared_ptr<const segment_patch>& place_for(patch_table& table, std::size_t& bytes,
+                                                segment_number key) {
+  bool is_new = false;
+  auto& place = table.place(key, is_new);
+  if (is_new) bytes += entry_overhead;
+  return place;
 }
 
-// Where the value of `key` is, or will be: until it is put there, it is as if there was none.
-template <class Map>
-typename Map::mapped_type& place_for(Map& map, std::size_t& bytes, typename Map::key_type key) {
+apart_state& place_for(std::unordered_map<object_number, apart_state>& map, std::size_t& bytes,
+                       object_number key) {
   const auto [place, is_new] = map.try_emplace(key);
   if (is_new) bytes += entry_overhead;
   return place->second;
@@ -31,11 +33,12 @@ typename Map::mapped_type& place_for(Map& map, std::size_t& bytes, typename Map:
 }  // namespace
 
 std::shared_ptr<const segment_patch> commit_overlay::table::find(segment_number number) const {
-  return find_in(segments, number);
+  return segments.find(number);
 }
 
 apart_state commit_overlay::table::find_apart(object_number number) const {
-  return find_in(apart, number);
+  const auto found = apart.find(number);
+  return found == apart.end() ? apart_state{} : found->second;
 }
 
 commit_overlay::layers commit_overlay::find(segment_number number) const {
@@ -66,6 +69,7 @@ commit_overlay::addition commit_overlay::prepare(const segment_changes& changes)
   prepared.next_object_ = changes.next_object;
   prepared.version_ = changes.version;
   guarded_scope scope(lock_);
+  active_.segments.reserve(changes.changed.size());
   for (const auto& change : changes.changed) {
     auto& place = place_for(active_.segments, active_.bytes, change.number);
     prepared.segments_.push_back({&place, segment_patch::combine(place, change.patch)});
@@ -141,15 +145,14 @@ commit_overlay::table commit_overlay::copy() const {
   all = active_;
   for (const auto& behind : {&frozen_, &held_}) {
     if (!*behind) continue;
-    for (const auto& [number, older] : (*behind)->segments) {
-      if (!older) continue;
-      auto& place = all.segments[number];
+    all.segments.reserve((*behind)->segments.size());
+    (*behind)->segments.for_each([&](segment_number number, const patch_table::patch& older) {
+      auto& place = place_for(all.segments, all.bytes, number);
       place = place ? segment_patch::combine(older, place) : older;
-    }
+    });
     for (const auto& [number, older] : (*behind)->apart)
       if (auto& place = all.apart[number]; place.version == 0) place = older;
   }
-  std::erase_if(all.segments, [](const auto& entry) { return !entry.second; });
   std::erase_if(all.apart, [](const auto& entry) { return entry.second.version == 0; });
   return all;
 }

@@ -11,6 +11,7 @@
 #include <goods/dbs_storage.h>
 
 #include "storage/guarded_mutex.h"
+#include "storage/local/patch_table.h"
 #include "storage/local/segment_patch.h"
 
 namespace goods {
@@ -50,8 +51,8 @@ struct segment_changes {
 class commit_overlay {
  public:
   struct table {
-    // Those that were never put in, in the table that is active: null, and of version 0.
-    std::unordered_map<segment_number, std::shared_ptr<const segment_patch>> segments;
+    // Those apart that were never put in, in the table that is active, are of version 0.
+    patch_table segments;
     std::unordered_map<object_number, apart_state> apart;
     std::size_t bytes = 0;  // of memory
     std::uint64_t next_object = 0;

@@ -30,8 +30,8 @@ std::shared_ptr<const segment> lost_segment(const segment_patch& patch, std::uin
 void segment_writer::write(const commit_overlay::table& changes) {
   std::vector<const segment_patch*> patches;
   patches.reserve(changes.segments.size());
-  for (const auto& [number, patch] : changes.segments)
-    if (patch) patches.push_back(patch.get());
+  changes.segments.for_each(
+      [&](segment_number, const patch_table::patch& patch) { patches.push_back(patch.get()); });
   std::ranges::sort(patches, {}, &segment_patch::number);
   for (const segment_patch* patch : patches) write_patch(*patch);
 

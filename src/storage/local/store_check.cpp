@@ -34,7 +34,9 @@ store_check::store_check(snapshot& merged, const std::string& store,
                          const commit_overlay::table& unmerged, std::uint64_t next_object,
                          check_sink& into)
     : merged_(merged), store_(store), unmerged_(unmerged), next_object_(next_object), into_(into) {
-  for (const auto& [number, content] : unmerged.segments) unmerged_order_.push_back(number);
+  unmerged.segments.for_each([this](segment_number number, const patch_table::patch&) {
+    unmerged_order_.push_back(number);
+  });
   std::ranges::sort(unmerged_order_);
 }
 
@@ -321,9 +323,9 @@ void store_check::take_segment(segment_number number, std::span<const std::byte>
   } catch (const damaged_bytes& damage) {
     report_segment(number, damage.what());
   }
-  if (found && unmerged_.segments.contains(number)) {
+  if (const auto patch = unmerged_.find(number); found && patch) {
     ++unmerged_shown_;
-    found = patched(*unmerged_.find(number), found.get());
+    found = patched(*patch, found.get());
   }
   if (found) show(*found);
 }

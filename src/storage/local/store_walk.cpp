@@ -7,10 +7,10 @@ namespace goods {
 // A merge may come in between; what it puts into the database is in `unmerged` as well, and laid
 // over it once more.
 store_walk::store_walk(const connection_settings& settings, commit_overlay::table unmerged)
-    : settings_(settings),
-      merged_(settings),
-      unmerged_(unmerged.segments.begin(), unmerged.segments.end()),
-      apart_(std::move(unmerged.apart)) {
+    : settings_(settings), merged_(settings), apart_(std::move(unmerged.apart)) {
+  unmerged.segments.for_each([this](segment_number number, const patch_table::patch& patch) {
+    unmerged_.emplace(number, patch);
+  });
   merged_.refresh();
 }
 
