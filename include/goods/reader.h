@@ -120,8 +120,8 @@ class GOODS_API reader {
 // loaded as a guest of this reader, without handle and place in the cache, and goes with it. For
 // what is read once among much, as in a walk: the cache keeps what is used again, and the cost of a
 // handle, a place and their removal later is spared.
-// Classes that may not be guests are looked at as always, and so is inside a transaction all but what
-// is passed `at_first`, which is locked there as everything else.
+// Classes that may not be guests are looked at as always, and so is inside a transaction all but
+// what is passed `at_first`, which is locked there as everything else.
 class GOODS_API guest_scope {
  public:
   enum class policy : std::uint8_t {

@@ -40,7 +40,7 @@ patch_table::patch& patch_table::place(segment_number number, bool& is_new) {
 }
 
 void patch_table::reserve(std::size_t more) {
-  std::size_t size = std::max(entries_.size(), entry_least);
+  std::size_t size = std::max(entries_.size(), least_entries);
   while (size < (used_ + more) * 2) size *= 2;
   if (size == entries_.size()) return;
   std::vector<entry> larger(size);

@@ -36,7 +36,7 @@ class patch_table {
   std::size_t size() const { return used_; }  // with places where nothing was put
 
  private:
-  static constexpr std::size_t entry_least = 64;
+  static constexpr std::size_t least_entries = 64;
 
   // Open addressing with linear probing, at most half full.
   struct entry {
