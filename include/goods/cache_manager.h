@@ -47,7 +47,8 @@ class session_companion {
 class commit_feed {
  public:
   virtual ~commit_feed() = default;
-  // Objects that the commit has written or removed, not those that it has made. Called in the order
+  // Objects that the commit has written or removed, not those that it has made; a node of which
+  // only a text has changed is not among them, the text (String) is. Called in the order
   // of each storage's commits, by any thread, with the session's locks held: must do no more than
   // take notes. When commits pile up, neighbouring ones of other sessions come as one, under the
   // version of the last. Reads that begin afterwards see the commit.
@@ -131,8 +132,10 @@ class GOODS_API cache_manager {
   void touched(object_handle& handle);
 
   // Told of every object that the calling thread's transaction is about to lock for writing for the
-  // first time. What it throws leaves the write access.
+  // first time. What it throws leaves the write access. Unless watches_joins(), objects are left
+  // out that are locked for a text of theirs and stay as they are.
   virtual void joins_transaction(object_handle& handle) { add(&handle); }
+  virtual bool watches_joins() const { return false; }
   void add(object_handle*) {}
   // What messages call an object: by default "object 0:65600".
   virtual std::string name_of(object_id id);

@@ -96,7 +96,6 @@ class_descriptor& locked_states::class_of(cache_manager& session, object_id id) 
 }
 
 void locked_states::clear_guests() noexcept {
-  if (guests_.empty()) return;
   for (const placed_guest& guest : guests_) guest.body->~object();
   guests_.clear();
   arena_.reset();

@@ -17,7 +17,6 @@
 #include "goods/commit_builder.h"
 #include "goods/commit_upkeep.h"
 #include "goods/epoch.h"
-#include "goods/join_watch.h"
 #include "goods/known_objects.h"
 #include "goods/layout_catalog.h"
 #include "goods/lock_errors.h"
@@ -177,7 +176,7 @@ const object* transaction::look_in_passing(ref_word word) {
 
 const object* transaction::look_beside_write(object_id id) {
   verify_not_doomed();
-  if (!read_.empty() || joins_are_watched.load(std::memory_order_relaxed)) return nullptr;
+  if (!read_.empty() || session_.watches_joins()) return nullptr;
   const bool was_held = holds_exclusively(id);
   const commit_version newest = lock(id, lock_mode::exclusive);
   if (was_held || !states_.has(id, newest)) {

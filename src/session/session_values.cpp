@@ -191,7 +191,7 @@ void TarnManager::copyAsStringTo(TarnPathText path, XString& text) const {
 }
 
 void TarnManager::set(TarnPathText path, const TarnData& value) {
-  StoreValue(getCacheManager().getRoot(), path.view(), value);
+  StoreValue(getCacheManager().getRoot(), path.view(), value);  // not looked at: see readValue()
 }
 
 void TarnManager::set(TarnPathText path, xcptref<TarnObject> node) {

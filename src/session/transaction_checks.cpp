@@ -9,7 +9,6 @@
 #include <cstdlib>
 
 #include "core/node_access.h"
-#include "goods/join_watch.h"
 
 namespace tarns {
 
@@ -56,7 +55,6 @@ XStringList TarnCacheManager::MhierarchicalLockers;
 
 void TarnCacheManager::EnableTransactionChecking(bool on) {
   McheckTransactions.store(on, std::memory_order_relaxed);
-  goods::joins_are_watched.store(on, std::memory_order_relaxed);
   goods::pessimistic_metaobject::abort_on_read_lock_promotion.store(on, std::memory_order_relaxed);
 }
 

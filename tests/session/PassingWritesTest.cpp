@@ -1,6 +1,7 @@
 // Writes by path in transactions of a session that has nothing in memory: what they pass is taken
 // from what the storage hands over together, and texts are written without their nodes.
 #include <gmock/gmock.h>
+#include <goods/event.h>
 #include <goods/obj_storage.h>
 #include <tarns/core/TarnValue.h>
 
@@ -78,6 +79,29 @@ TEST_F(PassingWritesTest, ATextIsStoredAloneAndItsNodeLocked) {
       EXPECT_EQ(other.getXString("press~a"), (std::string(text) + "!").c_str());
     });
   }
+}
+
+TEST_F(PassingWritesTest, ItsTextIsTheNodesForThoseWhoWatchAndRemember) {
+  goods::event hasChanged;
+  manager().db().getCacheManager().signal_on_modification(manager().getObject("press~a").id(),
+                                                          &hasChanged);
+  inOther([](TarnManager& other) {
+    for (const char* text : {"first", "second"}) {
+      other.transaction([&] {
+        other.set("press~a", text);
+        EXPECT_EQ(other.getXString("press~a"), text);
+      });
+      EXPECT_EQ(other.getXString("press~a"), text);
+    }
+    other.transaction([&] {
+      other.set("press~b", "moved");
+      other.moveBranch("press~b", "press~z");
+      other.set("press~c", "gone");
+      other.deleteBranch("press~c");
+    });
+  });
+  EXPECT_TRUE(hasChanged.wait(std::chrono::seconds(20)));
+  EXPECT_EQ(picture("press"), "a=second count=1 z=moved");
 }
 
 TEST_F(PassingWritesTest, WhatIsRolledBackIsAsItWas) {

@@ -42,6 +42,17 @@ class TransactionChecksTest : public session_test {
 };
 using TransactionChecksDeathTest = TransactionChecksTest;
 
+// Also of what nothing is in memory of, whoever has switched it on.
+TEST_F(TransactionChecksTest, TextsAreNodesToo) {
+  manager().set("t~x", "text");
+  reopen();
+  TarnCacheManager::EnableTransactionChecking(false);
+  TarnCacheManager::McheckTransactions = true;
+  const TarnTransaction transaction(manager());
+  manager().set("t~x", "other");
+  EXPECT_THAT(lockedPaths(), ElementsAre("t~x"));
+}
+
 void Touch(TarnManager& m, std::initializer_list<const char*> paths) {
   for (const char* path : paths) m.set(path, 1);
 }

@@ -103,6 +103,7 @@ class TARNS_API TarnCacheManager : public goods::cache_manager {
   // had to be locked first.
   bool enforceHierarchicalLocking(const TarnPath& path);
   void joins_transaction(goods::object_handle& handle) override { add(&handle); }
+  bool watches_joins() const override { return McheckTransactions.load(std::memory_order_relaxed); }
   void promotes_read_lock(goods::object_handle& handle) override;
 
  private:
