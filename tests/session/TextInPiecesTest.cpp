@@ -126,7 +126,7 @@ TEST_F(TextInPiecesTest, HasEachChildOnceThatIsThereThroughout) {
     }
   });
   while (changes == 0) std::this_thread::yield();
-  for (int round = 0; round < 20; ++round) {
+  for (int round = 0; round < 10; ++round) {
     std::istringstream in(text());
     const TarnRef copy = manager().importFrom(in);
     int steady = 0;
