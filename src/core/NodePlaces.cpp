@@ -62,8 +62,11 @@ std::string_view TakeStep(std::string_view& rest) {
 }  // namespace
 
 bool NodePlaces::note(const TarnRef& node) {
-  const std::uint64_t id = node.id();
-  if (id == 0) return transient_.insert(node.handle()).second;
+  const goods::object_id id = node.id();
+  return id != 0 ? noteStored(id) : transient_.insert(node.handle()).second;
+}
+
+bool NodePlaces::noteStored(goods::object_id id) {
   if (last_ == nullptr || lastNumber_ != id / kChunk) {
     auto& chunk = stored_[id / kChunk];
     if (chunk == nullptr) chunk = std::make_unique<std::bitset<kChunk>>();
@@ -77,7 +80,6 @@ bool NodePlaces::note(const TarnRef& node) {
 }
 
 bool NodePlaces::noteAll(const NodePlaces& others) {
-  if (!others.transient_.empty()) return false;
   for (const auto& [number, chunk] : others.stored_) {
     const auto found = stored_.find(number);
     if (found != stored_.end() && (*found->second & *chunk).any()) return false;

@@ -36,8 +36,9 @@ class NodePlaces {
 
   // False when it has been noted before.
   bool note(const TarnRef& node);
-  // Those that another one has noted. False, and nothing done, when one of them has been noted here
-  // before, or is not stored.
+  bool noteStored(goods::object_id id);
+  // The stored ones that another one has noted. False, and nothing done, when one of them has been
+  // noted here before.
   bool noteAll(const NodePlaces& others);
   // A node that was written one step from `holder`, but not as a child below its parent.
   void noteAway(const TarnRef& node, const TarnRef& holder, std::string step);

@@ -289,29 +289,31 @@ void NodeWriter::writePiece(const TarnRef& parent, std::size_t level, ListPieces
   Block block;
   block.level = level;
   block.depth = 1;
-  std::string name;            // of the child of the list, or of several
-  std::vector<TarnRef> nodes;  // of those that are called so
-  std::size_t end = 0;         // of the text of those before
+  std::string name;                     // of the child of the list, or of several
+  std::vector<goods::object_id> nodes;  // of those that are called so
+  std::size_t end = 0;                  // of the text of those before
   TarnBranchWalk walk(parent, piece.range);
   while (true) {
     const TarnBranchWalk::Step* const step = walk.next();
     if (step == nullptr || (step->depth == 1 && step->name != name)) {
       moveTo(block, 1);
       end = piece.text.size() + out_.pending().size();
-      for (const TarnRef& node : std::exchange(nodes, {})) {
-        if (!places_->note(node)) return;
+      for (const goods::object_id id : nodes) {
+        if (!places_->noteStored(id)) return;
       }
+      nodes.clear();
       if (step == nullptr) break;
       name = step->name;
     }
     const bool isPlain = IsPlainNode(*step) || IsPlainValue(*step);
-    if (!isPlain || !step->lister.is_null()) return;
+    const goods::object_id id = step->node.id();
+    if (!isPlain || !step->lister.is_null() || id == 0) return;
     if (step->numChildren >= ListPieces::kManyChildren ||
         piece.text.size() + SizeOf(step->value) > ListPieces::kLongestText) {
       piece.tooMuch = name;
       break;
     }
-    nodes.push_back(step->node);
+    nodes.push_back(id);  // a copy of the reference would make a handle
     moveTo(block, step->depth);
     block.hasEmptyIndex = step->hasIndex && step->numChildren == 0;
     writeLines(block, *step, level + 2 * step->depth);
