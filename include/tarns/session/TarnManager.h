@@ -297,8 +297,8 @@ class TARNS_API TarnManager {
   // Write the branch at `path`; throw 7 when there is none, 16 when writing fails. A file appears
   // when it is complete, with permissions 0600; the temporary one is the caller's to delete. For
   // one state throughout: a transaction. Without one up to three more threads, which end with the
-  // call, write large lists of children: what the classes of these nodes do when they are loaded and
-  // looked at must not wait for the caller, for example for a mutex that it holds.
+  // call, write large lists of children: what the classes of these nodes do when they are loaded
+  // and looked at must not wait for the caller, for example for a mutex that it holds.
   void exportTo(TarnPathText path, PInOut& out) const;
   void exportTo(TarnPathText path, const char* file) const;
   void exportTo(TarnPathText path, std::ostream& out) const;
