@@ -164,40 +164,38 @@ ListPieces::Entry* ListPieces::take() {
 
 void ListPieces::write(Entry& entry) {
   Piece& piece = *entry.piece;
-  std::string behind;
+  std::list<Entry> rest;
   try {
     write_(piece);
-    if (!piece.tooMuch.empty()) behind = NameBehind(parent_, piece.tooMuch, 1);
+    rest = cut(piece);
   } catch (...) {  // the caller comes upon it once more
     piece.nodes.reset();
-    piece.tooMuch.clear();
   }
   if (!piece.nodes) piece.text = {};
-  finish(entry, behind);
-}
-
-// What is too much becomes a piece of the caller's own, and what comes behind it another one.
-void ListPieces::finish(Entry& entry, const std::string& behind) {
   goods::guarded_scope scope(lock_);
   entry.state = State::kDone;
+  const auto place =
+      std::ranges::find_if(entries_, [&](const Entry& each) { return &each == &entry; });
+  entries_.splice(std::next(place), rest);
   changed_.notify_all();
-  Piece& piece = *entry.piece;
-  if (piece.tooMuch.empty()) return;
-  const std::string end = piece.range.to;
-  const bool hasMore = !behind.empty() && (end.empty() || behind < end);
-  auto place = std::ranges::find_if(entries_, [&](const Entry& each) { return &each == &entry; });
-  if (hasMore) insertBehind(place, {behind, end}, State::kWaits);
-  piece.range.to = hasMore ? behind : end;
-  if (!piece.nodes) return;
-  insertBehind(place, {piece.tooMuch, piece.range.to}, State::kDone);
-  piece.range.to = piece.tooMuch;
 }
 
-void ListPieces::insertBehind(std::list<Entry>::iterator place, TarnBranchWalk::Range range,
-                              State state) {
-  auto piece = std::make_unique<Piece>();
-  piece->range = std::move(range);
-  entries_.insert(std::next(place), Entry{std::move(piece), state});
+// What is too much becomes a piece of the caller's own, and what comes behind it another one. What
+// throws leaves the piece as long as it was.
+std::list<ListPieces::Entry> ListPieces::cut(Piece& piece) const {
+  std::list<Entry> rest;
+  if (piece.tooMuch.empty()) return rest;
+  const std::string behind = NameBehind(parent_, piece.tooMuch, 1), end = piece.range.to;
+  const bool hasMore = !behind.empty() && (end.empty() || behind < end);
+  const std::string& endOfChild = hasMore ? behind : end;
+  const auto add = [&](const std::string& from, const std::string& to, State state) {
+    rest.push_back({std::make_unique<Piece>(), state});
+    rest.back().piece->range = {from, to};
+  };
+  if (piece.nodes) add(piece.tooMuch, endOfChild, State::kDone);
+  if (hasMore) add(behind, end, State::kWaits);
+  piece.range.to = piece.nodes ? piece.tooMuch : endOfChild;
+  return rest;
 }
 
 }  // namespace tarns

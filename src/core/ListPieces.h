@@ -73,9 +73,7 @@ class ListPieces {
   Entry* waitForWork();
   Entry* take() REQUIRES(lock_);
   void write(Entry& entry);
-  void finish(Entry& entry, const std::string& behind);
-  void insertBehind(std::list<Entry>::iterator place, TarnBranchWalk::Range range, State state)
-      REQUIRES(lock_);
+  std::list<Entry> cut(Piece& piece) const;
 
   const TarnRef parent_;
   const Write write_;
