@@ -14,6 +14,9 @@
 
 namespace tarns::bench {
 
+// What items measure that are for no other peer.
+constexpr const char* kPeer = "tarns";
+
 // One thread's way into a store. A session is made, used and destroyed by one thread.
 //
 // Paths are names joined by '~', counted from the root; each is followed by a NUL, so that its data

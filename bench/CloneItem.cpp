@@ -13,7 +13,6 @@
 namespace tarns::bench {
 namespace {
 
-constexpr const char* kPeer = "tarns";
 constexpr const char* kCopy = "copy";
 
 // Goes through both branches side by side.

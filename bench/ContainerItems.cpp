@@ -38,7 +38,6 @@ TARN_REGISTER(BalanceStep, TarnObject);
 
 namespace {
 
-constexpr const char* kPeer = "tarns";
 constexpr const char* kNode = "node";
 constexpr const char* kClass = "TarnSint64Value";
 constexpr std::size_t kBatch = 1000;  // children in a commit

@@ -22,7 +22,6 @@ namespace {
 
 namespace fs = std::filesystem;
 
-constexpr const char* kPeer = "tarns";
 constexpr const char* kOther = "cp";
 
 // A copy of what is to be put, so that both sides read from one disk and nothing changes meanwhile.

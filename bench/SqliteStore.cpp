@@ -12,7 +12,7 @@ namespace tarns::bench {
 namespace {
 
 constexpr std::int64_t kRoot = 0;
-enum RowType : int { kBranch = 0, kText = 1, kInteger = 2 };
+enum RowType : int { kBranchRow = 0, kTextRow = 1, kIntegerRow = 2 };
 
 struct CloseConnection {
   void operator()(sqlite3* connection) const { sqlite3_close(connection); }
@@ -84,7 +84,7 @@ class Statement {
     return {data, static_cast<std::size_t>(sqlite3_column_bytes(raw_, column))};
   }
   Value value(std::int64_t type, int column) const {
-    return type == kInteger ? Value::Integer(number(column)) : Value::Text(text(column));
+    return type == kIntegerRow ? Value::Integer(number(column)) : Value::Text(text(column));
   }
 
  private:
@@ -154,7 +154,7 @@ class SqliteSession : public StoreSession {
 
   void addNode(std::string_view parent, std::string_view name,
                std::span<const Field> values) override {
-    addFields(addRow(findOrAdd(parent), name, kBranch, {}), values);
+    addFields(addRow(findOrAdd(parent), name, kBranchRow, {}), values);
   }
 
   void addValues(std::string_view path, std::span<const Field> values) override {
@@ -164,7 +164,7 @@ class SqliteSession : public StoreSession {
   void update(std::string_view path, const Value& value) override {
     const std::int64_t parent = parentOf(path);
     if (parent >= 0) {
-      update_.bind(1, parent).bind(2, path).bind(3, value.isInteger ? kInteger : kText);
+      update_.bind(1, parent).bind(2, path).bind(3, value.isInteger ? kIntegerRow : kTextRow);
       update_.bind(4, value).run();
     }
     if (parent < 0 || sqlite3_changes(connection_.get()) != 1) {
@@ -213,7 +213,7 @@ class SqliteSession : public StoreSession {
       const std::string_view name = rest.substr(0, rest.find('~'));
       rest.remove_prefix(std::min(rest.size(), name.size() + 1));
       const std::int64_t child = childOf(node, name);
-      node = child < 0 ? addRow(node, name, kBranch, {}) : child;
+      node = child < 0 ? addRow(node, name, kBranchRow, {}) : child;
     }
     knownPath_ = path;
     knownNode_ = node;
@@ -228,7 +228,7 @@ class SqliteSession : public StoreSession {
 
   void addFields(std::int64_t node, std::span<const Field> values) {
     for (const auto& [name, value] : values) {
-      addRow(node, name, value.isInteger ? kInteger : kText, value);
+      addRow(node, name, value.isInteger ? kIntegerRow : kTextRow, value);
     }
   }
 
@@ -239,7 +239,7 @@ class SqliteSession : public StoreSession {
     while (walks_[depth].step()) {
       const Statement& row = walks_[depth];
       const std::int64_t type = row.number(2);
-      if (type != kBranch) {
+      if (type != kBranchRow) {
         sum.value(row.text(1), row.value(type, 3));
         continue;
       }

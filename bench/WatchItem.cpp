@@ -18,7 +18,6 @@ namespace {
 
 using Clock = std::chrono::steady_clock;
 
-constexpr const char* kPeer = "tarns";
 constexpr const char* kPath = "machines~press~speed";
 constexpr double kMedianTarget = 100, kLateTarget = 1000;  // microseconds
 

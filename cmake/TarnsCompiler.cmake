@@ -8,6 +8,14 @@ set(CMAKE_CXX_VISIBILITY_PRESET hidden)
 set(CMAKE_VISIBILITY_INLINES_HIDDEN ON)
 set(CMAKE_EXPORT_COMPILE_COMMANDS ON)
 
+# Some sources at a time, so that the headers they have in common, and what the compiler makes of
+# these, come once: a fifth of the time. Thus sources of one folder share their anonymous namespaces.
+# With CMAKE_UNITY_BUILD=OFF each source stands for itself.
+if(NOT DEFINED CMAKE_UNITY_BUILD)
+  set(CMAKE_UNITY_BUILD ON)
+endif()
+set(CMAKE_UNITY_BUILD_BATCH_SIZE 8)
+
 find_package(Threads REQUIRED)
 
 if(PROJECT_IS_TOP_LEVEL)
@@ -28,7 +36,11 @@ target_link_libraries(tarns_build INTERFACE Threads::Threads)
 target_compile_options(tarns_build INTERFACE -fno-omit-frame-pointer)
 
 if(TARNS_DEVELOPER)
-  target_compile_options(tarns_build INTERFACE -Wall -Wextra -Wpedantic -Wshadow
+  set(shadow -Wshadow)
+  if(CMAKE_UNITY_BUILD AND CMAKE_CXX_COMPILER_ID STREQUAL "GNU")
+    set(shadow -Wshadow=local)  # what another source calls so is no concern of this one's
+  endif()
+  target_compile_options(tarns_build INTERFACE -Wall -Wextra -Wpedantic ${shadow}
                                                -Wnon-virtual-dtor -Wundef -Werror)
   find_program(TARNS_LLD ld.lld)
   if(TARNS_LLD)

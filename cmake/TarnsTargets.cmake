@@ -81,6 +81,10 @@ function(tarns_program name)
     return()
   endif()
   add_executable("${name}" ${arg_SOURCES})
+  # What stands between programs and the system has names of its own everywhere.
+  set(apart ${arg_SOURCES})
+  list(FILTER apart INCLUDE REGEX "/support/")
+  set_source_files_properties(${apart} PROPERTIES SKIP_UNITY_BUILD_INCLUSION ON)
   target_link_libraries("${name}" PRIVATE tarns_build ${arg_LIBRARIES})
   if(arg_LINKS)
     _tarns_link_families("${name}" ${arg_LINKS})
@@ -113,6 +117,8 @@ function(tarns_test name)
     LINKS ${arg_LINKS}
     PROGRAMS ${arg_PROGRAMS}
     LIBRARIES tests_support GTest::gtest_main ${arg_LIBRARIES})
+  # What is built before each run and runs for seconds; what it tests is compiled as elsewhere.
+  target_compile_options("tests_${name}" PRIVATE $<$<CONFIG:Debug>:-O0 -fno-sanitize=undefined>)
   list(JOIN arg_THREADS ":" threads)
   if(threads)
     _tarns_discover("${name}" "${threads}" ${arg_TIMEOUT} TEST_LIST "${name}_threads")

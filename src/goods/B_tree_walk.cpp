@@ -10,10 +10,6 @@
 namespace goods {
 namespace {
 
-[[noreturn]] void throw_contradiction() {
-  throw_error(error_code::corrupt_data, "The pages of an index contradict each other.");
-}
-
 bool refers_to(ref_word word, const object_ref& reference) {
   if (word == reference.word()) return true;
   const object_id id = reference.id();
@@ -33,6 +29,10 @@ std::unordered_set<std::uint64_t> keys_of(const std::vector<ref<set_member>>& me
 }
 
 }  // namespace
+
+void throw_contradiction() {
+  throw_error(error_code::corrupt_data, "The pages of an index contradict each other.");
+}
 
 void B_tree_walk::start() {
   depth_ = 0;

@@ -14,6 +14,9 @@
 
 namespace goods {
 
+// Throws corrupt_data: pages of an index do not fit together.
+[[noreturn]] void throw_contradiction();
+
 // Points at an entry or behind the last one, and knows the pages above. Trusts no stored page:
 // levels must go down one by one, so that a walk ends whatever refers to what. Threads: one. Valid
 // as long as the reader.

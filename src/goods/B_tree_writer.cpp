@@ -5,6 +5,8 @@
 #include <goods/errors.h>
 #include <goods/object_handle.h>
 
+#include "goods/B_tree_walk.h"
+
 namespace goods {
 namespace {
 
@@ -21,10 +23,6 @@ std::string shortest_bound(std::string_view before, std::string_view after) {
   std::size_t common = 0;
   while (common < limit && before[common] == after[common]) ++common;
   return std::string(after.substr(0, common + 1));
-}
-
-[[noreturn]] void throw_contradiction() {
-  throw_error(error_code::corrupt_data, "The pages of an index contradict each other.");
 }
 
 // The page behind an access to the one that stands at `at` in `above`.

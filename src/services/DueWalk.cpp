@@ -7,7 +7,7 @@ namespace tarns {
 
 namespace {
 
-constexpr auto kPause = std::chrono::seconds(1);         // before what is postponed is tried again
+constexpr auto kPostponement = std::chrono::seconds(1);  // before what is postponed is tried again
 constexpr std::size_t kMostLeft = std::size_t{1} << 20;  // entries, of 16 bytes each
 
 }  // namespace
@@ -63,7 +63,7 @@ std::optional<DueWalk::Time> DueWalk::walkFrom(std::string last, const Steps& st
       if (!isLeftNow) {
         if (!steps.mayGoOn()) return TarnTasks::Now();
         const Outcome outcome = steps.look(name, *entry);
-        if (outcome == Outcome::kPostponed) again = TarnTasks::Now() + kPause;
+        if (outcome == Outcome::kPostponed) again = TarnTasks::Now() + kPostponement;
         isLeftNow = outcome == Outcome::kLeft;
         if (isLeftNow) leave(*entry);
       }

@@ -17,7 +17,7 @@ struct Use {
   std::uint64_t begun = 0, ended = 0;
 };
 
-struct Registry {
+struct RunRegistry {
   std::mutex lock;
   std::condition_variable ended;
   std::map<RunningTasks::Key, Use> tasks;  // under lock; those that run or are watched
@@ -27,8 +27,8 @@ struct Registry {
   }
 };
 
-Registry& Tasks() {
-  static auto* const registry = new Registry;  // outlives schedulers of static objects
+RunRegistry& Tasks() {
+  static auto* const registry = new RunRegistry;  // outlives schedulers of static objects
   return *registry;
 }
 
@@ -42,14 +42,14 @@ RunningTasks::Key RunningTasks::KeyOf(const TarnManager& manager, const xcptref<
 }
 
 RunningTasks::Scope::Scope(const Key& key) : key_(key) {
-  Registry& registry = Tasks();
+  RunRegistry& registry = Tasks();
   const std::lock_guard guard(registry.lock);
   ++registry.tasks[key].running;
   runsHere = &key_;
 }
 
 RunningTasks::Scope::~Scope() {
-  Registry& registry = Tasks();
+  RunRegistry& registry = Tasks();
   const std::lock_guard guard(registry.lock);
   runsHere = nullptr;
   const auto task = registry.tasks.find(key_);
@@ -60,13 +60,13 @@ RunningTasks::Scope::~Scope() {
 }
 
 void RunningTasks::Scope::begins() const {
-  Registry& registry = Tasks();
+  RunRegistry& registry = Tasks();
   const std::lock_guard guard(registry.lock);
   ++registry.tasks.find(key_)->second.begun;
 }
 
 RunningTasks::Watch::Watch(const Key& key) : key_(key) {
-  Registry& registry = Tasks();
+  RunRegistry& registry = Tasks();
   std::unique_lock guard(registry.lock);
   Use& use = registry.tasks[key];
   ++use.watched;
@@ -77,7 +77,7 @@ RunningTasks::Watch::Watch(const Key& key) : key_(key) {
 }
 
 RunningTasks::Watch::~Watch() {
-  Registry& registry = Tasks();
+  RunRegistry& registry = Tasks();
   const std::lock_guard guard(registry.lock);
   const auto task = registry.tasks.find(key_);
   --task->second.watched;
@@ -85,7 +85,7 @@ RunningTasks::Watch::~Watch() {
 }
 
 bool RunningTasks::Watch::hasSeenRun() const {
-  Registry& registry = Tasks();
+  RunRegistry& registry = Tasks();
   const std::lock_guard guard(registry.lock);
   const Use& use = registry.tasks.find(key_)->second;
   return use.running > 0 || use.begun != begun_;

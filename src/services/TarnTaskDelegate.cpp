@@ -16,19 +16,19 @@ struct Known {
 };
 
 // Registrations are static objects of any source file and library.
-struct Registry {
+struct DelegateRegistry {
   std::mutex lock;
   std::uint64_t last = 0;
   std::vector<Known> known;  // those made later behind
 };
 
-Registry& Delegates() {
-  static auto* const registry = new Registry;  // outlives the registrations
+DelegateRegistry& Delegates() {
+  static auto* const registry = new DelegateRegistry;  // outlives the registrations
   return *registry;
 }
 
 TarnTaskDelegate::Maker MakerOf(std::string_view type) {
-  Registry& registry = Delegates();
+  DelegateRegistry& registry = Delegates();
   const std::lock_guard guard(registry.lock);
   const auto found = std::find_if(registry.known.rbegin(), registry.known.rend(),
                                   [type](const Known& one) { return one.type == type; });
@@ -47,21 +47,21 @@ std::unique_ptr<TarnTaskDelegate> TarnTaskDelegate::Create(std::string_view type
 bool TarnTaskDelegate::IsKnown(std::string_view type) { return MakerOf(type) != nullptr; }
 
 std::uint64_t TarnTaskDelegate::GetNumRegistrations() {
-  Registry& registry = Delegates();
+  DelegateRegistry& registry = Delegates();
   const std::lock_guard guard(registry.lock);
   return registry.last;
 }
 
 TarnTaskDelegateRegistration::TarnTaskDelegateRegistration(std::string type,
                                                            TarnTaskDelegate::Maker maker) {
-  Registry& registry = Delegates();
+  DelegateRegistry& registry = Delegates();
   const std::lock_guard guard(registry.lock);
   number_ = ++registry.last;
   registry.known.push_back({number_, std::move(type), maker});
 }
 
 TarnTaskDelegateRegistration::~TarnTaskDelegateRegistration() {
-  Registry& registry = Delegates();
+  DelegateRegistry& registry = Delegates();
   const std::lock_guard guard(registry.lock);
   std::erase_if(registry.known, [this](const Known& one) { return one.number == number_; });
 }

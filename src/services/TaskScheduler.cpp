@@ -30,7 +30,7 @@ constexpr std::uint32_t kMostInARound = 64;  // runs, between which stop() is lo
 constexpr std::size_t kTidiedAtOnce = 64;    // entries
 constexpr std::size_t kAll = std::numeric_limits<std::size_t>::max();
 constexpr std::size_t kLongestReason = 4096;      // bytes
-constexpr auto kPause = std::chrono::seconds(1);  // before what could not be done is tried again
+constexpr auto kRetryPause = std::chrono::seconds(1);  // before what could not be done is tried again
 // What nobody signals is noticed after this: that the list is another node, or a delegate known.
 constexpr auto kLongestSleep = std::chrono::seconds(2);
 constexpr std::size_t kMostRemembered = 10'000;  // names, tasks
@@ -232,7 +232,7 @@ void TaskScheduler::Loop::work() noexcept {
     } catch (...) {
       if (isStopping_) return;
       complain(problem, ReasonOfFailure());
-      round.next = TarnTasks::Now() + kPause;
+      round.next = TarnTasks::Now() + kRetryPause;
     }
     sleepUntil(round.next);
   }

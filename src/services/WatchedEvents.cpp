@@ -22,7 +22,7 @@ namespace {
 constexpr auto kPriority = static_cast<goods::task::priority>(2);
 constexpr std::size_t kStackSize = 0x40000;  // bytes
 constexpr int kMostAttempts = 100;           // to start a thread, with a pause after each
-constexpr auto kPause = std::chrono::milliseconds(1);
+constexpr auto kAttemptPause = std::chrono::milliseconds(1);
 
 // How many callbacks, or the ends of such, the calling thread is in.
 thread_local int callbacksHere = 0;
@@ -318,7 +318,7 @@ void WatchedEvents::execute(std::uint64_t id, TarnWatcherEvent::Calls calls) {
       thread.detach();
       return;
     } catch (...) {  // too many threads for now, or too little memory
-      std::this_thread::sleep_for(kPause);
+      std::this_thread::sleep_for(kAttemptPause);
     }
   }
   // Rather late, and holding up others, than not at all.

@@ -15,16 +15,13 @@
 #include <system_error>
 
 #include "tools/signals.h"
+#include "tools/unique_file.h"
 
 namespace tarns {
 
 namespace {
 
 constexpr const char* kLockName = "lock";  // opened by everybody who looks
-
-[[noreturn]] void ThrowSystemError(const std::string& what) {
-  throw std::system_error(errno, std::generic_category(), what);
-}
 
 bool Drain(int file) {
   bool wasThere = false;

@@ -22,10 +22,6 @@ namespace {
 
 constexpr std::size_t kPage = 500;  // items at a time
 
-[[noreturn]] void ThrowSystemError(const std::string& path) {
-  throw std::system_error(errno, std::generic_category(), "\"" + path + "\"");
-}
-
 // Errors that concern everything that is still to be written.
 bool IsHopeless(int error) { return error == ENOSPC || error == EDQUOT || error == EROFS; }
 
@@ -63,10 +59,6 @@ bool SetAttributes(int file, const TarnVFSInfo& info) {
   return info.modified == TarnVFSInfo::kNoTime || ::futimens(file, TimesOf(info).data()) == 0;
 }
 
-std::string Joined(const std::string& directory, const std::string& name) {
-  return directory.ends_with('/') ? directory + name : directory + "/" + name;
-}
-
 }  // namespace
 
 struct VfsGetter::Directory {
@@ -89,7 +81,7 @@ void VfsGetter::fail(const std::string& path, const char* what) {
 }
 
 void VfsGetter::failWithError(const std::string& path) {
-  if (IsHopeless(errno)) ThrowSystemError(path);
+  if (IsHopeless(errno)) ThrowPathError(path);
   fail(path, std::generic_category().message(errno).c_str());
 }
 
@@ -97,9 +89,9 @@ void VfsGetter::failWithError(const std::string& path) {
 
 void VfsGetter::getFolder(const xcptref<TarnVFSFolder>& folder, const std::string& target) {
   const bool isNew = ::mkdir(target.c_str(), 0777) == 0;
-  if (!isNew && errno != EEXIST) ThrowSystemError(target);
+  if (!isNew && errno != EEXIST) ThrowPathError(target);
   UniqueFile file(::open(target.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
-  if (file.get() < 0) ThrowSystemError(target);
+  if (file.get() < 0) ThrowPathError(target);
   enter({folder, target, std::move(file)}, folder->getInfo());
   while (!open_.empty()) {
     ThrowIfInterrupted();
@@ -172,7 +164,7 @@ void VfsGetter::getItem(const xcptref<TarnVFSItem>& item, const std::string& tar
   const std::string above = slash == std::string::npos ? "." : target.substr(0, slash + 1);
   const std::string name = slash == std::string::npos ? target : target.substr(slash + 1);
   const UniqueFile directory(::open(above.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
-  if (directory.get() < 0) ThrowSystemError(above);
+  if (directory.get() < 0) ThrowPathError(above);
   getEntry(directory.get(), name, {name, item, item->getInfo()}, target);
 }
 

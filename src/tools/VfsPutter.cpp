@@ -33,10 +33,6 @@ TarnVFSTime TimeOf(const timespec& time) {
   return {time.tv_sec, static_cast<std::uint32_t>(time.tv_nsec)};
 }
 
-[[noreturn]] void ThrowSystemError(const std::string& path) {
-  throw std::system_error(errno, std::generic_category(), "\"" + path + "\"");
-}
-
 // Reads up to the end or until the buffer is full; -1 for an error.
 ssize_t ReadAll(int file, char* into, std::size_t size) {
   std::size_t done = 0;
@@ -50,10 +46,6 @@ ssize_t ReadAll(int file, char* into, std::size_t size) {
     }
   }
   return static_cast<ssize_t>(done);
-}
-
-std::string Joined(const std::string& directory, const std::string& name) {
-  return directory.ends_with('/') ? directory + name : directory + "/" + name;
 }
 
 }  // namespace
@@ -103,14 +95,14 @@ void VfsPutter::leaveOut(const std::string& directory) {
 
 void VfsPutter::put(const std::string& source, const std::string& path) {
   struct stat status {};
-  if (::lstat(source.c_str(), &status) != 0) ThrowSystemError(source);
+  if (::lstat(source.c_str(), &status) != 0) ThrowPathError(source);
   auto directory = std::make_shared<Directory>();
   if (S_ISDIR(status.st_mode)) {
     directory->real = source;
     directory->path = path;
     directory->status = status;
     directory->file = UniqueFile(::open(source.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
-    if (directory->file.get() < 0) ThrowSystemError(source);
+    if (directory->file.get() < 0) ThrowPathError(source);
     if (!path.empty() && files_.isItemExist(path)) {
       throw UsageError{"\"" + path + "\" is an item, \"" + source + "\" a directory."};
     }
@@ -128,7 +120,7 @@ void VfsPutter::put(const std::string& source, const std::string& path) {
     directory->path = TarnBranches::ParentOf(path);
     directory->file =
         UniqueFile(::open(directory->real.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
-    if (directory->file.get() < 0) ThrowSystemError(directory->real);
+    if (directory->file.get() < 0) ThrowPathError(directory->real);
     VerifyNoItemOnTheWay(files_, directory->path);
     if (!files_.createFolder(directory->path)) {
       throw UsageError{"Folders are not allowed at \"" + directory->path + "\"."};

@@ -17,10 +17,6 @@ namespace tarns {
 
 namespace {
 
-std::string ObjectText(goods::object_id id) {
-  return std::to_string(goods::storage_of(id)) + ":" + std::to_string(goods::number_of(id));
-}
-
 // What a finding is about, as "machines~press (object 0:65600, TarnObject)".
 std::string SubjectOf(const goods::check_finding& finding) {
   if (finding.id == 0) return "storage " + std::to_string(finding.storage);

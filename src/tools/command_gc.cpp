@@ -18,10 +18,6 @@ namespace tarns {
 
 namespace {
 
-std::string ObjectText(goods::object_id id) {
-  return std::to_string(goods::storage_of(id)) + ":" + std::to_string(goods::number_of(id));
-}
-
 // What would go: a table, or JSON.
 class GarbageListing {
  public:

@@ -8,6 +8,7 @@
 #include <cstdio>
 
 #include "tools/shown_text.h"
+#include "tools/unique_file.h"
 #include "tools/vfs_command.h"
 
 namespace tarns {
@@ -153,6 +154,12 @@ std::string NameOfFile(std::string_view inTree) {
   }
   return name;
 }
+
+std::string Joined(const std::string& directory, const std::string& name) {
+  return directory.ends_with('/') ? directory + name : directory + "/" + name;
+}
+
+void ThrowPathError(const std::string& path) { ThrowSystemError("\"" + path + "\""); }
 
 bool IsFileName(std::string_view name) {
   return !name.empty() && name != "." && name != ".." && name.find('/') == std::string_view::npos;

@@ -77,6 +77,10 @@ std::string Shown(std::string_view text) { return Escaped(text, false); }
 
 std::string ShownInFull(std::string_view text) { return Escaped(text, true); }
 
+std::string ObjectText(goods::object_id id) {
+  return std::to_string(goods::storage_of(id)) + ":" + std::to_string(goods::number_of(id));
+}
+
 std::size_t WidthOf(std::string_view shown) {
   std::size_t width = 0;
   while (!shown.empty()) {

@@ -1,6 +1,8 @@
 // Names and values as they may be shown to people.
 #pragma once
 
+#include <goods/object_ref.h>
+
 #include <cstddef>
 #include <cstdint>
 #include <string>
@@ -15,6 +17,9 @@ std::string Shown(std::string_view text);
 
 // The same, but line feeds and tabs stay, and so do backslashes: for a value that is printed alone.
 std::string ShownInFull(std::string_view text);
+
+// An object's storage and number, as "0:65600".
+std::string ObjectText(goods::object_id id);
 
 // Columns that a text takes on a terminal; for what Shown() returns.
 std::size_t WidthOf(std::string_view shown);

@@ -8,7 +8,8 @@
 #include <cerrno>
 #include <csignal>
 #include <cstdlib>
-#include <system_error>
+
+#include "tools/unique_file.h"
 
 namespace tarns {
 
@@ -21,10 +22,6 @@ volatile std::sig_atomic_t noted = 0;
 volatile std::sig_atomic_t isWatched[kSignals.size()];
 int wakingPipe[2] = {-1, -1};  // made once, and open for as long as a handler may run
 bool isWatching = false;
-
-[[noreturn]] void ThrowSystemError(const char* what) {
-  throw std::system_error(errno, std::generic_category(), what);
-}
 
 void RestoreDefaults() {
   for (std::size_t i = 0; i < kSignals.size(); ++i) {

@@ -1,7 +1,11 @@
+// Files of the system.
 #pragma once
 
 #include <unistd.h>
 
+#include <cerrno>
+#include <string>
+#include <system_error>
 #include <utility>
 
 namespace tarns {
@@ -29,5 +33,10 @@ class UniqueFile {
  private:
   int file_ = -1;
 };
+
+// Throws what errno says at the time of the call.
+[[noreturn]] inline void ThrowSystemError(const std::string& what) {
+  throw std::system_error(errno, std::generic_category(), what);
+}
 
 }  // namespace tarns

@@ -74,6 +74,10 @@ std::string NameInTree(std::string_view real);
 std::string NameOfFile(std::string_view inTree);
 // Whether a directory can have an entry of that name.
 bool IsFileName(std::string_view name);
+// The path of an entry of a directory.
+std::string Joined(const std::string& directory, const std::string& name);
+// Throws what errno says of the real file, at the time of the call.
+[[noreturn]] void ThrowPathError(const std::string& path);
 
 // The parts of `tarns vfs`; each adds its sub-commands.
 void AddVfsListing(CLI::App& vfs, Invocation& invocation);

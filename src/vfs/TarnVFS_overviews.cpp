@@ -17,7 +17,7 @@ namespace tarns {
 
 namespace {
 
-constexpr std::size_t kPage = 1000;  // items at a time
+constexpr std::size_t kItemsAtATime = 1000;
 
 // A content type as the name of a child: whatever was set, it is one.
 std::string NameOfType(std::string_view type) {
@@ -78,10 +78,10 @@ TarnRef TarnVFS::summarizeItemsIn(TarnPathText folderPath) {
   std::vector<TarnVFSEntry> page;
   std::string after;
   do {
-    page = folder->listItems(after, kPage);
+    page = folder->listItems(after, kItemsAtATime);
     for (const TarnVFSEntry& entry : page) summary.add(entry);
     if (!page.empty()) after = page.back().name;
-  } while (page.size() == kPage);
+  } while (page.size() == kItemsAtATime);
   TarnRef node = TarnObject::Create();
   auto body = modify(node);
   body->setValue("Items", TarnData(summary.items));

@@ -12,7 +12,7 @@ namespace tarns {
 
 namespace {
 
-constexpr std::size_t kPage = 1000;  // names at a time
+constexpr std::size_t kNamesAtATime = 1000;
 
 XString Joined(const XString& base, const XString& ext) {
   XString name(base.view());
@@ -53,13 +53,13 @@ class NumberSearch {
     std::vector<std::string> names;
     std::string after = prefix;
     do {
-      names = items_->getChildNames(after, kPage);
+      names = items_->getChildNames(after, kNamesAtATime);
       for (const std::string& name : names) {
         if (!name.starts_with(prefix)) return;
         lookAt(name);
       }
       if (!names.empty()) after = names.back();
-    } while (names.size() == kPage);
+    } while (names.size() == kNamesAtATime);
   }
 
   void lookAt(const std::string& name) {

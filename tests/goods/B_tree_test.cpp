@@ -14,7 +14,7 @@
 #include "errors_matcher.h"
 #include "goods/B_tree_writer.h"
 
-namespace goods::testing {
+namespace goods {
 namespace {
 
 // An index beside what it must hold: names in order, equal ones as they came.
@@ -292,4 +292,4 @@ TEST_F(B_treeTest, MembersForgetAnIndexThatIsGone) {
 }
 
 }  // namespace
-}  // namespace goods::testing
+}  // namespace goods

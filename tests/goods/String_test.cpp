@@ -8,7 +8,7 @@
 #include "errors_matcher.h"
 #include "sample_class.h"
 
-namespace goods::testing {
+namespace goods {
 namespace {
 
 TEST(StringTest, DoublesItsCapacityOrTakesWhatItNeeds) {
@@ -72,4 +72,4 @@ TEST(StringTest, RefusesATextOfMoreThanItsLimit) {
 }
 
 }  // namespace
-}  // namespace goods::testing
+}  // namespace goods

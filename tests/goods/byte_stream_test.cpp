@@ -11,10 +11,10 @@
 
 #include "errors_matcher.h"
 
-namespace goods::testing {
+namespace goods {
 namespace {
 
-constexpr object_id self = make_object_id(3, 0x12345);
+constexpr object_id stream_id = make_object_id(3, 0x12345);
 
 TEST(ByteStreamTest, GivesNumbersBackInTheFewestBytes) {
   struct test_case {
@@ -43,7 +43,7 @@ TEST(ByteStreamTest, GivesNumbersBackInTheFewestBytes) {
     EXPECT_EQ(out.size(), c.as_signed);
     out.put_unsigned(static_cast<std::uint64_t>(c.value));
     EXPECT_EQ(out.size(), c.as_signed + c.as_unsigned);
-    byte_reader in(out.bytes(), self);
+    byte_reader in(out.bytes(), stream_id);
     EXPECT_EQ(in.get_signed(), c.value);
     EXPECT_EQ(in.get_unsigned(), static_cast<std::uint64_t>(c.value));
     EXPECT_TRUE(in.at_end());
@@ -66,7 +66,7 @@ TEST(ByteStreamTest, GivesRealNumbersBackBitForBit) {
     const auto narrow = static_cast<float>(c.value);
     out.put_float(narrow);
     EXPECT_EQ(out.size(), c.bytes + c.as_float);
-    byte_reader in(out.bytes(), self);
+    byte_reader in(out.bytes(), stream_id);
     EXPECT_EQ(std::bit_cast<std::uint64_t>(in.get_double()), std::bit_cast<std::uint64_t>(c.value));
     EXPECT_EQ(std::bit_cast<std::uint32_t>(in.get_float()), std::bit_cast<std::uint32_t>(narrow));
   }
@@ -79,7 +79,7 @@ TEST(ByteStreamTest, StoresReferencesRelativeToTheirObject) {
   };
   const test_case cases[] = {
       {0, 1},                                // none
-      {self, 1},                             // itself
+      {stream_id, 1},                             // itself
       {make_object_id(3, 0x12345 + 31), 1},  // neighbours
       {make_object_id(3, 0x12345 - 31), 1},
       {make_object_id(3, 0x12345 + 4000), 2},
@@ -91,9 +91,9 @@ TEST(ByteStreamTest, StoresReferencesRelativeToTheirObject) {
   for (const test_case& c : cases) {
     SCOPED_TRACE(c.target);
     byte_writer out;
-    out.put_reference(c.target, self);
+    out.put_reference(c.target, stream_id);
     EXPECT_EQ(out.size(), c.bytes);
-    byte_reader in(out.bytes(), self);
+    byte_reader in(out.bytes(), stream_id);
     EXPECT_EQ(in.get_reference(), c.target);
     EXPECT_TRUE(in.at_end());
   }
@@ -101,7 +101,7 @@ TEST(ByteStreamTest, StoresReferencesRelativeToTheirObject) {
 
 std::vector<std::uint8_t> written_reference(object_id target) {
   byte_writer out;
-  out.put_reference(target, self);
+  out.put_reference(target, stream_id);
   std::vector<std::uint8_t> bytes;
   for (const std::byte byte : out.bytes()) bytes.push_back(static_cast<std::uint8_t>(byte));
   return bytes;
@@ -131,10 +131,10 @@ TEST(ByteStreamTest, RefusesWhatNoWriterWrites) {
   };
   for (const test_case& c : cases) {
     SCOPED_TRACE(c.what);
-    byte_reader in(std::as_bytes(std::span(c.bytes)), self);
+    byte_reader in(std::as_bytes(std::span(c.bytes)), stream_id);
     EXPECT_EQ(code_of([&] { c.read(in); }), error_code::corrupt_data);
   }
 }
 
 }  // namespace
-}  // namespace goods::testing
+}  // namespace goods

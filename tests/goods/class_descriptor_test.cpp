@@ -12,7 +12,7 @@
 #include "goods/class_layout.h"
 #include "sample_class.h"
 
-namespace goods::testing {
+namespace goods {
 namespace {
 
 constexpr object_id self = make_object_id(1, 0x20000);
@@ -164,4 +164,4 @@ TEST(ClassDescriptorTest, DropsMembersThatTheBaseDeclaresAlready) {
 }
 
 }  // namespace
-}  // namespace goods::testing
+}  // namespace goods

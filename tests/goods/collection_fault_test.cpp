@@ -22,22 +22,22 @@
 namespace goods {
 namespace {
 
-using chain = std::vector<std::int64_t>;  // values of the cells below the root
+using cell_values = std::vector<std::int64_t>;  // values of the cells below the root
 using operation = faulty_vfs::operation;
 
-constexpr const char* options = "?log=64K";
-constexpr int storages = 2;
+constexpr const char* short_log = "?log=64K";
+constexpr int storages_collected = 2;
 
-chain chain_of(test_session& session) {
-  chain values;
+cell_values chain_of(test_session& session) {
+  cell_values values;
   for (ref<cell> at(session.root()->next); at; at = ref<cell>(at->next))
     values.push_back(at->value);
   return values;
 }
 
-std::size_t stored_objects(database& db) {
+std::size_t objects_in_all_storages(database& db) {
   std::size_t count = 0;
-  for (storage_number s = 0; s < storages; ++s)
+  for (storage_number s = 0; s < storages_collected; ++s)
     db.storage(s).dbs().for_each([&](const object_state&) {
       ++count;
       return true;
@@ -51,12 +51,12 @@ constexpr int steps = 12;
 // So many that whole groups of neighbours become free, and are used again.
 constexpr std::size_t links = 70, cut = 85;
 
-void apply(int step, chain& to) {
+void apply(int step, cell_values& to) {
   if (step % 3 == 2) {
     to.erase(to.begin(), to.begin() + cut);
     return;
   }
-  chain added(links);
+  cell_values added(links);
   std::iota(added.begin(), added.end(), step * 100);
   to.insert(to.begin(), added.begin(), added.end());
 }
@@ -75,8 +75,8 @@ void apply(int step, test_session& session) {
   modify(root)->next = first;
 }
 
-chain chain_after(int count) {
-  chain result;
+cell_values chain_after(int count) {
+  cell_values result;
   for (int i = 0; i < count; ++i) apply(i, result);
   return result;
 }
@@ -105,13 +105,13 @@ class CollectionFaultTest : public testing::Test {
   // What is wrong with the database of which between `least` and `most` steps must be there.
   static std::string fault_of(const std::string& directory, int least, int most) try {
     test_session session(directory + "/test.cfg");
-    const chain found = chain_of(session);
+    const cell_values found = chain_of(session);
     int count = least;
     while (count <= most && found != chain_after(count)) ++count;
     if (count > most) return "it has none of the states that it may have";
     session.db().start_gc();
     if (chain_of(session) != found) return "a collection removed what is needed";
-    if (stored_objects(session.db()) != found.size() + 1) return "a collection left something";
+    if (objects_in_all_storages(session.db()) != found.size() + 1) return "a collection left something";
     return {};
   } catch (const std::exception& error) {
     return error.what();
@@ -144,7 +144,7 @@ TEST_F(CollectionFaultTest, ALossOfPowerLosesNothingThatIsNeeded) {
   const unsigned seed = std::random_device{}();
   SCOPED_TRACE(testing::Message() << "seed " << seed);
   std::minstd_rand random(seed);
-  const test_store store(storages, options, scratch_directory::place::in_memory);
+  const test_store store(storages_collected, short_log, scratch_directory::place::in_memory);
   test_session(store).root();
   disk_.record(store.directory().path().string());
   work(store);
@@ -156,7 +156,7 @@ TEST_F(CollectionFaultTest, ALossOfPowerLosesNothingThatIsNeeded) {
 }
 
 TEST_F(CollectionFaultTest, ADiskThatFailsAtAnyPointLosesNothingThatIsNeeded) {
-  const test_store good(storages, options, scratch_directory::place::in_memory);
+  const test_store good(storages_collected, short_log, scratch_directory::place::in_memory);
   {
     test_session session(good);
     for (int i = 0; i < steps; ++i) apply(i, session);
@@ -184,7 +184,7 @@ TEST_F(CollectionFaultTest, ADiskThatFailsAtAnyPointLosesNothingThatIsNeeded) {
 // Each file operation in turn is the last one of a process that collects; the next collection
 // removes all the rest.
 TEST_F(CollectionFaultTest, AProcessKilledAtAnyPointLosesNothingThatIsNeeded) {
-  const test_store good(storages, options, scratch_directory::place::in_memory);
+  const test_store good(storages_collected, short_log, scratch_directory::place::in_memory);
   {
     test_session session(good);
     for (int i = 0; i < steps; ++i) apply(i, session);

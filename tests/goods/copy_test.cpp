@@ -24,11 +24,11 @@ namespace goods {
 namespace {
 
 namespace fs = std::filesystem;
-using goods::testing::code_of;
+using goods::code_of;
 using operation = faulty_vfs::operation;
 using fault = faulty_vfs::fault;
 
-constexpr int storages = 2;
+constexpr int storages_copied = 2;
 constexpr int pairs = 3;
 
 std::string configuration_of(const std::string& copy) { return copy + "/tarns.conf"; }
@@ -46,7 +46,7 @@ void make_pairs(test_session& session) {
     ref<cell> first;
     for (int i = 0; i < 2 * pairs; ++i) {
       first = new_cell(0, first);
-      modify(first)->attach_to_storage(&session.db(), static_cast<storage_number>(i % storages));
+      modify(first)->attach_to_storage(&session.db(), static_cast<storage_number>(i % storages_copied));
     }
     modify(root)->next = first;
   });
@@ -78,7 +78,7 @@ std::vector<std::int64_t> values_in(const std::string& configuration) {
 class CopyTest : public ::testing::Test {
  protected:
   explicit CopyTest(scratch_directory::place where = scratch_directory::place::on_disk)
-      : store_(storages, "?log=64K", where) {
+      : store_(storages_copied, "?log=64K", where) {
     test_session session(store_);
     make_pairs(session);
   }
@@ -145,7 +145,7 @@ TEST_F(CopyTest, IsADatabaseOfItsOwnThatCanBeOpenedBesideTheOther) {
     add_to_pair(of_copy, cells_of(of_copy), 2);
     session.db().attach();
     EXPECT_EQ(cells_of(session)[4]->value, 0);
-    for (storage_number s = 0; s < storages; ++s)
+    for (storage_number s = 0; s < storages_copied; ++s)
       EXPECT_NE(session.db().storage(s).dbs().identity(), of_copy.db().storage(s).dbs().identity());
   }
   EXPECT_EQ(values_in(store_.configuration()), (std::vector<std::int64_t>{1, 1, 0}));

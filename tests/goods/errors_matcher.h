@@ -5,7 +5,7 @@
 
 #include <goods/errors.h>
 
-namespace goods::testing {
+namespace goods {
 
 // The code of the error that `work` throws; none when it throws nothing.
 template <class Work>
@@ -18,4 +18,4 @@ std::optional<error_code> code_of(const Work& work) {
   return std::nullopt;
 }
 
-}  // namespace goods::testing
+}  // namespace goods

@@ -13,11 +13,11 @@
 #include "sample_class.h"
 #include "support/scratch_directory.h"
 
-namespace goods::testing {
+namespace goods {
 namespace {
 
 constexpr object_number number = 0x20000;
-constexpr object_id self = make_object_id(1, number);
+constexpr object_id evolved_id = make_object_id(1, number);
 
 dbs_field_descriptor stored(const char* name, field_type type, std::uint32_t size,
                             std::uint32_t n_items = 1) {
@@ -31,7 +31,7 @@ owned_body load(std::vector<dbs_field_descriptor> fields, class_descriptor& cls,
   write(out);
   const auto layout = std::make_shared<const class_layout>(
       class_layout::make("sample_object", {"object"}, std::move(fields)));
-  return owned_body(state_loader(layout, cls).load(nullptr, out.bytes(), self));
+  return owned_body(state_loader(layout, cls).load(nullptr, out.bytes(), evolved_id));
 }
 
 TEST(EvolutionTest, NumbersBecomeTheNearestThatTheirMemberCanHold) {
@@ -100,7 +100,7 @@ TEST(EvolutionTest, NumbersBecomeTheNearestThatTheirMemberCanHold) {
       {"another name", stored("once", signed_integer, 4), [](byte_writer& o) { o.put_signed(4); },
        [](const sample_object& s) { return s.whole == 4; }},
       {"a reference where a number is now", stored("whole", reference, 8),
-       [](byte_writer& o) { o.put_reference(self, self); },
+       [](byte_writer& o) { o.put_reference(evolved_id, evolved_id); },
        [](const sample_object& s) { return s.whole == 0; }},
       {"a member that is gone", stored("gone", text, 1, 9), [](byte_writer& o) { o.put_text("x"); },
        [](const sample_object& s) { return s.whole == 0 && s.letters[0] == 0; }},
@@ -127,14 +127,14 @@ TEST(EvolutionTest, StructuresMatchByTheNamesOfTheirComponents) {
   const auto cls = make_sample_class();
   const owned_body body = load({parts}, *cls, [](byte_writer& out) {
     for (int i = 1; i <= 3; ++i) {
-      out.put_reference(self + static_cast<unsigned>(i), self);
+      out.put_reference(evolved_id + static_cast<unsigned>(i), evolved_id);
       out.put_double(0.1);
       out.put_signed(i * 100'000);
     }
   });
   const auto& sample = static_cast<const sample_object&>(*body);
-  EXPECT_EQ(sample.parts[0].link.id(), self + 1);
-  EXPECT_EQ(sample.parts[1].link.id(), self + 2);
+  EXPECT_EQ(sample.parts[0].link.id(), evolved_id + 1);
+  EXPECT_EQ(sample.parts[1].link.id(), evolved_id + 2);
   EXPECT_EQ(sample.parts[1].number, 0x7FFF);
 }
 
@@ -152,15 +152,15 @@ TEST(EvolutionTest, VaryingPartsGainAndLoseComponents) {
   out.put_unsigned(2);
   for (const char* name : {"a", "b"}) {
     out.put_text(name);
-    out.put_reference(self + 1, self);
+    out.put_reference(evolved_id + 1, evolved_id);
     out.put_double(0.1);
   }
   out.put_unsigned(0);
-  const owned_body body(state_loader(layout, B_page::self_class).load(nullptr, out.bytes(), self));
+  const owned_body body(state_loader(layout, B_page::self_class).load(nullptr, out.bytes(), evolved_id));
   const index_page& page = static_cast<const B_page&>(*body).page();
   ASSERT_EQ(page.size(), 2U);
   EXPECT_EQ(page.name(1), "b");
-  EXPECT_EQ(page.member(1), ref_word::of(self + 1));
+  EXPECT_EQ(page.member(1), ref_word::of(evolved_id + 1));
   EXPECT_TRUE(page.target(1).is_null());
 }
 
@@ -228,7 +228,7 @@ class random_layouts {
         break;
       case field_type::reference:
         out.put_reference(below(3) == 0 ? 0 : make_object_id(below(3), 0x10000 + below(0x20000)),
-                          self);
+                          evolved_id);
         break;
       case field_type::real:
         field.size == 4 ? out.put_float(static_cast<float>(below(100)) / 3)
@@ -274,13 +274,13 @@ TEST(EvolutionTest, AnUnknownClassLosesNothingWhenItIsRewritten) {
     ASSERT_TRUE(body->cls().is_unknown_class());
     EXPECT_STREQ(body->cls().name(), "nobody_knows_this");
     EXPECT_EQ(catalog.number_for(body->cls()), layout_number);
-    EXPECT_EQ(packed(*body, self), state);
+    EXPECT_EQ(packed(*body, evolved_id), state);
     const owned_body copy(body->cls().create(nullptr));
     body->cls().copy_state(*body, *copy);
     visited_references by_body;
     body->cls().visit_references(*body, by_body);
     body.reset();
-    EXPECT_EQ(packed(*copy, self), state);
+    EXPECT_EQ(packed(*copy, evolved_id), state);
 
     std::vector<std::pair<object_id, ref_kind>> by_layout;
     catalog.for_each_reference({number, layout_number, state}, [&](const stored_reference& found) {
@@ -305,8 +305,8 @@ TEST(EvolutionTest, DamagedStatesAndLayoutsAreRefused) {
       }
       const auto attempt = [&](const std::vector<std::byte>& text) {
         const auto parsed = std::make_shared<const class_layout>(class_layout::parse(text));
-        const owned_body body(state_loader(parsed, class_for(parsed)).load(nullptr, state, self));
-        EXPECT_LE(packed(*body, self).size(), state.size() + 16);
+        const owned_body body(state_loader(parsed, class_for(parsed)).load(nullptr, state, evolved_id));
+        EXPECT_LE(packed(*body, evolved_id).size(), state.size() + 16);
       };
       for (const auto& text : {layout.bytes, described}) {
         const auto code = code_of([&] { attempt(text); });
@@ -364,4 +364,4 @@ TEST(EvolutionTest, ACatalogNamesAnUnknownLayoutNumber) {
 }
 
 }  // namespace
-}  // namespace goods::testing
+}  // namespace goods

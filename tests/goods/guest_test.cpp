@@ -18,8 +18,6 @@
 namespace goods {
 namespace {
 
-using testing::code_of;
-
 // An index that may be a guest.
 class passing_index : public B_tree {
  public:

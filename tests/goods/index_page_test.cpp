@@ -12,12 +12,12 @@
 #include "errors_matcher.h"
 #include "sample_class.h"
 
-namespace goods::testing {
+namespace goods {
 namespace {
 
-constexpr object_id self = make_object_id(0, 0x50000);
+constexpr object_id page_id = make_object_id(0, 0x50000);
 
-ref_word word(std::uint64_t i) { return ref_word::of(self + 1 + i); }
+ref_word word(std::uint64_t i) { return ref_word::of(page_id + 1 + i); }
 
 // Names that share long beginnings, hold zeros and high bytes, and repeat.
 std::string random_name(std::mt19937& random) {
@@ -79,13 +79,13 @@ TEST(IndexPageTest, FindsNamesAsASortedVectorDoes) {
 std::vector<std::byte> packed_page(const index_page& page) {
   byte_writer out;
   out.put_byte(static_cast<std::uint8_t>(page.level()));
-  page.pack(out, self);
+  page.pack(out, page_id);
   return {out.bytes().begin(), out.bytes().end()};
 }
 
 owned_body load_page(std::span<const std::byte> state) {
   owned_body body(B_page::self_class.create(nullptr));
-  byte_reader in(state, self);
+  byte_reader in(state, page_id);
   B_page::self_class.unpack(*body, in);
   return body;
 }
@@ -133,7 +133,7 @@ TEST(IndexPageTest, IsTheSameAfterPackingAndUnpacking) {
 TEST(IndexPageTest, IsSearchedInItsPackedForm) {
   const index_page leaf = sample_leaf();
   byte_writer out;
-  leaf.pack(out, self);
+  leaf.pack(out, page_id);
   std::vector<std::byte> state(out.bytes().begin(), out.bytes().end());
   std::vector<std::string> names{"", "a", "zz"};
   for (std::size_t i = 0; i < leaf.size(); ++i) {
@@ -141,7 +141,7 @@ TEST(IndexPageTest, IsSearchedInItsPackedForm) {
     names.push_back(names.back() + '\0');
   }
   const auto find = [&](std::string_view name) {
-    return index_page::find_packed(byte_reader(state, self), name);
+    return index_page::find_packed(byte_reader(state, page_id), name);
   };
   for (const std::string& name : names) {
     SCOPED_TRACE(name);
@@ -173,8 +173,8 @@ TEST(IndexPageTest, RefusesWhatNoPageIs) {
   };
   const auto entry = [](byte_writer& out, const char* name) {
     out.put_text(name);
-    out.put_reference(self + 1, self);
-    out.put_reference(self + 2, self);
+    out.put_reference(page_id + 1, page_id);
+    out.put_reference(page_id + 2, page_id);
   };
   const test_case cases[] = {
       {"out of order",
@@ -202,7 +202,7 @@ TEST(IndexPageTest, RefusesWhatNoPageIs) {
       {"more members than there can be",
        [](byte_writer& out) {
          out.put_byte(1), out.put_byte(0), out.put_unsigned(1), out.put_text(""),
-             out.put_reference(self + 1, self), out.put_unsigned(std::uint64_t{1} << 60);
+             out.put_reference(page_id + 1, page_id), out.put_unsigned(std::uint64_t{1} << 60);
        }},
   };
   for (const test_case& c : cases) {
@@ -232,4 +232,4 @@ TEST(IndexPageTest, SurvivesEveryFlippedBit) {
 }
 
 }  // namespace
-}  // namespace goods::testing
+}  // namespace goods

@@ -139,7 +139,7 @@ TEST_F(modification_test, RemovalByACollectionIsAChange) {
   EXPECT_EQ(changed.count(), 0);  // nothing leads there any more, but it is as it was
   ASSERT_EQ(mine_.db().start_gc(), 1u);
   EXPECT_TRUE(changed.wait(long_time));
-  EXPECT_EQ(testing::code_of([&] { mine_.session().signal_on_modification(id, &changed); }),
+  EXPECT_EQ(code_of([&] { mine_.session().signal_on_modification(id, &changed); }),
             error_code::object_deleted);
 }
 

@@ -24,7 +24,7 @@ namespace {
 namespace fs = std::filesystem;
 using values = std::vector<std::int64_t>;
 
-constexpr int storages = 2;
+constexpr int storages_salvaged = 2;
 
 // The cells below the root; -1: the chain ends with an object that cannot be read.
 values values_in(test_session& session) {
@@ -46,7 +46,7 @@ void put_chain(test_session& session, std::int64_t first, int length) {
     ref<cell> chain;
     for (int i = length; i-- > 0;) {
       chain = new_cell(first + i, chain);
-      modify(chain)->attach_to_storage(&session.db(), static_cast<std::uint32_t>(i) % storages);
+      modify(chain)->attach_to_storage(&session.db(), static_cast<std::uint32_t>(i) % storages_salvaged);
     }
     modify(root)->next = chain;
   });
@@ -56,7 +56,7 @@ class SalvageOfSeveralTest : public testing::Test {
  protected:
   // In the store of that directory, which nobody has open.
   static values salvaged(const fs::path& directory) {
-    const test_store into(storages, "?durability=relaxed", scratch_directory::place::in_memory);
+    const test_store into(storages_salvaged, "?durability=relaxed", scratch_directory::place::in_memory);
     {
       database made;
       EXPECT_TRUE(made.open(into.configuration().c_str()));
@@ -74,7 +74,7 @@ class SalvageOfSeveralTest : public testing::Test {
 };
 
 TEST_F(SalvageOfSeveralTest, WhatIsWholeInEitherComesOver) {
-  const test_store store(storages, "", scratch_directory::place::in_memory);
+  const test_store store(storages_salvaged, "", scratch_directory::place::in_memory);
   object_id third = 0;
   {
     test_session session(store);
@@ -97,7 +97,7 @@ TEST_F(SalvageOfSeveralTest, WhatIsWholeInEitherComesOver) {
 // A process is killed at each of its operations while it commits to both storages; in between it
 // commits to one of them.
 TEST_F(SalvageOfSeveralTest, CommitsAreFinishedOrDroppedAsOpeningDoes) {
-  const test_store good(storages, "?log=64K", scratch_directory::place::in_memory);
+  const test_store good(storages_salvaged, "?log=64K", scratch_directory::place::in_memory);
   {
     test_session session(good);
     put_chain(session, 10, 3);

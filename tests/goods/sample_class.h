@@ -14,7 +14,7 @@
 #include <goods/object.h>
 #include <goods/ref.h>
 
-namespace goods::testing {
+namespace goods {
 
 struct body_deleter {
   void operator()(object* body) const { body->unpin(); }
@@ -96,4 +96,4 @@ inline std::unique_ptr<class_descriptor> make_sample_class(
                                             &object::self_class);
 }
 
-}  // namespace goods::testing
+}  // namespace goods

@@ -17,7 +17,7 @@
 #include "goods/layout_catalog.h"
 #include "support/test_database.h"
 
-namespace goods::testing {
+namespace goods {
 namespace {
 
 // The index that the root of a database leads to. (A cell refers to whatever it is given: classes
@@ -196,4 +196,4 @@ TEST(StoredIndexTest, RefusesPagesThatContradictEachOther) {
 }
 
 }  // namespace
-}  // namespace goods::testing
+}  // namespace goods

@@ -12,7 +12,7 @@
 
 #include "errors_matcher.h"
 
-namespace goods::testing {
+namespace goods {
 namespace {
 
 using namespace std::chrono_literals;
@@ -104,4 +104,4 @@ TEST(TaskTest, ASemaphoreStopsAtItsMaximum) {
 }
 
 }  // namespace
-}  // namespace goods::testing
+}  // namespace goods

@@ -23,7 +23,7 @@ namespace {
 using testing::ElementsAre;
 using testing::HasSubstr;
 
-std::string Written(const char* command, std::string_view value) {
+std::string WrittenLine(const char* command, std::string_view value) {
   std::string text;
   PInOut out;
   out.writeTo(text);
@@ -61,7 +61,7 @@ TEST(PInOutTest, WritesAndReadsEveryText) {
       {"\xEF\xBB\xBF", nullptr},
   };
   for (const Case& c : cases) {
-    const std::string line = Written("a", c.value);
+    const std::string line = WrittenLine("a", c.value);
     if (c.line != nullptr) {
       EXPECT_EQ(line, c.line);
     }
@@ -73,14 +73,14 @@ TEST(PInOutTest, WritesAndReadsEveryText) {
   for (int byte = 0; byte < 256; ++byte) bytes += static_cast<char>(byte);
   for (std::size_t length = 0; length <= bytes.size(); ++length) {
     std::string value;
-    Reader(Written("a", bytes.substr(length))).read(value);
+    Reader(WrittenLine("a", bytes.substr(length))).read(value);
     EXPECT_EQ(value, bytes.substr(length));
   }
 }
 
 TEST(PInOutTest, QuotesCommandsThatWouldReadDifferently) {
   for (const char* command : {"a", "a b", "(1) a", "\"", "}", "\n", "\xFF", " ", "("}) {
-    const std::string line = Written(command, "x");
+    const std::string line = WrittenLine(command, "x");
     Reader in(line);
     EXPECT_STREQ(in.getCommand(), command) << line;
     EXPECT_EQ(in.getValue(), "x") << line;

@@ -9,7 +9,7 @@
 namespace goods {
 namespace {
 
-constexpr std::size_t log_header = 32, frame_header = 24;
+constexpr std::size_t wal_header = 32, wal_frame_header = 24;
 constexpr std::byte inner_page{0x05}, leaf_page{0x0d};  // of a table
 // make_store() makes the tables first, one after the other, and there they begin for ever.
 constexpr std::uint32_t last_first_page = 1 + store_tables;
@@ -114,8 +114,8 @@ bool page_file::read_page(std::uint32_t number, page& into) try {
 // Frames count up to the last one that ends a transaction, and as far as the checksums go.
 void page_file::read_log(const std::string& path) try {
   log_ = storage_disk::instance().open(path);
-  if (!log_ || log_->size() < log_header) return;
-  std::array<std::byte, log_header> header;
+  if (!log_ || log_->size() < wal_header) return;
+  std::array<std::byte, wal_header> header;
   log_->read(0, header);
   const std::uint32_t magic = big32(header.data());
   if ((magic & ~1U) != 0x377f0682 || big32(&header[8]) != page_size) return;
@@ -124,15 +124,15 @@ void page_file::read_log(const std::string& path) try {
   sum.add(std::span(header).first(24));
   if (!sum.matches(&header[24])) return;
   std::unordered_map<std::uint32_t, std::uint64_t> open;
-  std::array<std::byte, frame_header + page_size> frame;
+  std::array<std::byte, wal_frame_header + page_size> frame;
   const std::uint64_t size = log_->size();
-  for (std::uint64_t at = log_header; at + frame.size() <= size; at += frame.size()) {
+  for (std::uint64_t at = wal_header; at + frame.size() <= size; at += frame.size()) {
     log_->read(at, frame);
     if (!std::equal(&frame[8], &frame[16], &header[16])) return;  // of an earlier use
     sum.add(std::span(frame).first(8));
-    sum.add(std::span(frame).subspan(frame_header));
+    sum.add(std::span(frame).subspan(wal_frame_header));
     if (!sum.matches(&frame[16])) return;
-    open[big32(frame.data())] = at + frame_header;
+    open[big32(frame.data())] = at + wal_frame_header;
     const std::uint32_t pages = big32(&frame[4]);
     if (pages == 0) continue;
     for (const auto& [number, content] : open) newer_[number] = content;

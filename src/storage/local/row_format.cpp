@@ -12,7 +12,6 @@ namespace {
 
 enum : std::size_t {
   checksum_at = 0,
-  kind_at = 8,
   packing_at = 9,
   unused_at = 10,
   length_at = 12,
@@ -49,14 +48,14 @@ void write_row(row_kind kind, std::uint64_t key, std::uint64_t version,
   } else if (!content.empty()) {
     std::memcpy(row + row_header_size, content.data(), content.size());
   }
-  row[kind_at] = static_cast<std::byte>(kind);
+  row[row_kind_at] = static_cast<std::byte>(kind);
   row[packing_at] = static_cast<std::byte>(packed != 0 ? 1 : 0);
   store_number<std::uint16_t>(row + unused_at, 0);
   store_number(row + length_at, static_cast<std::uint32_t>(content.size()));
   store_number(row + key_at, key);
   store_number(row + version_at, version);
   store_number<std::uint64_t>(row + checksum_at,
-                              ::XXH3_64bits(row + kind_at, out.size() - kind_at));
+                              ::XXH3_64bits(row + row_kind_at, out.size() - row_kind_at));
 }
 
 framed_row read_row(row_kind kind, std::uint64_t key, std::size_t longest,
@@ -64,9 +63,9 @@ framed_row read_row(row_kind kind, std::uint64_t key, std::size_t longest,
   if (row.size() < row_header_size) throw damaged_bytes("the row is too short");
   const std::byte* bytes = row.data();
   if (load_number<std::uint64_t>(bytes + checksum_at) !=
-      ::XXH3_64bits(bytes + kind_at, row.size() - kind_at))
+      ::XXH3_64bits(bytes + row_kind_at, row.size() - row_kind_at))
     throw damaged_bytes("the checksum does not match");
-  if (bytes[kind_at] != static_cast<std::byte>(kind) ||
+  if (bytes[row_kind_at] != static_cast<std::byte>(kind) ||
       load_number<std::uint64_t>(bytes + key_at) != key)
     throw damaged_bytes("another row is in its place");
   if (bytes[packing_at] > std::byte{1} || load_number<std::uint16_t>(bytes + unused_at) != 0)

@@ -22,6 +22,8 @@
 
 namespace goods {
 
+constexpr std::size_t row_kind_at = 8;  // in a row
+
 enum class row_kind : std::uint8_t {
   segment = 'S',
   piece = 'P',     // of an object too large for its segment

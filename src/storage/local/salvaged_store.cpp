@@ -10,7 +10,6 @@
 namespace goods {
 namespace {
 
-constexpr std::size_t kind_at = 8;  // in a row
 constexpr std::uint64_t segment_limit = (std::uint64_t{1} << 32) / segment_slots;
 constexpr std::uint64_t longest_log = std::uint64_t{2} << 30;  // bytes
 // How often all bytes of a log may be looked at: its records do not overlap, nor do those of one
@@ -44,7 +43,7 @@ void salvaged_store::keep_newest(std::unordered_map<Key, found_row>& rows, Key k
 
 void salvaged_store::take_row(std::int64_t key, const page_file::place& at,
                               std::span<const std::byte> row) {
-  const auto kind = static_cast<row_kind>(row[kind_at]);
+  const auto kind = static_cast<row_kind>(row[row_kind_at]);
   const auto framed = [&] {
     return goods::read_row(kind, static_cast<std::uint64_t>(key),
                            kind == row_kind::segment ? longest_segment : longest_row, row);
