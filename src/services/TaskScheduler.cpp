@@ -29,8 +29,9 @@ namespace {
 constexpr std::uint32_t kMostInARound = 64;  // runs, between which stop() is looked for anyhow
 constexpr std::size_t kTidiedAtOnce = 64;    // entries
 constexpr std::size_t kAll = std::numeric_limits<std::size_t>::max();
-constexpr std::size_t kLongestReason = 4096;      // bytes
-constexpr auto kRetryPause = std::chrono::seconds(1);  // before what could not be done is tried again
+constexpr std::size_t kLongestReason = 4096;  // bytes
+constexpr auto kRetryPause =
+    std::chrono::seconds(1);  // before what could not be done is tried again
 // What nobody signals is noticed after this: that the list is another node, or a delegate known.
 constexpr auto kLongestSleep = std::chrono::seconds(2);
 constexpr std::size_t kMostRemembered = 10'000;  // names, tasks

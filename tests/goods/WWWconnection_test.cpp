@@ -66,11 +66,9 @@ TEST(WWWconnectionTest, RefusesWhatGoesBeyondItsLimitsAndKeepsWhatItHas) {
   const std::string large = "a=" + std::string(WWWconnection::kMaxLength, 'x');
   for (const std::string& form :
        {std::string("a=1&b=%00"), std::string("a%00=1"), std::string("a=1\0", 4), many, large}) {
-    EXPECT_EQ(code_of([&] { request.add_form(form); }), error_code::usage)
-        << form.substr(0, 20);
+    EXPECT_EQ(code_of([&] { request.add_form(form); }), error_code::usage) << form.substr(0, 20);
   }
-  EXPECT_EQ(code_of([&] { request.add("a", std::string_view("\0", 1)); }),
-            error_code::usage);
+  EXPECT_EQ(code_of([&] { request.add("a", std::string_view("\0", 1)); }), error_code::usage);
   EXPECT_EQ(all_of(request), (attribute_list{{"kept", "1"}}));
   many.resize(many.size() - 2);
   request.add_form(many);

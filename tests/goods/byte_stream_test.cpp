@@ -79,7 +79,7 @@ TEST(ByteStreamTest, StoresReferencesRelativeToTheirObject) {
   };
   const test_case cases[] = {
       {0, 1},                                // none
-      {stream_id, 1},                             // itself
+      {stream_id, 1},                        // itself
       {make_object_id(3, 0x12345 + 31), 1},  // neighbours
       {make_object_id(3, 0x12345 - 31), 1},
       {make_object_id(3, 0x12345 + 4000), 2},

@@ -111,7 +111,8 @@ class CollectionFaultTest : public testing::Test {
     if (count > most) return "it has none of the states that it may have";
     session.db().start_gc();
     if (chain_of(session) != found) return "a collection removed what is needed";
-    if (objects_in_all_storages(session.db()) != found.size() + 1) return "a collection left something";
+    if (objects_in_all_storages(session.db()) != found.size() + 1)
+      return "a collection left something";
     return {};
   } catch (const std::exception& error) {
     return error.what();

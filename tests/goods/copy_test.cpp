@@ -46,7 +46,8 @@ void make_pairs(test_session& session) {
     ref<cell> first;
     for (int i = 0; i < 2 * pairs; ++i) {
       first = new_cell(0, first);
-      modify(first)->attach_to_storage(&session.db(), static_cast<storage_number>(i % storages_copied));
+      modify(first)->attach_to_storage(&session.db(),
+                                       static_cast<storage_number>(i % storages_copied));
     }
     modify(root)->next = first;
   });

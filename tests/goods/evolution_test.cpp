@@ -156,7 +156,8 @@ TEST(EvolutionTest, VaryingPartsGainAndLoseComponents) {
     out.put_double(0.1);
   }
   out.put_unsigned(0);
-  const owned_body body(state_loader(layout, B_page::self_class).load(nullptr, out.bytes(), evolved_id));
+  const owned_body body(
+      state_loader(layout, B_page::self_class).load(nullptr, out.bytes(), evolved_id));
   const index_page& page = static_cast<const B_page&>(*body).page();
   ASSERT_EQ(page.size(), 2U);
   EXPECT_EQ(page.name(1), "b");
@@ -305,7 +306,8 @@ TEST(EvolutionTest, DamagedStatesAndLayoutsAreRefused) {
       }
       const auto attempt = [&](const std::vector<std::byte>& text) {
         const auto parsed = std::make_shared<const class_layout>(class_layout::parse(text));
-        const owned_body body(state_loader(parsed, class_for(parsed)).load(nullptr, state, evolved_id));
+        const owned_body body(
+            state_loader(parsed, class_for(parsed)).load(nullptr, state, evolved_id));
         EXPECT_LE(packed(*body, evolved_id).size(), state.size() + 16);
       };
       for (const auto& text : {layout.bytes, described}) {

@@ -46,7 +46,8 @@ void put_chain(test_session& session, std::int64_t first, int length) {
     ref<cell> chain;
     for (int i = length; i-- > 0;) {
       chain = new_cell(first + i, chain);
-      modify(chain)->attach_to_storage(&session.db(), static_cast<std::uint32_t>(i) % storages_salvaged);
+      modify(chain)->attach_to_storage(&session.db(),
+                                       static_cast<std::uint32_t>(i) % storages_salvaged);
     }
     modify(root)->next = chain;
   });
@@ -56,7 +57,8 @@ class SalvageOfSeveralTest : public testing::Test {
  protected:
   // In the store of that directory, which nobody has open.
   static values salvaged(const fs::path& directory) {
-    const test_store into(storages_salvaged, "?durability=relaxed", scratch_directory::place::in_memory);
+    const test_store into(storages_salvaged, "?durability=relaxed",
+                          scratch_directory::place::in_memory);
     {
       database made;
       EXPECT_TRUE(made.open(into.configuration().c_str()));
