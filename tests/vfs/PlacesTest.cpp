@@ -346,8 +346,9 @@ TEST_F(PlacesTest, FoldersWithinThemselvesEnd) {
 
   const auto more = TarnVFSFolder::Create();
   modify(more)->addFolder("b", TarnVFSFolder::Create(), false);
-  modify(modify(more)->getChildWithNameNoFail(TarnVFSFolder::kFolders, TarnObject::GetType()))
-      ->addChild("self", more);
+  const TarnRef folders =
+      modify(more)->getChildWithNameNoFail(TarnVFSFolder::kFolders, TarnObject::GetType());
+  modify(folders)->addChild("self", more);
   EXPECT_TRUE(vfs().addFolder("a", more, false, true));
   unsigned long id = 0;
   ASSERT_TRUE(vfs().moveFolderToBin("a", &id));
@@ -358,6 +359,7 @@ TEST_F(PlacesTest, FoldersWithinThemselvesEnd) {
   ASSERT_TRUE(vfs().deleteFolder("copy"));
   EXPECT_EQ(vfs().getItem("x")->getRefCount(), 1u);
   EXPECT_EQ(tree(), (Tree{{"x", "1"}}));
+  modify(folders)->deleteChild("self");  // undoes the circle
 }
 
 }  // namespace
