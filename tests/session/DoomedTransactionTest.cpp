@@ -5,6 +5,7 @@
 #include <future>
 #include <latch>
 #include <map>
+#include <memory>
 #include <thread>
 
 #include "goods/thread_attachment.h"
@@ -31,17 +32,17 @@ class DoomedTransactionTest : public session_test {
   // Writes a, then waits for b, which another thread has locked and which then wants `wants`.
   void meet(const char* wants, milliseconds limit) {
     manager().setLockTimeout(limit);
-    std::latch haveLocked(2);
-    other_ = elsewhere([this, wants, &haveLocked] {
+    const auto haveLocked = std::make_shared<std::latch>(2);  // for whoever leaves it last
+    other_ = elsewhere([this, wants, haveLocked] {
       TarnTransaction transaction(manager());
       manager().set("b", 2);
-      haveLocked.arrive_and_wait();
+      haveLocked->arrive_and_wait();
       manager().set(wants, 2);
       if (*wants == 'c') std::move(timedOut_).get();
       transaction.commit();
     });
     manager().set("a", 1);
-    haveLocked.arrive_and_wait();
+    haveLocked->arrive_and_wait();
   }
 
   std::promise<void> hasTimedOut_;
