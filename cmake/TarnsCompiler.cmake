@@ -8,12 +8,9 @@ set(CMAKE_CXX_VISIBILITY_PRESET hidden)
 set(CMAKE_VISIBILITY_INLINES_HIDDEN ON)
 set(CMAKE_EXPORT_COMPILE_COMMANDS ON)
 
-# Some sources at a time, so that the headers they have in common, and what the compiler makes of
-# these, come once: a fifth of the time. Thus sources of one folder share their anonymous namespaces.
-# With CMAKE_UNITY_BUILD=OFF each source stands for itself.
-if(NOT DEFINED CMAKE_UNITY_BUILD)
-  set(CMAKE_UNITY_BUILD ON)
-endif()
+# Where CMAKE_UNITY_BUILD is set, as in most presets: so many sources at a time, so that the headers
+# they have in common, and what the compiler makes of these, come once. It takes a third of the time.
+# Thus sources of one folder share their anonymous namespaces.
 set(CMAKE_UNITY_BUILD_BATCH_SIZE 8)
 
 find_package(Threads REQUIRED)
