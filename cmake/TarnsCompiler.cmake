@@ -11,7 +11,9 @@ set(CMAKE_EXPORT_COMPILE_COMMANDS ON)
 # Where CMAKE_UNITY_BUILD is set, as in most presets: so many sources at a time, so that the headers
 # they have in common, and what the compiler makes of these, come once. It takes a third of the time.
 # Thus sources of one folder share their anonymous namespaces.
-set(CMAKE_UNITY_BUILD_BATCH_SIZE 8)
+if(NOT DEFINED CMAKE_UNITY_BUILD_BATCH_SIZE)
+  set(CMAKE_UNITY_BUILD_BATCH_SIZE 8)
+endif()
 
 find_package(Threads REQUIRED)
 

@@ -117,8 +117,8 @@ function(tarns_test name)
     LINKS ${arg_LINKS}
     PROGRAMS ${arg_PROGRAMS}
     LIBRARIES tests_support GTest::gtest_main ${arg_LIBRARIES})
-  # What is built before each run and runs for seconds; what it tests is compiled as elsewhere.
-  target_compile_options("tests_${name}" PRIVATE $<$<CONFIG:Debug>:-O0 -fno-sanitize=undefined>)
+  # What is built before each run and runs for seconds.
+  target_compile_options("tests_${name}" PRIVATE $<$<CONFIG:Debug>:-O0>)
   list(JOIN arg_THREADS ":" threads)
   if(threads)
     _tarns_discover("${name}" "${threads}" ${arg_TIMEOUT} TEST_LIST "${name}_threads")

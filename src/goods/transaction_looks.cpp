@@ -115,11 +115,13 @@ bool transaction::has_written(std::span<const stored_neighbours> objects) const 
   });
 }
 
+// What is looked at before the locks only spares those that a stale sum would take.
 bool transaction::lock_unchanged(std::span<const stored_neighbours> objects, std::uint32_t sum) {
   verify_not_doomed();
-  if (has_written(objects)) return false;
+  const change_counters& changes = session_.cache().changes();
+  if (changes.sum_of(objects) != sum || has_written(objects)) return false;
   lock_shared(objects);
-  return session_.cache().changes().sum_of(objects) == sum;
+  return changes.sum_of(objects) == sum;
 }
 
 void transaction::lock_shared(std::span<const stored_neighbours> objects) {
@@ -127,9 +129,8 @@ void transaction::lock_shared(std::span<const stored_neighbours> objects) {
   for (std::size_t next = 0; next < objects.size();) {
     const storage_number storage = objects[next].storage;
     lock_table& locks = session_.db().storage(storage).dbs().locks();
-    commit_version newest = 0;  // what is held already has not changed since
+    commit_version newest = 0;
     for (; next < objects.size() && objects[next].storage == storage; ++next) {
-      if (owner_.holds_shared(locks, objects[next].objects)) continue;
       try {
         newest = locks.lock_shared(owner_, objects[next].objects, limit);
       } catch (const error_info& error) {
@@ -140,7 +141,7 @@ void transaction::lock_shared(std::span<const stored_neighbours> objects) {
             lock_mode::shared);
       }
     }
-    if (newest != 0) session_.cache().apply_notices(storage, newest);
+    session_.cache().apply_notices(storage, newest);
   }
 }
 

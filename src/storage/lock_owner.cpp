@@ -43,11 +43,6 @@ bool lock_owner::holds(const lock_table& table, object_number number, lock_mode 
   return grant != nullptr && grant->holds(neighbours::member_of(number), mode);
 }
 
-bool lock_owner::holds_shared(const lock_table& table, const neighbours& objects) const {
-  const lock_grant* grant = find(table, objects.group);
-  return grant != nullptr && grant->holds(objects.members, lock_mode::shared);
-}
-
 bool lock_owner::holds_exclusively(const lock_table& table, const neighbours& objects) const {
   const lock_grant* grant = find(table, objects.group);
   return grant != nullptr && (grant->exclusive & objects.members) != 0;

@@ -40,8 +40,6 @@ class lock_owner {
   // threads write to.
   bool holds(const lock_table& table, object_number number, lock_mode mode) const;
 
-  // Whether it holds all of several objects, in whatever mode.
-  bool holds_shared(const lock_table& table, const neighbours& objects) const;
   // Whether it holds one of several objects exclusively.
   bool holds_exclusively(const lock_table& table, const neighbours& objects) const;
 

@@ -13,14 +13,11 @@
 #include "storage/local/store_schema.h"
 
 namespace goods {
-namespace {
 
 std::string parent_of(const std::string& path) {
   const std::size_t slash = path.rfind('/');
   return slash == 0 || slash == std::string::npos ? "/" : path.substr(0, slash);
 }
-
-}  // namespace
 
 directory_identity prepare_directory(const std::string& directory) {
   storage_disk::instance().make_directory(directory);

@@ -8,6 +8,9 @@
 
 namespace goods {
 
+// The directory above an absolute path.
+std::string parent_of(const std::string& path);
+
 // Makes the directory when it is missing (0700, under any umask; its parent must exist) and tells
 // which one it is; that it was made is durable once there is a store in it. Throws input_output
 // naming it.

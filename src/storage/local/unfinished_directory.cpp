@@ -7,6 +7,7 @@
 #include <filesystem>
 
 #include "storage/local/storage_file.h"
+#include "storage/local/store_directory.h"
 #include "storage/storage_process.h"
 
 namespace goods {
@@ -27,11 +28,6 @@ std::string full_path(const std::string& directory) {
   std::string path = full.has_filename() ? full.string() : full.parent_path().string();
   if (path == "/") throw_no_name(directory);
   return path;
-}
-
-std::string parent_of(const std::string& path) {
-  const std::size_t slash = path.rfind('/');
-  return slash == 0 ? "/" : path.substr(0, slash);
 }
 
 // A directory with nothing in it but files of a store.
