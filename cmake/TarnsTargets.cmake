@@ -81,7 +81,7 @@ function(tarns_program name)
     return()
   endif()
   add_executable("${name}" ${arg_SOURCES})
-  # What stands between programs and the system has names of its own everywhere.
+  # What several programs share stands for itself: its names would meet those of each folder.
   set(apart ${arg_SOURCES})
   list(FILTER apart INCLUDE REGEX "/support/")
   set_source_files_properties(${apart} PROPERTIES SKIP_UNITY_BUILD_INCLUSION ON)
@@ -117,7 +117,7 @@ function(tarns_test name)
     LINKS ${arg_LINKS}
     PROGRAMS ${arg_PROGRAMS}
     LIBRARIES tests_support GTest::gtest_main ${arg_LIBRARIES})
-  # What is built before each run and runs for seconds.
+  # Quick to build comes before quick to run: most cases take less than compiling them.
   target_compile_options("tests_${name}" PRIVATE $<$<CONFIG:Debug>:-O0>)
   list(JOIN arg_THREADS ":" threads)
   if(threads)
